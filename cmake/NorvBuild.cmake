@@ -1,0 +1,36 @@
+# What every target of the tree shares: the language, the warnings, the output folders, ccache.
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+
+if(NOT CMAKE_BUILD_TYPE)
+  set(CMAKE_BUILD_TYPE RelWithDebInfo CACHE STRING "Build type" FORCE)
+endif()
+
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/bin)
+set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/lib)
+set(CMAKE_ARCHIVE_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/lib)
+
+find_program(NORV_CCACHE ccache)
+if(NORV_CCACHE)
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${NORV_CCACHE})
+endif()
+
+# One of: empty, "address,undefined", "thread".
+set(NORV_SANITIZE "" CACHE STRING "Sanitizers to build everything of ours with")
+if(NORV_SANITIZE)
+  add_compile_options(-fsanitize=${NORV_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  add_link_options(-fsanitize=${NORV_SANITIZE})
+endif()
+
+# Source paths in assertion messages are relative to the tree, whoever built it wherever.
+add_compile_options(-ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)
+
+# Our own code: warnings are errors, and in the clang build a breach of a lock annotation is one.
+function(norv_own_code target)
+  target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Werror
+    $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>)
+endfunction()

@@ -1,0 +1,35 @@
+# `cmake --install`: the three libraries with their headers, the CMake package `norv` and a pkg-config
+# file each.
+include(GNUInstallDirs)
+include(CMakePackageConfigHelpers)
+
+install(TARGETS lumo bessgrpc norv agent EXPORT norvTargets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
+install(TARGETS norvctl bessd-standin skein RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+foreach(layer framework types client manager agent)
+  install(DIRECTORY ${PROJECT_SOURCE_DIR}/${layer}/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+endforeach()
+install(DIRECTORY ${BESSGRPC_GENERATED_DIR}/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+  FILES_MATCHING PATTERN "*.h")
+
+install(EXPORT norvTargets NAMESPACE norv:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/norv)
+configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/norvConfig.cmake.in
+  ${PROJECT_BINARY_DIR}/norvConfig.cmake
+  INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/norv)
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/norvConfigVersion.cmake
+  COMPATIBILITY SameMinorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/norvConfig.cmake ${PROJECT_BINARY_DIR}/norvConfigVersion.cmake
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/norv)
+
+function(norv_pkg_config name description requires)
+  set(NORV_PC_NAME ${name})
+  set(NORV_PC_DESCRIPTION ${description})
+  set(NORV_PC_REQUIRES ${requires})
+  configure_file(${PROJECT_SOURCE_DIR}/cmake/library.pc.in ${PROJECT_BINARY_DIR}/${name}.pc @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/${name}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+endfunction()
+norv_pkg_config(lumo "Entity framework and trace libraries" "")
+norv_pkg_config(bessgrpc "Messages and stubs of the switch daemon's control protocol"
+  "grpc++ protobuf")
+norv_pkg_config(norv "${PROJECT_DESCRIPTION}" "lumo bessgrpc")

@@ -1,0 +1,67 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <iosfwd>
+#include <string>
+#include <typeinfo>
+#include <vector>
+
+#include <Lumo/Types.h>
+
+namespace Lumo {
+
+// What one class has allocated: counters that its operator new and delete keep, readable at any
+// time from any thread. A record is constant-initialised and enters the process-wide list of
+// records at its first allocation.
+class AllocTrackTypeInfo {
+ public:
+  constexpr AllocTrackTypeInfo() = default;
+  AllocTrackTypeInfo(const AllocTrackTypeInfo&) = delete;
+  AllocTrackTypeInfo& operator=(const AllocTrackTypeInfo&) = delete;
+
+  // `size` is the class's own fixed size in bytes, also where a larger subclass was allocated.
+  static void trackAllocation(AllocTrackTypeInfo* info, const std::type_info& type,
+                              std::size_t size);
+  static void trackDeallocation(AllocTrackTypeInfo* info);
+  // The same for an array: one allocation, however many elements; `size` is the whole array's.
+  static void trackArrayAllocation(AllocTrackTypeInfo* info, const std::type_info& type,
+                                   std::size_t size);
+  static void trackArrayDeallocation(AllocTrackTypeInfo* info);
+
+  U64 allocations() const { return allocations_.load(std::memory_order_relaxed); }
+  U64 deallocations() const { return deallocations_.load(std::memory_order_relaxed); }
+  U64 live() const { return allocations() - deallocations(); }
+  // Bytes recorded by all allocations so far; deallocations do not lower it.
+  U64 bytes() const { return bytes_.load(std::memory_order_relaxed); }
+
+ private:
+  friend std::vector<struct AllocTrackRow> allocTrackSnapshot();
+
+  // Counters are independent of each other and of the memory they count: relaxed.
+  std::atomic<U64> allocations_{0};
+  std::atomic<U64> deallocations_{0};
+  std::atomic<U64> bytes_{0};
+  // Set before the record is published in the list (release), never changed after.
+  std::atomic<const std::type_info*> type_{nullptr};
+  AllocTrackTypeInfo* next_ = nullptr;
+};
+
+// One class in a snapshot of the records.
+struct AllocTrackRow {
+  std::string typeName;
+  U64 allocations = 0;
+  U64 deallocations = 0;
+  U64 bytes = 0;
+  U64 live() const { return allocations - deallocations; }
+};
+
+// Every class that has allocated so far, sorted by name.
+std::vector<AllocTrackRow> allocTrackSnapshot();
+// What happened between two snapshots; classes without a change are left out.
+std::vector<AllocTrackRow> allocTrackDifference(const std::vector<AllocTrackRow>& before,
+                                                const std::vector<AllocTrackRow>& after);
+// A line per class: live objects, allocations, deallocations, bytes, name.
+void allocTrackReport(std::ostream& out);
+
+}  // namespace Lumo

@@ -1,0 +1,87 @@
+#pragma once
+
+#include <map>
+
+#include <Lumo/Entity.h>
+#include <Lumo/Notifiee.h>
+
+namespace Lumo {
+
+class NotifieeListClockLinkNode;
+
+// When a clock reactor is due: a time in seconds, and a number that keeps reactors of the same time
+// in the order in which they asked.
+struct NotifieeListClockKey {
+  double time = 0;
+  int seq = 0;
+  bool operator<(const NotifieeListClockKey& other) const {
+    return time < other.time || (time == other.time && seq < other.seq);
+  }
+};
+
+// A source of time events. Time is in seconds and only moves when timeIs is called: by a test, or
+// by Lumo::MainLoop for the clock it drives. Main thread only.
+class Clock : public Entity {
+  LUMO_OBJECT(Clock)
+
+ public:
+  // A reactor on a clock. Registered, it is due at the next time event; after that, and whenever it
+  // likes, it says by timeoutIs when it wants to be called next. Each call uses the request up.
+  class NotifieeConst : public Lumo::NotifieeConst {
+    LUMO_OBJECT(NotifieeConst)
+
+   public:
+    ~NotifieeConst() override;
+    void isRegisteredNotifieeIs(bool registered) const override;
+    virtual void onTime();
+
+    Ptr<Clock const> notifier() const;
+    // Absolute time of the next call; in the past means at the next time event.
+    void timeoutIs(double time);
+
+   protected:
+    NotifieeConst() = default;
+    explicit NotifieeConst(Ptr<Clock const> const& clock);
+  };
+
+  static Ptr<Clock> ClockIs(Name name);
+  ~Clock() override;
+
+  Name name() const override { return name_; }
+  NotifieeList* notifieeList() const override { return &notifiees_; }
+  void zeroReferencesIs(bool zero) override;
+
+  double time() const { return time_; }
+  // Moves time and calls the reactors due up to and including it, in the order of their keys. A
+  // reactor leaves the schedule before its call, so its handler may ask for another; one that asks
+  // for a time already past is called again by the next event, not by this one.
+  void timeIs(double time);
+  // The earliest request, or a negative number when nobody waits.
+  double nextTimeout() const;
+
+ private:
+  friend class NotifieeConst;
+
+  explicit Clock(Name name) : name_(name) {}
+  void scheduleIs(NotifieeConst* reactor, double time) const;
+  void scheduleDel(const NotifieeConst* reactor) const;
+
+  Name name_;
+  double time_ = 0;
+  mutable int nextSeq_ = 0;
+  mutable TypedNotifieeList<NotifieeConst> notifiees_;
+  mutable std::map<NotifieeListClockKey, NotifieeListClockLinkNode> schedule_;
+};
+
+// One request in a clock's schedule. It does not own the reactor, which leaves the schedule when it
+// is unregistered.
+class NotifieeListClockLinkNode {
+ public:
+  explicit NotifieeListClockLinkNode(Clock::NotifieeConst* reactor) : reactor_(reactor) {}
+  Clock::NotifieeConst* reactor() const { return reactor_; }
+
+ private:
+  Clock::NotifieeConst* reactor_;
+};
+
+}  // namespace Lumo

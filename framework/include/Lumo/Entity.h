@@ -1,0 +1,50 @@
+#pragma once
+
+#include <Lumo/Assert.h>
+#include <Lumo/FwkEntityReadsPreserve.h>
+#include <Lumo/Name.h>
+#include <Lumo/Notifiee.h>
+#include <Lumo/PtrInterface.h>
+
+namespace Lumo {
+
+// Base of the objects that have attributes to follow. A mutator of an entity does, in this order:
+// step the entity version, compare, store if different, assert that nobody on this thread relies on
+// the old value, notify. An entity is changed on the main thread, unless its own header says more.
+class Entity : public PtrInterface {
+  LUMO_OBJECT(Entity)
+
+ public:
+  // Hook of restoring from a backup, called before the entity enters a collection. No persistence
+  // is built: the base does nothing, and a named entity takes the name.
+  virtual void nameIsFromBackup(Name name);
+  virtual Name name() const;  // the base has none: empty
+
+  // The other hooks of backup and restore; none does anything.
+  virtual void reconstruct();
+  virtual void saveConstructParams();
+  virtual void entBackupDel();
+  virtual bool lumoHasAttrLogInterface() const;
+  virtual void lumoNboAttrLogSaIs();
+
+  // Counts the calls of mutators, whether they changed anything or not.
+  U64 fwkEntityVersion() const { return version_.load(std::memory_order_relaxed); }
+  void fwkEntityVersionInc() { version_.fetch_add(1, std::memory_order_relaxed); }
+
+ protected:
+  Entity() = default;
+
+  // Before a notification is fired: aborts if this thread is inside a scope that preserves reads.
+  void assertNoReadsPreserved() const {
+    LUMO_ASSERT(!FwkEntityReadsPreserve::anyActive(this),
+                "!Lumo::FwkEntityReadsPreserve::anyActive( this )");
+  }
+
+ private:
+  std::atomic<U64> version_{0};
+};
+
+// Tells every reactor on `list` that its notifier has no references left.
+void notifyZeroReferences(NotifieeList& list);
+
+}  // namespace Lumo

@@ -1,0 +1,80 @@
+#pragma once
+
+#include <Lumo/BitSet.h>
+#include <Lumo/NotifieeList.h>
+#include <Lumo/PtrInterface.h>
+
+namespace Lumo {
+
+// The activity a reactor belongs to. The framework has one, the main thread's, and no object for
+// it.
+class ActivityConfig;
+
+// Base of every reactor: it follows one object, its notifier, and is called when that object
+// changes. A reactor type derives from the nested NotifieeConst of the type it follows and
+// overrides the handlers it wants.
+//
+// A reactor holds a counted pointer to its notifier and is itself held by its owner; the notifier
+// does not own it. Its states:
+//   active       (bit of the reference word) notification is on
+//   registered   it stands in its notifier's list; only then is it called
+//   wasNotified  remembered over an inactive time: whether it goes back into the list
+//   enabled      set by construction, for the owner's use; delivery goes by registration alone
+//   zombie       marked for deletion, and out of the list
+//
+// Reactors are made, changed and destroyed on the main thread. Handlers run on the thread that
+// changed the notifier.
+class NotifieeConst : public PtrInterface {
+  LUMO_OBJECT(NotifieeConst)
+
+ public:
+  ~NotifieeConst() override;
+
+  virtual bool lumoReactor() const;
+  // Enters the reactor into its notifier's list, or takes it out. Without a notifier it stays out.
+  virtual void isRegisteredNotifieeIs(bool registered) const;
+  // Follows `notifier` from now on (null: nothing); a registered reactor moves to the new list.
+  virtual void notifierIs(Ptr<PtrInterface const> const& notifier);
+  virtual void handleNotification(ActivityConfig* activity);
+  // Called inside the handler of an exception that left one of the reactor's handlers. The base
+  // throws it again, so that it reaches whoever changed the notifier.
+  virtual void onNotificationException();
+  // The notifier's last reference has gone. Only reaches a reactor that does not hold its notifier.
+  virtual void onZeroReferences();
+  virtual ActivityConfig* lumoFwkActivity() const;
+  virtual PtrInterface* actsm();
+
+  // Off: out of the list, remembering whether it was in. On: back in, if it was.
+  void hasNotificationActiveIs(bool active) override;
+
+  bool isRegisteredNotifiee() const { return registered_; }
+  bool wasNotified() const { return Lumo_BitSet.bit(wasNotifiedBit); }
+  void wasNotifiedIs(bool was) { Lumo_BitSet.bitIs(wasNotifiedBit, was); }
+  bool enabled() const { return Lumo_BitSet.bit(enabledBit); }
+  void enabledIs(bool enabled) { Lumo_BitSet.bitIs(enabledBit, enabled); }
+  const PtrInterface* lumoRawNotifier() const { return notifier_.ptr(); }
+
+ protected:
+  // All flags clear, no notifier.
+  NotifieeConst() = default;
+
+  // The steps that make a reactor ready, for the constructor of a derived class to call once its
+  // own members stand: active, enabled, following `notifier`, registered. Virtual functions that
+  // react to a change of notifier are not called.
+  void startFollowing(Ptr<PtrInterface const> const& notifier);
+
+  // The common body of every reactor's lumoDoZombieReactors: a zombie leaves the list, a revived
+  // reactor goes back. A second call with the same value does nothing.
+  void doZombieReactor(bool zombie);
+
+  static constexpr int wasNotifiedBit = 19;
+  static constexpr int enabledBit = 26;
+
+  BitSet<31, unsigned int> Lumo_BitSet;
+  Ptr<PtrInterface const> notifier_;
+
+ private:
+  mutable bool registered_ = false;
+};
+
+}  // namespace Lumo

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <Lumo/String.h>
+
+#include <string>
+#include <string_view>
+
+namespace Lumo {
+
+// One line of the text trace. The pointers and views live as long as the call that hands it out.
+struct TraceLine {
+  String facility;
+  unsigned level = 0;
+  const char* file = "";
+  int line = 0;
+  const char* function = "";
+  std::string_view text;
+  U64 timeNs = 0;  // since 1970-01-01 UTC
+  int thread = 0;  // the kernel's thread id
+};
+
+// Appends the line as a person reads it, with its newline:
+// 2026-01-31T12:00:00.123456 4711 GrpcClient/5 GrpcClient.cpp:77 doProcessGrpcCmd: TEXT
+// Time is UTC; line ends within the text become \n and \r.
+void appendTraceLine(std::string& out, const TraceLine& line);
+
+// Where text lines go. `lineIs` is called on the tracing thread, from several threads at once. An
+// exception of a sink reaches the code that traced.
+class TraceSink {
+ public:
+  virtual ~TraceSink() = default;
+  virtual void lineIs(const TraceLine& line) = 0;
+};
+
+// Replaces the sink; null brings back standard error, one write per line. The sink stays the
+// caller's. On return no thread is inside the previous sink, so it may be destroyed: do not call
+// this from within a sink.
+void traceSinkIs(TraceSink* sink);
+TraceSink* traceSink();  // null for standard error
+
+}  // namespace Lumo

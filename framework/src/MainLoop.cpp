@@ -1,0 +1,133 @@
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/timerfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include <Lumo/Exception.h>
+#include <Lumo/MainLoop.h>
+
+namespace Lumo {
+
+namespace {
+
+using namespace std::chrono_literals;
+
+// How long runUntil goes without looking at its condition.
+constexpr auto conditionInterval = 2ms;
+
+}  // namespace
+
+MainLoop::MainLoop()
+    : clock_(Clock::ClockIs("MainLoop")),
+      wakeFd_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
+      timerFd_(timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC)) {
+  if (wakeFd_ >= 0 && timerFd_ >= 0) return;
+  const int error = errno;
+  if (wakeFd_ >= 0) close(wakeFd_);
+  if (timerFd_ >= 0) close(timerFd_);
+  throw ErrnoException("The main loop's event descriptors could not be made", error);
+}
+
+MainLoop::~MainLoop() {
+  close(wakeFd_);
+  close(timerFd_);
+}
+
+void MainLoop::post(Task task) {
+  {
+    LockAnchor anchor(&queueLock_);
+    tasks_.push_back(std::move(task));
+  }
+  wake();
+}
+
+void MainLoop::stop() {
+  {
+    LockAnchor anchor(&queueLock_);
+    stop_ = true;
+  }
+  wake();
+}
+
+void MainLoop::run() {
+  while (true) {
+    turn();
+    if (takeStop()) return;
+    waitForEvent(TimePoint::max());
+  }
+}
+
+bool MainLoop::runUntil(const std::function<bool()>& condition, Duration timeout) {
+  const TimePoint deadline = std::chrono::steady_clock::now() + timeout;
+  while (true) {
+    turn();
+    {
+      ActivityLockAnchor anchor;
+      if (condition()) return true;
+    }
+    const TimePoint now = std::chrono::steady_clock::now();
+    if (takeStop() || now >= deadline) return false;
+    waitForEvent(std::min(deadline, now + conditionInterval));
+  }
+}
+
+double MainLoop::seconds() const {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
+}
+
+// Everything that is due now: the tasks posted so far, then the clock.
+void MainLoop::turn() {
+  std::vector<Task> tasks;
+  {
+    LockAnchor anchor(&queueLock_);
+    tasks.swap(tasks_);
+  }
+  ActivityLockAnchor activity;
+  for (std::size_t done = 0; done < tasks.size(); ++done) {
+    try {
+      tasks[done]();
+    } catch (...) {
+      LockAnchor anchor(&queueLock_);
+      tasks_.insert(tasks_.begin(), std::make_move_iterator(tasks.begin() + done + 1),
+                    std::make_move_iterator(tasks.end()));
+      throw;
+    }
+  }
+  clock_->timeIs(seconds());
+}
+
+bool MainLoop::takeStop() {
+  LockAnchor anchor(&queueLock_);
+  return std::exchange(stop_, false);
+}
+
+// Waits, without the activity lock, for a post, a stop, the clock's next request or `until`.
+void MainLoop::waitForEvent(TimePoint until) {
+  const double next = clock_->nextTimeout();
+  TimePoint wakeAt = until;
+  if (next >= 0) {
+    const auto due =
+        start_ + std::chrono::duration_cast<Duration>(std::chrono::duration<double>(next));
+    wakeAt = std::min(wakeAt, due);
+  }
+  itimerspec timer{};  // zero: disarmed
+  if (wakeAt != TimePoint::max()) {
+    const auto wait =
+        std::max<std::chrono::nanoseconds>(wakeAt - std::chrono::steady_clock::now(), 1ns);
+    timer.it_value.tv_sec = wait / 1s;
+    timer.it_value.tv_nsec = (wait % 1s).count();
+  }
+  timerfd_settime(timerFd_, 0, &timer, nullptr);
+  pollfd events[] = {{wakeFd_, POLLIN, 0}, {timerFd_, POLLIN, 0}};
+  poll(events, 2, -1);
+  eventfd_t count = 0;
+  eventfd_read(wakeFd_, &count);
+}
+
+void MainLoop::wake() {
+  eventfd_write(wakeFd_, 1);
+}
+
+}  // namespace Lumo
