@@ -1,8 +1,8 @@
 #pragma once
 
-#include <Lumo/String.h>
-
 #include <vector>
+
+#include <Lumo/String.h>
 
 namespace Lumo {
 

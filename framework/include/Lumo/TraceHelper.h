@@ -1,9 +1,9 @@
 #pragma once
 
-#include <Lumo/TraceHandle.h>
-
 #include <cstddef>
 #include <iosfwd>
+
+#include <Lumo/TraceHandle.h>
 
 namespace Lumo {
 

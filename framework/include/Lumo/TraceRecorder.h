@@ -1,9 +1,9 @@
 #pragma once
 
-#include <Lumo/TraceSink.h>
-
 #include <mutex>
 #include <vector>
+
+#include <Lumo/TraceSink.h>
 
 namespace Lumo {
 

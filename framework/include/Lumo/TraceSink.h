@@ -1,15 +1,15 @@
 #pragma once
 
-#include <Lumo/String.h>
-
 #include <string>
 #include <string_view>
+
+#include <Lumo/String.h>
 
 namespace Lumo {
 
 // One line of the text trace. The pointers and views live as long as the call that hands it out.
 struct TraceLine {
-  String facility;
+  std::string_view facility;
   unsigned level = 0;
   const char* file = "";
   int line = 0;

@@ -1,0 +1,199 @@
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <ostream>
+#include <string_view>
+
+#include <Lumo/Trace.h>
+#include <Skein/MsgDesc.h>
+#include <Skein/TraceHandle.h>
+#include <Twine/SkeinConverter.h>
+
+// Trace points. A point is a constexpr row; `Twine::trace<row>(arguments...)` is the statement.
+//
+//   inline constexpr Twine::Module module{&_defaultTraceHandle, levelMap, "GrpcClient.cpp"};
+//   inline constexpr Twine::Point failed{&module, 102, "processResponseCommon", 0,
+//                                        Twine::Sinks::both, "Failure: error_code: %s"};
+//   Twine::trace<failed>(code);
+//
+// Each "%s" of the text is the place of an argument; a text without any is followed by its
+// arguments. Arguments are not formatted until a sink wants them. Any thread.
+namespace Twine {
+
+using ::U8;
+
+enum class Sinks : U8 { text, both };
+
+// What the points of a module share.
+struct Module {
+  Lumo::TraceHandle& (*handle)();
+  U8* levelMap;      // ten entries, see levelMapIs; null where all points are text only
+  const char* file;  // named in lines and descriptors, whatever the real file is called
+};
+
+struct Point {
+  const Module* module;
+  int line;  // likewise given, never that of the statement
+  const char* function;
+  U8 level;
+  Sinks sinks;
+  const char* text;
+};
+
+// Sets a module's map from trace level to the level under which ring records are logged; true.
+// Any thread, also while the module traces.
+bool levelMapIs(U8* levelMap, const std::array<U8, 10>& levels);
+
+namespace detail {
+
+// A module's handle, kept where a point reaches it with one load. Made at the first trace.
+template <const Module& module>
+inline constinit std::atomic<Lumo::TraceHandle*> knownHandle{nullptr};
+
+template <const Module& module>
+Lumo::TraceHandle& handleOf() {
+  Lumo::TraceHandle* handle = knownHandle<module>.load(std::memory_order_acquire);
+  if (!handle) [[unlikely]] {
+    handle = &module.handle();
+    knownHandle<module>.store(handle, std::memory_order_release);
+  }
+  return *handle;
+}
+
+inline bool textWanted(Lumo::TraceHandle& handle, unsigned level) {
+  return handle.enabled(level) || Lumo::coverageStream_.load(std::memory_order_relaxed) != nullptr;
+}
+
+// The pieces of a point's text: one before each argument and one after the last.
+template <const Point& point, std::size_t count>
+constexpr std::array<std::string_view, count + 1> piecesOf() {
+  std::array<std::string_view, count + 1> pieces{};
+  std::string_view rest = point.text;
+  const bool places = Skein::placesIn(rest) != 0;
+  for (std::size_t i = 0; i < count; ++i) {
+    const std::size_t length = places ? rest.find("%s") : (i == 0 ? rest.size() : 0);
+    pieces[i] = rest.substr(0, length);
+    rest.remove_prefix(length + (places ? 2 : 0));
+  }
+  pieces[count] = rest;
+  return pieces;
+}
+
+// Writes the text with its arguments in place: `text(string_view)` and `argument(value)` in turn.
+template <const Point& point, class Text, class Argument, class... Args>
+void write(Text&& text, Argument&& argument, const Args&... args) {
+  constexpr std::string_view whole = point.text;
+  constexpr bool appended = Skein::placesIn(whole) == 0;
+  static constexpr auto pieces = piecesOf<point, sizeof...(Args)>();
+  [[maybe_unused]] std::size_t i = 0;
+  const auto one = [&](const auto& value) {
+    if (!pieces[i].empty()) text(pieces[i]);
+    if (appended && Skein::blankBeforeArgument(whole, i)) text(std::string_view(" "));
+    argument(value);
+    ++i;
+  };
+  (one(args), ...);
+  if (!pieces[sizeof...(Args)].empty()) text(pieces[sizeof...(Args)]);
+}
+
+inline void writeText(std::ostream& out, std::string_view text) {
+  out.write(text.data(), static_cast<std::streamsize>(text.size()));
+}
+
+// An argument of a text-only point: like the other sinks where they know its type, streamed
+// otherwise.
+template <class T>
+void writeArgument(std::ostream& out, const T& value) {
+  if constexpr (Skein::isArgument<T>) {
+    Skein::render(value, [&out](const char* text, std::size_t length) {
+      out.write(text, static_cast<std::streamsize>(length));
+    });
+  } else {
+    out << value;
+  }
+}
+
+// The ring half: describes the point unless this file knows it, then writes the record.
+template <const Point& point, class... Args>
+void record(Skein::TraceFile& file, const Args&... args) {
+  static int msgId = 0;
+  int id = std::atomic_ref<int>(msgId).load(std::memory_order_acquire);
+  if (!file.msgIdInitialized(id)) [[unlikely]] {
+    Skein::MsgDesc descriptor(&file, &msgId, point.module->file, point.line,
+                              Skein::placesIn(point.text) != 0);
+    (descriptor.formatString() << ... << args);
+    descriptor.originIs(handleOf<*point.module>().name(), point.level, point.function);
+    descriptor << point.text;
+    id = descriptor.finish();
+  }
+  const U8 level =
+      std::atomic_ref<U8>(point.module->levelMap[point.level]).load(std::memory_order_relaxed);
+  Skein::RingBuf& ring = file.log(level);
+  ring.startMsg(&file, id);
+  (ring.put(args), ...);
+  ring.endMsg();
+}
+
+template <const Point& point, class... Args>
+[[gnu::noinline]] void recordInDefaultFile(const Args&... args) {
+  const Skein::InTracePoint inTracePoint;
+  if (Skein::TraceFile* file = Skein::defaultSkeinFile()) record<point>(*file, args...);
+}
+
+template <const Point& point>
+Lumo::TraceHelper* helperIn(void* storage) {
+  return Lumo::TraceHelper::createIfEnabled(handleOf<*point.module>(), point.level, storage);
+}
+
+// The text half of a point with both sinks.
+template <const Point& point, class... Args>
+[[gnu::noinline]] void convert(const Args&... args) {
+  SkeinConverter converter;
+  write<point>([&](std::string_view text) { writeText(converter.fixed(), text); },
+               [&](const auto& value) { converter << value; }, args...);
+  alignas(void*) std::byte storage[Lumo::TraceHelper::storageSize];
+  if (Lumo::TraceHelper* helper = helperIn<point>(storage)) {
+    Lumo::EnsureTraceHelperIsDestroyed ensure(helper);
+    helper->stringstream() << converter.traceString();
+    helper->trace(point.module->file, point.line, point.function);
+  }
+}
+
+// A point with the text sink only.
+template <const Point& point, class... Args>
+[[gnu::noinline]] void print(const Args&... args) {
+  alignas(void*) std::byte storage[Lumo::TraceHelper::storageSize];
+  if (Lumo::TraceHelper* helper = helperIn<point>(storage)) {
+    Lumo::EnsureTraceHelperIsDestroyed ensure(helper);
+    std::ostream& out = helper->stringstream();
+    write<point>([&](std::string_view text) { writeText(out, text); },
+                 [&](const auto& value) { writeArgument(out, value); }, args...);
+    helper->trace(point.module->file, point.line, point.function);
+  }
+}
+
+}  // namespace detail
+
+template <const Point& point, class... Args>
+inline void trace(const Args&... args) {
+  constexpr std::size_t places = Skein::placesIn(point.text);
+  static_assert(places == 0 || places == sizeof...(Args),
+                "the text of the point has a \"%s\" for each argument, or none at all");
+  static_assert(point.level < Lumo::TraceFacility::levelCount, "levels are 0 to 9");
+  if constexpr (point.sinks == Sinks::both) {
+    static_assert(point.module->levelMap != nullptr, "a point with both sinks needs a level map");
+    if (Skein::defaultHandle_.load(std::memory_order_relaxed)) [[unlikely]] {
+      detail::recordInDefaultFile<point>(args...);
+    }
+  }
+  if (detail::textWanted(detail::handleOf<*point.module>(), point.level)) [[unlikely]] {
+    if constexpr (point.sinks == Sinks::both) {
+      detail::convert<point>(args...);
+    } else {
+      detail::print<point>(args...);
+    }
+  }
+}
+
+}  // namespace Twine

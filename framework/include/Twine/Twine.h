@@ -1,0 +1,4 @@
+#pragma once
+
+#include <Twine/Point.h>
+#include <Twine/SkeinConverter.h>

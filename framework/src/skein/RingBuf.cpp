@@ -1,0 +1,82 @@
+#include <ctime>
+
+#include <Skein/RingBuf.h>
+#include <Skein/TraceFile.h>
+
+#include "../trace/KernelThreadId.h"
+
+namespace Skein {
+
+void RingBuf::startMsg(TraceFile* file, int id) {
+  file_ = file;
+  failed_ = false;
+  cursor_ = record_;
+  if (id == 0) {  // the point could not be described
+    failed_ = true;
+    file->countDropped();
+    return;
+  }
+  if (static_cast<std::size_t>(end_ - cursor_) < sizeof(RecordHeader) &&
+      !moveToNextBlock(sizeof(RecordHeader))) {
+    return;
+  }
+  timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  auto& header = *reinterpret_cast<RecordHeader*>(record_);  // its length is 0 already
+  header.id = static_cast<U32>(id & TraceFile::idMask);
+  header.thread = static_cast<U32>(Lumo::kernelThreadId());
+  header.level = level_;
+  header.monotonicNs = static_cast<U64>(now.tv_sec) * 1000000000ULL + static_cast<U64>(now.tv_nsec);
+  cursor_ = record_ + sizeof(RecordHeader);
+}
+
+void RingBuf::putText(std::string_view text) {
+  constexpr std::size_t keptFree = 64;  // for arguments that follow a text that is cut
+  U32 length = static_cast<U32>(text.size());
+  if (static_cast<std::size_t>(end_ - cursor_) < sizeof length + text.size()) {
+    const std::size_t room = file_->header().blockSize - sizeof(BlockHeader) - sizeof length;
+    const auto before = static_cast<std::size_t>(cursor_ - record_);
+    if (before + text.size() > room) {
+      std::size_t kept = room > before + keptFree ? room - before - keptFree : 0;
+      kept = std::min(kept, text.size());
+      while (kept > 0 && (static_cast<U8>(text[kept]) & 0xc0) == 0x80) --kept;  // whole characters
+      text = text.substr(0, kept);
+      length = static_cast<U32>(kept) | clippedText;
+    }
+  }
+  raw(&length, sizeof length);
+  if (!text.empty()) raw(text.data(), text.size());
+}
+
+// Carries the record in the making over to a block where `size` more bytes fit.
+bool RingBuf::moveToNextBlock(std::size_t size) {
+  const auto made = static_cast<std::size_t>(cursor_ - record_);
+  const std::size_t room = file_->header().blockSize - sizeof(BlockHeader);
+  char* const block = failed_ || made + size > room ? nullptr : file_->takeBlock();
+  if (!block) {
+    if (!failed_) file_->countDropped();
+    failed_ = true;
+    return false;
+  }
+  char* const record = block + sizeof(BlockHeader);
+  if (made != 0) std::memcpy(record, record_, made);
+  leaveBlock();
+  block_ = block;
+  end_ = block + file_->header().blockSize;
+  record_ = record;
+  cursor_ = record + made;
+  return true;
+}
+
+void RingBuf::leaveBlock() {
+  if (!block_) return;
+  std::atomic_ref<U32>(reinterpret_cast<BlockHeader*>(block_)->owner)
+      .store(0, std::memory_order_release);
+  forgetBlock();
+}
+
+void RingBuf::forgetBlock() {
+  block_ = end_ = record_ = cursor_ = nullptr;
+}
+
+}  // namespace Skein

@@ -1,0 +1,168 @@
+#include "TraceOutput.h"
+
+#include <poll.h>
+#include <pthread.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <charconv>
+#include <ctime>
+#include <thread>
+
+#include <Lumo/TraceRecorder.h>
+
+#include "TraceRegistry.h"
+
+namespace Lumo {
+
+namespace {
+
+// The sink, and how many threads are inside one. A thread counts itself before it reads the
+// pointer, and a replacement is stored before the count is read, both sequentially consistent: who
+// sees zero after the replacement knows that the old sink has no caller left.
+constinit std::atomic<TraceSink*> sink{nullptr};
+constinit std::atomic<int> threadsInSink{0};
+
+void writeAll(std::string_view text) {
+  while (!text.empty()) {
+    const ssize_t written = ::write(STDERR_FILENO, text.data(), text.size());
+    if (written >= 0) {
+      text.remove_prefix(static_cast<std::size_t>(written));
+    } else if (errno == EAGAIN) {
+      pollfd descriptor{STDERR_FILENO, POLLOUT, 0};
+      if (::poll(&descriptor, 1, -1) < 0 && errno != EINTR) return;
+    } else if (errno != EINTR) {
+      return;  // nowhere to report it
+    }
+  }
+}
+
+void writeToStandardError(const TraceLine& line) {
+  const int errnoOfCaller = errno;
+  std::string text;
+  appendTraceLine(text, line);
+  {
+    TraceMutexAnchor anchor;  // a line longer than a pipe's atomic write stays whole
+    writeAll(text);
+  }
+  errno = errnoOfCaller;
+}
+
+void appendPadded(std::string& out, U64 value, int width) {
+  char digits[20];
+  const auto end = std::to_chars(digits, digits + sizeof digits, value).ptr;
+  for (auto length = end - digits; length < width; ++length) out.push_back('0');
+  out.append(digits, end);
+}
+
+// The date and time down to the second, kept from line to line: most share it. Without a
+// destructor, so that a line traced while the process exits can still use it.
+struct SecondText {
+  U64 second;
+  std::size_t length;  // 0 until the first use
+  char text[64];
+};
+
+std::string_view secondText(U64 second) {
+  static thread_local SecondText kept{};
+  if (kept.length == 0 || second != kept.second) {
+    const auto seconds = static_cast<std::time_t>(second);
+    std::tm parts{};
+    gmtime_r(&seconds, &parts);
+    kept.length = std::strftime(kept.text, sizeof kept.text, "%Y-%m-%dT%H:%M:%S.", &parts);
+    kept.second = second;
+  }
+  return {kept.text, kept.length};
+}
+
+void appendEscaped(std::string& out, std::string_view text) {
+  for (;;) {
+    const auto lineEnd = text.find_first_of("\r\n");
+    out.append(text.substr(0, lineEnd));
+    if (lineEnd == std::string_view::npos) return;
+    out.append(text[lineEnd] == '\n' ? "\\n" : "\\r");
+    text.remove_prefix(lineEnd + 1);
+  }
+}
+
+}  // namespace
+
+void appendTraceLine(std::string& out, const TraceLine& line) {
+  out.append(secondText(line.timeNs / 1000000000ULL));
+  appendPadded(out, line.timeNs % 1000000000ULL / 1000, 6);
+  out.push_back(' ');
+  appendPadded(out, static_cast<U64>(line.thread), 1);
+  out.push_back(' ');
+  out.append(line.facility);
+  out.push_back('/');
+  appendPadded(out, line.level, 1);
+  out.push_back(' ');
+  out.append(line.file);
+  out.push_back(':');
+  appendPadded(out, static_cast<U64>(line.line), 1);
+  out.push_back(' ');
+  out.append(line.function);
+  out.append(": ");
+  appendEscaped(out, line.text);
+  out.push_back('\n');
+}
+
+void deliverTraceLine(const TraceLine& line) {
+  if (sink.load(std::memory_order_relaxed)) {
+    struct InSink {
+      InSink() { threadsInSink.fetch_add(1); }
+      ~InSink() { threadsInSink.fetch_sub(1); }
+    } inSink;
+    if (TraceSink* current = sink.load()) {
+      current->lineIs(line);
+      return;
+    }
+  }
+  writeToStandardError(line);
+}
+
+void traceSinkIs(TraceSink* newSink) {
+  // The threads inside a sink stay behind in the parent.
+  static const int registered = pthread_atfork(nullptr, nullptr, [] { threadsInSink.store(0); });
+  (void)registered;
+  sink.store(newSink);
+  while (threadsInSink.load() != 0) std::this_thread::yield();
+}
+
+TraceSink* traceSink() {
+  return sink.load();
+}
+
+TraceRecorder::TraceRecorder() : previous_(traceSink()) {
+  traceSinkIs(this);
+}
+
+TraceRecorder::~TraceRecorder() {
+  traceSinkIs(previous_);
+}
+
+void TraceRecorder::lineIs(const TraceLine& line) {
+  std::lock_guard guard(mutex_);
+  lines_.push_back({String(std::string(line.facility)), line.level, line.file, line.line,
+                    line.function, std::string(line.text), line.timeNs, line.thread});
+}
+
+std::vector<TraceRecorder::Line> TraceRecorder::lines() const {
+  std::lock_guard guard(mutex_);
+  return lines_;
+}
+
+std::vector<std::string> TraceRecorder::texts() const {
+  std::lock_guard guard(mutex_);
+  std::vector<std::string> result;
+  for (const Line& line : lines_) result.push_back(line.text);
+  return result;
+}
+
+void TraceRecorder::clear() {
+  std::lock_guard guard(mutex_);
+  lines_.clear();
+}
+
+}  // namespace Lumo

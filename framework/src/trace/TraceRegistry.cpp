@@ -1,0 +1,173 @@
+#include "TraceRegistry.h"
+
+#include <pthread.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+
+namespace Lumo {
+
+namespace {
+
+constexpr U32 everyLevel = (1U << TraceFacility::levelCount) - 1;
+
+bool isLevel(char c) {
+  return c >= '0' && c <= '9';
+}
+
+std::optional<U32> parseLevels(std::string_view text) {
+  if (text == "*") return everyLevel;
+  const bool single = text.size() == 1 && isLevel(text[0]);
+  const bool range = text.size() == 3 && isLevel(text[0]) && text[1] == '-' && isLevel(text[2]);
+  if (!single && !range) return std::nullopt;
+  const auto first = static_cast<unsigned>(text.front() - '0');
+  const auto last = static_cast<unsigned>(text.back() - '0');
+  if (first > last) return std::nullopt;
+  return (everyLevel >> (TraceFacility::levelCount - 1 - last)) & (everyLevel << first);
+}
+
+std::string_view trimmed(std::string_view text) {
+  while (!text.empty() && text.front() == ' ') text.remove_prefix(1);
+  while (!text.empty() && text.back() == ' ') text.remove_suffix(1);
+  return text;
+}
+
+void warn(std::string_view setting) {
+  std::fprintf(stderr,
+               "Trace setting \"%.*s\": some of it cannot be read and is left out. Write "
+               "FACILITY/LEVELS with LEVELS one of *, 5 or 0-5, parts separated by commas, for "
+               "example GrpcClient/0-5,NorvConnectionsMgr/*\n",
+               static_cast<int>(setting.size()), setting.data());
+}
+
+}  // namespace
+
+TraceMutex::TraceMutex() {
+  pthread_atfork([] { TraceMutex::instance().mutex_.lock(); },
+                 [] { TraceMutex::instance().mutex_.unlock(); },
+                 [] { TraceMutex::instance().mutex_.unlock(); });
+}
+
+TraceMutex& TraceMutex::instance() {
+  static auto* mutex = new TraceMutex;
+  return *mutex;
+}
+
+TraceRegistry::TraceRegistry() {
+  const char* setting = std::getenv("LUMO_TRACE");
+  if (setting) settingIs(setting);
+}
+
+TraceRegistry& TraceRegistry::instance() {
+  static auto* registry = new TraceRegistry;
+  return *registry;
+}
+
+const TraceRegistry::Facility& TraceRegistry::handleIs(const String& name, bool onByDefault) {
+  TraceMutexAnchor anchor;
+  Facility& facility = facilities_[name.stdString()];
+  facility.name = name;
+  facility.onByDefault = facility.onByDefault || onByDefault;
+  facility.levels.store(wanted(name.stdString(), facility.onByDefault), std::memory_order_relaxed);
+  if (std::find(handleNames_.begin(), handleNames_.end(), name) == handleNames_.end()) {
+    handleNames_.push_back(name);
+  }
+  return facility;
+}
+
+std::vector<String> TraceRegistry::handleNames() {
+  TraceMutexAnchor anchor;
+  return handleNames_;
+}
+
+U32 TraceRegistry::levels(const String& name) {
+  TraceMutexAnchor anchor;
+  const auto known = facilities_.find(name.stdString());
+  return wanted(name.stdString(), known != facilities_.end() && known->second.onByDefault);
+}
+
+U32 TraceRegistry::wanted(const std::string& name, bool onByDefault) const {
+  const auto named = named_.find(name);
+  if (named != named_.end()) return named->second;
+  return all_.value_or(onByDefault ? everyLevel : 0);
+}
+
+void TraceRegistry::publish() {
+  for (auto& [name, facility] : facilities_) {
+    facility.levels.store(wanted(name, facility.onByDefault), std::memory_order_relaxed);
+  }
+}
+
+bool TraceRegistry::partIs(std::string_view part) {
+  const auto slash = part.rfind('/');
+  if (slash == std::string_view::npos || slash == 0) return false;
+  const auto levels = parseLevels(trimmed(part.substr(slash + 1)));
+  if (!levels) return false;
+  const std::string_view name = trimmed(part.substr(0, slash));
+  if (name == "*") {
+    all_ = all_.value_or(0) | *levels;
+  } else {
+    named_[std::string(name)] |= *levels;
+  }
+  return true;
+}
+
+bool TraceRegistry::settingIs(std::string_view setting) {
+  bool good = true;
+  {
+    TraceMutexAnchor anchor;
+    named_.clear();
+    all_.reset();
+    for (std::string_view rest = setting; !rest.empty();) {
+      const auto comma = std::min(rest.find(','), rest.size());
+      const std::string_view part = trimmed(rest.substr(0, comma));
+      if (!part.empty() && !partIs(part)) good = false;
+      rest.remove_prefix(std::min(comma + 1, rest.size()));
+    }
+    for (auto& [name, levels] : named_) levels |= all_.value_or(0);
+    publish();
+  }
+  if (!good) warn(setting);
+  return good;
+}
+
+void TraceRegistry::levelIs(const String& name, int level, bool on) {
+  if (level < -1 || level >= static_cast<int>(TraceFacility::levelCount)) return;
+  const U32 bits = level < 0 ? everyLevel : 1U << level;
+  const auto changed = [&](U32 levels) { return on ? levels | bits : levels & ~bits; };
+  TraceMutexAnchor anchor;
+  if (name == String("*")) {
+    all_ = changed(all_.value_or(0));
+    for (auto& [named, levels] : named_) levels = changed(levels);
+  } else {
+    const auto known = facilities_.find(name.stdString());
+    const bool onByDefault = known != facilities_.end() && known->second.onByDefault;
+    named_[name.stdString()] = changed(wanted(name.stdString(), onByDefault));
+  }
+  publish();
+}
+
+bool TraceFacility::facilityEnabled(const String& facility) {
+  return TraceRegistry::instance().levels(facility) != 0;
+}
+
+bool TraceFacility::levelEnabled(FacilityLevel facilityLevel) {
+  return facilityLevel.level < levelCount &&
+         ((TraceRegistry::instance().levels(facilityLevel.facility) >> facilityLevel.level) & 1) !=
+             0;
+}
+
+std::vector<String> TraceFacility::handleNames() {
+  return TraceRegistry::instance().handleNames();
+}
+
+bool traceSettingIs(const String& setting) {
+  return TraceRegistry::instance().settingIs({setting.charPtr(), setting.length()});
+}
+
+void traceLevelIs(const String& facility, int level, bool on) {
+  TraceRegistry::instance().levelIs(facility, level, on);
+}
+
+}  // namespace Lumo
