@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 
+#include <Lumo/Assert.h>
 #include <Lumo/PtrInterface.h>
 #include <Lumo/ThreadAnnotations.h>
 
@@ -68,7 +69,7 @@ class LUMO_SCOPED_CAPABILITY LockAnchor {
 
   explicit LockAnchor(Lock* lock, Flags flags = 0) LUMO_ACQUIRE(lock) LUMO_NO_THREAD_SAFETY_ANALYSIS
       : lock_(lock),
-        locked_(lock->lock()),
+        locked_(checked(lock)->lock()),
         savedReleasable_(lock->releasable()) {
     if ((flags & requireReleasable) && !savedReleasable_) refuse();
     lock_->releasableIs(!(flags & notReleasable));
@@ -84,6 +85,10 @@ class LUMO_SCOPED_CAPABILITY LockAnchor {
   bool locked() const { return locked_; }
 
  private:
+  static Lock* checked(Lock* lock) {
+    LUMO_ASSERT(lock, "lock");
+    return lock;
+  }
   [[noreturn]] void refuse() LUMO_NO_THREAD_SAFETY_ANALYSIS;
 
   Lock* lock_;

@@ -1,0 +1,214 @@
+#include <cstdlib>
+#include <string>
+
+#include <Lumo/Assert.h>
+#include <Lumo/Exception.h>
+#include <Lumo/GenericValue.h>
+#include <Norv/ConnectionsMgr.h>
+#include <Norv/GrpcClient.h>
+#include <Norv/ManagerTrace.h>
+
+namespace Norv {
+
+namespace {
+
+// Kept on purpose: asked of the environment at each decision, never remembered.
+bool simulation() {
+  return std::getenv("SIMULATION_NORV") != nullptr;
+}
+
+}  // namespace
+
+ConnectionsMgr::LumoGlobalCmdConfig::LumoGlobalCmdConfig(
+    const Lumo::Ptr<GrpcGlobalCmdConfig>& config, ConnectionsMgr* owner)
+    : connectionsMgr_(owner) {
+  startFollowing(config);
+}
+
+void ConnectionsMgr::LumoGlobalCmdConfig::hasNotificationActiveIs(bool active) {
+  if (active == hasNotificationActive()) return;
+  GrpcGlobalCmdConfig::NotifieeConst::hasNotificationActiveIs(active);
+}
+
+void ConnectionsMgr::LumoGlobalCmdConfig::onCmdConfigGroup(Lumo::Name name) {
+  if (lumoMarkedForDeletion() || !connectionsMgr_) return;
+  connectionsMgr_->lumo_handleGlobalCmdConfig_cmdConfigGroup(name);
+}
+
+ConnectionsMgr::ConnectionsMgr(const Lumo::Ptr<const ConnectionConfig>& hostConfig,
+                               const Lumo::Ptr<GrpcGlobalCmdConfig>& globalCmdConfig,
+                               const Lumo::Ptr<CmdGroup>& pendingQueue,
+                               const Lumo::Ptr<GrpcErrorHandlingStatus>& grpcErrorHandlingStatus)
+    : hostConfig_(hostConfig),
+      pendingQueue_(pendingQueue),
+      grpcErrorHandlingStatus_(grpcErrorHandlingStatus) {
+  if (globalCmdConfig) {
+    lumoGlobalCmdConfig_ = Lumo::allocate<LumoGlobalCmdConfig>(globalCmdConfig, this);
+  }
+  handleInitialized();
+}
+
+Lumo::ValidPtr<ConnectionsMgr> ConnectionsMgr::ConnectionsMgrIs(
+    const Lumo::Ptr<const ConnectionConfig>& hostConfig,
+    const Lumo::Ptr<GrpcGlobalCmdConfig>& globalCmdConfig, const Lumo::Ptr<CmdGroup>& pendingQueue,
+    const Lumo::Ptr<GrpcErrorHandlingStatus>& grpcErrorHandlingStatus) {
+  return Lumo::allocate<ConnectionsMgr>(hostConfig, globalCmdConfig, pendingQueue,
+                                        grpcErrorHandlingStatus);
+}
+
+ConnectionsMgr::~ConnectionsMgr() {
+  destroyGrpcClient();
+  lumoDoZombieReactors(true);
+  if (lumoGlobalCmdConfig_) lumoGlobalCmdConfig_->connectionsMgrIs(nullptr);
+  cmdConfigGroupSmDelAll();
+}
+
+Lumo::Ptr<GrpcGlobalCmdConfig> ConnectionsMgr::globalCmdConfig() const {
+  if (!lumoGlobalCmdConfig_) return nullptr;
+  return const_cast<GrpcGlobalCmdConfig*>(lumoGlobalCmdConfig_->notifier().ptr());
+}
+
+void ConnectionsMgr::globalCmdConfigIs(const Lumo::Ptr<GrpcGlobalCmdConfig>& config) {
+  if (lumoGlobalCmdConfig_) {
+    lumoGlobalCmdConfig_->notifierIs(config);
+  } else if (config) {
+    lumoGlobalCmdConfig_ = Lumo::allocate<LumoGlobalCmdConfig>(config, this);
+  }
+}
+
+Lumo::ValidPtr<CmdConfigGroupSm> ConnectionsMgr::cmdConfigGroupSmIs(
+    const Lumo::Ptr<CmdConfigGroup>& group) {
+  const Lumo::Name name = group->name();
+  Lumo::Ptr<CmdConfigGroupSm> machine = cmdConfigGroupSm_[name];
+  if (!machine) {
+    Lumo::Ptr<CmdConfigGroupSm> made = CmdConfigGroupSm::CmdConfigGroupSmIs(group, this);
+    // Making it moved commands, and a producer that follows them may have caused a machine of the
+    // same name meanwhile.
+    machine = cmdConfigGroupSm_[name];
+    if (!machine) {
+      cmdConfigGroupSm_.memberIs(name, made);
+      return made;
+    }
+  }
+  const Lumo::Ptr<CmdConfigGroup> current = machine->configGroup();
+  if (current != group) {
+    Lumo::throwNameInUseException(
+        Lumo::String("Reinstantiating the pointer interface where constructor parameter attribute "
+                     "_configGroup has a different value of ") +
+        Lumo::objectStrep(group.ptr()) + " than the current value of " +
+        Lumo::objectStrep(current.ptr()) + " not allowed");
+  }
+  return machine;
+}
+
+void ConnectionsMgr::cmdConfigGroupSmDelAll() {
+  for (auto iterator = cmdConfigGroupSmIterator(); iterator; ++iterator) {
+    cmdConfigGroupSmDel(iterator);
+  }
+}
+
+void ConnectionsMgr::handleInitialized() {
+  Twine::trace<ManagerTrace::handleInitialized>();
+  if (initialized_) return;
+  if (!simulation()) connect();
+  initializedIs(true);
+
+  LUMO_ASSERT(globalCmdConfig(), "globalCmdConfig()");
+  std::vector<Lumo::Name> present;
+  for (auto group = globalCmdConfig()->cmdConfigGroupIteratorConst(); group; ++group) {
+    present.push_back(group.key());
+  }
+  for (const Lumo::Name& name : present) handleCmdConfigGroup(name);
+}
+
+void ConnectionsMgr::connect() {
+  const std::string address =
+      hostConfig_->host().stdString() + ":" + std::to_string(hostConfig_->portNum());
+  Twine::trace<ManagerTrace::connecting>(address);
+  threadLockIs(new Lumo::Lock());
+  threadConditionIs(new Lumo::Condition());
+  const std::shared_ptr<grpc::Channel> channel =
+      grpc::CreateChannel(address, grpc::InsecureChannelCredentials());
+  clientIs(new GrpcClient(channel, pendingQueue_, grpcErrorHandlingStatus_, threadLock_,
+                          threadCondition_));
+  grpcReplyThreadIs(new std::thread(&GrpcClient::doProcessGrpcCmd, client_));
+  Twine::trace<ManagerTrace::clientStarted>(client_);
+}
+
+void ConnectionsMgr::destroyGrpcClient() {
+  Twine::trace<ManagerTrace::destroyGrpcClient>();
+  if (simulation()) return;
+  LUMO_ASSERT(grpcReplyThread(), "grpcReplyThread()");
+  delete grpcReplyThread();
+  LUMO_ASSERT(threadCondition(), "threadCondition()");
+  delete threadCondition();
+  LUMO_ASSERT(threadLock(), "threadLock()");
+  delete threadLock();
+  LUMO_ASSERT(client(), "client()");
+  delete client();
+}
+
+void ConnectionsMgr::doFlushPendingQueue() {
+  Twine::trace<ManagerTrace::doFlushPendingQueue>();
+  if (!initialized_ || simulation()) return;
+  Lumo::LockAnchor anchor(threadLock_, 0);
+  pendingQueue_->cmdBatchDelAll();
+}
+
+void ConnectionsMgr::doEnqueueBatch(const Lumo::Ptr<CmdConfigGroup>& group) {
+  Twine::trace<ManagerTrace::doEnqueueBatch>();
+  if (!initialized_) return;
+  if (grpcErrorHandlingStatus_->errorOccured()) group->cmdBatchDelAll();
+  if (simulation()) {
+    doEnqueueBatchHelper(group);
+    return;
+  }
+  Lumo::LockAnchor anchor(threadLock_, 0);
+  if (doEnqueueBatchHelper(group) == 0) return;
+  Twine::trace<ManagerTrace::wakeClient>();
+  threadCondition_->signal();
+}
+
+U32 ConnectionsMgr::doEnqueueBatchHelper(const Lumo::Ptr<CmdConfigGroup>& group) {
+  const U32 waiting = group->cmdBatchs();
+  while (const Lumo::Ptr<GrpcCmd> cmd = group->cmdBatchDeq()) pendingQueue_->cmdBatchEnq(cmd);
+  return waiting;
+}
+
+void ConnectionsMgr::handleCmdConfigGroup(Lumo::Name name) {
+  Twine::trace<ManagerTrace::handleCmdConfigGroup>(name);
+  if (!initialized_) return;
+  if (const Lumo::Ptr<CmdConfigGroup> group = globalCmdConfig()->cmdConfigGroup(name)) {
+    Twine::trace<ManagerTrace::creatingSm>(name);
+    cmdConfigGroupSmIs(group);
+  } else {
+    Twine::trace<ManagerTrace::deletingSm>(name);
+    cmdConfigGroupSmDel(name);
+  }
+}
+
+void ConnectionsMgr::lumoDoZombieReactors(bool zombie) {
+  if (zombie == lumoMarkedForDeletion()) return;
+  if (const Lumo::Ptr<LumoGlobalCmdConfig> reactor = lumoGlobalCmdConfig_) {
+    reactor->lumoDoZombieReactors(zombie);
+  }
+  lumoMarkedForDeletionIs(zombie);
+}
+
+void ConnectionsMgr::hasNotificationActiveIs(bool active) {
+  if (active == hasNotificationActive()) return;
+  PtrInterface::hasNotificationActiveIs(active);
+  if (lumoGlobalCmdConfig_) lumoGlobalCmdConfig_->hasNotificationActiveIs(active);
+  for (auto machine = cmdConfigGroupSmIterator(); machine; ++machine) {
+    machine.ptr()->hasNotificationActiveIs(active);
+  }
+}
+
+Lumo::Ptr<ConnectionsMgr> connectionsMgrFactory(
+    Lumo::Ptr<ConnectionConfig const> hostConfig, Lumo::Ptr<GrpcGlobalCmdConfig> globalCmdConfig,
+    Lumo::Ptr<CmdGroup> pendingQueue, Lumo::Ptr<GrpcErrorHandlingStatus> grpcErrorHandlingStatus) {
+  return ConnectionsMgr::ConnectionsMgrIs(hostConfig, globalCmdConfig, pendingQueue,
+                                          grpcErrorHandlingStatus);
+}
+
+}  // namespace Norv

@@ -1,0 +1,78 @@
+#pragma once
+
+#include <Lumo/LinkQueue.h>
+#include <Norv/GrpcCmd.h>
+
+namespace Norv {
+
+// The externally visible form of a queue's two index fields.
+struct CmdBatchMetadata {
+  CmdBatchMetadata() = default;
+  CmdBatchMetadata(U32 head, U32 tail) : headIndex(head), tailIndex(tail) {}
+  bool operator==(const CmdBatchMetadata&) const = default;
+
+  U32 headIndex = 0;
+  U32 tailIndex = 0;
+};
+
+// One place in the queue of an `Owner`: the index, the command (which may be null) and the link
+// that owns the next place.
+template <class Owner>
+class CmdBatchEntry : public Lumo::PtrInterface {
+  LUMO_OBJECT(CmdBatchEntry)
+
+ public:
+  CmdBatchEntry(U32 index, const Lumo::Ptr<GrpcCmd>& cmd) : index_(index), cmdBatch_(cmd) {}
+
+  U32 fwkQkey() const { return index_; }
+  void fwkQkeyIs(U32 index) { index_ = index; }
+  const Lumo::Ptr<GrpcCmd>& cmdBatch() const { return cmdBatch_; }
+  void cmdBatchIs(const Lumo::Ptr<GrpcCmd>& cmd) { cmdBatch_ = cmd; }
+  const Lumo::Ptr<CmdBatchEntry>& lqNext() const { return lqNext_; }
+  void lqNextIs(const Lumo::Ptr<CmdBatchEntry>& next) { lqNext_ = next; }
+
+ private:
+  U32 index_;
+  Lumo::Ptr<GrpcCmd> cmdBatch_;
+  Lumo::Ptr<CmdBatchEntry> lqNext_;
+};
+
+// The indexed queue of commands inside an `Owner`, which adds its notifications around these calls.
+template <class Owner>
+class CmdBatch : public Lumo::LinkQueue<CmdBatchEntry<Owner>> {
+ public:
+  using Entry = CmdBatchEntry<Owner>;
+
+  // Appends `cmd`, null included, and returns its index.
+  U32 enq(const Lumo::Ptr<GrpcCmd>& cmd) {
+    const U32 index = this->tailIndex();
+    this->memberIs(index, Lumo::allocate<Entry>(index, cmd));
+    return index;
+  }
+  // Sets, inserts or (null) deletes the command under `index`; false if there was nothing to do.
+  bool is(U32 index, const Lumo::Ptr<GrpcCmd>& cmd) {
+    const Lumo::Ptr<Entry> entry = (*this)[index];
+    if (!entry && !cmd) return false;
+    if (!entry) {
+      this->newMember(Lumo::allocate<Entry>(index, cmd));
+    } else if (!cmd) {
+      this->_memberDel(index);
+    } else {
+      entry->cmdBatchIs(cmd);
+    }
+    return true;
+  }
+  Lumo::Ptr<GrpcCmd> cmd(U32 index) const {
+    const Lumo::Ptr<Entry> entry = (*this)[index];
+    return entry ? entry->cmdBatch() : nullptr;
+  }
+  CmdBatchMetadata metadata() const { return {this->headIndex(), this->tailIndex()}; }
+  void metadataIs(const CmdBatchMetadata& metadata) {
+    this->headIndexIs(metadata.headIndex);
+    this->tailIndexIs(metadata.tailIndex);
+  }
+  typename CmdBatch::Iterator iterator() const { return {this, this->head()}; }
+  typename CmdBatch::Iterator iterator(U32 index) const { return {this, this->startAt(index)}; }
+};
+
+}  // namespace Norv
