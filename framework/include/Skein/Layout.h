@@ -67,12 +67,26 @@ struct BlockHeader {
 
 // At the start of each record, followed by the raw arguments, padded to a multiple of 8.
 struct RecordHeader {
-  U32 length;  // whole record; 0 while not committed. Written last.
-  U32 id;
+  U64 commit;  // written last; 0 or that of an older record while this one is not committed
   U32 thread;
   U32 level;
   U64 monotonicNs;
 };
+
+// The commit word: the low half of the block's sequence, the id, and the record's length in units
+// of 8 bytes. The sequence tells a record from a leftover of the block's former use.
+constexpr U64 commitWord(U64 sequence, U32 id, std::size_t length) {
+  return sequence << 32 | U64{id} << 16 | length / 8;
+}
+constexpr U32 committedLength(U64 commit) {
+  return static_cast<U32>(commit & 0xffff) * 8;
+}
+constexpr U32 committedId(U64 commit) {
+  return static_cast<U32>(commit >> 16 & 0xffff);
+}
+constexpr bool committedIn(U64 sequence, U64 commit) {
+  return commit != 0 && commit >> 32 == (sequence & 0xffffffffU);
+}
 
 inline constexpr U32 clippedText = 0x80000000U;  // in a text's length: its end was cut off
 

@@ -59,6 +59,7 @@ class RingBuf {
   }
   void putText(std::string_view text);
   bool moveToNextBlock(std::size_t size);
+  void drop();
   void leaveBlock();
   void forgetBlock();
 
@@ -67,6 +68,8 @@ class RingBuf {
   char* record_ = nullptr;  // where the record in the making, or the next one, starts
   char* cursor_ = nullptr;
   TraceFile* file_ = nullptr;
+  U64 sequence_ = 0;  // of the block
+  U32 id_ = 0;
   bool failed_ = false;  // the record in the making did not fit
   U8 level_ = 0;
 };
@@ -79,9 +82,9 @@ inline void RingBuf::endMsg() {
   const auto length = (static_cast<std::size_t>(cursor_ - record_) + 7) & ~std::size_t{7};
   char* const next = record_ + length;
   // The next record reads as not committed before this one is.
-  if (next < end_) std::memset(next, 0, sizeof(U32));
-  std::atomic_ref<U32>(reinterpret_cast<RecordHeader*>(record_)->length)
-      .store(static_cast<U32>(length), std::memory_order_release);
+  if (next < end_) std::memset(next, 0, sizeof(U64));
+  std::atomic_ref<U64>(reinterpret_cast<RecordHeader*>(record_)->commit)
+      .store(commitWord(sequence_, id_, length), std::memory_order_release);
   record_ = cursor_ = next;
 }
 

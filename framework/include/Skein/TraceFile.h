@@ -76,7 +76,8 @@ class TraceFile {
 
   FileHeader& header() const { return *reinterpret_cast<FileHeader*>(bytes_); }
   int siteIs(const int* key, const Site& site);
-  U32 appendSite(const Site& site);
+  U32 findSite(const std::string& bytes);
+  U32 appendSite(const std::string& bytes);
   char* takeBlock();
   bool claimBlock(BlockHeader& block);
   void countDropped();

@@ -22,18 +22,34 @@ bool readAt(int descriptor, U64 offset, void* bytes, std::size_t size) {
 
 namespace {
 
-void findCommitted(const char* bytes, U32 size, BlockCopy& copy) {
+// A word that is neither 0 nor of this block's sequence: a leftover, seen because a read may take
+// its bytes in any order. Writers clear it before they commit the record in front of it, so that
+// one which is still there at another look is damage.
+bool isDamage(int descriptor, U64 offset, U64 seen) {
+  U64 again = 0;
+  return readAt(descriptor, offset, &again, sizeof again) && again == seen;
+}
+
+void findCommitted(int descriptor, U64 offset, const std::string& bytes, BlockCopy& copy) {
   copy.committed = sizeof(BlockHeader);
-  while (size - copy.committed >= sizeof(RecordHeader)) {
-    U32 length;
-    std::memcpy(&length, bytes + copy.committed, sizeof length);
-    if (length == 0) return;
-    if (length % 8 != 0 || length < sizeof(RecordHeader) || length > size - copy.committed) {
-      copy.damaged = true;
+  while (bytes.size() - copy.committed >= sizeof(RecordHeader)) {
+    U64 commit;
+    std::memcpy(&commit, bytes.data() + copy.committed, sizeof commit);
+    if (commit == 0) return;
+    const U32 length = committedLength(commit);
+    if (!committedIn(copy.sequence, commit) || length < sizeof(RecordHeader) ||
+        length > bytes.size() - copy.committed) {
+      copy.damaged = isDamage(descriptor, offset + copy.committed, commit);
       return;
     }
     copy.committed += length;
   }
+}
+
+U64 sequenceIn(const char* block) {
+  BlockHeader header;
+  std::memcpy(&header, block, sizeof header);
+  return header.sequence;
 }
 
 }  // namespace
@@ -42,21 +58,17 @@ BlockCopy copyBlock(int descriptor, U64 offset, U32 size, char* bytes, std::stri
   constexpr int attempts = 8;
   probe.resize(size);
   for (int attempt = 0; attempt < attempts; ++attempt) {
-    BlockCopy copy;
-    BlockHeader before;
-    BlockHeader after;
-    // The lengths come from a first reading and the records from a second one: a record whose
-    // length was seen is complete by then, in whatever order a read copies its bytes.
+    // The commit words come from a first reading and the records from a second one: a record whose
+    // word was seen is complete by then, in whatever order a read takes its bytes.
     if (!readAt(descriptor, offset, probe.data(), size)) return {};
-    std::memcpy(&before, probe.data(), sizeof before);
-    if (before.sequence == 0) return {};
-    findCommitted(probe.data(), size, copy);
+    BlockCopy copy;
+    copy.sequence = sequenceIn(probe.data());
+    if (copy.sequence == 0) return {};
+    findCommitted(descriptor, offset, probe, copy);
     if (!readAt(descriptor, offset, bytes, copy.committed)) return {};
-    if (!readAt(descriptor, offset, &after, sizeof after)) return {};
-    if (after.sequence != before.sequence) continue;
-    // The lengths in `bytes` must be those that were walked; they never change once committed.
-    copy.sequence = before.sequence;
-    return copy;
+    char after[sizeof(BlockHeader)];
+    if (!readAt(descriptor, offset, after, sizeof after)) return {};
+    if (sequenceIn(after) == copy.sequence) return copy;
   }
   return {};
 }

@@ -137,9 +137,9 @@ bool Reader::blockHasMore(U32 index) const {
   U64 sequence = 0;
   if (!readAt(descriptor_, offset, &sequence, sizeof sequence) || sequence == 0) return false;
   if (sequence != place.sequence) return true;
-  U32 length = 0;
+  U64 commit = 0;
   return header_.blockSize - place.offset >= sizeof(RecordHeader) &&
-         readAt(descriptor_, offset + place.offset, &length, sizeof length) && length != 0;
+         readAt(descriptor_, offset + place.offset, &commit, sizeof commit) && commit != 0;
 }
 
 void Reader::readBlock(U32 index, char* bytes, std::vector<Key>& keys) {
@@ -152,7 +152,7 @@ void Reader::readBlock(U32 index, char* bytes, std::vector<Key>& keys) {
     RecordHeader header;
     std::memcpy(&header, bytes + place.offset, sizeof header);
     keys.push_back({header.monotonicNs, bytes + place.offset});
-    place.offset += header.length;
+    place.offset += committedLength(header.commit);
   }
   if (!copy.damaged) return;
   ++damaged_;
@@ -162,14 +162,15 @@ void Reader::readBlock(U32 index, char* bytes, std::vector<Key>& keys) {
 bool Reader::recordAt(const char* at, Record& record) const {
   RecordHeader header;
   std::memcpy(&header, at, sizeof header);
-  if (header.id == 0 || header.id > sites_.size() || !sites_[header.id - 1]) return false;
-  record.id = static_cast<int>(header.id);
-  record.site = sites_[header.id - 1].get();
+  const U32 id = committedId(header.commit);
+  if (id == 0 || id > sites_.size() || !sites_[id - 1]) return false;
+  record.id = static_cast<int>(id);
+  record.site = sites_[id - 1].get();
   record.level = header.level;
   record.thread = static_cast<int>(header.thread);
   record.monotonicNs = header.monotonicNs;
   record.timeNs = header_.wallNs + (header.monotonicNs - header_.monotonicNs);
-  record.raw = std::string_view(at + sizeof header, header.length - sizeof header);
+  record.raw = std::string_view(at + sizeof header, committedLength(header.commit) - sizeof header);
   return decode(record.site->codes, record.raw, [](const auto&, bool) {});
 }
 

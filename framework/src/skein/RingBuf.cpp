@@ -12,8 +12,7 @@ void RingBuf::startMsg(TraceFile* file, int id) {
   failed_ = false;
   cursor_ = record_;
   if (id == 0) {  // the point could not be described
-    failed_ = true;
-    file->countDropped();
+    drop();
     return;
   }
   if (static_cast<std::size_t>(end_ - cursor_) < sizeof(RecordHeader) &&
@@ -22,8 +21,8 @@ void RingBuf::startMsg(TraceFile* file, int id) {
   }
   timespec now;
   clock_gettime(CLOCK_MONOTONIC, &now);
-  auto& header = *reinterpret_cast<RecordHeader*>(record_);  // its length is 0 already
-  header.id = static_cast<U32>(id & TraceFile::idMask);
+  id_ = static_cast<U32>(id & TraceFile::idMask);
+  auto& header = *reinterpret_cast<RecordHeader*>(record_);  // its commit word is 0 already
   header.thread = static_cast<U32>(Lumo::kernelThreadId());
   header.level = level_;
   header.monotonicNs = static_cast<U64>(now.tv_sec) * 1000000000ULL + static_cast<U64>(now.tv_nsec);
@@ -54,18 +53,25 @@ bool RingBuf::moveToNextBlock(std::size_t size) {
   const std::size_t room = file_->header().blockSize - sizeof(BlockHeader);
   char* const block = failed_ || made + size > room ? nullptr : file_->takeBlock();
   if (!block) {
-    if (!failed_) file_->countDropped();
-    failed_ = true;
+    if (!failed_) drop();
     return false;
   }
   char* const record = block + sizeof(BlockHeader);
   if (made != 0) std::memcpy(record, record_, made);
   leaveBlock();
   block_ = block;
+  sequence_ = reinterpret_cast<BlockHeader*>(block)->sequence;
   end_ = block + file_->header().blockSize;
   record_ = record;
   cursor_ = record + made;
   return true;
+}
+
+// Gives the record in the making up; what is still put into it goes nowhere.
+void RingBuf::drop() {
+  file_->countDropped();
+  failed_ = true;
+  cursor_ = end_;
 }
 
 void RingBuf::leaveBlock() {

@@ -3,6 +3,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -36,16 +37,38 @@ U64 nextSerial() {
   return ++open.lastSerial;
 }
 
-U32 recordsIn(const char* block, U32 size) {
-  U32 count = 0;
+U64 recordsIn(const char* bytes, U32 size) {
+  const U64 sequence = reinterpret_cast<const BlockHeader*>(bytes)->sequence;
+  U64 count = 0;
   for (U32 at = sizeof(BlockHeader); size - at >= sizeof(RecordHeader);) {
-    U32 length;
-    std::memcpy(&length, block + at, sizeof length);
-    if (length < sizeof(RecordHeader) || length > size - at) break;
+    const U64 commit = reinterpret_cast<const RecordHeader*>(bytes + at)->commit;
+    const U32 length = committedLength(commit);
+    if (!committedIn(sequence, commit) || length == 0 || length > size - at) break;
     at += length;
     ++count;
   }
   return count;
+}
+
+std::string descriptorOf(const Site& site) {
+  const auto clipped = [](const std::string& text) {
+    return std::string_view(text).substr(0, 0xffff);
+  };
+  const std::string_view texts[] = {clipped(site.file), clipped(site.function),
+                                    clipped(site.facility), clipped(site.codes),
+                                    clipped(site.text)};
+  SiteHeader header{};
+  header.line = static_cast<U32>(site.line);
+  header.fileLength = static_cast<U16>(texts[0].size());
+  header.functionLength = static_cast<U16>(texts[1].size());
+  header.facilityLength = static_cast<U16>(texts[2].size());
+  header.codesLength = static_cast<U16>(texts[3].size());
+  header.textLength = static_cast<U16>(texts[4].size());
+  header.level = site.level;
+  header.places = site.places ? 1 : 0;
+  std::string bytes(reinterpret_cast<const char*>(&header), sizeof header);
+  for (std::string_view text : texts) bytes.append(text);
+  return bytes;
 }
 
 }  // namespace
@@ -104,34 +127,32 @@ int TraceFile::siteIs(const int* key, const Site& site) {
   const auto known = described_.find(key);
   // The address alone could be that of a point in a library that was unloaded.
   if (known != described_.end() && known->second.site == site) return known->second.id;
-  const U32 slot = appendSite(site);
+  const std::string bytes = descriptorOf(site);
+  U32 slot = findSite(bytes);
+  if (slot == 0) slot = appendSite(bytes);
   if (slot == 0) return 0;
   const int id = (tag_ << idBits) | static_cast<int>(slot);
   described_[key] = {id, site};
   return id;
 }
 
+// The point may have been described by the other side of a fork.
+U32 TraceFile::findSite(const std::string& bytes) {
+  FileHeader& head = header();
+  auto* index = reinterpret_cast<U64*>(bytes_ + head.indexOffset);
+  const auto count =
+      std::min<U64>(shared(head.sitesWanted).load(std::memory_order_relaxed), head.indexSlots);
+  for (U32 slot = 0; slot < count; ++slot) {
+    const U64 entry = shared(index[slot]).load(std::memory_order_acquire);
+    const std::string_view described(bytes_ + head.heapOffset + (entry >> 32), entry & 0xffffffffU);
+    if (described == bytes) return slot + 1;
+  }
+  return 0;
+}
+
 // Reserve, write, publish: a forked process may append at the same time, and whoever is killed in
 // between leaves a hole that no index entry names.
-U32 TraceFile::appendSite(const Site& site) {
-  const auto clipped = [](const std::string& text) {
-    return std::string_view(text).substr(0, 0xffff);
-  };
-  const std::string_view texts[] = {clipped(site.file), clipped(site.function),
-                                    clipped(site.facility), clipped(site.codes),
-                                    clipped(site.text)};
-  SiteHeader descriptor{};
-  descriptor.line = static_cast<U32>(site.line);
-  descriptor.fileLength = static_cast<U16>(texts[0].size());
-  descriptor.functionLength = static_cast<U16>(texts[1].size());
-  descriptor.facilityLength = static_cast<U16>(texts[2].size());
-  descriptor.codesLength = static_cast<U16>(texts[3].size());
-  descriptor.textLength = static_cast<U16>(texts[4].size());
-  descriptor.level = site.level;
-  descriptor.places = site.places ? 1 : 0;
-  std::string bytes(reinterpret_cast<const char*>(&descriptor), sizeof descriptor);
-  for (std::string_view text : texts) bytes.append(text);
-
+U32 TraceFile::appendSite(const std::string& bytes) {
   FileHeader& head = header();
   const U64 size = (bytes.size() + 7) & ~std::size_t{7};
   const U64 at = shared(head.heapWanted).fetch_add(size, std::memory_order_relaxed);
@@ -175,7 +196,7 @@ char* TraceFile::takeBlock() {
     }
     // A reader that sees any byte of a newer record sees that the old sequence is gone.
     shared(block.sequence).exchange(0, std::memory_order_seq_cst);
-    shared(*reinterpret_cast<U32*>(bytes + sizeof(BlockHeader)))
+    shared(reinterpret_cast<RecordHeader*>(bytes + sizeof(BlockHeader))->commit)
         .store(0, std::memory_order_release);
     shared(block.sequence).store(sequence, std::memory_order_release);
     taken = bytes;

@@ -1,0 +1,159 @@
+#include <fstream>
+#include <random>
+
+#include "TraceFixture.h"
+
+namespace {
+
+std::string bytesOf(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+void writeBytes(const std::string& path, const std::string& bytes) {
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
+}
+
+// What a reader makes of a file: its complaint, or what it found.
+struct Finding {
+  std::string error;
+  std::vector<Seen> records;
+  std::string problem;
+};
+
+Finding readFile(const std::string& path) {
+  Finding finding;
+  try {
+    Skein::Reader reader(path);
+    finding.records = recordsOf(reader);
+    finding.problem = reader.problem();
+  } catch (const Skein::FileError& error) {
+    finding.error = error.what();
+  }
+  return finding;
+}
+
+}  // namespace
+
+class SkeinDamage : public TraceTest {
+ protected:
+  SkeinDamage() {
+    ringIsOn({.size = 16 * 1024});
+    for (int i = 0; i < recordCount; ++i) Twine::trace<Sample::pair>(i, std::string(i % 7, 'q'));
+    skein.reset();
+    whole = bytesOf(path);
+    Skein::FileHeader header;
+    std::memcpy(&header, whole.data(), sizeof header);
+    commitOffset = header.blocksOffset + sizeof(Skein::BlockHeader);
+    std::memcpy(&commit, whole.data() + commitOffset, sizeof commit);
+  }
+  std::string withCommit(U64 word) const {
+    std::string bytes = whole;
+    std::memcpy(bytes.data() + commitOffset, &word, sizeof word);
+    return bytes;
+  }
+  Finding findingOf(const std::string& bytes) const {
+    writeBytes(path, bytes);
+    return readFile(path);
+  }
+
+  static constexpr int recordCount = 120;
+  std::string whole;
+  // Of the first record, within the file.
+  std::size_t commitOffset;
+  U64 commit;
+};
+
+TEST_F(SkeinDamage, AnEmptyFileIsSaidToBeEmpty) {
+  EXPECT_EQ(findingOf("").error, path + " is empty: no trace was ever written to it");
+}
+
+TEST_F(SkeinDamage, AForeignFileIsSaidToBeForeign) {
+  for (const char* text : {"x", "#!/bin/sh\necho hello\n", "SKEINX"}) {
+    EXPECT_EQ(findingOf(text).error,
+              path + " is not a trace file: it does not start with the mark of one");
+  }
+  EXPECT_NE(readFile(folder.file("nothing")).error.find("cannot open"), std::string::npos);
+  EXPECT_NE(readFile("/dev/null").error.find("not a regular file"), std::string::npos);
+  EXPECT_NE(readFile("/tmp").error.find("not a regular file"), std::string::npos);
+}
+
+TEST_F(SkeinDamage, OtherVersionsAndByteOrdersAreNamed) {
+  std::string other = whole;
+  other[offsetof(Skein::FileHeader, version)] = 2;
+  EXPECT_NE(findingOf(other).error.find("format version 2"), std::string::npos);
+  other = whole;
+  std::swap(other[8], other[11]);
+  std::swap(other[9], other[10]);
+  EXPECT_NE(findingOf(other).error.find("byte order"), std::string::npos);
+}
+
+TEST_F(SkeinDamage, ATruncatedFileYieldsWhatIsThere) {
+  const std::size_t all = findingOf(whole).records.size();
+  ASSERT_EQ(all, 0U + recordCount);
+  std::size_t previous = 0;
+  for (std::size_t size = 1; size < whole.size(); size += 97) {
+    const Finding finding = findingOf(whole.substr(0, size));
+    if (size < sizeof(Skein::FileHeader)) {
+      EXPECT_NE(finding.error, "") << size;
+      continue;
+    }
+    EXPECT_EQ(finding.error, "") << size;
+    EXPECT_NE(finding.problem.find("cut off"), std::string::npos) << size;
+    EXPECT_GE(finding.records.size(), previous) << size;
+    previous = finding.records.size();
+  }
+  EXPECT_GT(previous, 0U);
+}
+
+TEST_F(SkeinDamage, ARecordThatWasNotCommittedIsNotSeen) {
+  // As a kill leaves it: everything written but the commit word.
+  const Finding finding = findingOf(withCommit(0));
+  EXPECT_EQ(finding.problem, "");
+  EXPECT_LT(finding.records.size(), 0U + recordCount);
+  EXPECT_GT(finding.records.size(), 0U);
+}
+
+TEST_F(SkeinDamage, AWrongLengthEndsItsBlockAndIsReported) {
+  for (U32 length : {0U, 8U, 16U, 4096U, 0xffffU * 8}) {
+    const Finding finding = findingOf(withCommit(Skein::commitWord(commit >> 32, 1, length)));
+    EXPECT_NE(finding.problem.find("damaged in 1 place"), std::string::npos) << length;
+    EXPECT_LT(finding.records.size(), 0U + recordCount);
+    EXPECT_GT(finding.records.size(), 0U);
+  }
+}
+
+TEST_F(SkeinDamage, ALeftoverOfAnotherLapIsNotARecord) {
+  const U64 leftover = Skein::commitWord((commit >> 32) + 1, 1, Skein::committedLength(commit));
+  const Finding finding = findingOf(withCommit(leftover));
+  EXPECT_NE(finding.problem.find("damaged in 1 place"), std::string::npos);
+  EXPECT_LT(finding.records.size(), 0U + recordCount);
+}
+
+TEST_F(SkeinDamage, AnUnknownIdIsReported) {
+  for (U32 wrong : {0U, 2U, 31U, 1000U, 0xffffU}) {
+    const Finding finding = findingOf(
+        withCommit(Skein::commitWord(commit >> 32, wrong, Skein::committedLength(commit))));
+    EXPECT_NE(finding.problem, "") << wrong;
+    EXPECT_EQ(finding.records.size(), recordCount - 1U) << wrong;
+  }
+}
+
+TEST_F(SkeinDamage, NoByteOfTheFileIsTrusted) {
+  std::mt19937 random(7);
+  int read = 0;
+  int refused = 0;
+  for (int round = 0; round < 4000; ++round) {
+    std::string bytes = whole;
+    const bool early = round % 2 == 0;  // where the header and the descriptors are
+    for (unsigned i = 0; i < 1 + random() % 8; ++i) {
+      bytes[random() % (early ? 600 : bytes.size())] = static_cast<char>(random());
+    }
+    const Finding finding = findingOf(bytes);
+    finding.error.empty() ? ++read : ++refused;
+    EXPECT_EQ(finding.error.find('\n'), std::string::npos);
+    EXPECT_LE(finding.records.size(), 600U);
+  }
+  EXPECT_GT(read, 0);
+  EXPECT_GT(refused, 0);
+}

@@ -1,0 +1,233 @@
+#include <sys/stat.h>
+
+#include <fstream>
+
+#include "TraceFixture.h"
+
+using SkeinFile = TraceTest;
+
+namespace {
+
+// The record and its description as a module without Twine writes them.
+void logByHand(Skein::TraceFile* file, int* id, int value, int line = 12) {
+  if (!file->msgIdInitialized(*id)) {
+    Skein::MsgDesc descriptor(file, id, "hand.cpp", line, true);
+    descriptor.formatString() << value;
+    descriptor << "value "
+               << "%s";
+    descriptor.finish();
+  }
+  Skein::RingBuf& ring = file->log(4);
+  ring.startMsg(file, *id);
+  ring.put(value);
+  ring.endMsg();
+}
+
+}  // namespace
+
+TEST_F(SkeinFile, IsTheDefaultOnlyWhileAHandleIs) {
+  EXPECT_EQ(Skein::defaultSkeinFile(), nullptr);
+  ringIsOn();
+  EXPECT_EQ(Skein::defaultSkeinFile(), skein->traceFile());
+  EXPECT_EQ(skein->traceFile(), skein->mtTraceFile());
+  skein.reset();
+  EXPECT_EQ(Skein::defaultSkeinFile(), nullptr);
+}
+
+TEST_F(SkeinFile, InSingleThreadedModeTheHandleYieldsItsSingleFile) {
+  ringIsOn({.multiThreaded = false});
+  EXPECT_EQ(skein->mtTraceFile(), nullptr);
+  ASSERT_NE(skein->traceFile(), nullptr);
+  EXPECT_EQ(Skein::defaultSkeinFile(), skein->traceFile());
+  Twine::trace<Sample::numbered>(1);
+  EXPECT_EQ(textsIn(path), std::vector<std::string>{"n=1"});
+}
+
+TEST_F(SkeinFile, APointIsDescribedOnce) {
+  ringIsOn();
+  for (int i = 0; i < 100; ++i) Twine::trace<Sample::numbered>(i);
+  EXPECT_EQ(sitesIn(path), 1U);
+  const auto records = recordsIn(path);
+  ASSERT_EQ(records.size(), 100U);
+  for (const Seen& record : records) EXPECT_EQ(record.id, records[0].id);
+  EXPECT_EQ(records[99].text, "n=99");
+}
+
+TEST_F(SkeinFile, TheIdStartsAtZeroAndIsFilledByTheDescriptor) {
+  ringIsOn();
+  int id = 0;
+  EXPECT_FALSE(skein->traceFile()->msgIdInitialized(id));
+  logByHand(skein->traceFile(), &id, 5);
+  EXPECT_NE(id, 0);
+  EXPECT_TRUE(skein->traceFile()->msgIdInitialized(id));
+  const int first = id;
+  logByHand(skein->traceFile(), &id, 6);
+  EXPECT_EQ(id, first);
+  EXPECT_EQ(textsIn(path), (std::vector<std::string>{"value 5", "value 6"}));
+  EXPECT_EQ(recordsIn(path)[0].id, 1) << "ids in a file start at 1";
+}
+
+TEST_F(SkeinFile, ADescriptorSaysWhereThePointIs) {
+  ringIsOn();
+  Twine::trace<Sample::placed>(1, std::string("text"));
+  Skein::Reader reader(path);
+  ASSERT_TRUE(reader.sites()[0]);
+  const Skein::Site& site = *reader.sites()[0];
+  EXPECT_EQ(site.file, "Sample.lumo");
+  EXPECT_EQ(site.line, 102);
+  EXPECT_EQ(site.function, "processResponse");
+  EXPECT_EQ(site.facility, "Sample");
+  EXPECT_EQ(site.level, 0);
+  EXPECT_EQ(site.codes, "is");
+  EXPECT_EQ(site.text, "Failure: error_code: %s error_message: %s");
+}
+
+TEST_F(SkeinFile, ArgumentsComeBackWithTheirTypes) {
+  ringIsOn();
+  Twine::trace<Sample::four>(true, -5, Lumo::Name("name"), Skein::QNull());
+  Skein::Reader reader(path);
+  std::vector<Skein::Value> values;
+  reader.read([&](const Skein::Record& record) {
+    values = record.arguments();
+    EXPECT_EQ(std::get<std::string_view>(values.at(2)), "name");
+  });
+  ASSERT_EQ(values.size(), 4U);
+  EXPECT_TRUE(std::get<bool>(values[0]));
+  EXPECT_EQ(std::get<int>(values[1]), -5);
+  EXPECT_TRUE(std::holds_alternative<Skein::QNull>(values[3]));
+}
+
+TEST_F(SkeinFile, EachFileDescribesThePointsItRecords) {
+  const std::string second = folder.file("second.skein");
+  Skein::TraceHandle one(path);
+  Skein::TraceHandle two(second);
+  // The same points get different ids in the two files.
+  Skein::defaultSkeinHandleIs(&one);
+  Twine::trace<Sample::plain>();
+  Twine::trace<Sample::numbered>(1);
+  Skein::defaultSkeinHandleIs(&two);
+  Twine::trace<Sample::numbered>(2);
+  Twine::trace<Sample::plain>();
+  Skein::defaultSkeinHandleIs(&one);
+  Twine::trace<Sample::numbered>(3);
+  Skein::defaultSkeinHandleIs(&two);
+  Twine::trace<Sample::numbered>(4);
+  Skein::defaultSkeinHandleIs(nullptr);
+  Twine::trace<Sample::numbered>(5);
+  EXPECT_EQ(textsIn(path), (std::vector<std::string>{"Entry", "n=1", "n=3"}));
+  EXPECT_EQ(textsIn(second), (std::vector<std::string>{"n=2", "Entry", "n=4"}));
+  EXPECT_EQ(sitesIn(path), 2U);
+  EXPECT_EQ(sitesIn(second), 2U) << "going back and forth describes nothing anew";
+}
+
+TEST_F(SkeinFile, HasTheSizeGivenAndTheOldestRecordsGoFirst) {
+  for (U64 size : {U64{16} * 1024, U64{100} * 1000, U64{1} << 20}) {
+    ringIsOn({.size = size, .multiThreaded = false});
+    constexpr int count = 50000;
+    for (int i = 0; i < count; ++i) Twine::trace<Sample::numbered>(i);
+    struct stat status;
+    ASSERT_EQ(::stat(path.c_str(), &status), 0);
+    EXPECT_EQ(static_cast<U64>(status.st_size), size);
+    EXPECT_LE(static_cast<U64>(status.st_blocks) * 512, size + 65536);
+    Skein::Reader reader(path);
+    const auto records = recordsOf(reader);
+    ASSERT_GE(records.size(), size / 32 / 4);
+    for (std::size_t i = 0; i < records.size(); ++i) {
+      ASSERT_EQ(records[i].text,
+                "n=" + std::to_string(count - static_cast<int>(records.size() - i)));
+    }
+    EXPECT_EQ(reader.counters().overwritten, count - records.size());
+    EXPECT_EQ(reader.counters().dropped, 0U);
+    skein.reset();
+  }
+}
+
+TEST_F(SkeinFile, LongTextsAreCutAndTheRestOfTheRecordStays) {
+  ringIsOn({.size = 16 * 1024});
+  Twine::trace<Sample::pair>(std::string(100000, 'x'), 77);
+  Twine::trace<Sample::numbered>(1);
+  const auto texts = textsIn(path);
+  ASSERT_EQ(texts.size(), 2U);
+  EXPECT_EQ(texts[0].substr(0, 6), "a=xxxx");
+  EXPECT_GT(texts[0].size(), 500U);
+  EXPECT_EQ(texts[0].substr(texts[0].size() - 8), "... b=77");
+}
+
+TEST_F(SkeinFile, RecordsOfEveryLengthAreKeptAcrossBlocks) {
+  ringIsOn({.size = 16 * 1024});
+  for (std::size_t length = 0; length < 900; ++length) {
+    const std::string text(length, 'y');
+    Twine::trace<Sample::pair>(text, static_cast<int>(length));
+    const auto texts = textsIn(path);
+    ASSERT_FALSE(texts.empty());
+    ASSERT_EQ(texts.back(), "a=" + text + " b=" + std::to_string(length));
+  }
+}
+
+TEST_F(SkeinFile, WithoutRoomForADescriptorRecordsAreCountedAsDropped) {
+  ringIsOn({.size = 16 * 1024});
+  std::vector<int> ids(200, 0);
+  int line = 0;
+  for (int& id : ids) logByHand(skein->traceFile(), &id, 1, ++line);
+  Skein::Reader reader(path);
+  const auto records = recordsOf(reader);
+  EXPECT_GT(records.size(), 10U);
+  EXPECT_LT(records.size(), 200U);
+  EXPECT_EQ(records.size() + reader.counters().dropped, 200U);
+  EXPECT_EQ(reader.problem(), "");
+}
+
+TEST_F(SkeinFile, ReplacesAnOlderFileOfItsNameWithoutTouchingIt) {
+  ringIsOn();
+  Twine::trace<Sample::numbered>(1);
+  Skein::Reader reader(path);
+  EXPECT_FALSE(reader.replaced());
+  {
+    Skein::TraceHandle second(path);
+    Twine::trace<Sample::numbered>(2);
+    EXPECT_TRUE(reader.replaced());
+    EXPECT_EQ(recordsOf(reader).size(), 2U) << "the first handle still writes its own file";
+    EXPECT_TRUE(recordsIn(path).empty());
+  }
+}
+
+TEST_F(SkeinFile, SaysWhyItCannotBeMade) {
+  try {
+    Skein::TraceHandle handle(folder.file("missing/trace.skein"));
+    FAIL() << "made in a folder that is not there";
+  } catch (const Lumo::ErrnoException& error) {
+    EXPECT_EQ(error.errnoValue(), ENOENT);
+    EXPECT_NE(error.message().stdString().find("missing/trace.skein"), std::string::npos);
+  }
+  EXPECT_THROW(Skein::TraceHandle(path, {.size = 100}), Lumo::RangeException);
+  EXPECT_THROW(Skein::TraceHandle(path, {.size = U64{1} << 40}), Lumo::RangeException);
+  EXPECT_TRUE(std::filesystem::is_empty(std::filesystem::path(path).parent_path()));
+}
+
+TEST_F(SkeinFile, AReaderSeesEachRecordOnceWhileItIsWritten) {
+  ringIsOn({.size = 64 * 1024});
+  Skein::Reader reader(path);
+  int next = 0;
+  for (int round = 0; round < 300; ++round) {
+    for (int i = 0; i < round % 60; ++i) Twine::trace<Sample::numbered>(next + i);
+    for (const Seen& record : recordsOf(reader)) {
+      ASSERT_EQ(record.text, "n=" + std::to_string(next));
+      ++next;
+    }
+  }
+  EXPECT_GT(next, 5000);
+  EXPECT_EQ(reader.problem(), "");
+}
+
+TEST_F(SkeinFile, ASnapshotKeepsWhatWasThere) {
+  const std::string frozen = folder.file("frozen.skein");
+  ringIsOn({.size = 64 * 1024});
+  for (int i = 0; i < 5000; ++i) Twine::trace<Sample::numbered>(i);
+  const auto before = textsIn(path);
+  Skein::snapshot(*skein->traceFile(), frozen);
+  for (int i = 0; i < 5000; ++i) Twine::trace<Sample::plain>();
+  EXPECT_EQ(textsIn(frozen), before);
+  EXPECT_EQ(before.back(), "n=4999");
+  EXPECT_THROW(Skein::snapshot(*skein->traceFile(), folder.file("missing/f.skein")),
+               Lumo::ErrnoException);
+}

@@ -1,0 +1,163 @@
+#include <chrono>
+#include <map>
+#include <random>
+#include <thread>
+
+#include "Process.h"
+#include "TraceFixture.h"
+
+using SkeinProcess = TraceTest;
+
+namespace {
+
+// Reads what a killed writer left and checks that each thread's records are a gapless run, that
+// every record is whole, and that nothing is damaged. Returns the number of records.
+std::size_t checkRun(const std::string& path) {
+  Skein::Reader reader(path);
+  std::map<int, unsigned> next;
+  std::size_t count = 0;
+  reader.read([&](const Skein::Record& record) {
+    const auto values = record.arguments();
+    const int thread = std::get<int>(values.at(0));
+    const unsigned i = std::get<unsigned int>(values.at(1));
+    EXPECT_EQ(std::get<std::string_view>(values.at(2)), std::to_string(i));
+    EXPECT_EQ(std::get<std::string_view>(values.at(3)), std::string(i % 40, 'x'));
+    const auto expected = next.find(thread);
+    if (expected != next.end()) {
+      EXPECT_EQ(i, expected->second) << "thread " << thread;
+    }
+    next[thread] = i + 1;
+    ++count;
+  });
+  EXPECT_EQ(reader.problem(), "");
+  return count;
+}
+
+bool waitForRecords(const std::string& path) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  while (std::chrono::steady_clock::now() < deadline) {
+    if (std::filesystem::exists(path)) {
+      Skein::Reader reader(path);
+      if (reader.read([](const Skein::Record&) {}) > 0) return true;
+    }
+    std::this_thread::yield();
+  }
+  return false;
+}
+
+}  // namespace
+
+TEST_F(SkeinProcess, AWriterKilledAtAnyInstructionLeavesEverythingCommitted) {
+  std::mt19937 random(20260131);
+  for (int round = 0; round < 60; ++round) {
+    const std::string file = folder.file("killed" + std::to_string(round));
+    const char* threads = round % 2 ? "3" : "1";
+    const char* size = round % 3 ? "1048576" : "32768";
+    const pid_t child = start({TRACE_PROGRAM, "ring", file, size, threads}, nullptr, -1, -1);
+    ASSERT_TRUE(waitForRecords(file));
+    // Any instruction: a busy loop of random length, no clock.
+    std::atomic<unsigned> spin{0};
+    for (const unsigned turns = random() % 300000; spin < turns;) ++spin;
+    ::kill(child, SIGKILL);
+    EXPECT_EQ(ended(child), -SIGKILL);
+    EXPECT_GT(checkRun(file), 0U);
+    std::filesystem::remove(file);
+  }
+}
+
+TEST_F(SkeinProcess, TheRecordLastCommittedBeforeAKillIsThere) {
+  int ends[2];
+  ASSERT_EQ(::pipe(ends), 0);
+  const pid_t child = ::fork();
+  if (child == 0) {
+    Skein::TraceHandle handle(path);
+    Skein::defaultSkeinHandleIs(&handle);
+    for (int i = 0;; ++i) {
+      Twine::trace<Sample::numbered>(i);
+      if (::write(ends[1], &i, sizeof i) < 0) ::_exit(1);
+    }
+  }
+  int last = -1;
+  while (last < 2000) ASSERT_EQ(::read(ends[0], &last, sizeof last), ssize_t{sizeof last});
+  ::kill(child, SIGKILL);
+  ended(child);
+  ::close(ends[1]);
+  for (int i; ::read(ends[0], &i, sizeof i) == sizeof i;) last = i;
+  ::close(ends[0]);
+  const auto texts = textsIn(path);
+  ASSERT_GE(texts.size(), static_cast<std::size_t>(last) + 1);
+  EXPECT_EQ(texts[static_cast<std::size_t>(last)], "n=" + std::to_string(last));
+}
+
+TEST_F(SkeinProcess, AForkedChildWritesBesideItsParent) {
+  for (bool multiThreaded : {false, true}) {
+    ringIsOn({.size = 1 << 20, .multiThreaded = multiThreaded});
+    Twine::trace<Sample::numbered>(0);
+    const pid_t child = ::fork();
+    if (child == 0) {
+      for (int i = 1; i <= 3000; ++i) Twine::trace<Sample::pair>(i, i);
+      Twine::trace<Sample::plain>();
+      ::_exit(0);
+    }
+    for (int i = 1; i <= 3000; ++i) Twine::trace<Sample::numbered>(i);
+    Twine::trace<Sample::other>(1);
+    EXPECT_EQ(ended(child), 0);
+    int mine = 0;
+    int theirs = 0;
+    for (const Seen& record : recordsIn(path)) {
+      if (record.thread == child) {
+        ++theirs;
+        EXPECT_EQ(record.text, theirs <= 3000
+                                   ? "a=" + std::to_string(theirs) + " b=" + std::to_string(theirs)
+                                   : "Entry");
+      } else {
+        EXPECT_EQ(record.text, mine <= 3000 ? "n=" + std::to_string(mine) : "other 1");
+        ++mine;
+      }
+    }
+    EXPECT_EQ(mine, 3002);
+    EXPECT_EQ(theirs, 3001);
+  }
+}
+
+TEST_F(SkeinProcess, BlocksOfDeadChildrenComeBack) {
+  ringIsOn({.size = 16 * 1024});
+  for (int i = 0; i < 50; ++i) {
+    const pid_t child = ::fork();
+    if (child == 0) {
+      Twine::trace<Sample::numbered>(i);
+      ::_exit(0);
+    }
+    EXPECT_EQ(ended(child), 0);
+  }
+  for (int i = 0; i < 1000; ++i) Twine::trace<Sample::numbered>(1000 + i);
+  Skein::Reader reader(path);
+  const auto records = recordsOf(reader);
+  EXPECT_EQ(reader.counters().dropped, 0U);
+  EXPECT_EQ(records.size() + reader.counters().overwritten, 1050U);
+  EXPECT_EQ(records.front().text, "n=" + std::to_string(2000 - static_cast<int>(records.size())));
+}
+
+TEST_F(SkeinProcess, AForkWhileOthersTraceLeavesAWorkingChild) {
+  ringIsOn();
+  std::atomic<bool> stop{false};
+  std::thread tracing([&] {
+    for (int i = 0; !stop; ++i) {
+      Twine::trace<Sample::pair>(i, i);
+      std::thread([] { Twine::trace<Sample::plain>(); }).join();
+    }
+  });
+  for (int i = 0; i < 30; ++i) {
+    const pid_t child = ::fork();
+    if (child == 0) {
+      ::alarm(60);
+      Lumo::traceSinkIs(nullptr);
+      Twine::trace<Sample::other>(1);
+      { Skein::TraceHandle another(folder.file("child"), {.size = 16 * 1024}); }
+      ::_exit(0);
+    }
+    ASSERT_EQ(ended(child), 0);
+  }
+  stop = true;
+  tracing.join();
+}

@@ -1,0 +1,286 @@
+#include <algorithm>
+#include <sstream>
+#include <thread>
+
+#include <Lumo/Trace.h>
+
+#include "TraceFixture.h"
+
+using Lumo::TraceFacility;
+
+namespace Sample {
+
+Lumo::TraceHandle& handle() {
+  static Lumo::TraceHandle made("Sample", false);
+  return made;
+}
+
+Lumo::TraceHandle& otherHandle() {
+  static Lumo::TraceHandle made("Other", false);
+  return made;
+}
+
+}  // namespace Sample
+
+using TraceFacilityTest = TraceTest;
+using TraceHelperTest = TraceTest;
+using TraceHandleTest = TraceTest;
+
+TEST_F(TraceFacilityTest, EverythingIsOffByDefault) {
+  EXPECT_FALSE(TraceFacility::facilityEnabled("Sample"));
+  for (unsigned level = 0; level < 10; ++level) {
+    EXPECT_FALSE(TraceFacility::levelEnabled({"Sample", level}));
+  }
+}
+
+TEST_F(TraceFacilityTest, ASettingNamesFacilitiesAndLevels) {
+  EXPECT_TRUE(Lumo::traceSettingIs("Sample/0-5,Other/*, Third/7"));
+  EXPECT_TRUE(TraceFacility::levelEnabled({"Sample", 5}));
+  EXPECT_FALSE(TraceFacility::levelEnabled({"Sample", 6}));
+  EXPECT_TRUE(TraceFacility::levelEnabled({"Other", 9}));
+  EXPECT_FALSE(TraceFacility::levelEnabled({"Third", 6}));
+  EXPECT_TRUE(TraceFacility::levelEnabled({"Third", 7}));
+  EXPECT_FALSE(TraceFacility::facilityEnabled("Fourth"));
+}
+
+TEST_F(TraceFacilityTest, AnEveryFacilityPartAddsToTheNamedOnes) {
+  EXPECT_TRUE(Lumo::traceSettingIs("Sample/9,*/0"));
+  EXPECT_TRUE(TraceFacility::levelEnabled({"Sample", 0}));
+  EXPECT_TRUE(TraceFacility::levelEnabled({"Sample", 9}));
+  EXPECT_TRUE(TraceFacility::levelEnabled({"Anything", 0}));
+  EXPECT_FALSE(TraceFacility::levelEnabled({"Anything", 9}));
+}
+
+TEST_F(TraceFacilityTest, ABadPartIsReportedOnceAndTheRestHolds) {
+  for (const char* bad : {"Sample", "Sample/", "/5", "Sample/10", "Sample/5-3", "Sample/a",
+                          "Sample/1-", "Sample/-1", "Sample/1,5"}) {
+    testing::internal::CaptureStderr();
+    EXPECT_FALSE(Lumo::traceSettingIs(Lumo::String(std::string("Other/3,") + bad))) << bad;
+    const std::string warning = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(std::count(warning.begin(), warning.end(), '\n'), 1) << bad;
+    EXPECT_NE(warning.find(bad), std::string::npos);
+    EXPECT_TRUE(TraceFacility::levelEnabled({"Other", 3})) << bad;
+    EXPECT_FALSE(TraceFacility::levelEnabled({"Sample", 9})) << bad;
+  }
+}
+
+TEST_F(TraceFacilityTest, OneLevelIsTurnedOnAndOff) {
+  Lumo::traceSettingIs("*/*");
+  Lumo::traceLevelIs("Sample", 4, false);
+  EXPECT_FALSE(Sample::handle().enabled(4));
+  EXPECT_TRUE(Sample::handle().enabled(5));
+  EXPECT_TRUE(Sample::otherHandle().enabled(4));
+  Lumo::traceLevelIs("Sample", -1, false);
+  EXPECT_FALSE(TraceFacility::facilityEnabled("Sample"));
+  Lumo::traceLevelIs("*", 2, true);
+  EXPECT_TRUE(Sample::handle().enabled(2));
+  Lumo::traceLevelIs("Sample", 10, true);
+  Lumo::traceLevelIs("Sample", -2, true);
+  EXPECT_FALSE(Sample::handle().enabled(3));
+}
+
+TEST_F(TraceHandleTest, EnabledFollowsFacilityAndLevel) {
+  Lumo::TraceHandle handle("Fresh", false);
+  EXPECT_EQ(handle.name(), Lumo::String("Fresh"));
+  for (unsigned level : {0U, 5U, 9U, 10U, 31U, 32U, 1000U}) EXPECT_FALSE(handle.enabled(level));
+  Lumo::traceSettingIs("Fresh/5");
+  for (unsigned level = 0; level < 40; ++level) EXPECT_EQ(handle.enabled(level), level == 5);
+}
+
+TEST_F(TraceHandleTest, OnByDefaultHoldsUntilASettingNamesTheFacility) {
+  Lumo::TraceHandle handle("Loud", true);
+  EXPECT_TRUE(handle.enabled(9));
+  Lumo::traceSettingIs("Loud/0");
+  EXPECT_FALSE(handle.enabled(9));
+  EXPECT_TRUE(handle.enabled(0));
+}
+
+TEST_F(TraceHandleTest, ALateTraceThroughADestroyedHandleIsSafe) {
+  alignas(Lumo::TraceHandle) std::byte storage[sizeof(Lumo::TraceHandle)];
+  auto* handle = new (storage) Lumo::TraceHandle("Late", false);
+  handle->~TraceHandle();
+  EXPECT_FALSE(handle->enabled(5));
+  Lumo::traceSettingIs("Late/5");
+  EXPECT_TRUE(handle->enabled(5));
+  EXPECT_EQ(handle->name(), Lumo::String("Late"));
+}
+
+namespace Lazy {
+Lumo::TraceHandle& handle() {
+  static Lumo::TraceHandle made("Lazy", false);
+  return made;
+}
+constexpr Twine::Module module{&handle, nullptr, "Lazy.cpp"};
+constexpr Twine::Point point{&module, 1, "f", 5, Twine::Sinks::text, "text"};
+}  // namespace Lazy
+
+TEST_F(TraceHandleTest, IsMadeOnceAtTheFirstTraceOfItsModule) {
+  const auto made = [] {
+    const auto names = TraceFacility::handleNames();
+    return std::count(names.begin(), names.end(), Lumo::String("Lazy"));
+  };
+  ASSERT_EQ(made(), 0);
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 8; ++i) threads.emplace_back([] { Twine::trace<Lazy::point>(); });
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(made(), 1);
+}
+
+TEST_F(TraceHelperTest, IsNoneWhileTheLevelIsOff) {
+  alignas(void*) std::byte storage[Lumo::TraceHelper::storageSize];
+  EXPECT_EQ(Lumo::TraceHelper::createIfEnabled(Sample::handle(), 5, storage), nullptr);
+  Lumo::traceSettingIs("Sample/4");
+  EXPECT_EQ(Lumo::TraceHelper::createIfEnabled(Sample::handle(), 5, storage), nullptr);
+  Lumo::traceSettingIs("Sample/5");
+  Lumo::TraceHelper* helper = Lumo::TraceHelper::createIfEnabled(Sample::handle(), 5, storage);
+  ASSERT_NE(helper, nullptr);
+  Lumo::EnsureTraceHelperIsDestroyed ensure(helper);
+  EXPECT_EQ(static_cast<void*>(helper), static_cast<void*>(storage));
+}
+
+TEST_F(TraceHelperTest, ALineCarriesItsOrigin) {
+  Lumo::traceSettingIs("Sample/5");
+  Twine::trace<Sample::textOnly>();
+  const auto lines = recorder.lines();
+  ASSERT_EQ(lines.size(), 1U);
+  EXPECT_EQ(lines[0].facility, Lumo::String("Sample"));
+  EXPECT_EQ(lines[0].level, 5U);
+  EXPECT_EQ(lines[0].file, "Sample.lumo");
+  EXPECT_EQ(lines[0].line, 77);
+  EXPECT_EQ(lines[0].function, "work");
+  EXPECT_EQ(lines[0].text, "Nothing to do");
+  EXPECT_EQ(lines[0].thread, static_cast<int>(::gettid()));
+}
+
+TEST_F(TraceHelperTest, NestedHelpersKeepTheirTextsApart) {
+  struct Talking {};
+  Lumo::traceSettingIs("Sample/*");
+  struct Nest {
+    static void trace(int depth) {
+      alignas(void*) std::byte storage[Lumo::TraceHelper::storageSize];
+      auto* helper = Lumo::TraceHelper::createIfEnabled(Sample::handle(), 5, storage);
+      Lumo::EnsureTraceHelperIsDestroyed ensure(helper);
+      helper->stringstream() << "before " << depth;
+      if (depth < 9) trace(depth + 1);
+      helper->stringstream() << " after";
+      helper->trace("f", depth, "g");
+    }
+  };
+  Nest::trace(0);
+  const auto lines = recorder.lines();
+  ASSERT_EQ(lines.size(), 10U);
+  for (const auto& line : lines) {
+    EXPECT_EQ(line.text, "before " + std::to_string(line.line) + " after");
+  }
+}
+
+TEST_F(TraceHelperTest, AStreamComesBackEmptyAndPlain) {
+  Lumo::traceSettingIs("Sample/*");
+  for (int round = 0; round < 2; ++round) {
+    alignas(void*) std::byte storage[Lumo::TraceHelper::storageSize];
+    auto* helper = Lumo::TraceHelper::createIfEnabled(Sample::handle(), 5, storage);
+    Lumo::EnsureTraceHelperIsDestroyed ensure(helper);
+    std::ostream& out = helper->stringstream();
+    out << 255 << ' ' << 1.5 << ' ' << 1000000;
+    helper->trace("f", 1, "g");
+    out << std::hex << std::string(100000, 'x');
+    out.fill('*');
+    out.width(20);
+    out.setstate(std::ios_base::failbit);
+  }
+  EXPECT_EQ(recorder.texts(), (std::vector<std::string>{"255 1.5 1000000", "255 1.5 1000000"}));
+}
+
+namespace {
+struct Throwing {};
+std::ostream& operator<<(std::ostream& out, const Throwing&) {
+  out << "half";
+  throw std::runtime_error("no text for you");
+}
+}  // namespace
+
+TEST_F(TraceHelperTest, IsDestroyedWhenFormattingThrows) {
+  Lumo::traceSettingIs("Sample/*");
+  // More often than the thread has streams to lend: they come back on this way too.
+  for (int i = 0; i < 20; ++i) {
+    EXPECT_THROW(Twine::trace<Sample::textSending>(Throwing()), std::runtime_error);
+  }
+  Twine::trace<Sample::textSending>(1);
+  EXPECT_EQ(recorder.texts(), std::vector<std::string>{"Sending 1"});
+}
+
+TEST_F(TraceHelperTest, AnExceptionOfTheSinkReachesTheTracingCode) {
+  struct : Lumo::TraceSink {
+    void lineIs(const Lumo::TraceLine&) override { throw std::runtime_error("full"); }
+  } full;
+  textIsOn();
+  Lumo::traceSinkIs(&full);
+  for (int i = 0; i < 20; ++i) EXPECT_THROW(Twine::trace<Sample::plain>(), std::runtime_error);
+  Lumo::traceSinkIs(&recorder);
+  Twine::trace<Sample::plain>();
+  EXPECT_EQ(recorder.texts(), std::vector<std::string>{"Entry"});
+}
+
+TEST(TraceLine, HasAFixedFormWithTheTextLast) {
+  Lumo::TraceLine line;
+  line.facility = "GrpcClient";
+  line.level = 5;
+  line.file = "GrpcClient.cpp";
+  line.line = 77;
+  line.function = "doProcessGrpcCmd";
+  line.text = "one\ntwo\rthree";
+  line.timeNs = 1769860800123456789ULL;
+  line.thread = 4711;
+  std::string text;
+  Lumo::appendTraceLine(text, line);
+  EXPECT_EQ(text,
+            "2026-01-31T12:00:00.123456 4711 GrpcClient/5 GrpcClient.cpp:77 doProcessGrpcCmd: "
+            "one\\ntwo\\rthree\n");
+}
+
+TEST_F(TraceHelperTest, LinesOfTwoThreadsStayWhole) {
+  textIsOn();
+  const auto speak = [](char letter) {
+    for (int i = 0; i < 2000; ++i) {
+      Twine::trace<Sample::textSending>(std::string(50, letter));
+    }
+  };
+  std::thread first(speak, 'a');
+  std::thread second(speak, 'b');
+  first.join();
+  second.join();
+  const auto texts = recorder.texts();
+  ASSERT_EQ(texts.size(), 4000U);
+  EXPECT_EQ(std::count(texts.begin(), texts.end(), "Sending " + std::string(50, 'a')), 2000);
+  EXPECT_EQ(std::count(texts.begin(), texts.end(), "Sending " + std::string(50, 'b')), 2000);
+}
+
+TEST_F(TraceHelperTest, ASinkMayGoWhileOthersTrace) {
+  textIsOn();
+  std::atomic<bool> stop{false};
+  std::atomic<int> traced{0};
+  std::thread tracing([&] {
+    while (!stop) {
+      Twine::trace<Sample::textOnly>();
+      ++traced;
+    }
+  });
+  std::size_t seen = 0;
+  for (int i = 0; i < 200; ++i) {
+    Lumo::TraceRecorder shortLived;
+    const int before = traced;
+    while (traced < before + 2) std::this_thread::yield();
+    seen += shortLived.lines().size();
+  }
+  stop = true;
+  tracing.join();
+  EXPECT_GE(seen, 200U);
+}
+
+TEST_F(TraceHelperTest, TheErrorNumberOfTheCallerStays) {
+  textIsOn();
+  ringIsOn();
+  errno = EDOM;
+  Twine::trace<Sample::plain>();
+  EXPECT_EQ(errno, EDOM);
+}

@@ -1,0 +1,101 @@
+#pragma once
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <Lumo/TraceRecorder.h>
+#include <Skein/Skein.h>
+
+#include "TracePoints.h"
+
+// A folder of its own for each test, removed at its end.
+class TemporaryFolder {
+ public:
+  TemporaryFolder() {
+    std::string name = (std::filesystem::temp_directory_path() / "skein-test-XXXXXX").string();
+    if (!::mkdtemp(name.data())) std::perror("mkdtemp");
+    path_ = name;
+  }
+  ~TemporaryFolder() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+  }
+  TemporaryFolder(const TemporaryFolder&) = delete;
+  TemporaryFolder& operator=(const TemporaryFolder&) = delete;
+
+  std::string file(const std::string& name) const { return (path_ / name).string(); }
+
+ private:
+  std::filesystem::path path_;
+};
+
+// A record as the tests compare it.
+struct Seen {
+  int id;
+  unsigned level;
+  int thread;
+  U64 monotonicNs;
+  std::string text;
+  std::string line;
+};
+
+inline std::vector<Seen> recordsOf(Skein::Reader& reader) {
+  std::vector<Seen> seen;
+  reader.read([&](const Skein::Record& record) {
+    Seen one{record.id, record.level, record.thread, record.monotonicNs, {}, {}};
+    record.appendText(one.text);
+    record.appendLine(one.line);
+    seen.push_back(one);
+  });
+  return seen;
+}
+
+inline std::vector<Seen> recordsIn(const std::string& path) {
+  Skein::Reader reader(path);
+  auto seen = recordsOf(reader);
+  EXPECT_EQ(reader.problem(), "");
+  return seen;
+}
+
+inline std::vector<std::string> textsIn(const std::string& path) {
+  std::vector<std::string> texts;
+  for (const Seen& one : recordsIn(path)) texts.push_back(one.text);
+  return texts;
+}
+
+inline std::size_t sitesIn(const std::string& path) {
+  Skein::Reader reader(path);
+  std::size_t count = 0;
+  for (const auto& site : reader.sites()) count += site ? 1 : 0;
+  return count;
+}
+
+// All tracing off at start and at the end, lines recorded, and a trace file on demand.
+class TraceTest : public testing::Test {
+ protected:
+  TraceTest() { reset(); }
+  ~TraceTest() override { reset(); }
+
+  static void reset() {
+    Skein::defaultSkeinHandleIs(nullptr);
+    Lumo::coverageStream_ = nullptr;
+    Lumo::traceSettingIs("");
+    for (U8 i = 0; i < 10; ++i) Sample::levelMap[i] = Sample::otherLevelMap[i] = i;
+  }
+  static void textIsOn() { Lumo::traceSettingIs("*/*"); }
+  void ringIsOn(Skein::TraceOptions options = {}) {
+    skein = std::make_unique<Skein::TraceHandle>(path, options);
+    Skein::defaultSkeinHandleIs(skein.get());
+  }
+
+  TemporaryFolder folder;
+  const std::string path = folder.file("trace.skein");
+  Lumo::TraceRecorder recorder;
+  std::unique_ptr<Skein::TraceHandle> skein;
+};

@@ -1,0 +1,74 @@
+#include <gtest/gtest.h>
+
+#include <regex>
+#include <sstream>
+
+#include "Process.h"
+
+namespace {
+
+std::vector<std::string> linesOf(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
+  return lines;
+}
+
+}  // namespace
+
+TEST(TraceProcess, IsSilentWithoutASetting) {
+  const Outcome outcome = run({TRACE_PROGRAM, "text"});
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.error, "");
+}
+
+TEST(TraceProcess, WritesALineToStandardErrorWhenTheEnvironmentAsks) {
+  const Outcome outcome = run({TRACE_PROGRAM, "text"}, "Sample/0-5");
+  EXPECT_TRUE(std::regex_match(
+      outcome.error,
+      std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6} \d+ Sample/5 Sample\.lumo:77 work: )"
+                 R"(Nothing to do\n)")))
+      << outcome.error;
+  EXPECT_EQ(outcome.out, "");
+}
+
+TEST(TraceProcess, WarnsOnceOfABadSettingAndGoesOn) {
+  const Outcome outcome = run({TRACE_PROGRAM, "text"}, "Sample/5,nonsense");
+  EXPECT_EQ(outcome.status, 0);
+  const auto lines = linesOf(outcome.error);
+  ASSERT_EQ(lines.size(), 2U);
+  EXPECT_NE(lines[0].find("nonsense"), std::string::npos);
+  EXPECT_NE(lines[1].find("Nothing to do"), std::string::npos);
+}
+
+TEST(TraceProcess, LongLinesOfSeveralThreadsStayWholeInAPipe) {
+  int ends[2];
+  ASSERT_EQ(::pipe(ends), 0);
+  const pid_t child = start({TRACE_PROGRAM, "threads"}, "*/*", -1, ends[1]);
+  ::close(ends[1]);
+  std::string text;
+  char part[4096];
+  for (ssize_t count; (count = ::read(ends[0], part, sizeof part)) > 0;) {
+    text.append(part, static_cast<std::size_t>(count));
+  }
+  ::close(ends[0]);
+  EXPECT_EQ(ended(child), 0);
+  int counts[4] = {};
+  for (const std::string& line : linesOf(text)) {
+    const std::string letters = line.substr(line.find("Sending ") + 8);
+    ASSERT_EQ(letters.size(), 9000U);
+    ASSERT_EQ(letters.find_first_not_of(letters[0]), std::string::npos);
+    ++counts[letters[0] - 'a'];
+  }
+  for (int count : counts) EXPECT_EQ(count, 50);
+}
+
+TEST(TraceProcess, TracesOfDestructorsAtTheEndComeThrough) {
+  const Outcome outcome = run({TRACE_PROGRAM, "late"}, "*/*");
+  EXPECT_EQ(outcome.status, 0);
+  const auto lines = linesOf(outcome.error);
+  ASSERT_EQ(lines.size(), 3U);
+  EXPECT_NE(lines[0].find("Nothing to do"), std::string::npos);
+  EXPECT_NE(lines[1].find("Creating for thread end"), std::string::npos);
+  EXPECT_NE(lines[2].find("Creating for exit"), std::string::npos);
+}

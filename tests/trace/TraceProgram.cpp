@@ -1,0 +1,96 @@
+// Traces on demand, for tests that look at a process from outside.
+//   trace_program text                one line of text, as LUMO_TRACE allows
+//   trace_program threads             long lines from four threads
+//   trace_program late                lines from destructors while the process exits
+//   trace_program ring FILE SIZE THREADS   numbered records until killed
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <Skein/Skein.h>
+
+#include "TracePoints.h"
+
+namespace Sample {
+
+Lumo::TraceHandle& handle() {
+  static Lumo::TraceHandle made("Sample", false);
+  return made;
+}
+
+Lumo::TraceHandle& otherHandle() {
+  static Lumo::TraceHandle made("Other", false);
+  return made;
+}
+
+}  // namespace Sample
+
+namespace {
+
+struct TracesWhenDestroyed {
+  explicit TracesWhenDestroyed(const char* when) : when_(when) {}
+  ~TracesWhenDestroyed() {
+    if (on) Twine::trace<Sample::afterBlank>(when_);
+  }
+  static inline bool on = false;
+  const char* when_;
+};
+
+// Made before any handle, so destroyed after it.
+TracesWhenDestroyed atExit("exit");
+
+void speakAtLength(char letter) {
+  for (int i = 0; i < 50; ++i) Twine::trace<Sample::textSending>(std::string(9000, letter));
+}
+
+// Records with a check of their own: the second argument repeats the first.
+void recordForEver(int thread) {
+  for (unsigned i = 0;; ++i) {
+    const std::string tail(i % 40, 'x');
+    Twine::trace<Sample::four>(thread, i, std::to_string(i), tail);
+  }
+}
+
+int ring(const char* path, const char* size, const char* threads) {
+  const int count = std::atoi(threads);
+  Skein::TraceOptions options;
+  options.size = std::strtoull(size, nullptr, 10);
+  options.multiThreaded = count > 1;
+  Skein::TraceHandle handle(path, options);
+  Skein::defaultSkeinHandleIs(&handle);
+  std::vector<std::thread> writers;
+  for (int i = 1; i < count; ++i) writers.emplace_back(recordForEver, i);
+  recordForEver(0);
+  return 0;
+}
+
+}  // namespace
+
+int main(int count, char** words) {
+  const std::string mode = count > 1 ? words[1] : "";
+  if (mode == "text") {
+    Twine::trace<Sample::textOnly>();
+    return 0;
+  }
+  if (mode == "threads") {
+    std::vector<std::thread> threads;
+    for (char letter : {'a', 'b', 'c', 'd'}) threads.emplace_back(speakAtLength, letter);
+    for (std::thread& thread : threads) thread.join();
+    return 0;
+  }
+  if (mode == "late") {
+    TracesWhenDestroyed::on = true;
+    std::thread([] {
+      static thread_local TracesWhenDestroyed atThreadEnd("thread end");
+      (void)atThreadEnd.when_;
+      Twine::trace<Sample::textOnly>();
+    }).join();
+    return 0;
+  }
+  if (mode == "ring" && count == 5) return ring(words[2], words[3], words[4]);
+  std::fprintf(stderr, "usage: trace_program text|threads|late|ring FILE SIZE THREADS\n");
+  return 2;
+}
