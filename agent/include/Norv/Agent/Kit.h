@@ -1,0 +1,110 @@
+#pragma once
+
+#include <map>
+#include <memory>
+#include <optional>
+
+#include <Norv/Agent/Ledger.h>
+#include <Norv/Agent/Tracked.h>
+#include <Norv/ConnectionsMgr.h>
+
+namespace Norv::Agent {
+
+// What to do when the error flag has risen.
+struct FailurePolicy {
+  enum class Action {
+    reportAndStop,  // leave the flag; nothing more is sent
+    clearAndGoOn,   // clear it after `pause` and wake the worker
+  };
+  Action action = Action::reportAndStop;
+  std::chrono::milliseconds pause{0};
+};
+
+// What the connection is doing at this moment.
+struct Status {
+  enum class Worker { none, idle, inFlight, stopped };
+  struct Depth {
+    U64 now = 0;
+    U64 maximum = 0;
+  };
+  Worker worker = Worker::none;                       // none: simulation, or no manager yet
+  std::optional<CommandReport> inFlight;              // `started` tells since when
+  std::optional<Time> stoppedSince;                   // set while the error flag is
+  std::map<Lumo::Name, Depth> queues;                 // the named queues
+  Depth pending;                                      // announced and not yet taken by the worker
+  std::optional<std::chrono::nanoseconds> oldestAge;  // since announcement
+  std::optional<CommandReport> lastFailure;
+};
+const char* workerName(Status::Worker worker);
+
+// Everything an agent wants around a connection manager and the library leaves to it. Built on the
+// library's public interfaces only; an agent that does without links nothing of it.
+//
+//   Kit kit(globalCmdConfig, pendingQueue, status);       // before the manager: it sees all moves
+//   auto mgr = ConnectionsMgr::ConnectionsMgrIs(host, globalCmdConfig, pendingQueue, status);
+//   kit.managerIs(mgr);
+//   ... commands as Tracked<...>(kit.ledger(), ...), kit.tick() every few milliseconds ...
+//
+// Everything here is for the main thread, with the activity lock held.
+class Kit {
+ public:
+  Kit(const Lumo::Ptr<GrpcGlobalCmdConfig>& config, const Lumo::Ptr<CmdGroup>& pendingQueue,
+      const Lumo::Ptr<GrpcErrorHandlingStatus>& status,
+      TimeSource now = std::chrono::steady_clock::now);
+  ~Kit();
+  Kit(const Kit&) = delete;
+  Kit& operator=(const Kit&) = delete;
+
+  // Where tracked commands are entered.
+  const std::shared_ptr<Ledger>& ledger() const { return ledger_; }
+  void managerIs(const Lumo::Ptr<ConnectionsMgr>& manager);
+  void failurePolicyIs(const FailurePolicy& policy) { policy_ = policy; }
+
+  // Wakes the worker again if commands wait, as a single wake-up may have been lost; carries out
+  // the failure policy when its time has come. Call it from a clock, every few milliseconds.
+  void tick();
+
+  bool stopped() const { return status_->errorOccured(); }
+  // Clears the error flag and wakes the worker. What the worker took meanwhile is dropped.
+  void clearAndGoOn();
+  Status status() const;
+
+  // Takes every command that waits out of the named queues and the pending queue; they end as
+  // dropped. What the worker has taken already is not affected.
+  void dropWaiting();
+  // Gives every open command its end: the one under way as failed with `reason`, the others as
+  // dropped. Nothing is sent afterwards.
+  void closeBooks(const std::string& reason);
+
+  // Ends the process with `exitStatus`, output flushed, although the worker cannot be told to stop
+  // and the manager cannot be destroyed: destructors of static objects are not run.
+  [[noreturn]] static void leaveProcess(int exitStatus);
+
+ private:
+  class ConfigWatcher;
+  class QueueWatcher;
+  class StatusWatcher;
+
+  void follow(const Lumo::Name& name);
+  void onFlag();
+  void wakeWorker();
+  template <class Function>
+  auto underThreadLock(Function function) const;
+  std::optional<U64> firstPending() const;
+  bool oldestIsUnderWay() const;
+
+  const Lumo::Ptr<GrpcGlobalCmdConfig> config_;
+  const Lumo::Ptr<CmdGroup> pendingQueue_;
+  const Lumo::Ptr<GrpcErrorHandlingStatus> status_;
+  const std::shared_ptr<Ledger> ledger_;
+  Lumo::Ptr<ConnectionsMgr> manager_;
+  FailurePolicy policy_;
+  std::map<Lumo::Name, Lumo::Ptr<QueueWatcher>> queues_;
+  Lumo::Ptr<ConfigWatcher> configWatcher_;
+  Lumo::Ptr<StatusWatcher> statusWatcher_;
+  // Written on the worker, read on the main thread: nanoseconds of the time source, 0 for not
+  // stopped.
+  std::atomic<Time::rep> stoppedSince_{0};
+};
+
+}  // namespace Norv::Agent

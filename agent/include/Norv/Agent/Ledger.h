@@ -1,0 +1,109 @@
+#pragma once
+
+#include <array>
+#include <chrono>
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+#include <thread>
+#include <unordered_map>
+#include <vector>
+
+#include <Lumo/Lock.h>
+#include <Lumo/Name.h>
+#include <Norv/Agent/Outcome.h>
+#include <Norv/GrpcCmd.h>
+
+namespace Norv::Agent {
+
+using Time = std::chrono::steady_clock::time_point;
+// The time, injected so that tests need not wait. Called from any thread.
+using TimeSource = std::function<Time()>;
+
+// What is known of one command.
+struct CommandReport {
+  U64 id = 0;   // in the order of creation, from 1
+  U64 seq = 0;  // in the order of announcement, from 1; 0: not announced
+  GrpcRequestType type = unknown;
+  Lumo::Name queue;  // empty: not announced
+  Time announced{};
+  // When its service began: when it was announced or its predecessor ended, whichever was later.
+  // One command is under way at a time, in order.
+  Time started{};
+  Time ended{};
+  Outcome outcome = Outcome::dropped;
+  int errorCode = 0;      // of a refusal
+  std::string errorText;  // of a refusal; of a failure, what is known about it
+};
+
+// Accounts for every tracked command, from what can be seen from outside the library: responses,
+// destructions, moves between queues, and the error flag. Commands go to the daemon one at a time
+// and in order, so a command that has ended tells about those before it: they were skipped.
+//
+// Any thread. The listener is called once per command, on the thread that ended it, possibly under
+// threadLock; it must not call back into the manager or wait.
+class Ledger {
+ public:
+  using Listener = std::function<void(const CommandReport&)>;
+
+  explicit Ledger(TimeSource now = std::chrono::steady_clock::now) : now_(std::move(now)) {}
+
+  // Set before the first command is announced.
+  void listenerIs(Listener listener) { listener_ = std::move(listener); }
+
+  // The events of a command's life, reported by Tracked and Kit.
+  U64 created(GrpcRequestType type);
+  void announced(U64 id, const Lumo::Name& queue);
+  void answered(U64 id, int errorCode, const std::string& errorText);
+  void released(U64 id);  // without an answer
+
+  // The error flag has risen while the oldest open command was under way, or (nothingUnderWay)
+  // while no tracked command was. Until flagCleared, what is released unanswered was dropped.
+  void flagRose(bool nothingUnderWay, const std::string& text);
+  void flagCleared();
+  // The command has been taken from the pending queue while the flag was set; it is dropped.
+  void takenWhileStopped(U64 id);
+
+  // Ends what is still open: the oldest announced one, if it `isUnderWay`, as failed with `reason`,
+  // the rest as dropped.
+  void close(bool isUnderWay, const std::string& reason);
+
+  // The thread that lets commands go after their RPC; anyone else who does has dropped them.
+  void workerIs(std::thread::id worker);
+
+  U64 count(Outcome outcome) const;
+  U64 ended() const;
+  U64 openAnnounced() const;
+  U64 openAnnouncedMaximum() const;
+  // The announced command that is under way or next.
+  std::optional<CommandReport> oldestOpen() const;
+  std::optional<CommandReport> lastFailure() const;
+  Time now() const { return now_(); }
+
+ private:
+  using Reports = std::vector<CommandReport>;
+
+  void end(CommandReport report, Outcome outcome, Reports& ended) LUMO_REQUIRES(lock_);
+  void endOldest(Outcome outcome, Reports& ended) LUMO_REQUIRES(lock_);
+  void endSkippedBefore(U64 seq, Reports& ended) LUMO_REQUIRES(lock_);
+  std::optional<CommandReport> take(U64 id) LUMO_REQUIRES(lock_);
+  void publish(const Reports& ended);
+
+  const TimeSource now_;
+  Listener listener_;
+  mutable Lumo::Lock lock_;
+  U64 lastId_ LUMO_GUARDED_BY(lock_) = 0;
+  U64 lastSeq_ LUMO_GUARDED_BY(lock_) = 0;
+  std::unordered_map<U64, CommandReport> waiting_ LUMO_GUARDED_BY(lock_);  // by id, not announced
+  std::map<U64, CommandReport> open_ LUMO_GUARDED_BY(lock_);               // by seq, announced
+  std::unordered_map<U64, U64> seqOf_ LUMO_GUARDED_BY(lock_);              // id to seq, while open
+  U64 openMaximum_ LUMO_GUARDED_BY(lock_) = 0;
+  bool stopped_ LUMO_GUARDED_BY(lock_) = false;
+  std::thread::id worker_ LUMO_GUARDED_BY(lock_);
+  Time lastEnd_ LUMO_GUARDED_BY(lock_){};
+  std::array<U64, outcomes> counts_ LUMO_GUARDED_BY(lock_){};
+  std::optional<CommandReport> lastFailure_ LUMO_GUARDED_BY(lock_);
+};
+
+}  // namespace Norv::Agent

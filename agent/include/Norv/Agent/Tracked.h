@@ -1,0 +1,61 @@
+#pragma once
+
+#include <memory>
+
+#include <Norv/Agent/Ledger.h>
+#include <Norv/GrpcCmd.h>
+
+namespace google::protobuf {
+class Message;
+}
+
+namespace Norv::Agent {
+
+// The error that a response carries: code 0 for none.
+struct ResponseError {
+  int code = 0;
+  std::string text;
+};
+ResponseError responseError(const google::protobuf::Message& response);
+
+// How the kit finds the ledger's entry of a command it sees in a queue.
+class TrackedEntry {
+ public:
+  U64 id() const { return id_; }
+
+ protected:
+  TrackedEntry(std::shared_ptr<Ledger> ledger, GrpcRequestType type)
+      : ledger_(std::move(ledger)), id_(ledger_->created(type)) {}
+  virtual ~TrackedEntry() = default;
+
+  const std::shared_ptr<Ledger> ledger_;
+  const U64 id_;
+};
+
+// A command class with its entry in a ledger:
+//
+//   queue->cmdBatchEnq(Lumo::allocate<Norv::Agent::Tracked<CreatePort>>(kit.ledger(), request));
+//
+// The command's own handler runs first. Nothing else about the command changes.
+template <class Cmd>
+class Tracked : public Cmd, public TrackedEntry {
+ public:
+  template <class... Args>
+  explicit Tracked(std::shared_ptr<Ledger> ledger, Args&&... args)
+      : Cmd(std::forward<Args>(args)...), TrackedEntry(std::move(ledger), Cmd::requestType()) {}
+  ~Tracked() override {
+    if (!answered_) ledger_->released(id_);
+  }
+
+  void processResponse(google::protobuf::Message* response) override {
+    const ResponseError error = responseError(*response);
+    Cmd::processResponse(response);
+    answered_ = true;
+    ledger_->answered(id_, error.code, error.text);
+  }
+
+ private:
+  bool answered_ = false;
+};
+
+}  // namespace Norv::Agent

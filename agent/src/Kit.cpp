@@ -1,0 +1,216 @@
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+
+#include <Norv/Agent/Kit.h>
+
+namespace Norv::Agent {
+
+namespace {
+
+const TrackedEntry* tracked(const Lumo::Ptr<GrpcCmd>& cmd) {
+  return dynamic_cast<const TrackedEntry*>(cmd.ptr());
+}
+
+}  // namespace
+
+const char* workerName(Status::Worker worker) {
+  switch (worker) {
+    case Status::Worker::none:
+      return "none";
+    case Status::Worker::idle:
+      return "idle";
+    case Status::Worker::inFlight:
+      return "in flight";
+    case Status::Worker::stopped:
+      return "stopped";
+  }
+  return "unknown";
+}
+
+// Follows one named queue: a command that leaves it has been announced (or deleted, in which case
+// it is released in the same breath).
+class Kit::QueueWatcher : public CmdConfigGroup::NotifieeConst {
+ public:
+  QueueWatcher(const Lumo::Ptr<CmdConfigGroup>& group, std::shared_ptr<Ledger> ledger)
+      : NotifieeConst(group), ledger_(std::move(ledger)) {
+    for (auto entry = group->cmdBatchIteratorConst(); entry; ++entry) onCmdBatch(entry.key());
+  }
+
+  using CmdConfigGroup::NotifieeConst::onCmdBatch;
+  void onCmdBatch(U32 index) override {
+    if (notifier()->cmdBatchHas(index)) {
+      const TrackedEntry* entry = tracked(notifier()->cmdBatch(index));
+      if (entry) ids_[index] = entry->id();
+      maximum_ = std::max<U64>(maximum_, notifier()->cmdBatchs());
+      return;
+    }
+    if (const auto left = ids_.extract(index); !left.empty()) {
+      ledger_->announced(left.mapped(), notifier()->name());
+    }
+  }
+  U64 maximum() const { return maximum_; }
+
+ private:
+  const std::shared_ptr<Ledger> ledger_;
+  std::unordered_map<U32, U64> ids_;  // index to id, of the tracked commands in the queue
+  U64 maximum_ = 0;
+};
+
+class Kit::ConfigWatcher : public GrpcGlobalCmdConfig::NotifieeConst {
+ public:
+  ConfigWatcher(const Lumo::Ptr<GrpcGlobalCmdConfig>& config, Kit* kit)
+      : NotifieeConst(config), kit_(kit) {}
+  using GrpcGlobalCmdConfig::NotifieeConst::onCmdConfigGroup;
+  void onCmdConfigGroup(Lumo::Name name) override { kit_->follow(name); }
+
+ private:
+  Kit* const kit_;
+};
+
+// Called on the worker when a failure sets the flag, and on whatever thread clears it.
+class Kit::StatusWatcher : public GrpcErrorHandlingStatus::NotifieeConst {
+ public:
+  StatusWatcher(const Lumo::Ptr<GrpcErrorHandlingStatus>& status, Kit* kit)
+      : NotifieeConst(status), kit_(kit) {}
+  void onErrorOccured() override { kit_->onFlag(); }
+
+ private:
+  Kit* const kit_;
+};
+
+Kit::Kit(const Lumo::Ptr<GrpcGlobalCmdConfig>& config, const Lumo::Ptr<CmdGroup>& pendingQueue,
+         const Lumo::Ptr<GrpcErrorHandlingStatus>& status, TimeSource now)
+    : config_(config),
+      pendingQueue_(pendingQueue),
+      status_(status),
+      ledger_(std::make_shared<Ledger>(std::move(now))),
+      configWatcher_(Lumo::allocate<ConfigWatcher>(config, this)),
+      statusWatcher_(Lumo::allocate<StatusWatcher>(status, this)) {
+  for (auto group = config->cmdConfigGroupIteratorConst(); group; ++group) follow(group.key());
+}
+
+Kit::~Kit() = default;
+
+void Kit::managerIs(const Lumo::Ptr<ConnectionsMgr>& manager) {
+  manager_ = manager;
+  const std::thread* worker = manager ? manager->grpcReplyThread() : nullptr;
+  ledger_->workerIs(worker ? worker->get_id() : std::thread::id());
+}
+
+void Kit::follow(const Lumo::Name& name) {
+  const Lumo::Ptr<CmdConfigGroup> group = config_->cmdConfigGroup(name);
+  const auto known = queues_.find(name);
+  if (known != queues_.end() && known->second->lumoRawNotifier() == group.ptr()) return;
+  if (known != queues_.end()) queues_.erase(known);
+  if (group) queues_[name] = Lumo::allocate<QueueWatcher>(group, ledger_);
+}
+
+template <class Function>
+auto Kit::underThreadLock(Function function) const {
+  Lumo::Lock* lock = manager_ ? manager_->threadLock() : nullptr;
+  if (!lock) return function();
+  Lumo::LockAnchor anchor(lock);
+  return function();
+}
+
+// The first tracked command in the pending queue. Under threadLock.
+std::optional<U64> Kit::firstPending() const {
+  for (auto entry = pendingQueue_->cmdBatchIteratorConst(); entry; ++entry) {
+    if (const TrackedEntry* found = tracked(entry.cmdBatch())) return found->id();
+  }
+  return std::nullopt;
+}
+
+// Whether the worker has taken the oldest open command. Commands leave the pending queue in the
+// order of their announcement, so it has unless that one is the first there.
+bool Kit::oldestIsUnderWay() const {
+  return underThreadLock([&] {
+    const std::optional<CommandReport> oldest = ledger_->oldestOpen();
+    return oldest && firstPending() != oldest->id;
+  });
+}
+
+void Kit::onFlag() {
+  if (status_->errorOccured()) {
+    stoppedSince_.store(ledger_->now().time_since_epoch().count(), std::memory_order_relaxed);
+    ledger_->flagRose(!oldestIsUnderWay(), "the RPC failed");
+  } else {
+    stoppedSince_.store(0, std::memory_order_relaxed);
+    ledger_->flagCleared();
+  }
+}
+
+void Kit::clearAndGoOn() {
+  underThreadLock([&] {
+    // The worker cannot take a command meanwhile: the one it holds, if any, it took while stopped.
+    const std::optional<CommandReport> oldest = ledger_->oldestOpen();
+    if (oldest && firstPending() != oldest->id) ledger_->takenWhileStopped(oldest->id);
+    status_->errorOccuredIs(false);
+  });
+  wakeWorker();
+}
+
+void Kit::wakeWorker() {
+  if (!manager_ || !manager_->threadCondition()) return;
+  underThreadLock([&] { manager_->threadCondition()->signal(); });
+}
+
+void Kit::tick() {
+  if (!stopped()) {
+    if (ledger_->openAnnounced() != 0) wakeWorker();
+    return;
+  }
+  const Time since{Time::duration(stoppedSince_.load(std::memory_order_relaxed))};
+  if (policy_.action == FailurePolicy::Action::clearAndGoOn &&
+      ledger_->now() - since >= policy_.pause) {
+    clearAndGoOn();
+  }
+}
+
+Status Kit::status() const {
+  Status status;
+  for (const auto& [name, watcher] : queues_) {
+    status.queues[name] = {watcher->notifier()->cmdBatchs(), watcher->maximum()};
+  }
+  underThreadLock([&] { status.pending.now = pendingQueue_->cmdBatchs(); });
+  status.pending.maximum = ledger_->openAnnouncedMaximum();
+  status.lastFailure = ledger_->lastFailure();
+  const std::optional<CommandReport> oldest = ledger_->oldestOpen();
+  if (oldest) status.oldestAge = ledger_->now() - oldest->announced;
+  if (!manager_ || !manager_->client()) return status;
+  if (stopped()) {
+    status.worker = Status::Worker::stopped;
+    status.stoppedSince = Time(Time::duration(stoppedSince_.load(std::memory_order_relaxed)));
+  } else if (oldest && oldestIsUnderWay()) {
+    status.worker = Status::Worker::inFlight;
+    status.inFlight = oldest;
+  } else {
+    status.worker = Status::Worker::idle;
+  }
+  return status;
+}
+
+void Kit::dropWaiting() {
+  for (auto group = config_->cmdConfigGroupIterator(); group; ++group) {
+    group.ptr()->cmdBatchDelAll();
+  }
+  underThreadLock([&] { pendingQueue_->cmdBatchDelAll(); });
+}
+
+void Kit::closeBooks(const std::string& reason) {
+  const bool underWay = !stopped() && oldestIsUnderWay();
+  dropWaiting();
+  ledger_->close(underWay, reason);
+}
+
+void Kit::leaveProcess(int exitStatus) {
+  std::cout.flush();
+  std::cerr.flush();
+  std::fflush(nullptr);
+  _exit(exitStatus);
+}
+
+}  // namespace Norv::Agent

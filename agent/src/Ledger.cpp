@@ -1,0 +1,212 @@
+#include <algorithm>
+
+#include <Norv/Agent/AgentTrace.h>
+#include <Norv/Agent/Ledger.h>
+
+namespace Norv {
+
+Lumo::TraceHandle& AgentTrace::_defaultTraceHandle() {
+  static Lumo::TraceHandle handle("NorvAgent", false);
+  return handle;
+}
+
+constinit U8 AgentTrace::levelMap[10] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9};
+
+}  // namespace Norv
+
+namespace Norv::Agent {
+
+namespace {
+
+const char* const neverAnnounced = "let go before it was announced";
+
+}  // namespace
+
+U64 Ledger::created(GrpcRequestType type) {
+  Lumo::LockAnchor anchor(&lock_);
+  const U64 id = ++lastId_;
+  CommandReport& report = waiting_[id];
+  report.id = id;
+  report.type = type;
+  return id;
+}
+
+void Ledger::announced(U64 id, const Lumo::Name& queue) {
+  const Time now = now_();
+  CommandReport report;
+  U64 depth = 0;
+  {
+    Lumo::LockAnchor anchor(&lock_);
+    auto waiting = waiting_.extract(id);
+    if (waiting.empty()) return;
+    report = std::move(waiting.mapped());
+    report.seq = ++lastSeq_;
+    report.queue = queue;
+    report.announced = now;
+    seqOf_[id] = report.seq;
+    open_[report.seq] = report;
+    depth = open_.size();
+    openMaximum_ = std::max(openMaximum_, depth);
+  }
+  Twine::trace<AgentTrace::announced>(report.seq, stringValue(report.type), queue.stringValue(),
+                                      depth);
+}
+
+void Ledger::answered(U64 id, int errorCode, const std::string& errorText) {
+  Reports ended;
+  {
+    Lumo::LockAnchor anchor(&lock_);
+    std::optional<CommandReport> report = take(id);
+    if (!report) return;
+    endSkippedBefore(report->seq, ended);
+    report->errorCode = errorCode;
+    report->errorText = errorText;
+    end(std::move(*report), errorCode == 0 ? Outcome::ok : Outcome::refused, ended);
+  }
+  publish(ended);
+}
+
+void Ledger::released(U64 id) {
+  Reports ended;
+  {
+    Lumo::LockAnchor anchor(&lock_);
+    std::optional<CommandReport> report = take(id);
+    if (!report) return;
+    const bool byWorker = report->seq != 0 && std::this_thread::get_id() == worker_;
+    if (report->seq == 0) report->errorText = neverAnnounced;
+    if (byWorker) endSkippedBefore(report->seq, ended);
+    end(std::move(*report), byWorker && !stopped_ ? Outcome::undecodable : Outcome::dropped, ended);
+  }
+  publish(ended);
+}
+
+void Ledger::flagRose(bool nothingUnderWay, const std::string& text) {
+  Reports ended;
+  {
+    Lumo::LockAnchor anchor(&lock_);
+    stopped_ = true;
+    if (!nothingUnderWay && !open_.empty()) {
+      open_.begin()->second.errorText = text;
+      endOldest(Outcome::failed, ended);
+    }
+  }
+  publish(ended);
+}
+
+void Ledger::flagCleared() {
+  Lumo::LockAnchor anchor(&lock_);
+  stopped_ = false;
+}
+
+void Ledger::takenWhileStopped(U64 id) {
+  Reports ended;
+  {
+    Lumo::LockAnchor anchor(&lock_);
+    std::optional<CommandReport> report = take(id);
+    if (!report) return;
+    end(std::move(*report), Outcome::dropped, ended);
+  }
+  publish(ended);
+}
+
+void Ledger::close(bool isUnderWay, const std::string& reason) {
+  Reports ended;
+  {
+    Lumo::LockAnchor anchor(&lock_);
+    if (isUnderWay && !open_.empty()) {
+      open_.begin()->second.errorText = reason;
+      endOldest(Outcome::failed, ended);
+    }
+    while (!open_.empty()) endOldest(Outcome::dropped, ended);
+    std::map<U64, CommandReport> waiting(waiting_.begin(), waiting_.end());
+    waiting_.clear();
+    for (auto& [id, report] : waiting) end(std::move(report), Outcome::dropped, ended);
+  }
+  publish(ended);
+}
+
+void Ledger::workerIs(std::thread::id worker) {
+  Lumo::LockAnchor anchor(&lock_);
+  worker_ = worker;
+}
+
+U64 Ledger::count(Outcome outcome) const {
+  Lumo::LockAnchor anchor(&lock_);
+  return counts_[static_cast<std::size_t>(outcome)];
+}
+
+U64 Ledger::ended() const {
+  Lumo::LockAnchor anchor(&lock_);
+  U64 sum = 0;
+  for (const U64 count : counts_) sum += count;
+  return sum;
+}
+
+U64 Ledger::openAnnounced() const {
+  Lumo::LockAnchor anchor(&lock_);
+  return open_.size();
+}
+
+U64 Ledger::openAnnouncedMaximum() const {
+  Lumo::LockAnchor anchor(&lock_);
+  return openMaximum_;
+}
+
+std::optional<CommandReport> Ledger::oldestOpen() const {
+  Lumo::LockAnchor anchor(&lock_);
+  if (open_.empty()) return std::nullopt;
+  CommandReport report = open_.begin()->second;
+  report.started = std::max(report.announced, lastEnd_);
+  return report;
+}
+
+std::optional<CommandReport> Ledger::lastFailure() const {
+  Lumo::LockAnchor anchor(&lock_);
+  return lastFailure_;
+}
+
+void Ledger::end(CommandReport report, Outcome outcome, Reports& ended) {
+  report.outcome = outcome;
+  report.ended = now_();
+  report.started = std::max(report.announced, lastEnd_);
+  if (report.seq != 0) lastEnd_ = report.ended;
+  ++counts_[static_cast<std::size_t>(outcome)];
+  if (outcome == Outcome::failed) lastFailure_ = report;
+  ended.push_back(std::move(report));
+}
+
+void Ledger::endOldest(Outcome outcome, Reports& ended) {
+  auto oldest = open_.extract(open_.begin());
+  seqOf_.erase(oldest.mapped().id);
+  end(std::move(oldest.mapped()), outcome, ended);
+}
+
+// The worker has gone past these without a response: their replies did not decode, or they were
+// dropped while it was stopped.
+void Ledger::endSkippedBefore(U64 seq, Reports& ended) {
+  while (!open_.empty() && open_.begin()->first < seq) {
+    endOldest(stopped_ ? Outcome::dropped : Outcome::undecodable, ended);
+  }
+}
+
+std::optional<CommandReport> Ledger::take(U64 id) {
+  if (auto waiting = waiting_.extract(id); !waiting.empty()) return std::move(waiting.mapped());
+  const auto seq = seqOf_.find(id);
+  if (seq == seqOf_.end()) return std::nullopt;
+  auto open = open_.extract(seq->second);
+  seqOf_.erase(seq);
+  return std::move(open.mapped());
+}
+
+void Ledger::publish(const Reports& ended) {
+  for (const CommandReport& report : ended) {
+    if (report.seq != 0) {
+      Twine::trace<AgentTrace::ended>(report.seq, stringValue(report.type),
+                                      report.queue.stringValue(),
+                                      Lumo::String(outcomeName(report.outcome)), openAnnounced());
+    }
+    if (listener_) listener_(report);
+  }
+}
+
+}  // namespace Norv::Agent
