@@ -105,27 +105,6 @@ TEST_F(TraceHandleTest, ALateTraceThroughADestroyedHandleIsSafe) {
   EXPECT_EQ(handle->name(), Lumo::String("Late"));
 }
 
-namespace Lazy {
-Lumo::TraceHandle& handle() {
-  static Lumo::TraceHandle made("Lazy", false);
-  return made;
-}
-constexpr Twine::Module module{&handle, nullptr, "Lazy.cpp"};
-constexpr Twine::Point point{&module, 1, "f", 5, Twine::Sinks::text, "text"};
-}  // namespace Lazy
-
-TEST_F(TraceHandleTest, IsMadeOnceAtTheFirstTraceOfItsModule) {
-  const auto made = [] {
-    const auto names = TraceFacility::handleNames();
-    return std::count(names.begin(), names.end(), Lumo::String("Lazy"));
-  };
-  ASSERT_EQ(made(), 0);
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 8; ++i) threads.emplace_back([] { Twine::trace<Lazy::point>(); });
-  for (std::thread& thread : threads) thread.join();
-  EXPECT_EQ(made(), 1);
-}
-
 TEST_F(TraceHelperTest, IsNoneWhileTheLevelIsOff) {
   alignas(void*) std::byte storage[Lumo::TraceHelper::storageSize];
   EXPECT_EQ(Lumo::TraceHelper::createIfEnabled(Sample::handle(), 5, storage), nullptr);

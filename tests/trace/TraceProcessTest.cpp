@@ -72,3 +72,7 @@ TEST(TraceProcess, TracesOfDestructorsAtTheEndComeThrough) {
   EXPECT_NE(lines[1].find("Creating for thread end"), std::string::npos);
   EXPECT_NE(lines[2].find("Creating for exit"), std::string::npos);
 }
+
+TEST(TraceProcess, HandlesAreMadeOnceAtTheFirstTraceOfTheirModule) {
+  EXPECT_EQ(run({TRACE_PROGRAM, "first"}).out, "--\nSample\n--\nSample\nOther\n--\n");
+}

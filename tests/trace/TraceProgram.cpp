@@ -2,7 +2,9 @@
 //   trace_program text                one line of text, as LUMO_TRACE allows
 //   trace_program threads             long lines from four threads
 //   trace_program late                lines from destructors while the process exits
+//   trace_program first               the facilities with handles before and after first traces
 //   trace_program ring FILE SIZE THREADS   numbered records until killed
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -44,6 +46,30 @@ TracesWhenDestroyed atExit("exit");
 
 void speakAtLength(char letter) {
   for (int i = 0; i < 50; ++i) Twine::trace<Sample::textSending>(std::string(9000, letter));
+}
+
+void printHandleNames() {
+  for (const Lumo::String& name : Lumo::TraceFacility::handleNames()) std::puts(name.charPtr());
+  std::puts("--");
+}
+
+// Eight threads make the module's first trace at once.
+int first() {
+  printHandleNames();
+  std::atomic<bool> go{false};
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 8; ++i) {
+    threads.emplace_back([&] {
+      while (!go) std::this_thread::yield();
+      Twine::trace<Sample::textOnly>();
+    });
+  }
+  go = true;
+  for (std::thread& thread : threads) thread.join();
+  printHandleNames();
+  Twine::trace<Sample::other>(1);
+  printHandleNames();
+  return 0;
 }
 
 // Records with a check of their own: the second argument repeats the first.
@@ -90,7 +116,8 @@ int main(int count, char** words) {
     }).join();
     return 0;
   }
+  if (mode == "first") return first();
   if (mode == "ring" && count == 5) return ring(words[2], words[3], words[4]);
-  std::fprintf(stderr, "usage: trace_program text|threads|late|ring FILE SIZE THREADS\n");
+  std::fprintf(stderr, "usage: trace_program text|threads|late|first|ring FILE SIZE THREADS\n");
   return 2;
 }

@@ -39,11 +39,12 @@ struct FileHeader {
   U32 reserved;
   U64 pad[4];
   // The counters, by fetch-and-add.
-  U64 sitesWanted;   // index slots handed out; may exceed indexSlots
-  U64 heapWanted;    // heap bytes handed out; may exceed heapSize
-  U64 blocksWanted;  // the last block sequence handed out
-  U64 overwritten;   // records that went with a reused block
-  U64 dropped;       // records that found no place
+  U64 sitesWanted;    // index slots handed out; may exceed indexSlots
+  U64 heapWanted;     // heap bytes handed out; may exceed heapSize
+  U64 blocksWanted;   // the last block sequence handed out
+  U64 overwritten;    // records that went with a reused block
+  U64 dropped;        // records that found no place
+  U64 writersWanted;  // the last writer handed out
 };
 
 // In the heap, followed by file, function, facility, argument codes and text without terminators.
@@ -58,11 +59,13 @@ struct SiteHeader {
   U8 places;  // 1: each "%s" of the text is the place of an argument
 };
 
-// At the start of each block.
+// At the start of each block. The blocks of a writer are a chain by their ordinals; where one is
+// missing the ring has gone over it, and what is left of the older ones is not shown.
 struct BlockHeader {
   U64 sequence;  // 0 while the block is empty or being reused
   U32 owner;     // the process that writes it, 0 for none
-  U32 reserved;
+  U32 writer;    // from 1 on
+  U64 ordinal;   // of the block among those of its writer, from 1 on
 };
 
 // At the start of each record, followed by the raw arguments, padded to a multiple of 8.
@@ -90,7 +93,7 @@ constexpr bool committedIn(U64 sequence, U64 commit) {
 
 inline constexpr U32 clippedText = 0x80000000U;  // in a text's length: its end was cut off
 
-static_assert(offsetof(FileHeader, sitesWanted) == 112 && sizeof(FileHeader) == 152);
-static_assert(sizeof(SiteHeader) == 16 && sizeof(BlockHeader) == 16 && sizeof(RecordHeader) == 24);
+static_assert(offsetof(FileHeader, sitesWanted) == 112 && sizeof(FileHeader) == 160);
+static_assert(sizeof(SiteHeader) == 16 && sizeof(BlockHeader) == 24 && sizeof(RecordHeader) == 24);
 
 }  // namespace Skein

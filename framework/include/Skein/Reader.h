@@ -89,8 +89,19 @@ class Reader {
   void readCounters();
   void readSites();
   std::unique_ptr<Site> readSite(U64 entry) const;
-  bool blockHasMore(U32 index) const;
-  void readBlock(U32 index, char* bytes, std::vector<Key>& keys);
+  struct Block {  // as one read finds it
+    U32 index;
+    BlockHeader header;
+    bool changed;       // it has records that were not handed out
+    const char* bytes;  // of a changed block, up to `committed`
+    U32 committed;
+    bool damaged;
+  };
+
+  std::vector<Block> findBlocks();
+  void copyChanged(std::vector<Block>& blocks);
+  static void markChainEnds(std::vector<Block>& blocks, std::vector<bool>& shown);
+  void takeKeys(const Block& block, bool shown, std::vector<Key>& keys);
   bool recordAt(const char* at, Record& record) const;
 
   const std::string path_;

@@ -62,6 +62,7 @@ class RingBuf {
   void drop();
   void leaveBlock();
   void forgetBlock();
+  void startOver();
 
   char* block_ = nullptr;   // held by this writer; null before the first record
   char* end_ = nullptr;     // of the block
@@ -69,6 +70,8 @@ class RingBuf {
   char* cursor_ = nullptr;
   TraceFile* file_ = nullptr;
   U64 sequence_ = 0;  // of the block
+  U64 ordinal_ = 0;   // likewise
+  U32 writer_ = 0;    // 0 before the first block
   U32 id_ = 0;
   bool failed_ = false;  // the record in the making did not fit
   U8 level_ = 0;

@@ -78,7 +78,7 @@ class TraceFile {
   int siteIs(const int* key, const Site& site);
   U32 findSite(const std::string& bytes);
   U32 appendSite(const std::string& bytes);
-  char* takeBlock();
+  char* takeBlock(RingBuf& ring);
   bool claimBlock(BlockHeader& block);
   void countDropped();
   RingBuf& threadRing();

@@ -87,7 +87,7 @@ void write(Text&& text, Argument&& argument, const Args&... args) {
   constexpr bool appended = Skein::placesIn(whole) == 0;
   static constexpr auto pieces = piecesOf<point, sizeof...(Args)>();
   [[maybe_unused]] std::size_t i = 0;
-  const auto one = [&](const auto& value) {
+  [[maybe_unused]] const auto one = [&](const auto& value) {
     if (!pieces[i].empty()) text(pieces[i]);
     if (appended && Skein::blankBeforeArgument(whole, i)) text(std::string_view(" "));
     argument(value);

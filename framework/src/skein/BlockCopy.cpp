@@ -37,19 +37,13 @@ void findCommitted(int descriptor, U64 offset, const std::string& bytes, BlockCo
     std::memcpy(&commit, bytes.data() + copy.committed, sizeof commit);
     if (commit == 0) return;
     const U32 length = committedLength(commit);
-    if (!committedIn(copy.sequence, commit) || length < sizeof(RecordHeader) ||
+    if (!committedIn(copy.header.sequence, commit) || length < sizeof(RecordHeader) ||
         length > bytes.size() - copy.committed) {
       copy.damaged = isDamage(descriptor, offset + copy.committed, commit);
       return;
     }
     copy.committed += length;
   }
-}
-
-U64 sequenceIn(const char* block) {
-  BlockHeader header;
-  std::memcpy(&header, block, sizeof header);
-  return header.sequence;
 }
 
 }  // namespace
@@ -62,13 +56,13 @@ BlockCopy copyBlock(int descriptor, U64 offset, U32 size, char* bytes, std::stri
     // word was seen is complete by then, in whatever order a read takes its bytes.
     if (!readAt(descriptor, offset, probe.data(), size)) return {};
     BlockCopy copy;
-    copy.sequence = sequenceIn(probe.data());
-    if (copy.sequence == 0) return {};
+    std::memcpy(&copy.header, probe.data(), sizeof copy.header);
+    if (copy.header.sequence == 0) return {};
     findCommitted(descriptor, offset, probe, copy);
     if (!readAt(descriptor, offset, bytes, copy.committed)) return {};
-    char after[sizeof(BlockHeader)];
-    if (!readAt(descriptor, offset, after, sizeof after)) return {};
-    if (sequenceIn(after) == copy.sequence) return copy;
+    BlockHeader after;
+    if (!readAt(descriptor, offset, &after, sizeof after)) return {};
+    if (after.sequence == copy.header.sequence) return copy;
   }
   return {};
 }

@@ -11,7 +11,7 @@ bool readAt(int descriptor, U64 offset, void* bytes, std::size_t size);
 
 // A copy of a block of a file that may be written at this moment.
 struct BlockCopy {
-  U64 sequence = 0;      // 0: the block is empty, or was reused under our hands
+  BlockHeader header{};  // sequence 0: the block is empty, or was reused under our hands
   U32 committed = 0;     // end of the last committed record, from the block's start
   bool damaged = false;  // a length made no sense; what precedes it is good
 };

@@ -79,8 +79,8 @@ bool OpenFiles::isOpen(U64 serial) const {
 
 void OpenFiles::inChild() {
   for (TraceFile* file : files) {
-    file->single_.forgetBlock();
-    for (const auto& ring : file->rings_) ring->forgetBlock();
+    file->single_.startOver();
+    for (const auto& ring : file->rings_) ring->startOver();
   }
   for (ThreadRings* thread : threads) {
     if (thread == threadRings) continue;

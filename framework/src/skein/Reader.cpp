@@ -77,6 +77,7 @@ void Reader::readCounters() {
   FileHeader now = header_;
   readAt(descriptor_, 0, &now, sizeof now);
   header_.sitesWanted = now.sitesWanted;
+  header_.blocksWanted = now.blocksWanted;
   counters_ = {header_.fileSize,
                now.overwritten,
                now.dropped,
@@ -131,32 +132,83 @@ std::unique_ptr<Site> Reader::readSite(U64 entry) const {
   return site;
 }
 
-bool Reader::blockHasMore(U32 index) const {
-  const U64 offset = header_.blocksOffset + U64{index} * header_.blockSize;
-  const Place& place = places_[index];
-  U64 sequence = 0;
-  if (!readAt(descriptor_, offset, &sequence, sizeof sequence) || sequence == 0) return false;
-  if (sequence != place.sequence) return true;
-  U64 commit = 0;
-  return header_.blockSize - place.offset >= sizeof(RecordHeader) &&
-         readAt(descriptor_, offset + place.offset, &commit, sizeof commit) && commit != 0;
+// The blocks that were begun before this read; later ones are the next read's. Without this limit
+// a block could be missed while its successor is seen.
+std::vector<Reader::Block> Reader::findBlocks() {
+  readCounters();
+  const U64 begun = header_.blocksWanted;
+  bool beyond = false;
+  std::vector<Block> blocks;
+  for (U32 index = 0; index < places_.size(); ++index) {
+    const U64 offset = header_.blocksOffset + U64{index} * header_.blockSize;
+    Block block{index, {}, false, nullptr, 0, false};
+    if (!readAt(descriptor_, offset, &block.header, sizeof block.header)) continue;
+    if (block.header.sequence == 0) continue;
+    if (block.header.sequence > begun) {
+      beyond = true;
+      continue;
+    }
+    const Place& place = places_[index];
+    U64 commit = 0;
+    block.changed =
+        block.header.sequence != place.sequence ||
+        (header_.blockSize - place.offset >= sizeof(RecordHeader) &&
+         readAt(descriptor_, offset + place.offset, &commit, sizeof commit) && commit != 0);
+    blocks.push_back(block);
+  }
+  if (beyond) {
+    readCounters();
+    if (header_.blocksWanted == begun) ++damaged_;  // nobody hands out such sequences
+  }
+  return blocks;
 }
 
-void Reader::readBlock(U32 index, char* bytes, std::vector<Key>& keys) {
-  const U64 offset = header_.blocksOffset + U64{index} * header_.blockSize;
-  const BlockCopy copy = copyBlock(descriptor_, offset, header_.blockSize, bytes, probe_);
-  if (copy.sequence == 0) return;
-  Place& place = places_[index];
-  if (copy.sequence != place.sequence) place = {copy.sequence, sizeof(BlockHeader)};
-  while (place.offset < copy.committed) {
+void Reader::copyChanged(std::vector<Block>& blocks) {
+  const auto changed =
+      std::count_if(blocks.begin(), blocks.end(), [](const Block& block) { return block.changed; });
+  bytes_.resize(static_cast<std::size_t>(changed) * header_.blockSize);
+  char* to = bytes_.data();
+  for (Block& block : blocks) {
+    if (!block.changed) continue;
+    const U64 offset = header_.blocksOffset + U64{block.index} * header_.blockSize;
+    const BlockCopy copy = copyBlock(descriptor_, offset, header_.blockSize, to, probe_);
+    if (copy.header.sequence != block.header.sequence) block.header.sequence = 0;
+    block.bytes = to;
+    block.committed = copy.committed;
+    block.damaged = copy.damaged;
+    to += header_.blockSize;
+  }
+  std::erase_if(blocks, [](const Block& block) { return block.header.sequence == 0; });
+}
+
+// Of each writer the blocks from its newest one back to where one is missing.
+void Reader::markChainEnds(std::vector<Block>& blocks, std::vector<bool>& shown) {
+  std::sort(blocks.begin(), blocks.end(), [](const Block& a, const Block& b) {
+    if (a.header.writer != b.header.writer) return a.header.writer < b.header.writer;
+    return a.header.ordinal > b.header.ordinal;
+  });
+  shown.assign(blocks.size(), true);
+  for (std::size_t i = 1; i < blocks.size(); ++i) {
+    const BlockHeader& newer = blocks[i - 1].header;
+    const BlockHeader& older = blocks[i].header;
+    if (newer.writer != older.writer) continue;
+    shown[i] = shown[i - 1] && older.ordinal + 1 == newer.ordinal;
+  }
+}
+
+void Reader::takeKeys(const Block& block, bool shown, std::vector<Key>& keys) {
+  Place& place = places_[block.index];
+  if (block.header.sequence != place.sequence) {
+    place = {block.header.sequence, static_cast<U32>(sizeof(BlockHeader))};
+  }
+  while (shown && place.offset < block.committed) {
     RecordHeader header;
-    std::memcpy(&header, bytes + place.offset, sizeof header);
-    keys.push_back({header.monotonicNs, bytes + place.offset});
+    std::memcpy(&header, block.bytes + place.offset, sizeof header);
+    keys.push_back({header.monotonicNs, block.bytes + place.offset});
     place.offset += committedLength(header.commit);
   }
-  if (!copy.damaged) return;
-  ++damaged_;
-  place.offset = header_.blockSize;  // nothing behind the damage can be found
+  if (!shown || block.damaged) place.offset = header_.blockSize;
+  if (block.damaged) ++damaged_;
 }
 
 bool Reader::recordAt(const char* at, Record& record) const {
@@ -175,14 +227,13 @@ bool Reader::recordAt(const char* at, Record& record) const {
 }
 
 std::size_t Reader::read(const std::function<void(const Record&)>& take) {
-  std::vector<U32> changed;
-  for (U32 index = 0; index < places_.size(); ++index) {
-    if (blockHasMore(index)) changed.push_back(index);
-  }
-  bytes_.resize(changed.size() * header_.blockSize);
+  std::vector<Block> blocks = findBlocks();
+  copyChanged(blocks);
+  std::vector<bool> shown;
+  markChainEnds(blocks, shown);
   std::vector<Key> keys;
-  for (std::size_t i = 0; i < changed.size(); ++i) {
-    readBlock(changed[i], bytes_.data() + i * header_.blockSize, keys);
+  for (std::size_t i = 0; i < blocks.size(); ++i) {
+    if (blocks[i].changed) takeKeys(blocks[i], shown[i], keys);
   }
   // After the records: a point is described before its first record is written.
   readCounters();

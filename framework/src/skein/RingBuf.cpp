@@ -51,7 +51,7 @@ void RingBuf::putText(std::string_view text) {
 bool RingBuf::moveToNextBlock(std::size_t size) {
   const auto made = static_cast<std::size_t>(cursor_ - record_);
   const std::size_t room = file_->header().blockSize - sizeof(BlockHeader);
-  char* const block = failed_ || made + size > room ? nullptr : file_->takeBlock();
+  char* const block = failed_ || made + size > room ? nullptr : file_->takeBlock(*this);
   if (!block) {
     if (!failed_) drop();
     return false;
@@ -60,7 +60,6 @@ bool RingBuf::moveToNextBlock(std::size_t size) {
   if (made != 0) std::memcpy(record, record_, made);
   leaveBlock();
   block_ = block;
-  sequence_ = reinterpret_cast<BlockHeader*>(block)->sequence;
   end_ = block + file_->header().blockSize;
   record_ = record;
   cursor_ = record + made;
@@ -83,6 +82,13 @@ void RingBuf::leaveBlock() {
 
 void RingBuf::forgetBlock() {
   block_ = end_ = record_ = cursor_ = nullptr;
+}
+
+// In a forked child: the block and the chain are the parent's.
+void RingBuf::startOver() {
+  forgetBlock();
+  writer_ = 0;
+  ordinal_ = 0;
 }
 
 }  // namespace Skein

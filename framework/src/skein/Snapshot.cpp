@@ -28,7 +28,7 @@ void copyBlocks(int descriptor, const FileHeader& header, std::string& bytes) {
   for (U32 index = 0; index < header.blockCount; ++index) {
     const U64 offset = header.blocksOffset + U64{index} * header.blockSize;
     const BlockCopy copy = copyBlock(descriptor, offset, header.blockSize, block.data(), probe);
-    if (copy.sequence == 0) continue;
+    if (copy.header.sequence == 0) continue;
     std::memcpy(bytes.data() + offset, block.data(), copy.committed);
     std::memset(bytes.data() + offset + offsetof(BlockHeader, owner), 0, sizeof(U32));
   }

@@ -180,7 +180,7 @@ bool TraceFile::claimBlock(BlockHeader& block) {
 
 // The next block in turn, emptied, or null when every block is being written. Blocks come in the
 // order of their sequence, so the oldest one goes; one that a thread is writing is passed over.
-char* TraceFile::takeBlock() {
+char* TraceFile::takeBlock(RingBuf& ring) {
   const int errnoOfCaller = errno;
   FileHeader& head = header();
   char* taken = nullptr;
@@ -198,6 +198,13 @@ char* TraceFile::takeBlock() {
     shared(block.sequence).exchange(0, std::memory_order_seq_cst);
     shared(reinterpret_cast<RecordHeader*>(bytes + sizeof(BlockHeader))->commit)
         .store(0, std::memory_order_release);
+    if (ring.writer_ == 0) {
+      ring.writer_ =
+          static_cast<U32>(shared(head.writersWanted).fetch_add(1, std::memory_order_relaxed) + 1);
+    }
+    ring.sequence_ = sequence;
+    block.writer = ring.writer_;
+    block.ordinal = ++ring.ordinal_;
     shared(block.sequence).store(sequence, std::memory_order_release);
     taken = bytes;
   }
