@@ -136,7 +136,7 @@ bool Kit::oldestIsUnderWay() const {
 void Kit::onFlag() {
   if (status_->errorOccured()) {
     stoppedSince_.store(ledger_->now().time_since_epoch().count(), std::memory_order_relaxed);
-    ledger_->flagRose(!oldestIsUnderWay(), "the RPC failed");
+    ledger_->flagRose(!oldestIsUnderWay(), failureText_());
   } else {
     stoppedSince_.store(0, std::memory_order_relaxed);
     ledger_->flagCleared();

@@ -52,7 +52,7 @@ void Ledger::announced(U64 id, const Lumo::Name& queue) {
                                       depth);
 }
 
-void Ledger::answered(U64 id, int errorCode, const std::string& errorText) {
+void Ledger::answered(U64 id, Time at, int errorCode, const std::string& errorText) {
   Reports ended;
   {
     Lumo::LockAnchor anchor(&lock_);
@@ -61,7 +61,7 @@ void Ledger::answered(U64 id, int errorCode, const std::string& errorText) {
     endSkippedBefore(report->seq, ended);
     report->errorCode = errorCode;
     report->errorText = errorText;
-    end(std::move(*report), errorCode == 0 ? Outcome::ok : Outcome::refused, ended);
+    end(std::move(*report), errorCode == 0 ? Outcome::ok : Outcome::refused, at, ended);
   }
   publish(ended);
 }
@@ -75,7 +75,7 @@ void Ledger::released(U64 id) {
     const bool byWorker = report->seq != 0 && std::this_thread::get_id() == worker_;
     if (report->seq == 0) report->errorText = neverAnnounced;
     if (byWorker) endSkippedBefore(report->seq, ended);
-    end(std::move(*report), byWorker && !stopped_ ? Outcome::undecodable : Outcome::dropped, ended);
+    end(std::move(*report), byWorker && !stopped_ ? Outcome::undecodable : Outcome::dropped, now_(), ended);
   }
   publish(ended);
 }
@@ -104,7 +104,7 @@ void Ledger::takenWhileStopped(U64 id) {
     Lumo::LockAnchor anchor(&lock_);
     std::optional<CommandReport> report = take(id);
     if (!report) return;
-    end(std::move(*report), Outcome::dropped, ended);
+    end(std::move(*report), Outcome::dropped, now_(), ended);
   }
   publish(ended);
 }
@@ -120,7 +120,7 @@ void Ledger::close(bool isUnderWay, const std::string& reason) {
     while (!open_.empty()) endOldest(Outcome::dropped, ended);
     std::map<U64, CommandReport> waiting(waiting_.begin(), waiting_.end());
     waiting_.clear();
-    for (auto& [id, report] : waiting) end(std::move(report), Outcome::dropped, ended);
+    for (auto& [id, report] : waiting) end(std::move(report), Outcome::dropped, now_(), ended);
   }
   publish(ended);
 }
@@ -165,9 +165,9 @@ std::optional<CommandReport> Ledger::lastFailure() const {
   return lastFailure_;
 }
 
-void Ledger::end(CommandReport report, Outcome outcome, Reports& ended) {
+void Ledger::end(CommandReport report, Outcome outcome, Time at, Reports& ended) {
   report.outcome = outcome;
-  report.ended = now_();
+  report.ended = at;
   report.started = std::max(report.announced, lastEnd_);
   if (report.seq != 0) lastEnd_ = report.ended;
   ++counts_[static_cast<std::size_t>(outcome)];
@@ -178,7 +178,7 @@ void Ledger::end(CommandReport report, Outcome outcome, Reports& ended) {
 void Ledger::endOldest(Outcome outcome, Reports& ended) {
   auto oldest = open_.extract(open_.begin());
   seqOf_.erase(oldest.mapped().id);
-  end(std::move(oldest.mapped()), outcome, ended);
+  end(std::move(oldest.mapped()), outcome, now_(), ended);
 }
 
 // The worker has gone past these without a response: their replies did not decode, or they were

@@ -59,6 +59,9 @@ class Kit {
   const std::shared_ptr<Ledger>& ledger() const { return ledger_; }
   void managerIs(const Lumo::Ptr<ConnectionsMgr>& manager);
   void failurePolicyIs(const FailurePolicy& policy) { policy_ = policy; }
+  // Asked on the worker when the flag rises, for the text that goes into the failed command's report:
+  // the library itself tells it to its trace only. Set before the manager is made.
+  void failureTextIs(std::function<std::string()> text) { failureText_ = std::move(text); }
 
   // Wakes the worker again if commands wait, as a single wake-up may have been lost; carries out
   // the failure policy when its time has come. Call it from a clock, every few milliseconds.
@@ -99,6 +102,7 @@ class Kit {
   const std::shared_ptr<Ledger> ledger_;
   Lumo::Ptr<ConnectionsMgr> manager_;
   FailurePolicy policy_;
+  std::function<std::string()> failureText_ = [] { return std::string("the RPC failed"); };
   std::map<Lumo::Name, Lumo::Ptr<QueueWatcher>> queues_;
   Lumo::Ptr<ConfigWatcher> configWatcher_;
   Lumo::Ptr<StatusWatcher> statusWatcher_;

@@ -55,7 +55,7 @@ class Ledger {
   // The events of a command's life, reported by Tracked and Kit.
   U64 created(GrpcRequestType type);
   void announced(U64 id, const Lumo::Name& queue);
-  void answered(U64 id, int errorCode, const std::string& errorText);
+  void answered(U64 id, Time at, int errorCode, const std::string& errorText);
   void released(U64 id);  // without an answer
 
   // The error flag has risen while the oldest open command was under way, or (nothingUnderWay)
@@ -84,7 +84,7 @@ class Ledger {
  private:
   using Reports = std::vector<CommandReport>;
 
-  void end(CommandReport report, Outcome outcome, Reports& ended) LUMO_REQUIRES(lock_);
+  void end(CommandReport report, Outcome outcome, Time at, Reports& ended) LUMO_REQUIRES(lock_);
   void endOldest(Outcome outcome, Reports& ended) LUMO_REQUIRES(lock_);
   void endSkippedBefore(U64 seq, Reports& ended) LUMO_REQUIRES(lock_);
   std::optional<CommandReport> take(U64 id) LUMO_REQUIRES(lock_);

@@ -48,10 +48,11 @@ class Tracked : public Cmd, public TrackedEntry {
   }
 
   void processResponse(google::protobuf::Message* response) override {
+    const Time at = ledger_->now();
     const ResponseError error = responseError(*response);
     Cmd::processResponse(response);
     answered_ = true;
-    ledger_->answered(id_, error.code, error.text);
+    ledger_->answered(id_, at, error.code, error.text);
   }
 
  private:

@@ -1,0 +1,103 @@
+// What the client puts on the wire and what it brings back, against a server that records it.
+
+#include <gtest/gtest.h>
+#include <support/Commands.h>
+#include <support/FakeDaemon.h>
+
+#include <Norv/GrpcClient.h>
+#include <bess/pb/service.pb.h>
+
+namespace {
+
+struct Row {
+  Norv::GrpcRequestType type;
+  const char* name;
+  const char* request;
+  const char* response;
+};
+
+std::ostream& operator<<(std::ostream& out, const Row& row) { return out << row.name; }
+
+const Row rows[] = {
+#define NORV_REQUEST(number, name, Rpc, Request, Response) \
+  {Norv::name, #name, "bess.pb." #Request, "bess.pb." #Response},
+#include <Norv/GrpcRequests.def>
+};
+
+// A client without a worker, on an in-process channel: one blocking call at a time.
+struct Wire {
+  Wire() : client(daemon.inProcessChannel(), pending, status, &lock, &condition) {}
+
+  bool send(Norv::GrpcRequestType type, std::unique_ptr<google::protobuf::Message> request) {
+    const Lumo::Ptr<Norv::GrpcCmd> cmd =
+        Lumo::allocate<support::LoggedCmd>(log, sent++, request.release(), type);
+    return client.doProcessBlockingGrpcCmd(cmd);
+  }
+
+  support::FakeDaemon daemon;
+  Lumo::Ptr<Norv::CmdGroup> pending = Norv::CmdGroup::CmdGroupIs();
+  Lumo::Ptr<Norv::GrpcErrorHandlingStatus> status =
+      Norv::GrpcErrorHandlingStatus::GrpcErrorHandlingStatusIs();
+  Lumo::Lock lock;
+  Lumo::Condition condition;
+  Norv::GrpcClient client;
+  std::shared_ptr<support::CommandLog> log = std::make_shared<support::CommandLog>();
+  int sent = 0;
+};
+
+class EveryRequest : public testing::TestWithParam<Row> {};
+
+TEST_P(EveryRequest, ReachesItsMethodAndBringsBackItsResponseType) {
+  const Row& row = GetParam();
+  if (row.type == Norv::getPortConf) {
+    GTEST_SKIP() << "ends the process; see the tests in process/";
+  }
+  Wire wire;
+  std::unique_ptr<google::protobuf::Message> request = support::newRequest(row.type);
+  ASSERT_EQ(request->GetTypeName(), row.request);
+  EXPECT_TRUE(wire.send(row.type, std::move(request)));
+  EXPECT_EQ(wire.daemon.callTypes(), std::vector{row.type});
+  EXPECT_EQ(wire.log->responseTypes, std::vector<std::string>{row.response});
+  EXPECT_FALSE(wire.status->errorOccured());
+}
+
+INSTANTIATE_TEST_SUITE_P(Wire, EveryRequest, testing::ValuesIn(rows),
+                         [](const auto& row) { return std::string(row.param.name); });
+
+TEST(GrpcClient, SendsTheRequestAsItIsAndKeepsIt) {
+  Wire wire;
+  auto request = std::make_unique<bess::pb::CreatePortRequest>();
+  request->set_name("p0");
+  request->set_driver("PMDPort");
+  request->set_num_inc_q(3);
+  const std::string bytes = request->SerializeAsString();
+  const google::protobuf::Message* raw = request.get();
+  const Lumo::Ptr<Norv::GrpcCmd> cmd =
+      Norv::GrpcCmd::GrpcCmdIs(request.release(), Norv::createPort);
+  EXPECT_TRUE(wire.client.doProcessBlockingGrpcCmd(cmd));
+  ASSERT_EQ(wire.daemon.calls().size(), 1u);
+  EXPECT_EQ(wire.daemon.calls()[0].request, bytes);
+  EXPECT_EQ(cmd->request(), raw);
+  EXPECT_EQ(raw->SerializeAsString(), bytes);
+}
+
+TEST(GrpcClient, SetsNoDeadlineAndAddsNoMetadata) {
+  Wire wire;
+  EXPECT_TRUE(wire.send(Norv::getVersion, support::newRequest(Norv::getVersion)));
+  ASSERT_EQ(wire.daemon.calls().size(), 1u);
+  EXPECT_FALSE(wire.daemon.calls()[0].hasDeadline);
+  EXPECT_EQ(wire.daemon.calls()[0].metadata, std::vector<std::string>{});
+}
+
+TEST(GrpcClient, TakesAnErrorInTheReplyForASuccess) {
+  Wire wire;
+  wire.daemon.handlerIs([](auto, const auto&, google::protobuf::Message* response) {
+    static_cast<bess::pb::EmptyResponse*>(response)->mutable_error()->set_code(16);
+    return support::FakeDaemon::Answer();
+  });
+  EXPECT_TRUE(wire.send(Norv::destroyPort, support::newRequest(Norv::destroyPort)));
+  EXPECT_EQ(wire.log->responses, 1);
+  EXPECT_FALSE(wire.status->errorOccured());
+}
+
+}  // namespace

@@ -1,0 +1,109 @@
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <exception>
+
+#include "Dump.h"
+#include "Export.h"
+#include "Stat.h"
+
+namespace {
+
+// The options that say which records, the same for every command.
+struct FilterOptions {
+  std::string levels;
+  std::string since;
+  std::vector<std::string> facilities;
+  std::vector<std::string> functions;
+
+  void addTo(CLI::App& command) {
+    command.add_option("--level", levels, "levels of the records: 5, 0-5 or *");
+    command.add_option("--facility", facilities, "only these facilities")->delimiter(',');
+    command.add_option("--function", functions, "only these functions")->delimiter(',');
+    command.add_option("--since", since,
+                       "from this moment (2026-01-31T12:00:00, UTC), or that long before the "
+                       "newest record (250ms, 90s, 5m, 2h)");
+  }
+  void applyTo(Filter& filter) {
+    if (!levels.empty() && !filter.levelsIs(levels)) {
+      throw CLI::ValidationError("--level", "\"" + levels + "\" is not like 5, 0-5 or *");
+    }
+    if (!since.empty() && !filter.sinceIs(since)) {
+      throw CLI::ValidationError(
+          "--since", "\"" + since + "\" is not like 2026-01-31T12:00:00, 250ms, 90s, 5m or 2h");
+    }
+    filter.facilitiesIs(facilities);
+    filter.functionsIs(functions);
+  }
+};
+
+struct Arguments {
+  std::string file;
+  std::string format;
+  std::string target;
+  bool follow = false;
+  bool json = false;
+  FilterOptions filter;
+};
+
+int exportAs(const Arguments& arguments, Filter& filter) {
+  filter.resolve(arguments.file);
+  const Recording recording(arguments.file, filter);
+  const int status = arguments.format == "ctf" ? exportCtf(recording, arguments.target)
+                                               : exportPerfetto(recording, arguments.target);
+  const std::string problem = recording.reader().problem();
+  if (status != 0 || problem.empty()) return status;
+  std::fprintf(stderr, "skein: %s\n", problem.c_str());
+  return 1;
+}
+
+int run(int count, char** words) {
+  CLI::App app("Reads trace files, also while they are written or after their writer died.");
+  app.require_subcommand(1);
+  Arguments arguments;
+  const auto add = [&](const char* name, const char* help) {
+    CLI::App* command = app.add_subcommand(name, help);
+    command->add_option("FILE", arguments.file, "the trace file")->required();
+    arguments.filter.addTo(*command);
+    return command;
+  };
+  CLI::App* dumpCommand = add("dump", "write the records as lines, oldest first");
+  dumpCommand->add_flag("-f,--follow", arguments.follow,
+                        "go on with new records until interrupted");
+  dumpCommand->add_flag("--json", arguments.json, "one JSON object per line");
+  CLI::App* statCommand = add("stat", "say what the file holds, what was lost, and who wrote it");
+  statCommand->add_flag("--json", arguments.json, "one JSON object");
+  CLI::App* exportCommand = add("export", "write the records for other programs");
+  exportCommand
+      ->add_option("TARGET", arguments.target,
+                   "the folder (ctf) or file (perfetto, - for standard output)")
+      ->required();
+  exportCommand
+      ->add_option("--format", arguments.format,
+                   "ctf (babeltrace2, Trace Compass) or perfetto (Perfetto, chrome://tracing)")
+      ->required()
+      ->check(CLI::IsMember({"ctf", "perfetto"}));
+  DumpOptions options;
+  try {
+    app.parse(count, words);
+    arguments.filter.applyTo(options.filter);
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? 0 : 2;
+  }
+  if (*statCommand) return stat(arguments.file, options.filter, arguments.json);
+  if (*exportCommand) return exportAs(arguments, options.filter);
+  options.file = arguments.file;
+  options.follow = arguments.follow;
+  options.json = arguments.json;
+  return dump(options);
+}
+
+}  // namespace
+
+int main(int count, char** words) {
+  try {
+    return run(count, words);
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "skein: %s\n", error.what());
+    return 1;
+  }
+}
