@@ -8,20 +8,6 @@
 
 using Lumo::TraceFacility;
 
-namespace Sample {
-
-Lumo::TraceHandle& handle() {
-  static Lumo::TraceHandle made("Sample", false);
-  return made;
-}
-
-Lumo::TraceHandle& otherHandle() {
-  static Lumo::TraceHandle made("Other", false);
-  return made;
-}
-
-}  // namespace Sample
-
 using TraceFacilityTest = TraceTest;
 using TraceHelperTest = TraceTest;
 using TraceHandleTest = TraceTest;

@@ -30,4 +30,13 @@ inline constexpr Twine::Point textOnly{&module, 77, "work", 5, Sinks::text, "Not
 inline constexpr Twine::Point textSending{&module, 137, "send", 8, Sinks::text, "Sending "};
 inline constexpr Twine::Point other{&otherModule, 3, "other", 5, Sinks::both, "other %s"};
 
+// As the agent's kit writes them.
+Lumo::TraceHandle& agentHandle();
+inline U8 agentLevelMap[10] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9};
+inline constexpr Twine::Module agentModule{&agentHandle, agentLevelMap, "Agent.cpp"};
+inline constexpr Twine::Point announced{
+    &agentModule, 1, "announce", 6, Sinks::both, "announced seq=%s type=%s queue=%s depth=%s"};
+inline constexpr Twine::Point ended{
+    &agentModule, 2, "end", 6, Sinks::both, "ended seq=%s type=%s queue=%s outcome=%s depth=%s"};
+
 }  // namespace Sample

@@ -3,6 +3,7 @@
 //   trace_program threads             long lines from four threads
 //   trace_program late                lines from destructors while the process exits
 //   trace_program first               the facilities with handles before and after first traces
+//   trace_program commands FILE       a queue of commands on one thread, their ends on another
 //   trace_program ring FILE SIZE THREADS   numbered records until killed
 #include <atomic>
 #include <cstdio>
@@ -15,20 +16,6 @@
 #include <Skein/Skein.h>
 
 #include "TracePoints.h"
-
-namespace Sample {
-
-Lumo::TraceHandle& handle() {
-  static Lumo::TraceHandle made("Sample", false);
-  return made;
-}
-
-Lumo::TraceHandle& otherHandle() {
-  static Lumo::TraceHandle made("Other", false);
-  return made;
-}
-
-}  // namespace Sample
 
 namespace {
 
@@ -69,6 +56,26 @@ int first() {
   printHandleNames();
   Twine::trace<Sample::other>(1);
   printHandleNames();
+  return 0;
+}
+
+int commands(const char* path) {
+  Skein::TraceHandle handle(path);
+  Skein::defaultSkeinHandleIs(&handle);
+  constexpr unsigned count = 20;
+  for (unsigned i = 1; i <= count; ++i) {
+    Twine::trace<Sample::announced>(i, Lumo::String("createModule"), Lumo::String("q1"), i);
+  }
+  Twine::trace<Sample::plain>();
+  std::thread([] {
+    for (unsigned i = 1; i <= count; ++i) {
+      Twine::trace<Sample::numbered>(static_cast<int>(i));
+      Twine::trace<Sample::ended>(i, Lumo::String("createModule"), Lumo::String("q1"),
+                                  Lumo::String(i % 5 ? "answered" : "failed"), count - i);
+    }
+  }).join();
+  // Announced and never ended.
+  Twine::trace<Sample::announced>(99U, Lumo::String("getVersion"), Lumo::String("q2"), 1U);
   return 0;
 }
 
@@ -117,7 +124,10 @@ int main(int count, char** words) {
     return 0;
   }
   if (mode == "first") return first();
+  if (mode == "commands" && count == 3) return commands(words[2]);
   if (mode == "ring" && count == 5) return ring(words[2], words[3], words[4]);
-  std::fprintf(stderr, "usage: trace_program text|threads|late|first|ring FILE SIZE THREADS\n");
+  std::fprintf(
+      stderr,
+      "usage: trace_program text|threads|late|first|commands FILE|ring FILE SIZE THREADS\n");
   return 2;
 }

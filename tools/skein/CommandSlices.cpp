@@ -42,10 +42,10 @@ std::optional<CommandNews> commandNewsOf(const Skein::Record& record) {
 
 std::optional<CommandSlice> CommandSlices::newsIs(const CommandNews& news, int thread, U64 timeNs) {
   const auto known = std::find_if(announced_.begin(), announced_.end(), [&](const Announced& one) {
-    return one.sequence == news.sequence;
+    return one.news.sequence == news.sequence;
   });
   if (!news.ends) {
-    if (known == announced_.end()) announced_.push_back({news.sequence, timeNs});
+    if (known == announced_.end()) announced_.push_back({news, thread, timeNs});
     return std::nullopt;
   }
   const U64 announcedNs = known == announced_.end() ? 0 : known->timeNs;
@@ -54,4 +54,14 @@ std::optional<CommandSlice> CommandSlices::newsIs(const CommandNews& news, int t
   previousEndNs_ = timeNs;
   if (startNs == 0) return std::nullopt;
   return CommandSlice{news, thread, std::min(startNs, timeNs), timeNs, announcedNs};
+}
+
+std::optional<CommandSlice> CommandSlices::inFlight(U64 nowNs) const {
+  if (announced_.empty()) return std::nullopt;
+  const Announced& first = announced_.front();
+  CommandSlice slice{first.news, first.thread, std::max(first.timeNs, previousEndNs_), nowNs,
+                     first.timeNs};
+  slice.command.outcome = "in flight";
+  slice.startNs = std::min(slice.startNs, nowNs);
+  return slice;
 }

@@ -55,9 +55,14 @@ class CommandSlices {
   // nor a predecessor is known.
   std::optional<CommandSlice> newsIs(const CommandNews& news, int thread, U64 timeNs);
 
+  // The command that was in flight at `nowNs`, after the last news: what a daemon that hangs hangs
+  // in. Its outcome is "in flight", its thread that of its announcement.
+  std::optional<CommandSlice> inFlight(U64 nowNs) const;
+
  private:
   struct Announced {
-    U64 sequence;
+    CommandNews news;
+    int thread;
     U64 timeNs;
   };
   std::vector<Announced> announced_;

@@ -95,6 +95,9 @@ void writeEvents(const Recording& recording, std::ostream& out) {
       events.instant(record);
     }
   }
+  if (!records.empty()) {
+    if (const auto slice = slices.inFlight(records.back().timeNs)) events.slice(*slice);
+  }
   events.finish();
 }
 

@@ -1,0 +1,222 @@
+#include <ctime>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <sstream>
+
+#include "Process.h"
+#include "TraceFixture.h"
+
+namespace {
+
+std::vector<std::string> linesOf(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
+  return lines;
+}
+
+Outcome skeinWith(std::vector<std::string> words) {
+  words.insert(words.begin(), SKEIN_PROGRAM);
+  return run(words);
+}
+
+// A running `skein dump --follow`, whose lines are waited for.
+class Follower {
+ public:
+  explicit Follower(const std::string& path) {
+    int ends[2];
+    if (::pipe2(ends, O_CLOEXEC) != 0) std::perror("pipe2");
+    child_ = start({SKEIN_PROGRAM, "dump", "--follow", path}, nullptr, ends[1], -1);
+    ::close(ends[1]);
+    in_ = ends[0];
+  }
+  ~Follower() {
+    if (child_ > 0) {
+      ::kill(child_, SIGKILL);
+      ended(child_);
+    }
+    ::close(in_);
+  }
+  Follower(const Follower&) = delete;
+  Follower& operator=(const Follower&) = delete;
+
+  // The text of the next line; fails the test at the end of the output.
+  std::string nextText() {
+    char letter;
+    std::string line;
+    while (::read(in_, &letter, 1) == 1) {
+      if (letter == '\n') return line.substr(line.find(": ") + 2);
+      line.push_back(letter);
+    }
+    ADD_FAILURE() << "the follower ended";
+    return {};
+  }
+  int interrupt() {
+    ::kill(child_, SIGINT);
+    const int status = ended(child_);
+    child_ = -1;
+    return status;
+  }
+
+ private:
+  pid_t child_;
+  int in_;
+};
+
+}  // namespace
+
+using SkeinTool = TraceTest;
+
+TEST_F(SkeinTool, DumpsTheSameLinesAsTheTextTrace) {
+  textIsOn();
+  ringIsOn();
+  Twine::trace<Sample::placed>(14, std::string("un\navailable"));
+  Twine::trace<Sample::appended>(Lumo::Name("q1"));
+  Twine::trace<Sample::four>(true, -1, Skein::QNull(), "x");
+  const Outcome outcome = skeinWith({"dump", path});
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.error, "");
+  const auto lines = linesOf(outcome.out);
+  const auto expected = recorder.lines();
+  ASSERT_EQ(lines.size(), expected.size());
+  for (std::size_t i = 0; i < lines.size(); ++i) {
+    const auto& from = expected[i];
+    std::string line;
+    Lumo::appendTraceLine(line, {"Sample", from.level, from.file.c_str(), from.line,
+                                 from.function.c_str(), from.text, from.timeNs, from.thread});
+    EXPECT_EQ(lines[i].substr(26) + "\n", line.substr(26));
+    EXPECT_EQ(lines[i].substr(0, 11), line.substr(0, 11));
+  }
+}
+
+TEST_F(SkeinTool, FiltersByLevelFacilityFunctionAndTime) {
+  ringIsOn();
+  Twine::trace<Sample::placed>(1, std::string("failed"));
+  Twine::trace<Sample::plain>();
+  Twine::trace<Sample::other>(7);
+  Twine::trace<Sample::four>(1, 2, 3, 4);
+  const auto count = [&](const char* option, const std::string& value) {
+    const Outcome outcome = skeinWith({"dump", path, option, value});
+    EXPECT_EQ(outcome.status, 0) << outcome.error;
+    return linesOf(outcome.out).size();
+  };
+  EXPECT_EQ(count("--level", "0"), 1U);
+  EXPECT_EQ(count("--level", "0-5"), 3U);
+  EXPECT_EQ(count("--level", "*"), 4U);
+  EXPECT_EQ(count("--facility", "Other"), 1U);
+  EXPECT_EQ(count("--facility", "Other,Sample"), 4U);
+  EXPECT_EQ(count("--function", "handleBatch"), 1U);
+  EXPECT_EQ(count("--since", "2h"), 4U);
+  EXPECT_EQ(count("--since", "1999-12-31T23:59:59.5Z"), 4U);
+  EXPECT_EQ(count("--since", "2400-01-01T00:00:00"), 0U);
+}
+
+TEST_F(SkeinTool, AMomentInTheMiddleShowsTheRecordsFromThenOn) {
+  ringIsOn();
+  for (int i = 0; i < 5; ++i) Twine::trace<Sample::numbered>(i);
+  std::vector<U64> times;
+  Skein::Reader reader(path);
+  reader.read([&](const Skein::Record& record) { times.push_back(record.timeNs); });
+  ASSERT_EQ(times.size(), 5U);
+  ASSERT_LT(times[2], times[3]);
+  const auto second = static_cast<std::time_t>(times[3] / 1000000000);
+  std::tm parts;
+  char text[40];
+  std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S.", gmtime_r(&second, &parts));
+  char fraction[12];
+  std::snprintf(fraction, sizeof fraction, "%09llu", times[3] % 1000000000);
+  const auto lines =
+      linesOf(skeinWith({"dump", path, "--since", std::string(text) + fraction}).out);
+  ASSERT_EQ(lines.size(), 2U);
+  EXPECT_NE(lines[0].find("n=3"), std::string::npos);
+}
+
+TEST_F(SkeinTool, WritesOneJsonObjectPerRecord) {
+  ringIsOn();
+  Twine::trace<Sample::four>(true, -1, Skein::QNull(), std::string("\xff\"quoted\""));
+  const Outcome outcome = skeinWith({"dump", "--json", path});
+  const auto lines = linesOf(outcome.out);
+  ASSERT_EQ(lines.size(), 1U);
+  const auto json = nlohmann::json::parse(lines[0]);
+  EXPECT_EQ(json["facility"], "Sample");
+  EXPECT_EQ(json["level"], 9);
+  EXPECT_EQ(json["skeinLevel"], 9);
+  EXPECT_EQ(json["file"], "Sample.lumo");
+  EXPECT_EQ(json["line"], 9);
+  EXPECT_EQ(json["function"], "four");
+  EXPECT_EQ(json["thread"], ::gettid());
+  EXPECT_EQ(json["args"][0], true);
+  EXPECT_EQ(json["args"][1], -1);
+  EXPECT_TRUE(json["args"][2].is_null());
+  EXPECT_EQ(json["args"][3], "\xef\xbf\xbd\"quoted\"");
+}
+
+TEST_F(SkeinTool, CountsRecordsLossesAndSites) {
+  ringIsOn({.size = 16 * 1024});
+  for (int i = 0; i < 1000; ++i) Twine::trace<Sample::numbered>(i);
+  Twine::trace<Sample::plain>();
+  const auto json = nlohmann::json::parse(skeinWith({"stat", "--json", path}).out);
+  EXPECT_EQ(json["records"].get<int>() + json["lost"].get<int>(), 1001);
+  EXPECT_GT(json["lost"], 0);
+  EXPECT_EQ(json["fileSize"], 16384);
+  EXPECT_EQ(json["sites"].size(), 2U);
+  EXPECT_EQ(json["sites"][0]["text"], "n=%s");
+  EXPECT_EQ(json["sites"][1]["records"], 1);
+  const Outcome text = skeinWith({"stat", path});
+  EXPECT_EQ(text.status, 0);
+  EXPECT_NE(text.out.find("Sample/3 Sample.lumo:7 count: n=%s"), std::string::npos);
+}
+
+TEST_F(SkeinTool, FollowsALiveFileAndItsSuccessor) {
+  ringIsOn();
+  Twine::trace<Sample::numbered>(1);
+  Follower follower(path);
+  EXPECT_EQ(follower.nextText(), "n=1");
+  Twine::trace<Sample::numbered>(2);
+  EXPECT_EQ(follower.nextText(), "n=2");
+  auto old = std::move(skein);
+  ringIsOn();
+  Twine::trace<Sample::numbered>(3);
+  EXPECT_EQ(follower.nextText(), "n=3");
+  EXPECT_EQ(follower.interrupt(), 0);
+}
+
+TEST_F(SkeinTool, UnreadableFilesGiveOneLineAndStatusOne) {
+  ringIsOn({.size = 16 * 1024});
+  Twine::trace<Sample::plain>();
+  skein.reset();
+  std::ifstream in(path, std::ios::binary);
+  const std::string whole{std::istreambuf_iterator<char>(in), {}};
+  std::string damaged = whole;
+  damaged[offsetof(Skein::FileHeader, blockSize)] = 3;
+  std::string torn = whole;
+  torn[torn.find("Entry")] = 'X';
+  torn[offsetof(Skein::FileHeader, blocksWanted)] = 0;
+  const std::string contents[] = {"",      "hello", whole.substr(0, 50), whole.substr(0, 10000),
+                                  damaged, torn};
+  for (const std::string& content : contents) {
+    const std::string file = folder.file("bad.skein");
+    std::ofstream(file, std::ios::binary | std::ios::trunc) << content;
+    for (const std::vector<std::string>& words : std::vector<std::vector<std::string>>{
+             {"dump", file}, {"stat", file}, {"export", "--format", "perfetto", file, "-"}}) {
+      const Outcome outcome = skeinWith(words);
+      EXPECT_EQ(outcome.status, 1) << content.size();
+      EXPECT_EQ(linesOf(outcome.error).size(), 1U) << outcome.error;
+      EXPECT_NE(outcome.error.find(file), std::string::npos);
+    }
+  }
+  EXPECT_EQ(skeinWith({"dump", folder.file("missing")}).status, 1);
+}
+
+TEST_F(SkeinTool, TellsHowToUseIt) {
+  EXPECT_EQ(skeinWith({}).status, 2);
+  EXPECT_EQ(skeinWith({"dump"}).status, 2);
+  EXPECT_EQ(skeinWith({"dump", path, "--level", "high"}).status, 2);
+  EXPECT_EQ(skeinWith({"dump", path, "--since", "yesterday"}).status, 2);
+  EXPECT_EQ(skeinWith({"export", "--format", "mp3", path, "x"}).status, 2);
+  const Outcome help = skeinWith({"--help"});
+  EXPECT_EQ(help.status, 0);
+  for (const char* word : {"dump", "stat", "export"}) {
+    EXPECT_NE(help.out.find(word), std::string::npos);
+  }
+}
