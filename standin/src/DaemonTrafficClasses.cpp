@@ -1,0 +1,154 @@
+// Traffic classes and the rules of who may run what.
+
+#include <cerrno>
+#include <chrono>
+#include <set>
+
+#include "Daemon.h"
+#include "Refusal.h"
+
+namespace Standin {
+
+namespace {
+
+constexpr std::uint64_t maxTasks = 32;  // Of one module.
+
+double now() {
+  return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+}
+
+void fill(bess::pb::ListTcsResponse::TrafficClassStatus& status, const TrafficNode& node) {
+  bess::pb::TrafficClass& shown = *status.mutable_class_();
+  shown.set_name(node.name);
+  shown.set_policy(node.policy);
+  shown.set_wid(node.worker);
+  shown.set_leaf_module_name(node.leafModule);
+  shown.set_leaf_module_taskid(node.leafTask);
+  if (node.policy == "rate_limit") {
+    (*shown.mutable_limit())[node.resource] = node.limit;
+    (*shown.mutable_max_burst())[node.resource] = node.maxBurst;
+  }
+  if (node.parent == nullptr) return;
+  status.set_parent(node.parent->name);
+  if (node.parent->policy == "priority") shown.set_priority(node.priority);
+  if (node.parent->policy == "weighted_fair") shown.set_share(node.share);
+}
+
+}  // namespace
+
+void Daemon::resetTcs(const bess::pb::EmptyRequest&, bess::pb::EmptyResponse&) {
+  passThroughPause();
+  classes_.reset();
+}
+
+void Daemon::listTcs(const bess::pb::ListTcsRequest& request, bess::pb::ListTcsResponse& response) {
+  if (request.wid() >= Workers::limit)
+    throw Refusal(EINVAL, "'wid' must be between 0 and " + std::to_string(Workers::limit - 1));
+  if (request.wid() >= 0 && !workers_.exists(request.wid()))
+    throw Refusal(EINVAL, "worker:" + std::to_string(request.wid()) + " does not exist");
+  classes_.forEachListed(static_cast<int>(request.wid()), [&](const TrafficNode& node) {
+    fill(*response.add_classes_status(), node);
+  });
+}
+
+void Daemon::place(std::unique_ptr<TrafficNode> node, const bess::pb::TrafficClass& wanted) {
+  if (!wanted.parent().empty()) {
+    classes_.attachToParent(std::move(node), wanted);
+    return;
+  }
+  const std::int64_t wid = wanted.wid();
+  if ((wid == -1 || wid == 0) && workers_.empty()) launchFirstWorker();
+  if (wid >= 0 && wid < Workers::limit && workers_.exists(wid)) {
+    classes_.attachToWorker(std::move(node), static_cast<int>(wid));
+  } else if (wid == -1) {
+    classes_.leaveWaiting(std::move(node));
+  } else {
+    classes_.lose(std::move(node));
+    if (wid < 0 || wid >= Workers::limit)
+      throw Refusal(EINVAL, "'wid' must be between 0 and " + std::to_string(Workers::limit - 1));
+    throw Refusal(EINVAL, "worker:" + std::to_string(wid) + " does not exist");
+  }
+}
+
+void Daemon::addTc(const bess::pb::AddTcRequest& request, bess::pb::EmptyResponse&) {
+  passThroughPause();
+  place(classes_.make(request.class_()), request.class_());
+  passThroughPause();
+}
+
+void Daemon::updateTcParams(const bess::pb::UpdateTcParamsRequest& request,
+                            bess::pb::EmptyResponse&) {
+  passThroughPause();
+  classes_.updateParams(request.class_());
+}
+
+void Daemon::updateTcParent(const bess::pb::UpdateTcParentRequest& request,
+                            bess::pb::EmptyResponse&) {
+  const bess::pb::TrafficClass& wanted = request.class_();
+  TrafficNode* node = nullptr;
+  if (!wanted.leaf_module_name().empty()) {
+    const Module& module = pipeline_.existing(wanted.leaf_module_name());
+    if (wanted.leaf_module_taskid() >= maxTasks)
+      throw Refusal(EINVAL, "'taskid' must be between 0 and " + std::to_string(maxTasks - 1));
+    const std::string task = module.name + ":" + std::to_string(wanted.leaf_module_taskid());
+    node = classes_.find("!leaf_" + task);
+    if (node == nullptr) throw Refusal(ENOENT, "Task " + task + " does not exist");
+  } else if (!wanted.name().empty()) {
+    node = classes_.find(wanted.name());
+    if (node == nullptr) throw Refusal(ENOENT, "Tc '" + wanted.name() + "' doesn't exist");
+  } else {
+    throw Refusal(EINVAL, "One of 'name' or 'leaf_module_name' must be specified");
+  }
+  place(classes_.detach(*node), wanted);
+  passThroughPause();
+}
+
+void Daemon::getTcStats(const bess::pb::GetTcStatsRequest& request,
+                        bess::pb::GetTcStatsResponse& response) {
+  if (classes_.find(request.name()) == nullptr)
+    throw Refusal(ENOENT, "No TC '" + request.name() + "' found");
+  response.set_timestamp(now());
+}
+
+void Daemon::forEachReach(
+    bool runningOnly,
+    const std::function<void(int worker, Module& start, Module& reached)>& visit) const {
+  for (const auto& [id, worker] : workers_.all()) {
+    if (runningOnly && !worker.running) continue;
+    classes_.forEachLeaf(id, [&, workerId = id](const TrafficNode& leaf) {
+      Module* start = pipeline_.find(leaf.leafModule);
+      if (start == nullptr) return;
+      Pipeline::forEachReached(*start, [&](Module& reached) { visit(workerId, *start, reached); });
+    });
+  }
+}
+
+bool Daemon::reachedByRunningWorker(const Module& module) const {
+  bool reached = false;
+  forEachReach(true, [&](int, Module&, Module& other) { reached |= &other == &module; });
+  return reached;
+}
+
+void Daemon::checkSchedulingConstraints(const bess::pb::EmptyRequest&,
+                                        bess::pb::CheckSchedulingConstraintsResponse& response) {
+  if (!workers_.anyRunning()) attachOrLaunch();
+  std::map<std::string, std::set<int>> reaching;  // Workers, by the module they reach.
+  std::set<std::string> scheduled, fed;
+  forEachReach(false, [&](int worker, Module& start, Module& reached) {
+    scheduled.insert(start.name);
+    if (&start != &reached) fed.insert(reached.name);
+    reaching[reached.name].insert(worker);
+  });
+  for (const auto& [name, module] : pipeline_.all()) {
+    const ModuleClass& moduleClass = *module->moduleClass;
+    // A task that passes packets on has nothing to do while nobody hands it any.
+    const bool starved = module->tasks() > 0 && moduleClass.inputGates > 0 &&
+                         scheduled.count(name) && !fed.count(name);
+    const bool crowded = moduleClass.maxWorkers > 0 &&
+                         reaching[name].size() > static_cast<std::size_t>(moduleClass.maxWorkers);
+    if (starved || crowded) response.add_modules()->set_name(name);
+    if (crowded) response.set_fatal(true);
+  }
+}
+
+}  // namespace Standin

@@ -1,0 +1,264 @@
+#include "Ports.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "Arg.h"
+#include "Refusal.h"
+
+namespace Standin {
+
+namespace {
+
+constexpr std::uint64_t maxQueueSize = 4096;
+constexpr std::uint64_t maxDevices = 32;
+constexpr std::uint32_t minMtu = 68;
+constexpr std::uint32_t maxMtu = 2048;
+
+std::string attachVirtualDevice(const std::string& vdev, const Ports& ports) {
+  const std::string device = vdev.substr(0, vdev.find(','));
+  if (device.rfind("net_null", 0) != 0) throw Refusal(ENODEV, "Cannot attach vdev " + vdev);
+  if (ports.deviceInUse(device)) throw Refusal(EBUSY, "rte_eth_dev_configure() failed");
+  return device;
+}
+
+std::string attachPciDevice(const std::string& address) {
+  unsigned domain = 0, bus = 0, device = 0, function = 0;
+  if (std::sscanf(address.c_str(), "%x:%x:%x.%x", &domain, &bus, &device, &function) != 4) {
+    domain = 0;
+    if (std::sscanf(address.c_str(), "%x:%x.%x", &bus, &device, &function) != 3)
+      throw Refusal(EINVAL, "PCI address must be like dddd:bb:dd.ff or bb:dd.ff");
+  }
+  char text[48];
+  std::snprintf(text, sizeof text, "%08x:%02x:%02x.%02x", domain, bus, device, function);
+  throw Refusal(ENODEV, std::string("Cannot attach PCI device ") + text);
+}
+
+std::string openPmd(const bess::pb::CreatePortRequest& request, const std::string&, Ports& ports) {
+  const auto arg = unpack<bess::pb::PMDPortArg>(request.arg());
+  switch (arg.port_case()) {
+    case bess::pb::PMDPortArg::kVdev:
+      return attachVirtualDevice(arg.vdev(), ports);
+    case bess::pb::PMDPortArg::kPci:
+      return attachPciDevice(arg.pci());
+    case bess::pb::PMDPortArg::kPortId:
+      if (arg.port_id() >= maxDevices)
+        throw Refusal(EINVAL, "Invalid port id " + std::to_string(arg.port_id()));
+      if (ports.deviceNumberInUse(arg.port_id()))
+        throw Refusal(EBUSY, "rte_eth_dev_configure() failed");
+      throw Refusal(ENODEV, "Port id " + std::to_string(arg.port_id()) + " is not available");
+    case bess::pb::PMDPortArg::PORT_NOT_SET:
+      break;
+  }
+  throw Refusal(EINVAL, "No port specified");
+}
+
+// The socket itself is not made: the stand-in only keeps book of who has which path.
+std::string openUnixSocket(const bess::pb::CreatePortRequest& request, const std::string& name,
+                           Ports& ports) {
+  if (static_cast<std::uint16_t>(request.num_inc_q()) > 1 ||
+      static_cast<std::uint16_t>(request.num_out_q()) > 1)
+    throw Refusal(EINVAL, "Cannot have more than 1 queue per RX/TX");
+  std::string path = unpack<bess::pb::UnixSocketPortArg>(request.arg()).path();
+  if (path.empty()) path = "/tmp/bess_unix_" + name;
+  if (path[0] == '@') {
+    if (ports.deviceInUse(path)) throw Refusal(EADDRINUSE, "bind() failed");
+    return path;
+  }
+  const std::size_t slash = path.rfind('/');
+  const std::string folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+  struct stat info;
+  if (stat(folder.c_str(), &info) != 0) throw Refusal(errno, "bind(" + path + ") failed");
+  return "";  // A socket file is replaced by whoever comes later.
+}
+
+std::string openVirtual(const bess::pb::CreatePortRequest&, const std::string&, Ports&) {
+  throw Refusal(ENODEV, "the kernel module is not loaded");
+}
+
+std::string openCapture(const bess::pb::CreatePortRequest&, const std::string&, Ports&) {
+  throw Refusal(EINVAL, "Error initializing device.");
+}
+
+// clang-format off
+constexpr PortDriver driverTable[] = {
+    // name             prefix       help                                          queues conf   speed  autoneg open
+    {"PCAPPort",       "pcap_port", "libpcap live packet capture from Linux port",  128, false, 0,     true,  openCapture},
+    {"PMDPort",        "pmd_port",  "DPDK poll mode driver",                        128, true,  10000, false, openPmd},
+    {"UnixSocketPort", "unix_port", "packet exchange via a UNIX domain socket",     128, false, 0,     true,  openUnixSocket},
+    {"VPort",          "vport",     "Virtual port for Linux host",                  128, false, 0,     true,  openVirtual},
+};
+// clang-format on
+
+/// Six bytes from text; fewer or more groups are taken as the daemon takes them.
+bool parseMac(const std::string& text, std::string& mac) {
+  unsigned byte[6] = {};
+  if (std::sscanf(text.c_str(), "%x:%x:%x:%x:%x:%x", &byte[0], &byte[1], &byte[2], &byte[3],
+                  &byte[4], &byte[5]) != 6)
+    return false;
+  char line[18];
+  std::snprintf(line, sizeof line, "%02x:%02x:%02x:%02x:%02x:%02x", byte[0] & 255u, byte[1] & 255u,
+                byte[2] & 255u, byte[3] & 255u, byte[4] & 255u, byte[5] & 255u);
+  mac = line;
+  return true;
+}
+
+std::string checkedMac(const std::string& text) {
+  std::string mac;
+  if (!parseMac(text, mac)) throw Refusal(EINVAL, "'" + text + "' is not a proper mac address");
+  return mac;
+}
+
+Port& existing(const Ports& ports, const std::string& name) {
+  Port* port = ports.find(name);
+  if (port == nullptr) throw Refusal(ENOENT, "No port `" + name + "' found");
+  return *port;
+}
+
+std::size_t queueCount(std::uint64_t requested) {
+  const auto cut = static_cast<std::uint16_t>(requested);
+  return cut == 0 ? 1 : cut;
+}
+
+}  // namespace
+
+bool Port::busy() const {
+  const auto any = [](const std::vector<bool>& marks) {
+    return std::find(marks.begin(), marks.end(), true) != marks.end();
+  };
+  return any(incUsed) || any(outUsed);
+}
+
+QueueClaim::QueueClaim(Port& port, Direction direction, std::int64_t queue)
+    : port_(port), direction_(direction) {
+  std::vector<bool>& marks = port.used(direction);
+  if (queue >= static_cast<std::int64_t>(marks.size())) throw Refusal(EINVAL, "Invalid argument");
+  if (queue >= 0) {
+    queues_.push_back(static_cast<std::size_t>(queue));
+  } else {
+    for (std::size_t i = 0; i < marks.size(); ++i) queues_.push_back(i);
+  }
+  for (std::size_t i : queues_)
+    if (marks[i]) throw Refusal(EBUSY, "Device or resource busy");
+  for (std::size_t i : queues_) marks[i] = true;
+}
+
+QueueClaim::~QueueClaim() {
+  for (std::size_t i : queues_) port_.used(direction_)[i] = false;
+}
+
+std::span<const PortDriver> Ports::drivers() {
+  return driverTable;
+}
+
+const PortDriver* Ports::findDriver(const std::string& name) {
+  for (const PortDriver& driver : driverTable)
+    if (name == driver.name) return &driver;
+  return nullptr;
+}
+
+Port* Ports::find(const std::string& name) const {
+  const auto found = ports_.find(name);
+  return found == ports_.end() ? nullptr : found->second.get();
+}
+
+bool Ports::deviceNumberInUse(std::uint64_t number) const {
+  return std::any_of(devices_.begin(), devices_.end(),
+                     [number](const auto& entry) { return entry.second == number; });
+}
+
+std::string Ports::freeName(const std::string& prefix) const {
+  for (unsigned i = 0;; ++i) {
+    const std::string name = prefix + std::to_string(i);
+    if (find(name) == nullptr) return name;
+  }
+}
+
+std::string Ports::randomMac() {
+  const std::uint64_t bits = random_();
+  char text[18];
+  // Locally administered, not a group address.
+  std::snprintf(text, sizeof text, "%02x:%02x:%02x:%02x:%02x:%02x",
+                static_cast<unsigned>((bits & 0xfc) | 2), static_cast<unsigned>(bits >> 8 & 255),
+                static_cast<unsigned>(bits >> 16 & 255), static_cast<unsigned>(bits >> 24 & 255),
+                static_cast<unsigned>(bits >> 32 & 255), static_cast<unsigned>(bits >> 40 & 255));
+  return text;
+}
+
+Port& Ports::create(const bess::pb::CreatePortRequest& request) {
+  if (request.driver().empty()) throw Refusal(EINVAL, "Missing 'driver' field");
+  const PortDriver* driver = findDriver(request.driver());
+  if (driver == nullptr) throw Refusal(ENOENT, "No port driver '" + request.driver() + "' found");
+  const std::size_t inc = queueCount(request.num_inc_q());
+  const std::size_t out = queueCount(request.num_out_q());
+  if (inc > driver->maxQueues || out > driver->maxQueues)
+    throw Refusal(EINVAL, "Invalid number of queues");
+  if (request.size_inc_q() > maxQueueSize || request.size_out_q() > maxQueueSize)
+    throw Refusal(EINVAL, "Invalid queue size");
+  if (find(request.name()) != nullptr)
+    throw Refusal(EEXIST, "Port '" + request.name() + "' already exists");
+
+  auto port = std::make_unique<Port>();
+  port->name = request.name().empty() ? freeName(driver->namePrefix) : request.name();
+  port->driver = driver;
+  port->device = driver->open(request, port->name, *this);
+  port->conf.set_mac_addr(randomMac());
+  port->conf.set_mtu(1500);
+  port->conf.set_admin_up(true);
+  port->incUsed.resize(inc);
+  port->outUsed.resize(out);
+  if (!port->device.empty()) {
+    std::uint64_t number = 0;
+    while (deviceNumberInUse(number)) ++number;
+    devices_[port->device] = number;
+  }
+  return *(ports_[port->name] = std::move(port));
+}
+
+void Ports::destroy(const std::string& name) {
+  if (name.empty()) throw Refusal(EINVAL, "Argument must be a name in str");
+  const Port& port = existing(*this, name);
+  if (port.busy()) throw Refusal(EBUSY, "Device or resource busy");
+  devices_.erase(port.device);
+  ports_.erase(name);
+}
+
+void Ports::reset() {
+  while (!ports_.empty()) destroy(std::string(ports_.begin()->first));
+}
+
+void Ports::configure(const std::string& name, const bess::pb::PortConf& conf) {
+  if (name.empty()) throw Refusal(EINVAL, "Port name is not given");
+  Port& port = existing(*this, name);
+  std::string mac = port.conf.mac_addr();
+  if (!conf.mac_addr().empty()) {
+    const std::string wanted = checkedMac(conf.mac_addr());
+    if (wanted != "00:00:00:00:00:00") mac = wanted;
+  }
+  if (conf.mtu() != 0 && (conf.mtu() < minMtu || conf.mtu() > maxMtu))
+    throw Refusal(
+        EINVAL, "mtu should be >= " + std::to_string(minMtu) + " and <= " + std::to_string(maxMtu));
+  if (!port.driver->configurable) throw Refusal(EOPNOTSUPP, "Operation not supported");
+  port.conf.set_mac_addr(mac);
+  if (conf.mtu() != 0) port.conf.set_mtu(conf.mtu());
+  port.conf.set_admin_up(conf.admin_up());
+}
+
+void Ports::addMac(const std::string& name, const std::string& mac) {
+  Port& port = existing(*this, name);
+  const std::string address = checkedMac(mac);
+  if (address == port.conf.mac_addr() || !port.extraMacs.insert(address).second)
+    throw Refusal(EEXIST, "Port '" + name + "' has the MAC address '" + mac + "' already");
+}
+
+void Ports::removeMac(const std::string& name, const std::string& mac) {
+  Port& port = existing(*this, name);
+  if (port.extraMacs.erase(checkedMac(mac)) == 0)
+    throw Refusal(ENOENT, "Port '" + name + "' has no added MAC address '" + mac + "'");
+}
+
+}  // namespace Standin

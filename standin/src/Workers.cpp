@@ -1,0 +1,54 @@
+#include "Workers.h"
+
+#include <algorithm>
+#include <cerrno>
+
+#include "Refusal.h"
+
+namespace Standin {
+
+namespace {
+
+void checkRange(std::int64_t id) {
+  if (id < 0 || id >= Workers::limit) throw Refusal(EINVAL, "Invalid worker id");
+}
+
+}  // namespace
+
+void Workers::add(std::int64_t id, std::int64_t core, const std::string& scheduler) {
+  checkRange(id);
+  if (core < 0 || core >= cores_) throw Refusal(EINVAL, "Invalid core " + std::to_string(core));
+  if (exists(id)) throw Refusal(EEXIST, "worker:" + std::to_string(id) + " is already active");
+  if (!scheduler.empty() && scheduler != "experimental")
+    throw Refusal(EINVAL, "Invalid scheduler " + scheduler);
+  workers_[static_cast<int>(id)].core = static_cast<int>(core);
+}
+
+void Workers::check(std::int64_t id) const {
+  checkRange(id);
+  if (!exists(id)) throw Refusal(ENOENT, "Worker " + std::to_string(id) + " is not active");
+}
+
+void Workers::setRunning(bool running) {
+  for (auto& [id, worker] : workers_) worker.running = running;
+}
+
+void Workers::setRunning(std::int64_t id, bool running) {
+  if (id < 0 || id >= limit) return;
+  const auto found = workers_.find(static_cast<int>(id));
+  if (found != workers_.end()) found->second.running = running;
+}
+
+bool Workers::anyRunning() const {
+  return std::any_of(workers_.begin(), workers_.end(),
+                     [](const auto& entry) { return entry.second.running; });
+}
+
+int Workers::next() {
+  while (!exists(turn_)) turn_ = (turn_ + 1) % limit;
+  const int id = turn_;
+  turn_ = (turn_ + 1) % limit;
+  return id;
+}
+
+}  // namespace Standin

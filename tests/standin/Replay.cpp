@@ -1,0 +1,230 @@
+#include "Replay.h"
+
+#include <Standin/Server.h>
+#include <google/protobuf/struct.pb.h>
+#include <google/protobuf/util/json_util.h>
+#include <google/protobuf/util/message_differencer.h>
+#include <google/protobuf/wrappers.pb.h>
+
+#include <algorithm>
+#include <chrono>
+#include <fstream>
+#include <set>
+#include <stdexcept>
+
+#include <bess/pb/service.grpc.pb.h>
+
+namespace StandinTest {
+
+namespace {
+
+using google::protobuf::FieldDescriptor;
+using google::protobuf::Message;
+using google::protobuf::Reflection;
+using google::protobuf::Struct;
+using google::protobuf::Value;
+
+void fromJson(const std::string& text, Message& message) {
+  google::protobuf::util::JsonParseOptions options;
+  options.ignore_unknown_fields = true;
+  const auto status = google::protobuf::util::JsonStringToMessage(text, &message, options);
+  if (!status.ok()) throw std::runtime_error(std::string(status.message()) + " in " + text);
+}
+
+std::string toJson(const Message& message) {
+  std::string text;
+  const auto status = google::protobuf::util::MessageToJsonString(message, &text);
+  return status.ok() ? text : message.ShortDebugString();
+}
+
+/// One line of a command file.
+class Line {
+ public:
+  explicit Line(const std::string& text) { fromJson(text, json_); }
+  std::string text(const char* field) const {
+    const auto found = json_.fields().find(field);
+    return found == json_.fields().end() ? "" : found->second.string_value();
+  }
+  bool has(const char* field) const { return json_.fields().count(field) > 0; }
+  int status() const {
+    const auto& fields = json_.fields().at("status").struct_value().fields();
+    return static_cast<int>(fields.at("code").number_value());
+  }
+  /// The message under `field`, or from the bytes under `field`_raw.
+  void read(const std::string& field, Message& message) const {
+    if (has(field.c_str())) {
+      fromJson(toJson(json_.fields().at(field)), message);
+    } else if (has((field + "_raw").c_str())) {
+      google::protobuf::BytesValue bytes;
+      fromJson("\"" + text((field + "_raw").c_str()) + "\"", bytes);
+      message.ParseFromString(bytes.value());
+    }
+  }
+
+ private:
+  Struct json_;
+};
+
+// Clears fields of these names in the message and all messages in it.
+void clearNamed(Message& message, const std::set<std::string>& names) {
+  const Reflection& reflection = *message.GetReflection();
+  std::vector<const FieldDescriptor*> fields;
+  reflection.ListFields(message, &fields);
+  for (const FieldDescriptor* field : fields) {
+    if (names.count(field->name()) > 0) {
+      reflection.ClearField(&message, field);
+    } else if (field->cpp_type() == FieldDescriptor::CPPTYPE_MESSAGE && !field->is_map()) {
+      if (!field->is_repeated()) {
+        clearNamed(*reflection.MutableMessage(&message, field), names);
+        continue;
+      }
+      for (int i = 0; i < reflection.FieldSize(message, field); ++i)
+        clearNamed(*reflection.MutableRepeatedMessage(&message, field, i), names);
+    }
+  }
+}
+
+bool volatileDescription(const std::string& moduleClass) {
+  return moduleClass == "Queue" || moduleClass == "FlowGen";
+}
+
+// Fields that differ from run to run on a daemon that moves packets.
+void mask(Message&) {}
+void mask(bess::pb::VersionResponse& m) {
+  m.clear_version();
+}
+void mask(bess::pb::GetTcStatsResponse& m) {
+  clearNamed(m, {"timestamp", "count", "cycles", "packets", "bits"});
+}
+void mask(bess::pb::GetPortStatsResponse& m) {
+  clearNamed(m, {"timestamp", "packets", "dropped", "bytes"});
+  for (auto* stat : {m.mutable_inc(), m.mutable_out()})
+    for (auto* values :
+         {stat->mutable_requested_hist(), stat->mutable_actual_hist(), stat->mutable_diff_hist()})
+      std::fill(values->begin(), values->end(), 0);
+}
+void mask(bess::pb::GetModuleInfoResponse& m) {
+  clearNamed(m, {"timestamp", "cnt", "pkts", "bytes"});
+  if (volatileDescription(m.mclass())) m.clear_desc();
+  if (m.mclass() != "MetadataTest" || m.metadata_size() < 2) return;
+  auto& attributes = *m.mutable_metadata();
+  clearNamed(m, {"offset"});
+  std::sort(attributes.begin(), attributes.end(),
+            [](const auto& a, const auto& b) { return a.name() < b.name(); });
+}
+void mask(bess::pb::ListModulesResponse& m) {
+  for (auto& module : *m.mutable_modules())
+    if (volatileDescription(module.mclass())) module.clear_desc();
+}
+void mask(bess::pb::ListWorkersResponse& m) {
+  clearNamed(m, {"silent_drops"});
+}
+void mask(bess::pb::ListTcsResponse& m) {
+  clearNamed(m, {"blocked"});
+}
+void mask(bess::pb::CreatePortResponse& m) {
+  clearNamed(m, {"mac_addr"});
+}
+void mask(bess::pb::ListPortsResponse& m) {
+  clearNamed(m, {"mac_addr"});
+}
+void mask(bess::pb::GetPortConfResponse& m) {
+  clearNamed(m, {"mac_addr"});
+}
+void mask(bess::pb::DumpMempoolResponse& m) {
+  clearNamed(m, {"mp_available_count", "mp_in_use_count", "ring_count", "ring_free_count"});
+}
+void mask(bess::pb::CommandResponse& m) {
+  bess::pb::QueueCommandGetStatusResponse status;
+  if (m.data().UnpackTo(&status)) {
+    clearNamed(status, {"count", "enqueued", "dequeued", "dropped"});
+    m.mutable_data()->PackFrom(status);
+  }
+  if (m.data().Is<bess::pb::MeasureCommandGetSummaryResponse>()) m.mutable_data()->clear_value();
+}
+
+class Player {
+ public:
+  Player()
+      : server_(options()), stub_(bess::pb::BESSControl::NewStub(server_.inProcessChannel())) {}
+
+  void play(const Line& line, ReplayResult& result) {
+    const std::string type = line.text("type");
+#define NORV_REQUEST(number, name, rpc, request, response) \
+  if (type == #name)                                       \
+    call<bess::pb::request, bess::pb::response>(&bess::pb::BESSControl::Stub::rpc, line, result);
+#include <Norv/GrpcRequests.def>
+    if (type == "killBess") server_.shutdown();
+  }
+
+ private:
+  static Standin::Options options() {
+    Standin::Options options;
+    options.listen = "127.0.0.1:0";
+    options.strictDaemon = true;
+    return options;
+  }
+
+  template <class Request, class Response, class Method>
+  void call(Method method, const Line& line, ReplayResult& result) {
+    Request request;
+    line.read("request", request);
+    Response response, expected;
+    line.read("response", expected);
+    grpc::ClientContext context;
+    context.set_deadline(std::chrono::system_clock::now() + std::chrono::seconds(20));
+    const grpc::Status status = (stub_.get()->*method)(&context, request, &response);
+    const auto note = [&](const std::string& was, const std::string& is) {
+      result.differences.push_back("line " + std::to_string(result.lines) + " " +
+                                   line.text("type") + " " + toJson(request).substr(0, 300) +
+                                   "\n      recorded " + was + "\n      answered " + is);
+    };
+    const bool codesAgree = static_cast<int>(status.error_code()) == line.status() &&
+                            response.error().code() == expected.error().code();
+    if (!codesAgree) {
+      note("status " + std::to_string(line.status()) + " " + toJson(expected).substr(0, 300),
+           "status " + std::to_string(status.error_code()) + " " + toJson(response).substr(0, 300));
+      return;
+    }
+    ++result.codes;
+    mask(response);
+    mask(expected);
+    if (google::protobuf::util::MessageDifferencer::Equals(expected, response))
+      ++result.bodies;
+    else
+      note(toJson(expected).substr(0, 1500), toJson(response).substr(0, 1500));
+  }
+
+  Standin::Server server_;
+  std::unique_ptr<bess::pb::BESSControl::Stub> stub_;
+};
+
+}  // namespace
+
+std::filesystem::path recordingsFolder() {
+  return STANDIN_RECORDINGS;
+}
+
+std::vector<std::string> recordings() {
+  std::vector<std::string> names;
+  if (!std::filesystem::is_directory(recordingsFolder())) return names;
+  for (const auto& entry : std::filesystem::directory_iterator(recordingsFolder()))
+    if (entry.path().extension() == ".jsonl") names.push_back(entry.path().stem());
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+ReplayResult replay(const std::string& recording) {
+  ReplayResult result;
+  Player player;
+  std::ifstream file(recordingsFolder() / (recording + ".jsonl"));
+  std::string text;
+  while (std::getline(file, text)) {
+    if (text.empty()) continue;
+    ++result.lines;
+    player.play(Line(text), result);
+  }
+  return result;
+}
+
+}  // namespace StandinTest

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+// Sends a recorded command file to a fresh stand-in, call by call, and compares the answers.
+
+namespace StandinTest {
+
+struct ReplayResult {
+  int lines = 0;
+  int codes = 0;   // Lines whose gRPC status code and error.code agree.
+  int bodies = 0;  // Of those, lines whose response agrees too, volatile fields set aside.
+  std::vector<std::string> differences;
+};
+
+std::filesystem::path recordingsFolder();
+/// Names of the command files without extension, sorted; empty when there is no folder.
+std::vector<std::string> recordings();
+ReplayResult replay(const std::string& recording);
+
+}  // namespace StandinTest
