@@ -6,6 +6,7 @@ target_sources(lumo PRIVATE
   src/skein/OpenFiles.cpp
   src/skein/Reader.cpp
   src/skein/Record.cpp
+  src/skein/RecordClock.cpp
   src/skein/RingBuf.cpp
   src/skein/Snapshot.cpp
   src/skein/TraceFile.cpp

@@ -66,6 +66,8 @@ struct BlockHeader {
   U32 owner;     // the process that writes it, 0 for none
   U32 writer;    // from 1 on
   U64 ordinal;   // of the block among those of its writer, from 1 on
+  U32 records;   // filled in when the writer leaves the block, 0 before
+  U32 reserved;
 };
 
 // At the start of each record, followed by the raw arguments, padded to a multiple of 8.
@@ -94,6 +96,6 @@ constexpr bool committedIn(U64 sequence, U64 commit) {
 inline constexpr U32 clippedText = 0x80000000U;  // in a text's length: its end was cut off
 
 static_assert(offsetof(FileHeader, sitesWanted) == 112 && sizeof(FileHeader) == 160);
-static_assert(sizeof(SiteHeader) == 16 && sizeof(BlockHeader) == 24 && sizeof(RecordHeader) == 24);
+static_assert(sizeof(SiteHeader) == 16 && sizeof(BlockHeader) == 32 && sizeof(RecordHeader) == 24);
 
 }  // namespace Skein

@@ -6,6 +6,7 @@
 
 #include <Skein/Argument.h>
 #include <Skein/Layout.h>
+#include <Skein/RecordClock.h>
 
 namespace Skein {
 
@@ -16,7 +17,7 @@ class TraceFile;
 // counts from the last store of endMsg on: whoever is killed before leaves none.
 // Raises nothing. Texts that do not fit into a block are cut; what still does not fit is dropped
 // and counted in the file.
-class RingBuf {
+class alignas(64) RingBuf {
  public:
   RingBuf() = default;
   RingBuf(const RingBuf&) = delete;
@@ -73,6 +74,8 @@ class RingBuf {
   U64 ordinal_ = 0;   // likewise
   U32 writer_ = 0;    // 0 before the first block
   U32 id_ = 0;
+  U32 records_ = 0;  // in the block
+  RecordClock clock_;
   bool failed_ = false;  // the record in the making did not fit
   U8 level_ = 0;
 };
@@ -89,6 +92,7 @@ inline void RingBuf::endMsg() {
   std::atomic_ref<U64>(reinterpret_cast<RecordHeader*>(record_)->commit)
       .store(commitWord(sequence_, id_, length), std::memory_order_release);
   record_ = cursor_ = next;
+  ++records_;
 }
 
 }  // namespace Skein

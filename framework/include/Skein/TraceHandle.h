@@ -42,7 +42,7 @@ inline TraceFile* defaultSkeinFile() {
 class InTracePoint {
  public:
   InTracePoint();
-  ~InTracePoint();
+  ~InTracePoint() { inside_.store(false, std::memory_order_release); }
   InTracePoint(const InTracePoint&) = delete;
   InTracePoint& operator=(const InTracePoint&) = delete;
 

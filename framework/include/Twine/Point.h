@@ -97,8 +97,9 @@ void write(Text&& text, Argument&& argument, const Args&... args) {
   if (!pieces[sizeof...(Args)].empty()) text(pieces[sizeof...(Args)]);
 }
 
+// Straight into the stream's memory: nothing that a stream prepares for formatting is needed.
 inline void writeText(std::ostream& out, std::string_view text) {
-  out.write(text.data(), static_cast<std::streamsize>(text.size()));
+  out.rdbuf()->sputn(text.data(), static_cast<std::streamsize>(text.size()));
 }
 
 // An argument of a text-only point: like the other sinks where they know its type, streamed
@@ -107,7 +108,7 @@ template <class T>
 void writeArgument(std::ostream& out, const T& value) {
   if constexpr (Skein::isArgument<T>) {
     Skein::render(value, [&out](const char* text, std::size_t length) {
-      out.write(text, static_cast<std::streamsize>(length));
+      writeText(out, std::string_view(text, length));
     });
   } else {
     out << value;

@@ -14,7 +14,7 @@ namespace Skein {
 
 namespace {
 
-[[gnu::tls_model("initial-exec")]] thread_local ThreadRings* threadRings = nullptr;
+[[gnu::tls_model("initial-exec")]] thread_local constinit ThreadRings* threadRings = nullptr;
 
 // Set before the first file exists and only read afterwards.
 constinit std::atomic<bool> barrierFromKernel{false};
@@ -36,24 +36,27 @@ void threadEnds(void* state) {
   delete rings;
 }
 
-}  // namespace
-
 // A key's destructor runs after the thread's C++ thread-locals are gone, and not for the main
 // thread: destructors of either kind may still trace.
+void makeThreadRings() {
+  static const pthread_key_t key = [] {
+    pthread_key_t made;
+    pthread_key_create(&made, threadEnds);
+    return made;
+  }();
+  auto* made = new ThreadRings;
+  pthread_setspecific(key, made);
+  OpenFiles& open = OpenFiles::instance();
+  std::lock_guard guard(open.mutex);
+  open.threads.push_back(made);
+  threadRings = made;
+}
+
+}  // namespace
+
 ThreadRings& ThreadRings::mine() {
-  if (!threadRings) [[unlikely]] {
-    static const pthread_key_t key = [] {
-      pthread_key_t made;
-      pthread_key_create(&made, threadEnds);
-      return made;
-    }();
-    auto* made = new ThreadRings;
-    pthread_setspecific(key, made);
-    OpenFiles& open = OpenFiles::instance();
-    std::lock_guard guard(open.mutex);
-    open.threads.push_back(made);
-    threadRings = made;
-  }
+  if (!threadRings) [[unlikely]]
+    makeThreadRings();
   return *threadRings;
 }
 
@@ -110,17 +113,14 @@ constinit std::atomic<TraceHandle*> defaultHandle_{nullptr};
 // A thread says that it is inside, then reads the default handle; a closing thread takes the
 // default handle away, then reads who is inside. The order of store and load on the tracing side
 // comes from the closing side's kernel barrier, or else from a costlier store.
-InTracePoint::InTracePoint() : inside_(ThreadRings::mine().inTracePoint) {
+InTracePoint::InTracePoint()
+    : inside_(threadRings ? threadRings->inTracePoint : ThreadRings::mine().inTracePoint) {
   if (barrierFromKernel.load(std::memory_order_relaxed)) {
     inside_.store(true, std::memory_order_relaxed);
     std::atomic_signal_fence(std::memory_order_seq_cst);
   } else {
     inside_.exchange(true, std::memory_order_seq_cst);
   }
-}
-
-InTracePoint::~InTracePoint() {
-  inside_.store(false, std::memory_order_release);
 }
 
 TraceHandle::TraceHandle(const std::string& path, TraceOptions options) : file_(path, options) {}

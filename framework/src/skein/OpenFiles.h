@@ -10,7 +10,7 @@
 namespace Skein {
 
 // What a thread keeps for the files it writes in multi-threaded mode.
-struct ThreadRings {
+struct alignas(64) ThreadRings {
   struct Entry {
     U64 serial;
     TraceFile* file;

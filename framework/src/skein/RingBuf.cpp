@@ -1,4 +1,3 @@
-#include <ctime>
 
 #include <Skein/RingBuf.h>
 #include <Skein/TraceFile.h>
@@ -19,13 +18,11 @@ void RingBuf::startMsg(TraceFile* file, int id) {
       !moveToNextBlock(sizeof(RecordHeader))) {
     return;
   }
-  timespec now;
-  clock_gettime(CLOCK_MONOTONIC, &now);
   id_ = static_cast<U32>(id & TraceFile::idMask);
   auto& header = *reinterpret_cast<RecordHeader*>(record_);  // its commit word is 0 already
   header.thread = static_cast<U32>(Lumo::kernelThreadId());
   header.level = level_;
-  header.monotonicNs = static_cast<U64>(now.tv_sec) * 1000000000ULL + static_cast<U64>(now.tv_nsec);
+  header.monotonicNs = clock_.now();
   cursor_ = record_ + sizeof(RecordHeader);
 }
 
@@ -62,6 +59,7 @@ bool RingBuf::moveToNextBlock(std::size_t size) {
   block_ = block;
   end_ = block + file_->header().blockSize;
   record_ = record;
+  records_ = 0;
   cursor_ = record + made;
   return true;
 }
@@ -75,6 +73,7 @@ void RingBuf::drop() {
 
 void RingBuf::leaveBlock() {
   if (!block_) return;
+  reinterpret_cast<BlockHeader*>(block_)->records = records_;
   std::atomic_ref<U32>(reinterpret_cast<BlockHeader*>(block_)->owner)
       .store(0, std::memory_order_release);
   forgetBlock();

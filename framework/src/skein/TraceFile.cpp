@@ -38,7 +38,9 @@ U64 nextSerial() {
 }
 
 U64 recordsIn(const char* bytes, U32 size) {
-  const U64 sequence = reinterpret_cast<const BlockHeader*>(bytes)->sequence;
+  const auto& header = *reinterpret_cast<const BlockHeader*>(bytes);
+  if (header.records != 0) return header.records;
+  const U64 sequence = header.sequence;  // the writer was killed: count them
   U64 count = 0;
   for (U32 at = sizeof(BlockHeader); size - at >= sizeof(RecordHeader);) {
     const U64 commit = reinterpret_cast<const RecordHeader*>(bytes + at)->commit;
@@ -205,6 +207,7 @@ char* TraceFile::takeBlock(RingBuf& ring) {
     ring.sequence_ = sequence;
     block.writer = ring.writer_;
     block.ordinal = ++ring.ordinal_;
+    block.records = 0;
     shared(block.sequence).store(sequence, std::memory_order_release);
     taken = bytes;
   }

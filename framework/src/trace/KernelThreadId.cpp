@@ -3,24 +3,16 @@
 #include <pthread.h>
 #include <unistd.h>
 
-namespace Lumo {
+namespace Lumo::detail {
 
-namespace {
+thread_local constinit int keptThreadId = 0;
 
-thread_local int id = 0;
-
-int firstUse() {
+int askThreadId() {
   // Only the forking thread lives on in a child, under another id.
-  static const int registered = pthread_atfork(nullptr, nullptr, [] { id = 0; });
+  static const int registered = pthread_atfork(nullptr, nullptr, [] { keptThreadId = 0; });
   (void)registered;
-  id = gettid();
-  return id;
+  keptThreadId = gettid();
+  return keptThreadId;
 }
 
-}  // namespace
-
-int kernelThreadId() {
-  return id ? id : firstUse();
-}
-
-}  // namespace Lumo
+}  // namespace Lumo::detail

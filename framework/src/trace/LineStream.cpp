@@ -22,7 +22,7 @@ struct LineStream::ThreadStreams {
 namespace {
 
 // Beside the key below, for speed.
-thread_local void* threadStreams = nullptr;
+[[gnu::tls_model("initial-exec")]] thread_local constinit void* threadStreams = nullptr;
 
 }  // namespace
 

@@ -65,7 +65,7 @@ struct SecondText {
 };
 
 std::string_view secondText(U64 second) {
-  static thread_local SecondText kept{};
+  [[gnu::tls_model("initial-exec")]] static thread_local constinit SecondText kept{};
   if (kept.length == 0 || second != kept.second) {
     const auto seconds = static_cast<std::time_t>(second);
     std::tm parts{};

@@ -19,7 +19,7 @@ Lumo::String SkeinConverter::traceString() const {
 }
 
 void SkeinConverter::append(const char* text, std::size_t length) {
-  stream_->write(text, static_cast<std::streamsize>(length));
+  stream_->rdbuf()->sputn(text, static_cast<std::streamsize>(length));
 }
 
 bool levelMapIs(U8* levelMap, const std::array<U8, 10>& levels) {
