@@ -27,7 +27,8 @@ class Daemon {
 #include <Norv/GrpcRequests.def>
 
  private:
-  // Attaches waiting leaves where there is a worker: what pausing and resuming workers does.
+  // Attaches waiting leaves where there is a worker and tidies the trees: what pausing and resuming
+  // workers does.
   void passThroughPause();
   // The same, and launches worker 0 for leaves that wait without one.
   void attachOrLaunch();

@@ -44,8 +44,6 @@ void Daemon::resetTcs(const bess::pb::EmptyRequest&, bess::pb::EmptyResponse&) {
 void Daemon::listTcs(const bess::pb::ListTcsRequest& request, bess::pb::ListTcsResponse& response) {
   if (request.wid() >= Workers::limit)
     throw Refusal(EINVAL, "'wid' must be between 0 and " + std::to_string(Workers::limit - 1));
-  if (request.wid() >= 0 && !workers_.exists(request.wid()))
-    throw Refusal(EINVAL, "worker:" + std::to_string(request.wid()) + " does not exist");
   classes_.forEachListed(static_cast<int>(request.wid()), [&](const TrafficNode& node) {
     fill(*response.add_classes_status(), node);
   });
@@ -61,7 +59,7 @@ void Daemon::place(std::unique_ptr<TrafficNode> node, const bess::pb::TrafficCla
   if (wid >= 0 && wid < Workers::limit && workers_.exists(wid)) {
     classes_.attachToWorker(std::move(node), static_cast<int>(wid));
   } else if (wid == -1) {
-    classes_.leaveWaiting(std::move(node));
+    classes_.attachToWorker(std::move(node), workers_.next());
   } else {
     classes_.lose(std::move(node));
     if (wid < 0 || wid >= Workers::limit)
@@ -73,7 +71,6 @@ void Daemon::place(std::unique_ptr<TrafficNode> node, const bess::pb::TrafficCla
 void Daemon::addTc(const bess::pb::AddTcRequest& request, bess::pb::EmptyResponse&) {
   passThroughPause();
   place(classes_.make(request.class_()), request.class_());
-  passThroughPause();
 }
 
 void Daemon::updateTcParams(const bess::pb::UpdateTcParamsRequest& request,
@@ -84,6 +81,7 @@ void Daemon::updateTcParams(const bess::pb::UpdateTcParamsRequest& request,
 
 void Daemon::updateTcParent(const bess::pb::UpdateTcParentRequest& request,
                             bess::pb::EmptyResponse&) {
+  passThroughPause();
   const bess::pb::TrafficClass& wanted = request.class_();
   TrafficNode* node = nullptr;
   if (!wanted.leaf_module_name().empty()) {
@@ -100,7 +98,6 @@ void Daemon::updateTcParent(const bess::pb::UpdateTcParentRequest& request,
     throw Refusal(EINVAL, "One of 'name' or 'leaf_module_name' must be specified");
   }
   place(classes_.detach(*node), wanted);
-  passThroughPause();
 }
 
 void Daemon::getTcStats(const bess::pb::GetTcStatsRequest& request,

@@ -13,6 +13,7 @@ void Daemon::launchFirstWorker() {
 
 void Daemon::passThroughPause() {
   if (!workers_.empty()) classes_.attachWaiting([this] { return workers_.next(); });
+  classes_.dropNeedlessTops();
 }
 
 void Daemon::attachOrLaunch() {

@@ -58,13 +58,6 @@ std::pair<std::uint32_t, std::uint64_t> checkedPrefix(const std::string& prefix,
   return {bits, length};
 }
 
-template <class Message>
-std::vector<Message> sortedRules(const std::map<std::string, Message>& rules) {
-  std::vector<Message> list;
-  for (const auto& [key, rule] : rules) list.push_back(rule);
-  return list;
-}
-
 std::string ruleText(std::size_t fields, std::size_t rules) {
   return std::to_string(fields) + " fields, " + std::to_string(rules) + " rules";
 }
@@ -136,9 +129,9 @@ void ExactMatchState::setDefaultGate(const bess::pb::ExactMatchCommandSetDefault
 }
 
 bess::pb::ExactMatchConfig ExactMatchState::config() const {
+  // Without the rules: the daemon leaves them out, too.
   bess::pb::ExactMatchConfig config;
   config.set_default_gate(defaultGate_);
-  for (const auto& rule : sortedRules(rules_)) *config.add_rules() = rule;
   return config;
 }
 
@@ -177,7 +170,7 @@ void WildcardMatchState::setDefaultGate(
 bess::pb::WildcardMatchConfig WildcardMatchState::config() const {
   bess::pb::WildcardMatchConfig config;
   config.set_default_gate(defaultGate_);
-  for (const auto& rule : sortedRules(rules_)) *config.add_rules() = rule;
+  for (const auto& entry : rules_) *config.add_rules() = entry.second;
   return config;
 }
 

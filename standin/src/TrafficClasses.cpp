@@ -57,6 +57,10 @@ void placeBelow(const TrafficNode& parent, TrafficNode& node,
   }
 }
 
+std::string topName(int worker) {
+  return "!default_rr_" + std::to_string(worker);
+}
+
 void setWorker(TrafficNode& node, int worker) {
   node.worker = worker;
   for (const auto& child : node.children) setWorker(*child, worker);
@@ -88,10 +92,9 @@ void TrafficClasses::removeLeaves(const std::string& module) {
   for (const auto& node : waiting_)
     if (ofModule(*node)) found.push_back(node.get());
   for (const auto& [worker, root] : roots_)
-    if (root)
-      forEachNode(*root, [&](TrafficNode& node) {
-        if (ofModule(node)) found.push_back(&node);
-      });
+    forEachNode(*root, [&](TrafficNode& node) {
+      if (ofModule(node)) found.push_back(&node);
+    });
   for (TrafficNode* leaf : found) {
     unlist(*leaf);
     TrafficNode* parent = leaf->parent;
@@ -200,7 +203,7 @@ void TrafficClasses::attachToWorker(std::unique_ptr<TrafficNode> node, int worke
     root = std::move(node);
     return;
   }
-  const std::string name = "!default_rr_" + std::to_string(worker);
+  const std::string name = topName(worker);
   if (root->name != name) {
     auto top = std::make_unique<TrafficNode>();
     top->name = name;
@@ -226,6 +229,16 @@ void TrafficClasses::attachWaiting(const std::function<int()>& nextWorker) {
   for (auto& node : nodes) attachToWorker(std::move(node), nextWorker());
 }
 
+void TrafficClasses::dropNeedlessTops() {
+  for (auto& [worker, root] : roots_) {
+    if (root->name != topName(worker) || root->children.size() != 1) continue;
+    std::unique_ptr<TrafficNode> only = std::move(root->children.front());
+    only->parent = nullptr;
+    unlist(*root);
+    root = std::move(only);
+  }
+}
+
 TrafficNode* TrafficClasses::find(const std::string& name) const {
   const auto found = listed_.find(name);
   return found == listed_.end() ? nullptr : found->second;
@@ -236,11 +249,10 @@ void TrafficClasses::reset() {
   listed_.clear();
   std::vector<TrafficNode*> ends;
   for (const auto& [worker, root] : roots_)
-    if (root)
-      forEachNode(*root, [&](TrafficNode& node) {
-        node.listed = false;
-        if (!node.leaf() && node.children.empty()) ends.push_back(&node);
-      });
+    forEachNode(*root, [&](TrafficNode& node) {
+      node.listed = false;
+      if (!node.leaf() && node.children.empty()) ends.push_back(&node);
+    });
   for (TrafficNode* node : ends) prune(node);
 }
 
@@ -277,8 +289,11 @@ void TrafficClasses::forEachLeaf(int worker,
 
 void TrafficClasses::forEachListed(int worker,
                                    const std::function<void(const TrafficNode&)>& visit) const {
-  for (const auto& [name, node] : listed_)
-    if (worker < 0 || node->worker == worker) visit(*node);
+  for (const auto& [name, node] : listed_) {
+    if (worker >= 0 && node->worker != worker) continue;
+    for (const auto& child : node->children) visit(*child);
+    if (node->parent == nullptr) visit(*node);
+  }
 }
 
 }  // namespace Standin

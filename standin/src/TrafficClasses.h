@@ -55,6 +55,9 @@ class TrafficClasses {
   /// Gives each waiting node to the worker that `nextWorker` answers.
   void attachWaiting(const std::function<int()>& nextWorker);
 
+  /// Ends the round robins that were put on top of a worker's roots and have one child left.
+  void dropNeedlessTops();
+
   /// Null when there is none of that name.
   TrafficNode* find(const std::string& name) const;
   /// Unlists everything. Leaves in a tree stay there, with what is above them, until their modules
@@ -68,7 +71,8 @@ class TrafficClasses {
   std::int64_t count(int worker) const;
   /// Calls `visit` for every leaf in a worker's tree.
   void forEachLeaf(int worker, const std::function<void(const TrafficNode&)>& visit) const;
-  /// Calls `visit` for every listed node of the worker, or of all when it is negative.
+  /// Calls `visit` for every listed node of the worker, or of all when it is negative: siblings
+  /// stand together in their order, and a node without parent stands after its children.
   void forEachListed(int worker, const std::function<void(const TrafficNode&)>& visit) const;
 
  private:
@@ -79,7 +83,7 @@ class TrafficClasses {
 
   std::map<int, std::unique_ptr<TrafficNode>> roots_;  // By worker.
   std::vector<std::unique_ptr<TrafficNode>> waiting_;
-  // The order of listTcs is the order of this map: the daemon's own is that of such a map.
+  // The order of listTcs comes from the order of this map: the daemon's own does.
   std::unordered_map<std::string, TrafficNode*> listed_;
 };
 

@@ -146,7 +146,9 @@ void mask(bess::pb::CommandResponse& m) {
 class Player {
  public:
   Player()
-      : server_(options()), stub_(bess::pb::BESSControl::NewStub(server_.inProcessChannel())) {}
+      : server_(options()),
+        stub_(bess::pb::BESSControl::NewStub(
+            grpc::CreateChannel(server_.address(), grpc::InsecureChannelCredentials()))) {}
 
   void play(const Line& line, ReplayResult& result) {
     const std::string type = line.text("type");
