@@ -5,7 +5,7 @@
 #include <signal.h>
 
 #include <cstdio>
-#include <cstring>
+#include <cstdlib>
 #include <exception>
 #include <stdexcept>
 #include <string>
@@ -75,6 +75,9 @@ int main(int argc, char** argv) {
   try {
     Standin::Options options;
     if (!parse(argc, argv, options)) return 0;
+    // What goes wrong is told in one line of our own; who wants gRPC's words, too, sets the
+    // variable.
+    setenv("GRPC_VERBOSITY", "NONE", 0);
     // Blocked before gRPC starts threads, so that only sigwait below takes them.
     sigset_t signals;
     sigemptyset(&signals);

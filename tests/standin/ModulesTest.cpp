@@ -1,0 +1,140 @@
+#include <cerrno>
+
+#include "Fixture.h"
+
+using namespace bess::pb;
+
+class StandinModules : public StandinTest::StandinFixture {};
+
+TEST_F(StandinModules, AutomaticNameTakesTheLowestFreeNumber) {
+  EXPECT_EQ(createModule("Sink"), "sink0");
+  EXPECT_EQ(createModule("Sink"), "sink1");
+  EXPECT_EQ(destroyModule("sink0"), 0);
+  EXPECT_EQ(createModule("Sink"), "sink0");
+}
+
+TEST_F(StandinModules, AutomaticNameComesFromTheClassNameOrItsTemplate) {
+  EXPECT_EQ(createModule("L2Forward"), "l2_forward0");
+  EXPECT_EQ(createModule("VLANPush"), "vlan_push0");
+  EXPECT_EQ(createModule("IPChecksum"), "ip_checksum0");
+  EXPECT_EQ(createModule("RoundRobin"), "rr0");
+  EXPECT_EQ(createModule("UrlFilter"), "url-filter0");
+}
+
+TEST_F(StandinModules, ListIsSortedByName) {
+  createModule("Sink", "b");
+  createModule("Sink", "a");
+  const auto list = ask(&Stub::ListModules);
+  ASSERT_EQ(list.modules_size(), 2);
+  EXPECT_EQ(list.modules(0).name(), "a");
+}
+
+TEST_F(StandinModules, AnOutputGateGoesToOneInputGate) {
+  createModule("Source", "src");
+  createModule("Sink", "snk");
+  EXPECT_EQ(connect("src", "snk"), 0);
+  EXPECT_EQ(connect("src", "snk"), EBUSY);
+}
+
+TEST_F(StandinModules, GatesAreCheckedAgainstTheClass) {
+  createModule("Source", "src");
+  createModule("Sink", "snk");
+  EXPECT_EQ(connect("src", "snk", 1), EINVAL);
+  EXPECT_EQ(connect("src", "snk", 0, 1), EINVAL);
+  EXPECT_EQ(connect("snk", "src"), EINVAL);
+}
+
+TEST_F(StandinModules, GateNumbersAreCutToSixteenBits) {
+  createModule("Source", "src");
+  createModule("Sink", "snk");
+  EXPECT_EQ(connect("src", "snk", 65536), 0);
+  EXPECT_EQ(connect("src", "snk", 0), EBUSY);
+}
+
+TEST_F(StandinModules, DestroyingAModuleDisconnectsItsNeighbours) {
+  createModule("Source", "src");
+  createModule("Sink", "snk");
+  connect("src", "snk");
+  EXPECT_EQ(destroyModule("snk"), 0);
+  GetModuleInfoRequest request;
+  request.set_name("src");
+  EXPECT_EQ(call(&Stub::GetModuleInfo, request).ogates_size(), 0);
+}
+
+TEST_F(StandinModules, AnArgumentOfAnotherTypeCountsAsDefaults) {
+  SourceArg other;
+  other.set_pkt_size(100);  // As a QueueArg, field 1 would be a bad size.
+  EXPECT_EQ(createModule("Queue", "q", other), 0);
+  QueueArg bad;
+  bad.set_size(100);
+  EXPECT_EQ(createModule("Queue", "q2", bad), EINVAL);
+}
+
+TEST_F(StandinModules, ACommandThatIsNotThreadSafeWaitsForAPause) {
+  createModule("Source", "src");
+  createModule("Queue", "q");
+  connect("src", "q");
+  ask(&Stub::ResumeAll);
+  QueueCommandSetSizeArg size;
+  size.set_size(256);
+  EXPECT_EQ(command("q", "set_size", size).error().code(), EBUSY);
+  ask(&Stub::PauseAll);
+  EXPECT_EQ(command("q", "set_size", size).error().code(), 0);
+}
+
+TEST_F(StandinModules, AnUnknownCommandIsNotSupported) {
+  createModule("Sink", "snk");
+  EXPECT_EQ(command("snk", "fly", EmptyArg()).error().code(), EOPNOTSUPP);
+}
+
+TEST_F(StandinModules, ALookupAnswersWhatWasAdded) {
+  createModule("L2Forward", "l2");
+  L2ForwardCommandAddArg add;
+  add.add_entries()->set_addr("02:00:00:00:00:01");
+  add.mutable_entries(0)->set_gate(7);
+  EXPECT_EQ(command("l2", "add", add).error().code(), 0);
+  EXPECT_EQ(command("l2", "add", add).error().code(), EEXIST);
+  L2ForwardCommandLookupArg lookup;
+  lookup.add_addrs("02:00:00:00:00:01");
+  L2ForwardCommandLookupResponse answer;
+  ASSERT_TRUE(command("l2", "lookup", lookup).data().UnpackTo(&answer));
+  ASSERT_EQ(answer.gates_size(), 1);
+  EXPECT_EQ(answer.gates(0), 7u);
+}
+
+TEST_F(StandinModules, MetadataThatMeetsStandsApart) {
+  SetMetadataArg foo, bar;
+  foo.add_attrs()->set_name("foo");
+  foo.mutable_attrs(0)->set_size(2);
+  bar.add_attrs()->set_name("bar");
+  bar.mutable_attrs(0)->set_size(2);
+  MetadataTestArg reads;
+  (*reads.mutable_read())["foo"] = 2;
+  (*reads.mutable_read())["bar"] = 2;
+  createModule("SetMetadata", "a", foo);
+  createModule("SetMetadata", "b", bar);
+  createModule("MetadataTest", "c", reads);
+  connect("a", "b");
+  connect("b", "c");
+  GetModuleInfoRequest request;
+  request.set_name("c");
+  const auto info = call(&Stub::GetModuleInfo, request);
+  ASSERT_EQ(info.metadata_size(), 2);
+  EXPECT_EQ(info.metadata(0).name(), "bar");
+  EXPECT_EQ(info.metadata(0).offset(), 2);
+  EXPECT_EQ(info.metadata(1).offset(), 0);
+}
+
+TEST_F(StandinModules, AHookNameIsTakenOnce) {
+  createModule("Source", "src");
+  createModule("Sink", "snk");
+  connect("src", "snk");
+  ConfigureGateHookRequest request;
+  request.set_enable(true);
+  request.mutable_hook()->set_class_name("Track");
+  request.mutable_hook()->set_hook_name("mine");
+  request.mutable_hook()->set_module_name("snk");
+  request.mutable_hook()->set_igate(0);
+  EXPECT_EQ(call(&Stub::ConfigureGateHook, request).error().code(), 0);
+  EXPECT_EQ(call(&Stub::ConfigureGateHook, request).error().code(), EEXIST);
+}

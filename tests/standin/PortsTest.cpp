@@ -1,0 +1,117 @@
+#include <cerrno>
+
+#include "Fixture.h"
+
+using namespace bess::pb;
+
+class StandinPorts : public StandinTest::StandinFixture {
+ protected:
+  int configure(const std::string& name, const std::string& mac, std::uint32_t mtu) {
+    SetPortConfRequest request;
+    request.set_name(name);
+    request.mutable_conf()->set_mac_addr(mac);
+    request.mutable_conf()->set_mtu(mtu);
+    return call(&Stub::SetPortConf, request).error().code();
+  }
+
+  PortConf conf(const std::string& name) {
+    GetPortConfRequest request;
+    request.set_name(name);
+    return call(&Stub::GetPortConf, request).conf();
+  }
+
+  int destroy(const std::string& name) {
+    DestroyPortRequest request;
+    request.set_name(name);
+    return call(&Stub::DestroyPort, request).error().code();
+  }
+
+  static MacAddressRequest mac(const std::string& port, const std::string& address) {
+    MacAddressRequest request;
+    request.set_name(port);
+    request.set_mac_addr(address);
+    return request;
+  }
+};
+
+TEST_F(StandinPorts, ADeviceBelongsToOnePort) {
+  EXPECT_EQ(createPort("a", "net_null0"), 0);
+  EXPECT_EQ(createPort("b", "net_null0"), EBUSY);
+  EXPECT_EQ(createPort("a", "net_null1"), EEXIST);
+  EXPECT_EQ(destroy("a"), 0);
+  EXPECT_EQ(createPort("b", "net_null0"), 0);
+}
+
+TEST_F(StandinPorts, APortInUseStays) {
+  createPort("p", "net_null0");
+  PortOutArg arg;
+  arg.set_port("p");
+  EXPECT_EQ(createModule("PortOut", "po", arg), 0);
+  EXPECT_EQ(destroy("p"), EBUSY);
+  EXPECT_EQ(ask(&Stub::ResetPorts).error().code(), EBUSY);
+  destroyModule("po");
+  EXPECT_EQ(destroy("p"), 0);
+}
+
+TEST_F(StandinPorts, AQueueHasOneUser) {
+  createPort("p", "net_null0", 2);
+  QueueOutArg queue;
+  queue.set_port("p");
+  queue.set_qid(1);
+  EXPECT_EQ(createModule("QueueOut", "q1", queue), 0);
+  EXPECT_EQ(createModule("QueueOut", "q1b", queue), EBUSY);
+  PortOutArg all;
+  all.set_port("p");
+  EXPECT_EQ(createModule("PortOut", "po", all), EBUSY);
+  queue.set_qid(9);
+  EXPECT_EQ(createModule("QueueOut", "q9", queue), EINVAL);
+}
+
+TEST_F(StandinPorts, ARefusedModuleLeavesItsQueuesFree) {
+  createPort("p", "net_null0");
+  PortIncArg arg;
+  arg.set_port("p");
+  EXPECT_EQ(createModule("PortInc", "pi", arg), 0);
+  EXPECT_EQ(createModule("PortInc", "pi", arg), EEXIST);
+  destroyModule("pi");
+  EXPECT_EQ(destroy("p"), 0);
+}
+
+TEST_F(StandinPorts, ZeroesKeepTheConfiguration) {
+  createPort("p", "net_null0");
+  EXPECT_EQ(configure("p", "02:00:00:00:00:05", 1400), 0);
+  EXPECT_EQ(configure("p", "00:00:00:00:00:00", 0), 0);
+  EXPECT_EQ(conf("p").mac_addr(), "02:00:00:00:00:05");
+  EXPECT_EQ(conf("p").mtu(), 1400u);
+}
+
+TEST_F(StandinPorts, TheMtuHasBounds) {
+  createPort("p", "net_null0");
+  EXPECT_EQ(configure("p", "", 67), EINVAL);
+  EXPECT_EQ(configure("p", "", 2049), EINVAL);
+  EXPECT_EQ(configure("p", "", 68), 0);
+  EXPECT_EQ(configure("p", "", 2048), 0);
+}
+
+TEST_F(StandinPorts, ASocketPortHasNothingToConfigure) {
+  CreatePortRequest request;
+  request.set_driver("UnixSocketPort");
+  EXPECT_EQ(call(&Stub::CreatePort, request).name(), "unix_port0");
+  EXPECT_EQ(configure("unix_port0", "", 1400), EOPNOTSUPP);
+}
+
+TEST_F(StandinPorts, MacAddressesComeAndGo) {
+  createPort("p", "net_null0");
+  const std::string address = "02:00:00:00:00:09";
+  EXPECT_EQ(call(&Stub::AddPortMacAddress, mac("p", address)).error().code(), 0);
+  EXPECT_EQ(call(&Stub::AddPortMacAddress, mac("p", address)).error().code(), EEXIST);
+  EXPECT_EQ(call(&Stub::RemovePortMacAddress, mac("p", address)).error().code(), 0);
+  EXPECT_EQ(call(&Stub::RemovePortMacAddress, mac("p", address)).error().code(), ENOENT);
+}
+
+TEST_F(StandinPorts, MacAddressesNeedAPortAndAnAddress) {
+  createPort("p", "net_null0");
+  EXPECT_EQ(call(&Stub::AddPortMacAddress, mac("nope", "02:00:00:00:00:09")).error().code(),
+            ENOENT);
+  EXPECT_EQ(call(&Stub::AddPortMacAddress, mac("p", "zz")).error().code(), EINVAL);
+}
