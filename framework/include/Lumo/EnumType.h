@@ -2,6 +2,7 @@
 
 #include <iosfwd>
 
+#include <Lumo/Exception.h>
 #include <Lumo/TypeRegistry.h>
 
 namespace Lumo {

@@ -6,11 +6,11 @@
 #include <Lumo/Allocate.h>
 #include <Lumo/Ptr.h>
 #include <Lumo/ReferenceWord.h>
+#include <Lumo/TypeRegistry.h>
 #include <Lumo/ValidPtr.h>
 
 namespace Lumo {
 
-class LumoType;
 class NotifieeList;
 
 // Base of every framework object: a reference count with two flags, and the operations that the

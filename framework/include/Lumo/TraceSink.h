@@ -21,7 +21,7 @@ struct TraceLine {
 
 // Appends the line as a person reads it, with its newline:
 // 2026-01-31T12:00:00.123456 4711 GrpcClient/5 GrpcClient.cpp:77 doProcessGrpcCmd: TEXT
-// Time is UTC; line ends within the text become \n and \r.
+// Time is UTC; line ends within any part become \n and \r.
 void appendTraceLine(std::string& out, const TraceLine& line);
 
 // Where text lines go. `lineIs` is called on the tracing thread, from several threads at once. An

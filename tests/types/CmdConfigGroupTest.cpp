@@ -1,0 +1,256 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <Norv/CmdConfigGroup.h>
+
+#include "QueueSupport.h"
+
+namespace {
+
+using namespace Norv;
+using support::cmd;
+using support::indexes;
+using testing::ElementsAre;
+
+static_assert(std::is_base_of_v<Lumo::Entity, CmdConfigGroup>);
+static_assert(std::is_same_v<U64, unsigned long long> && std::is_same_v<U32, unsigned int> &&
+              std::is_same_v<U16, unsigned short>);
+
+// Writes down what it is told, and how many entries it sees then.
+class Witness : public CmdConfigGroup::NotifieeConst {
+ public:
+  explicit Witness(const Lumo::Ptr<CmdConfigGroup>& group) : NotifieeConst(group) {}
+  void onCmdBatch(U32 index) override {
+    changes.push_back(index);
+    seen = notifier()->cmdBatchs();
+  }
+  void onCmdBatch() override { ++collectionWide; }
+  void onCmdBatchlumoImmediate() override { ++collectionWide; }
+  void onCmdBatchMetadata() override { ++metadata; }
+  void onEnqueueVersion() override { versions.push_back(notifier()->enqueueVersion()); }
+  void onIgnoreConfigQueueLimit() override { ++limits; }
+
+  std::vector<U32> changes;
+  std::vector<U64> versions;
+  U32 seen = 0;
+  int collectionWide = 0;
+  int metadata = 0;
+  int limits = 0;
+};
+
+struct CmdConfigGroupTest : testing::Test {
+  void fill(int count) {
+    for (int i = 0; i < count; ++i) group->cmdBatchEnq(cmd());
+    witness->changes.clear();
+  }
+  Lumo::Ptr<CmdConfigGroup> group = CmdConfigGroup::CmdConfigGroupIs("ports");
+  Lumo::Ptr<Witness> witness = Lumo::allocate<Witness>(group);
+};
+
+TEST_F(CmdConfigGroupTest, StartsWithItsDefaults) {
+  EXPECT_EQ(group->name(), Lumo::Name("ports"));
+  EXPECT_EQ(group->enqueueVersion(), 0u);
+  EXPECT_FALSE(group->ignoreConfigQueueLimit());
+  EXPECT_EQ(group->cmdBatchs(), 0u);
+  EXPECT_STREQ(group->fwkType()->typeName(), "Norv::CmdConfigGroup");
+  EXPECT_EQ(cmdConfigGroupFactory("x")->name(), Lumo::Name("x"));
+}
+
+TEST_F(CmdConfigGroupTest, TakesAnotherNameFromABackup) {
+  group->nameIsFromBackup("other");
+  EXPECT_EQ(group->name(), Lumo::Name("other"));
+}
+
+TEST_F(CmdConfigGroupTest, TellsOfEachEnqueuedEntryOnceItIsThere) {
+  group->cmdBatchEnq(cmd());
+  EXPECT_THAT(witness->changes, ElementsAre(0));
+  EXPECT_EQ(witness->seen, 1u);
+  group->cmdBatchEnq(nullptr);
+  EXPECT_THAT(witness->changes, ElementsAre(0, 1));
+}
+
+TEST_F(CmdConfigGroupTest, TellsNothingOfARefusedEntry) {
+  group->cmdBatchMetadataIs({5, 4});
+  EXPECT_THROW(group->cmdBatchEnq(cmd()), Lumo::RangeException);
+  EXPECT_THAT(witness->changes, ElementsAre());
+}
+
+TEST_F(CmdConfigGroupTest, IsSilentAboutTheSameCommandBelowTheCount) {
+  fill(3);
+  group->cmdBatchIs(2, group->cmdBatch(2));
+  EXPECT_THAT(witness->changes, ElementsAre());
+}
+
+TEST_F(CmdConfigGroupTest, KeptOnPurposeTellsOfTheSameCommandAtAnIndexNotBelowTheCount) {
+  fill(3);
+  group->cmdBatchDeq();
+  group->cmdBatchDeq();
+  witness->changes.clear();
+  group->cmdBatchIs(2, group->cmdBatch(2));
+  EXPECT_THAT(witness->changes, ElementsAre(2));
+}
+
+TEST_F(CmdConfigGroupTest, TellsOfReplacedInsertedAndDeletedEntries) {
+  fill(2);
+  const auto other = cmd();
+  group->cmdBatchIs(1, other);
+  EXPECT_EQ(group->cmdBatch(1), other);
+  group->cmdBatchIs(9, other);
+  group->cmdBatchIs(1, nullptr);
+  EXPECT_THAT(witness->changes, ElementsAre(1, 9, 1));
+  EXPECT_THAT(indexes(*group), ElementsAre(0, 9));
+  group->cmdBatchIs(5, nullptr);
+  EXPECT_THAT(witness->changes, ElementsAre(1, 9, 1));
+}
+
+TEST_F(CmdConfigGroupTest, KeepsANullEntryBelowTheCountWhenSetToNull) {
+  group->cmdBatchEnq(nullptr);
+  witness->changes.clear();
+  group->cmdBatchIs(0, nullptr);
+  EXPECT_TRUE(group->cmdBatchHas(0));
+  EXPECT_THAT(witness->changes, ElementsAre());
+}
+
+TEST_F(CmdConfigGroupTest, DeletesANullEntryNotBelowTheCountWhenSetToNull) {
+  group->cmdBatchIs(5, cmd());
+  group->cmdBatchIs(7, cmd());
+  group->cmdBatchEnq(nullptr);
+  group->cmdBatchDel(5);
+  group->cmdBatchDel(7);
+  witness->changes.clear();
+  group->cmdBatchIs(8, nullptr);
+  EXPECT_EQ(group->cmdBatchs(), 0u);
+  EXPECT_THAT(witness->changes, ElementsAre(8));
+}
+
+TEST_F(CmdConfigGroupTest, TellsOfADequeuedEntryUnderTheRememberedHeadIndex) {
+  fill(2);
+  const auto first = group->cmdBatch(0);
+  EXPECT_EQ(group->cmdBatchDeq(), first);
+  EXPECT_THAT(witness->changes, ElementsAre(0));
+  EXPECT_EQ(witness->seen, 1u);
+  group->cmdBatchMetadataIs({42, 50});
+  group->cmdBatchDeq();
+  EXPECT_THAT(witness->changes, ElementsAre(0, 42));
+  EXPECT_EQ(group->cmdBatchDeq(), nullptr);
+  EXPECT_THAT(witness->changes, ElementsAre(0, 42));
+}
+
+TEST_F(CmdConfigGroupTest, TellsOfADequeuedNullEntry) {
+  group->cmdBatchEnq(nullptr);
+  witness->changes.clear();
+  EXPECT_EQ(group->cmdBatchDeq(), nullptr);
+  EXPECT_THAT(witness->changes, ElementsAre(0));
+}
+
+TEST_F(CmdConfigGroupTest, TellsOfDeletedEntries) {
+  fill(3);
+  const auto second = group->cmdBatch(1);
+  EXPECT_EQ(group->cmdBatchDel(1), second);
+  EXPECT_EQ(group->cmdBatchDel(1), nullptr);
+  EXPECT_THAT(witness->changes, ElementsAre(1));
+  group->cmdBatchDelAll();
+  EXPECT_THAT(witness->changes, ElementsAre(1, 0, 2));
+}
+
+TEST_F(CmdConfigGroupTest, TellsOfMetadataAlways) {
+  group->cmdBatchMetadataIs({0, 0});
+  group->cmdBatchMetadataIs({1, 2});
+  EXPECT_EQ(witness->metadata, 2);
+}
+
+TEST_F(CmdConfigGroupTest, TellsOfAChangedEnqueueVersion) {
+  EXPECT_EQ(group->enqueueVersionInc(0), 0u);
+  EXPECT_THAT(witness->versions, ElementsAre());
+  EXPECT_EQ(group->enqueueVersionInc(1), 1u);
+  group->enqueueVersionIs(1);
+  group->enqueueVersionIs(7);
+  EXPECT_THAT(witness->versions, ElementsAre(1, 7));
+  group->enqueueVersionIs(1);
+  EXPECT_EQ(group->enqueueVersionInc(0xFFFFFFFFFFFFFFFFull), 0u);
+  EXPECT_EQ(group->enqueueVersion(), 0u);
+}
+
+TEST_F(CmdConfigGroupTest, TellsOfAChangedLimitFlag) {
+  group->ignoreConfigQueueLimitIs(false);
+  EXPECT_EQ(witness->limits, 0);
+  group->ignoreConfigQueueLimitIs(true);
+  group->ignoreConfigQueueLimitIs(true);
+  EXPECT_EQ(witness->limits, 1);
+  EXPECT_TRUE(group->ignoreConfigQueueLimit());
+}
+
+TEST_F(CmdConfigGroupTest, StepsTheEntityVersionWithEveryMutator) {
+  const auto steps = [&](const std::function<void()>& mutate) {
+    const U64 before = group->fwkEntityVersion();
+    mutate();
+    return group->fwkEntityVersion() - before;
+  };
+  EXPECT_EQ(steps([&] { group->cmdBatchEnq(nullptr); }), 1u);
+  EXPECT_EQ(steps([&] { group->cmdBatchIs(5, nullptr); }), 1u);
+  EXPECT_EQ(steps([&] { group->cmdBatchDeq(); }), 1u);
+  EXPECT_EQ(steps([&] { group->cmdBatchDeq(); }), 1u);
+  EXPECT_EQ(steps([&] { group->cmdBatchDel(5); }), 1u);
+  EXPECT_EQ(steps([&] { group->cmdBatchDelAll(); }), 1u);
+  EXPECT_EQ(steps([&] { group->cmdBatchMetadataIs({}); }), 1u);
+  EXPECT_EQ(steps([&] { group->enqueueVersionIs(0); }), 1u);
+  EXPECT_EQ(steps([&] { group->enqueueVersionInc(0); }), 1u);
+  EXPECT_EQ(steps([&] { group->ignoreConfigQueueLimitIs(false); }), 1u);
+}
+
+TEST_F(CmdConfigGroupTest, NeverFiresTheCollectionWideForms) {
+  fill(3);
+  group->cmdBatchDelAll();
+  EXPECT_EQ(witness->collectionWide, 0);
+}
+
+TEST_F(CmdConfigGroupTest, TellsNothingWhenDestroyedWithEntries) {
+  // A reactor that does not hold the queue, so that the queue can go.
+  class Unheld : public Witness {
+   public:
+    Unheld(const Lumo::Ptr<CmdConfigGroup>& group, int* gone) : Witness(group), gone_(gone) {
+      group->notifieeList()->newMember(this);
+      notifier_ = nullptr;
+    }
+    void onCmdBatch(U32) override { ADD_FAILURE(); }
+    void onZeroReferences() override { ++*gone_; }
+
+   private:
+    int* const gone_;
+  };
+  int gone = 0;
+  auto fresh = CmdConfigGroup::CmdConfigGroupIs("short");
+  fresh->cmdBatchEnq(cmd());
+  Lumo::Ptr<CmdConfigGroup> last(fresh);
+  {
+    const auto unheld = Lumo::allocate<Unheld>(last, &gone);
+    Lumo::Ptr<CmdConfigGroup> other = CmdConfigGroup::CmdConfigGroupIs("other");
+    static_cast<Lumo::Ptr<CmdConfigGroup>&>(fresh) = std::move(other);
+    last = nullptr;
+    EXPECT_EQ(gone, 1);
+  }
+}
+
+TEST(CmdConfigGroupDeathTest, AbortsWhenChangedUnderPreservedReads) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  const auto group = CmdConfigGroup::CmdConfigGroupIs("ports");
+  const auto other = CmdConfigGroup::CmdConfigGroupIs("other");
+  const std::string text = "!Lumo::FwkEntityReadsPreserve::anyActive\\( this \\)";
+  EXPECT_DEATH(
+      {
+        Lumo::FwkEntityReadsPreserve scope(group.ptr());
+        group->enqueueVersionIs(1);
+      },
+      text);
+  EXPECT_DEATH(
+      {
+        Lumo::FwkEntityReadsPreserve scope;
+        group->cmdBatchEnq(nullptr);
+      },
+      text);
+  Lumo::FwkEntityReadsPreserve scope(group.ptr());
+  group->enqueueVersionIs(0);
+  other->enqueueVersionIs(1);
+}
+
+}  // namespace

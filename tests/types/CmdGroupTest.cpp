@@ -1,0 +1,168 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <Lumo/Entity.h>
+#include <Norv/CmdGroup.h>
+
+#include "QueueSupport.h"
+
+namespace {
+
+using namespace Norv;
+using support::cmd;
+using support::indexes;
+using testing::ElementsAre;
+
+static_assert(!std::is_base_of_v<Lumo::Entity, CmdGroup>);
+static_assert(!std::is_same_v<CmdGroup::LumoCmdBatch, CmdConfigGroup::LumoCmdBatch>);
+static_assert(sizeof(CmdGroup::LumoCmdBatch) <= 48);
+
+struct CmdGroupTest : testing::Test {
+  Lumo::Ptr<CmdGroup> group = CmdGroup::CmdGroupIs();
+};
+
+TEST_F(CmdGroupTest, StartsWithItsDefaults) {
+  EXPECT_EQ(group->limit(), 4096);
+  EXPECT_EQ(group->pendingCount(), 0);
+  EXPECT_EQ(group->cmdBatchs(), 0u);
+  EXPECT_STREQ(group->fwkType()->typeName(), "Norv::CmdGroup");
+  EXPECT_EQ(group->notifieeList(), nullptr);
+  EXPECT_TRUE(cmdGroupFactory());
+}
+
+TEST_F(CmdGroupTest, StoresLimitAndCountAsGiven) {
+  group->limitIs(0);
+  group->pendingCountIs(9);
+  EXPECT_EQ(group->limit(), 0);
+  EXPECT_EQ(group->pendingCount(), 9);
+}
+
+TEST_F(CmdGroupTest, CountsModulo65536) {
+  EXPECT_EQ(group->pendingCountInc(65535), 65535);
+  EXPECT_EQ(group->pendingCountInc(2), 1);
+  EXPECT_EQ(group->pendingCountInc(65535), 0);
+  EXPECT_EQ(group->pendingCount(), 0);
+}
+
+TEST_F(CmdGroupTest, DoesNotEnforceItsLimit) {
+  for (int i = 0; i < 5000; ++i) group->cmdBatchEnq(cmd());
+  EXPECT_EQ(group->cmdBatchs(), 5000u);
+}
+
+TEST_F(CmdGroupTest, IsAQueue) {
+  const auto a = cmd();
+  const auto b = cmd();
+  group->cmdBatchEnq(a);
+  group->cmdBatchEnq(b);
+  group->cmdBatchNotify(0);
+  EXPECT_EQ(group->cmdBatch(1), b);
+  EXPECT_TRUE(group->cmdBatchHas(0));
+  EXPECT_FALSE(group->cmdBatchHas(2));
+  EXPECT_EQ(group->cmdBatch(2), nullptr);
+  EXPECT_EQ(group->cmdBatchDeq(), a);
+  EXPECT_EQ(group->cmdBatchDel(1), b);
+  EXPECT_EQ(group->cmdBatchDeq(), nullptr);
+  EXPECT_EQ(group->cmdBatchVersion(), 4u);
+}
+
+TEST_F(CmdGroupTest, LeavesEverythingAloneWhenDequeuedEmpty) {
+  group->cmdBatchMetadataIs({3, 3});
+  EXPECT_EQ(group->cmdBatchDeq(), nullptr);
+  EXPECT_EQ(group->cmdBatchVersion(), 0u);
+  EXPECT_EQ(group->cmdBatchMetadata(), CmdBatchMetadata(3, 3));
+}
+
+TEST_F(CmdGroupTest, TakesNullCommandsAsEntries) {
+  group->cmdBatchEnq(nullptr);
+  EXPECT_EQ(group->cmdBatchs(), 1u);
+  EXPECT_TRUE(group->cmdBatchHas(0));
+  EXPECT_EQ(group->cmdBatch(0), nullptr);
+  EXPECT_EQ(group->cmdBatchDeq(), nullptr);
+  EXPECT_EQ(group->cmdBatchs(), 0u);
+  EXPECT_EQ(group->cmdBatchVersion(), 2u);
+}
+
+TEST_F(CmdGroupTest, SetsInsertsAndDeletesByIndex) {
+  const auto a = cmd();
+  const auto b = cmd();
+  group->cmdBatchIs(3, nullptr);
+  EXPECT_EQ(group->cmdBatchs(), 0u);
+  group->cmdBatchIs(3, a);
+  EXPECT_EQ(group->cmdBatch(3), a);
+  const U32 version = group->cmdBatchVersion();
+  group->cmdBatchIs(3, b);
+  EXPECT_EQ(group->cmdBatch(3), b);
+  EXPECT_EQ(group->cmdBatchVersion(), version);
+  EXPECT_EQ(group->cmdBatchs(), 1u);
+  group->cmdBatchIs(3, nullptr);
+  EXPECT_FALSE(group->cmdBatchHas(3));
+}
+
+TEST_F(CmdGroupTest, SettingByIndexMeetsTheFullIndexSpaceToo) {
+  group->cmdBatchMetadataIs({5, 4});
+  EXPECT_THROW(group->cmdBatchIs(4, cmd()), Lumo::RangeException);
+  EXPECT_EQ(group->cmdBatchs(), 0u);
+}
+
+TEST_F(CmdGroupTest, DeletesAllEntryByEntry) {
+  for (int i = 0; i < 3; ++i) group->cmdBatchEnq(cmd());
+  group->cmdBatchDelAll();
+  EXPECT_EQ(group->cmdBatchs(), 0u);
+  EXPECT_EQ(group->cmdBatchVersion(), 6u);
+  EXPECT_EQ(group->cmdBatchMetadata(), CmdBatchMetadata(3, 3));
+}
+
+// Kept on purpose: deleting all of a wrapped queue stops at once.
+TEST_F(CmdGroupTest, KeptOnPurposeDeletingAllOfAWrappedQueueLeavesTheRest) {
+  group->cmdBatchMetadataIs({0xFFFFFFFE, 0xFFFFFFFE});
+  for (int i = 0; i < 4; ++i) group->cmdBatchEnq(cmd());
+  group->cmdBatchDelAll();
+  EXPECT_THAT(indexes(*group), ElementsAre(0xFFFFFFFFu, 0u, 1u));
+
+  const auto three = CmdGroup::CmdGroupIs();
+  three->cmdBatchMetadataIs({0xFFFFFFFF, 0xFFFFFFFF});
+  for (int i = 0; i < 3; ++i) three->cmdBatchEnq(cmd());
+  three->cmdBatchDelAll();
+  EXPECT_EQ(three->cmdBatchs(), 2u);
+}
+
+TEST_F(CmdGroupTest, MetadataMovesNoEntry) {
+  for (int i = 0; i < 3; ++i) group->cmdBatchEnq(cmd());
+  group->cmdBatchMetadataIs({7, 9});
+  EXPECT_EQ(group->cmdBatchMetadata(), CmdBatchMetadata(7, 9));
+  EXPECT_NE(group->cmdBatchMetadata(), CmdBatchMetadata(7, 8));
+  EXPECT_THAT(indexes(*group), ElementsAre(0, 1, 2));
+  EXPECT_EQ(group->cmdBatchVersion(), 3u);
+  EXPECT_EQ(group->cmdBatch(7), nullptr);
+  EXPECT_TRUE(group->cmdBatchDel(7));
+  EXPECT_TRUE(group->cmdBatchDel(2));
+}
+
+TEST_F(CmdGroupTest, IteratesFromTheHeadOrAnIndex) {
+  for (int i = 0; i < 3; ++i) group->cmdBatchEnq(cmd());
+  EXPECT_EQ(group->cmdBatchIterator().key(), 0u);
+  EXPECT_EQ(group->cmdBatchIteratorConst(1).key(), 1u);
+  EXPECT_EQ(group->cmdBatchIteratorConst(1).cmdBatch(), group->cmdBatch(1));
+  EXPECT_FALSE(group->cmdBatchIteratorConst(9));
+}
+
+TEST_F(CmdGroupTest, AllocatesOneEntryPerCommand) {
+  const auto a = cmd();
+  const auto before = Lumo::allocTrackSnapshot();
+  for (int i = 0; i < 10; ++i) group->cmdBatchEnq(a);
+  const auto change = Lumo::allocTrackDifference(before, Lumo::allocTrackSnapshot());
+  ASSERT_EQ(change.size(), 1u);
+  EXPECT_EQ(change[0].typeName, "Norv::CmdBatchEntry<Norv::CmdGroup>");
+  EXPECT_EQ(change[0].allocations, 10u);
+}
+
+TEST_F(CmdGroupTest, AnEntryIsReadAndWrittenByItsAccessors) {
+  const auto a = cmd();
+  const auto entry = Lumo::allocate<CmdGroup::LumoCmdBatch>(4u, nullptr);
+  entry->fwkQkeyIs(5);
+  entry->cmdBatchIs(a);
+  EXPECT_EQ(entry->fwkQkey(), 5u);
+  EXPECT_EQ(entry->cmdBatch(), a);
+}
+
+}  // namespace

@@ -1,0 +1,147 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <Norv/GrpcGlobalCmdConfig.h>
+
+namespace {
+
+using namespace Norv;
+using testing::ElementsAre;
+
+static_assert(std::is_base_of_v<Lumo::Entity, GrpcGlobalCmdConfig>);
+
+class Witness : public GrpcGlobalCmdConfig::NotifieeConst {
+ public:
+  explicit Witness(const Lumo::Ptr<GrpcGlobalCmdConfig>& config) : NotifieeConst(config) {}
+  void onCmdConfigGroup(Lumo::Name name) override {
+    names.push_back(name.stringValue().stdString());
+    present = notifier()->cmdConfigGroupHas(name);
+  }
+  void onCmdConfigGroup() override { ++collectionWide; }
+  void onCmdConfigGrouplumoImmediate() override { ++collectionWide; }
+
+  std::vector<std::string> names;
+  bool present = false;
+  int collectionWide = 0;
+};
+
+Lumo::Ptr<CmdConfigGroup> queue(const char* name) {
+  return CmdConfigGroup::CmdConfigGroupIs(name);
+}
+
+struct GrpcGlobalCmdConfigTest : testing::Test {
+  std::vector<std::string> walk() const {
+    std::vector<std::string> names;
+    for (auto it = config->cmdConfigGroupIteratorConst(); it; ++it) {
+      names.push_back(it.key().charPtr());
+    }
+    return names;
+  }
+  Lumo::Ptr<GrpcGlobalCmdConfig> config = GrpcGlobalCmdConfig::GrpcGlobalCmdConfigIs("all");
+  Lumo::Ptr<Witness> witness = Lumo::allocate<Witness>(config);
+};
+
+TEST_F(GrpcGlobalCmdConfigTest, StartsEmptyUnderItsName) {
+  EXPECT_EQ(config->name(), Lumo::Name("all"));
+  EXPECT_EQ(config->cmdConfigGroups(), 0u);
+  EXPECT_EQ(config->cmdConfigGroup("a"), nullptr);
+  EXPECT_STREQ(config->fwkType()->typeName(), "Norv::GrpcGlobalCmdConfig");
+  EXPECT_EQ(grpcGlobalCmdConfigFactory("x")->name(), Lumo::Name("x"));
+}
+
+TEST_F(GrpcGlobalCmdConfigTest, HoldsQueuesUnderTheirNames) {
+  const auto a = queue("a");
+  config->cmdConfigGroupIs(a);
+  EXPECT_EQ(config->cmdConfigGroup("a"), a);
+  EXPECT_TRUE(config->cmdConfigGroupHas("a"));
+  EXPECT_FALSE(config->cmdConfigGroupHas("b"));
+  EXPECT_THAT(witness->names, ElementsAre("a"));
+  EXPECT_TRUE(witness->present);
+}
+
+TEST_F(GrpcGlobalCmdConfigTest, TellsOnceOfTheSameObject) {
+  const auto a = queue("a");
+  config->cmdConfigGroupIs(a);
+  config->cmdConfigGroupIs(a);
+  EXPECT_THAT(witness->names, ElementsAre("a"));
+}
+
+TEST_F(GrpcGlobalCmdConfigTest, ReplacesAQueueOfTheSameName) {
+  const auto other = queue("a");
+  config->cmdConfigGroupIs(queue("a"));
+  config->cmdConfigGroupIs(other);
+  EXPECT_EQ(config->cmdConfigGroup("a"), other);
+  EXPECT_EQ(config->cmdConfigGroups(), 1u);
+  EXPECT_THAT(witness->names, ElementsAre("a", "a"));
+}
+
+TEST_F(GrpcGlobalCmdConfigTest, KeptOnPurposeRefusesNullWithAStrayQuote) {
+  const U64 version = config->fwkEntityVersion();
+  try {
+    config->cmdConfigGroupIs(nullptr);
+    FAIL() << "null was taken";
+  } catch (const Lumo::RangeException& exception) {
+    EXPECT_STREQ(exception.what(),
+                 "null _cmdConfigGroup parameter to mutator for "
+                 "Norv::GrpcGlobalCmdConfig::cmdConfigGroup not allowed\"");
+    EXPECT_EQ(std::string(exception.what()).size(), 100u);
+  }
+  EXPECT_EQ(config->cmdConfigGroups(), 0u);
+  EXPECT_EQ(config->fwkEntityVersion(), version);
+  EXPECT_THAT(witness->names, ElementsAre());
+}
+
+TEST_F(GrpcGlobalCmdConfigTest, RemovesByNameAndByIterator) {
+  const auto a = queue("a");
+  config->cmdConfigGroupIs(a);
+  config->cmdConfigGroupIs(queue("b"));
+  witness->names.clear();
+  EXPECT_EQ(config->cmdConfigGroupDel("a"), a);
+  EXPECT_FALSE(witness->present);
+  EXPECT_EQ(config->cmdConfigGroupDel("a"), nullptr);
+  auto iterator = config->cmdConfigGroupIterator();
+  EXPECT_TRUE(config->cmdConfigGroupDel(iterator));
+  EXPECT_THAT(witness->names, ElementsAre("a", "b"));
+}
+
+TEST_F(GrpcGlobalCmdConfigTest, RemovesAllOneByOne) {
+  for (const char* name : {"a", "b", "c"}) config->cmdConfigGroupIs(queue(name));
+  witness->names.clear();
+  config->cmdConfigGroupDelAll();
+  EXPECT_EQ(config->cmdConfigGroups(), 0u);
+  EXPECT_THAT(witness->names, ElementsAre("a", "b", "c"));
+  EXPECT_EQ(witness->collectionWide, 0);
+}
+
+TEST_F(GrpcGlobalCmdConfigTest, IsWalkedWhileItsCurrentQueueIsRemoved) {
+  for (const char* name : {"a", "b", "c"}) config->cmdConfigGroupIs(queue(name));
+  EXPECT_THAT(walk(), ElementsAre("a", "b", "c"));
+  std::vector<std::string> seen;
+  for (auto it = config->cmdConfigGroupIterator(); it; ++it) {
+    seen.push_back(it.key().charPtr());
+    if (seen.back() == "b") config->cmdConfigGroupDel(it);
+  }
+  EXPECT_THAT(seen, ElementsAre("a", "b", "c"));
+  EXPECT_THAT(walk(), ElementsAre("a", "c"));
+}
+
+TEST_F(GrpcGlobalCmdConfigTest, IsWalkedFromAName) {
+  for (const char* name : {"a", "b", "c"}) config->cmdConfigGroupIs(queue(name));
+  auto it = config->cmdConfigGroupIteratorConst("b");
+  ASSERT_TRUE(it);
+  EXPECT_EQ(it.ptr(), config->cmdConfigGroup("b"));
+  ++it;
+  EXPECT_EQ(it.key(), Lumo::Name("c"));
+  EXPECT_FALSE(config->cmdConfigGroupIteratorConst("none"));
+}
+
+TEST_F(GrpcGlobalCmdConfigTest, StepsTheEntityVersionWithEveryMutator) {
+  const auto a = queue("a");
+  const U64 before = config->fwkEntityVersion();
+  config->cmdConfigGroupIs(a);
+  config->cmdConfigGroupIs(a);
+  config->cmdConfigGroupDel("none");
+  EXPECT_EQ(config->fwkEntityVersion() - before, 3u);
+}
+
+}  // namespace

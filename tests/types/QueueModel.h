@@ -1,0 +1,190 @@
+#pragma once
+
+#include <algorithm>
+#include <optional>
+#include <vector>
+
+#include <Lumo/LinkQueue.h>
+#include <Lumo/PtrInterface.h>
+
+// An independent reference for the indexed queue: entries in a vector, every rule written down once
+// more in terms of positions. The model test and the fuzz target drive it and the queue with the
+// same operations and compare all that can be seen.
+namespace model {
+
+// An entry with a value to tell entries apart.
+template <class Index>
+class Entry : public Lumo::PtrInterface {
+ public:
+  Entry(Index index, int value) : index_(index), value_(value) {}
+  Index fwkQkey() const { return index_; }
+  void fwkQkeyIs(Index index) { index_ = index; }
+  int value() const { return value_; }
+  const Lumo::Ptr<Entry>& lqNext() const { return next_; }
+  void lqNextIs(const Lumo::Ptr<Entry>& next) { next_ = next; }
+
+ private:
+  Index index_;
+  const int value_;
+  Lumo::Ptr<Entry> next_;
+};
+
+template <class Index>
+class Queue {
+ public:
+  struct Item {
+    Index index;
+    int value;
+    bool operator==(const Item&) const = default;
+  };
+
+  std::vector<Item> items;
+  Index head = 0;
+  Index storedTail = 0;
+  U32 version = 0;
+
+  Index tail() const {
+    if (!items.empty() && U64(items.back().index) + 1 > storedTail) return items.back().index + 1;
+    return storedTail;
+  }
+  // False: the index space is full.
+  bool append(int value) {
+    const Index next = storedTail = tail();
+    if (static_cast<Index>(next + 1) == head) return false;
+    if (items.empty()) head = next;
+    items.push_back({next, value});
+    storedTail = tail();
+    ++version;
+    return true;
+  }
+  std::optional<int> takeHead() {
+    if (items.empty()) return std::nullopt;
+    const int value = items.front().value;
+    items.erase(items.begin());
+    head = items.empty() ? storedTail : items.front().index;
+    ++version;
+    return value;
+  }
+  std::optional<int> del(Index index) {
+    if (index == head) return takeHead();
+    const auto found = find(index);
+    if (found == items.end()) return std::nullopt;
+    const int value = found->value;
+    const bool first = found == items.begin();
+    const bool last = found + 1 == items.end();
+    if (last && !first) storedTail = (found - 1)->index + 1;
+    items.erase(found);
+    if (first) head = items.empty() ? storedTail : items.front().index;
+    ++version;
+    return value;
+  }
+  // Places a fresh entry; false: the index space is full.
+  bool place(Index index, int value) {
+    storedTail = tail();
+    if (index == storedTail) return append(value);
+    const auto at = std::find_if(items.begin(), items.end(),
+                                 [&](const Item& item) { return item.index >= index; });
+    const bool first = at == items.begin();
+    if (at != items.end() && at->index == index) {
+      at->value = value;
+      if (at + 1 == items.end() && storedTail <= index) storedTail = index + 1;
+    } else {
+      const bool last = at == items.end();
+      items.insert(at, {index, value});
+      if (last && storedTail <= index) storedTail = index + 1;
+    }
+    if (first) head = index;
+    ++version;
+    return true;
+  }
+  std::optional<Index> startAt(Index index) const {
+    if (items.empty()) return std::nullopt;
+    const Index first = items.front().index;
+    const Index last = items.back().index;
+    if (index == first || index == last) return index;
+    std::size_t at = 0;
+    const auto inRun = [&](std::size_t i) {
+      return i < items.size() && (i == 0 || items[i].index >= items[i - 1].index);
+    };
+    if (last >= first || index >= first) {
+      if (last >= first && last < index) return std::nullopt;
+      while (inRun(at) && items[at].index < index) ++at;
+    } else {
+      if (last < index) return std::nullopt;
+      while (inRun(at)) ++at;
+      while (at < items.size() && items[at].index < index) ++at;
+    }
+    if (at == items.size()) return std::nullopt;
+    return items[at].index;
+  }
+
+ private:
+  typename std::vector<Item>::iterator find(Index index) {
+    return std::find_if(items.begin(), items.end(),
+                        [&](const Item& item) { return item.index == index; });
+  }
+};
+
+// The queue and its model side by side. Each call does one operation on both and tells whether they
+// still agree.
+template <class Index>
+class Pair {
+ public:
+  using LinkQueue = Lumo::LinkQueue<Entry<Index>, Index>;
+
+  bool append() {
+    const int value = nextValue_++;
+    bool appended = true;
+    try {
+      queue.memberNew(Lumo::allocate<Entry<Index>>(Index(0), value));
+    } catch (const Lumo::RangeException&) {
+      appended = false;
+    }
+    return appended == model.append(value) && same();
+  }
+  bool takeHead() { return valueOf(queue._memberDelHead()) == model.takeHead() && same(); }
+  bool del(Index index) { return valueOf(queue._memberDel(index)) == model.del(index) && same(); }
+  bool place(Index index) {
+    const int value = nextValue_++;
+    bool placed = true;
+    try {
+      queue.memberIs(index, Lumo::allocate<Entry<Index>>(index, value));
+    } catch (const Lumo::RangeException&) {
+      placed = false;
+    }
+    return placed == model.place(index, value) && same();
+  }
+  bool metadata(Index head, Index tail) {
+    queue.headIndexIs(head);
+    queue.tailIndexIs(tail);
+    model.head = head;
+    model.storedTail = tail;
+    return same();
+  }
+  bool startAt(Index index) const {
+    const auto entry = queue.startAt(index);
+    const std::optional<Index> expected = model.startAt(index);
+    return entry ? expected == entry->fwkQkey() : !expected;
+  }
+
+  LinkQueue queue;
+  Queue<Index> model;
+
+ private:
+  static std::optional<int> valueOf(const Lumo::Ptr<Entry<Index>>& entry) {
+    return entry ? std::optional(entry->value()) : std::nullopt;
+  }
+  bool same() const {
+    std::vector<typename Queue<Index>::Item> items;
+    for (auto it = typename LinkQueue::Iterator(&queue, queue.head()); it; ++it) {
+      items.push_back({it.key(), it.ptr()->value()});
+    }
+    return items == model.items && queue.members() == model.items.size() &&
+           queue.headIndex() == model.head && queue.tailIndex() == model.tail() &&
+           queue.version() == model.version;
+  }
+
+  int nextValue_ = 0;
+};
+
+}  // namespace model

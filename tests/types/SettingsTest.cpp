@@ -1,0 +1,75 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <Lumo/Exception.h>
+#include <Norv/ConnectionConfig.h>
+#include <Norv/GrpcErrorHandlingStatus.h>
+
+namespace {
+
+using namespace Norv;
+
+template <class T>
+concept HasMutators = requires(T config) {
+  config.portNumIs(1);
+}
+|| requires(T config) {
+  config.hostIs("x");
+};
+static_assert(!HasMutators<ConnectionConfig>);
+static_assert(!std::is_base_of_v<Lumo::Entity, ConnectionConfig>);
+static_assert(std::is_same_v<decltype(ConnectionConfig::ConnectionConfigIs(U16(1), "h")),
+                             Lumo::ValidPtr<ConnectionConfig>>);
+static_assert(sizeof(std::atomic<bool>) == 1);
+
+TEST(ConnectionConfig, KeepsExactlyWhatItIsGiven) {
+  for (const char* host : {"", "localhost", "%s %n", "::1", "a b"}) {
+    for (const U16 port : {U16(0), U16(10514), U16(65535)}) {
+      const auto config = connectionConfigFactory(port, host);
+      EXPECT_EQ(config->host(), host);
+      EXPECT_EQ(config->portNum(), port);
+      EXPECT_STREQ(config->fwkType()->typeName(), "Norv::ConnectionConfig");
+    }
+  }
+}
+
+class Witness : public GrpcErrorHandlingStatus::NotifieeConst {
+ public:
+  explicit Witness(const Lumo::Ptr<GrpcErrorHandlingStatus>& status) : NotifieeConst(status) {}
+  void onErrorOccured() override { seen.push_back(notifier()->errorOccured()); }
+  std::vector<bool> seen;
+};
+
+TEST(GrpcErrorHandlingStatus, TellsOfEveryChangeAndNothingElse) {
+  const auto status = GrpcErrorHandlingStatus::GrpcErrorHandlingStatusIs();
+  const auto witness = Lumo::allocate<Witness>(status);
+  EXPECT_FALSE(status->errorOccured());
+  status->errorOccuredIs(false);
+  EXPECT_THAT(witness->seen, testing::ElementsAre());
+  status->errorOccuredIs(true);
+  status->errorOccuredIs(true);
+  status->errorOccuredIs(false);
+  EXPECT_THAT(witness->seen, testing::ElementsAre(true, false));
+  EXPECT_EQ(status->fwkEntityVersion(), 4u);
+}
+
+TEST(GrpcErrorHandlingStatus, HasNoName) {
+  const auto status = grpcErrorHandlingStatusFactory();
+  EXPECT_TRUE(status->name().empty());
+  status->nameIsFromBackup("x");
+  EXPECT_TRUE(status->name().empty());
+  EXPECT_STREQ(status->fwkType()->typeName(), "Norv::GrpcErrorHandlingStatus");
+}
+
+TEST(GrpcErrorHandlingStatusDeathTest, AbortsWhenChangedUnderPreservedReads) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  const auto status = grpcErrorHandlingStatusFactory();
+  EXPECT_DEATH(
+      {
+        Lumo::FwkEntityReadsPreserve scope(status.ptr());
+        status->errorOccuredIs(true);
+      },
+      "!Lumo::FwkEntityReadsPreserve::anyActive\\( this \\)");
+}
+
+}  // namespace
