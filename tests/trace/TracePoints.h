@@ -20,6 +20,9 @@ using Twine::Sinks;
 inline constexpr Twine::Point plain{&module, 16, "handleBatch", 5, Sinks::both, "Entry"};
 inline constexpr Twine::Point placed{
     &module, 102, "processResponse", 0, Sinks::both, "Failure: error_code: %s error_message: %s"};
+// As in docs/skein-format.md.
+inline constexpr Twine::Point exampleOfTheDocument{
+    &module, 102, "processResponse", 0, Sinks::both, "Failure: error_code: %s error_message: %s"};
 inline constexpr Twine::Point bracketed{&module, 125, "connect", 5, Sinks::both, "To (%s)"};
 inline constexpr Twine::Point appended{&module, 75, "handle", 5, Sinks::both, "void handle(Name)"};
 inline constexpr Twine::Point afterBlank{&module, 82, "handle", 5, Sinks::both, "Creating for "};

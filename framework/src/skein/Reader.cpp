@@ -139,7 +139,9 @@ std::vector<Reader::Block> Reader::findBlocks() {
   const U64 begun = header_.blocksWanted;
   bool beyond = false;
   std::vector<Block> blocks;
-  for (U32 index = 0; index < places_.size(); ++index) {
+  for (std::size_t turn = 0; turn < places_.size(); ++turn) {
+    // From the oldest on, ahead of a writer.
+    const auto index = static_cast<U32>((begun + turn) % places_.size());
     const U64 offset = header_.blocksOffset + U64{index} * header_.blockSize;
     Block block{index, {}, false, nullptr, 0, false};
     if (!readAt(descriptor_, offset, &block.header, sizeof block.header)) continue;
@@ -232,7 +234,8 @@ std::size_t Reader::read(const std::function<void(const Record&)>& take) {
   std::vector<bool> shown;
   markChainEnds(blocks, shown);
   std::vector<Key> keys;
-  for (std::size_t i = 0; i < blocks.size(); ++i) {
+  // From the oldest block of each writer on: records of the same nanosecond stay in their order.
+  for (std::size_t i = blocks.size(); i-- > 0;) {
     if (blocks[i].changed) takeKeys(blocks[i], shown[i], keys);
   }
   // After the records: a point is described before its first record is written.

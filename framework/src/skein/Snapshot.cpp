@@ -2,6 +2,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
 #include <vector>
 
@@ -25,8 +26,11 @@ namespace {
 void copyBlocks(int descriptor, const FileHeader& header, std::string& bytes) {
   std::string probe;
   std::string block(header.blockSize, '\0');
-  for (U32 index = 0; index < header.blockCount; ++index) {
-    const U64 offset = header.blocksOffset + U64{index} * header.blockSize;
+  U64 begun = 0;
+  readAt(descriptor, offsetof(FileHeader, blocksWanted), &begun, sizeof begun);
+  for (U32 turn = 0; turn < header.blockCount; ++turn) {
+    const U64 index = (begun + turn) % header.blockCount;  // from the oldest on, ahead of a writer
+    const U64 offset = header.blocksOffset + index * header.blockSize;
     const BlockCopy copy = copyBlock(descriptor, offset, header.blockSize, block.data(), probe);
     if (copy.header.sequence == 0) continue;
     std::memcpy(bytes.data() + offset, block.data(), copy.committed);

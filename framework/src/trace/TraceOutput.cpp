@@ -94,15 +94,15 @@ void appendTraceLine(std::string& out, const TraceLine& line) {
   out.push_back(' ');
   appendPadded(out, static_cast<U64>(line.thread), 1);
   out.push_back(' ');
-  out.append(line.facility);
+  appendEscaped(out, line.facility);
   out.push_back('/');
   appendPadded(out, line.level, 1);
   out.push_back(' ');
-  out.append(line.file);
+  appendEscaped(out, line.file);
   out.push_back(':');
   appendPadded(out, static_cast<U64>(line.line), 1);
   out.push_back(' ');
-  out.append(line.function);
+  appendEscaped(out, line.function);
   out.append(": ");
   appendEscaped(out, line.text);
   out.push_back('\n');
