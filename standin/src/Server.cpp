@@ -93,12 +93,15 @@ class Server::Impl {
     });
   }
 
-  std::string host_;
-  int port_ = 0;
-  std::unique_ptr<grpc::Server> server_;
+  const std::string& host() const { return host_; }
+  int port() const { return port_; }
+  grpc::Server& server() { return *server_; }
 
  private:
-  Service service_;
+  std::string host_;
+  int port_ = 0;
+  Service service_;  // Before the server, which calls it until it is gone.
+  std::unique_ptr<grpc::Server> server_;
   std::once_flag shutdownOnce_;
 };
 
@@ -107,15 +110,15 @@ Server::Server(const Options& options) : impl_(std::make_unique<Impl>(options)) 
 Server::~Server() = default;
 
 int Server::port() const {
-  return impl_->port_;
+  return impl_->port();
 }
 
 std::string Server::address() const {
-  return impl_->host_.empty() ? "" : impl_->host_ + ":" + std::to_string(impl_->port_);
+  return impl_->host().empty() ? "" : impl_->host() + ":" + std::to_string(impl_->port());
 }
 
 std::shared_ptr<grpc::Channel> Server::inProcessChannel() {
-  return impl_->server_->InProcessChannel(grpc::ChannelArguments());
+  return impl_->server().InProcessChannel(grpc::ChannelArguments());
 }
 
 void Server::shutdown() {
@@ -123,7 +126,7 @@ void Server::shutdown() {
 }
 
 void Server::wait() {
-  impl_->server_->Wait();
+  impl_->server().Wait();
 }
 
 }  // namespace Standin

@@ -147,8 +147,7 @@ class Player {
  public:
   Player()
       : server_(options()),
-        stub_(bess::pb::BESSControl::NewStub(
-            grpc::CreateChannel(server_.address(), grpc::InsecureChannelCredentials()))) {}
+        stub_(bess::pb::BESSControl::NewStub(directChannel(server_.address()))) {}
 
   void play(const Line& line, ReplayResult& result) {
     const std::string type = line.text("type");
@@ -202,6 +201,12 @@ class Player {
 };
 
 }  // namespace
+
+std::shared_ptr<grpc::Channel> directChannel(const std::string& address) {
+  grpc::ChannelArguments arguments;
+  arguments.SetInt(GRPC_ARG_ENABLE_HTTP_PROXY, 0);
+  return grpc::CreateCustomChannel(address, grpc::InsecureChannelCredentials(), arguments);
+}
 
 std::filesystem::path recordingsFolder() {
   return STANDIN_RECORDINGS;

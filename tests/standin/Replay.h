@@ -1,6 +1,9 @@
 #pragma once
 
+#include <grpcpp/grpcpp.h>
+
 #include <filesystem>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -14,6 +17,9 @@ struct ReplayResult {
   int bodies = 0;  // Of those, lines whose response agrees too, volatile fields set aside.
   std::vector<std::string> differences;
 };
+
+/// A channel over the network that passes by any proxy the machine has set.
+std::shared_ptr<grpc::Channel> directChannel(const std::string& address);
 
 std::filesystem::path recordingsFolder();
 /// Names of the command files without extension, sorted; empty when there is no folder.

@@ -4,6 +4,7 @@
 #include <stdexcept>
 
 #include "Fixture.h"
+#include "Replay.h"
 
 using namespace bess::pb;
 
@@ -12,8 +13,7 @@ class StandinServer : public StandinTest::StandinFixture {};
 namespace {
 
 grpc::Status getVersion(const std::string& address) {
-  const auto stub =
-      BESSControl::NewStub(grpc::CreateChannel(address, grpc::InsecureChannelCredentials()));
+  const auto stub = BESSControl::NewStub(StandinTest::directChannel(address));
   grpc::ClientContext context;
   context.set_deadline(std::chrono::system_clock::now() + std::chrono::seconds(20));
   VersionResponse response;
