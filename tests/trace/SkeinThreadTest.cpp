@@ -91,7 +91,7 @@ TEST_F(SkeinThreads, MoreWritersThanBlocksDropAndCount) {
 
 TEST_F(SkeinThreads, FilesComeAndGoWhileThreadsTrace) {
   const Writers writers(3, [](int i) { Twine::trace<Sample::pair>(i, i); });
-  for (int round = 0; round < 100; ++round) {
+  for (int round = 0; round < 40; ++round) {
     const std::string name = folder.file("trace" + std::to_string(round % 3));
     Skein::TraceHandle handle(name, {.size = 64 * 1024});
     Skein::defaultSkeinHandleIs(&handle);
@@ -124,7 +124,7 @@ TEST_F(SkeinThreads, AReaderBesideWritersSeesOnlyWholeRecords) {
 }
 
 TEST_F(SkeinThreads, ASnapshotBesideWritersHasOnlyWholeRecords) {
-  ringIsOn({.size = 16 << 20});
+  ringIsOn({.size = 4 << 20});
   const Writers writers(2, [](int i) { Twine::trace<Sample::pair>(i, i); });
   Skein::Reader reader(path);
   while (reader.read([](const Skein::Record&) {}) == 0) {

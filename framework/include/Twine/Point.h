@@ -2,6 +2,7 @@
 
 #include <array>
 #include <atomic>
+#include <new>
 #include <ostream>
 #include <string_view>
 
@@ -139,7 +140,11 @@ void record(Skein::TraceFile& file, const Args&... args) {
 template <const Point& point, class... Args>
 [[gnu::noinline]] void recordInDefaultFile(const Args&... args) {
   const Skein::InTracePoint inTracePoint;
-  if (Skein::TraceFile* file = Skein::defaultSkeinFile()) record<point>(*file, args...);
+  try {
+    if (Skein::TraceFile* file = Skein::defaultSkeinFile()) record<point>(*file, args...);
+  } catch (const std::bad_alloc&) {
+    // Without memory to describe the point this record is lost, and nothing else.
+  }
 }
 
 template <const Point& point>

@@ -18,11 +18,34 @@ namespace Lumo {
 
 namespace {
 
-// The sink, and how many threads are inside one. A thread counts itself before it reads the
-// pointer, and a replacement is stored before the count is read, both sequentially consistent: who
-// sees zero after the replacement knows that the old sink has no caller left.
 constinit std::atomic<TraceSink*> sink{nullptr};
-constinit std::atomic<int> threadsInSink{0};
+
+// Who is inside a sink, so that a replacement can wait for those that may have the old one. They
+// are counted on the side that is current when they come, which a replacement changes: newcomers
+// do not keep it waiting. All sequentially consistent: a thread counts itself before it reads the
+// sink, and a replacement stores the sink before it reads the counts. Somebody may read the side,
+// be slow, and count itself on the other one; therefore both sides are waited for in turn.
+constinit std::atomic<unsigned> side{0};
+constinit std::atomic<int> insideSink[2]{};
+constinit std::atomic<bool> replacing{false};
+
+class InSink {
+ public:
+  InSink() : count_(insideSink[side.load()]) { count_.fetch_add(1); }
+  ~InSink() { count_.fetch_sub(1); }
+  InSink(const InSink&) = delete;
+  InSink& operator=(const InSink&) = delete;
+
+ private:
+  std::atomic<int>& count_;
+};
+
+// The other threads, inside a sink or replacing one, stay behind in the parent.
+void forgetOtherThreads() {
+  insideSink[0] = 0;
+  insideSink[1] = 0;
+  replacing = false;
+}
 
 void writeAll(std::string_view text) {
   while (!text.empty()) {
@@ -110,10 +133,7 @@ void appendTraceLine(std::string& out, const TraceLine& line) {
 
 void deliverTraceLine(const TraceLine& line) {
   if (sink.load(std::memory_order_relaxed)) {
-    struct InSink {
-      InSink() { threadsInSink.fetch_add(1); }
-      ~InSink() { threadsInSink.fetch_sub(1); }
-    } inSink;
+    const InSink inSink;
     if (TraceSink* current = sink.load()) {
       current->lineIs(line);
       return;
@@ -123,11 +143,15 @@ void deliverTraceLine(const TraceLine& line) {
 }
 
 void traceSinkIs(TraceSink* newSink) {
-  // The threads inside a sink stay behind in the parent.
-  static const int registered = pthread_atfork(nullptr, nullptr, [] { threadsInSink.store(0); });
+  static const int registered = pthread_atfork(nullptr, nullptr, forgetOtherThreads);
   (void)registered;
+  while (replacing.exchange(true)) std::this_thread::yield();
   sink.store(newSink);
-  while (threadsInSink.load() != 0) std::this_thread::yield();
+  for (int turn = 0; turn < 2; ++turn) {
+    const unsigned old = side.fetch_xor(1);
+    while (insideSink[old].load() != 0) std::this_thread::yield();
+  }
+  replacing.store(false);
 }
 
 TraceSink* traceSink() {

@@ -54,14 +54,15 @@ class TraceRegistry {
 
  private:
   TraceRegistry();
-  U32 wanted(const std::string& name, bool onByDefault) const;
-  void publish();
-  bool partIs(std::string_view part);
+  U32 wanted(const std::string& name, bool onByDefault) const LUMO_REQUIRES(TraceMutex::instance());
+  void publish() LUMO_REQUIRES(TraceMutex::instance());
+  bool partIs(std::string_view part) LUMO_REQUIRES(TraceMutex::instance());
 
-  std::map<std::string, Facility> facilities_;
-  std::vector<String> handleNames_;
-  std::map<std::string, U32> named_;  // levels of the facilities that a setting names
-  std::optional<U32> all_;            // levels that a setting gives to "*"
+  std::map<std::string, Facility> facilities_ LUMO_GUARDED_BY(TraceMutex::instance());
+  std::vector<String> handleNames_ LUMO_GUARDED_BY(TraceMutex::instance());
+  // Levels of the facilities that a setting names, and of "*".
+  std::map<std::string, U32> named_ LUMO_GUARDED_BY(TraceMutex::instance());
+  std::optional<U32> all_ LUMO_GUARDED_BY(TraceMutex::instance());
 };
 
 }  // namespace Lumo
