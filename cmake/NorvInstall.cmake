@@ -10,7 +10,7 @@ install(TARGETS norvctl bessd-standin skein RUNTIME DESTINATION ${CMAKE_INSTALL_
 foreach(layer framework types client manager agent)
   install(DIRECTORY ${PROJECT_SOURCE_DIR}/${layer}/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 endforeach()
-install(DIRECTORY ${BESSGRPC_GENERATED_DIR}/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+install(DIRECTORY ${PROJECT_BINARY_DIR}/protocol/generated/bess DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
   FILES_MATCHING PATTERN "*.h")
 
 install(EXPORT norvTargets NAMESPACE norv:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/norv)
