@@ -4,8 +4,8 @@
 
 namespace Standin {
 
-/// The argument in `any`, or an argument with defaults when it holds another type, an unknown type
-/// or bytes that do not decode: the daemon checks none of it.
+// The argument in `any`, or an argument with defaults when it holds another type, an unknown type
+// or bytes that do not decode: the daemon checks none of it.
 template <class Message>
 Message unpack(const google::protobuf::Any& any) {
   Message message;

@@ -15,9 +15,9 @@
 
 namespace Standin {
 
-/// The daemon's state and what each request does to it. A member function per request, named after
-/// it, takes the request and fills the response; it throws Refusal to refuse in band and
-/// HandlerFailure to fail the call. Not thread safe: the service calls one function at a time.
+// The daemon's state and what each request does to it. A member function per request, named after
+// it, takes the request and fills the response; it throws Refusal to refuse in band and
+// HandlerFailure to fail the call. Not thread safe: the service calls one function at a time.
 class Daemon {
  public:
   explicit Daemon(const Options& options) : options_(options), workers_(options.cores) {}

@@ -6,9 +6,9 @@
 
 namespace Standin {
 
-/// Adds a hook to the gates that the request names, or takes one away; see the daemon's rules for
-/// requests without a module (all of them) and with gate -1 (all connected ones). Gates before the
-/// refused one keep the change.
+// Adds a hook to the gates that the request names, or takes one away; see the daemon's rules for
+// requests without a module (all of them) and with gate -1 (all connected ones). Gates before the
+// refused one keep the change.
 void configureGateHook(Pipeline& pipeline, const bess::pb::ConfigureGateHookRequest& request);
 
 }  // namespace Standin

@@ -13,14 +13,14 @@
 
 namespace Standin {
 
-/// The fields of a matching module and the number of bytes of each.
+// The fields of a matching module and the number of bytes of each.
 class MatchFields {
  public:
-  /// Adds the metadata that the fields read to `attributes`.
+  // Adds the metadata that the fields read to `attributes`.
   MatchFields(const google::protobuf::RepeatedPtrField<bess::pb::Field>& fields,
               std::vector<Attribute>& attributes);
   std::size_t size() const { return bytes_.size(); }
-  /// The values side by side, each as wide as its field. Refuses when they do not fit the fields.
+  // The values side by side, each as wide as its field. Refuses when they do not fit the fields.
   std::string key(const google::protobuf::RepeatedPtrField<bess::pb::FieldData>& values) const;
 
  private:
@@ -75,9 +75,9 @@ class IpLookupState : public ModuleState {
 class L2ForwardState : public ModuleState {
  public:
   explicit L2ForwardState(const bess::pb::L2ForwardArg& arg);
-  /// Entries before the refused one stay.
+  // Entries before the refused one stay.
   void add(const bess::pb::L2ForwardCommandAddArg& arg);
-  /// Entries before the refused one are gone.
+  // Entries before the refused one are gone.
   void remove(const bess::pb::L2ForwardCommandDeleteArg& arg);
   void setDefaultGate(const bess::pb::L2ForwardCommandSetDefaultGateArg& arg);
   bess::pb::L2ForwardCommandLookupResponse lookup(

@@ -10,7 +10,7 @@
 
 namespace Standin {
 
-/// One command of a module class.
+// One command of a module class.
 struct ModuleCommand {
   using Handler = void (*)(ModuleState&, const google::protobuf::Any&, bess::pb::CommandResponse&);
   const char* name;
@@ -19,7 +19,7 @@ struct ModuleCommand {
   Handler handler;
 };
 
-/// A row of the table of module classes.
+// A row of the table of module classes.
 struct ModuleClass {
   const char* name;
   const char* nameTemplate;  // Null: derived from the class name.
@@ -31,14 +31,14 @@ struct ModuleClass {
   std::span<const ModuleCommand> commands;
   const char* help;
 
-  /// What automatic names start with.
+  // What automatic names start with.
   std::string namePrefix() const;
   const ModuleCommand* command(std::string_view commandName) const;
 };
 
-/// All classes, sorted by name.
+// All classes, sorted by name.
 std::span<const ModuleClass> moduleClasses();
-/// Null when there is none of that name.
+// Null when there is none of that name.
 const ModuleClass* findModuleClass(std::string_view name);
 
 }  // namespace Standin

@@ -12,12 +12,12 @@ namespace Standin {
 
 class Ports;
 
-/// Output gates are numbered below this, whatever the class.
+// Output gates are numbered below this, whatever the class.
 constexpr std::uint16_t gateLimit = 8192;
-/// Packets that a task handles in one run, at most.
+// Packets that a task handles in one run, at most.
 constexpr std::uint64_t burstLimit = 64;
 
-/// Metadata that a module reads or writes. `offset` is assigned by the pipeline.
+// Metadata that a module reads or writes. `offset` is assigned by the pipeline.
 struct Attribute {
   enum class Mode { Read, Write, Update };
   std::string name;
@@ -26,31 +26,31 @@ struct Attribute {
   std::int64_t offset = 0;
 };
 
-/// What a module of one class remembers. Constructors and commands throw Refusal, and a command
-/// that throws leaves the state as it was unless it says otherwise.
+// What a module of one class remembers. Constructors and commands throw Refusal, and a command
+// that throws leaves the state as it was unless it says otherwise.
 class ModuleState {
  public:
   virtual ~ModuleState() = default;
-  /// The line that listModules shows.
+  // The line that listModules shows.
   virtual std::string description() const { return {}; }
-  /// Tasks of this module; -1 leaves it to the class.
+  // Tasks of this module; -1 leaves it to the class.
   virtual int tasks() const { return -1; }
 
   std::vector<Attribute> attributes;
-  /// The argument of the creating request; set by the pipeline.
+  // The argument of the creating request; set by the pipeline.
   google::protobuf::Any initialArg;
 };
 
-/// The module's number of tasks and gates are data of its class; see ModuleClass.
+// The module's number of tasks and gates are data of its class; see ModuleClass.
 using ModuleStateFactory = std::unique_ptr<ModuleState> (*)(const google::protobuf::Any& arg,
                                                             Ports& ports);
 
-/// The value of a gate number as the daemon keeps it.
+// The value of a gate number as the daemon keeps it.
 inline std::uint16_t gateCut(std::uint64_t gate) {
   return static_cast<std::uint16_t>(gate);
 }
 
-/// Gates for a splitting module, cut as the daemon does; refuses with "`text`N".
+// Gates for a splitting module, cut as the daemon does; refuses with "`text`N".
 std::vector<std::uint16_t> checkedGates(const google::protobuf::RepeatedField<std::int64_t>& gates,
                                         const char* text);
 void checkBurst(std::uint64_t burst);

@@ -15,26 +15,26 @@ namespace Standin {
 
 struct Module;
 
-/// A hook that watches the packets of a gate.
+// A hook that watches the packets of a gate.
 struct GateHook {
   std::string className;
   std::string name;  // Unique at its gate.
 };
 
-/// An input gate that at least one output gate leads to.
+// An input gate that at least one output gate leads to.
 struct InputGate {
   std::vector<std::pair<Module*, std::uint16_t>> sources;  // In the order of connecting.
   std::vector<GateHook> hooks;
 };
 
-/// A connected output gate.
+// A connected output gate.
 struct OutputGate {
   Module* target;
   std::uint16_t inputGate;
   std::vector<GateHook> hooks;
 };
 
-/// A module with its connected gates.
+// A module with its connected gates.
 struct Module {
   std::string name;
   const ModuleClass* moduleClass;
@@ -45,7 +45,7 @@ struct Module {
   int tasks() const { return state->tasks() >= 0 ? state->tasks() : moduleClass->tasks; }
 };
 
-/// The modules and their connections. Not thread safe; see Daemon.
+// The modules and their connections. Not thread safe; see Daemon.
 class Pipeline {
  public:
   using Modules = std::map<std::string, std::unique_ptr<Module>>;
@@ -53,18 +53,18 @@ class Pipeline {
   explicit Pipeline(Ports& ports) : ports_(ports) {}
 
   Module& create(const bess::pb::CreateModuleRequest& request);
-  /// Disconnects its neighbours first.
+  // Disconnects its neighbours first.
   void destroy(Module& module);
   void connect(const bess::pb::ConnectModulesRequest& request);
   void disconnect(const bess::pb::DisconnectModulesRequest& request);
 
   const Modules& all() const { return modules_; }
-  /// Null when there is none of that name.
+  // Null when there is none of that name.
   Module* find(const std::string& name) const;
-  /// Refuses with ENOENT when there is none of that name.
+  // Refuses with ENOENT when there is none of that name.
   Module& existing(const std::string& name) const;
-  /// Calls `visit` once for each module that a task of `start` reaches, `start` included; a module
-  /// with tasks of its own is reached, and what is behind it is not.
+  // Calls `visit` once for each module that a task of `start` reaches, `start` included; a module
+  // with tasks of its own is reached, and what is behind it is not.
   static void forEachReached(Module& start, const std::function<void(Module&)>& visit);
 
  private:
@@ -75,7 +75,7 @@ class Pipeline {
   Modules modules_;
 };
 
-/// Gives every attribute of every module its place in the packet's metadata.
+// Gives every attribute of every module its place in the packet's metadata.
 void assignMetadata(const Pipeline& pipeline);
 
 }  // namespace Standin

@@ -86,15 +86,15 @@ std::string openCapture(const bess::pb::CreatePortRequest&, const std::string&, 
 
 // clang-format off
 constexpr PortDriver driverTable[] = {
-    // name             prefix       help                                          queues conf   speed  autoneg open
-    {"PCAPPort",       "pcap_port", "libpcap live packet capture from Linux port",  128, false, 0,     true,  openCapture},
-    {"PMDPort",        "pmd_port",  "DPDK poll mode driver",                        128, true,  10000, false, openPmd},
-    {"UnixSocketPort", "unix_port", "packet exchange via a UNIX domain socket",     128, false, 0,     true,  openUnixSocket},
-    {"VPort",          "vport",     "Virtual port for Linux host",                  128, false, 0,     true,  openVirtual},
+    // name             prefix       help                                                  queues conf   speed  autoneg open
+    {"PCAPPort",       "pcap_port", "captures from a network interface of this host",       128, false, 0,     true,  openCapture},
+    {"PMDPort",        "pmd_port",  "drives a network device by polling it",                128, true,  10000, false, openPmd},
+    {"UnixSocketPort", "unix_port", "exchanges packets with a process over a local socket", 128, false, 0,     true,  openUnixSocket},
+    {"VPort",          "vport",     "a network interface inside this host",                 128, false, 0,     true,  openVirtual},
 };
 // clang-format on
 
-/// Six bytes from text; fewer or more groups are taken as the daemon takes them.
+// Six bytes from text; fewer or more groups are taken as the daemon takes them.
 bool parseMac(const std::string& text, std::string& mac) {
   unsigned byte[6] = {};
   if (std::sscanf(text.c_str(), "%x:%x:%x:%x:%x:%x", &byte[0], &byte[1], &byte[2], &byte[3],

@@ -17,7 +17,7 @@ enum class Direction { Inc, Out };
 
 struct PortDriver;
 
-/// A port. Queues that a module uses are marked until its claim ends.
+// A port. Queues that a module uses are marked until its claim ends.
 struct Port {
   std::string name;
   const PortDriver* driver = nullptr;
@@ -33,7 +33,7 @@ struct Port {
   bool busy() const;
 };
 
-/// A row of the table of port drivers.
+// A row of the table of port drivers.
 struct PortDriver {
   const char* name;
   const char* namePrefix;
@@ -42,15 +42,15 @@ struct PortDriver {
   bool configurable;        // setPortConf may change a port of it.
   std::uint32_t speed;      // Mbit/s; 0 when it has none.
   bool autoneg;
-  /// Takes the device that the request names and answers its name; refuses otherwise.
+  // Takes the device that the request names and answers its name; refuses otherwise.
   std::string (*open)(const bess::pb::CreatePortRequest& request, const std::string& name,
                       class Ports& ports);
 };
 
-/// Marks on queues of one port, taken back when it ends. The port must live longer.
+// Marks on queues of one port, taken back when it ends. The port must live longer.
 class QueueClaim {
  public:
-  /// Refuses with EINVAL when there is no such queue, with EBUSY when one is in use.
+  // Refuses with EINVAL when there is no such queue, with EBUSY when one is in use.
   QueueClaim(Port& port, Direction direction, std::int64_t queue);
   ~QueueClaim();
   QueueClaim(const QueueClaim&) = delete;
@@ -64,23 +64,23 @@ class QueueClaim {
   std::vector<std::size_t> queues_;
 };
 
-/// The ports and the devices they hold. Not thread safe; see Daemon.
+// The ports and the devices they hold. Not thread safe; see Daemon.
 class Ports {
  public:
   static std::span<const PortDriver> drivers();
   static const PortDriver* findDriver(const std::string& name);
 
   Port& create(const bess::pb::CreatePortRequest& request);
-  /// Refuses with EBUSY while a module uses a queue.
+  // Refuses with EBUSY while a module uses a queue.
   void destroy(const std::string& name);
-  /// Stops with EBUSY at the first port, in the order of names, that is in use.
+  // Stops with EBUSY at the first port, in the order of names, that is in use.
   void reset();
   void configure(const std::string& name, const bess::pb::PortConf& conf);
   void addMac(const std::string& name, const std::string& mac);
   void removeMac(const std::string& name, const std::string& mac);
 
   const std::map<std::string, std::unique_ptr<Port>>& all() const { return ports_; }
-  /// Null when there is none of that name.
+  // Null when there is none of that name.
   Port* find(const std::string& name) const;
 
   // For the drivers: devices by name, with a number that stays while the port lives.

@@ -14,8 +14,8 @@ namespace Standin {
 
 namespace {
 
-/// The gRPC face of the daemon: one override per request, each an expansion of the table of
-/// requests.
+// The gRPC face of the daemon: one override per request, each an expansion of the table of
+// requests.
 class Service final : public bess::pb::BESSControl::Service {
  public:
   explicit Service(const Options& options) : options_(options), daemon_(options) {}

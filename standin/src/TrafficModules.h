@@ -48,10 +48,10 @@ class DrrState : public ModuleState {
   void setMaxFlowQueueSize(const bess::pb::DRRMaxFlowQueueSizeArg& arg);
 };
 
-/// PortInc, PortOut, QueueInc and QueueOut: a claim on queues of a port for as long as they live.
+// PortInc, PortOut, QueueInc and QueueOut: a claim on queues of a port for as long as they live.
 class PortUserState : public ModuleState {
  public:
-  /// Claims one queue, or all of the direction when `queue` is -1.
+  // Claims one queue, or all of the direction when `queue` is -1.
   PortUserState(Ports& ports, const std::string& port, Direction direction, std::int64_t queue);
   std::string description() const override { return description_; }
   int tasks() const override { return tasks_; }

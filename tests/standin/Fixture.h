@@ -12,8 +12,8 @@
 
 namespace StandinTest {
 
-/// A fresh stand-in, in process, and short words for what tests ask of it. Words that answer an int
-/// answer the code of the refusal, 0 for none.
+// A fresh stand-in, in process, and short words for what tests ask of it. Words that answer an int
+// answer the code of the refusal, 0 for none.
 class StandinFixture : public testing::Test {
  protected:
   explicit StandinFixture(Standin::Options options = {}) {
@@ -22,7 +22,7 @@ class StandinFixture : public testing::Test {
     stub_ = bess::pb::BESSControl::NewStub(server_->inProcessChannel());
   }
 
-  /// Calls and expects the gRPC status OK.
+  // Calls and expects the gRPC status OK.
   template <class Request, class Response>
   Response call(grpc::Status (bess::pb::BESSControl::Stub::*rpc)(grpc::ClientContext*,
                                                                  const Request&, Response*),

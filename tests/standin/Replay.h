@@ -18,11 +18,11 @@ struct ReplayResult {
   std::vector<std::string> differences;
 };
 
-/// A channel over the network that passes by any proxy the machine has set.
+// A channel over the network that passes by any proxy the machine has set.
 std::shared_ptr<grpc::Channel> directChannel(const std::string& address);
 
 std::filesystem::path recordingsFolder();
-/// Names of the command files without extension, sorted; empty when there is no folder.
+// Names of the command files without extension, sorted; empty when there is no folder.
 std::vector<std::string> recordings();
 ReplayResult replay(const std::string& recording);
 
