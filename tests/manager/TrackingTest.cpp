@@ -1,0 +1,298 @@
+// How the manager follows named queues.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <support/Agent.h>
+#include <support/TraceRecorder.h>
+
+#include <Lumo/GenericIf.h>
+
+namespace {
+
+using namespace Norv;
+using support::TraceRecorder;
+using testing::ElementsAre;
+
+// An agent in simulation: batches can be seen in the pending queue.
+struct Tracking : testing::Test {
+  Tracking() { agent.connect(1); }
+  Lumo::Ptr<CmdConfigGroupSm> machine(const char* name = "main") {
+    return agent.manager->cmdConfigGroupSm(name);
+  }
+  static std::size_t handled(const TraceRecorder& trace) {
+    return trace.count("void Norv::CmdConfigGroupSm::handleBatch()");
+  }
+
+  support::Environment simulation{"SIMULATION_NORV", "1"};
+  support::Agent agent;
+};
+
+TEST_F(Tracking, MakesAMachineForEveryQueueThatComes) {
+  const TraceRecorder trace("NorvConnectionsMgr/5");
+  const auto queue = agent.queue("a");
+  ASSERT_TRUE(machine("a"));
+  EXPECT_EQ(machine("a")->configGroup(), queue);
+  EXPECT_EQ(machine("a")->name(), Lumo::Name("a"));
+  EXPECT_EQ(machine("a")->connectionsMgr(), agent.manager.ptr());
+  EXPECT_THAT(trace.texts(),
+              ElementsAre("void Norv::ConnectionsMgr::handleCmdConfigGroup(Lumo::Name) a",
+                          "Creating a CmdConfigGroupSm for a",
+                          "void Norv::CmdConfigGroupSm::handleBatch()"));
+}
+
+TEST_F(Tracking, SaysSoAgainForAQueueItFollowsAlready) {
+  agent.queue("a");
+  const auto first = machine("a");
+  const TraceRecorder trace("NorvConnectionsMgr/5");
+  agent.manager->handleCmdConfigGroup("a");
+  EXPECT_EQ(trace.count("Creating a CmdConfigGroupSm for a"), 1u);
+  EXPECT_EQ(machine("a"), first);
+  EXPECT_EQ(agent.manager->cmdConfigGroupSms(), 1u);
+}
+
+TEST_F(Tracking, IgnoresQueuesWhileItIsNotInitialized) {
+  agent.manager->initializedIs(false);
+  const TraceRecorder trace("NorvConnectionsMgr/5");
+  agent.queue("a");
+  EXPECT_FALSE(machine("a"));
+  EXPECT_THAT(trace.texts(),
+              ElementsAre("void Norv::ConnectionsMgr::handleCmdConfigGroup(Lumo::Name) a"));
+  agent.manager->handleInitialized();
+  EXPECT_TRUE(machine("a"));
+}
+
+TEST_F(Tracking, MovesWhatAlreadyWaitsInAQueueThatComes) {
+  const auto queue = CmdConfigGroup::CmdConfigGroupIs("a");
+  queue->cmdBatchEnq(agent.command());
+  agent.config->cmdConfigGroupIs(queue);
+  EXPECT_EQ(agent.pending->cmdBatchs(), 1u);
+}
+
+TEST_F(Tracking, LetsARemovedQueueGo) {
+  const auto queue = agent.queue("a");
+  const U32 before = queue->references();
+  const TraceRecorder trace("NorvConnectionsMgr/5");
+  agent.config->cmdConfigGroupDel("a");
+  EXPECT_EQ(trace.count("Deleting the CmdConfigGroupSm for a"), 1u);
+  EXPECT_FALSE(machine("a"));
+  EXPECT_EQ(queue->references(), before - 2);  // the collection's and the machine's
+  queue->cmdBatchEnq(agent.command());
+  queue->enqueueVersionInc(1);
+  EXPECT_EQ(queue->cmdBatchs(), 1u);
+  agent.manager->handleCmdConfigGroup("a");  // nothing to delete
+}
+
+TEST_F(Tracking, GivesTheSameMachineForTheSameQueue) {
+  const auto queue = agent.queue("a");
+  EXPECT_EQ(agent.manager->cmdConfigGroupSmIs(queue), machine("a"));
+  const auto unknown = CmdConfigGroup::CmdConfigGroupIs("b");
+  EXPECT_EQ(agent.manager->cmdConfigGroupSmIs(unknown)->configGroup(), unknown);
+}
+
+std::string renameMessage(const Lumo::Ptr<CmdConfigGroup>& fresh,
+                          const Lumo::Ptr<CmdConfigGroup>& old) {
+  return "Reinstantiating the pointer interface where constructor parameter attribute "
+         "_configGroup has a different value of " +
+         Lumo::objectStrep(fresh.ptr()).stdString() + " than the current value of " +
+         Lumo::objectStrep(old.ptr()).stdString() + " not allowed";
+}
+
+TEST_F(Tracking, RefusesAnotherQueueOfTheSameName) {
+  const auto old = agent.queue("a");
+  const Lumo::Ptr<CmdConfigGroup> fresh = CmdConfigGroup::CmdConfigGroupIs("a");
+  try {
+    agent.manager->cmdConfigGroupSmIs(fresh);
+    FAIL() << "taken";
+  } catch (const Lumo::NameInUseException& exception) {
+    EXPECT_EQ(exception.what(), renameMessage(fresh, old));
+  }
+  EXPECT_EQ(machine("a")->configGroup(), old);
+}
+
+TEST_F(Tracking, ReplacingAQueueInTheCollectionRaisesAfterItIsStored) {
+  const auto old = agent.queue("a");
+  const Lumo::Ptr<CmdConfigGroup> fresh = CmdConfigGroup::CmdConfigGroupIs("a");
+  const TraceRecorder trace("NorvConnectionsMgr/5");
+  EXPECT_THROW(agent.config->cmdConfigGroupIs(fresh), Lumo::NameInUseException);
+  EXPECT_EQ(trace.count("Creating a CmdConfigGroupSm for a"), 1u);
+  EXPECT_EQ(agent.config->cmdConfigGroup("a"), fresh);
+  EXPECT_EQ(machine("a")->configGroup(), old);
+}
+
+TEST_F(Tracking, HandlesABatchWhenOneIsAnnounced) {
+  agent.enqueue();
+  const TraceRecorder trace("NorvConnectionsMgr/5");
+  agent.announce();
+  EXPECT_EQ(handled(trace), 1u);
+  EXPECT_EQ(agent.pending->cmdBatchs(), 1u);
+}
+
+TEST_F(Tracking, DoesNothingForAnEmptyQueue) {
+  agent.queue("main");
+  const TraceRecorder trace("NorvConnectionsMgr/5");
+  agent.announce();
+  EXPECT_THAT(trace.texts(), ElementsAre("void Norv::CmdConfigGroupSm::handleBatch()"));
+}
+
+TEST_F(Tracking, FollowsAnotherQueueWithTheSameReactor) {
+  const auto old = agent.queue("a");
+  const auto other = CmdConfigGroup::CmdConfigGroupIs("b");
+  other->cmdBatchEnq(agent.command());
+  const TraceRecorder trace("NorvConnectionsMgr/5");
+  machine("a")->configGroupIs(old);
+  EXPECT_EQ(handled(trace), 0u);
+  machine("a")->configGroupIs(other);
+  EXPECT_EQ(handled(trace), 1u);
+  EXPECT_EQ(other->cmdBatchs(), 0u);
+  old->cmdBatchEnq(agent.command());
+  old->enqueueVersionInc(1);
+  EXPECT_EQ(old->cmdBatchs(), 1u);
+  other->cmdBatchEnq(agent.command());
+  other->enqueueVersionInc(1);
+  EXPECT_EQ(other->cmdBatchs(), 0u);
+}
+
+TEST_F(Tracking, KeptOnPurposeAQueueSetAfterDroppingOneIsNotMoved) {
+  const auto queue = agent.queue("a");
+  const auto machineOfA = machine("a");
+  machineOfA->configGroupDel();
+  EXPECT_EQ(machineOfA->configGroup(), nullptr);
+  EXPECT_TRUE(machineOfA->name().empty());
+  queue->cmdBatchEnq(agent.command());
+  queue->enqueueVersionInc(1);
+  EXPECT_EQ(queue->cmdBatchs(), 1u);
+  const TraceRecorder trace("NorvConnectionsMgr/5");
+  machineOfA->configGroupIs(queue);
+  EXPECT_EQ(handled(trace), 0u);
+  EXPECT_EQ(queue->cmdBatchs(), 1u);
+  queue->enqueueVersionInc(1);
+  EXPECT_EQ(queue->cmdBatchs(), 0u);
+}
+
+TEST_F(Tracking, AClockChangesNothing) {
+  const auto clock = Lumo::Clock::ClockIs("clock");
+  agent.enqueue();
+  machine()->clockIs(clock);
+  EXPECT_EQ(machine()->clock(), clock);
+  const TraceRecorder trace("NorvConnectionsMgr/5");
+  clock->timeIs(1);
+  clock->timeIs(2);
+  EXPECT_THAT(trace.texts(), ElementsAre());
+  agent.announce();
+  EXPECT_EQ(agent.pending->cmdBatchs(), 1u);
+  machine()->clockDel();
+  EXPECT_EQ(machine()->clock(), nullptr);
+}
+
+TEST_F(Tracking, ZombieReactorsStayQuietUntilRevived) {
+  agent.enqueue();
+  const auto watched = machine();
+  watched->clockIs(Lumo::Clock::ClockIs("clock"));
+  watched->lumoDoZombieReactors(true);
+  EXPECT_TRUE(watched->lumoMarkedForDeletion());
+  agent.announce();
+  EXPECT_EQ(agent.pending->cmdBatchs(), 0u);
+  watched->lumoDoZombieReactors(false);
+  agent.announce();
+  EXPECT_EQ(agent.pending->cmdBatchs(), 1u);
+}
+
+TEST_F(Tracking, ReactorsOfAZombieAreZombies) {
+  const auto other = CmdConfigGroup::CmdConfigGroupIs("b");
+  other->cmdBatchEnq(agent.command());
+  agent.queue("a");
+  const auto watched = machine("a");
+  watched->lumoDoZombieReactors(true);
+  const TraceRecorder trace("NorvConnectionsMgr/5");
+  watched->configGroupIs(other);
+  watched->configGroupDel();
+  watched->configGroupIs(other);
+  other->enqueueVersionInc(1);
+  EXPECT_EQ(handled(trace), 0u);
+  watched->lumoDoZombieReactors(false);
+  other->enqueueVersionInc(1);
+  EXPECT_EQ(handled(trace), 1u);
+}
+
+TEST_F(Tracking, TheManagersZombieStateStopsAtItsOwnReactor) {
+  agent.enqueue();
+  agent.manager->lumoDoZombieReactors(true);
+  agent.queue("later");
+  EXPECT_FALSE(machine("later"));
+  agent.announce();
+  EXPECT_EQ(agent.pending->cmdBatchs(), 1u);
+  agent.manager->lumoDoZombieReactors(false);
+}
+
+TEST_F(Tracking, NotificationIsSwitchedForAllReactorsAtOnce) {
+  agent.enqueue();
+  agent.manager->hasNotificationActiveIs(false);
+  agent.announce();
+  agent.queue("later");
+  EXPECT_EQ(agent.pending->cmdBatchs(), 0u);
+  EXPECT_FALSE(machine("later"));
+  agent.manager->hasNotificationActiveIs(true);
+  agent.announce();
+  EXPECT_EQ(agent.pending->cmdBatchs(), 1u);
+  machine()->hasNotificationActiveIs(false);
+  agent.enqueue();
+  agent.announce();
+  EXPECT_EQ(agent.queue()->cmdBatchs(), 1u);
+  machine()->hasNotificationActiveIs(true);
+}
+
+TEST_F(Tracking, AnotherCollectionIsOnlyFollowed) {
+  agent.queue("a");
+  const auto other = GrpcGlobalCmdConfig::GrpcGlobalCmdConfigIs("other");
+  other->cmdConfigGroupIs(CmdConfigGroup::CmdConfigGroupIs("b"));
+  agent.manager->globalCmdConfigIs(other);
+  EXPECT_EQ(agent.manager->globalCmdConfig(), other);
+  EXPECT_TRUE(machine("a"));
+  EXPECT_FALSE(machine("b"));
+  other->cmdConfigGroupIs(CmdConfigGroup::CmdConfigGroupIs("c"));
+  EXPECT_TRUE(machine("c"));
+}
+
+TEST_F(Tracking, MachinesAreDeletedByNameIteratorAndAllAtOnce) {
+  for (const char* name : {"a", "b", "c", "d"}) agent.queue(name);
+  EXPECT_TRUE(agent.manager->cmdConfigGroupSmDel("a"));
+  EXPECT_FALSE(agent.manager->cmdConfigGroupSmDel("a"));
+  auto iterator = agent.manager->cmdConfigGroupSmIterator();
+  EXPECT_TRUE(agent.manager->cmdConfigGroupSmDel(iterator));
+  EXPECT_FALSE(machine("b"));
+  agent.manager->cmdConfigGroupSmDelAll();
+  EXPECT_EQ(agent.manager->cmdConfigGroupSms(), 0u);
+}
+
+TEST_F(Tracking, AMachineMayFollowNoQueue) {
+  const TraceRecorder trace("NorvConnectionsMgr/5");
+  const auto alone = cmdConfigGroupSmFactory(nullptr, agent.manager.ptr());
+  EXPECT_EQ(handled(trace), 1u);
+  EXPECT_TRUE(alone->name().empty());
+  EXPECT_STREQ(alone->fwkType()->typeName(), "Norv::CmdConfigGroupSm");
+}
+
+// A producer that removes its queue from the collection as soon as a command leaves it.
+class Remover : public CmdConfigGroup::NotifieeConst {
+ public:
+  Remover(const Lumo::Ptr<CmdConfigGroup>& queue, support::Agent* agent)
+      : NotifieeConst(queue), agent_(agent) {}
+  using CmdConfigGroup::NotifieeConst::onCmdBatch;
+  void onCmdBatch(U32 index) override {
+    if (!notifier()->cmdBatchHas(index)) agent_->config->cmdConfigGroupDel("main");
+  }
+
+ private:
+  support::Agent* const agent_;
+};
+
+TEST_F(Tracking, SurvivesAProducerThatRemovesItsQueueMeanwhile) {
+  agent.enqueue();
+  agent.enqueue();
+  const auto remover = Lumo::allocate<Remover>(agent.queue(), &agent);
+  agent.announce();
+  EXPECT_FALSE(machine());
+  EXPECT_EQ(agent.pending->cmdBatchs(), 2u);
+}
+
+}  // namespace
