@@ -16,7 +16,9 @@ struct Row {
   const char* response;
 };
 
-std::ostream& operator<<(std::ostream& out, const Row& row) { return out << row.name; }
+std::ostream& operator<<(std::ostream& out, const Row& row) {
+  return out << row.name;
+}
 
 const Row rows[] = {
 #define NORV_REQUEST(number, name, Rpc, Request, Response) \
@@ -50,7 +52,7 @@ class EveryRequest : public testing::TestWithParam<Row> {};
 TEST_P(EveryRequest, ReachesItsMethodAndBringsBackItsResponseType) {
   const Row& row = GetParam();
   if (row.type == Norv::getPortConf) {
-    GTEST_SKIP() << "ends the process; see the tests in process/";
+    GTEST_SKIP() << "ends the process, as a test of its own shows";
   }
   Wire wire;
   std::unique_ptr<google::protobuf::Message> request = support::newRequest(row.type);

@@ -53,9 +53,10 @@ grpc::ByteBuffer buffer(const std::string& bytes) {
 // A generic service: it sees the bytes of the wire and may answer any others.
 class FakeDaemon::Impl {
  public:
-  Impl() {
+  explicit Impl(unsigned short port) {
     grpc::ServerBuilder builder;
-    builder.AddListeningPort("127.0.0.1:0", grpc::InsecureServerCredentials(), &port_);
+    builder.AddListeningPort("127.0.0.1:" + std::to_string(port), grpc::InsecureServerCredentials(),
+                             &port_);
     builder.RegisterCallbackGenericService(&service_);
     server_ = builder.BuildAndStart();
   }
@@ -180,7 +181,7 @@ class FakeDaemon::Impl {
   std::unique_ptr<grpc::Server> server_;
 };
 
-FakeDaemon::FakeDaemon() : impl_(std::make_unique<Impl>()) {}
+FakeDaemon::FakeDaemon(unsigned short port) : impl_(std::make_unique<Impl>(port)) {}
 FakeDaemon::~FakeDaemon() = default;
 
 unsigned short FakeDaemon::port() const {

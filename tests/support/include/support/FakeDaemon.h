@@ -36,8 +36,8 @@ class FakeDaemon {
       std::function<Answer(Norv::GrpcRequestType type, const google::protobuf::Message& request,
                            google::protobuf::Message* response)>;
 
-  // Listens on a free port of the loopback.
-  FakeDaemon();
+  // Listens on a port of the loopback, 0 for a free one.
+  explicit FakeDaemon(unsigned short port = 0);
   ~FakeDaemon();
   FakeDaemon(const FakeDaemon&) = delete;
   FakeDaemon& operator=(const FakeDaemon&) = delete;
