@@ -124,19 +124,20 @@ std::optional<U64> Kit::firstPending() const {
   return std::nullopt;
 }
 
-// Whether the worker has taken the oldest open command. Commands leave the pending queue in the
+// The oldest open command, if the worker has taken it. Commands leave the pending queue in the
 // order of their announcement, so it has unless that one is the first there.
-bool Kit::oldestIsUnderWay() const {
-  return underThreadLock([&] {
+std::optional<U64> Kit::underWay() const {
+  return underThreadLock([&]() -> std::optional<U64> {
     const std::optional<CommandReport> oldest = ledger_->oldestOpen();
-    return oldest && firstPending() != oldest->id;
+    if (!oldest || firstPending() == oldest->id) return std::nullopt;
+    return oldest->id;
   });
 }
 
 void Kit::onFlag() {
   if (status_->errorOccured()) {
     stoppedSince_.store(ledger_->now().time_since_epoch().count(), std::memory_order_relaxed);
-    ledger_->flagRose(!oldestIsUnderWay(), failureText_());
+    ledger_->flagRose(!underWay(), failureText_());
   } else {
     stoppedSince_.store(0, std::memory_order_relaxed);
     ledger_->flagCleared();
@@ -184,7 +185,7 @@ Status Kit::status() const {
   if (stopped()) {
     status.worker = Status::Worker::stopped;
     status.stoppedSince = Time(Time::duration(stoppedSince_.load(std::memory_order_relaxed)));
-  } else if (oldest && oldestIsUnderWay()) {
+  } else if (oldest && underWay() == oldest->id) {
     status.worker = Status::Worker::inFlight;
     status.inFlight = oldest;
   } else {
@@ -201,9 +202,21 @@ void Kit::dropWaiting() {
 }
 
 void Kit::closeBooks(const std::string& reason) {
-  const bool underWay = !stopped() && oldestIsUnderWay();
+  const std::optional<U64> taken = stopped() ? std::nullopt : underWay();
+  // Kept until the books are closed: a command let go enters its end at once, before older ones.
+  std::vector<Lumo::Ptr<GrpcCmd>> waiting;
+  for (auto group = config_->cmdConfigGroupIterator(); group; ++group) {
+    for (auto entry = group.ptr()->cmdBatchIterator(); entry; ++entry) {
+      waiting.push_back(entry.cmdBatch());
+    }
+  }
+  underThreadLock([&] {
+    for (auto entry = pendingQueue_->cmdBatchIterator(); entry; ++entry) {
+      waiting.push_back(entry.cmdBatch());
+    }
+  });
   dropWaiting();
-  ledger_->close(underWay, reason);
+  ledger_->close(taken, reason);
 }
 
 void Kit::leaveProcess(int exitStatus) {

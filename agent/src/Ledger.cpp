@@ -53,6 +53,7 @@ void Ledger::announced(U64 id, const Lumo::Name& queue) {
 }
 
 void Ledger::answered(U64 id, Time at, int errorCode, const std::string& errorText) {
+  Lumo::LockAnchor inOrder(&publishing_);
   Reports ended;
   {
     Lumo::LockAnchor anchor(&lock_);
@@ -67,6 +68,7 @@ void Ledger::answered(U64 id, Time at, int errorCode, const std::string& errorTe
 }
 
 void Ledger::released(U64 id) {
+  Lumo::LockAnchor inOrder(&publishing_);
   Reports ended;
   {
     Lumo::LockAnchor anchor(&lock_);
@@ -75,12 +77,14 @@ void Ledger::released(U64 id) {
     const bool byWorker = report->seq != 0 && std::this_thread::get_id() == worker_;
     if (report->seq == 0) report->errorText = neverAnnounced;
     if (byWorker) endSkippedBefore(report->seq, ended);
-    end(std::move(*report), byWorker && !stopped_ ? Outcome::undecodable : Outcome::dropped, now_(), ended);
+    end(std::move(*report), byWorker && !stopped_ ? Outcome::undecodable : Outcome::dropped, now_(),
+        ended);
   }
   publish(ended);
 }
 
 void Ledger::flagRose(bool nothingUnderWay, const std::string& text) {
+  Lumo::LockAnchor inOrder(&publishing_);
   Reports ended;
   {
     Lumo::LockAnchor anchor(&lock_);
@@ -99,6 +103,7 @@ void Ledger::flagCleared() {
 }
 
 void Ledger::takenWhileStopped(U64 id) {
+  Lumo::LockAnchor inOrder(&publishing_);
   Reports ended;
   {
     Lumo::LockAnchor anchor(&lock_);
@@ -109,11 +114,12 @@ void Ledger::takenWhileStopped(U64 id) {
   publish(ended);
 }
 
-void Ledger::close(bool isUnderWay, const std::string& reason) {
+void Ledger::close(std::optional<U64> underWay, const std::string& reason) {
+  Lumo::LockAnchor inOrder(&publishing_);
   Reports ended;
   {
     Lumo::LockAnchor anchor(&lock_);
-    if (isUnderWay && !open_.empty()) {
+    if (!open_.empty() && underWay == open_.begin()->second.id) {
       open_.begin()->second.errorText = reason;
       endOldest(Outcome::failed, ended);
     }

@@ -21,9 +21,22 @@ struct Complaint {
   std::string reason;
 };
 
+// No message nests as deeply, and what does would exhaust the stack of those who walk through it.
+constexpr int deepestNesting = 100;
+
 json parseLine(const std::string& line) {
+  const auto checkDepth = [](int depth, json::parse_event_t, json&) {
+    if (depth > deepestNesting) {
+      throw Complaint{0, "nested more than " + std::to_string(deepestNesting) + " levels deep"};
+    }
+    return true;
+  };
   try {
-    return json::parse(line);
+    return json::parse(line, checkDepth);
+  } catch (const json::out_of_range& error) {
+    // "[json.exception.out_of_range.406] number overflow parsing '1e999'"
+    const std::string reason = error.what();
+    throw Complaint{0, "malformed JSON: " + reason.substr(reason.find("] ") + 2)};
   } catch (const json::parse_error& error) {
     std::string reason = error.what();
     // "[json.exception.parse_error.101] parse error at line 1, column 8: REASON"

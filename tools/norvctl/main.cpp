@@ -30,6 +30,10 @@ struct Arguments {
 
 // Runs the commands and reports them; the exit status.
 int runSteps(Arguments& arguments, const std::vector<Step>& steps, bool showResponse) {
+  if (std::getenv("SIMULATION_NORV")) {
+    std::cerr << "norvctl: SIMULATION_NORV is set, so nothing would be sent; unset it\n";
+    return 1;
+  }
   std::unique_ptr<Standin::Server> standin;
   if (arguments.standin) {
     Standin::Options options;
@@ -133,6 +137,14 @@ int showTemplate(const Arguments& arguments) {
   return 0;
 }
 
+// A time limit that the clock can count: what is wrong with it, or the empty text.
+std::string checkTimeout(const std::string& text) {
+  constexpr double longest = 1e8;
+  const double seconds = std::strtod(text.c_str(), nullptr);
+  const bool good = seconds >= 0 && seconds <= longest;
+  return good ? std::string() : "'" + text + "' is no time limit; give 0 to 100000000 seconds";
+}
+
 void addSessionOptions(CLI::App* command, Arguments& arguments) {
   command->add_option("--host", arguments.session.host, "the daemon's host")->capture_default_str();
   command->add_option("--port", arguments.session.port, "the daemon's port")->capture_default_str();
@@ -141,7 +153,7 @@ void addSessionOptions(CLI::App* command, Arguments& arguments) {
   command
       ->add_option("--timeout", arguments.timeoutSeconds,
                    "give up after so many SECONDS; 0 is for ever")
-      ->check(CLI::NonNegativeNumber)
+      ->check(CLI::Validator(checkTimeout, "SECONDS"))
       ->capture_default_str();
   command->add_flag("--json", arguments.json, "one JSON object per command, and a summary object");
   command->add_flag("--quiet", arguments.quiet, "only what did not end ok, and the summary");

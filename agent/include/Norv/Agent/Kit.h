@@ -59,8 +59,8 @@ class Kit {
   const std::shared_ptr<Ledger>& ledger() const { return ledger_; }
   void managerIs(const Lumo::Ptr<ConnectionsMgr>& manager);
   void failurePolicyIs(const FailurePolicy& policy) { policy_ = policy; }
-  // Asked on the worker when the flag rises, for the text that goes into the failed command's report:
-  // the library itself tells it to its trace only. Set before the manager is made.
+  // Asked on the worker when the flag rises, for the text that goes into the failed command's
+  // report: the library itself tells it to its trace only. Set before the manager is made.
   void failureTextIs(std::function<std::string()> text) { failureText_ = std::move(text); }
 
   // Wakes the worker again if commands wait, as a single wake-up may have been lost; carries out
@@ -75,8 +75,8 @@ class Kit {
   // Takes every command that waits out of the named queues and the pending queue; they end as
   // dropped. What the worker has taken already is not affected.
   void dropWaiting();
-  // Gives every open command its end: the one under way as failed with `reason`, the others as
-  // dropped. Nothing is sent afterwards.
+  // Gives every open command its end, in order: the one under way as failed with `reason`, the
+  // others as dropped. Nothing is sent afterwards.
   void closeBooks(const std::string& reason);
 
   // Ends the process with `exitStatus`, output flushed, although the worker cannot be told to stop
@@ -94,7 +94,7 @@ class Kit {
   template <class Function>
   auto underThreadLock(Function function) const;
   std::optional<U64> firstPending() const;
-  bool oldestIsUnderWay() const;
+  std::optional<U64> underWay() const;
 
   const Lumo::Ptr<GrpcGlobalCmdConfig> config_;
   const Lumo::Ptr<CmdGroup> pendingQueue_;

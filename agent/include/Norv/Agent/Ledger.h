@@ -41,8 +41,8 @@ struct CommandReport {
 // destructions, moves between queues, and the error flag. Commands go to the daemon one at a time
 // and in order, so a command that has ended tells about those before it: they were skipped.
 //
-// Any thread. The listener is called once per command, on the thread that ended it, possibly under
-// threadLock; it must not call back into the manager or wait.
+// Any thread. The listener is called once per command, in the order of the ends, on the thread that
+// ended it, possibly under threadLock; it must not call back into the manager or wait.
 class Ledger {
  public:
   using Listener = std::function<void(const CommandReport&)>;
@@ -65,9 +65,9 @@ class Ledger {
   // The command has been taken from the pending queue while the flag was set; it is dropped.
   void takenWhileStopped(U64 id);
 
-  // Ends what is still open: the oldest announced one, if it `isUnderWay`, as failed with `reason`,
-  // the rest as dropped.
-  void close(bool isUnderWay, const std::string& reason);
+  // Ends what is still open, in order: the oldest announced one, if it is the one `underWay`, as
+  // failed with `reason`, the rest as dropped.
+  void close(std::optional<U64> underWay, const std::string& reason);
 
   // The thread that lets commands go after their RPC; anyone else who does has dropped them.
   void workerIs(std::thread::id worker);
@@ -88,10 +88,13 @@ class Ledger {
   void endOldest(Outcome outcome, Reports& ended) LUMO_REQUIRES(lock_);
   void endSkippedBefore(U64 seq, Reports& ended) LUMO_REQUIRES(lock_);
   std::optional<CommandReport> take(U64 id) LUMO_REQUIRES(lock_);
-  void publish(const Reports& ended);
+  void publish(const Reports& ended) LUMO_REQUIRES(publishing_);
 
   const TimeSource now_;
   Listener listener_;
+  // Held from a command's end until the listener has been told, so that one who closes the books
+  // has everything told when that returns. Taken before lock_.
+  Lumo::Lock publishing_;
   mutable Lumo::Lock lock_;
   U64 lastId_ LUMO_GUARDED_BY(lock_) = 0;
   U64 lastSeq_ LUMO_GUARDED_BY(lock_) = 0;

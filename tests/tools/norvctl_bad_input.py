@@ -1,0 +1,182 @@
+"""Bad usage and bad input: status 1, a word on standard error, and nothing sent."""
+
+import harness
+from harness import ScriptedDaemon, equal, norvctl, write_file
+
+GOOD = '{"type":"getVersion"}'
+
+
+def refuse(arguments, *words, input=None):
+    """Expects norvctl to refuse, saying these words, without a call to its daemon."""
+    daemon = ScriptedDaemon()
+    arguments = [arguments[0], *daemon.address, *arguments[1:]]
+    finished = norvctl(*arguments, input=input)
+    equal(finished.status, 1, finished)
+    equal(finished.out, "", "nothing is reported")
+    for word in words:
+        assert word in finished.err, f"no {word!r}:\n{finished}"
+    equal(daemon.calls(), [], "nothing is sent")
+
+
+def refuse_line(line, *words):
+    """Expects a file to be refused for its third line; the first is good, the second blank."""
+    file = write_file(GOOD, "", line, GOOD)
+    refuse(["run", file], file + ":3:", "nothing was sent", *words)
+
+
+def refuse_usage(*arguments):
+    finished = norvctl(*arguments)
+    equal(finished.status, 1, finished)
+    equal(finished.out, "")
+    assert finished.err, "no word about it"
+
+
+def test_malformed_json():
+    refuse_line('{"type":}', ":3:9: malformed JSON")
+
+
+def test_unfinished_line():
+    refuse_line('{"type":"getVersion"', ":3:21: malformed JSON")
+
+
+def test_words_after_the_object():
+    refuse_line('{"type":"getVersion"} {}', ":3:23: malformed JSON")
+
+
+def test_number_out_of_range():
+    refuse_line('{"type":"getVersion","request":{"a":1e999}}', "1e999")
+
+
+def test_nesting_without_end():
+    depth = 300000
+    nested = "[" * depth + "]" * depth
+    refuse_line('{"type":"getVersion","request":' + nested + "}", "deep")
+
+
+def test_no_object():
+    refuse_line("[1]", "a line is a JSON object")
+
+
+def test_neither_command_nor_announcement():
+    refuse_line('{"queue":"main"}', '"type"', '"announce"')
+
+
+def test_unknown_type():
+    refuse_line('{"type":"createPrt"}', '"createPrt"', 'nearest is "createPort"', ":3:2:")
+
+
+def test_type_in_wrong_case():
+    refuse_line('{"type":"LISTPORTS"}', '"LISTPORTS"')
+
+
+def test_type_that_is_no_text():
+    refuse_line('{"type":7}', '"type" must be a text, not number')
+
+
+def test_queue_that_is_no_text():
+    refuse_line('{"type":"getVersion","queue":[]}', '"queue" must be a text, not array')
+
+
+def test_announce_that_is_no_text():
+    refuse_line('{"announce":1}', '"announce" must be a text, not number')
+
+
+def test_unknown_field():
+    refuse_line('{"type":"createPort","request":{"nme":"a"}}', "createPort", "nme", ":3:22:")
+
+
+def test_value_of_wrong_kind():
+    refuse_line('{"type":"createPort","request":{"numIncQ":"many"}}', "createPort", '"many"')
+
+
+def test_request_that_is_no_object():
+    refuse_line('{"type":"createPort","request":[1]}', "createPort")
+
+
+def test_unknown_type_of_argument():
+    refuse_line(
+        '{"type":"createPort","request":{"arg":{"@type":"type.googleapis.com/bess.pb.Lost"}}}',
+        "bess.pb.Lost",
+    )
+
+
+def test_get_port_conf():
+    refuse_line('{"type":"getPortConf"}', "ends the process", "listPorts", "--allow-abort")
+
+
+def test_every_bad_line_is_told():
+    file = write_file('{"type":}', GOOD, '{"type":"nothing"}', "x")
+    refuse(["run", file], *[f"{file}:{line}:" for line in (1, 3, 4)])
+
+
+def test_many_bad_lines_are_counted():
+    refuse(["run", write_file(*["x"] * 500)], "... and 480 more")
+
+
+def test_one_bad_file_of_two():
+    good = write_file(GOOD, name="good.jsonl")
+    bad = write_file("x", name="bad.jsonl")
+    refuse(["run", good, bad], bad + ":1:")
+
+
+def test_standard_input():
+    refuse(["run", "-"], "standard input:2:", input=GOOD + "\nx\n")
+
+
+def test_missing_file():
+    good = write_file(GOOD)
+    refuse(["run", good, good + ".lost"], good + ".lost: No such file or directory")
+
+
+def test_folder():
+    refuse(["run", harness.SOURCES], harness.SOURCES)
+
+
+def test_call_of_unknown_type():
+    refuse(["call", "getVersin"], 'nearest is "getVersion"')
+
+
+def test_call_with_unknown_field():
+    refuse(["call", "createPort", '{"nme":"a"}'], "nme", "norvctl template createPort")
+
+
+def test_call_of_get_port_conf():
+    refuse(["call", "getPortConf"], "ends the process", "--allow-abort")
+
+
+def test_template_of_unknown_type():
+    finished = norvctl("template", "createPrt")
+    equal(finished.status, 1)
+    assert 'nearest is "createPort"' in finished.err, finished
+
+
+def test_unknown_option():
+    refuse(["run", "--fly", write_file(GOOD)], "--fly")
+
+
+def test_options_with_bad_values():
+    file = write_file(GOOD)
+    refuse(["run", "--timeout", "-1", file], "--timeout")
+    refuse(["run", "--timeout", "soon", file], "--timeout")
+    refuse(["run", "--timeout", "nan", file], "--timeout")
+    refuse(["run", "--timeout", "1e300", file], "--timeout")
+    refuse(["run", "--on-failure", "perhaps", file], "--on-failure")
+    finished = norvctl("run", "--port", "70000", file)
+    equal(finished.status, 1)
+    assert "--port" in finished.err, finished
+
+
+def test_simulation_would_send_nothing():
+    harness.os.environ["SIMULATION_NORV"] = ""
+    refuse(["run", write_file(GOOD)], "SIMULATION_NORV")
+
+
+def test_usage():
+    refuse_usage()
+    refuse_usage("run")
+    refuse_usage("call")
+    refuse_usage("template")
+    refuse_usage("fly")
+
+
+harness.main()

@@ -1,0 +1,78 @@
+"""Single requests: `call`, `types` and `template`."""
+
+import json
+import re
+
+import harness
+from harness import Result, ScriptedDaemon, equal, norvctl
+
+
+def types():
+    """The rows that `norvctl types` prints: number, name, request, response."""
+    finished = norvctl("types")
+    equal(finished.status, 0)
+    rows = [line.split() for line in finished.out.splitlines()]
+    return [row for row in rows if re.fullmatch(r"\d+", row[0])]
+
+
+def test_types_lists_them_all():
+    rows = types()
+    equal([int(row[0]) for row in rows], list(range(1, 46)))
+    equal([len(row) for row in rows], [4] * 45)
+    equal(len({row[1] for row in rows}), 45)
+    assert ["createPort", "CreatePortRequest", "CreatePortResponse"] in [row[1:] for row in rows]
+
+
+def test_call_prints_the_response():
+    finished = norvctl("call", "--standin", "getVersion")
+    equal(finished.status, 0)
+    assert re.search(r'\{\n  "version": "bessd-standin .*"\n\}', finished.out), finished
+
+
+def test_call_with_a_request():
+    request = {"driver": "PMDPort", "arg": {"@type": "type.googleapis.com/bess.pb.PMDPortArg"}}
+    request["arg"]["vdev"] = "net_null0"
+    finished = norvctl("call", "--standin", "--json", "createPort", json.dumps(request))
+    result = Result(finished)
+    equal(result.status, 0)
+    equal(result.commands[0]["response"]["name"], "pmd_port0")
+
+
+def test_call_refused():
+    result = Result(norvctl("call", "--standin", "--json", "getPortStats", '{"name":"lost"}'))
+    equal(result.status, 2)
+    equal(result.outcomes(), ["refused"])
+    equal(result.error_codes(), [2])
+
+
+def test_call_of_a_refusal_names_the_error():
+    finished = norvctl("call", "--standin", "getPortStats", '{"name":"lost"}')
+    equal(finished.status, 2)
+    assert "ENOENT" in finished.out and "lost" in finished.out, finished
+
+
+def test_get_port_conf_if_insisted_on_ends_the_tool():
+    daemon = ScriptedDaemon()
+    finished = norvctl("call", *daemon.address, "--allow-abort", "getPortConf")
+    equal(finished.status, -harness.signal.SIGABRT, finished)
+
+
+def test_every_template_is_a_request():
+    for _, name, *_ in types():
+        finished = norvctl("template", name)
+        equal(finished.status, 0, name)
+        template = json.loads(finished.out)
+        equal(type(template), dict, name)
+        if name == "getPortConf":
+            continue
+        called = norvctl("call", "--standin", "--json", name, finished.out)
+        assert called.status in (0, 2), f"{name} {finished.out}: {called}"
+        equal(Result(called).types(), [name])
+
+
+def test_templates_show_every_field():
+    finished = norvctl("template", "connectModules")
+    equal(set(json.loads(finished.out)), {"m1", "m2", "ogate", "igate", "skipDefaultHooks"})
+
+
+harness.main()
