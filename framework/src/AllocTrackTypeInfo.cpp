@@ -28,12 +28,18 @@ std::string readable(const std::type_info& type) {
 void AllocTrackTypeInfo::trackAllocation(AllocTrackTypeInfo* info, const std::type_info& type,
                                          std::size_t size) {
   info->allocations_.fetch_add(1, std::memory_order_relaxed);
-  info->bytes_.fetch_add(size, std::memory_order_relaxed);
-  if (info->type_.load(std::memory_order_relaxed)) return;
+  if (info->size_.load(std::memory_order_relaxed) != size) {
+    info->size_.store(size, std::memory_order_relaxed);
+  }
+  info->enterList(type);
+}
+
+void AllocTrackTypeInfo::enterList(const std::type_info& type) {
+  if (type_.load(std::memory_order_relaxed)) return;
   const std::type_info* none = nullptr;
-  if (!info->type_.compare_exchange_strong(none, &type, std::memory_order_relaxed)) return;
-  info->next_ = head.load(std::memory_order_relaxed);
-  while (!head.compare_exchange_weak(info->next_, info, std::memory_order_release,
+  if (!type_.compare_exchange_strong(none, &type, std::memory_order_relaxed)) return;
+  next_ = head.load(std::memory_order_relaxed);
+  while (!head.compare_exchange_weak(next_, this, std::memory_order_release,
                                      std::memory_order_relaxed)) {
   }
 }
@@ -44,7 +50,9 @@ void AllocTrackTypeInfo::trackDeallocation(AllocTrackTypeInfo* info) {
 
 void AllocTrackTypeInfo::trackArrayAllocation(AllocTrackTypeInfo* info, const std::type_info& type,
                                               std::size_t size) {
-  trackAllocation(info, type, size);
+  info->arrayAllocations_.fetch_add(1, std::memory_order_relaxed);
+  info->arrayBytes_.fetch_add(size, std::memory_order_relaxed);
+  info->enterList(type);
 }
 
 void AllocTrackTypeInfo::trackArrayDeallocation(AllocTrackTypeInfo* info) {

@@ -43,7 +43,9 @@ bool Entity::lumoHasAttrLogInterface() const {
 
 void Entity::lumoNboAttrLogSaIs() {}
 
-void notifyZeroReferences(NotifieeList& list) {
+void Entity::notifyZeroReferences(NotifieeList& list) const {
+  if (list.members() == 0) return;
+  const ZeroStep step(*this);
   list.doVisit([](NotifieeConst* notifiee) { notifiee->onZeroReferences(); });
 }
 

@@ -33,12 +33,8 @@ const LumoType* PtrInterface::fwkType() const {
 
 PtrInterface::~PtrInterface() = default;
 
-// The step holds a reference of its own, so that a reactor may point at the object for the length
-// of its call without deleting it a second time.
 void PtrInterface::handleZeroRef() const {
-  references_.inc();
   const_cast<PtrInterface*>(this)->zeroReferencesIs(true);
-  references_.dec();
   maybeDelete();
 }
 

@@ -250,6 +250,16 @@ TEST_F(LinkQueue, PlacingALinkedEntryMovesIt) {
   EXPECT_EQ(queue.tailIndex(), 8u);
 }
 
+// Kept on purpose: placing at the next index appends without a look whether the entry is linked.
+TEST_F(LinkQueue, KeptOnPurposeAppendingALinkedEntryLosesWhatWasBehindIt) {
+  fill(4);
+  queue.memberIs(4, queue[1]);
+  EXPECT_THAT(indexes(queue), ElementsAre(0, 4));
+  EXPECT_EQ(queue.members(), 5u);
+  queue.memberIs(5, queue[4]);
+  EXPECT_THAT(indexes(queue), ElementsAre(0, 5));
+}
+
 TEST_F(LinkQueue, PlacingOverAnEntryReplacesIt) {
   for (const U32 index : {0u, 1u, 2u}) {
     Queue three;

@@ -21,6 +21,7 @@ class Entry : public Lumo::PtrInterface {
   void fwkQkeyIs(Index index) { index_ = index; }
   int value() const { return value_; }
   const Lumo::Ptr<Entry>& lqNext() const { return next_; }
+  Lumo::Ptr<Entry>& lqNext() { return next_; }
   void lqNextIs(const Lumo::Ptr<Entry>& next) { next_ = next; }
 
  private:

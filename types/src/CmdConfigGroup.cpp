@@ -30,7 +30,7 @@ Lumo::ValidPtr<CmdConfigGroup> CmdConfigGroup::CmdConfigGroupIs(Lumo::Name name)
 }
 
 void CmdConfigGroup::zeroReferencesIs(bool zero) {
-  if (zero) Lumo::notifyZeroReferences(notifiees_);
+  if (zero) notifyZeroReferences(notifiees_);
 }
 
 void CmdConfigGroup::cmdBatchNotify(U32 index) {
@@ -57,7 +57,7 @@ Lumo::Ptr<GrpcCmd> CmdConfigGroup::cmdBatchDeq() {
   const Lumo::Ptr<LumoCmdBatch> removed = cmdBatch_._memberDelHead();
   if (!removed) return nullptr;
   cmdBatchNotify(headIndex);
-  return removed->cmdBatch();
+  return cmdBatch_.cmdOf(removed);
 }
 
 Lumo::Ptr<GrpcCmd> CmdConfigGroup::cmdBatchDel(U32 index) {
@@ -65,7 +65,7 @@ Lumo::Ptr<GrpcCmd> CmdConfigGroup::cmdBatchDel(U32 index) {
   const Lumo::Ptr<LumoCmdBatch> removed = cmdBatch_._memberDel(index);
   if (!removed) return nullptr;
   cmdBatchNotify(index);
-  return removed->cmdBatch();
+  return cmdBatch_.cmdOf(removed);
 }
 
 void CmdConfigGroup::cmdBatchDelAll() {

@@ -24,13 +24,11 @@ Lumo::ValidPtr<CmdGroup> CmdGroup::CmdGroupIs() {
 }
 
 Lumo::Ptr<GrpcCmd> CmdGroup::cmdBatchDeq() {
-  const Lumo::Ptr<LumoCmdBatch> removed = cmdBatch_._memberDelHead();
-  return removed ? removed->cmdBatch() : nullptr;
+  return cmdBatch_.cmdOf(cmdBatch_._memberDelHead());
 }
 
 Lumo::Ptr<GrpcCmd> CmdGroup::cmdBatchDel(U32 index) {
-  const Lumo::Ptr<LumoCmdBatch> removed = cmdBatch_._memberDel(index);
-  return removed ? removed->cmdBatch() : nullptr;
+  return cmdBatch_.cmdOf(cmdBatch_._memberDel(index));
 }
 
 void CmdGroup::cmdBatchDelAll() {

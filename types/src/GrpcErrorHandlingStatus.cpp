@@ -23,7 +23,7 @@ Lumo::ValidPtr<GrpcErrorHandlingStatus> GrpcErrorHandlingStatus::GrpcErrorHandli
 }
 
 void GrpcErrorHandlingStatus::zeroReferencesIs(bool zero) {
-  if (zero) Lumo::notifyZeroReferences(notifiees_);
+  if (zero) notifyZeroReferences(notifiees_);
 }
 
 void GrpcErrorHandlingStatus::errorOccuredIs(bool errorOccured) {

@@ -37,7 +37,7 @@ Lumo::ValidPtr<GrpcGlobalCmdConfig> GrpcGlobalCmdConfig::GrpcGlobalCmdConfigIs(L
 }
 
 void GrpcGlobalCmdConfig::zeroReferencesIs(bool zero) {
-  if (zero) Lumo::notifyZeroReferences(notifiees_);
+  if (zero) notifyZeroReferences(notifiees_);
 }
 
 void GrpcGlobalCmdConfig::cmdConfigGroupNotify(const Lumo::Name& name) {

@@ -29,19 +29,30 @@ class AllocTrackTypeInfo {
                                    std::size_t size);
   static void trackArrayDeallocation(AllocTrackTypeInfo* info);
 
-  U64 allocations() const { return allocations_.load(std::memory_order_relaxed); }
+  U64 allocations() const {
+    return allocations_.load(std::memory_order_relaxed) +
+           arrayAllocations_.load(std::memory_order_relaxed);
+  }
   U64 deallocations() const { return deallocations_.load(std::memory_order_relaxed); }
   U64 live() const { return allocations() - deallocations(); }
   // Bytes recorded by all allocations so far; deallocations do not lower it.
-  U64 bytes() const { return bytes_.load(std::memory_order_relaxed); }
+  U64 bytes() const {
+    return allocations_.load(std::memory_order_relaxed) * size_.load(std::memory_order_relaxed) +
+           arrayBytes_.load(std::memory_order_relaxed);
+  }
 
  private:
   friend std::vector<struct AllocTrackRow> allocTrackSnapshot();
 
-  // Counters are independent of each other and of the memory they count: relaxed.
+  void enterList(const std::type_info& type);
+
+  // Counters are independent of each other and of the memory they count: relaxed. One of them
+  // changes per allocation; the bytes of single objects follow from their number.
   std::atomic<U64> allocations_{0};
   std::atomic<U64> deallocations_{0};
-  std::atomic<U64> bytes_{0};
+  std::atomic<std::size_t> size_{0};
+  std::atomic<U64> arrayAllocations_{0};
+  std::atomic<U64> arrayBytes_{0};
   // Set before the record is published in the list (release), never changed after.
   std::atomic<const std::type_info*> type_{nullptr};
   AllocTrackTypeInfo* next_ = nullptr;

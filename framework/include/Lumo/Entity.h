@@ -40,11 +40,11 @@ class Entity : public PtrInterface {
                 "!Lumo::FwkEntityReadsPreserve::anyActive( this )");
   }
 
+  // The zero-references step of an entity with this list: tells every reactor on it.
+  void notifyZeroReferences(NotifieeList& list) const;
+
  private:
   std::atomic<U64> version_{0};
 };
-
-// Tells every reactor on `list` that its notifier has no references left.
-void notifyZeroReferences(NotifieeList& list);
 
 }  // namespace Lumo

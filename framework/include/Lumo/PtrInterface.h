@@ -68,6 +68,22 @@ class PtrInterface {
 
  protected:
   PtrInterface() = default;
+
+  // Keeps an object whose last reference has gone from being deleted while others are told: they
+  // may point at it for the length of a call.
+  class ZeroStep {
+   public:
+    explicit ZeroStep(const PtrInterface& object) : references_(object.references_) {
+      references_.inc();
+    }
+    ~ZeroStep() { references_.dec(); }
+    ZeroStep(const ZeroStep&) = delete;
+    ZeroStep& operator=(const ZeroStep&) = delete;
+
+   private:
+    ReferenceWord& references_;
+  };
+
   void handleZeroRef() const;
 
  private:

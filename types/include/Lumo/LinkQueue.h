@@ -9,8 +9,8 @@
 namespace Lumo {
 
 // A singly linked FIFO of entries under consecutive indexes that wrap around. An entry is a
-// PtrInterface with fwkQkey(), fwkQkeyIs(Index), lqNext() and lqNextIs(Ptr<Entry>); the chain of
-// lqNext from the head owns the entries, and an entry is in at most one queue.
+// PtrInterface with fwkQkey(), fwkQkeyIs(Index), lqNext(), which may be moved from, and lqNextIs;
+// the chain of lqNext from the head owns the entries, and an entry is in at most one queue.
 //
 // Appending, taking from the head and deleting the head take constant time; finding, deleting and
 // placing by any other index walk the chain. The queue has no lock: its owner says who may use it
@@ -51,7 +51,7 @@ class LinkQueue {
   // queue, when only one index is left: it is kept free.
   // Kept on purpose: the check runs on an empty queue too, and refuses there when headIndex
   // happens to be one above the next index.
-  void memberNew(const Ptr<Entry>& entry);
+  void memberNew(Ptr<Entry> entry);
 
   // Places `entry` under `index`: appends it if that is the next index; moves it if it is linked
   // already; replaces the entry that has the index; or inserts it before the first higher one. Null
@@ -125,21 +125,22 @@ class LinkQueue<Entry, Index>::Iterator {
 };
 
 template <class Entry, class Index>
-void LinkQueue<Entry, Index>::memberNew(const Ptr<Entry>& entry) {
+void LinkQueue<Entry, Index>::memberNew(Ptr<Entry> entry) {
   if (!entry) return;
   const Index next = tailIndex();
   if (static_cast<Index>(next + 1) == headIndex_) {
     throwRangeException("linkqueue index space full");
   }
+  Entry* const added = entry.ptr();
   if (tail_) {
-    tail_->lqNextIs(entry);
+    tail_->lqNextIs(std::move(entry));
   } else {
-    head_ = entry;
+    head_ = std::move(entry);
     headIndex_ = next;
   }
-  entry->lqNextIs(nullptr);
-  entry->fwkQkeyIs(next);
-  tail_ = entry.ptr();
+  added->lqNextIs(nullptr);
+  added->fwkQkeyIs(next);
+  tail_ = added;
   tailIndex();
   ++version_;
   ++members_;
@@ -148,7 +149,7 @@ void LinkQueue<Entry, Index>::memberNew(const Ptr<Entry>& entry) {
 template <class Entry, class Index>
 void LinkQueue<Entry, Index>::memberIs(Index index, Ptr<Entry> entry) {
   if (index == tailIndex()) {
-    memberNew(entry);
+    memberNew(std::move(entry));
     return;
   }
   if (!entry) {
@@ -193,14 +194,13 @@ template <class Entry, class Index>
 Ptr<Entry> LinkQueue<Entry, Index>::_memberDelHead() {
   Ptr<Entry> removed = std::move(head_);
   if (!removed) return removed;
-  head_ = removed->lqNext();
+  head_ = std::move(removed->lqNext());
   if (removed.ptr() == tail_) {
     tail_ = nullptr;
     headIndex_ = tailIndex();
   } else {
     headIndex_ = head_->fwkQkey();
   }
-  removed->lqNextIs(nullptr);
   ++version_;
   --members_;
   return removed;
@@ -240,8 +240,7 @@ template <class Entry, class Index>
 void LinkQueue<Entry, Index>::_memberDelAll() {
   Ptr<Entry> entry = std::move(head_);
   while (entry) {
-    Ptr<Entry> next = entry->lqNext();
-    entry->lqNextIs(nullptr);
+    Ptr<Entry> next = std::move(entry->lqNext());
     entry = std::move(next);
   }
   tail_ = nullptr;

@@ -27,9 +27,11 @@ class CmdBatchEntry : public Lumo::PtrInterface {
   U32 fwkQkey() const { return index_; }
   void fwkQkeyIs(U32 index) { index_ = index; }
   const Lumo::Ptr<GrpcCmd>& cmdBatch() const { return cmdBatch_; }
+  Lumo::Ptr<GrpcCmd>& cmdBatch() { return cmdBatch_; }
   void cmdBatchIs(const Lumo::Ptr<GrpcCmd>& cmd) { cmdBatch_ = cmd; }
   const Lumo::Ptr<CmdBatchEntry>& lqNext() const { return lqNext_; }
-  void lqNextIs(const Lumo::Ptr<CmdBatchEntry>& next) { lqNext_ = next; }
+  Lumo::Ptr<CmdBatchEntry>& lqNext() { return lqNext_; }
+  void lqNextIs(Lumo::Ptr<CmdBatchEntry> next) { lqNext_ = std::move(next); }
 
  private:
   U32 index_;
@@ -61,6 +63,12 @@ class CmdBatch : public Lumo::LinkQueue<CmdBatchEntry<Owner>> {
       entry->cmdBatchIs(cmd);
     }
     return true;
+  }
+  // The command of a removed entry (null: of none); left in the entry if an iterator stands on it.
+  static Lumo::Ptr<GrpcCmd> cmdOf(const Lumo::Ptr<Entry>& removed) {
+    if (!removed) return nullptr;
+    if (removed->references() > 1) return removed->cmdBatch();
+    return std::move(removed->cmdBatch());
   }
   Lumo::Ptr<GrpcCmd> cmd(U32 index) const {
     const Lumo::Ptr<Entry> entry = (*this)[index];
