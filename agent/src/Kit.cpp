@@ -100,6 +100,10 @@ void Kit::managerIs(const Lumo::Ptr<ConnectionsMgr>& manager) {
   ledger_->workerIs(worker ? worker->get_id() : std::thread::id());
 }
 
+void Kit::flightRecorderIs(const std::string& path, U64 size) {
+  recorder_ = std::make_unique<FlightRecorder>(path, size);
+}
+
 void Kit::follow(const Lumo::Name& name) {
   const Lumo::Ptr<CmdConfigGroup> group = config_->cmdConfigGroup(name);
   const auto known = queues_.find(name);
@@ -137,7 +141,12 @@ std::optional<U64> Kit::underWay() const {
 void Kit::onFlag() {
   if (status_->errorOccured()) {
     stoppedSince_.store(ledger_->now().time_since_epoch().count(), std::memory_order_relaxed);
-    ledger_->flagRose(!underWay(), failureText_());
+    const bool commandFailed = static_cast<bool>(underWay());
+    ledger_->flagRose(!commandFailed, failureText_());
+    if (recorder_) {
+      recorder_->freeze(commandFailed ? ledger_->lastFailure().value_or(CommandReport())
+                                      : CommandReport());
+    }
   } else {
     stoppedSince_.store(0, std::memory_order_relaxed);
     ledger_->flagCleared();

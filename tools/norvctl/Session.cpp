@@ -107,6 +107,7 @@ Session::Session(const SessionOptions& options, const std::vector<Step>& steps,
       status_(Norv::GrpcErrorHandlingStatus::GrpcErrorHandlingStatusIs()),
       trace_(std::make_unique<Trace>(options)),
       kit_(config_, pending_, status_) {
+  if (!options.flightRecorder.empty()) kit_.flightRecorderIs(options.flightRecorder);
   kit_.failurePolicyIs(options.failurePolicy);
   kit_.failureTextIs([this] { return trace_->lastFailure(); });
   kit_.ledger()->listenerIs([this](const CommandReport& report) {

@@ -4,6 +4,7 @@
 #include <memory>
 #include <optional>
 
+#include <Norv/Agent/FlightRecorder.h>
 #include <Norv/Agent/Ledger.h>
 #include <Norv/Agent/Tracked.h>
 #include <Norv/ConnectionsMgr.h>
@@ -63,6 +64,10 @@ class Kit {
   // report: the library itself tells it to its trace only. Set before the manager is made.
   void failureTextIs(std::function<std::string()> text) { failureText_ = std::move(text); }
 
+  // Keeps the last trace records in a file of `size` bytes and freezes them, with what is known of
+  // the command, whenever the flag rises (see FlightRecorder). Throws when the file cannot be made.
+  void flightRecorderIs(const std::string& path, U64 size = 4 * 1024 * 1024);
+
   // Wakes the worker again if commands wait, as a single wake-up may have been lost; carries out
   // the failure policy when its time has come. Call it from a clock, every few milliseconds.
   void tick();
@@ -100,6 +105,7 @@ class Kit {
   const Lumo::Ptr<CmdGroup> pendingQueue_;
   const Lumo::Ptr<GrpcErrorHandlingStatus> status_;
   const std::shared_ptr<Ledger> ledger_;
+  std::unique_ptr<FlightRecorder> recorder_;
   Lumo::Ptr<ConnectionsMgr> manager_;
   FailurePolicy policy_;
   std::function<std::string()> failureText_ = [] { return std::string("the RPC failed"); };
