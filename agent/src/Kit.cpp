@@ -156,6 +156,7 @@ void Kit::onFlag() {
 void Kit::clearAndGoOn() {
   underThreadLock([&] {
     // The worker cannot take a command meanwhile: the one it holds, if any, it took while stopped.
+    // Waking it makes it let that one go, as long as it has looked at the flag already.
     const std::optional<CommandReport> oldest = ledger_->oldestOpen();
     if (oldest && firstPending() != oldest->id) ledger_->takenWhileStopped(oldest->id);
     status_->errorOccuredIs(false);

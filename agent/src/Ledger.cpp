@@ -77,8 +77,8 @@ void Ledger::released(U64 id) {
     const bool byWorker = report->seq != 0 && std::this_thread::get_id() == worker_;
     if (report->seq == 0) report->errorText = neverAnnounced;
     if (byWorker) endSkippedBefore(report->seq, ended);
-    end(std::move(*report), byWorker && !stopped_ ? Outcome::undecodable : Outcome::dropped, now_(),
-        ended);
+    const Outcome outcome = byWorker ? skippedOutcome(id) : Outcome::dropped;
+    end(std::move(*report), outcome, now_(), ended);
   }
   publish(ended);
 }
@@ -103,15 +103,8 @@ void Ledger::flagCleared() {
 }
 
 void Ledger::takenWhileStopped(U64 id) {
-  Lumo::LockAnchor inOrder(&publishing_);
-  Reports ended;
-  {
-    Lumo::LockAnchor anchor(&lock_);
-    std::optional<CommandReport> report = take(id);
-    if (!report) return;
-    end(std::move(*report), Outcome::dropped, now_(), ended);
-  }
-  publish(ended);
+  Lumo::LockAnchor anchor(&lock_);
+  doubtful_ = id;
 }
 
 void Ledger::close(std::optional<U64> underWay, const std::string& reason) {
@@ -187,11 +180,15 @@ void Ledger::endOldest(Outcome outcome, Reports& ended) {
   end(std::move(oldest.mapped()), outcome, now_(), ended);
 }
 
-// The worker has gone past these without a response: their replies did not decode, or they were
-// dropped while it was stopped.
+// What a command has come to that the worker let go without a response: its reply did not decode,
+// or it was dropped while the flag was set.
+Outcome Ledger::skippedOutcome(U64 id) const {
+  return stopped_ || doubtful_ == id ? Outcome::dropped : Outcome::undecodable;
+}
+
 void Ledger::endSkippedBefore(U64 seq, Reports& ended) {
   while (!open_.empty() && open_.begin()->first < seq) {
-    endOldest(stopped_ ? Outcome::dropped : Outcome::undecodable, ended);
+    endOldest(skippedOutcome(open_.begin()->second.id), ended);
   }
 }
 

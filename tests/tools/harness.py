@@ -180,6 +180,12 @@ class Result:
             code = row.get("response", {}).get("error", {}).get("code", 0)
             equal(code != 0, row["outcome"] == "refused", row)
 
+    def ends_in_one_failure(self):
+        """Expects some commands to be done, one to fail, and the rest, at least one, dropped."""
+        answered, lost = self.summary["ok"], self.summary["dropped"]
+        equal(self.outcomes(), ["ok"] * answered + ["failed"] + ["dropped"] * lost)
+        assert lost > 0, self.summary
+
     def column(self, key):
         return [row[key] for row in self.commands]
 

@@ -73,7 +73,8 @@ class Kit {
   void tick();
 
   bool stopped() const { return status_->errorOccured(); }
-  // Clears the error flag and wakes the worker. What the worker took meanwhile is dropped.
+  // Clears the error flag and wakes the worker. What the worker took meanwhile ends as dropped,
+  // once the worker lets it go.
   void clearAndGoOn();
   Status status() const;
 

@@ -62,7 +62,8 @@ class Ledger {
   // while no tracked command was. Until flagCleared, what is released unanswered was dropped.
   void flagRose(bool nothingUnderWay, const std::string& text);
   void flagCleared();
-  // The command has been taken from the pending queue while the flag was set; it is dropped.
+  // The worker holds the command as the flag is about to be cleared. Usually it has seen the flag,
+  // and lets the command go unsent; should it only look now, the command is sent after all.
   void takenWhileStopped(U64 id);
 
   // Ends what is still open, in order: the oldest announced one, if it is the one `underWay`, as
@@ -86,6 +87,7 @@ class Ledger {
 
   void end(CommandReport report, Outcome outcome, Time at, Reports& ended) LUMO_REQUIRES(lock_);
   void endOldest(Outcome outcome, Reports& ended) LUMO_REQUIRES(lock_);
+  Outcome skippedOutcome(U64 id) const LUMO_REQUIRES(lock_);
   void endSkippedBefore(U64 seq, Reports& ended) LUMO_REQUIRES(lock_);
   std::optional<CommandReport> take(U64 id) LUMO_REQUIRES(lock_);
   void publish(const Reports& ended) LUMO_REQUIRES(publishing_);
@@ -103,6 +105,7 @@ class Ledger {
   std::unordered_map<U64, U64> seqOf_ LUMO_GUARDED_BY(lock_);              // id to seq, while open
   U64 openMaximum_ LUMO_GUARDED_BY(lock_) = 0;
   bool stopped_ LUMO_GUARDED_BY(lock_) = false;
+  U64 doubtful_ LUMO_GUARDED_BY(lock_) = 0;  // the last one taken while stopped
   std::thread::id worker_ LUMO_GUARDED_BY(lock_);
   Time lastEnd_ LUMO_GUARDED_BY(lock_){};
   std::array<U64, outcomes> counts_ LUMO_GUARDED_BY(lock_){};

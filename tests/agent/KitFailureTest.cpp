@@ -1,0 +1,133 @@
+// What the kit makes of a failed RPC: the account, and the policy.
+
+#include "KitFixture.h"
+
+namespace {
+
+using namespace agent_test;
+using testing::ElementsAre;
+using testing::Pair;
+
+struct KitFailure : KitFixture {
+  KitFailure() {
+    kit.failureTextIs([] { return std::string("as the daemon said"); });
+  }
+
+  // Sends so many commands, of which the first fails, and waits for that.
+  void failTheFirstOf(int count) {
+    answerNth(0, {14, "gone", ""});
+    connect();
+    enqueue(count);
+    announce();
+    ASSERT_TRUE(ticking([&] { return ends().size() == 1; }));
+  }
+  void clearAndGoOn() {
+    Lumo::ActivityLockAnchor activity;
+    kit.clearAndGoOn();
+  }
+};
+
+TEST_F(KitFailure, IsTheOutcomeOfTheOneUnderWay) {
+  failTheFirstOf(2);
+  EXPECT_THAT(ends(), ElementsAre(Pair(1, Outcome::failed)));
+  EXPECT_EQ(told->reports[0].errorText, "as the daemon said");
+  EXPECT_TRUE(kit.stopped());
+}
+
+TEST_F(KitFailure, ShowsInTheStatus) {
+  advance(5ms);
+  failTheFirstOf(2);
+  const Norv::Agent::Time then{Norv::Agent::Time::duration(now)};
+  advance(9ms);
+  const Status status = this->status();
+  EXPECT_EQ(status.worker, Status::Worker::stopped);
+  EXPECT_EQ(status.stoppedSince, then);
+  EXPECT_FALSE(status.inFlight);
+  ASSERT_TRUE(status.lastFailure);
+  EXPECT_EQ(status.lastFailure->id, 1u);
+  EXPECT_EQ(status.oldestAge, 9ms);
+}
+
+TEST_F(KitFailure, StopsForGoodUnlessToldOtherwise) {
+  failTheFirstOf(3);
+  advance(24h);
+  tick();
+  EXPECT_TRUE(kit.stopped());
+  EXPECT_EQ(daemon.calls().size(), 1u);
+}
+
+TEST_F(KitFailure, IsClearedAfterThePause) {
+  kit.failurePolicyIs({FailurePolicy::Action::clearAndGoOn, 100ms});
+  failTheFirstOf(5);
+  advance(99ms);
+  tick();
+  EXPECT_TRUE(kit.stopped());
+  advance(1ms);
+  EXPECT_TRUE(ticking([&] { return ends().size() == 5; }));
+  EXPECT_FALSE(kit.stopped());
+  // The worker may have taken the second before it saw the flag.
+  EXPECT_LE(kit.ledger()->count(Outcome::dropped), 1u);
+  EXPECT_EQ(kit.ledger()->count(Outcome::ok), daemon.calls().size() - 1);
+  EXPECT_EQ(ends().back(), std::pair(U64{5}, Outcome::ok));
+}
+
+TEST_F(KitFailure, IsClearedAtOnceWithoutAPause) {
+  kit.failurePolicyIs({FailurePolicy::Action::clearAndGoOn, 0ms});
+  answerNth(0, {14, "gone", ""});
+  connect();
+  enqueue(20);
+  announce();
+  EXPECT_TRUE(ticking([&] { return ends().size() == 20; }));
+  EXPECT_EQ(kit.ledger()->count(Outcome::failed), 1u);
+  EXPECT_EQ(kit.ledger()->count(Outcome::ok) + 1, daemon.calls().size());
+}
+
+TEST_F(KitFailure, MayBeClearedByHand) {
+  failTheFirstOf(3);
+  clearAndGoOn();
+  EXPECT_FALSE(kit.stopped());
+  EXPECT_TRUE(ticking([&] { return ends().size() == 3; }));
+  EXPECT_EQ(ends().back(), std::pair(U64{3}, Outcome::ok));
+}
+
+TEST_F(KitFailure, WhatTheWorkerTookMeanwhileIsDropped) {
+  failTheFirstOf(3);
+  // The worker takes the second, sees the flag and sleeps holding it.
+  ASSERT_TRUE(support::eventually([&] { return status().pending.now == 1; }));
+  // It has looked at the flag once it takes the third, too, and lets the second go.
+  ASSERT_TRUE(agent.eventually([&] { return agent.log->destroyed == 2; }));
+  EXPECT_THAT(ends(), ElementsAre(Pair(1, Outcome::failed), Pair(2, Outcome::dropped)));
+  clearAndGoOn();
+  EXPECT_TRUE(ticking([&] { return ends().size() == 3; }));
+}
+
+TEST_F(KitFailure, BatchesAnnouncedAfterwardsAreDropped) {
+  failTheFirstOf(1);
+  enqueue(2);
+  announce();
+  EXPECT_EQ(ends().size(), 3u);
+  EXPECT_EQ(kit.ledger()->count(Outcome::dropped), 2u);
+}
+
+TEST_F(KitFailure, OfAnUntrackedCommandIsNobodysInTheBooks) {
+  answerNth(0, {14, "gone", ""});
+  connect();
+  {
+    Lumo::ActivityLockAnchor activity;
+    agent.enqueue();
+    agent.announce();
+  }
+  EXPECT_TRUE(ticking([&] { return kit.stopped(); }));
+  EXPECT_EQ(kit.ledger()->count(Outcome::failed), 0u);
+}
+
+TEST_F(KitFailure, ClosingTheBooksAfterwardsDropsTheRestInOrder) {
+  failTheFirstOf(4);
+  ASSERT_TRUE(support::eventually([&] { return status().pending.now == 2; }));
+  Lumo::ActivityLockAnchor activity;
+  kit.closeBooks("stopped");
+  EXPECT_THAT(ends(), ElementsAre(Pair(1, Outcome::failed), Pair(2, Outcome::dropped),
+                                  Pair(3, Outcome::dropped), Pair(4, Outcome::dropped)));
+}
+
+}  // namespace

@@ -1,0 +1,101 @@
+#pragma once
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <support/Agent.h>
+#include <support/FakeDaemon.h>
+
+#include <Lumo/ActivityLockAnchor.h>
+#include <Norv/Agent/Kit.h>
+
+namespace agent_test {
+
+using namespace std::chrono_literals;
+using Norv::Agent::CommandReport;
+using Norv::Agent::FailurePolicy;
+using Norv::Agent::Outcome;
+using Norv::Agent::Status;
+using support::FakeDaemon;
+using TrackedCmd = Norv::Agent::Tracked<support::LoggedCmd>;
+
+// A kit around the manager of a small agent, one fake daemon, and a clock that the test moves.
+struct KitFixture : testing::Test {
+  // Ends what a test has left under way, so that nothing reaches the fixture afterwards.
+  void TearDown() override {
+    daemon.release();
+    if (agent.manager && agent.manager->client() && !kit.stopped()) {
+      EXPECT_TRUE(ticking([&] { return kit.ledger()->openAnnounced() == 0; }));
+    }
+  }
+
+  void connect() {
+    Lumo::ActivityLockAnchor activity;
+    agent.connect(daemon.port());
+    kit.managerIs(agent.manager);
+  }
+  Lumo::Ptr<TrackedCmd> command(Norv::GrpcRequestType type = Norv::getVersion) {
+    return Lumo::allocate<TrackedCmd>(kit.ledger(), agent.log, agent.made++,
+                                      support::newRequest(type).release(), type);
+  }
+  void enqueue(int count = 1, const std::string& queue = "main",
+               Norv::GrpcRequestType type = Norv::getVersion) {
+    Lumo::ActivityLockAnchor activity;
+    for (int i = 0; i < count; ++i) agent.queue(queue)->cmdBatchEnq(command(type));
+  }
+  void announce(const std::string& queue = "main") {
+    Lumo::ActivityLockAnchor activity;
+    agent.announce(queue);
+  }
+  // Waits for an effect, ticking as an agent's clock does.
+  bool ticking(const std::function<bool()>& condition) {
+    return support::eventually(condition, [this] { tick(); });
+  }
+  void tick() {
+    Lumo::ActivityLockAnchor activity;
+    kit.tick();
+  }
+  Status status() {
+    Lumo::ActivityLockAnchor activity;
+    return kit.status();
+  }
+  void advance(std::chrono::nanoseconds duration) { now += duration.count(); }
+
+  // The nth call from 0 is answered so; all others succeed.
+  void answerNth(int nth, const FakeDaemon::Answer& answer) {
+    daemon.handlerIs([nth, answer, count = std::make_shared<std::atomic<int>>(0)](
+                         Norv::GrpcRequestType, const auto&, auto*) {
+      return (*count)++ == nth ? answer : FakeDaemon::Answer();
+    });
+  }
+
+  // How the commands ended, in the order of their ends.
+  std::vector<std::pair<U64, Outcome>> ends() const {
+    Lumo::LockAnchor anchor(&told->lock);
+    std::vector<std::pair<U64, Outcome>> ends;
+    for (const CommandReport& report : told->reports) {
+      ends.emplace_back(report.id, report.outcome);
+    }
+    return ends;
+  }
+
+  struct Told {
+    Lumo::Lock lock;
+    std::vector<CommandReport> reports;
+  };
+
+  FakeDaemon daemon;
+  support::Agent agent;
+  std::atomic<Norv::Agent::Time::rep> now{std::chrono::nanoseconds(1s).count()};
+  Norv::Agent::Kit kit{agent.config, agent.pending, agent.status,
+                       [this] { return Norv::Agent::Time(Norv::Agent::Time::duration(now)); }};
+  std::shared_ptr<Told> told = [this] {
+    auto made = std::make_shared<Told>();
+    kit.ledger()->listenerIs([made](const CommandReport& report) {
+      Lumo::LockAnchor anchor(&made->lock);
+      made->reports.push_back(report);
+    });
+    return made;
+  }();
+};
+
+}  // namespace agent_test
