@@ -1,0 +1,152 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <sstream>
+#include <stdexcept>
+
+#include "Thing.h"
+
+namespace {
+
+using Lumo::AllocTrackRow;
+using Lumo::AllocTrackTypeInfo;
+using Lumo::PtrInterface;
+
+class Tracked : public PtrInterface {
+  LUMO_OBJECT(Tracked)
+
+ public:
+  explicit Tracked(bool fails = false) : activeInConstructor(hasNotificationActive()) {
+    if (fails) throw std::runtime_error("no");
+  }
+  void hasNotificationActiveIs(bool active) override {
+    ++activations;
+    PtrInterface::hasNotificationActiveIs(active);
+  }
+
+  const bool activeInConstructor;
+  int activations = 0;
+};
+constinit const Lumo::LumoType Tracked::_lumoType("Tracked");
+
+// Larger than its base, and without operators of its own.
+class LargerTracked : public Tracked {
+ public:
+  char more[1000] = {};
+};
+
+// An object of a class that keeps to the base's operators.
+class Plain : public PtrInterface {};
+
+struct AllocationTest : testing::Test {
+  const AllocTrackTypeInfo& record = Tracked::lumoAllocTrackTypeInfo_;
+  const U64 allocations = record.allocations();
+  const U64 deallocations = record.deallocations();
+  const U64 bytes = record.bytes();
+  const U64 live = record.live();
+};
+
+TEST_F(AllocationTest, GivesTheOnlyReference) {
+  const auto object = Lumo::allocate<Tracked>();
+  EXPECT_EQ(object->references(), 1u);
+}
+
+TEST_F(AllocationTest, ActivatesNotificationAfterTheConstructor) {
+  const auto object = Lumo::allocate<Tracked>();
+  EXPECT_FALSE(object->activeInConstructor);
+  EXPECT_TRUE(object->hasNotificationActive());
+  EXPECT_EQ(object->activations, 1);
+}
+
+TEST_F(AllocationTest, PassesTheFailureOfAConstructorOn) {
+  EXPECT_THROW(Lumo::allocate<Tracked>(true), std::runtime_error);
+  EXPECT_EQ(record.allocations(), allocations + 1);
+  EXPECT_EQ(record.live(), live);
+}
+
+TEST_F(AllocationTest, RecordsEachObject) {
+  {
+    const auto a = Lumo::allocate<Tracked>();
+    const auto b = Lumo::allocate<Tracked>();
+    EXPECT_EQ(record.allocations(), allocations + 2);
+    EXPECT_EQ(record.live(), live + 2);
+    EXPECT_EQ(record.bytes(), bytes + 2 * sizeof(Tracked));
+  }
+  EXPECT_EQ(record.deallocations(), deallocations + 2);
+  EXPECT_EQ(record.bytes(), bytes + 2 * sizeof(Tracked));
+}
+
+TEST_F(AllocationTest, RecordsASubclassWithTheSizeOfTheClass) {
+  const auto object = Lumo::allocate<LargerTracked>();
+  object->more[999] = 1;
+  EXPECT_EQ(record.bytes(), bytes + sizeof(Tracked));
+}
+
+TEST_F(AllocationTest, RecordsAnArrayAsOneAllocation) {
+  const auto array = std::make_unique<Tracked[]>(3);
+  EXPECT_EQ(record.allocations(), allocations + 1);
+  EXPECT_GE(record.bytes(), bytes + 3 * sizeof(Tracked));
+}
+
+TEST_F(AllocationTest, BalancesAnArray) {
+  { const auto array = std::make_unique<Tracked[]>(3); }
+  EXPECT_EQ(record.deallocations(), deallocations + 1);
+  EXPECT_EQ(record.live(), live);
+}
+
+TEST_F(AllocationTest, ClassesWithoutOperatorsAreRecordedAsTheBase) {
+  const AllocTrackTypeInfo& base = PtrInterface::lumoAllocTrackTypeInfo_;
+  const U64 before = base.live();
+  const U64 bytesBefore = base.bytes();
+  {
+    const auto object = Lumo::allocate<Plain>();
+    EXPECT_EQ(base.live(), before + 1);
+    EXPECT_EQ(base.bytes(), bytesBefore + sizeof(PtrInterface));
+    const auto array = std::make_unique<Plain[]>(2);
+    EXPECT_EQ(base.live(), before + 2);
+  }
+  EXPECT_EQ(base.live(), before);
+}
+
+TEST_F(AllocationTest, EachClassHasItsOwnRecord) {
+  const U64 things = sample::Thing::lumoAllocTrackTypeInfo_.allocations();
+  const auto object = sample::thing();
+  EXPECT_EQ(record.allocations(), allocations);
+  EXPECT_EQ(sample::Thing::lumoAllocTrackTypeInfo_.allocations(), things + 1);
+}
+
+TEST_F(AllocationTest, TwoSnapshotsShowWhatHappenedBetween) {
+  const auto before = Lumo::allocTrackSnapshot();
+  const auto kept = sample::thing();
+  { const auto gone = sample::thing(); }
+  const auto change = Lumo::allocTrackDifference(before, Lumo::allocTrackSnapshot());
+  ASSERT_EQ(change.size(), 1u);
+  EXPECT_EQ(change[0].typeName, "sample::Thing");
+  EXPECT_EQ(change[0].allocations, 2u);
+  EXPECT_EQ(change[0].deallocations, 1u);
+  EXPECT_EQ(change[0].live(), 1u);
+  EXPECT_EQ(change[0].bytes, 2 * sizeof(sample::Thing));
+}
+
+TEST_F(AllocationTest, SnapshotsAreSortedByName) {
+  const auto a = sample::thing();
+  const auto b = Lumo::allocate<Tracked>();
+  std::vector<std::string> names;
+  for (const AllocTrackRow& row : Lumo::allocTrackSnapshot()) names.push_back(row.typeName);
+  EXPECT_TRUE(std::is_sorted(names.begin(), names.end()));
+  EXPECT_THAT(names, testing::Contains("sample::Thing"));
+}
+
+TEST_F(AllocationTest, ReportsALinePerClass) {
+  const auto object = sample::thing();
+  const AllocTrackTypeInfo& things = sample::Thing::lumoAllocTrackTypeInfo_;
+  std::ostringstream expected;
+  expected << things.live() << ' ' << things.allocations() << ' ' << things.deallocations() << ' '
+           << things.bytes() << " sample::Thing\n";
+  std::ostringstream report;
+  Lumo::allocTrackReport(report);
+  EXPECT_THAT(report.str(), testing::StartsWith("live allocations deallocations bytes type\n"));
+  EXPECT_THAT(report.str(), testing::HasSubstr(expected.str()));
+}
+
+}  // namespace

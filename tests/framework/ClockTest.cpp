@@ -1,0 +1,197 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <stdexcept>
+
+#include <Lumo/Clock.h>
+
+namespace {
+
+using Lumo::Clock;
+using Lumo::NotifieeListClockKey;
+using Lumo::Ptr;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+class Alarm : public Clock::NotifieeConst {
+ public:
+  Alarm(const Ptr<Clock const>& clock, std::vector<int>* log, int number)
+      : NotifieeConst(clock), log_(log), number_(number) {}
+  ~Alarm() override { doZombieReactor(true); }
+  void onTime() override {
+    log_->push_back(number_);
+    if (then) then();
+  }
+  std::function<void()> then;
+
+ private:
+  std::vector<int>* log_;
+  int number_;
+};
+
+// Follows the clock and leaves onTime() to the base.
+class Deaf : public Clock::NotifieeConst {
+ public:
+  explicit Deaf(const Ptr<Clock const>& clock) : NotifieeConst(clock) {}
+};
+
+struct ClockTest : testing::Test {
+  Ptr<Clock> clock = Clock::ClockIs("test");
+  std::vector<int> log;
+
+  Ptr<Alarm> alarm(int number, double time) {
+    auto made = Lumo::allocate<Alarm>(clock, &log, number);
+    made->timeoutIs(time);
+    return made;
+  }
+};
+
+TEST(NotifieeListClockKey, OrdersByTimeAndThenByNumber) {
+  const NotifieeListClockKey early{1.0, 9};
+  const NotifieeListClockKey late{1.5, 0};
+  const NotifieeListClockKey later{1.5, 1};
+  EXPECT_TRUE(early < late && late < later && early < later);
+  EXPECT_FALSE(late < early || later < late || late < late);
+}
+
+TEST_F(ClockTest, HasANameAndATime) {
+  EXPECT_EQ(clock->name(), "test");
+  EXPECT_EQ(clock->time(), 0);
+  EXPECT_LT(clock->nextTimeout(), 0);
+  const U64 version = clock->fwkEntityVersion();
+  clock->timeIs(2.5);
+  EXPECT_EQ(clock->time(), 2.5);
+  EXPECT_EQ(clock->fwkEntityVersion(), version + 1);
+}
+
+TEST_F(ClockTest, CallsWhoeverIsDueInTheOrderOfTheirTimes) {
+  const auto third = alarm(3, 3);
+  const auto first = alarm(1, 1);
+  const auto second = alarm(2, 2);
+  const auto fourth = alarm(4, 4);
+  EXPECT_EQ(clock->nextTimeout(), 1);
+  clock->timeIs(0.5);
+  EXPECT_THAT(log, IsEmpty());
+  clock->timeIs(3);
+  EXPECT_THAT(log, ElementsAre(1, 2, 3));
+  EXPECT_EQ(clock->nextTimeout(), 4);
+}
+
+TEST_F(ClockTest, ServesRequestsForOneTimeInTheirOrder) {
+  const auto a = alarm(1, 2);
+  const auto b = alarm(2, 2);
+  a->timeoutIs(2);  // asks again, and stands behind now
+  clock->timeIs(2);
+  EXPECT_THAT(log, ElementsAre(2, 1));
+}
+
+TEST_F(ClockTest, UsesARequestUp) {
+  const auto a = alarm(1, 1);
+  clock->timeIs(1);
+  clock->timeIs(5);
+  EXPECT_THAT(log, ElementsAre(1));
+  EXPECT_LT(clock->nextTimeout(), 0);
+}
+
+TEST_F(ClockTest, CallsAFreshReactorAtTheNextEvent) {
+  const auto fresh = Lumo::allocate<Alarm>(clock, &log, 1);
+  clock->timeIs(clock->time());
+  EXPECT_THAT(log, ElementsAre(1));
+}
+
+TEST_F(ClockTest, AHandlerMayAskForMore) {
+  const auto a = alarm(1, 1);
+  a->then = [&] { a->timeoutIs(clock->time() + 1); };
+  clock->timeIs(1);
+  clock->timeIs(2);
+  EXPECT_THAT(log, ElementsAre(1, 1));
+  EXPECT_EQ(clock->nextTimeout(), 3);
+}
+
+TEST_F(ClockTest, ARequestForThePastWaitsForTheNextEvent) {
+  const auto a = alarm(1, 1);
+  a->then = [&] { a->timeoutIs(0); };
+  clock->timeIs(1);
+  EXPECT_THAT(log, ElementsAre(1));
+  clock->timeIs(1);
+  EXPECT_THAT(log, ElementsAre(1, 1));
+}
+
+TEST_F(ClockTest, ForgetsOneThatIsInactiveOrGone) {
+  const auto a = alarm(1, 1);
+  auto b = alarm(2, 1);
+  a->hasNotificationActiveIs(false);
+  b = nullptr;
+  clock->timeIs(2);
+  EXPECT_THAT(log, IsEmpty());
+  EXPECT_EQ(clock->notifieeList()->members(), 0u);
+}
+
+TEST_F(ClockTest, CallsOneThatBecomesActiveAgain) {
+  const auto a = alarm(1, 100);
+  a->hasNotificationActiveIs(false);
+  a->hasNotificationActiveIs(true);
+  clock->timeIs(1);
+  EXPECT_THAT(log, ElementsAre(1));
+}
+
+TEST_F(ClockTest, OneWithdrawnByAHandlerIsNotCalled) {
+  auto a = alarm(1, 1);
+  auto b = alarm(2, 2);
+  auto c = alarm(3, 3);
+  a->then = [&] {
+    b = nullptr;
+    c->isRegisteredNotifieeIs(false);
+  };
+  clock->timeIs(3);
+  EXPECT_THAT(log, ElementsAre(1));
+}
+
+TEST_F(ClockTest, AReactorMayDropItself) {
+  auto a = alarm(1, 1);
+  a->then = [&] { a = nullptr; };
+  clock->timeIs(1);
+  clock->timeIs(2);
+  EXPECT_THAT(log, ElementsAre(1));
+}
+
+TEST_F(ClockTest, AnUnregisteredReactorCannotAsk) {
+  const auto a = alarm(1, 1);
+  a->isRegisteredNotifieeIs(false);
+  a->timeoutIs(1);
+  clock->timeIs(1);
+  EXPECT_THAT(log, IsEmpty());
+}
+
+TEST_F(ClockTest, AReactorMayMoveToAnotherClock) {
+  const auto other = Clock::ClockIs("other");
+  const auto a = alarm(1, 1);
+  a->notifierIs(other);
+  EXPECT_EQ(a->notifier(), other);
+  clock->timeIs(2);
+  EXPECT_THAT(log, IsEmpty());
+  other->timeIs(0);
+  EXPECT_THAT(log, ElementsAre(1));
+}
+
+TEST_F(ClockTest, AnExceptionLeavesTheOthersScheduled) {
+  const auto a = alarm(1, 1);
+  const auto b = alarm(2, 2);
+  a->then = [] { throw std::runtime_error("no"); };
+  EXPECT_THROW(clock->timeIs(2), std::runtime_error);
+  EXPECT_THAT(log, ElementsAre(1));
+  clock->timeIs(2);
+  EXPECT_THAT(log, ElementsAre(1, 2));
+}
+
+TEST_F(ClockTest, TheBaseReactorDoesNothingOnTime) {
+  const auto deaf = Lumo::allocate<Deaf>(clock);
+  EXPECT_EQ(deaf->notifier(), clock);
+  EXPECT_TRUE(deaf->isRegisteredNotifiee());
+  clock->timeIs(1);
+  EXPECT_LT(clock->nextTimeout(), 0);
+  EXPECT_TRUE(deaf->isRegisteredNotifiee());
+}
+
+}  // namespace

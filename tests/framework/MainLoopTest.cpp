@@ -1,0 +1,197 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <functional>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include <Lumo/MainLoop.h>
+
+namespace {
+
+using namespace std::chrono_literals;
+using Lumo::ActivityLockAnchor;
+using Lumo::Clock;
+using Lumo::MainLoop;
+using Lumo::Ptr;
+using testing::ElementsAre;
+
+// Longer than any test takes; a loop that needs it has failed.
+constexpr auto patience = 30s;
+
+class Alarm : public Clock::NotifieeConst {
+ public:
+  Alarm(const Ptr<Clock const>& clock, std::function<void()> action)
+      : NotifieeConst(clock), action_(std::move(action)) {}
+  ~Alarm() override { doZombieReactor(true); }
+  void onTime() override { action_(); }
+
+ private:
+  std::function<void()> action_;
+};
+
+struct MainLoopTest : testing::Test {
+  MainLoop loop;
+  std::vector<int> log;
+
+  std::function<void()> entry(int number) {
+    return [this, number] { log.push_back(number); };
+  }
+};
+
+TEST_F(MainLoopTest, RunsTasksInTheOrderOfPosting) {
+  for (int number : {1, 2, 3}) loop.post(entry(number));
+  loop.post([&] { loop.stop(); });
+  loop.run();
+  EXPECT_THAT(log, ElementsAre(1, 2, 3));
+}
+
+TEST_F(MainLoopTest, RunsTasksOnItsThreadUnderTheActivityLock) {
+  std::thread::id runner;
+  bool taken = true;
+  loop.post([&] {
+    runner = std::this_thread::get_id();
+    taken = ActivityLockAnchor().locked();  // false: this thread holds it already
+    loop.stop();
+  });
+  loop.run();
+  EXPECT_EQ(runner, std::this_thread::get_id());
+  EXPECT_FALSE(taken);
+  EXPECT_TRUE(ActivityLockAnchor().locked());
+}
+
+TEST_F(MainLoopTest, TakesTasksFromOtherThreads) {
+  constexpr int each = 500;
+  std::vector<std::thread> threads;
+  int ran = 0;
+  for (int i = 0; i < 3; ++i) {
+    threads.emplace_back([&] {
+      for (int n = 0; n < each; ++n) loop.post([&] { ++ran; });
+    });
+  }
+  EXPECT_TRUE(loop.runUntil([&] { return ran == 3 * each; }, patience));
+  for (std::thread& thread : threads) thread.join();
+}
+
+TEST_F(MainLoopTest, ATaskPostedByATaskRunsAfterThoseBeforeIt) {
+  loop.post([&] {
+    loop.post(entry(3));
+    loop.post([&] { loop.stop(); });
+    log.push_back(1);
+  });
+  loop.post(entry(2));
+  loop.run();
+  EXPECT_THAT(log, ElementsAre(1, 2, 3));
+}
+
+// The other thread can only take the lock while the loop waits.
+TEST_F(MainLoopTest, ReleasesTheActivityLockWhileItWaits) {
+  std::atomic<bool> entered{false};
+  std::thread other([&] {
+    ActivityLockAnchor anchor;
+    entered = anchor.locked();
+    loop.stop();
+  });
+  loop.run();
+  other.join();
+  EXPECT_TRUE(entered);
+}
+
+TEST_F(MainLoopTest, SeesAConditionThatAnotherThreadMakesTrue) {
+  bool done = false;
+  std::thread other([&] {
+    ActivityLockAnchor anchor;
+    done = true;
+  });
+  EXPECT_TRUE(loop.runUntil([&] { return done; }, patience));
+  other.join();
+}
+
+TEST_F(MainLoopTest, GivesUpAtTheDeadline) {
+  int looks = 0;
+  const auto never = [&] { return ++looks < 0; };
+  EXPECT_FALSE(loop.runUntil(never, 20ms));
+  EXPECT_GE(looks, 1);
+  EXPECT_FALSE(loop.runUntil(never, 0ms));
+  EXPECT_TRUE(loop.runUntil([] { return true; }, 0ms));
+}
+
+TEST_F(MainLoopTest, LooksAtTheConditionUnderTheActivityLock) {
+  bool taken = true;
+  loop.runUntil(
+      [&] {
+        taken = ActivityLockAnchor().locked();
+        return true;
+      },
+      patience);
+  EXPECT_FALSE(taken);
+}
+
+TEST_F(MainLoopTest, AStopEndsTheWaitForACondition) {
+  loop.post([&] { loop.stop(); });
+  EXPECT_FALSE(loop.runUntil([] { return false; }, patience));
+}
+
+TEST_F(MainLoopTest, AStopBeforehandEndsTheNextRunOnly) {
+  loop.stop();
+  loop.post(entry(1));
+  loop.run();
+  EXPECT_THAT(log, ElementsAre(1));
+  loop.post(entry(2));
+  EXPECT_TRUE(loop.runUntil([&] { return log.size() == 2; }, patience));
+}
+
+TEST_F(MainLoopTest, MovesItsClock) {
+  EXPECT_TRUE(loop.runUntil([&] { return loop.clock()->time() > 0; }, patience));
+}
+
+TEST_F(MainLoopTest, CallsTheReactorsOfItsClockWhenTheyAreDue) {
+  Ptr<Alarm> alarm;
+  std::vector<double> times;
+  alarm = Lumo::allocate<Alarm>(loop.clock(), [&] {
+    times.push_back(loop.clock()->time());
+    if (times.size() == 3) return loop.stop();
+    alarm->timeoutIs(loop.clock()->time() + 0.005);
+  });
+  loop.run();
+  ASSERT_EQ(times.size(), 3u);
+  EXPECT_GE(times[1], times[0] + 0.005);
+  EXPECT_GE(times[2], times[1] + 0.005);
+}
+
+TEST_F(MainLoopTest, AnExceptionOfATaskLeavesTheRestPosted) {
+  loop.post(entry(1));
+  loop.post([] { throw std::runtime_error("task"); });
+  loop.post(entry(2));
+  loop.post([&] { loop.stop(); });
+  EXPECT_THROW(loop.run(), std::runtime_error);
+  EXPECT_THAT(log, ElementsAre(1));
+  EXPECT_TRUE(ActivityLockAnchor().locked());
+  loop.run();
+  EXPECT_THAT(log, ElementsAre(1, 2));
+}
+
+TEST_F(MainLoopTest, AnExceptionKeepsTheRestBeforeWhatIsPostedLater) {
+  loop.post([&] {
+    loop.post(entry(2));
+    throw std::runtime_error("task");
+  });
+  loop.post(entry(1));
+  EXPECT_THROW(loop.run(), std::runtime_error);
+  EXPECT_TRUE(loop.runUntil([&] { return log.size() == 2; }, patience));
+  EXPECT_THAT(log, ElementsAre(1, 2));
+}
+
+TEST(MainLoop, DropsWhatIsStillPosted) {
+  const auto token = std::make_shared<int>(1);
+  {
+    MainLoop loop;
+    loop.post([token] { ADD_FAILURE() << "ran"; });
+    EXPECT_EQ(token.use_count(), 2);
+  }
+  EXPECT_EQ(token.use_count(), 1);
+}
+
+}  // namespace
