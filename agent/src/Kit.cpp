@@ -139,18 +139,20 @@ std::optional<U64> Kit::underWay() const {
 }
 
 void Kit::onFlag() {
-  if (status_->errorOccured()) {
-    stoppedSince_.store(ledger_->now().time_since_epoch().count(), std::memory_order_relaxed);
-    const bool commandFailed = static_cast<bool>(underWay());
-    ledger_->flagRose(!commandFailed, failureText_());
-    if (recorder_) {
-      recorder_->freeze(commandFailed ? ledger_->lastFailure().value_or(CommandReport())
-                                      : CommandReport());
-    }
-  } else {
-    stoppedSince_.store(0, std::memory_order_relaxed);
+  if (!status_->errorOccured()) {
+    stoppedSince_.store(0, std::memory_order_release);
     ledger_->flagCleared();
+    return;
   }
+  const Time now = ledger_->now();
+  const bool commandFailed = static_cast<bool>(underWay());
+  ledger_->flagRose(!commandFailed, failureText_());
+  if (recorder_) {
+    recorder_->freeze(commandFailed ? ledger_->lastFailure().value_or(CommandReport())
+                                    : CommandReport());
+  }
+  // Last, so that whoever sees the kit stopped finds the failure in the books.
+  stoppedSince_.store(now.time_since_epoch().count(), std::memory_order_release);
 }
 
 void Kit::clearAndGoOn() {
@@ -171,10 +173,12 @@ void Kit::wakeWorker() {
 
 void Kit::tick() {
   if (!stopped()) {
-    if (ledger_->openAnnounced() != 0) wakeWorker();
+    const bool waiting =
+        underThreadLock([&] { return pendingQueue_->cmdBatchs() != 0; });  // tracked or not
+    if (waiting || ledger_->openAnnounced() != 0) wakeWorker();
     return;
   }
-  const Time since{Time::duration(stoppedSince_.load(std::memory_order_relaxed))};
+  const Time since{Time::duration(stoppedSince_.load(std::memory_order_acquire))};
   if (policy_.action == FailurePolicy::Action::clearAndGoOn &&
       ledger_->now() - since >= policy_.pause) {
     clearAndGoOn();
@@ -194,7 +198,7 @@ Status Kit::status() const {
   if (!manager_ || !manager_->client()) return status;
   if (stopped()) {
     status.worker = Status::Worker::stopped;
-    status.stoppedSince = Time(Time::duration(stoppedSince_.load(std::memory_order_relaxed)));
+    status.stoppedSince = Time(Time::duration(stoppedSince_.load(std::memory_order_acquire)));
   } else if (oldest && underWay() == oldest->id) {
     status.worker = Status::Worker::inFlight;
     status.inFlight = oldest;

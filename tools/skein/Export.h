@@ -1,5 +1,7 @@
 #pragma once
 
+#include <functional>
+#include <iosfwd>
 #include <string>
 
 #include "Recording.h"
@@ -10,6 +12,13 @@
 // queue as a counter, and every other record as an instant. "-" is standard output.
 int exportPerfetto(const Recording& recording, const std::string& path);
 
+// A picture, as SVG: a lane for each queue with a bar for each command, and how many waited. "-" is
+// standard output.
+int exportSvg(const Recording& recording, const std::string& path);
+
 // A trace in the Common Trace Format in a new or empty folder: a stream for each thread, an event
 // class for each site.
 int exportCtf(const Recording& recording, const std::string& folder);
+
+// Runs `write` on the file, or on standard output for "-".
+int writeTo(const std::string& path, const std::function<void(std::ostream&)>& write);

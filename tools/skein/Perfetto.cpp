@@ -1,8 +1,4 @@
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
-#include <fstream>
-#include <iostream>
+#include <ostream>
 #include <set>
 
 #include "CommandSlices.h"
@@ -104,18 +100,5 @@ void writeEvents(const Recording& recording, std::ostream& out) {
 }  // namespace
 
 int exportPerfetto(const Recording& recording, const std::string& path) {
-  if (path == "-") {
-    writeEvents(recording, std::cout);
-    std::cout.flush();
-    if (std::cout) return 0;
-    std::fprintf(stderr, "skein: cannot write to standard output\n");
-    return 1;
-  }
-  errno = 0;
-  std::ofstream out(path, std::ios::trunc);
-  if (out) writeEvents(recording, out);
-  out.close();
-  if (out) return 0;
-  std::fprintf(stderr, "skein: cannot write %s: %s\n", path.c_str(), std::strerror(errno));
-  return 1;
+  return writeTo(path, [&](std::ostream& out) { writeEvents(recording, out); });
 }

@@ -48,8 +48,10 @@ struct Arguments {
 int exportAs(const Arguments& arguments, Filter& filter) {
   filter.resolve(arguments.file);
   const Recording recording(arguments.file, filter);
-  const int status = arguments.format == "ctf" ? exportCtf(recording, arguments.target)
-                                               : exportPerfetto(recording, arguments.target);
+  const auto exporter = arguments.format == "ctf"   ? exportCtf
+                        : arguments.format == "svg" ? exportSvg
+                                                    : exportPerfetto;
+  const int status = exporter(recording, arguments.target);
   const std::string problem = recording.reader().problem();
   if (status != 0 || problem.empty()) return status;
   std::fprintf(stderr, "skein: %s\n", problem.c_str());
@@ -75,13 +77,14 @@ int run(int count, char** words) {
   CLI::App* exportCommand = add("export", "write the records for other programs");
   exportCommand
       ->add_option("TARGET", arguments.target,
-                   "the folder (ctf) or file (perfetto, - for standard output)")
+                   "the folder (ctf) or file (perfetto, svg; - for standard output)")
       ->required();
   exportCommand
       ->add_option("--format", arguments.format,
-                   "ctf (babeltrace2, Trace Compass) or perfetto (Perfetto, chrome://tracing)")
+                   "ctf (babeltrace2, Trace Compass), perfetto (Perfetto, chrome://tracing) or svg "
+                   "(a picture)")
       ->required()
-      ->check(CLI::IsMember({"ctf", "perfetto"}));
+      ->check(CLI::IsMember({"ctf", "perfetto", "svg"}));
   DumpOptions options;
   try {
     app.parse(count, words);

@@ -46,7 +46,8 @@ const char* workerName(Status::Worker worker);
 //   kit.managerIs(mgr);
 //   ... commands as Tracked<...>(kit.ledger(), ...), kit.tick() every few milliseconds ...
 //
-// Everything here is for the main thread, with the activity lock held.
+// Everything here is for the main thread, with the activity lock held. The worker tells the kit of
+// failures without it, so the kit must stay while a command is under way.
 class Kit {
  public:
   Kit(const Lumo::Ptr<GrpcGlobalCmdConfig>& config, const Lumo::Ptr<CmdGroup>& pendingQueue,
@@ -72,7 +73,8 @@ class Kit {
   // the failure policy when its time has come. Call it from a clock, every few milliseconds.
   void tick();
 
-  bool stopped() const { return status_->errorOccured(); }
+  // Whether the error flag is up and the kit has entered the failure into its books.
+  bool stopped() const { return stoppedSince_.load(std::memory_order_acquire) != 0; }
   // Clears the error flag and wakes the worker. What the worker took meanwhile ends as dropped,
   // once the worker lets it go.
   void clearAndGoOn();
@@ -113,8 +115,8 @@ class Kit {
   std::map<Lumo::Name, Lumo::Ptr<QueueWatcher>> queues_;
   Lumo::Ptr<ConfigWatcher> configWatcher_;
   Lumo::Ptr<StatusWatcher> statusWatcher_;
-  // Written on the worker, read on the main thread: nanoseconds of the time source, 0 for not
-  // stopped.
+  // Written on the worker, read on the main thread: the time in ticks, 0 for not stopped. Release and
+  // acquire, so that what the worker has entered before is seen.
   std::atomic<Time::rep> stoppedSince_{0};
 };
 
