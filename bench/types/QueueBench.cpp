@@ -1,19 +1,22 @@
 // The indexed queue beside std::deque<std::shared_ptr<...>>: append a command and take one from the
 // head, at different depths. And the cost of announcing one of many named queues.
 
-#include <Norv/CmdGroup.h>
-#include <Norv/ConnectionsMgr.h>
 #include <benchmark/benchmark.h>
 
 #include <cstdlib>
 #include <deque>
 #include <memory>
 
+#include <Norv/CmdGroup.h>
+#include <Norv/ConnectionsMgr.h>
+
 namespace {
 
 using namespace Norv;
 
-Lumo::Ptr<GrpcCmd> command() { return grpcCmdFactory(nullptr, getVersion); }
+Lumo::Ptr<GrpcCmd> command() {
+  return grpcCmdFactory(nullptr, getVersion);
+}
 
 // One command more, one command fewer; the queue stays `depth` long.
 void QueueAppendAndTake(benchmark::State& state) {

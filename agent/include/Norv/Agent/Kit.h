@@ -115,8 +115,8 @@ class Kit {
   std::map<Lumo::Name, Lumo::Ptr<QueueWatcher>> queues_;
   Lumo::Ptr<ConfigWatcher> configWatcher_;
   Lumo::Ptr<StatusWatcher> statusWatcher_;
-  // Written on the worker, read on the main thread: the time in ticks, 0 for not stopped. Release and
-  // acquire, so that what the worker has entered before is seen.
+  // Written on the worker, read on the main thread: the time in ticks, 0 for not stopped. Release
+  // and acquire, so that what the worker has entered before is seen.
   std::atomic<Time::rep> stoppedSince_{0};
 };
 
