@@ -5,6 +5,10 @@
 
 namespace Norv {
 
+class CmdConfigGroup;
+template <>
+const Lumo::LumoType CmdBatchEntry<CmdConfigGroup>::_lumoType;
+
 // A named queue of one producer: it appends commands and then raises enqueueVersion, which moves
 // all of them on. Main thread only; reactors are called inside the mutators and see the new state.
 class CmdConfigGroup : public Lumo::Entity {

@@ -4,6 +4,10 @@
 
 namespace Norv {
 
+class CmdGroup;
+template <>
+const Lumo::LumoType CmdBatchEntry<CmdGroup>::_lumoType;
+
 // The pending queue between the manager and the client: commands that wait to be sent. It has no
 // lock of its own; the two share it under the manager's threadLock, and so must anyone else.
 class CmdGroup : public Lumo::PtrInterface {
