@@ -1,6 +1,6 @@
 """Runs the example with the flight recorder on and reads the file in the ways there are.
 
-Usage: recorder.py CASE NORVCTL SKEIN FAILING_DAEMON EXAMPLE
+Usage: recorder.py CASE NORVCTL SKEIN SCRIPTED_DAEMON EXAMPLE
 """
 import json
 import os
@@ -10,7 +10,7 @@ import sys
 import tempfile
 import xml.dom.minidom
 
-case, norvctl, skein, failing_daemon, example = sys.argv[1:]
+case, norvctl, skein, scripted_daemon, example = sys.argv[1:]
 with open(example) as lines:
     commands = sum('"type"' in line for line in lines)
 folder = tempfile.TemporaryDirectory()
@@ -82,17 +82,18 @@ def check_svg():
 
 
 def check_failure():
-    daemon = subprocess.Popen([failing_daemon], stdin=subprocess.PIPE, stdout=subprocess.PIPE)
-    port = daemon.stdout.readline().decode().strip()
+    daemon = subprocess.Popen([scripted_daemon, "ok", "ok", "ok", "status=14"],
+                              stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+    port = daemon.stdout.readline().decode().split()[1]
     run(norvctl, "run", "--host", "127.0.0.1", "--port", port, "--timeout", "30", "--quiet",
         "--flight-recorder", trace, example, expect=3)
     daemon.communicate()
     with open(trace + ".failure-1.json") as file:
         details = json.load(file)
     assert details["seq"] == 4 and details["outcome"] == "failed", details
-    assert "out of order" in details["reason"] and details["type"] == "listDrivers", details
+    assert "error_code: 14" in details["reason"] and details["type"] == "listDrivers", details
     frozen = run(skein, "dump", trace + ".failure-1").splitlines()
-    assert any("error_code: 14 error_message: out of order" in line for line in frozen)
+    assert any("Failure to process response: error_code: 14" in line for line in frozen)
     assert any(": ended seq=4 " in line and "outcome=failed" in line for line in frozen)
     assert not os.path.exists(trace + ".failure-2")
 
