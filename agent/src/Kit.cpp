@@ -168,7 +168,11 @@ void Kit::clearAndGoOn() {
 
 void Kit::wakeWorker() {
   if (!manager_ || !manager_->threadCondition()) return;
-  underThreadLock([&] { manager_->threadCondition()->signal(); });
+  // A wake-up while the flag is set costs a command. A worker that sleeps now cannot raise it
+  // before it has the lock.
+  underThreadLock([&] {
+    if (!status_->errorOccured()) manager_->threadCondition()->signal();
+  });
 }
 
 void Kit::tick() {

@@ -13,13 +13,13 @@ struct KitFailure : KitFixture {
     kit.failureTextIs([] { return std::string("as the daemon said"); });
   }
 
-  // Sends so many commands, of which the first fails, and waits for that.
+  // Sends so many commands, of which the first fails, and waits until the worker has done with it.
   void failTheFirstOf(int count) {
     answerNth(0, {14, "gone", ""});
     connect();
     enqueue(count);
     announce();
-    ASSERT_TRUE(ticking([&] { return ends().size() == 1; }));
+    ASSERT_TRUE(ticking([&] { return agent.log->destroyed >= 1; }));
   }
   void clearAndGoOn() {
     Lumo::ActivityLockAnchor activity;
@@ -95,8 +95,9 @@ TEST_F(KitFailure, WhatTheWorkerTookMeanwhileIsDropped) {
   // The worker takes the second, sees the flag and sleeps holding it.
   ASSERT_TRUE(support::eventually([&] { return status().pending.now == 1; }));
   // It has looked at the flag once it takes the third, too, and lets the second go.
-  ASSERT_TRUE(agent.eventually([&] { return agent.log->destroyed == 2; }));
-  EXPECT_THAT(ends(), ElementsAre(Pair(1, Outcome::failed), Pair(2, Outcome::dropped)));
+  ASSERT_TRUE(agent.eventually([&] { return agent.log->destroyed >= 2; }));
+  EXPECT_EQ(ends()[0], std::pair(U64{1}, Outcome::failed));
+  EXPECT_EQ(ends()[1], std::pair(U64{2}, Outcome::dropped));
   clearAndGoOn();
   EXPECT_TRUE(ticking([&] { return ends().size() == 3; }));
 }
@@ -117,7 +118,8 @@ TEST_F(KitFailure, OfAnUntrackedCommandIsNobodysInTheBooks) {
     agent.enqueue();
     agent.announce();
   }
-  EXPECT_TRUE(ticking([&] { return kit.stopped(); }));
+  EXPECT_TRUE(ticking([&] { return agent.log->destroyed >= 1; }));
+  EXPECT_TRUE(kit.stopped());
   EXPECT_EQ(kit.ledger()->count(Outcome::failed), 0u);
 }
 
