@@ -1,0 +1,103 @@
+"""The library file as a file: what it registers when loaded, its descriptors, its imports."""
+
+import os
+import re
+
+import check
+
+LIBRARY = os.environ["LIBRARY"]
+FRAMEWORK = os.environ["FRAMEWORK"]
+
+ASSERTIONS = [
+    "grpcReplyThread()",
+    "threadCondition()",
+    "threadLock()",
+    "client()",
+    "cq_",
+    'request && "Found an invalid Grpc Request"',
+    'false && "unknown request type."',
+    "!Lumo::FwkEntityReadsPreserve::anyActive( this )",
+]
+
+
+def registered(library):
+    """The registry of a program of the framework alone, before and after it loads the library."""
+    lines = check.run(os.environ["REGISTRY_DUMP"], library).splitlines()
+    at = lines.index("loaded")
+    return lines[:at], lines[at + 1:]
+
+
+def test_loading_registers_the_types_in_order():
+    before, after = registered(LIBRARY)
+    check.equal(before, [], "types before loading")
+    check.equal(after, check.TYPES, "types after loading")
+
+
+def test_order_of_linking_does_not_matter():
+    check.equal(registered(os.environ["REVERSED"])[1], check.TYPES, "types of the reversed library")
+
+
+def symbols(library):
+    """Name, section and kind of every defined object of a library."""
+    readelf = check.need("readelf")
+    sections = dict(re.findall(r"^ *\[ *(\d+)\] (\S+)", check.run(readelf, "-SW", library), re.M))
+    table = check.run(readelf, "-sW", "--demangle", library)
+    found = re.findall(r"^ *\d+: [0-9a-f]+ +\S+ OBJECT +\S+ +\S+ +(\d+) (.*)$", table, re.M)
+    return {(name, sections[index]) for index, name in found}
+
+
+def constantInitialised(library, least):
+    """Descriptors lie where nothing can write once the loader is done, so no initialiser makes them."""
+    descriptors = {(name, where) for name, where in symbols(library) if "_lumoType" in name}
+    assert len(descriptors) >= least, f"only {len(descriptors)} descriptors found"
+    for name, where in descriptors:
+        assert where in (".data.rel.ro", ".data.rel.ro.local", ".rodata"), f"{name} lies in {where}"
+
+
+def test_descriptors_of_the_library_are_constant_initialised():
+    constantInitialised(LIBRARY, len(check.TYPES))
+
+
+def test_descriptors_of_the_framework_are_constant_initialised():
+    constantInitialised(FRAMEWORK, 10)
+
+
+def test_assertions_are_on_in_every_build():
+    with open(LIBRARY, "rb") as file:
+        content = file.read()
+    for text in ASSERTIONS:
+        assert text.encode() + b"\0" in content, f"no assertion {text}"
+    assert "__assert_fail" in check.run(check.need("nm"), "-D", LIBRARY), "nothing calls __assert_fail"
+
+
+def test_wakes_by_broadcast_only():
+    names = set()
+    for library in (LIBRARY, FRAMEWORK):
+        names |= {line.split()[-1].split("@")[0]
+                  for line in check.run(check.need("nm"), "-D", "--undefined-only", library).splitlines()}
+    assert "pthread_cond_broadcast" in names
+    assert "pthread_cond_signal" not in names
+
+
+def test_leaves_the_counting_of_references_to_the_framework():
+    named = []
+    for module in ("types", "client", "manager"):
+        for folder, _, files in os.walk(os.path.join(check.SOURCES, module)):
+            for name in files:
+                with open(os.path.join(folder, name)) as file:
+                    if "enableThreadSafePointers" in file.read():
+                        named.append(name)
+    check.equal(named, [], "files that name the flag")
+
+
+def test_client_has_one_instance_per_kind_of_request_and_response():
+    nm = check.need("nm")
+    lines = check.run(nm, "-C", "--defined-only", os.environ["CLIENT_OBJECT"]).splitlines()
+    for function, count in (("sendRequestCommon", 37), ("processResponseCommon", 21)):
+        start = re.compile(r"^[0-9a-f]+ [TtWw] void Norv::GrpcClient::" + function + "<")
+        instances = {line for line in lines if start.match(line)}
+        check.equal(len(instances), count, "instances of " + function)
+
+
+if __name__ == "__main__":
+    check.main()
