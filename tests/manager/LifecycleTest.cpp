@@ -101,7 +101,7 @@ TEST_F(ConnectionsMgrTest, DoesNotWaitForADaemon) {
   agent.connect(port);
   agent.enqueue();
   agent.announce();
-  EXPECT_TRUE(agent.eventually([&] { return agent.pending->cmdBatchs() == 0; }));
+  EXPECT_TRUE(agent.eventually([&] { return agent.waiting() == 0; }));
   EXPECT_FALSE(agent.status->errorOccured());
   EXPECT_EQ(agent.log->responses, 0);
 }

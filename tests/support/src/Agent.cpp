@@ -40,6 +40,12 @@ void Agent::announce(const std::string& name) {
   queue(name)->enqueueVersionInc(1);
 }
 
+U32 Agent::waiting() const {
+  if (!manager->threadLock()) return pending->cmdBatchs();
+  Lumo::LockAnchor anchor(manager->threadLock());
+  return pending->cmdBatchs();
+}
+
 void Agent::wake() {
   Lumo::LockAnchor anchor(manager->threadLock());
   manager->threadCondition()->signal();

@@ -28,6 +28,8 @@ struct Agent {
   Lumo::Ptr<Norv::GrpcCmd> command(Norv::GrpcRequestType type = Norv::getVersion);
   void enqueue(Norv::GrpcRequestType type = Norv::getVersion, const std::string& name = "main");
   void announce(const std::string& name = "main");
+  // Commands in the pending queue; looks under the lock where there is one.
+  U32 waiting() const;
   // Signals the worker under the lock, as a wake-up may be lost.
   void wake();
   // Waits for an effect, without the activity lock, waking the worker meanwhile.
