@@ -1,5 +1,7 @@
 #include <support/TraceRecorder.h>
 
+#include <Norv/ClientTrace.h>
+
 #include "KitFixture.h"
 
 namespace {
@@ -86,8 +88,9 @@ TEST_F(Kit, CommandsThatAreNotTrackedPassByItsBooks) {
 TEST_F(Kit, ATickMakesUpForALostWakeUp) {
   support::TraceRecorder recorder("GrpcClient/*");
   connect();
-  // The worker traces this before it sleeps, and holds the lock from there until it does.
-  ASSERT_TRUE(support::eventually([&] { return recorder.texts("GrpcClient").size() > 0; }));
+  // The worker has looked at the queue, and sleeps now or soon without looking again.
+  const std::string looked = Norv::ClientTrace::noMoreCmds.text;
+  ASSERT_TRUE(support::eventually([&] { return recorder.count(looked) == 1; }));
   {
     Lumo::ActivityLockAnchor activity;
     Lumo::LockAnchor anchor(agent.manager->threadLock());
