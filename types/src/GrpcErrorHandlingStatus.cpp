@@ -27,7 +27,7 @@ void GrpcErrorHandlingStatus::zeroReferencesIs(bool zero) {
 }
 
 void GrpcErrorHandlingStatus::errorOccuredIs(bool errorOccured) {
-  fwkEntityVersionInc();
+  fwkEntityVersionIncShared();
   if (errorOccured_.exchange(errorOccured, std::memory_order_relaxed) == errorOccured) return;
   assertNoReadsPreserved();
   notifiees_.notify(&NotifieeConst::onErrorOccured);

@@ -29,7 +29,12 @@ class Entity : public PtrInterface {
 
   // Counts the calls of mutators, whether they changed anything or not.
   U64 fwkEntityVersion() const { return version_.load(std::memory_order_relaxed); }
-  void fwkEntityVersionInc() { version_.fetch_add(1, std::memory_order_relaxed); }
+  // One thread changes an entity at a time, so a load and a store do; the atomic lets others read.
+  void fwkEntityVersionInc() {
+    version_.store(version_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+  }
+  // For the mutators of an entity that several threads may change at once.
+  void fwkEntityVersionIncShared() { version_.fetch_add(1, std::memory_order_relaxed); }
 
  protected:
   Entity() = default;

@@ -60,7 +60,8 @@ class NotifieeConst : public PtrInterface {
 
   // The steps that make a reactor ready, for the constructor of a derived class to call once its
   // own members stand: active, enabled, following `notifier`, registered. Virtual functions that
-  // react to a change of notifier are not called.
+  // react to a change of notifier are not called. Handlers may be called from here on: where
+  // another thread changes the notifier, the most derived constructor calls this, last.
   void startFollowing(Ptr<PtrInterface const> const& notifier);
 
   // The common body of every reactor's lumoDoZombieReactors: a zombie leaves the list, a revived

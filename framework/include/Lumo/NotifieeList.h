@@ -32,9 +32,7 @@ class NotifieeList {
   // goes on to the caller, with the list in order.
   template <class Visitor>
   void doVisit(Visitor visitor) {
-    if (members() == 0) return;
-    Visit visit(*this);
-    while (const Ptr<NotifieeConst> notifiee = visit.next()) visitor(notifiee.ptr());
+    visit(false, visitor);
   }
 
  protected:
@@ -45,43 +43,48 @@ class NotifieeList {
   // As doVisit, over the reactors that have the owner's handlers.
   template <class Visitor>
   void doVisitTyped(Visitor visitor) {
-    if (members() == 0) return;
-    Visit visit(*this);
-    while (const Ptr<NotifieeConst> notifiee = visit.nextTyped()) visitor(notifiee.ptr());
+    visit(true, visitor);
   }
 
  private:
   struct Member {
-    NotifieeConst* notifiee;  // null: removed during a visit, the place is closed up after it
-    bool typed;
+    NotifieeConst* notifiee;
+    U64 number : 63;  // ascends along the list
+    U64 typed : 1;
   };
 
   // One walk over the members that were there at its start.
-  class Visit {
-   public:
-    explicit Visit(NotifieeList& list);
-    ~Visit();
-    Visit(const Visit&) = delete;
-    Visit& operator=(const Visit&) = delete;
-    Ptr<NotifieeConst> next() { return step(false); }
-    Ptr<NotifieeConst> nextTyped() { return step(true); }
-
-   private:
-    Ptr<NotifieeConst> step(bool typedOnly);
-
-    NotifieeList& list_;
-    U32 position_ = 0;
-    U32 end_ = 0;
+  struct Visit {
+    const bool typedOnly;
+    bool begun = false;
+    bool atEnd = false;
+    std::size_t position = 0;
+    U64 changes = 0;  // of the list, when `position` was right
+    U64 done = 0;     // number of the member looked at last
+    U64 last = 0;     // the highest number that was given when the walk began
   };
 
-  void closeUp() LUMO_REQUIRES(guard_);
+  template <class Visitor>
+  void visit(bool typedOnly, Visitor& visitor) {
+    if (members() == 0) return;
+    Visit walk{typedOnly};
+    while (const Ptr<NotifieeConst> notifiee = next(walk)) visitor(notifiee.ptr());
+  }
+
+  // The next one to call, null at the end. Takes the guard once.
+  Ptr<NotifieeConst> next(Visit& walk);
+  void findPlace(Visit& walk) LUMO_REQUIRES(guard_);
+  bool due(const Visit& walk) const LUMO_REQUIRES(guard_) {
+    return walk.position < list_.size() && list_[walk.position].number <= walk.last;
+  }
 
   std::vector<Member> list_ LUMO_GUARDED_BY(guard_);
   Accepts accepts_ = nullptr;
+  // Counts what was entered and removed; a member's number is the count at its entry.
+  U64 changes_ LUMO_GUARDED_BY(guard_) = 0;
   // A hint for the common case of no reactor at all: relaxed. Whoever registers on one thread and
   // wants the very next notification of another orders the two by other means.
   std::atomic<U32> members_{0};
-  U16 visits_ LUMO_GUARDED_BY(guard_) = 0;
   SpinLock guard_;
 };
 

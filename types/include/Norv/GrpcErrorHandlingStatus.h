@@ -26,7 +26,9 @@ class GrpcErrorHandlingStatus : public Lumo::Entity {
 
    protected:
     NotifieeConst() = default;
-    // Makes the reactor ready: active, enabled, following, registered.
+    // Makes the reactor ready: active, enabled, following, registered. Only for a status whose
+    // client does not run yet; otherwise begin with the other constructor and call startFollowing
+    // last.
     explicit NotifieeConst(const Lumo::Ptr<GrpcErrorHandlingStatus const>& status) {
       startFollowing(status);
     }
