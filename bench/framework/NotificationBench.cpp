@@ -1,0 +1,84 @@
+// A change of an attribute told to 0, 1, 10 and 100 reactors, beside a vector of std::function; and
+// reading an integer attribute by its id, beside a look-up in a map of std::function.
+
+#include <benchmark/benchmark.h>
+
+#include <functional>
+#include <unordered_map>
+#include <vector>
+
+#include "Bench.h"
+
+namespace bench {
+
+namespace {
+
+constexpr auto attributes =
+    Lumo::attrTable(Lumo::readWrite<Sample, &Sample::value, &Sample::valueIs>(258, "value"));
+
+Lumo::Ptr<Sample> sampleFactory() {
+  return Lumo::allocate<Sample>();
+}
+
+struct Counter : Empty::NotifieeConst {
+  explicit Counter(const Lumo::Ptr<Empty const>& entity) : NotifieeConst(entity) {}
+  void onValue() override { benchmark::DoNotOptimize(++calls); }
+  int calls = 0;
+};
+
+}  // namespace
+
+constinit const Lumo::LumoType Bare::_lumoType("bench::Bare");
+constinit const Lumo::LumoType Empty::_lumoType("bench::Empty");
+constinit const Lumo::LumoType Empty::NotifieeConst::_lumoType("bench::Empty::NotifieeConst");
+constinit const Lumo::LumoType Sample::_lumoType("bench::Sample", attributes,
+                                                 Lumo::genericFunctions<Sample, &sampleFactory>());
+
+namespace {
+
+void Notify(benchmark::State& state) {
+  const auto entity = sampleFactory();
+  std::vector<Lumo::Ptr<Counter>> reactors;
+  for (int64_t i = 0; i < state.range(0); ++i) reactors.push_back(Lumo::allocate<Counter>(entity));
+  int value = 0;
+  for (auto _ : state) entity->valueIs(++value);
+}
+BENCHMARK(Notify)->Arg(0)->Arg(1)->Arg(10)->Arg(100)->Arg(1000);
+
+void FunctionsCalled(benchmark::State& state) {
+  int value = 0;
+  std::vector<int> calls(static_cast<std::size_t>(state.range(0)));
+  std::vector<std::function<void()>> functions;
+  for (int& count : calls) {
+    functions.emplace_back([&count] { benchmark::DoNotOptimize(++count); });
+  }
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(++value);
+    for (const auto& function : functions) function();
+  }
+}
+BENCHMARK(FunctionsCalled)->Arg(0)->Arg(1)->Arg(10)->Arg(100)->Arg(1000);
+
+void GenericRead(benchmark::State& state) {
+  const auto entity = sampleFactory();
+  const auto view = Lumo::genericIf(entity);
+  const Lumo::LumoAttr& attr = *entity->fwkType()->attr(258);
+  for (auto _ : state) benchmark::DoNotOptimize(view.op(attr, Lumo::opRead));
+}
+BENCHMARK(GenericRead);
+
+void MappedRead(benchmark::State& state) {
+  const auto entity = sampleFactory();
+  std::unordered_map<int, std::function<Lumo::GenericValue(Sample&)>> readers;
+  readers[258] = [](Sample& sample) { return Lumo::GenericValue(sample.value()); };
+  int id = 258;
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(id);
+    benchmark::DoNotOptimize(readers.find(id)->second(*entity));
+  }
+}
+BENCHMARK(MappedRead);
+
+}  // namespace
+
+}  // namespace bench
