@@ -267,9 +267,11 @@ TEST_F(NotifieeListTest, AgreesWithAModelUnderAnyChange) {
 }
 
 TEST_F(NotifieeListTest, MayBeChangedWhileAnotherThreadDelivers) {
+  // Registers last, as it may be called from then on.
   struct Counting : Thing::NotifieeConst {
-    Counting(const Ptr<Thing const>& notifier, std::atomic<int>* calls)
-        : NotifieeConst(notifier), calls_(calls) {}
+    Counting(const Ptr<Thing const>& notifier, std::atomic<int>* calls) : calls_(calls) {
+      startFollowing(notifier);
+    }
     ~Counting() override { lumoDoZombieReactors(true); }
     void onValue() override { ++*calls_; }
     std::atomic<int>* calls_;
