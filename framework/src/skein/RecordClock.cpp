@@ -1,4 +1,5 @@
 #include <atomic>
+#include <cerrno>
 #include <ctime>
 #include <fstream>
 #include <string>
@@ -44,9 +45,12 @@ struct Calibration {
 
   Calibration() {
 #if defined(__x86_64__)
+    // The file is missing where /sys is; a trace point leaves the caller's error number alone.
+    const int errnoOfCaller = errno;
     std::ifstream in("/sys/devices/system/clocksource/clocksource0/current_clocksource");
     std::string source;
     trusted = (in >> source) && source == "tsc";
+    errno = errnoOfCaller;
 #endif
     ticks = readTicks();
     ns = kernelNs();
