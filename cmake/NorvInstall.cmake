@@ -22,6 +22,9 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/norvConfigVersion.cmake
 install(FILES ${PROJECT_BINARY_DIR}/norvConfig.cmake ${PROJECT_BINARY_DIR}/norvConfigVersion.cmake
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/norv)
 
+# From a .pc file up to the prefix, so that an installation may be moved.
+file(RELATIVE_PATH NORV_PC_UP /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
+
 function(norv_pkg_config name description requires)
   set(NORV_PC_NAME ${name})
   set(NORV_PC_DESCRIPTION ${description})

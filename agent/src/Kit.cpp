@@ -73,8 +73,10 @@ class Kit::ConfigWatcher : public GrpcGlobalCmdConfig::NotifieeConst {
 // Called on the worker when a failure sets the flag, and on whatever thread clears it.
 class Kit::StatusWatcher : public GrpcErrorHandlingStatus::NotifieeConst {
  public:
-  StatusWatcher(const Lumo::Ptr<GrpcErrorHandlingStatus>& status, Kit* kit)
-      : NotifieeConst(status), kit_(kit) {}
+  StatusWatcher(const Lumo::Ptr<GrpcErrorHandlingStatus>& status, Kit* kit) : kit_(kit) {
+    // Last: the worker may call it from here on.
+    startFollowing(status);
+  }
   void onErrorOccured() override { kit_->onFlag(); }
 
  private:

@@ -4,6 +4,7 @@
 #include <support/Commands.h>
 #include <support/FakeDaemon.h>
 
+#include <Norv/AsyncClientCall.h>
 #include <Norv/GrpcClient.h>
 #include <bess/pb/service.pb.h>
 
@@ -51,9 +52,6 @@ class EveryRequest : public testing::TestWithParam<Row> {};
 
 TEST_P(EveryRequest, ReachesItsMethodAndBringsBackItsResponseType) {
   const Row& row = GetParam();
-  if (row.type == Norv::getPortConf) {
-    GTEST_SKIP() << "ends the process, as a test of its own shows";
-  }
   Wire wire;
   std::unique_ptr<google::protobuf::Message> request = support::newRequest(row.type);
   ASSERT_EQ(request->GetTypeName(), row.request);
@@ -63,8 +61,23 @@ TEST_P(EveryRequest, ReachesItsMethodAndBringsBackItsResponseType) {
   EXPECT_FALSE(wire.status->errorOccured());
 }
 
-INSTANTIATE_TEST_SUITE_P(Wire, EveryRequest, testing::ValuesIn(rows),
+// All rows but getPortConf, which ends the process when it is sent.
+std::vector<Row> rowsThatCanBeSent() {
+  std::vector<Row> sendable(std::begin(rows), std::end(rows));
+  std::erase_if(sendable, [](const Row& row) { return row.type == Norv::getPortConf; });
+  return sendable;
+}
+
+INSTANTIATE_TEST_SUITE_P(Wire, EveryRequest, testing::ValuesIn(rowsThatCanBeSent()),
                          [](const auto& row) { return std::string(row.param.name); });
+
+TEST(GrpcClient, CompletesGetPortConfWithItsResponseType) {
+  Wire wire;
+  const Lumo::Ptr<Norv::GrpcCmd> cmd =
+      Lumo::allocate<support::LoggedCmd>(wire.log, 0, nullptr, Norv::getPortConf);
+  wire.client.processResponse(cmd, new Norv::AsyncClientCall<bess::pb::GetPortConfResponse>());
+  EXPECT_EQ(wire.log->responseTypes, std::vector<std::string>{"bess.pb.GetPortConfResponse"});
+}
 
 TEST(GrpcClient, SendsTheRequestAsItIsAndKeepsIt) {
   Wire wire;

@@ -53,6 +53,10 @@ def test_nesting_without_end():
     refuse_line('{"type":"getVersion","request":' + nested + "}", "deep")
 
 
+def test_command_and_announcement_in_one():
+    refuse_line('{"type":"getVersion","announce":"main"}', "not both")
+
+
 def test_no_object():
     refuse_line("[1]", "a line is a JSON object")
 

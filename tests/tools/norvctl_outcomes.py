@@ -89,6 +89,15 @@ def test_failed_stops():
     equal(len(daemon.calls()), 2, "nothing is sent after the failure")
 
 
+def test_failed_while_announcing_keeps_the_order():
+    """Batches announced after the failure are discarded before those that wait already."""
+    daemon = ScriptedDaemon("status=14")
+    lines = ['{"type":"getVersion"}', '{"announce":"main"}'] * 20000
+    result = run(*daemon.address, write_file(*lines))
+    equal(result.status, 3)
+    equal(result.outcomes(), ["failed"] + ["dropped"] * 19999)
+
+
 def test_failed_tells_how_to_go_on():
     file = write_file(command("getVersion"), command("getVersion"))
     finished = norvctl("run", *ScriptedDaemon("status=14").address, file)

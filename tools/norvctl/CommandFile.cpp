@@ -94,6 +94,10 @@ Step parseStep(const std::string& line, const CommandFileOptions& options) {
   const json object = parseLine(line);
   if (!object.is_object()) throw Complaint{1, "a line is a JSON object"};
   if (object.contains("announce")) {
+    if (object.contains("type")) {
+      throw Complaint{columnOf(line, "announce"),
+                      "a line is a command (\"type\") or an announcement (\"announce\"), not both"};
+    }
     Step step;
     step.queue = text(object, line, "announce");
     return step;

@@ -136,7 +136,7 @@ SessionEnd Session::run() {
   const bool complete = kit_.ledger()->ended() == entries_.size();
   kit_.closeBooks(interrupted ? "interrupted before an answer came"
                               : "no answer before the time ran out");
-  deliver();
+  deliverAll();
   if (complete) return SessionEnd::complete;
   if (interrupted) return SessionEnd::interrupted;
   return done ? SessionEnd::stoppedByFailure : SessionEnd::timedOut;
@@ -178,13 +178,32 @@ void Session::announce(const std::string& queue) {
   if (const auto group = config_->cmdConfigGroup(queue)) group->enqueueVersionInc(1);
 }
 
+// Tells of what has ended, in the order of announcement: after a failure a batch may be discarded
+// while commands announced before it still wait.
 void Session::deliver() {
-  std::vector<CommandReport> ended;
   {
     Lumo::LockAnchor anchor(&endedLock_);
-    ended.swap(ended_);
+    for (CommandReport& report : ended_) {
+      const bool announced = report.seq != 0;
+      (announced ? toTell_ : toTellLast_).emplace(announced ? report.seq : report.id, report);
+    }
+    ended_.clear();
   }
-  for (const CommandReport& report : ended) listener_.ended(report, entries_[report.id - 1]);
+  while (!toTell_.empty() && toTell_.begin()->first == nextSeq_) {
+    tell(toTell_.extract(toTell_.begin()).mapped());
+    ++nextSeq_;
+  }
+}
+
+// With the books closed nothing is missing any more; what was never announced comes last.
+void Session::deliverAll() {
+  deliver();
+  for (const auto& [seq, report] : toTell_) tell(report);
+  for (const auto& [id, report] : toTellLast_) tell(report);
+}
+
+void Session::tell(const CommandReport& report) {
+  listener_.ended(report, entries_[report.id - 1]);
 }
 
 bool Session::finished() {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -63,6 +64,8 @@ class Session {
   void enqueue(const Step& step);
   void announce(const std::string& queue);
   void deliver();
+  void deliverAll();
+  void tell(const Norv::Agent::CommandReport& report);
   bool finished();
 
   const SessionOptions options_;
@@ -80,7 +83,9 @@ class Session {
   std::vector<std::string> unannounced_;
   Lumo::Lock endedLock_;
   std::vector<Norv::Agent::CommandReport> ended_ LUMO_GUARDED_BY(endedLock_);
-  std::size_t delivered_ = 0;
+  U64 nextSeq_ = 1;
+  std::map<U64, Norv::Agent::CommandReport> toTell_;      // by seq, ended before its turn
+  std::map<U64, Norv::Agent::CommandReport> toTellLast_;  // by id, never announced
   std::chrono::duration<double> elapsed_{0};
 };
 

@@ -55,9 +55,10 @@ class GrpcClient {
   // frees the call's record.
   void processResponse(const Lumo::Ptr<GrpcCmd>& cmd, void* tag);
 
- private:
   using Stub = bess::pb::BESSControl::Stub;
 
+  // The two steps for one pair of messages; defined, for the pairs of GrpcRequests.def, in the
+  // client's source.
   template <class Request, class Response>
   void sendRequestCommon(const Lumo::Ptr<GrpcCmd>& cmd,
                          std::unique_ptr<grpc::ClientAsyncResponseReader<Response>> (Stub::*method)(
@@ -65,6 +66,7 @@ class GrpcClient {
   template <class Response>
   void processResponseCommon(const Lumo::Ptr<GrpcCmd>& cmd, void* tag);
 
+ private:
   std::unique_ptr<Stub> stub_;
   grpc::CompletionQueue* cq_;
   Lumo::Ptr<CmdGroup> cmdGroup_;
