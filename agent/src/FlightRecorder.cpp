@@ -57,9 +57,8 @@ FlightRecorder::FlightRecorder(const std::string& path, U64 size)
   Skein::defaultSkeinHandleIs(&handle_);
 }
 
-FlightRecorder::~FlightRecorder() {
-  Skein::defaultSkeinHandleIs(nullptr);
-}
+// The handle stops being the process's default by itself, if it still is.
+FlightRecorder::~FlightRecorder() = default;
 
 void FlightRecorder::freeze(const CommandReport& failure) {
   const std::string copy = path_ + ".failure-" + std::to_string(++frozen_);

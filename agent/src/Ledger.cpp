@@ -45,8 +45,8 @@ void Ledger::announced(U64 id, const Lumo::Name& queue) {
     report.announced = now;
     seqOf_[id] = report.seq;
     open_[report.seq] = report;
-    depth = open_.size();
-    openMaximum_ = std::max(openMaximum_, depth);
+    openMaximum_ = std::max<U64>(openMaximum_, open_.size());
+    depth = ++openOf_[queue];
   }
   Twine::trace<AgentTrace::announced>(report.seq, stringValue(report.type), queue.stringValue(),
                                       depth);
@@ -168,7 +168,10 @@ void Ledger::end(CommandReport report, Outcome outcome, Time at, Reports& ended)
   report.outcome = outcome;
   report.ended = at;
   report.started = std::max(report.announced, lastEnd_);
-  if (report.seq != 0) lastEnd_ = report.ended;
+  if (report.seq != 0) {
+    lastEnd_ = report.ended;
+    report.queueDepth = --openOf_[report.queue];
+  }
   ++counts_[static_cast<std::size_t>(outcome)];
   if (outcome == Outcome::failed) lastFailure_ = report;
   ended.push_back(std::move(report));
@@ -206,7 +209,7 @@ void Ledger::publish(const Reports& ended) {
     if (report.seq != 0) {
       Twine::trace<AgentTrace::ended>(report.seq, stringValue(report.type),
                                       report.queue.stringValue(),
-                                      Lumo::String(outcomeName(report.outcome)), openAnnounced());
+                                      Lumo::String(outcomeName(report.outcome)), report.queueDepth);
     }
     if (listener_) listener_(report);
   }

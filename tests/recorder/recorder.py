@@ -58,6 +58,8 @@ def check_json():
     for event in slices:
         assert event["dur"] >= 0 and event["ts"] >= end - 0.001, event
         end = event["ts"] + event["dur"]
+    depths = {event["name"]: event["args"]["commands"] for event in events if event["ph"] == "C"}
+    assert len(depths) == 3 and set(depths.values()) == {0}, depths
     others = [event for event in events if event["ph"] in "Ci"]
     assert len(others) == len(lines), (len(others), len(lines))
 

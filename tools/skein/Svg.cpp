@@ -26,12 +26,16 @@ struct Timeline {
 Timeline timelineOf(const Recording& recording) {
   Timeline timeline;
   CommandSlices slices;
+  std::map<std::string, U64> depthOf;  // by queue
   for (const Skein::Record& record : recording.records()) {
     const auto news = commandNewsOf(record);
     if (!news) continue;
     if (timeline.beginNs == 0) timeline.beginNs = record.timeNs;
     timeline.endNs = record.timeNs;
-    timeline.depths.push_back({record.timeNs, news->depth});
+    depthOf[news->queue] = news->depth;
+    U64 waiting = 0;
+    for (const auto& [queue, depth] : depthOf) waiting += depth;
+    timeline.depths.push_back({record.timeNs, waiting});
     if (auto slice = slices.newsIs(*news, record.thread, record.timeNs)) {
       timeline.slices.push_back(*slice);
     }

@@ -19,7 +19,7 @@ constexpr U32 mostSites = 65535;
 }  // namespace
 
 Reader::Reader(const std::string& path) : path_(path) {
-  descriptor_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  descriptor_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
   if (descriptor_ < 0) {
     throw FileError("cannot open " + path + ": " + std::strerror(errno));
   }

@@ -33,6 +33,7 @@ struct CommandReport {
   Time started{};
   Time ended{};
   Outcome outcome = Outcome::dropped;
+  U64 queueDepth = 0;     // commands of its queue still open when it ended
   int errorCode = 0;      // of a refusal
   std::string errorText;  // of a refusal; of a failure, what is known about it
 };
@@ -104,6 +105,7 @@ class Ledger {
   std::map<U64, CommandReport> open_ LUMO_GUARDED_BY(lock_);               // by seq, announced
   std::unordered_map<U64, U64> seqOf_ LUMO_GUARDED_BY(lock_);              // id to seq, while open
   U64 openMaximum_ LUMO_GUARDED_BY(lock_) = 0;
+  std::map<Lumo::Name, U64> openOf_ LUMO_GUARDED_BY(lock_);  // by queue
   bool stopped_ LUMO_GUARDED_BY(lock_) = false;
   U64 doubtful_ LUMO_GUARDED_BY(lock_) = 0;  // the last one taken while stopped
   std::thread::id worker_ LUMO_GUARDED_BY(lock_);
