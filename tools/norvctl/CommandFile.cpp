@@ -64,11 +64,7 @@ std::string text(const json& object, const std::string& line, const std::string&
 
 Norv::GrpcRequestType requestType(const std::string& name, std::size_t column) {
   const RequestInfo* info = requestInfo(name);
-  if (!info) {
-    throw Complaint{column, "unknown type \"" + name + "\"; the nearest is \"" +
-                                std::string(nearestRequest(name).name) +
-                                "\" (`norvctl types` lists all)"};
-  }
+  if (!info) throw Complaint{column, unknownType(name)};
   return info->type;
 }
 

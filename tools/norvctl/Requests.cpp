@@ -77,6 +77,11 @@ const RequestInfo& nearestRequest(std::string_view name) {
                            });
 }
 
+std::string unknownType(std::string_view name) {
+  return "unknown type \"" + std::string(name) + "\"; the nearest is \"" +
+         std::string(nearestRequest(name).name) + "\" (`norvctl types` lists all)";
+}
+
 std::unique_ptr<Message> newRequest(Norv::GrpcRequestType type) {
   switch (type) {
 #define NORV_REQUEST(number, name, Rpc, Request, Response) \

@@ -25,6 +25,8 @@ const std::vector<RequestInfo>& requestInfos();  // by number
 const RequestInfo* requestInfo(std::string_view name);
 // The request whose name is spelled most like `name`.
 const RequestInfo& nearestRequest(std::string_view name);
+// What to say about a name that is no request's.
+std::string unknownType(std::string_view name);
 
 // An empty request message of the type.
 std::unique_ptr<google::protobuf::Message> newRequest(Norv::GrpcRequestType type);

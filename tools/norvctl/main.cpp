@@ -98,8 +98,7 @@ int run(Arguments& arguments) {
 int call(Arguments& arguments) {
   const RequestInfo* info = requestInfo(arguments.type);
   if (!info) {
-    std::cerr << "norvctl: unknown type \"" << arguments.type << "\"; the nearest is \""
-              << nearestRequest(arguments.type).name << "\" (`norvctl types` lists all)\n";
+    std::cerr << "norvctl: " << unknownType(arguments.type) << '\n';
     return 1;
   }
   if (info->type == Norv::getPortConf && !arguments.allowAbort) {
@@ -129,8 +128,7 @@ int types() {
 int showTemplate(const Arguments& arguments) {
   const RequestInfo* info = requestInfo(arguments.type);
   if (!info) {
-    std::cerr << "norvctl: unknown type \"" << arguments.type << "\"; the nearest is \""
-              << nearestRequest(arguments.type).name << "\"\n";
+    std::cerr << "norvctl: " << unknownType(arguments.type) << '\n';
     return 1;
   }
   std::cout << requestTemplate(info->type);
