@@ -56,7 +56,7 @@ struct SiteHeader {
   U16 codesLength;
   U16 textLength;
   U8 level;
-  U8 places;  // 1: each "%s" of the text is the place of an argument
+  U8 places;  // 1: each "%s" of the text is the place of an argument; 0: "%s" means nothing
 };
 
 // At the start of each block. The blocks of a writer are a chain by their ordinals; where one is

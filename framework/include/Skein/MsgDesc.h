@@ -24,7 +24,8 @@ class MsgFormatString {
 class MsgDesc {
  public:
   // `id` is the point's own integer and its identity in this process; it must outlive the file.
-  // `places`: each "%s" of the text is the place of an argument; otherwise arguments follow it.
+  // `places`: each "%s" of the text is the place of an argument. Arguments without a place follow
+  // the text; where `places` is false that is all of them, and a "%s" means nothing.
   MsgDesc(TraceFile* file, int* id, char const* sourceFile, int line, bool places);
 
   MsgFormatString& formatString() { return format_; }

@@ -20,6 +20,9 @@
 //
 // Each "%s" of the text is the place of an argument; a text without any is followed by its
 // arguments. Arguments are not formatted until a sink wants them. Any thread.
+//
+// A point raises nothing of its own: where memory runs out or formatting an argument throws, the
+// line or the record is lost and nothing else. Only what a TraceSink throws passes through.
 namespace Twine {
 
 using ::U8;
@@ -48,22 +51,39 @@ bool levelMapIs(U8* levelMap, const std::array<U8, 10>& levels);
 
 namespace detail {
 
+// Whether `make` came to its end.
+template <class Make>
+bool made(Make&& make) noexcept {
+  try {
+    make();
+    return true;
+  } catch (...) {
+    return false;
+  }
+}
+
 // A module's handle, kept where a point reaches it with one load. Made at the first trace.
 template <const Module& module>
 inline constinit std::atomic<Lumo::TraceHandle*> knownHandle{nullptr};
 
 template <const Module& module>
-Lumo::TraceHandle& handleOf() {
-  Lumo::TraceHandle* handle = knownHandle<module>.load(std::memory_order_acquire);
-  if (!handle) [[unlikely]] {
-    handle = &module.handle();
-    knownHandle<module>.store(handle, std::memory_order_release);
-  }
-  return *handle;
+[[gnu::noinline]] Lumo::TraceHandle* firstHandle() noexcept {
+  made([] { knownHandle<module>.store(&module.handle(), std::memory_order_release); });
+  return knownHandle<module>.load(std::memory_order_acquire);
 }
 
-inline bool textWanted(Lumo::TraceHandle& handle, unsigned level) {
-  return handle.enabled(level) || Lumo::coverageStream_.load(std::memory_order_relaxed) != nullptr;
+// Null when there was no memory to make it.
+template <const Module& module>
+Lumo::TraceHandle* handleOf() {
+  Lumo::TraceHandle* const handle = knownHandle<module>.load(std::memory_order_acquire);
+  return handle ? handle : firstHandle<module>();
+}
+
+template <const Module& module>
+bool textWanted(unsigned level) {
+  Lumo::TraceHandle* const handle = handleOf<module>();
+  return (handle && handle->enabled(level)) ||
+         Lumo::coverageStream_.load(std::memory_order_relaxed) != nullptr;
 }
 
 // The pieces of a point's text: one before each argument and one after the last.
@@ -122,10 +142,9 @@ void record(Skein::TraceFile& file, const Args&... args) {
   static int msgId = 0;
   int id = std::atomic_ref<int>(msgId).load(std::memory_order_acquire);
   if (!file.msgIdInitialized(id)) [[unlikely]] {
-    Skein::MsgDesc descriptor(&file, &msgId, point.module->file, point.line,
-                              Skein::placesIn(point.text) != 0);
+    Skein::MsgDesc descriptor(&file, &msgId, point.module->file, point.line, true);
     (descriptor.formatString() << ... << args);
-    descriptor.originIs(handleOf<*point.module>().name(), point.level, point.function);
+    descriptor.originIs(point.module->handle().name(), point.level, point.function);
     descriptor << point.text;
     id = descriptor.finish();
   }
@@ -139,44 +158,51 @@ void record(Skein::TraceFile& file, const Args&... args) {
 
 template <const Point& point, class... Args>
 [[gnu::noinline]] void recordInDefaultFile(const Args&... args) {
-  const Skein::InTracePoint inTracePoint;
-  try {
+  made([&] {
+    const Skein::InTracePoint inTracePoint;
     if (Skein::TraceFile* file = Skein::defaultSkeinFile()) record<point>(*file, args...);
-  } catch (const std::bad_alloc&) {
-    // Without memory to describe the point this record is lost, and nothing else.
-  }
+  });
 }
 
 template <const Point& point>
 Lumo::TraceHelper* helperIn(void* storage) {
-  return Lumo::TraceHelper::createIfEnabled(handleOf<*point.module>(), point.level, storage);
+  Lumo::TraceHandle* const handle = handleOf<*point.module>();
+  return handle ? Lumo::TraceHelper::createIfEnabled(*handle, point.level, storage) : nullptr;
+}
+
+// One line: `format(helper, storage)` makes a helper in the storage, unless the level is off, and
+// its text.
+template <const Point& point, class Format>
+void line(Format&& format) {
+  alignas(void*) std::byte storage[Lumo::TraceHelper::storageSize];
+  Lumo::TraceHelper* helper = nullptr;
+  const bool complete = made([&] { format(helper, storage); });
+  const Lumo::EnsureTraceHelperIsDestroyed ensure(helper);
+  if (helper && complete) helper->trace(point.module->file, point.line, point.function);
 }
 
 // The text half of a point with both sinks.
 template <const Point& point, class... Args>
 [[gnu::noinline]] void convert(const Args&... args) {
-  SkeinConverter converter;
-  write<point>([&](std::string_view text) { writeText(converter.fixed(), text); },
-               [&](const auto& value) { converter << value; }, args...);
-  alignas(void*) std::byte storage[Lumo::TraceHelper::storageSize];
-  if (Lumo::TraceHelper* helper = helperIn<point>(storage)) {
-    Lumo::EnsureTraceHelperIsDestroyed ensure(helper);
-    helper->stringstream() << converter.traceString();
-    helper->trace(point.module->file, point.line, point.function);
-  }
+  line<point>([&](Lumo::TraceHelper*& helper, void* storage) {
+    SkeinConverter converter;
+    write<point>([&](std::string_view text) { writeText(converter.fixed(), text); },
+                 [&](const auto& value) { converter << value; }, args...);
+    helper = helperIn<point>(storage);
+    if (helper) writeText(helper->stringstream(), Skein::textOf(converter.traceString()));
+  });
 }
 
 // A point with the text sink only.
 template <const Point& point, class... Args>
 [[gnu::noinline]] void print(const Args&... args) {
-  alignas(void*) std::byte storage[Lumo::TraceHelper::storageSize];
-  if (Lumo::TraceHelper* helper = helperIn<point>(storage)) {
-    Lumo::EnsureTraceHelperIsDestroyed ensure(helper);
+  line<point>([&](Lumo::TraceHelper*& helper, void* storage) {
+    helper = helperIn<point>(storage);
+    if (!helper) return;
     std::ostream& out = helper->stringstream();
     write<point>([&](std::string_view text) { writeText(out, text); },
                  [&](const auto& value) { writeArgument(out, value); }, args...);
-    helper->trace(point.module->file, point.line, point.function);
-  }
+  });
 }
 
 }  // namespace detail
@@ -193,7 +219,7 @@ inline void trace(const Args&... args) {
       detail::recordInDefaultFile<point>(args...);
     }
   }
-  if (detail::textWanted(detail::handleOf<*point.module>(), point.level)) [[unlikely]] {
+  if (detail::textWanted<*point.module>(point.level)) [[unlikely]] {
     if constexpr (point.sinks == Sinks::both) {
       detail::convert<point>(args...);
     } else {

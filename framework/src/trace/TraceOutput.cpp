@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <charconv>
 #include <ctime>
+#include <new>
 #include <thread>
 
 #include <Lumo/TraceRecorder.h>
@@ -61,13 +62,15 @@ void writeAll(std::string_view text) {
   }
 }
 
+// Raises nothing: without memory for the line it is lost.
 void writeToStandardError(const TraceLine& line) {
   const int errnoOfCaller = errno;
-  std::string text;
-  appendTraceLine(text, line);
-  {
+  try {
+    std::string text;
+    appendTraceLine(text, line);
     TraceMutexAnchor anchor;  // a line longer than a pipe's atomic write stays whole
     writeAll(text);
+  } catch (const std::bad_alloc&) {
   }
   errno = errnoOfCaller;
 }

@@ -1,0 +1,115 @@
+// Trace points while memory runs out: every allocation on their way fails once.
+
+#include <cstdlib>
+#include <new>
+#include <thread>
+
+#include "TraceFixture.h"
+
+namespace {
+
+// How many allocations of the thread still succeed; negative: all.
+thread_local int allowed = -1;
+thread_local bool refused = false;
+
+void* allocate(std::size_t size) {
+  if (allowed == 0) {
+    refused = true;
+    throw std::bad_alloc();
+  }
+  if (allowed > 0) --allowed;
+  if (void* memory = std::malloc(size)) return memory;
+  throw std::bad_alloc();
+}
+
+// Points of their own module, so that this program has made no handle for it.
+Lumo::TraceHandle& freshHandle() {
+  static Lumo::TraceHandle made("A facility whose name needs memory of its own", false);
+  return made;
+}
+U8 freshLevelMap[10] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9};
+constexpr Twine::Module freshModule{&freshHandle, freshLevelMap, "Fresh.cpp"};
+constexpr Twine::Point freshBoth{&freshModule, 1, "both", 5, Twine::Sinks::both, "both %s %s"};
+constexpr Twine::Point freshText{&freshModule, 2, "text", 5, Twine::Sinks::text, "text %s"};
+
+// Runs `body` on a new thread again and again, with one more allocation that succeeds each time,
+// until none was refused. Returns how many rounds had a refusal.
+template <class Body>
+int withEachAllocationRefused(Body body) {
+  for (int rounds = 0;; ++rounds) {
+    bool complete = false;
+    std::thread([&] {
+      bool raised = false;
+      allowed = rounds;
+      try {
+        body();
+      } catch (...) {
+        raised = true;
+      }
+      allowed = -1;
+      EXPECT_FALSE(raised) << "at allocation " << rounds + 1;
+      complete = !refused;
+    }).join();
+    if (complete) return rounds;
+  }
+}
+
+}  // namespace
+
+void* operator new(std::size_t size) {
+  return allocate(size);
+}
+void operator delete(void* memory) noexcept {
+  std::free(memory);
+}
+void operator delete(void* memory, std::size_t) noexcept {
+  std::free(memory);
+}
+
+class OutOfMemory : public TraceTest {
+ protected:
+  const std::string longText = std::string(5000, 'x');
+};
+
+TEST_F(OutOfMemory, ARecordIsLostAndNothingElse) {
+  ringIsOn();
+  EXPECT_GT(withEachAllocationRefused([&] { Twine::trace<freshBoth>(1, longText); }), 3);
+  const auto texts = textsIn(path);
+  ASSERT_GE(texts.size(), 1U);
+  for (const std::string& text : texts) EXPECT_EQ(text.substr(0, 10), "both 1 xxx");
+}
+
+TEST_F(OutOfMemory, ALineIsLostAndNothingElse) {
+  textIsOn();
+  // Needs no memory itself: what a sink throws passes through.
+  struct : Lumo::TraceSink {
+    void lineIs(const Lumo::TraceLine& line) override {
+      ++lines;
+      if (line.text == expected) ++whole;
+    }
+    std::string expected;
+    int lines = 0;
+    int whole = 0;
+  } sink;
+  Lumo::traceSinkIs(&sink);
+  sink.expected = "both 1 " + longText;
+  EXPECT_GT(withEachAllocationRefused([&] { Twine::trace<freshBoth>(1, longText); }), 3);
+  EXPECT_GE(sink.whole, 1);
+  EXPECT_EQ(sink.whole, sink.lines) << "a line comes whole or not at all";
+  sink.lines = sink.whole = 0;
+  sink.expected = "text " + longText;
+  EXPECT_GT(withEachAllocationRefused([&] { Twine::trace<freshText>(longText); }), 0);
+  EXPECT_GE(sink.whole, 1);
+  EXPECT_EQ(sink.whole, sink.lines);
+  Lumo::traceSinkIs(&recorder);
+}
+
+TEST_F(OutOfMemory, ALineForStandardErrorIsLostAndNothingElse) {
+  textIsOn();
+  Lumo::traceSinkIs(nullptr);
+  testing::internal::CaptureStderr();
+  withEachAllocationRefused([&] { Twine::trace<freshBoth>(1, longText); });
+  const std::string written = testing::internal::GetCapturedStderr();
+  Lumo::traceSinkIs(&recorder);
+  EXPECT_NE(written.find("both: both 1 " + longText + "\n"), std::string::npos);
+}
