@@ -106,6 +106,22 @@ TEST_F(SkeinExport, AFileWithoutRecordsIsAValidEmptyTrace) {
   EXPECT_TRUE(json::parse(outcome.out)["traceEvents"].empty());
 }
 
+TEST_F(SkeinExport, DamageIsNamedBeforeWhatIsMissingBecauseOfIt) {
+  makeCommands();
+  Skein::FileHeader header;
+  std::ifstream(path, std::ios::binary).read(reinterpret_cast<char*>(&header), sizeof header);
+  // No record is left, then some.
+  for (const U64 size : {U64{header.blocksOffset}, U64{header.blocksOffset} + header.blockSize}) {
+    std::filesystem::resize_file(path, size);
+    for (const char* format : {"perfetto", "svg", "ctf"}) {
+      const Outcome outcome = exportTo(format, folder.file(std::string(format)));
+      EXPECT_EQ(outcome.status, 1) << format;
+      EXPECT_EQ(outcome.error.find("skein: " + path + " is cut off: "), 0U) << outcome.error;
+    }
+    makeCommands();
+  }
+}
+
 TEST_F(SkeinExport, TargetsThatCannotBeWrittenGiveOneLine) {
   makeCommands();
   for (const char* format : {"perfetto", "ctf"}) {

@@ -208,6 +208,25 @@ TEST_F(SkeinTool, UnreadableFilesGiveOneLineAndStatusOne) {
   EXPECT_EQ(skeinWith({"dump", folder.file("missing")}).status, 1);
 }
 
+TEST_F(SkeinTool, AFullDiskIsReported) {
+  ASSERT_EQ(run({TRACE_PROGRAM, "commands", path}).status, 0);
+  for (const std::vector<std::string>& words : std::vector<std::vector<std::string>>{
+           {SKEIN_PROGRAM, "dump", path},
+           {SKEIN_PROGRAM, "dump", "--json", path},
+           {SKEIN_PROGRAM, "stat", path},
+           {SKEIN_PROGRAM, "stat", "--json", path},
+           {SKEIN_PROGRAM, "export", "--format", "perfetto", path, "-"},
+           {SKEIN_PROGRAM, "export", "--format", "svg", path, "-"}}) {
+    const int full = ::open("/dev/full", O_WRONLY | O_CLOEXEC);
+    ASSERT_GE(full, 0);
+    const int error = temporaryDescriptor();
+    EXPECT_EQ(ended(start(words, nullptr, full, error)), 1) << words[1];
+    ::close(full);
+    EXPECT_EQ(contentsAndClose(error),
+              "skein: cannot write to standard output: No space left on device\n");
+  }
+}
+
 TEST_F(SkeinTool, TellsHowToUseIt) {
   EXPECT_EQ(skeinWith({}).status, 2);
   EXPECT_EQ(skeinWith({"dump"}).status, 2);

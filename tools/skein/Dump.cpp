@@ -99,7 +99,8 @@ int dump(DumpOptions& options) {
   dumpNew(*reader, options, output);
   if (options.follow) follow(reader, options, output);
   if (!output.good()) {
-    std::fprintf(stderr, "skein: cannot write: %s\n", std::strerror(output.error()));
+    std::fprintf(stderr, "skein: cannot write to standard output: %s\n",
+                 std::strerror(output.error()));
     return 1;
   }
   const std::string problem = reader->problem();

@@ -1,7 +1,9 @@
 #include "Stat.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <map>
 
 #include <Lumo/TraceSink.h>
@@ -112,9 +114,12 @@ int stat(const std::string& path, Filter& filter, bool json) {
   Skein::Reader reader(path);
   const Summary summary = summaryOf(reader, filter);
   json ? printJson(reader, summary) : printText(reader, summary);
+  if (std::fflush(stdout) != 0 || std::ferror(stdout)) {
+    std::fprintf(stderr, "skein: cannot write to standard output: %s\n", std::strerror(errno));
+    return 1;
+  }
   const std::string problem = reader.problem();
   if (problem.empty()) return 0;
-  std::fflush(stdout);
   std::fprintf(stderr, "skein: %s\n", problem.c_str());
   return 1;
 }

@@ -8,10 +8,11 @@
 
 int writeTo(const std::string& path, const std::function<void(std::ostream&)>& write) {
   if (path == "-") {
+    errno = 0;
     write(std::cout);
     std::cout.flush();
     if (std::cout) return 0;
-    std::fprintf(stderr, "skein: cannot write to standard output\n");
+    std::fprintf(stderr, "skein: cannot write to standard output: %s\n", std::strerror(errno));
     return 1;
   }
   errno = 0;

@@ -48,14 +48,14 @@ struct Arguments {
 int exportAs(const Arguments& arguments, Filter& filter) {
   filter.resolve(arguments.file);
   const Recording recording(arguments.file, filter);
+  // First: it may be the reason why there is nothing to export.
+  const std::string problem = recording.reader().problem();
+  if (!problem.empty()) std::fprintf(stderr, "skein: %s\n", problem.c_str());
   const auto exporter = arguments.format == "ctf"   ? exportCtf
                         : arguments.format == "svg" ? exportSvg
                                                     : exportPerfetto;
   const int status = exporter(recording, arguments.target);
-  const std::string problem = recording.reader().problem();
-  if (status != 0 || problem.empty()) return status;
-  std::fprintf(stderr, "skein: %s\n", problem.c_str());
-  return 1;
+  return problem.empty() ? status : 1;
 }
 
 int run(int count, char** words) {
