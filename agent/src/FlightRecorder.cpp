@@ -1,12 +1,17 @@
+#include <algorithm>
+#include <charconv>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
-#include <sstream>
+#include <nlohmann/json.hpp>
 
 #include <Norv/Agent/FlightRecorder.h>
 
 namespace Norv::Agent {
 
 namespace {
+
+using nlohmann::ordered_json;
 
 Skein::TraceOptions multiThreaded(U64 size) {
   Skein::TraceOptions options;
@@ -15,39 +20,49 @@ Skein::TraceOptions multiThreaded(U64 size) {
   return options;
 }
 
-// A JSON string: quotes and control characters escaped, the rest as it is.
-std::string quoted(const std::string& text) {
-  std::ostringstream out;
-  out << '"';
-  for (const unsigned char c : text) {
-    if (c == '"' || c == '\\') {
-      out << '\\' << c;
-    } else if (c < 0x20) {
-      char escape[8];
-      std::snprintf(escape, sizeof escape, "\\u%04x", c);
-      out << escape;
-    } else {
-      out << c;
-    }
-  }
-  out << '"';
-  return out.str();
-}
-
 double microseconds(Time::duration duration) {
   return std::chrono::duration<double, std::micro>(duration).count();
 }
 
-void writeDetails(const std::string& path, const CommandReport& failure) {
+ordered_json detailsOf(const CommandReport& command) {
+  return {{"seq", command.seq},
+          {"type", stringValue(command.type).charPtr()},
+          {"queue", command.queue.charPtr()},
+          {"outcome", outcomeName(command.outcome)},
+          {"waited_us", microseconds(command.started - command.announced)},
+          {"service_us", microseconds(command.ended - command.started)}};
+}
+
+void writeDetails(const std::string& path, const std::optional<CommandReport>& command,
+                  const std::string& reason) {
+  ordered_json details;
+  details["command"] = command ? detailsOf(*command) : ordered_json();
+  details["reason"] = reason;
   std::ofstream out(path);
-  out << "{\"seq\":" << failure.seq << ",\"type\":" << quoted(stringValue(failure.type).charPtr())
-      << ",\"queue\":" << quoted(failure.queue.charPtr())
-      << ",\"outcome\":" << quoted(outcomeName(failure.outcome))
-      << ",\"reason\":" << quoted(failure.errorText)
-      << ",\"waited_us\":" << microseconds(failure.started - failure.announced)
-      << ",\"service_us\":" << microseconds(failure.ended - failure.started) << "}\n";
+  // What is not UTF-8 comes out as the replacement character.
+  out << details.dump(-1, ' ', false, ordered_json::error_handler_t::replace) << '\n';
   out.close();
-  if (!out) throw std::runtime_error(path + ": cannot be written");
+  if (!out) throw std::runtime_error("cannot write " + path + "; check the free space");
+}
+
+// The N of a file named PREFIX followed by N or N.json; 0 for any other.
+unsigned numberIn(const std::string& name, const std::string& prefix) {
+  if (!name.starts_with(prefix)) return 0;
+  unsigned number = 0;
+  const char* const end = name.data() + name.size();
+  const auto [rest, error] = std::from_chars(name.data() + prefix.size(), end, number);
+  const std::string_view tail(rest, static_cast<std::size_t>(end - rest));
+  return error == std::errc() && (tail.empty() || tail == ".json") ? number : 0;
+}
+
+unsigned highestNumber(const std::filesystem::path& copies) {
+  const std::filesystem::path folder = copies.has_parent_path() ? copies.parent_path() : ".";
+  const std::string prefix = copies.filename();
+  unsigned highest = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+    highest = std::max(highest, numberIn(entry.path().filename(), prefix));
+  }
+  return highest;
 }
 
 }  // namespace
@@ -60,11 +75,14 @@ FlightRecorder::FlightRecorder(const std::string& path, U64 size)
 // The handle stops being the process's default by itself, if it still is.
 FlightRecorder::~FlightRecorder() = default;
 
-void FlightRecorder::freeze(const CommandReport& failure) {
-  const std::string copy = path_ + ".failure-" + std::to_string(++frozen_);
+void FlightRecorder::freeze(const std::optional<CommandReport>& command,
+                            const std::string& reason) {
   try {
+    const std::lock_guard guard(freezing_);
+    const std::string copies = path_ + ".failure-";
+    const std::string copy = copies + std::to_string(highestNumber(copies) + 1);
     Skein::snapshot(*handle_.traceFile(), copy);
-    writeDetails(copy + ".json", failure);
+    writeDetails(copy + ".json", command, reason);
   } catch (const std::exception& error) {
     std::fprintf(stderr, "flight recorder: %s\n", error.what());
   }

@@ -14,6 +14,9 @@ const TrackedEntry* tracked(const Lumo::Ptr<GrpcCmd>& cmd) {
   return dynamic_cast<const TrackedEntry*>(cmd.ptr());
 }
 
+// Somebody set the flag, or a command failed that is not tracked.
+const char* const nothingUnderWay = "the error flag rose while no tracked command was under way";
+
 }  // namespace
 
 const char* workerName(Status::Worker worker) {
@@ -148,10 +151,14 @@ void Kit::onFlag() {
   }
   const Time now = ledger_->now();
   const bool commandFailed = static_cast<bool>(underWay());
-  ledger_->flagRose(!commandFailed, failureText_());
+  const std::string text = failureText_();
+  ledger_->flagRose(!commandFailed, text);
   if (recorder_) {
-    recorder_->freeze(commandFailed ? ledger_->lastFailure().value_or(CommandReport())
-                                    : CommandReport());
+    if (commandFailed) {
+      recorder_->freeze(ledger_->lastFailure(), text);
+    } else {
+      recorder_->freeze(std::nullopt, nothingUnderWay);
+    }
   }
   // Last, so that whoever sees the kit stopped finds the failure in the books.
   stoppedSince_.store(now.time_since_epoch().count(), std::memory_order_release);

@@ -92,8 +92,9 @@ def check_failure():
     daemon.communicate()
     with open(trace + ".failure-1.json") as file:
         details = json.load(file)
-    assert details["seq"] == 4 and details["outcome"] == "failed", details
-    assert "error_code: 14" in details["reason"] and details["type"] == "listDrivers", details
+    command = details["command"]
+    assert command["seq"] == 4 and command["outcome"] == "failed", details
+    assert "error_code: 14" in details["reason"] and command["type"] == "listDrivers", details
     frozen = run(skein, "dump", trace + ".failure-1").splitlines()
     assert any("Failure to process response: error_code: 14" in line for line in frozen)
     assert any(": ended seq=4 " in line and "outcome=failed" in line for line in frozen)

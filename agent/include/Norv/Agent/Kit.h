@@ -66,7 +66,9 @@ class Kit {
   void failureTextIs(std::function<std::string()> text) { failureText_ = std::move(text); }
 
   // Keeps the last trace records in a file of `size` bytes and freezes them, with what is known of
-  // the command, whenever the flag rises (see FlightRecorder). Throws when the file cannot be made.
+  // the command, whenever the flag rises (see FlightRecorder). The thread that raises it, after a
+  // failure the worker, copies the file. Throws when the file cannot be made. Set before the
+  // manager is made.
   void flightRecorderIs(const std::string& path, U64 size = 4 * 1024 * 1024);
 
   // Wakes the worker again if commands wait, as a single wake-up may have been lost; carries out

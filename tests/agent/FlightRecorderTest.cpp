@@ -1,0 +1,200 @@
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+
+#include <Norv/Agent/FlightRecorder.h>
+#include <Norv/ManagerTrace.h>
+#include <Skein/Reader.h>
+
+#include "KitFixture.h"
+
+namespace {
+
+using namespace agent_test;
+using nlohmann::json;
+using Norv::Agent::FlightRecorder;
+
+class TemporaryFolder {
+ public:
+  TemporaryFolder() {
+    std::string name = (std::filesystem::temp_directory_path() / "recorder-XXXXXX").string();
+    EXPECT_NE(::mkdtemp(name.data()), nullptr);
+    path_ = name;
+  }
+  ~TemporaryFolder() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+  }
+  TemporaryFolder(const TemporaryFolder&) = delete;
+  TemporaryFolder& operator=(const TemporaryFolder&) = delete;
+
+  std::string file(const std::string& name) const { return (path_ / name).string(); }
+  std::vector<std::string> names() const {
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(path_)) {
+      names.push_back(entry.path().filename());
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+  }
+
+ private:
+  std::filesystem::path path_;
+};
+
+std::vector<std::string> textsIn(const std::string& path) {
+  std::vector<std::string> texts;
+  Skein::Reader reader(path);
+  reader.read([&](const Skein::Record& record) {
+    texts.emplace_back();
+    record.appendText(texts.back());
+  });
+  EXPECT_EQ(reader.problem(), "");
+  return texts;
+}
+
+CommandReport failedCommand() {
+  CommandReport report;
+  report.seq = 4;
+  report.type = Norv::listDrivers;
+  report.queue = "main";
+  report.outcome = Outcome::failed;
+  report.announced = report.started = Norv::Agent::Time(1ms);
+  report.ended = Norv::Agent::Time(3ms);
+  return report;
+}
+
+// Leaves a record that says so.
+void leave(const std::string& text) {
+  Twine::trace<Norv::ManagerTrace::connecting>(text);
+}
+std::string leftAs(const std::string& text) {
+  return "Connecting to Bessd (" + text + ")";
+}
+
+struct FlightRecorderTest : testing::Test {
+  json details(int number, const std::string& of = "run") const {
+    std::ifstream in(folder.file(of + ".failure-" + std::to_string(number) + ".json"));
+    return json::parse(in, nullptr, false);
+  }
+
+  TemporaryFolder folder;
+  const std::string path = folder.file("run");
+};
+
+TEST_F(FlightRecorderTest, FreezesTheRecordsAndWhatIsKnownOfTheCommand) {
+  FlightRecorder recorder(path);
+  leave("before");
+  recorder.freeze(failedCommand(), "error_code: 14");
+  leave("after");
+  EXPECT_THAT(textsIn(path + ".failure-1"), testing::ElementsAre(leftAs("before")));
+  EXPECT_EQ(textsIn(path).size(), 2u);
+  EXPECT_EQ(details(1), json({{"command",
+                               {{"seq", 4},
+                                {"type", "listDrivers"},
+                                {"queue", "main"},
+                                {"outcome", "failed"},
+                                {"waited_us", 0.0},
+                                {"service_us", 2000.0}}},
+                              {"reason", "error_code: 14"}}));
+}
+
+TEST_F(FlightRecorderTest, SaysNullWhereNoCommandFailed) {
+  FlightRecorder recorder(path);
+  recorder.freeze(std::nullopt, "somebody said so");
+  EXPECT_EQ(details(1), json({{"command", nullptr}, {"reason", "somebody said so"}}));
+}
+
+TEST_F(FlightRecorderTest, TextsThatAreNotUtf8GiveValidJson) {
+  FlightRecorder recorder(path);
+  CommandReport report = failedCommand();
+  report.queue = "q\"\\\x80\xc3(";
+  recorder.freeze(report, "half \xe2\x82 \x1b[1m \n \xff");
+  ASSERT_FALSE(details(1).is_discarded());
+  const std::string replaced = "\xef\xbf\xbd";
+  EXPECT_EQ(details(1)["command"]["queue"], "q\"\\" + replaced + replaced + "(");
+  EXPECT_EQ(details(1)["reason"], "half " + replaced + " \x1b[1m \n " + replaced);
+}
+
+TEST_F(FlightRecorderTest, GoesOnAfterTheCopiesOfAnEarlierRun) {
+  for (const char* name : {"run.failure-2", "run.failure-9.json", "run.failure-x",
+                           "run.failure-31.old", "other.failure-40"}) {
+    std::ofstream(folder.file(name)) << "kept";
+  }
+  {
+    FlightRecorder recorder(path);
+    recorder.freeze(std::nullopt, "first");
+    recorder.freeze(std::nullopt, "second");
+  }
+  FlightRecorder recorder(path);
+  recorder.freeze(std::nullopt, "third");
+  EXPECT_EQ(details(10)["reason"], "first");
+  EXPECT_EQ(details(11)["reason"], "second");
+  EXPECT_EQ(details(12)["reason"], "third");
+  EXPECT_EQ(folder.names().size(), 5u + 1 + 3 * 2);
+  std::ifstream kept(folder.file("run.failure-9.json"));
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(kept), {}), "kept");
+}
+
+TEST_F(FlightRecorderTest, ASecondOneTakesOverAndTheFirstStillFreezesItsOwn) {
+  auto first = std::make_unique<FlightRecorder>(path);
+  leave("one");
+  FlightRecorder second(folder.file("second"));
+  leave("two");
+  first->freeze(std::nullopt, "of the first");
+  second.freeze(std::nullopt, "of the second");
+  EXPECT_THAT(textsIn(path + ".failure-1"), testing::ElementsAre(leftAs("one")));
+  EXPECT_THAT(textsIn(folder.file("second.failure-1")), testing::ElementsAre(leftAs("two")));
+  first.reset();
+  leave("three");
+  EXPECT_THAT(textsIn(folder.file("second")), testing::ElementsAre(leftAs("two"), leftAs("three")));
+}
+
+TEST_F(FlightRecorderTest, ACopyThatCannotBeWrittenIsReportedAndNoMore) {
+  FlightRecorder recorder(path);
+  std::filesystem::remove_all(std::filesystem::path(path).parent_path());
+  testing::internal::CaptureStderr();
+  recorder.freeze(failedCommand(), "");
+  const std::string said = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(said.find("flight recorder: "), 0u) << said;
+  EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 1) << said;
+}
+
+struct KitRecorder : KitFixture {
+  json details() const {
+    std::ifstream in(folder.file("run.failure-1.json"));
+    return json::parse(in, nullptr, false);
+  }
+
+  TemporaryFolder folder;
+};
+
+TEST_F(KitRecorder, FreezesTheCommandThatFailed) {
+  kit.failureTextIs([] { return std::string("as the daemon said"); });
+  kit.flightRecorderIs(folder.file("run"));
+  answerNth(0, {14, "gone", ""});
+  connect();
+  enqueue();
+  announce();
+  ASSERT_TRUE(ticking([&] { return kit.stopped(); }));
+  EXPECT_EQ(details()["command"]["type"], "getVersion");
+  EXPECT_EQ(details()["command"]["outcome"], "failed");
+  EXPECT_EQ(details()["reason"], "as the daemon said");
+}
+
+TEST_F(KitRecorder, AFlagThatTheAgentRaisesItselfIsNoCommands) {
+  kit.flightRecorderIs(folder.file("run"));
+  Lumo::ActivityLockAnchor activity;
+  agent.status->errorOccuredIs(true);
+  EXPECT_TRUE(details()["command"].is_null());
+  EXPECT_EQ(details()["reason"], "the error flag rose while no tracked command was under way");
+}
+
+TEST_F(KitRecorder, ASecondRecorderStaysOn) {
+  kit.flightRecorderIs(folder.file("first"));
+  kit.flightRecorderIs(folder.file("run"));
+  leave("here");
+  EXPECT_THAT(textsIn(folder.file("run")), testing::ElementsAre(leftAs("here")));
+}
+
+}  // namespace
