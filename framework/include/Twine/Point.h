@@ -2,6 +2,7 @@
 
 #include <array>
 #include <atomic>
+#include <cstddef>
 #include <new>
 #include <ostream>
 #include <string_view>
@@ -31,8 +32,14 @@ enum class Sinks : U8 { text, both };
 
 // What the points of a module share.
 struct Module {
+  constexpr Module(Lumo::TraceHandle& (*handleOf)(), U8 (&map)[10], const char* fileName)
+      : handle(handleOf), levelMap(map), textOnly(false), file(fileName) {}
+  constexpr Module(Lumo::TraceHandle& (*handleOf)(), std::nullptr_t, const char* fileName)
+      : handle(handleOf), levelMap(nullptr), textOnly(true), file(fileName) {}
+
   Lumo::TraceHandle& (*handle)();
-  U8* levelMap;      // ten entries, see levelMapIs; null where all points are text only
+  U8* levelMap;   // see levelMapIs; null where all points are text only
+  bool textOnly;  // asked instead of the pointer, which no sanitizer's build takes for a constant
   const char* file;  // named in lines and descriptors, whatever the real file is called
 };
 
@@ -214,7 +221,7 @@ inline void trace(const Args&... args) {
                 "the text of the point has a \"%s\" for each argument, or none at all");
   static_assert(point.level < Lumo::TraceFacility::levelCount, "levels are 0 to 9");
   if constexpr (point.sinks == Sinks::both) {
-    static_assert(point.module->levelMap != nullptr, "a point with both sinks needs a level map");
+    static_assert(!point.module->textOnly, "a point with both sinks needs a level map");
     if (Skein::defaultHandle_.load(std::memory_order_relaxed)) [[unlikely]] {
       detail::recordInDefaultFile<point>(args...);
     }
