@@ -1,3 +1,4 @@
+#include <functional>
 #include <sstream>
 
 #include "TraceFixture.h"
@@ -6,23 +7,39 @@ using TracePointTest = TraceTest;
 
 namespace {
 
-// Counts how often it is formatted.
-struct Counted {
-  mutable int* formatted;
+// A text that is made when a sink asks for it.
+struct Text {
+  std::function<std::string_view()> make;
+  operator std::string_view() const { return make(); }
 };
-std::ostream& operator<<(std::ostream& out, const Counted& counted) {
-  ++*counted.formatted;
-  return out << "counted";
+struct Object {};
+
+}  // namespace
+
+template <>
+inline constexpr bool Skein::isText<Text> = true;
+
+namespace {
+
+// Counts how often it is formatted.
+Text counted(int& formatted) {
+  return {[&formatted] {
+    ++formatted;
+    return "counted";
+  }};
 }
 
-struct Object {};
+Text throwing() {
+  return {[]() -> std::string_view { throw std::runtime_error("no text for you"); }};
+}
 
 }  // namespace
 
 TEST_F(TracePointTest, HasNoEffectWithEverythingOff) {
   int formatted = 0;
-  Twine::trace<Sample::textSending>(Counted{&formatted});
-  Twine::trace<Sample::placed>(14, std::string("unavailable"));
+  Twine::trace<Sample::textSending>(counted(formatted));
+  Twine::trace<Sample::placed>(14, counted(formatted));
+  Twine::trace<Sample::appended>(counted(formatted));
   EXPECT_EQ(formatted, 0);
   EXPECT_TRUE(recorder.lines().empty());
   EXPECT_EQ(Skein::defaultSkeinFile(), nullptr);
@@ -113,11 +130,38 @@ TEST_F(TracePointTest, ATextOnlyPointLeavesNoRecord) {
   EXPECT_TRUE(textsIn(path).empty());
 }
 
+TEST_F(TracePointTest, FormatsItsArgumentsOncePerSink) {
+  int formatted = 0;
+  ringIsOn();
+  Twine::trace<Sample::placed>(14, counted(formatted));
+  EXPECT_EQ(formatted, 1);
+  textIsOn();
+  Twine::trace<Sample::placed>(14, counted(formatted));
+  EXPECT_EQ(formatted, 3);
+  skein.reset();
+  Twine::trace<Sample::placed>(14, counted(formatted));
+  EXPECT_EQ(formatted, 4);
+}
+
+TEST_F(TracePointTest, AnArgumentThatThrowsCostsItsSinkTheLine) {
+  ringIsOn();
+  textIsOn();
+  // More often than the thread has streams to lend: helper and converter give theirs back.
+  for (int i = 0; i < 20; ++i) EXPECT_NO_THROW(Twine::trace<Sample::placed>(14, throwing()));
+  Twine::trace<Sample::placed>(15, std::string("whole"));
+  const std::vector<std::string> whole{"Failure: error_code: 15 error_message: whole"};
+  EXPECT_EQ(recorder.texts(), whole);
+  EXPECT_EQ(textsIn(path), whole);
+}
+
 TEST_F(TracePointTest, ACoverageStreamRunsTheTextBranchWithoutALine) {
   std::ostringstream coverage;
   Lumo::coverageStream_ = &coverage;
-  Twine::trace<Sample::placed>(14, std::string("text"));
-  Twine::trace<Sample::textOnly>();
+  int formatted = 0;
+  Twine::trace<Sample::placed>(14, counted(formatted));
+  EXPECT_EQ(formatted, 1) << "the converter runs";
+  Twine::trace<Sample::textSending>(counted(formatted));
+  EXPECT_EQ(formatted, 1) << "a point with the text sink only has none";
   EXPECT_TRUE(recorder.lines().empty());
   EXPECT_EQ(coverage.str(), "");
   textIsOn();

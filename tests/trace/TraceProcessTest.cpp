@@ -24,6 +24,7 @@ TEST(TraceProcess, IsSilentWithoutASetting) {
 
 TEST(TraceProcess, WritesALineToStandardErrorWhenTheEnvironmentAsks) {
   const Outcome outcome = run({TRACE_PROGRAM, "text"}, "Sample/0-5");
+  EXPECT_EQ(outcome.status, 0);
   EXPECT_TRUE(std::regex_match(
       outcome.error,
       std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6} \d+ Sample/5 Sample\.lumo:77 work: )"
@@ -74,5 +75,8 @@ TEST(TraceProcess, TracesOfDestructorsAtTheEndComeThrough) {
 }
 
 TEST(TraceProcess, HandlesAreMadeOnceAtTheFirstTraceOfTheirModule) {
-  EXPECT_EQ(run({TRACE_PROGRAM, "first"}).out, "--\nSample\n--\nSample\nOther\n--\n");
+  const Outcome outcome = run({TRACE_PROGRAM, "first"});
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.error, "");
+  EXPECT_EQ(outcome.out, "--\nSample\n--\nSample\nOther\n--\n");
 }
