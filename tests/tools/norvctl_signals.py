@@ -1,6 +1,7 @@
-"""Daemons that are absent, come late, hang or die, and a person's ^C."""
+"""Daemons that are absent, come late, hang, die or come back, and a person's ^C."""
 
 import signal
+import socket
 
 import harness
 from harness import (
@@ -37,6 +38,53 @@ def test_nobody_listens():
 
 def test_unknown_host():
     result = run("--host", "nowhere.invalid", "--timeout", "1", versions(2), patience=30)
+    equal(result.status, 3)
+    equal(result.outcomes(), ["failed", "dropped"])
+
+
+def unreachable(host, port):
+    """Such an address is tried, not judged: the first command waits until the time runs out."""
+    result = run("--host", host, "--port", str(port), "--timeout", "1", versions(3), patience=30)
+    equal(result.status, 3)
+    equal(result.outcomes(), ["failed", "dropped", "dropped"])
+    equal(result.commands[0]["reason"], "no answer before the time ran out")
+
+
+def test_empty_host():
+    unreachable("", 10514)
+
+
+def test_port_zero():
+    unreachable("127.0.0.1", 0)
+
+
+def test_highest_port():
+    unreachable("127.0.0.1", 65535)
+
+
+def test_a_listener_that_never_says_anything():
+    with socket.create_server(("127.0.0.1", 0)) as listener:
+        address = ("--host", "127.0.0.1", "--port", str(listener.getsockname()[1]))
+        process = start("--json", "--timeout", "3", *address, versions(2))
+        listener.settimeout(harness.PATIENCE)
+        connection, _ = listener.accept()
+        with connection:
+            connection.settimeout(harness.PATIENCE)
+            # It speaks first, and in plain text.
+            preface = b"PRI * HTTP/2.0\r\n\r\nSM\r\n\r\n"
+            equal(connection.recv(len(preface), socket.MSG_WAITALL), preface)
+            result = Result(process.finish())
+    equal(result.status, 3)
+    equal(result.outcomes(), ["failed", "dropped"])
+
+
+def test_a_listener_that_hangs_up():
+    with socket.create_server(("127.0.0.1", 0)) as listener:
+        address = ("--host", "127.0.0.1", "--port", str(listener.getsockname()[1]))
+        process = start("--json", "--timeout", "3", *address, versions(2))
+        listener.settimeout(harness.PATIENCE)
+        listener.accept()[0].close()
+        result = Result(process.finish())
     equal(result.status, 3)
     equal(result.outcomes(), ["failed", "dropped"])
 
@@ -90,6 +138,25 @@ def test_the_daemon_dies_during_a_call():
     result = Result(process.finish())
     equal(result.status, 3)
     equal(result.outcomes(), ["ok", "failed", "dropped", "dropped"])
+
+
+def test_the_daemon_dies_and_is_started_again():
+    """The command under way is lost, one more may be; the next daemon on the port gets the rest."""
+    daemon = ScriptedDaemon("ok", "hold")
+    options = ("--json", "--on-failure", "continue", "--timeout", str(harness.PATIENCE))
+    process = start(*options, *daemon.address, versions(8))
+    daemon.wait_for("(call getVersion\n){2}")
+    daemon.signal(signal.SIGKILL)
+    daemon.finish()
+    Standin(daemon.port)
+    result = Result(process.finish())
+    equal(result.status, 3)
+    outcomes = result.outcomes()
+    equal(outcomes[:2], ["ok", "failed"])
+    assert outcomes[2:].count("dropped") <= 1, outcomes
+    equal(outcomes[2:].count("ok") + outcomes[2:].count("dropped"), 6, outcomes)
+    equal(outcomes[-1], "ok")
+    assert "error_code: 14" in result.commands[1]["reason"], result.commands[1]
 
 
 def test_the_daemon_is_killed_at_any_moment():
