@@ -3,14 +3,13 @@
 #include <string>
 #include <vector>
 
-#include <Lumo/Lock.h>
-#include <Lumo/TraceSink.h>
+#include <Lumo/TraceRecorder.h>
 
 namespace support {
 
-// Collects text trace lines while it lives, with the setting given turned on; afterwards everything
-// is off again. Any thread.
-class TraceRecorder : public Lumo::TraceSink {
+// The framework's recorder with a setting of its own while it lives, and lines that a test
+// compares: without time and thread. Afterwards everything is off again. Any thread.
+class TraceRecorder {
  public:
   struct Line {
     std::string facility;
@@ -24,19 +23,19 @@ class TraceRecorder : public Lumo::TraceSink {
 
   // As LUMO_TRACE; "*/*" is everything.
   explicit TraceRecorder(const std::string& setting = "*/*");
-  ~TraceRecorder() override;
-  void lineIs(const Lumo::TraceLine& line) override;
+  ~TraceRecorder();
+  TraceRecorder(const TraceRecorder&) = delete;
+  TraceRecorder& operator=(const TraceRecorder&) = delete;
 
   std::vector<Line> lines() const;
-  std::vector<std::string> texts() const;
+  std::vector<std::string> texts() const { return recorder_.texts(); }
   // The texts of one facility; in tests of one module, what it traced and in which order.
   std::vector<std::string> texts(const std::string& facility) const;
   std::size_t count(const std::string& text) const;
-  void clear();
+  void clear() { recorder_.clear(); }
 
  private:
-  mutable Lumo::Lock lock_;
-  std::vector<Line> lines_ LUMO_GUARDED_BY(lock_);
+  Lumo::TraceRecorder recorder_;
 };
 
 std::ostream& operator<<(std::ostream& out, const TraceRecorder::Line& line);
