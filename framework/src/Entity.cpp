@@ -9,16 +9,20 @@ thread_local constinit FwkEntityReadsPreserve* innermost = nullptr;
 
 }  // namespace
 
+constinit std::atomic<U32> FwkEntityReadsPreserve::open_{0};
+
 FwkEntityReadsPreserve::FwkEntityReadsPreserve(const Entity* entity)
     : entity_(entity), outer_(innermost) {
   innermost = this;
+  open_.fetch_add(1, std::memory_order_relaxed);
 }
 
 FwkEntityReadsPreserve::~FwkEntityReadsPreserve() {
+  open_.fetch_sub(1, std::memory_order_relaxed);
   innermost = outer_;
 }
 
-bool FwkEntityReadsPreserve::anyActive(const Entity* entity) {
+bool FwkEntityReadsPreserve::activeOnThisThread(const Entity* entity) {
   for (const FwkEntityReadsPreserve* scope = innermost; scope; scope = scope->outer_) {
     if (!scope->entity_ || scope->entity_ == entity) return true;
   }

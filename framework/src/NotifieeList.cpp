@@ -33,6 +33,7 @@ void NotifieeList::deleteAll() {
 void NotifieeList::findPlace(Visit& walk) {
   if (!walk.begun) {
     walk.begun = true;
+    walk.position = 0;
     walk.last = changes_;
   } else if (walk.changes != changes_) {
     const auto place =
@@ -43,18 +44,28 @@ void NotifieeList::findPlace(Visit& walk) {
   walk.changes = changes_;
 }
 
+// Null for a member that this walk passes over. A reactor whose last reference is gone waits at the
+// guard to leave the list.
+Ptr<NotifieeConst> NotifieeList::taken(const Visit& walk, const Member& member) {
+  if (walk.typedOnly && !member.typed) return nullptr;
+  if (!member.notifiee->referencesIncUnlessZero()) return nullptr;
+  return Ptr<NotifieeConst>(member.notifiee, __NoRefcountIncrement());
+}
+
 Ptr<NotifieeConst> NotifieeList::next(Visit& walk) {
-  if (walk.atEnd) return nullptr;
   SpinLockAnchor anchor(guard_);
+  if (!walk.begun && list_.size() == 1) {
+    walk.atEnd = true;
+    return taken(walk, list_.front());
+  }
   findPlace(walk);
   while (due(walk)) {
     const Member& member = list_[walk.position++];
     walk.done = member.number;
-    if (walk.typedOnly && !member.typed) continue;
-    // A reactor whose last reference is gone waits at the guard to leave the list.
-    if (!member.notifiee->referencesIncUnlessZero()) continue;
-    walk.atEnd = !due(walk);
-    return Ptr<NotifieeConst>(member.notifiee, __NoRefcountIncrement());
+    if (Ptr<NotifieeConst> notifiee = taken(walk, member)) {
+      walk.atEnd = !due(walk);
+      return notifiee;
+    }
   }
   walk.atEnd = true;
   return nullptr;

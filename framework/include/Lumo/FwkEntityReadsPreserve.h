@@ -1,5 +1,9 @@
 #pragma once
 
+#include <atomic>
+
+#include <Lumo/Types.h>
+
 namespace Lumo {
 
 class Entity;
@@ -15,9 +19,17 @@ class FwkEntityReadsPreserve {
   FwkEntityReadsPreserve& operator=(const FwkEntityReadsPreserve&) = delete;
 
   // Whether a scope on `entity`, or on all entities, is open on this thread.
-  static bool anyActive(const Entity* entity);
+  static bool anyActive(const Entity* entity) {
+    return open_.load(std::memory_order_relaxed) != 0 && activeOnThisThread(entity);
+  }
 
  private:
+  static bool activeOnThisThread(const Entity* entity);
+
+  // The scopes open on all threads: spares every mutator a look at its thread's own. Relaxed, as a
+  // thread sees its own scopes in any case and is not concerned by others'.
+  static std::atomic<U32> open_;
+
   const Entity* entity_;
   FwkEntityReadsPreserve* outer_;
 };

@@ -55,24 +55,29 @@ class NotifieeList {
 
   // One walk over the members that were there at its start.
   struct Visit {
+    explicit Visit(bool onlyTyped) : typedOnly(onlyTyped) {}
     const bool typedOnly;
     bool begun = false;
     bool atEnd = false;
-    std::size_t position = 0;
-    U64 changes = 0;  // of the list, when `position` was right
-    U64 done = 0;     // number of the member looked at last
-    U64 last = 0;     // the highest number that was given when the walk began
+    // Set when the walk begins.
+    std::size_t position;
+    U64 changes;  // of the list, when `position` was right
+    U64 done;     // number of the member looked at last
+    U64 last;     // the highest number that was given when the walk began
   };
 
   template <class Visitor>
   void visit(bool typedOnly, Visitor& visitor) {
     if (members() == 0) return;
-    Visit walk{typedOnly};
-    while (const Ptr<NotifieeConst> notifiee = next(walk)) visitor(notifiee.ptr());
+    Visit walk(typedOnly);
+    while (!walk.atEnd) {
+      if (const Ptr<NotifieeConst> notifiee = next(walk)) visitor(notifiee.ptr());
+    }
   }
 
-  // The next one to call, null at the end. Takes the guard once.
+  // The next one to call, null if there is none; tells when it was the last. Takes the guard once.
   Ptr<NotifieeConst> next(Visit& walk);
+  static Ptr<NotifieeConst> taken(const Visit& walk, const Member& member);
   void findPlace(Visit& walk) LUMO_REQUIRES(guard_);
   bool due(const Visit& walk) const LUMO_REQUIRES(guard_) {
     return walk.position < list_.size() && list_[walk.position].number <= walk.last;
