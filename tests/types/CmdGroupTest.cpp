@@ -156,6 +156,58 @@ TEST_F(CmdGroupTest, AllocatesOneEntryPerCommand) {
   EXPECT_EQ(change[0].allocations, 10u);
 }
 
+TEST_F(CmdGroupTest, AllocatesNothingWhenCommandsComeAndGo) {
+  const auto a = cmd();
+  for (int i = 0; i < 6; ++i) group->cmdBatchEnq(a);
+  while (group->cmdBatchDeq()) {
+  }
+  const auto before = Lumo::allocTrackSnapshot();
+  for (int i = 0; i < 5; ++i) group->cmdBatchEnq(a);
+  EXPECT_EQ(indexes(*group), (std::vector<U32>{6, 7, 8, 9, 10}));
+  for (int i = 0; i < 100; ++i) {
+    group->cmdBatchEnq(a);
+    EXPECT_EQ(group->cmdBatchDeq(), a);
+  }
+  EXPECT_TRUE(Lumo::allocTrackDifference(before, Lumo::allocTrackSnapshot()).empty());
+}
+
+TEST_F(CmdGroupTest, KeepsNoHoldOfATakenCommand) {
+  const auto a = cmd();
+  for (int i = 0; i < 100; ++i) group->cmdBatchEnq(a);
+  EXPECT_EQ(a->references(), 101u);
+  for (int i = 0; i < 99; ++i) group->cmdBatchDeq();
+  EXPECT_EQ(group->cmdBatchDel(99), a);
+  EXPECT_EQ(a->references(), 1u);
+}
+
+TEST_F(CmdGroupTest, LeavesATakenEntryToTheIteratorThatStandsOnIt) {
+  const auto a = cmd();
+  const auto b = cmd();
+  group->cmdBatchEnq(a);
+  auto iterator = group->cmdBatchIterator();
+  EXPECT_EQ(group->cmdBatchDeq(), a);
+  group->cmdBatchEnq(b);
+  EXPECT_EQ(iterator.key(), 0u);
+  EXPECT_EQ(iterator.cmdBatch(), a);
+  ++iterator;
+  EXPECT_EQ(iterator.key(), 1u);
+  EXPECT_EQ(iterator.cmdBatch(), b);
+}
+
+TEST_F(CmdGroupTest, FreesItsEntriesWhenItGoes) {
+  const auto before = Lumo::allocTrackSnapshot();
+  for (int i = 0; i < 100; ++i) group->cmdBatchEnq(nullptr);
+  for (int i = 0; i < 50; ++i) group->cmdBatchDeq();
+  group = nullptr;
+  U64 entries = 0;
+  for (const auto& row : Lumo::allocTrackDifference(before, Lumo::allocTrackSnapshot())) {
+    if (row.typeName != "Norv::CmdBatchEntry<Norv::CmdGroup>") continue;
+    entries = row.allocations;
+    EXPECT_EQ(row.live(), 0u);
+  }
+  EXPECT_EQ(entries, 100u);
+}
+
 TEST_F(CmdGroupTest, AnEntryIsReadAndWrittenByItsAccessors) {
   const auto a = cmd();
   const auto entry = Lumo::allocate<CmdGroup::LumoCmdBatch>(4u, nullptr);

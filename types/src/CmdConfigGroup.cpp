@@ -54,18 +54,18 @@ void CmdConfigGroup::cmdBatchIs(U32 index, const Lumo::Ptr<GrpcCmd>& cmd) {
 Lumo::Ptr<GrpcCmd> CmdConfigGroup::cmdBatchDeq() {
   fwkEntityVersionInc();
   const U32 headIndex = cmdBatch_.headIndex();
-  const Lumo::Ptr<LumoCmdBatch> removed = cmdBatch_._memberDelHead();
+  Lumo::Ptr<LumoCmdBatch> removed = cmdBatch_._memberDelHead();
   if (!removed) return nullptr;
   cmdBatchNotify(headIndex);
-  return cmdBatch_.cmdOf(removed);
+  return cmdBatch_.cmdOf(std::move(removed));
 }
 
 Lumo::Ptr<GrpcCmd> CmdConfigGroup::cmdBatchDel(U32 index) {
   fwkEntityVersionInc();
-  const Lumo::Ptr<LumoCmdBatch> removed = cmdBatch_._memberDel(index);
+  Lumo::Ptr<LumoCmdBatch> removed = cmdBatch_._memberDel(index);
   if (!removed) return nullptr;
   cmdBatchNotify(index);
-  return cmdBatch_.cmdOf(removed);
+  return cmdBatch_.cmdOf(std::move(removed));
 }
 
 void CmdConfigGroup::cmdBatchDelAll() {

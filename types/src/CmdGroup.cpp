@@ -23,10 +23,6 @@ Lumo::ValidPtr<CmdGroup> CmdGroup::CmdGroupIs() {
   return Lumo::allocate<CmdGroup>();
 }
 
-Lumo::Ptr<GrpcCmd> CmdGroup::cmdBatchDeq() {
-  return cmdBatch_.cmdOf(cmdBatch_._memberDelHead());
-}
-
 Lumo::Ptr<GrpcCmd> CmdGroup::cmdBatchDel(U32 index) {
   return cmdBatch_.cmdOf(cmdBatch_._memberDel(index));
 }

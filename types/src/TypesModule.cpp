@@ -7,7 +7,7 @@ namespace Norv {
 
 namespace {
 
-constinit char registered = 1;
+[[gnu::used]] constinit char registered = 1;
 
 // Registers the types that RegisteredTypes.def gives to this module. After the manager's.
 struct TypesModule : Lumo::RegisteringModule {

@@ -56,7 +56,13 @@ class LinkQueue {
   // Places `entry` under `index`: appends it if that is the next index; moves it if it is linked
   // already; replaces the entry that has the index; or inserts it before the first higher one. Null
   // deletes the entry under `index`. Placing checks no index space and does not know of the wrap.
-  void memberIs(Index index, Ptr<Entry> entry);
+  void memberIs(Index index, Ptr<Entry> entry) {
+    if (index == tailIndex()) {
+      memberNew(std::move(entry));
+    } else {
+      place(index, std::move(entry));
+    }
+  }
   void newMember(const Ptr<Entry>& entry) { memberIs(entry->fwkQkey(), entry); }
 
   // Remove and return the entry; null if there is none.
@@ -80,6 +86,8 @@ class LinkQueue {
     while (entry && entry->fwkQkey() != index) entry = entry->lqNext().ptr();
     return entry;
   }
+  // memberIs for any index but the next one.
+  void place(Index index, Ptr<Entry> entry);
   bool linked(const Entry& entry) const { return &entry == tail_ || entry.lqNext(); }
   void unlinkAfter(Entry* previous, Entry& found);
 
@@ -125,7 +133,7 @@ class LinkQueue<Entry, Index>::Iterator {
 };
 
 template <class Entry, class Index>
-void LinkQueue<Entry, Index>::memberNew(Ptr<Entry> entry) {
+inline void LinkQueue<Entry, Index>::memberNew(Ptr<Entry> entry) {
   if (!entry) return;
   const Index next = tailIndex();
   if (static_cast<Index>(next + 1) == headIndex_) {
@@ -141,17 +149,13 @@ void LinkQueue<Entry, Index>::memberNew(Ptr<Entry> entry) {
   added->lqNextIs(nullptr);
   added->fwkQkeyIs(next);
   tail_ = added;
-  tailIndex();
+  tailIndex_ = static_cast<Index>(next + 1);
   ++version_;
   ++members_;
 }
 
 template <class Entry, class Index>
-void LinkQueue<Entry, Index>::memberIs(Index index, Ptr<Entry> entry) {
-  if (index == tailIndex()) {
-    memberNew(std::move(entry));
-    return;
-  }
+void LinkQueue<Entry, Index>::place(Index index, Ptr<Entry> entry) {
   if (!entry) {
     _memberDel(index);
     return;
@@ -191,18 +195,19 @@ void LinkQueue<Entry, Index>::memberIs(Index index, Ptr<Entry> entry) {
 }
 
 template <class Entry, class Index>
-Ptr<Entry> LinkQueue<Entry, Index>::_memberDelHead() {
+inline Ptr<Entry> LinkQueue<Entry, Index>::_memberDelHead() {
   Ptr<Entry> removed = std::move(head_);
   if (!removed) return removed;
+  --members_;
   head_ = std::move(removed->lqNext());
   if (removed.ptr() == tail_) {
     tail_ = nullptr;
     headIndex_ = tailIndex();
   } else {
     headIndex_ = head_->fwkQkey();
+    __builtin_prefetch(head_->lqNext().ptr());  // what the next call reads
   }
   ++version_;
-  --members_;
   return removed;
 }
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <array>
+
 #include <Lumo/LinkQueue.h>
 #include <Norv/GrpcCmd.h>
 
@@ -22,7 +24,7 @@ class CmdBatchEntry : public Lumo::PtrInterface {
   LUMO_OBJECT(CmdBatchEntry)
 
  public:
-  CmdBatchEntry(U32 index, const Lumo::Ptr<GrpcCmd>& cmd) : index_(index), cmdBatch_(cmd) {}
+  CmdBatchEntry(U32 index, Lumo::Ptr<GrpcCmd> cmd) : index_(index), cmdBatch_(std::move(cmd)) {}
 
   U32 fwkQkey() const { return index_; }
   void fwkQkeyIs(U32 index) { index_ = index; }
@@ -40,39 +42,44 @@ class CmdBatchEntry : public Lumo::PtrInterface {
 };
 
 // The indexed queue of commands inside an `Owner`, which adds its notifications around these calls.
+// A few entries that were taken wait for the next appends, so that a queue whose commands come and
+// go asks the heap for nothing.
 template <class Owner>
 class CmdBatch : public Lumo::LinkQueue<CmdBatchEntry<Owner>> {
  public:
   using Entry = CmdBatchEntry<Owner>;
 
   // Appends `cmd`, null included, and returns its index.
-  U32 enq(const Lumo::Ptr<GrpcCmd>& cmd) {
+  U32 enq(Lumo::Ptr<GrpcCmd> cmd) {
     const U32 index = this->tailIndex();
-    this->memberIs(index, Lumo::allocate<Entry>(index, cmd));
+    this->memberIs(index, entry(index, std::move(cmd)));
     return index;
   }
   // Sets, inserts or (null) deletes the command under `index`; false if there was nothing to do.
   bool is(U32 index, const Lumo::Ptr<GrpcCmd>& cmd) {
-    const Lumo::Ptr<Entry> entry = (*this)[index];
-    if (!entry && !cmd) return false;
-    if (!entry) {
-      this->newMember(Lumo::allocate<Entry>(index, cmd));
+    const Lumo::Ptr<Entry> present = (*this)[index];
+    if (!present && !cmd) return false;
+    if (!present) {
+      this->newMember(entry(index, cmd));
     } else if (!cmd) {
       this->_memberDel(index);
     } else {
-      entry->cmdBatchIs(cmd);
+      present->cmdBatchIs(cmd);
     }
     return true;
   }
-  // The command of a removed entry (null: of none); left in the entry if an iterator stands on it.
-  static Lumo::Ptr<GrpcCmd> cmdOf(const Lumo::Ptr<Entry>& removed) {
+  // The command of a removed entry (null: of none), and the end of the entry. If an iterator stands
+  // on it, the command stays there as well.
+  Lumo::Ptr<GrpcCmd> cmdOf(Lumo::Ptr<Entry> removed) {
     if (!removed) return nullptr;
     if (removed->references() > 1) return removed->cmdBatch();
-    return std::move(removed->cmdBatch());
+    Lumo::Ptr<GrpcCmd> cmd = std::move(removed->cmdBatch());
+    if (spares_ < spare_.size()) spare_[spares_++] = std::move(removed);
+    return cmd;
   }
   Lumo::Ptr<GrpcCmd> cmd(U32 index) const {
-    const Lumo::Ptr<Entry> entry = (*this)[index];
-    return entry ? entry->cmdBatch() : nullptr;
+    const Lumo::Ptr<Entry> present = (*this)[index];
+    return present ? present->cmdBatch() : nullptr;
   }
   CmdBatchMetadata metadata() const { return {this->headIndex(), this->tailIndex()}; }
   void metadataIs(const CmdBatchMetadata& metadata) {
@@ -81,6 +88,19 @@ class CmdBatch : public Lumo::LinkQueue<CmdBatchEntry<Owner>> {
   }
   typename CmdBatch::Iterator iterator() const { return {this, this->head()}; }
   typename CmdBatch::Iterator iterator(U32 index) const { return {this, this->startAt(index)}; }
+
+ private:
+  Lumo::Ptr<Entry> entry(U32 index, Lumo::Ptr<GrpcCmd> cmd) {
+    if (spares_ == 0) return Lumo::allocate<Entry>(index, std::move(cmd));
+    Lumo::Ptr<Entry> reused = std::move(spare_[--spares_]);
+    reused->fwkQkeyIs(index);
+    reused->cmdBatch() = std::move(cmd);
+    return reused;
+  }
+
+  // Together they take about the memory that an empty std::deque takes.
+  std::array<Lumo::Ptr<Entry>, 12> spare_;
+  U32 spares_ = 0;
 };
 
 }  // namespace Norv

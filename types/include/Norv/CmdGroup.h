@@ -27,7 +27,7 @@ class CmdGroup : public Lumo::PtrInterface {
   void cmdBatchEnq(const Lumo::Ptr<GrpcCmd>& cmd) { cmdBatch_.enq(cmd); }
   // Inserts (absent), replaces (present) or, with null, deletes.
   void cmdBatchIs(U32 index, const Lumo::Ptr<GrpcCmd>& cmd) { cmdBatch_.is(index, cmd); }
-  Lumo::Ptr<GrpcCmd> cmdBatchDeq();
+  Lumo::Ptr<GrpcCmd> cmdBatchDeq() { return cmdBatch_.cmdOf(cmdBatch_._memberDelHead()); }
   Lumo::Ptr<GrpcCmd> cmdBatchDel(U32 index);
   // Deletes entry by entry through an iterator.
   // Kept on purpose: over a queue whose indexes have wrapped the iterator ends at the wrap, and the
