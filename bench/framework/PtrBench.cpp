@@ -19,6 +19,18 @@ struct Peer : intrusive_ref_counter<Peer<Counter>, Counter> {
 using AtomicPeer = Peer<boost::thread_safe_counter>;
 using PlainPeer = Peer<boost::thread_unsafe_counter>;
 
+// The peer with our counter: a word that asks at each change how to count.
+struct ChoosingPeer {
+  virtual ~ChoosingPeer() = default;
+  Lumo::ReferenceWord references;
+};
+void intrusive_ptr_add_ref(ChoosingPeer* object) {
+  object->references.inc();
+}
+void intrusive_ptr_release(ChoosingPeer* object) {
+  if (Lumo::ReferenceWord::isZeroReference(object->references.dec())) delete object;
+}
+
 // Pointers count as `threadSafe` says while it lives.
 class Counting {
  public:
@@ -48,9 +60,14 @@ void BoostCopyAtomic(benchmark::State& state) {
 void BoostCopyPlain(benchmark::State& state) {
   copyAndRelease(state, boost::intrusive_ptr<PlainPeer>(new PlainPeer));
 }
+void BoostCopyChoosingPlain(benchmark::State& state) {
+  const Counting counting(false);
+  copyAndRelease(state, boost::intrusive_ptr<ChoosingPeer>(new ChoosingPeer, false));
+}
 BENCHMARK(PtrCopyAtomic);
 BENCHMARK(BoostCopyAtomic);
 BENCHMARK(PtrCopyPlain);
+BENCHMARK(BoostCopyChoosingPlain);
 BENCHMARK(BoostCopyPlain);
 
 // The whole life of a small object.
