@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <set>
 #include <sstream>
 #include <thread>
 
@@ -215,6 +216,35 @@ TEST(TraceLine, HasAFixedFormWithTheTextLast) {
   EXPECT_EQ(text,
             "2026-01-31T12:00:00.123456 4711 GrpcClient/5 GrpcClient.cpp:77 doProcessGrpcCmd: "
             "one\\ntwo\\rthree\n");
+}
+
+TEST(TraceLine, ShowsWhatIsNoPlainCharacter) {
+  const auto shown = [](std::string_view text) {
+    std::string out;
+    Lumo::appendTraceText(out, text);
+    return out;
+  };
+  EXPECT_EQ(shown("plain ~ \xc3\xa4 \xff"), "plain ~ \xc3\xa4 \xff");
+  EXPECT_EQ(shown("\n\r\t\\"), R"(\n\r\t\\)");
+  EXPECT_EQ(shown(std::string_view("\x1b[1m\x7f\0\x1f", 7)), R"(\x1b[1m\x7f\x00\x1f)");
+  EXPECT_EQ(shown(""), "");
+}
+
+TEST(TraceLine, OfDifferentTextsIsDifferent) {
+  // All texts of up to four of these letters.
+  const std::string letters("\\nx1b\n\x1b", 7);
+  std::vector<std::string> texts{""};
+  for (std::size_t i = 0; texts[i].size() < 4; ++i) {
+    for (const char letter : letters) texts.push_back(texts[i] + letter);
+  }
+  std::set<std::string> lines;
+  for (const std::string& text : texts) {
+    std::string line;
+    Lumo::appendTraceText(line, text);
+    EXPECT_TRUE(std::all_of(line.begin(), line.end(), [](char c) { return c >= ' '; }));
+    lines.insert(line);
+  }
+  EXPECT_EQ(lines.size(), texts.size());
 }
 
 TEST_F(TraceHelperTest, LinesOfTwoThreadsStayWhole) {

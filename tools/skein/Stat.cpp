@@ -52,6 +52,12 @@ std::string momentOf(U64 ns) {
   return text.substr(0, text.find(' '));
 }
 
+std::string shown(const std::string& text) {
+  std::string line;
+  Lumo::appendTraceText(line, text);
+  return line;
+}
+
 void printText(const Skein::Reader& reader, const Summary& summary) {
   const auto& counters = reader.counters();
   std::printf("file        %llu bytes, made %s by process %u, %s\n", counters.fileSize,
@@ -71,8 +77,9 @@ void printText(const Skein::Reader& reader, const Summary& summary) {
   std::printf("\n%12s  %s\n", "records", "site");
   for (const Count& count : summary.sites) {
     const Skein::Site& site = *reader.sites()[static_cast<std::size_t>(count.id) - 1];
-    std::printf("%12llu  %s/%u %s:%d %s: %s\n", count.records, site.facility.c_str(), site.level,
-                site.file.c_str(), site.line, site.function.c_str(), site.text.c_str());
+    std::printf("%12llu  %s/%u %s:%d %s: %s\n", count.records, shown(site.facility).c_str(),
+                site.level, shown(site.file).c_str(), site.line, shown(site.function).c_str(),
+                shown(site.text).c_str());
   }
 }
 

@@ -21,8 +21,13 @@ struct TraceLine {
 
 // Appends the line as a person reads it, with its newline:
 // 2026-01-31T12:00:00.123456 4711 GrpcClient/5 GrpcClient.cpp:77 doProcessGrpcCmd: TEXT
-// Time is UTC; line ends within any part become \n and \r.
+// Time is UTC. Each part reads as appendTraceText writes it.
 void appendTraceLine(std::string& out, const TraceLine& line);
+
+// Appends a text so that it stays on its line and leaves a terminal alone, and so that different
+// texts look different: a backslash becomes two, line ends and tabs \n, \r and \t, every other
+// ASCII control character \x and two hexadecimal digits, as ESC \x1b.
+void appendTraceText(std::string& out, std::string_view text);
 
 // Where text lines go. `lineIs` is called on the tracing thread, from several threads at once. An
 // exception of a sink reaches the code that traced.

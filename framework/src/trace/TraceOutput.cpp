@@ -4,6 +4,7 @@
 #include <pthread.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <charconv>
@@ -102,17 +103,37 @@ std::string_view secondText(U64 second) {
   return {kept.text, kept.length};
 }
 
-void appendEscaped(std::string& out, std::string_view text) {
-  for (;;) {
-    const auto lineEnd = text.find_first_of("\r\n");
-    out.append(text.substr(0, lineEnd));
-    if (lineEnd == std::string_view::npos) return;
-    out.append(text[lineEnd] == '\n' ? "\\n" : "\\r");
-    text.remove_prefix(lineEnd + 1);
+}  // namespace
+
+void appendTraceText(std::string& out, std::string_view text) {
+  constexpr char hexadecimal[] = "0123456789abcdef";
+  const auto plain = [](char c) {
+    return static_cast<unsigned char>(c) >= 0x20 && c != 0x7f && c != '\\';
+  };
+  for (auto rest = text.begin();;) {
+    const auto special = std::find_if_not(rest, text.end(), plain);
+    out.append(rest, special);
+    if (special == text.end()) return;
+    const auto c = static_cast<unsigned char>(*special);
+    switch (c) {
+      case '\\':
+        out.append("\\\\");
+        break;
+      case '\n':
+        out.append("\\n");
+        break;
+      case '\r':
+        out.append("\\r");
+        break;
+      case '\t':
+        out.append("\\t");
+        break;
+      default:
+        out.append("\\x").append({hexadecimal[c >> 4], hexadecimal[c & 15]});
+    }
+    rest = special + 1;
   }
 }
-
-}  // namespace
 
 void appendTraceLine(std::string& out, const TraceLine& line) {
   out.append(secondText(line.timeNs / 1000000000ULL));
@@ -120,17 +141,17 @@ void appendTraceLine(std::string& out, const TraceLine& line) {
   out.push_back(' ');
   appendPadded(out, static_cast<U64>(line.thread), 1);
   out.push_back(' ');
-  appendEscaped(out, line.facility);
+  appendTraceText(out, line.facility);
   out.push_back('/');
   appendPadded(out, line.level, 1);
   out.push_back(' ');
-  appendEscaped(out, line.file);
+  appendTraceText(out, line.file);
   out.push_back(':');
   appendPadded(out, static_cast<U64>(line.line), 1);
   out.push_back(' ');
-  appendEscaped(out, line.function);
+  appendTraceText(out, line.function);
   out.append(": ");
-  appendEscaped(out, line.text);
+  appendTraceText(out, line.text);
   out.push_back('\n');
 }
 
