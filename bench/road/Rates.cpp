@@ -1,0 +1,164 @@
+// Commands per second and CPU time per command on the whole road, through named queue, manager,
+// pending queue, worker and handler, beside a hand-written loop of asynchronous stub calls and
+// beside the synchronous stub: the same server in the same process, the same kind of channel, the
+// same request, taken in turns. Then the rate at which a long queue drains beside short ones, and
+// the memory of a waiting command. Usage: road_rates [ROUNDS [COMMANDS [LONG QUEUE]]].
+
+#include <malloc.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <vector>
+
+#include "Road.h"
+
+namespace {
+
+using namespace road;
+
+using Clock = std::chrono::steady_clock;
+
+double secondsSince(Clock::time_point start) {
+  return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+// CPU time of the whole process, server included, in seconds.
+double cpuSeconds() {
+  rusage usage;
+  getrusage(RUSAGE_SELF, &usage);
+  const auto seconds = [](const timeval& time) {
+    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
+  };
+  return seconds(usage.ru_utime) + seconds(usage.ru_stime);
+}
+
+void asynchronousLoop(pb::BESSControl::Stub& stub, U64 commands) {
+  grpc::CompletionQueue queue;
+  for (U64 i = 0; i < commands; ++i) {
+    grpc::ClientContext context;
+    pb::VersionResponse response;
+    grpc::Status status;
+    const auto reader = stub.AsyncGetVersion(&context, pb::EmptyRequest(), &queue);
+    reader->Finish(&response, &status, &response);
+    void* tag = nullptr;
+    bool ok = false;
+    queue.Next(&tag, &ok);
+    if (!ok || !status.ok()) std::abort();
+  }
+}
+
+void synchronousLoop(pb::BESSControl::Stub& stub, U64 commands) {
+  for (U64 i = 0; i < commands; ++i) {
+    grpc::ClientContext context;
+    pb::VersionResponse response;
+    if (!stub.GetVersion(&context, pb::EmptyRequest(), &response).ok()) std::abort();
+  }
+}
+
+// One way of sending, with what was measured of it.
+struct Way {
+  const char* name;
+  std::function<void(U64)> send;
+  std::vector<double> rates;
+  std::vector<double> cpus;
+
+  void round(U64 commands) {
+    const double cpu = cpuSeconds();
+    const Clock::time_point start = Clock::now();
+    send(commands);
+    rates.push_back(static_cast<double>(commands) / secondsSince(start));
+    cpus.push_back((cpuSeconds() - cpu) * 1e6 / static_cast<double>(commands));
+  }
+};
+
+double median(std::vector<double> values) {
+  std::sort(values.begin(), values.end());
+  return values[values.size() / 2];
+}
+
+void compare(Agent& agent, const Server& server, U64 rounds, U64 commands) {
+  const auto asynchronous = pb::BESSControl::NewStub(server.channel());
+  const auto synchronous = pb::BESSControl::NewStub(server.channel());
+  Way ways[] = {
+      {"through the manager",
+       [&](U64 count) {
+         agent.send(count);
+         agent.wait();
+       },
+       {},
+       {}},
+      {"asynchronous stub loop",
+       [&](U64 count) { asynchronousLoop(*asynchronous, count); },
+       {},
+       {}},
+      {"synchronous stub loop", [&](U64 count) { synchronousLoop(*synchronous, count); }, {}, {}}};
+  for (Way& way : ways) way.send(commands / 10 + 1);
+  for (U64 i = 0; i < rounds; ++i) {
+    for (Way& way : ways) way.round(commands);
+    std::printf("\rround %llu of %llu", i + 1, rounds);
+    std::fflush(stdout);
+  }
+  std::printf("\r%-24s %12s %16s\n", "median of the rounds", "commands/s", "CPU us/command");
+  for (const Way& way : ways) {
+    std::printf("%-24s %12.0f %16.2f\n", way.name, median(way.rates), median(way.cpus));
+  }
+  const Way& better = median(ways[1].rates) > median(ways[2].rates) ? ways[1] : ways[2];
+  std::printf("rate beside the better one (%s): %.3f; CPU time: %.3f\n", better.name,
+              median(ways[0].rates) / median(better.rates),
+              median(ways[0].cpus) / median(better.cpus));
+}
+
+// Commands per second from when all are queued to the last answer.
+double drainRate(Agent& agent, U64 commands) {
+  const U64 end = agent.done + commands;
+  agent.send(commands);
+  const Clock::time_point start = Clock::now();
+  const U64 left = end - agent.done;
+  agent.wait();
+  return static_cast<double>(left) / secondsSince(start);
+}
+
+void drain(Agent& agent, U64 longQueue) {
+  std::vector<double> rates;
+  for (int i = 0; i < 101; ++i) rates.push_back(drainRate(agent, 1000));
+  const double many = drainRate(agent, longQueue);
+  for (int i = 0; i < 100; ++i) rates.push_back(drainRate(agent, 1000));
+  std::printf("drain rate of %llu queued at once: %.0f/s; of 1000: %.0f/s; ratio %.3f\n", longQueue,
+              many, median(rates), many / median(rates));
+}
+
+// Heap bytes of a waiting command and its place in the pending queue, its request not counted.
+void memory() {
+  constexpr U64 count = 1000000;
+  std::atomic<U64> done{0};
+  std::vector<google::protobuf::Message*> requests;
+  requests.reserve(count);
+  for (U64 i = 0; i < count; ++i) requests.push_back(new pb::EmptyRequest());
+  const auto pending = CmdGroup::CmdGroupIs();
+  const size_t before = mallinfo2().uordblks;
+  for (auto* request : requests) pending->cmdBatchEnq(grpcCmdFactory(request, getVersion));
+  const size_t bytes = mallinfo2().uordblks - before;
+  std::printf("heap of a waiting command beyond its request: %.1f bytes\n",
+              static_cast<double>(bytes) / count);
+}
+
+U64 argument(int argc, char** argv, int index, U64 fallback) {
+  return argc > index ? std::strtoull(argv[index], nullptr, 10) : fallback;
+}
+
+}  // namespace
+
+// The worker cannot be told to stop: leave without destructors.
+int main(int argc, char** argv) {
+  memory();
+  Server server;
+  Agent agent(static_cast<U16>(server.port));
+  compare(agent, server, argument(argc, argv, 1, 15), argument(argc, argv, 2, 5000));
+  drain(agent, argument(argc, argv, 3, 1000000));
+  std::fflush(nullptr);
+  _exit(0);
+}

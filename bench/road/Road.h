@@ -1,0 +1,90 @@
+#pragma once
+
+#include <grpcpp/grpcpp.h>
+
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <semaphore>
+#include <string>
+
+#include <Norv/ConnectionsMgr.h>
+#include <bess/pb/service.grpc.pb.h>
+
+// What the programs of this folder share: a server with one RPC, a command that counts its
+// response, and an agent that sends such commands through a manager.
+namespace road {
+
+namespace pb = bess::pb;
+using namespace Norv;
+
+class Version : public pb::BESSControl::Service {
+  grpc::Status GetVersion(grpc::ServerContext*, const pb::EmptyRequest*,
+                          pb::VersionResponse* response) override {
+    response->set_version("bench");
+    return grpc::Status::OK;
+  }
+};
+
+struct Server {
+  Server() {
+    grpc::ServerBuilder builder;
+    builder.AddListeningPort("127.0.0.1:0", grpc::InsecureServerCredentials(), &port);
+    builder.RegisterService(&service);
+    server = builder.BuildAndStart();
+  }
+  std::shared_ptr<grpc::Channel> channel() const {
+    return grpc::CreateChannel("127.0.0.1:" + std::to_string(port),
+                               grpc::InsecureChannelCredentials());
+  }
+  Version service;
+  int port = 0;
+  std::unique_ptr<grpc::Server> server;
+};
+
+// Counts its response. The last one of a batch also says so.
+class Counting : public GrpcCmd {
+ public:
+  explicit Counting(std::atomic<U64>* done, std::binary_semaphore* last = nullptr)
+      : GrpcCmd(new pb::EmptyRequest(), getVersion), done_(done), last_(last) {}
+  void processResponse(google::protobuf::Message*) override {
+    done_->fetch_add(1, std::memory_order_release);
+    if (last_) last_->release();
+  }
+
+ private:
+  std::atomic<U64>* const done_;
+  std::binary_semaphore* const last_;
+};
+
+// A connected manager cannot be destroyed: an agent lives until the process ends.
+struct Agent {
+  explicit Agent(U16 port) {
+    config->cmdConfigGroupIs(queue);
+    manager = ConnectionsMgr::ConnectionsMgrIs(
+        ConnectionConfig::ConnectionConfigIs(port, "127.0.0.1"), config, pending,
+        GrpcErrorHandlingStatus::GrpcErrorHandlingStatusIs());
+  }
+  // Announces a batch of at least one command.
+  void send(U64 count) {
+    Lumo::ActivityLockAnchor activity;
+    for (U64 i = 1; i < count; ++i) queue->cmdBatchEnq(Lumo::allocate<Counting>(&done));
+    queue->cmdBatchEnq(Lumo::allocate<Counting>(&done, &last));
+    queue->enqueueVersionInc(1);
+  }
+  // Until the batch is answered. Signals again now and then, as the worker may miss the one signal.
+  void wait() {
+    while (!last.try_acquire_for(std::chrono::milliseconds(100))) {
+      Lumo::LockAnchor anchor(manager->threadLock());
+      manager->threadCondition()->signal();
+    }
+  }
+  Lumo::Ptr<GrpcGlobalCmdConfig> config = GrpcGlobalCmdConfig::GrpcGlobalCmdConfigIs("bench");
+  Lumo::Ptr<CmdConfigGroup> queue = CmdConfigGroup::CmdConfigGroupIs("main");
+  Lumo::Ptr<CmdGroup> pending = CmdGroup::CmdGroupIs();
+  Lumo::Ptr<ConnectionsMgr> manager;
+  std::atomic<U64> done{0};
+  std::binary_semaphore last{0};
+};
+
+}  // namespace road
