@@ -101,4 +101,25 @@ def check_failure():
     assert not os.path.exists(trace + ".failure-2")
 
 
+def check_size():
+    run(norvctl, "run", "--standin", "--quiet", "--flight-recorder", trace,
+        "--flight-recorder-size", "64KiB", example, expect=2)
+    assert os.path.getsize(trace) == 64 * 1024
+    run(norvctl, "call", "--standin", "--flight-recorder", trace, "--flight-recorder-size", "20000",
+        "getVersion")
+    assert os.path.getsize(trace) == 20000
+    assert any("ended seq=1 " in line for line in run(skein, "dump", trace).splitlines())
+
+
+def check_bad_size():
+    for size in ("1KiB", "3GiB", "0", "-5", "many", "4parsecs"):
+        words = (norvctl, "run", "--standin", "--flight-recorder", trace,
+                 "--flight-recorder-size", size, example)
+        done = subprocess.run(words, capture_output=True, text=True, timeout=60)
+        assert done.returncode == 1 and done.stdout == "", (size, done)
+        assert "size" in done.stderr, (size, done.stderr)
+        assert not os.path.exists(trace), size
+    run(norvctl, "run", "--standin", "--flight-recorder-size", "1MiB", example, expect=1)
+
+
 globals()["check_" + case]()

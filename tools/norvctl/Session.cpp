@@ -107,7 +107,9 @@ Session::Session(const SessionOptions& options, const std::vector<Step>& steps,
       status_(Norv::GrpcErrorHandlingStatus::GrpcErrorHandlingStatusIs()),
       trace_(std::make_unique<Trace>(options)),
       kit_(config_, pending_, status_) {
-  if (!options.flightRecorder.empty()) kit_.flightRecorderIs(options.flightRecorder);
+  if (!options.flightRecorder.empty()) {
+    kit_.flightRecorderIs(options.flightRecorder, options.flightRecorderSize);
+  }
   kit_.failurePolicyIs(options.failurePolicy);
   kit_.failureTextIs([this] { return trace_->lastFailure(); });
   kit_.ledger()->listenerIs([this](const CommandReport& report) {

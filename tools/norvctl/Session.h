@@ -18,7 +18,8 @@ struct SessionOptions {
   U16 port = 10514;
   std::chrono::nanoseconds timeout{0};  // for the whole session; 0: for ever
   Norv::Agent::FailurePolicy failurePolicy;
-  std::string flightRecorder;    // the trace file to keep; empty: none
+  std::string flightRecorder;  // the trace file to keep; empty: none
+  U64 flightRecorderSize = 4 * 1024 * 1024;
   std::string trace;             // as LUMO_TRACE
   bool traceFirstBatch = false;  // shows the manager's trace up to the first wake-up
 };

@@ -162,10 +162,16 @@ void addSessionOptions(CLI::App* command, Arguments& arguments) {
                    "after a failed RPC: stop, or clear the error flag and continue")
       ->check(CLI::IsMember({"stop", "continue"}))
       ->capture_default_str();
-  command->add_option(
+  CLI::Option* recorder = command->add_option(
       "--flight-recorder", arguments.session.flightRecorder,
       "keep the last trace records in this FILE, and freeze them when an RPC fails; "
       "read it with skein");
+  command
+      ->add_option("--flight-recorder-size", arguments.session.flightRecorderSize,
+                   "BYTES of that file, 16KiB to 2GiB; kb, mb and gb count in 1024")
+      ->transform(CLI::AsSizeValue(false))
+      ->needs(recorder)
+      ->capture_default_str();
   command->add_option("--trace", arguments.session.trace,
                       "trace setting, as LUMO_TRACE: FACILITY/LEVELS[,...]");
   command->add_flag("--trace-first-batch", arguments.session.traceFirstBatch,

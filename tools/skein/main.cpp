@@ -16,7 +16,10 @@ struct FilterOptions {
   std::vector<std::string> functions;
 
   void addTo(CLI::App& command) {
-    command.add_option("--level", levels, "levels of the records: 5, 0-5 or *");
+    command.add_option(
+        "--level", levels,
+        "levels under which records were logged, 5, 0-5 or *: those of their points, "
+        "unless their module maps them");
     command.add_option("--facility", facilities, "only these facilities")->delimiter(',');
     command.add_option("--function", functions, "only these functions")->delimiter(',');
     command.add_option("--since", since,

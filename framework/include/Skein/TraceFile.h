@@ -37,6 +37,7 @@ inline constexpr U64 minimalFileSize = 16 * 1024;
 // It is in place from the constructor on, with all of its space reserved, under the name given; a
 // file of that name is replaced, not overwritten, so that whoever still writes or reads the old
 // one goes on undisturbed. A forked child goes on writing into the same file beside its parent.
+// Whoever truncates the file ends the processes that write it: SIGBUS, as with any mapped file.
 class TraceFile {
  public:
   // Throws Lumo::ErrnoException with the path when the file cannot be made, Lumo::RangeException
