@@ -12,7 +12,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   for (std::size_t i = 0; i + 1 < size; i += 2) {
     const U8 argument = data[i + 1];
     bool agree = true;
-    switch (data[i] % 8) {
+    switch (data[i] % 10) {
       case 0:
         agree = pair.takeHead();
         break;
@@ -26,7 +26,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         agree = pair.startAt(argument);
         break;
       case 4:
-        agree = pair.metadata(argument, data[i] / 8 * 8);
+        agree = pair.metadata(argument, data[i] / 10 * 10);
+        break;
+      case 5:
+        agree = pair.move(data[i] / 10 * 10, argument);
+        break;
+      case 6:
+        agree = pair.step();
         break;
       default:
         agree = pair.append();

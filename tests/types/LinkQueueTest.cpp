@@ -467,9 +467,14 @@ TEST_F(LinkQueue, AgreesWithItsModelUnderRandomOperations) {
           agree = step % 64 ? pair.takeHead() : pair.metadata(index(), index());
           break;
         case 4:
+          agree = pair.move(index(), index());
+          break;
         case 5:
+          agree = pair.step();
+          break;
         case 6:
         case 7:
+        case 8:
           agree = pair.takeHead();
           break;
         default:

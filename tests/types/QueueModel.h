@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <optional>
+#include <utility>
 #include <vector>
 
 #include <Lumo/LinkQueue.h>
@@ -98,25 +99,53 @@ class Queue {
     ++version;
     return true;
   }
-  std::optional<Index> startAt(Index index) const {
-    if (items.empty()) return std::nullopt;
+  // Moves the entry under `from`; false: the index space is full, and the entry is out.
+  bool move(Index from, Index to) {
+    if (from == to) {
+      storedTail = tail();
+      return true;
+    }
+    const std::optional<int> value = del(from);
+    return !value || place(to, *value);
+  }
+  // Where an iterator goes from the entry with this value, or, if the queue has changed since the
+  // iterator's last step, from this index.
+  std::optional<Index> next(int value, Index index, bool changed) const {
+    std::size_t at = items.size();
+    if (changed) {
+      at = startAt(index);
+      if (at < items.size() && items[at].index == index) ++at;
+    } else {
+      const auto is = [&](const Item& item) { return item.value == value; };
+      at = static_cast<std::size_t>(std::find_if(items.begin(), items.end(), is) - items.begin());
+      ++at;
+    }
+    return indexAt(at);
+  }
+  std::optional<Index> indexAt(std::size_t at) const {
+    return at < items.size() ? std::optional(items[at].index) : std::nullopt;
+  }
+  // A position; that of the end if there is nowhere to start.
+  std::size_t startAt(Index index) const {
+    const std::size_t end = items.size();
+    if (items.empty()) return end;
     const Index first = items.front().index;
     const Index last = items.back().index;
-    if (index == first || index == last) return index;
+    if (index == first) return 0;
+    if (index == last) return end - 1;
     std::size_t at = 0;
     const auto inRun = [&](std::size_t i) {
-      return i < items.size() && (i == 0 || items[i].index >= items[i - 1].index);
+      return i < end && (i == 0 || items[i].index >= items[i - 1].index);
     };
     if (last >= first || index >= first) {
-      if (last >= first && last < index) return std::nullopt;
+      if (last >= first && last < index) return end;
       while (inRun(at) && items[at].index < index) ++at;
     } else {
-      if (last < index) return std::nullopt;
+      if (last < index) return end;
       while (inRun(at)) ++at;
-      while (at < items.size() && items[at].index < index) ++at;
+      while (at < end && items[at].index < index) ++at;
     }
-    if (at == items.size()) return std::nullopt;
-    return items[at].index;
+    return at;
   }
 
  private:
@@ -155,6 +184,32 @@ class Pair {
     }
     return placed == model.place(index, value) && same();
   }
+  // Moves a linked entry. Not to the next index, where the queue appends it a second time, and not
+  // while the head index is stale: both end in chains that the model has no notion of.
+  bool move(Index from, Index to) {
+    const auto entry = queue[from];
+    if (!entry || to == queue.tailIndex() || stale()) return true;
+    bool placed = true;
+    try {
+      queue.memberIs(to, entry);
+    } catch (const Lumo::RangeException&) {
+      placed = false;
+    }
+    return placed == model.move(from, to) && same();
+  }
+  // One iterator stands in the queue over all operations; at the end it starts again.
+  bool step() {
+    if (!iterator_ || !*iterator_) {
+      iterator_.emplace(&queue, queue.head());
+      seen_ = queue.version();
+      return true;
+    }
+    const std::optional<Index> expected =
+        model.next(iterator_->ptr()->value(), iterator_->key(),
+                   std::exchange(seen_, queue.version()) != queue.version());
+    ++*iterator_;
+    return *iterator_ ? expected == iterator_->key() : !expected;
+  }
   bool metadata(Index head, Index tail) {
     queue.headIndexIs(head);
     queue.tailIndexIs(tail);
@@ -164,7 +219,7 @@ class Pair {
   }
   bool startAt(Index index) const {
     const auto entry = queue.startAt(index);
-    const std::optional<Index> expected = model.startAt(index);
+    const std::optional<Index> expected = model.indexAt(model.startAt(index));
     return entry ? expected == entry->fwkQkey() : !expected;
   }
 
@@ -172,6 +227,7 @@ class Pair {
   Queue<Index> model;
 
  private:
+  bool stale() const { return queue.head() && queue.head()->fwkQkey() != queue.headIndex(); }
   static std::optional<int> valueOf(const Lumo::Ptr<Entry<Index>>& entry) {
     return entry ? std::optional(entry->value()) : std::nullopt;
   }
@@ -186,6 +242,8 @@ class Pair {
   }
 
   int nextValue_ = 0;
+  std::optional<typename LinkQueue::Iterator> iterator_;
+  U32 seen_ = 0;  // the queue's version at the iterator's last step
 };
 
 }  // namespace model
