@@ -2,6 +2,7 @@
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <sstream>
+#include <thread>
 
 #include "Process.h"
 #include "TraceFixture.h"
@@ -23,10 +24,12 @@ Outcome skeinWith(std::vector<std::string> words) {
 // A running `skein dump --follow`, whose lines are waited for.
 class Follower {
  public:
-  explicit Follower(const std::string& path) {
+  explicit Follower(const std::string& path, const std::vector<std::string>& options = {}) {
     int ends[2];
     if (::pipe2(ends, O_CLOEXEC) != 0) std::perror("pipe2");
-    child_ = start({SKEIN_PROGRAM, "dump", "--follow", path}, nullptr, ends[1], -1);
+    std::vector<std::string> words{SKEIN_PROGRAM, "dump", "--follow", path};
+    words.insert(words.end(), options.begin(), options.end());
+    child_ = start(words, nullptr, ends[1], -1);
     ::close(ends[1]);
     in_ = ends[0];
   }
@@ -40,12 +43,16 @@ class Follower {
   Follower(const Follower&) = delete;
   Follower& operator=(const Follower&) = delete;
 
-  // The text of the next line; fails the test at the end of the output.
   std::string nextText() {
+    const std::string line = nextLine();
+    return line.substr(line.find(": ") + 2);
+  }
+  // Waits for it; fails the test at the end of the output.
+  std::string nextLine() {
     char letter;
     std::string line;
     while (::read(in_, &letter, 1) == 1) {
-      if (letter == '\n') return line.substr(line.find(": ") + 2);
+      if (letter == '\n') return line;
       line.push_back(letter);
     }
     ADD_FAILURE() << "the follower ended";
@@ -179,6 +186,81 @@ TEST_F(SkeinTool, FollowsALiveFileAndItsSuccessor) {
   Twine::trace<Sample::numbered>(3);
   EXPECT_EQ(follower.nextText(), "n=3");
   EXPECT_EQ(follower.interrupt(), 0);
+}
+
+TEST_F(SkeinTool, FollowsAsJson) {
+  ringIsOn();
+  Follower follower(path, {"--json"});
+  for (int i = 0; i < 3; ++i) {
+    Twine::trace<Sample::numbered>(i);
+    const auto record = nlohmann::json::parse(follower.nextLine());
+    EXPECT_EQ(record["text"], "n=" + std::to_string(i));
+    EXPECT_EQ(record["args"], nlohmann::json::array({i}));
+  }
+  EXPECT_EQ(follower.interrupt(), 0);
+}
+
+TEST_F(SkeinTool, FollowsWhatPassesTheFilters) {
+  ringIsOn();
+  Twine::trace<Sample::numbered>(-1);
+  Follower follower(path, {"--level", "5", "--facility", "Sample", "--function", "connect"});
+  for (int i = 0; i < 3; ++i) {
+    Twine::trace<Sample::numbered>(i);
+    Twine::trace<Sample::other>(i);
+    Twine::trace<Sample::plain>();
+    Twine::trace<Sample::bracketed>(i);
+    EXPECT_EQ(follower.nextText(), "To (" + std::to_string(i) + ")");
+  }
+  EXPECT_EQ(follower.interrupt(), 0);
+}
+
+TEST_F(SkeinTool, FollowsAWriterToItsDeathAndThenItsSuccessor) {
+  const pid_t writer = ::fork();
+  if (writer == 0) {
+    Skein::TraceHandle handle(path);
+    Skein::defaultSkeinHandleIs(&handle);
+    for (int i = 0; i < 1000; ++i) Twine::trace<Sample::numbered>(i);
+    for (;;) ::pause();
+  }
+  while (!std::filesystem::exists(path)) std::this_thread::yield();
+  Follower follower(path);
+  for (int i = 0; i < 1000; ++i) ASSERT_EQ(follower.nextText(), "n=" + std::to_string(i));
+  ::kill(writer, SIGKILL);
+  EXPECT_EQ(ended(writer), -SIGKILL);
+  ringIsOn();
+  Twine::trace<Sample::numbered>(1000);
+  EXPECT_EQ(follower.nextText(), "n=1000");
+  EXPECT_EQ(follower.interrupt(), 0);
+}
+
+TEST_F(SkeinTool, ATimeBeforeTheNewestRecordCutsOffWhatIsOlder) {
+  ringIsOn({.multiThreaded = false});
+  for (int i = 0; i < 5; ++i) Twine::trace<Sample::numbered>(i);
+  skein.reset();
+  // Makes the last two records an hour younger.
+  std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
+  Skein::FileHeader header;
+  file.read(reinterpret_cast<char*>(&header), sizeof header);
+  std::streamoff at = header.blocksOffset + sizeof(Skein::BlockHeader);
+  for (int i = 0; i < 5; ++i) {
+    Skein::RecordHeader record;
+    file.seekg(at);
+    file.read(reinterpret_cast<char*>(&record), sizeof record);
+    if (i >= 3) record.monotonicNs += 3600ULL * 1000000000;
+    file.seekp(at);
+    file.write(reinterpret_cast<const char*>(&record), sizeof record);
+    at += Skein::committedLength(record.commit);
+  }
+  file.close();
+  for (const auto& [since, first] : std::vector<std::pair<const char*, std::size_t>>{
+           {"30m", 3}, {"1800s", 3}, {"1000000ms", 3}, {"61m", 0}, {"2h", 0}}) {
+    const auto lines = linesOf(skeinWith({"dump", "--since", since, path}).out);
+    ASSERT_EQ(lines.size(), 5 - first) << since;
+    EXPECT_NE(lines[0].find("n=" + std::to_string(first)), std::string::npos) << lines[0];
+  }
+  const auto stat =
+      nlohmann::json::parse(skeinWith({"stat", "--json", "--since", "30m", path}).out);
+  EXPECT_EQ(stat["records"], 2);
 }
 
 TEST_F(SkeinTool, UnreadableFilesGiveOneLineAndStatusOne) {
