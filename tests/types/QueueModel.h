@@ -101,10 +101,8 @@ class Queue {
   }
   // Moves the entry under `from`; false: the index space is full, and the entry is out.
   bool move(Index from, Index to) {
-    if (from == to) {
-      storedTail = tail();
-      return true;
-    }
+    storedTail = tail();
+    if (from == to) return true;
     const std::optional<int> value = del(from);
     return !value || place(to, *value);
   }
@@ -188,7 +186,7 @@ class Pair {
   // while the head index is stale: both end in chains that the model has no notion of.
   bool move(Index from, Index to) {
     const auto entry = queue[from];
-    if (!entry || to == queue.tailIndex() || stale()) return true;
+    if (!entry || to == std::as_const(queue).tailIndex() || stale()) return true;
     bool placed = true;
     try {
       queue.memberIs(to, entry);
