@@ -1,3 +1,5 @@
+#include <grpcpp/generic/generic_stub.h>
+
 #include <atomic>
 #include <cerrno>
 #include <fstream>
@@ -29,6 +31,43 @@ TEST_F(StandinServer, ListensAtAFreePort) {
   EXPECT_GT(server.port(), 0);
   EXPECT_EQ(server.address(), "127.0.0.1:" + std::to_string(server.port()));
   EXPECT_TRUE(getVersion(server.address()).ok());
+}
+
+// What a generic client asks first. Its messages are written out by hand, as no header of Debian's
+// has them: field 7 of the request, empty, asks for the services; their names come back as text.
+TEST_F(StandinServer, TellsAGenericClientItsServices) {
+  Standin::Options options;
+  options.listen = "127.0.0.1:0";
+  Standin::Server server(options);
+  grpc::GenericStub stub(StandinTest::directChannel(server.address()));
+  grpc::ClientContext context;
+  context.set_deadline(std::chrono::system_clock::now() + std::chrono::seconds(20));
+  grpc::CompletionQueue queue;
+  const auto done = [&queue] {
+    void* tag = nullptr;
+    bool ok = false;
+    return queue.Next(&tag, &ok) && ok;
+  };
+  const auto call = stub.PrepareCall(
+      &context, "/grpc.reflection.v1alpha.ServerReflection/ServerReflectionInfo", &queue);
+  call->StartCall(nullptr);
+  ASSERT_TRUE(done());
+  const grpc::Slice request(std::string("\x3a\x00", 2));
+  call->Write(grpc::ByteBuffer(&request, 1), nullptr);
+  ASSERT_TRUE(done());
+  grpc::ByteBuffer answer;
+  call->Read(&answer, nullptr);
+  ASSERT_TRUE(done());
+  grpc::Slice bytes;
+  ASSERT_TRUE(answer.DumpToSingleSlice(&bytes).ok());
+  const std::string text(reinterpret_cast<const char*>(bytes.begin()), bytes.size());
+  EXPECT_NE(text.find("bess.pb.BESSControl"), std::string::npos);
+  call->WritesDone(nullptr);
+  ASSERT_TRUE(done());
+  grpc::Status status;
+  call->Finish(&status, nullptr);
+  ASSERT_TRUE(done());
+  EXPECT_TRUE(status.ok()) << status.error_message();
 }
 
 TEST_F(StandinServer, AnAddressInUseIsRefusedWithItsName) {
