@@ -18,7 +18,7 @@ bool ManagerTrace::_mapTwineToSkein(U8 l0, U8 l1, U8 l2, U8 l3, U8 l4, U8 l5, U8
 
 namespace {
 
-constinit char registered = 1;
+[[gnu::used]] constinit char registered = 1;
 
 // Registers the types that RegisteredTypes.def gives to this module, among them one whose class
 // belongs to the command model. Before the other modules, however the library file is linked.

@@ -9,7 +9,6 @@
 
 #include <thread>
 
-#include <Lumo/Trace.h>
 #include <Norv/GrpcClient.h>
 #include <bess/pb/service.pb.h>
 
@@ -148,6 +147,35 @@ TEST_F(Completion, WaitsForTheActivityLockBeforeItCallsTheHandler) {
   EXPECT_EQ(log->responses, 1);
 }
 
+TEST_F(Completion, CallsTheHandlerUnderTheActivityLockAndNoOther) {
+  class Looking : public GrpcCmd {
+   public:
+    Looking(Lumo::Lock* queueLock, bool* queueFree, bool* activityHeld)
+        : GrpcCmd(new bess::pb::EmptyRequest(), getVersion),
+          queueLock_(queueLock),
+          queueFree_(queueFree),
+          activityHeld_(activityHeld) {}
+    void processResponse(google::protobuf::Message*) override {
+      *queueFree_ = queueLock_->lock();
+      queueLock_->unlock();
+      *activityHeld_ = !Lumo::ActivityLockAnchor::lock()->lock();
+    }
+
+   private:
+    Lumo::Lock* const queueLock_;
+    bool* const queueFree_;
+    bool* const activityHeld_;
+  };
+  bool queueFree = false;
+  bool activityHeld = false;
+  EXPECT_TRUE(
+      client.doProcessBlockingGrpcCmd(Lumo::allocate<Looking>(&lock, &queueFree, &activityHeld)));
+  EXPECT_TRUE(queueFree);
+  EXPECT_TRUE(activityHeld);
+  EXPECT_TRUE(Lumo::ActivityLockAnchor::lock()->lock());  // given back
+  Lumo::ActivityLockAnchor::lock()->unlock();
+}
+
 TEST_F(Completion, HandsOverTheContentOfTheReply) {
   class Reading : public GrpcCmd {
    public:
@@ -179,58 +207,6 @@ TEST_F(Completion, TakesAReplyAbove4MiBForAFailure) {
   EXPECT_TRUE(status->errorOccured());
   ASSERT_EQ(trace.texts().size(), 1u);
   EXPECT_THAT(trace.texts()[0], testing::StartsWith("Failure to process response: error_code: 8 "));
-}
-
-struct ClientDeathTest : testing::Test {
-  ClientDeathTest() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
-  // In the child process: a client of its own, and one command sent through it.
-  static void die(GrpcRequestType type, google::protobuf::Message* request) {
-    FakeDaemon daemon;
-    Lumo::Lock lock;
-    Lumo::Condition condition;
-    GrpcClient client(daemon.inProcessChannel(), CmdGroup::CmdGroupIs(),
-                      GrpcErrorHandlingStatus::GrpcErrorHandlingStatusIs(), &lock, &condition);
-    client.sendRequestInternal(GrpcCmd::GrpcCmdIs(request, type));
-  }
-};
-
-const char* const unknownType = "sendRequestInternal.*false && \"unknown request type.\"";
-const char* const invalidRequest =
-    "sendRequestCommon.*Request = bess::pb::EmptyRequest. Response = bess::pb::EmptyResponse.*"
-    "request && \"Found an invalid Grpc Request\"";
-
-TEST_F(ClientDeathTest, AbortsOnATypeWithoutAnRpc) {
-  EXPECT_DEATH(die(unknown, new bess::pb::EmptyRequest()), unknownType);
-  EXPECT_DEATH(die(static_cast<GrpcRequestType>(46), new bess::pb::EmptyRequest()), unknownType);
-  EXPECT_DEATH(
-      {
-        Lumo::traceSettingIs("*/*");
-        die(static_cast<GrpcRequestType>(0xFFFFFFFF), new bess::pb::EmptyRequest());
-      },
-      unknownType);
-}
-
-TEST_F(ClientDeathTest, AbortsOnARequestThatDoesNotFitItsType) {
-  EXPECT_DEATH(die(resetAll, nullptr), invalidRequest);
-  EXPECT_DEATH(die(resetAll, new bess::pb::CreatePortRequest()), invalidRequest);
-}
-
-TEST_F(ClientDeathTest, KeptOnPurposeGetPortConfFallsThroughIntoGetPortStats) {
-  EXPECT_DEATH(die(getPortConf, new bess::pb::GetPortConfRequest()),
-               "Request = bess::pb::GetPortStatsRequest.*Found an invalid Grpc Request");
-}
-
-TEST_F(ClientDeathTest, AbortsOnACompletionOfATypeWithoutAnRpc) {
-  EXPECT_DEATH(
-      {
-        FakeDaemon daemon;
-        Lumo::Lock lock;
-        Lumo::Condition condition;
-        GrpcClient client(daemon.inProcessChannel(), CmdGroup::CmdGroupIs(),
-                          GrpcErrorHandlingStatus::GrpcErrorHandlingStatusIs(), &lock, &condition);
-        client.processResponse(GrpcCmd::GrpcCmdIs(nullptr, unknown), nullptr);
-      },
-      "processResponse.*false && \"unknown request type.\"");
 }
 
 }  // namespace

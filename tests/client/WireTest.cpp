@@ -3,6 +3,11 @@
 #include <gtest/gtest.h>
 #include <support/Commands.h>
 #include <support/FakeDaemon.h>
+#include <support/TraceRecorder.h>
+
+#include <algorithm>
+#include <functional>
+#include <type_traits>
 
 #include <Norv/AsyncClientCall.h>
 #include <Norv/GrpcClient.h>
@@ -26,6 +31,25 @@ const Row rows[] = {
   {Norv::name, #name, "bess.pb." #Request, "bess.pb." #Response},
 #include <Norv/GrpcRequests.def>
 };
+
+using Record = Norv::AsyncClientCall<bess::pb::VersionResponse>;
+static_assert(
+    std::is_same_v<
+        decltype(Record::responseReader),
+        std::unique_ptr<grpc::ClientAsyncResponseReaderInterface<bess::pb::VersionResponse>>>);
+static_assert(std::is_same_v<decltype(Record::response), bess::pb::VersionResponse>);
+static_assert(!std::is_base_of_v<Lumo::PtrInterface, Norv::GrpcClient>);
+static_assert(std::is_constructible_v<
+              Norv::GrpcClient, std::shared_ptr<grpc::Channel>, Lumo::Ptr<Norv::CmdGroup>&,
+              Lumo::Ptr<Norv::GrpcErrorHandlingStatus>&, Lumo::Lock*, Lumo::Condition*>);
+
+TEST(AsyncClientCall, StartsOkWithItsFieldsInTheOrderOfTheirUse) {
+  const Record record;
+  EXPECT_TRUE(record.status.ok());
+  const std::vector<const void*> fields{&record.response, &record.context, &record.status,
+                                        &record.responseReader};
+  EXPECT_TRUE(std::is_sorted(fields.begin(), fields.end(), std::less<>()));
+}
 
 // A client without a worker, on an in-process channel: one blocking call at a time.
 struct Wire {
@@ -94,6 +118,15 @@ TEST(GrpcClient, SendsTheRequestAsItIsAndKeepsIt) {
   EXPECT_EQ(wire.daemon.calls()[0].request, bytes);
   EXPECT_EQ(cmd->request(), raw);
   EXPECT_EQ(raw->SerializeAsString(), bytes);
+}
+
+TEST(GrpcClient, TracesItsStartAndSendsNothing) {
+  const support::TraceRecorder trace("GrpcClient/*");
+  const Wire wire;
+  EXPECT_EQ(trace.lines(),
+            (std::vector{support::TraceRecorder::Line{"GrpcClient", 1, "GrpcClient.cpp", 20,
+                                                      "GrpcClient", "Starting GrpcClient"}}));
+  EXPECT_EQ(wire.daemon.calls().size(), 0u);
 }
 
 TEST(GrpcClient, SetsNoDeadlineAndAddsNoMetadata) {

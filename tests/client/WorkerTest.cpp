@@ -22,7 +22,7 @@ using testing::ElementsAre;
 const char* const noMore = "There are no more GrpcCmds to process";
 const char* const waken = "Waken up by the main thread. Get new GrpcCmd to handle";
 
-// What a worker shares with its owner. It outlives the test's scope, as the loop never ends.
+// What a worker shares with its owner.
 struct Shared {
   Lumo::Ptr<CmdGroup> pending = CmdGroup::CmdGroupIs();
   Lumo::Ptr<GrpcErrorHandlingStatus> status = GrpcErrorHandlingStatus::GrpcErrorHandlingStatusIs();
@@ -31,8 +31,14 @@ struct Shared {
   std::unique_ptr<GrpcClient> client;
 };
 
+// One that outlives its test, as the loop never ends.
+Shared& newShared() {
+  static auto* const all = new std::vector<std::unique_ptr<Shared>>;
+  return *all->emplace_back(std::make_unique<Shared>());
+}
+
 struct Worker : testing::Test {
-  Worker() : shared(*new Shared) {
+  Worker() : shared(newShared()) {
     const auto channel = grpc::CreateChannel("127.0.0.1:" + std::to_string(daemon.port()),
                                              grpc::InsecureChannelCredentials());
     shared.client = std::make_unique<GrpcClient>(channel, shared.pending, shared.status,
@@ -209,7 +215,7 @@ TEST_F(Worker, WaitsForADaemonThatComesLater) {
     FakeDaemon gone;
     port = gone.port();
   }
-  auto& late = *new Shared;
+  Shared& late = newShared();
   late.client = std::make_unique<GrpcClient>(
       grpc::CreateChannel("127.0.0.1:" + std::to_string(port), grpc::InsecureChannelCredentials()),
       late.pending, late.status, &late.lock, &late.condition);

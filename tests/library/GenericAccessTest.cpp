@@ -85,10 +85,15 @@ TEST_F(GenericAccessTest, NumbersTheAttributes) {
   EXPECT_THAT(idsOf("Norv::CmdConfigGroupSm"),
               ElementsAre(Pair(130, "clock"), Pair(131, "configGroup"), Pair(132, "name"),
                           Pair(133, "handleBatch"), Pair(134, "connectionsMgr")));
-  const Ids manager = idsOf("Norv::ConnectionsMgr");
-  EXPECT_EQ(manager.size(), 16u);
-  EXPECT_EQ(manager.at(137), "threadCondition");
-  EXPECT_EQ(manager.at(138), "cmdConfigGroupSm");
+  EXPECT_THAT(idsOf("Norv::ConnectionsMgr"),
+              ElementsAre(Pair(130, "hostConfig"), Pair(131, "globalCmdConfig"),
+                          Pair(132, "pendingQueue"), Pair(133, "grpcErrorHandlingStatus"),
+                          Pair(134, "client"), Pair(135, "grpcReplyThread"),
+                          Pair(136, "threadLock"), Pair(137, "threadCondition"),
+                          Pair(138, "cmdConfigGroupSm"), Pair(139, "initialized"),
+                          Pair(140, "handleInitialized"), Pair(141, "destroyGrpcClient"),
+                          Pair(142, "doFlushPendingQueue"), Pair(143, "doEnqueueBatch"),
+                          Pair(144, "doEnqueueBatchHelper"), Pair(145, "handleCmdConfigGroup")));
 }
 
 TEST_F(GenericAccessTest, ReadsTheConnectionConfig) {

@@ -1,10 +1,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <support/Environment.h>
 
 #include <Lumo/BitSet.h>
 #include <Lumo/FwkEntityReadsPreserve.h>
-#include <Norv/ConnectionsMgr.h>
+#include <Norv/GrpcErrorHandlingStatus.h>
 
 #ifndef NDEBUG
 #error "this test is about builds that switch <cassert> off"
@@ -31,22 +30,6 @@ TEST_F(ReleaseAssertionsDeathTest, TheLibraryAsserts) {
         status->errorOccuredIs(true);
       },
       HasSubstr("Assertion `!Lumo::FwkEntityReadsPreserve::anyActive( this )' failed"));
-}
-
-// Made in simulation, the manager has nothing to destroy; without it, destroying asks for the
-// thread.
-TEST_F(ReleaseAssertionsDeathTest, TheManagerAsserts) {
-  EXPECT_DEATH(
-      {
-        std::optional<support::Environment> simulation(std::in_place, "SIMULATION_NORV", "1");
-        const auto manager = Norv::connectionsMgrFactory(
-            Norv::connectionConfigFactory(1, "127.0.0.1"),
-            Norv::grpcGlobalCmdConfigFactory("config"), Norv::cmdGroupFactory(),
-            Norv::grpcErrorHandlingStatusFactory());
-        unsetenv("SIMULATION_NORV");
-        manager->destroyGrpcClient();
-      },
-      HasSubstr("Assertion `grpcReplyThread()' failed"));
 }
 
 }  // namespace

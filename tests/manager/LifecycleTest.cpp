@@ -6,9 +6,13 @@
 #include <support/Agent.h>
 #include <support/FakeDaemon.h>
 #include <support/TraceRecorder.h>
+#include <unistd.h>
 
 #include <filesystem>
+#include <optional>
+#include <set>
 
+#include <Lumo/Trace.h>
 #include <Norv/GrpcClient.h>
 
 namespace {
@@ -110,12 +114,31 @@ TEST_F(ConnectionsMgrTest, StoresItsPlainPointersAndDeletesNothing) {
   const Environment simulation("SIMULATION_NORV", "1");
   agent.connect(1);
   Lumo::Lock lock;
-  Lumo::Lock other;
+  Lumo::Condition condition;
+  std::thread thread;
+  GrpcClient client(daemon.inProcessChannel(), agent.pending, agent.status, &lock, &condition);
+  const TraceRecorder trace("GrpcClient/1");
   agent.manager->threadLockIs(&lock);
-  agent.manager->threadLockIs(&other);
-  EXPECT_EQ(agent.manager->threadLock(), &other);
+  agent.manager->threadConditionIs(&condition);
+  agent.manager->grpcReplyThreadIs(&thread);
+  agent.manager->clientIs(&client);
+  EXPECT_EQ(agent.manager->threadLock(), &lock);
+  EXPECT_EQ(agent.manager->threadCondition(), &condition);
+  EXPECT_EQ(agent.manager->grpcReplyThread(), &thread);
+  EXPECT_EQ(agent.manager->client(), &client);
+  EXPECT_EQ(condition.references(), 1u);  // a counted object, not counted here
+  agent.manager->threadLockIs(nullptr);
+  agent.manager->threadConditionIs(nullptr);
+  agent.manager->grpcReplyThreadIs(nullptr);
+  agent.manager->clientIs(nullptr);
+  EXPECT_EQ(trace.count("Terminating GrpcClient"), 0u);
   EXPECT_TRUE(lock.lock());  // still alive
   lock.unlock();
+}
+
+TEST_F(ConnectionsMgrTest, DoesNotFollowTheErrorFlag) {
+  agent.connect(daemon.port());
+  EXPECT_EQ(agent.status->notifieeList()->members(), 0u);
 }
 
 TEST_F(ConnectionsMgrTest, LeavesEverythingInPlaceWhenDestroyingTheClientInSimulation) {
@@ -150,6 +173,24 @@ TEST_F(ConnectionsMgrTest, KeptOnPurposeDestroyingTheClientLeavesThePointersAsTh
   EXPECT_TRUE(agent.manager->initialized());
 }
 
+TEST_F(ConnectionsMgrTest, KeptOnPurposeDestroyingTheClientKeepsNoRecordOfIt) {
+  {
+    const Environment simulation("SIMULATION_NORV", "1");
+    agent.connect(1);
+  }
+  const TraceRecorder trace("GrpcClient/1");
+  for (int times = 1; times <= 2; ++times) {
+    agent.manager->threadLockIs(new Lumo::Lock());
+    agent.manager->threadConditionIs(new Lumo::Condition());
+    agent.manager->grpcReplyThreadIs(new std::thread());
+    agent.manager->clientIs(new GrpcClient(daemon.inProcessChannel(), agent.pending, agent.status,
+                                           agent.manager->threadLock(),
+                                           agent.manager->threadCondition()));
+    agent.manager->destroyGrpcClient();
+    EXPECT_EQ(trace.count("Terminating GrpcClient"), static_cast<std::size_t>(times));
+  }
+}
+
 TEST_F(ConnectionsMgrTest, LeavesQueuesAndPendingCommandsToOthersWhenItGoes) {
   {
     const Environment simulation("SIMULATION_NORV", "1");
@@ -174,90 +215,132 @@ TEST_F(ConnectionsMgrTest, CanBeDroppedWhileConnectedOnlyBySelectingSimulation) 
   EXPECT_EQ(agent.manager, nullptr);
 }
 
-TEST_F(ConnectionsMgrTest, GivesItsInputsBackInReverseOrder) {
-  const Environment simulation("SIMULATION_NORV", "1");
-  agent.connect(1);
-  EXPECT_EQ(agent.status->references(), 2u);
-  EXPECT_EQ(agent.pending->references(), 2u);
-  EXPECT_EQ(agent.config->references(), 2u);
-  agent.dropManager();
-  EXPECT_EQ(agent.status->references(), 1u);
-  EXPECT_EQ(agent.pending->references(), 1u);
-  EXPECT_EQ(agent.config->references(), 1u);
-}
+// An object that says when it is destroyed.
+template <class Base>
+struct Mortal : Base {
+  template <class... Args>
+  Mortal(std::vector<std::string>* ends, std::string what, Args... args)
+      : Base(args...), ends_(ends), what_(std::move(what)) {}
+  ~Mortal() override { ends_->push_back(what_); }
 
-TEST_F(ConnectionsMgrTest, HoldsOneWorkerThread) {
-  const std::ptrdiff_t before = threads();
-  const std::thread::id none;
-  agent.connect(daemon.port());
-  EXPECT_NE(agent.manager->grpcReplyThread()->get_id(), none);
-  EXPECT_TRUE(agent.manager->grpcReplyThread()->joinable());
-  EXPECT_GT(threads(), before);
-}
-
-TEST_F(ConnectionsMgrTest, ReadsTheSimulationVariableAfreshAtEachDecision) {
-  {
-    const Environment simulation("SIMULATION_NORV", "1");
-    agent.connect(1);
-  }
-  agent.enqueue();
-  {
-    const Environment simulation("SIMULATION_NORV", "");
-    agent.announce();
-    EXPECT_EQ(agent.pending->cmdBatchs(), 1u);
-    agent.manager->doFlushPendingQueue();
-    EXPECT_EQ(agent.pending->cmdBatchs(), 1u);
-  }
-  Lumo::Lock lock;
-  agent.manager->threadLockIs(&lock);
-  agent.manager->doFlushPendingQueue();  // now the other branch
-  EXPECT_EQ(agent.pending->cmdBatchs(), 0u);
-}
-
-struct ConnectionsMgrDeathTest : testing::Test {
-  ConnectionsMgrDeathTest() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+ private:
+  std::vector<std::string>* const ends_;
+  const std::string what_;
 };
 
-// A manager made in simulation, so that nothing is there to destroy; with as many of the four plain
-// pointers set as asked for, in the order in which they are deleted.
-void destroyWith(int pointers) {
-  Agent agent;
-  {
-    const Environment simulation("SIMULATION_NORV", "1");
-    agent.connect(1);
-  }
-  if (pointers > 0) agent.manager->grpcReplyThreadIs(new std::thread());
-  if (pointers > 1) agent.manager->threadConditionIs(new Lumo::Condition());
-  if (pointers > 2) agent.manager->threadLockIs(new Lumo::Lock());
-  agent.manager->destroyGrpcClient();
-}
-
-TEST_F(ConnectionsMgrDeathTest, AssertsEachOfTheFourInOrder) {
-  EXPECT_DEATH(destroyWith(0), "ConnectionsMgr.cpp.*`grpcReplyThread\\(\\)'");
-  EXPECT_DEATH(destroyWith(1), "ConnectionsMgr.cpp.*`threadCondition\\(\\)'");
-  EXPECT_DEATH(destroyWith(2), "ConnectionsMgr.cpp.*`threadLock\\(\\)'");
-  EXPECT_DEATH(destroyWith(3), "ConnectionsMgr.cpp.*`client\\(\\)'");
-}
-
-TEST_F(ConnectionsMgrDeathTest, KeptOnPurposeDestroyingAConnectedManagerEndsTheProcess) {
-  EXPECT_DEATH(
-      {
-        Agent agent;
-        agent.connect(1);
-        agent.manager = nullptr;
-      },
-      "terminate called without an active exception");
-}
-
-TEST_F(ConnectionsMgrDeathTest, NeedsACollection) {
+TEST_F(ConnectionsMgrTest, GivesItsMachinesAndThenItsInputsBackInReverseOrder) {
   const Environment simulation("SIMULATION_NORV", "1");
-  EXPECT_DEATH(
-      {
-        Agent agent;
-        agent.config = nullptr;
-        agent.connect(1);
-      },
-      "globalCmdConfig\\(\\)");
+  std::vector<std::string> ends;
+  Lumo::Ptr<ConnectionsMgr> manager = ConnectionsMgr::ConnectionsMgrIs(
+      Lumo::allocate<Mortal<ConnectionConfig>>(&ends, "host", U16(1), Lumo::String("h")),
+      Lumo::allocate<Mortal<GrpcGlobalCmdConfig>>(&ends, "config", Lumo::Name("c")),
+      Lumo::allocate<Mortal<CmdGroup>>(&ends, "pending"),
+      Lumo::allocate<Mortal<GrpcErrorHandlingStatus>>(&ends, "status"));
+  manager->cmdConfigGroupSmIs(
+      Lumo::allocate<Mortal<CmdConfigGroup>>(&ends, "queue", Lumo::Name("q")));
+  EXPECT_THAT(ends, ElementsAre());
+  manager = nullptr;
+  EXPECT_THAT(ends, ElementsAre("queue", "status", "pending", "config", "host"));
+}
+
+// The threads that trace the client's loop.
+class WorkerThreads : public Lumo::TraceSink {
+ public:
+  WorkerThreads() {
+    Lumo::traceSinkIs(this);
+    Lumo::traceSettingIs("GrpcClient/5");
+  }
+  ~WorkerThreads() override {
+    Lumo::traceSettingIs("");
+    Lumo::traceSinkIs(nullptr);
+  }
+  void lineIs(const Lumo::TraceLine& line) override {
+    Lumo::LockAnchor anchor(&lock_);
+    threads_.insert(line.thread);
+    ++lines_;
+  }
+  int lines() const {
+    Lumo::LockAnchor anchor(&lock_);
+    return lines_;
+  }
+  std::set<int> threads() const {
+    Lumo::LockAnchor anchor(&lock_);
+    return threads_;
+  }
+
+ private:
+  mutable Lumo::Lock lock_;
+  std::set<int> threads_ LUMO_GUARDED_BY(lock_);
+  int lines_ LUMO_GUARDED_BY(lock_) = 0;
+};
+
+// A second worker would be woken by the same signals.
+TEST_F(ConnectionsMgrTest, HoldsOneWorkerThread) {
+  const WorkerThreads workers;
+  agent.connect(daemon.port());
+  agent.manager->handleInitialized();
+  EXPECT_TRUE(agent.manager->grpcReplyThread()->joinable());
+  ASSERT_TRUE(agent.eventually([&] { return workers.lines() >= 100; }));
+  EXPECT_EQ(workers.threads().size(), 1u);
+  EXPECT_NE(*workers.threads().begin(), gettid());
+}
+
+// In simulation: one that adds a queue as soon as a command leaves the queue it follows.
+class Adder : public CmdConfigGroup::NotifieeConst {
+ public:
+  Adder(const Lumo::Ptr<CmdConfigGroup>& queue, Agent* followed)
+      : NotifieeConst(queue), agent_(followed) {}
+  using CmdConfigGroup::NotifieeConst::onCmdBatch;
+  void onCmdBatch(U32 index) override {
+    if (!notifier()->cmdBatchHas(index)) agent_->queue("late");
+  }
+
+ private:
+  Agent* const agent_;
+};
+
+TEST_F(ConnectionsMgrTest, FollowsAQueueThatComesWhileItIsBeingMade) {
+  const Environment simulation("SIMULATION_NORV", "1");
+  agent.enqueue();
+  const auto adder = Lumo::allocate<Adder>(agent.queue(), &agent);
+  agent.connect(1);
+  EXPECT_TRUE(agent.manager->cmdConfigGroupSm("late"));
+}
+
+// Each decision on one manager, first the one way and then the other.
+TEST_F(ConnectionsMgrTest, ReadsTheSimulationVariableAfreshAtEachDecision) {
+  std::optional<Environment> simulation;
+  simulation.emplace("SIMULATION_NORV", "1");
+  agent.connect(daemon.port());
+  const TraceRecorder trace("NorvConnectionsMgr/5");
+  const std::string wake = "Wake the grpcClient up.";
+  agent.enqueue();
+  agent.announce();
+  agent.manager->doFlushPendingQueue();
+  EXPECT_EQ(agent.pending->cmdBatchs(), 1u);
+  EXPECT_EQ(trace.count(wake), 0u);
+
+  simulation.reset();
+  Lumo::Lock lock;
+  Lumo::Condition condition;
+  agent.manager->threadLockIs(&lock);
+  agent.manager->threadConditionIs(&condition);
+  agent.enqueue();
+  agent.announce();
+  EXPECT_EQ(trace.count(wake), 1u);
+  agent.manager->doFlushPendingQueue();
+  EXPECT_EQ(agent.pending->cmdBatchs(), 0u);
+  EXPECT_EQ(agent.manager->client(), nullptr);
+  agent.manager->initializedIs(false);
+  agent.manager->handleInitialized();
+  GrpcClient* const client = agent.manager->client();
+  EXPECT_NE(client, nullptr);
+
+  simulation.emplace("SIMULATION_NORV", "");
+  agent.manager->initializedIs(false);
+  agent.manager->handleInitialized();
+  agent.manager->destroyGrpcClient();
+  EXPECT_EQ(agent.manager->client(), client);
 }
 
 }  // namespace

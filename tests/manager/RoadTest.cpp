@@ -92,6 +92,27 @@ TEST_F(Road, AFailedRpcRaisesTheFlagAndStopsTheSending) {
   EXPECT_THAT(agent.log->respondedNumbers(), ElementsAre(0));
 }
 
+TEST_F(Road, AllCommandsGoOverOneConnectionAlsoAfterAFailure) {
+  daemon.handlerIs([](Norv::GrpcRequestType type, const auto&, auto*) {
+    return type == Norv::resetAll ? FakeDaemon::Answer{13, "no", ""} : FakeDaemon::Answer();
+  });
+  agent.connect(daemon.port());
+  const Norv::GrpcClient* const client = agent.manager->client();
+  agent.enqueue(Norv::pauseAll);
+  agent.enqueue(Norv::resetAll);
+  agent.announce();
+  ASSERT_TRUE(agent.eventually([&] { return agent.log->destroyed == 2; }));
+  agent.status->errorOccuredIs(false);
+  agent.enqueue(Norv::resumeAll);
+  agent.announce();
+  ASSERT_TRUE(agent.eventually([&] { return agent.log->destroyed == 3; }));
+  const std::vector<FakeDaemon::Call> calls = daemon.calls();
+  ASSERT_EQ(calls.size(), 3u);
+  EXPECT_EQ(calls[1].peer, calls[0].peer);
+  EXPECT_EQ(calls[2].peer, calls[0].peer);
+  EXPECT_EQ(agent.manager->client(), client);
+}
+
 TEST_F(Road, BatchesAnnouncedAfterAFailureAreDiscarded) {
   agent.connect(daemon.port());
   agent.status->errorOccuredIs(true);

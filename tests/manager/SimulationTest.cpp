@@ -3,13 +3,17 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <support/Agent.h>
+#include <support/TraceRecorder.h>
 
 #include <filesystem>
 
 namespace {
 
-std::ptrdiff_t threads() {
-  return std::distance(std::filesystem::directory_iterator("/proc/self/task"),
+using testing::ElementsAre;
+
+// The entries of a folder that the kernel keeps for this process.
+std::ptrdiff_t entries(const char* folder) {
+  return std::distance(std::filesystem::directory_iterator(folder),
                        std::filesystem::directory_iterator());
 }
 
@@ -19,14 +23,18 @@ struct Simulation : testing::Test {
 };
 
 TEST_F(Simulation, MakesNoConnectionAndNoThread) {
-  const std::ptrdiff_t before = threads();
+  const std::ptrdiff_t threads = entries("/proc/self/task");
+  const std::ptrdiff_t files = entries("/proc/self/fd");
+  const support::TraceRecorder trace;
   agent.connect(1);
   EXPECT_TRUE(agent.manager->initialized());
   EXPECT_EQ(agent.manager->client(), nullptr);
   EXPECT_EQ(agent.manager->grpcReplyThread(), nullptr);
   EXPECT_EQ(agent.manager->threadLock(), nullptr);
   EXPECT_EQ(agent.manager->threadCondition(), nullptr);
-  EXPECT_EQ(threads(), before);
+  EXPECT_EQ(entries("/proc/self/task"), threads);
+  EXPECT_EQ(entries("/proc/self/fd"), files);
+  EXPECT_THAT(trace.texts(), ElementsAre("void Norv::ConnectionsMgr::handleInitialized()"));
 }
 
 TEST_F(Simulation, FollowsTheQueuesThatAreThere) {

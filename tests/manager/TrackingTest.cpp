@@ -50,6 +50,15 @@ TEST_F(Tracking, SaysSoAgainForAQueueItFollowsAlready) {
   EXPECT_EQ(agent.manager->cmdConfigGroupSms(), 1u);
 }
 
+TEST_F(Tracking, HearsOfAQueueThroughItsForwardingMember) {
+  agent.queue("a");
+  agent.manager->cmdConfigGroupSmDelAll();
+  const TraceRecorder trace("NorvConnectionsMgr/5");
+  agent.manager->lumo_handleGlobalCmdConfig_cmdConfigGroup("a");
+  EXPECT_EQ(trace.texts().at(0), "void Norv::ConnectionsMgr::handleCmdConfigGroup(Lumo::Name) a");
+  EXPECT_TRUE(machine("a"));
+}
+
 TEST_F(Tracking, IgnoresQueuesWhileItIsNotInitialized) {
   agent.manager->initializedIs(false);
   const TraceRecorder trace("NorvConnectionsMgr/5");

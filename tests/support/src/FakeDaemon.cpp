@@ -160,7 +160,11 @@ class FakeDaemon::Impl {
 
   static Call record(const grpc::GenericCallbackServerContext& context, Norv::GrpcRequestType type,
                      const std::string& bytes) {
-    Call call{type, bytes, context.deadline() != std::chrono::system_clock::time_point::max(), {}};
+    Call call{type,
+              bytes,
+              context.deadline() != std::chrono::system_clock::time_point::max(),
+              {},
+              context.peer()};
     for (const auto& [key, value] : context.client_metadata()) {
       const std::string name(key.data(), key.size());
       if (name != "user-agent") call.metadata.push_back(name);

@@ -24,6 +24,7 @@ class FakeDaemon {
     std::string request;  // serialised
     bool hasDeadline;
     std::vector<std::string> metadata;  // names of what the client added
+    std::string peer;                   // the client's end of the connection
   };
   struct Answer {
     int code = 0;  // gRPC status

@@ -1,0 +1,155 @@
+// Locks, conditions and memory against a platform that is looked at, and that fails.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <support/Platform.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <new>
+#include <string>
+#include <vector>
+
+#include <Lumo/Exception.h>
+#include <Lumo/Lock.h>
+
+namespace {
+
+// Blocks that the program has taken from its heap and not given back.
+std::atomic<std::size_t> blocks{0};
+std::atomic<std::size_t> lastSize{0};
+
+}  // namespace
+
+// The heap of the whole program. Not inlined: the compiler knows the pairs of functions by name.
+[[gnu::noinline]] void* operator new(std::size_t size) {
+  ++blocks;
+  lastSize = size;
+  if (void* memory = std::malloc(size)) return memory;
+  throw std::bad_alloc();
+}
+[[gnu::noinline]] void operator delete(void* memory) noexcept {
+  if (memory) --blocks;
+  std::free(memory);
+}
+void operator delete(void* memory, std::size_t) noexcept {
+  ::operator delete(memory);
+}
+
+namespace {
+
+using Lumo::Condition;
+using Lumo::ErrnoException;
+using Lumo::Lock;
+using support::Platform;
+using testing::ElementsAre;
+
+// A platform on which one function fails with EAGAIN, about whichever object.
+struct Failing : Platform {
+  explicit Failing(std::string function)
+      : Platform([function = std::move(function)](const char* called, const void*,
+                                                  int) -> std::optional<int> {
+          if (called == function) return EAGAIN;
+          return std::nullopt;
+        }) {}
+};
+
+TEST(LockOnThePlatform, SetsUpAnErrorCheckingMutexOfTheProcess) {
+  std::vector<std::string> calls;
+  const void* mutex = nullptr;
+  {
+    const Platform platform([&](const char* called, const void* object, int argument) {
+      calls.push_back(called + std::string(" ") + std::to_string(argument));
+      mutex = object;
+      return std::nullopt;
+    });
+    const Lock lock;
+    EXPECT_EQ(mutex, &lock);
+  }
+  static_assert(PTHREAD_PROCESS_PRIVATE == 0 && PTHREAD_MUTEX_ERRORCHECK == 2);
+  EXPECT_THAT(calls, ElementsAre("pthread_mutexattr_init 0", "pthread_mutexattr_setpshared 0",
+                                 "pthread_mutexattr_settype 2", "pthread_mutex_init 0",
+                                 "pthread_mutex_destroy 0"));
+}
+
+// An object in memory that is all zero, which is a mutex or a condition already.
+template <class T>
+class Zeroed {
+ public:
+  Zeroed() : object_(::new (memory_) T()) {}
+  ~Zeroed() { object_->~T(); }
+  Zeroed(const Zeroed&) = delete;
+  Zeroed& operator=(const Zeroed&) = delete;
+  T* operator->() const { return object_; }
+
+ private:
+  alignas(T) std::byte memory_[sizeof(T)]{};
+  T* const object_;
+};
+
+class EveryStepOfTheSetUp : public testing::TestWithParam<const char*> {};
+
+TEST_P(EveryStepOfTheSetUp, KeptOnPurposeMayFailUnnoticed) {
+  const Failing platform(GetParam());
+  EXPECT_NO_THROW({
+    const Zeroed<Lock> lock;
+    EXPECT_TRUE(lock->releasable());
+  });
+  EXPECT_NO_THROW({ const Zeroed<Condition> condition; });
+}
+
+INSTANTIATE_TEST_SUITE_P(Platform, EveryStepOfTheSetUp,
+                         testing::Values("pthread_mutexattr_init", "pthread_mutexattr_setpshared",
+                                         "pthread_mutexattr_settype", "pthread_mutex_init",
+                                         "pthread_mutex_destroy", "pthread_cond_init",
+                                         "pthread_cond_destroy"),
+                         [](const auto& step) { return std::string(step.param); });
+
+// Runs `action` and returns the error number of the ErrnoException it must raise with `text`.
+template <class Action>
+int errnoOf(const char* text, Action action) {
+  try {
+    action();
+  } catch (const ErrnoException& exception) {
+    EXPECT_STREQ(exception.what(), text);
+    return exception.errnoValue();
+  }
+  ADD_FAILURE() << "not raised: " << text;
+  return 0;
+}
+
+TEST(LockOnThePlatform, RaisesWhenItCannotBeTaken) {
+  Lock lock;
+  const Failing platform("pthread_mutex_lock");
+  EXPECT_EQ(errnoOf("Failed to grab lock", [&] { lock.lock(); }), EAGAIN);
+}
+
+TEST(ConditionOnThePlatform, RaisesWhenItCannotWait) {
+  Lock lock;
+  Condition condition;
+  Lumo::LockAnchor anchor(&lock);
+  const Failing platform("pthread_cond_wait");
+  EXPECT_EQ(errnoOf("Condition variable wait failed", [&] { condition.wait(&lock); }), EAGAIN);
+}
+
+TEST(ConditionOnThePlatform, RaisesWhenItCannotSignal) {
+  Condition condition;
+  const Failing platform("pthread_cond_broadcast");
+  EXPECT_EQ(errnoOf("Condition variable signal failed", [&] { condition.signal(); }), EAGAIN);
+}
+
+TEST(PtrInterface, TakesItsMemoryFromTheOrdinaryHeap) {
+  const std::size_t before = blocks;
+  void* const memory = Lumo::PtrInterface::lumoMemAlloc(12345);
+  EXPECT_EQ(lastSize, 12345u);
+  EXPECT_EQ(blocks, before + 1);
+  Lumo::PtrInterface::lumoMemDealloc(memory);
+  EXPECT_EQ(blocks, before);
+  Condition* const condition = new Condition();
+  EXPECT_EQ(lastSize, sizeof(Condition));
+  EXPECT_EQ(blocks, before + 1);
+  delete condition;
+  EXPECT_EQ(blocks, before);
+}
+
+}  // namespace
