@@ -5,6 +5,7 @@
 #include <string>
 #include <variant>
 
+#include <Lumo/TraceSink.h>
 #include <Skein/Reader.h>
 
 // An argument as JSON: numbers and truth values as such, addresses as their text, QNull as null.
@@ -33,6 +34,15 @@ inline nlohmann::json argumentsOf(const Skein::Record& record) {
   nlohmann::json arguments = nlohmann::json::array();
   for (const Skein::Value& value : record.arguments()) arguments.push_back(jsonOf(value));
   return arguments;
+}
+
+// The text with bytes that are not UTF-8 replaced, and what is no plain character shown as in a
+// trace line.
+inline std::string readable(const std::string& text) {
+  std::string shown;
+  Lumo::appendTraceText(shown, text);
+  const auto replace = nlohmann::json::error_handler_t::replace;
+  return nlohmann::json::parse(nlohmann::json(shown).dump(-1, ' ', false, replace));
 }
 
 // Bytes that are not UTF-8 come out as the replacement character.

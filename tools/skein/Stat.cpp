@@ -58,32 +58,32 @@ std::string shown(const std::string& text) {
   return line;
 }
 
-void printText(const Skein::Reader& reader, const Summary& summary) {
+void printText(const Skein::Reader& reader, const Summary& summary, std::FILE* out) {
   const auto& counters = reader.counters();
-  std::printf("file        %llu bytes, made %s by process %u, %s\n", counters.fileSize,
-              momentOf(counters.openedNs).c_str(), counters.pid,
-              counters.multiThreaded ? "many threads" : "one thread");
-  std::printf("records     %llu", summary.records);
+  std::fprintf(out, "file        %llu bytes, made %s by process %u, %s\n", counters.fileSize,
+               momentOf(counters.openedNs).c_str(), counters.pid,
+               counters.multiThreaded ? "many threads" : "one thread");
+  std::fprintf(out, "records     %llu", summary.records);
   if (summary.records != 0) {
-    std::printf(" from %s to %s (%.6f s)", momentOf(summary.firstNs).c_str(),
-                momentOf(summary.lastNs).c_str(),
-                static_cast<double>(summary.lastNs - summary.firstNs) / 1e9);
+    std::fprintf(out, " from %s to %s (%.6f s)", momentOf(summary.firstNs).c_str(),
+                 momentOf(summary.lastNs).c_str(),
+                 static_cast<double>(summary.lastNs - summary.firstNs) / 1e9);
   }
-  std::printf("\nlost        %llu (%llu made room for newer ones, %llu found no place)\n",
-              counters.overwritten + counters.dropped, counters.overwritten, counters.dropped);
+  std::fprintf(out, "\nlost        %llu (%llu made room for newer ones, %llu found no place)\n",
+               counters.overwritten + counters.dropped, counters.overwritten, counters.dropped);
   for (const auto& [thread, records] : summary.byThread) {
-    std::printf("thread      %d: %llu records\n", thread, records);
+    std::fprintf(out, "thread      %d: %llu records\n", thread, records);
   }
-  std::printf("\n%12s  %s\n", "records", "site");
+  std::fprintf(out, "\n%12s  %s\n", "records", "site");
   for (const Count& count : summary.sites) {
     const Skein::Site& site = *reader.sites()[static_cast<std::size_t>(count.id) - 1];
-    std::printf("%12llu  %s/%u %s:%d %s: %s\n", count.records, shown(site.facility).c_str(),
-                site.level, shown(site.file).c_str(), site.line, shown(site.function).c_str(),
-                shown(site.text).c_str());
+    std::fprintf(out, "%12llu  %s/%u %s:%d %s: %s\n", count.records, shown(site.facility).c_str(),
+                 site.level, shown(site.file).c_str(), site.line, shown(site.function).c_str(),
+                 shown(site.text).c_str());
   }
 }
 
-void printJson(const Skein::Reader& reader, const Summary& summary) {
+void printJson(const Skein::Reader& reader, const Summary& summary, std::FILE* out) {
   const auto& counters = reader.counters();
   nlohmann::json json = {{"fileSize", counters.fileSize},
                          {"openedNs", counters.openedNs},
@@ -111,16 +111,20 @@ void printJson(const Skein::Reader& reader, const Summary& summary) {
                              {"function", site.function},
                              {"text", site.text}});
   }
-  std::printf("%s\n", textOf(json).c_str());
+  std::fprintf(out, "%s\n", textOf(json).c_str());
 }
 
 }  // namespace
 
+void writeStat(Skein::Reader& reader, const Filter& filter, bool json, std::FILE* out) {
+  const Summary summary = summaryOf(reader, filter);
+  json ? printJson(reader, summary, out) : printText(reader, summary, out);
+}
+
 int stat(const std::string& path, Filter& filter, bool json) {
   filter.resolve(path);
   Skein::Reader reader(path);
-  const Summary summary = summaryOf(reader, filter);
-  json ? printJson(reader, summary) : printText(reader, summary);
+  writeStat(reader, filter, json, stdout);
   if (std::fflush(stdout) != 0 || std::ferror(stdout)) {
     std::fprintf(stderr, "skein: cannot write to standard output: %s\n", std::strerror(errno));
     return 1;

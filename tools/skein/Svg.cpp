@@ -5,6 +5,7 @@
 
 #include "CommandSlices.h"
 #include "Export.h"
+#include "Json.h"
 
 // The commands of a recording as a picture: a lane per queue with a bar per command, and under it
 // how many commands waited.
@@ -56,7 +57,7 @@ const char* colourOf(const std::string& outcome) {
 
 std::string escaped(const std::string& text) {
   std::string out;
-  for (const char c : text) {
+  for (const char c : readable(text)) {
     switch (c) {
       case '&':
         out += "&amp;";
