@@ -12,13 +12,14 @@ namespace {
 thread_local int allowed = -1;
 thread_local bool refused = false;
 
-void* allocate(std::size_t size) {
+void* allocate(std::size_t size, std::size_t alignment = alignof(std::max_align_t)) {
   if (allowed == 0) {
     refused = true;
     throw std::bad_alloc();
   }
   if (allowed > 0) --allowed;
-  if (void* memory = std::malloc(size)) return memory;
+  const std::size_t whole = (size + alignment - 1) / alignment * alignment;
+  if (void* memory = std::aligned_alloc(alignment, whole)) return memory;
   throw std::bad_alloc();
 }
 
@@ -59,10 +60,19 @@ int withEachAllocationRefused(Body body) {
 void* operator new(std::size_t size) {
   return allocate(size);
 }
+void* operator new(std::size_t size, std::align_val_t alignment) {
+  return allocate(size, static_cast<std::size_t>(alignment));
+}
 void operator delete(void* memory) noexcept {
   std::free(memory);
 }
 void operator delete(void* memory, std::size_t) noexcept {
+  std::free(memory);
+}
+void operator delete(void* memory, std::align_val_t) noexcept {
+  std::free(memory);
+}
+void operator delete(void* memory, std::size_t, std::align_val_t) noexcept {
   std::free(memory);
 }
 
