@@ -132,8 +132,10 @@ std::vector<std::string> asked(const std::function<void()>& action) {
 }
 
 TEST_F(ManagerOnThePlatform, AsksForSimulationOncePerDecisionAndForNothingElse) {
-  const Environment simulation("SIMULATION_NORV", "1");
   const auto once = ElementsAre("SIMULATION_NORV");
+  EXPECT_THAT(asked([&] { agent.manager->doEnqueueBatch(agent.queue()); }), once);
+  EXPECT_THAT(asked([&] { agent.manager->doFlushPendingQueue(); }), once);
+  const Environment simulation("SIMULATION_NORV", "1");
   enqueue(1);
   EXPECT_THAT(asked([&] { agent.manager->handleInitialized(); }), IsEmpty());  // nothing to decide
   agent.manager->initializedIs(false);

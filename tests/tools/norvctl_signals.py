@@ -163,7 +163,7 @@ def test_the_daemon_is_killed_at_any_moment():
     count = 20000
     standin = Standin()
     # Killed between two calls, nobody is there for the next one, which waits: hence the time limit.
-    process = start("--json", "--timeout", "15", *standin.address, versions(count))
+    process = start("--json", "--timeout", "40", *standin.address, versions(count))
     process.wait_for(r'"seq":20,')
     standin.signal(signal.SIGKILL)
     result = Result(process.finish())
