@@ -57,22 +57,23 @@ int withEachAllocationRefused(Body body) {
 
 }  // namespace
 
-void* operator new(std::size_t size) {
+// Not inlined, or the compiler takes the pairs below for mismatched ones.
+[[gnu::noinline]] void* operator new(std::size_t size) {
   return allocate(size);
 }
-void* operator new(std::size_t size, std::align_val_t alignment) {
+[[gnu::noinline]] void* operator new(std::size_t size, std::align_val_t alignment) {
   return allocate(size, static_cast<std::size_t>(alignment));
 }
-void operator delete(void* memory) noexcept {
+[[gnu::noinline]] void operator delete(void* memory) noexcept {
   std::free(memory);
 }
-void operator delete(void* memory, std::size_t) noexcept {
+[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept {
   std::free(memory);
 }
-void operator delete(void* memory, std::align_val_t) noexcept {
+[[gnu::noinline]] void operator delete(void* memory, std::align_val_t) noexcept {
   std::free(memory);
 }
-void operator delete(void* memory, std::size_t, std::align_val_t) noexcept {
+[[gnu::noinline]] void operator delete(void* memory, std::size_t, std::align_val_t) noexcept {
   std::free(memory);
 }
 
