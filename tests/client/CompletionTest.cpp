@@ -71,6 +71,13 @@ TEST_P(EveryFailure, IsTracedAndRaisesTheFlagAndReachesNoHandler) {
 // CANCELLED, UNKNOWN, UNIMPLEMENTED, INTERNAL, UNAVAILABLE
 INSTANTIATE_TEST_SUITE_P(Statuses, EveryFailure, testing::Values(1, 2, 12, 13, 14));
 
+// Whether this thread may take the lock, that is, does not hold it already.
+bool freeHere(Lumo::Lock* lock) LUMO_NO_THREAD_SAFETY_ANALYSIS {
+  const bool taken = lock->lock();
+  if (taken) lock->unlock();
+  return taken;
+}
+
 // Looks at the locks and the trace at the moment the flag rises.
 class FlagWitness : public GrpcErrorHandlingStatus::NotifieeConst {
  public:
@@ -81,8 +88,8 @@ class FlagWitness : public GrpcErrorHandlingStatus::NotifieeConst {
     ++rises;
     thread = std::this_thread::get_id();
     linesBefore = trace_->lines().size();
-    activityFree = take(Lumo::ActivityLockAnchor::lock());
-    queueFree = take(queueLock_);
+    activityFree = freeHere(Lumo::ActivityLockAnchor::lock());
+    queueFree = freeHere(queueLock_);
   }
   int rises = 0;
   std::thread::id thread;
@@ -91,11 +98,6 @@ class FlagWitness : public GrpcErrorHandlingStatus::NotifieeConst {
   bool queueFree = false;
 
  private:
-  static bool take(Lumo::Lock* lock) {
-    const bool taken = lock->lock();
-    if (taken) lock->unlock();
-    return taken;
-  }
   Lumo::Lock* const queueLock_;
   const TraceRecorder* const trace_;
 };
@@ -156,9 +158,8 @@ TEST_F(Completion, CallsTheHandlerUnderTheActivityLockAndNoOther) {
           queueFree_(queueFree),
           activityHeld_(activityHeld) {}
     void processResponse(google::protobuf::Message*) override {
-      *queueFree_ = queueLock_->lock();
-      queueLock_->unlock();
-      *activityHeld_ = !Lumo::ActivityLockAnchor::lock()->lock();
+      *queueFree_ = freeHere(queueLock_);
+      *activityHeld_ = !freeHere(Lumo::ActivityLockAnchor::lock());
     }
 
    private:
@@ -172,8 +173,7 @@ TEST_F(Completion, CallsTheHandlerUnderTheActivityLockAndNoOther) {
       client.doProcessBlockingGrpcCmd(Lumo::allocate<Looking>(&lock, &queueFree, &activityHeld)));
   EXPECT_TRUE(queueFree);
   EXPECT_TRUE(activityHeld);
-  EXPECT_TRUE(Lumo::ActivityLockAnchor::lock()->lock());  // given back
-  Lumo::ActivityLockAnchor::lock()->unlock();
+  EXPECT_TRUE(freeHere(Lumo::ActivityLockAnchor::lock()));  // given back
 }
 
 TEST_F(Completion, HandsOverTheContentOfTheReply) {
