@@ -98,7 +98,9 @@ void compare(Agent& agent, const Server& server, U64 rounds, U64 commands) {
       {"synchronous stub loop", [&](U64 count) { synchronousLoop(*synchronous, count); }, {}, {}}};
   for (Way& way : ways) way.send(commands / 10 + 1);
   for (U64 i = 0; i < rounds; ++i) {
-    for (Way& way : ways) way.round(commands);
+    for (U64 turn = 0; turn < std::size(ways); ++turn) {
+      ways[(i + turn) % std::size(ways)].round(commands);
+    }
     std::printf("\rround %llu of %llu", i + 1, rounds);
     std::fflush(stdout);
   }
