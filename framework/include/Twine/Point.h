@@ -196,7 +196,7 @@ template <const Point& point, class... Args>
     write<point>([&](std::string_view text) { writeText(converter.fixed(), text); },
                  [&](const auto& value) { converter << value; }, args...);
     helper = helperIn<point>(storage);
-    if (helper) writeText(helper->stringstream(), Skein::textOf(converter.traceString()));
+    if (helper) writeText(helper->stringstream(), converter.text());
   });
 }
 

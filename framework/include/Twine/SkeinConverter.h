@@ -1,6 +1,7 @@
 #pragma once
 
 #include <ostream>
+#include <string_view>
 
 #include <Lumo/String.h>
 #include <Skein/Argument.h>
@@ -28,7 +29,9 @@ class SkeinConverter {
     Skein::render(value, [this](const char* text, std::size_t length) { append(text, length); });
     return *this;
   }
+  // The text so far: a copy, or a view that lasts until the next addition.
   Lumo::String traceString() const;
+  std::string_view text() const;
 
  private:
   void append(const char* text, std::size_t length);

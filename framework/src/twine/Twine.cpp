@@ -15,7 +15,11 @@ std::ostream& SkeinConverter::fixed() {
 }
 
 Lumo::String SkeinConverter::traceString() const {
-  return Lumo::String(std::string(stream_->text()));
+  return Lumo::String(std::string(text()));
+}
+
+std::string_view SkeinConverter::text() const {
+  return stream_->text();
 }
 
 void SkeinConverter::append(const char* text, std::size_t length) {
