@@ -41,26 +41,49 @@ std::optional<CommandNews> commandNewsOf(const Skein::Record& record) {
 }
 
 std::optional<CommandSlice> CommandSlices::newsIs(const CommandNews& news, int thread, U64 timeNs) {
-  const auto known = std::find_if(announced_.begin(), announced_.end(), [&](const Announced& one) {
-    return one.news.sequence == news.sequence;
-  });
-  if (!news.ends) {
-    if (known == announced_.end()) announced_.push_back({news, thread, timeNs});
-    return std::nullopt;
+  if (news.ends) return ended(news, thread, timeNs);
+  announced(news, thread, timeNs);
+  return std::nullopt;
+}
+
+void CommandSlices::announced(const CommandNews& news, int thread, U64 timeNs) {
+  // The worker may be done with a command before its announcement is written down.
+  if (early_.erase(news.sequence) != 0) return;
+  Queue& queue = open_[news.queue];
+  queue.try_emplace(news.sequence, Announced{news, thread, timeNs});
+  // Of older ones there are no more than the depth says; the ends of the others are lost.
+  while (queue.size() > std::max<U64>(news.depth, 1)) queue.erase(queue.begin());
+}
+
+std::optional<CommandSlice> CommandSlices::ended(const CommandNews& news, int thread, U64 timeNs) {
+  const auto known = open_[news.queue].extract(news.sequence);
+  if (known.empty()) early_.insert(news.sequence);
+  // What is dropped may have waited behind others.
+  if (news.outcome != "dropped") {
+    forgetBefore(news.sequence);
+    worker_ = thread;
   }
-  const U64 announcedNs = known == announced_.end() ? 0 : known->timeNs;
-  if (known != announced_.end()) announced_.erase(known);
+  const U64 announcedNs = known.empty() ? 0 : known.mapped().timeNs;
   const U64 startNs = std::max(announcedNs, previousEndNs_);
   previousEndNs_ = timeNs;
   if (startNs == 0) return std::nullopt;
   return CommandSlice{news, thread, std::min(startNs, timeNs), timeNs, announcedNs};
 }
 
+void CommandSlices::forgetBefore(U64 sequence) {
+  for (auto& [name, queue] : open_) queue.erase(queue.begin(), queue.lower_bound(sequence));
+}
+
 std::optional<CommandSlice> CommandSlices::inFlight(U64 nowNs) const {
-  if (announced_.empty()) return std::nullopt;
-  const Announced& first = announced_.front();
-  CommandSlice slice{first.news, first.thread, std::max(first.timeNs, previousEndNs_), nowNs,
-                     first.timeNs};
+  const Announced* first = nullptr;
+  for (const auto& [name, queue] : open_) {
+    if (queue.empty()) continue;
+    const Announced& oldest = queue.begin()->second;
+    if (!first || oldest.news.sequence < first->news.sequence) first = &oldest;
+  }
+  if (!first) return std::nullopt;
+  CommandSlice slice{first->news, worker_.value_or(first->thread),
+                     std::max(first->timeNs, previousEndNs_), nowNs, first->timeNs};
   slice.command.outcome = "in flight";
   slice.startNs = std::min(slice.startNs, nowNs);
   return slice;

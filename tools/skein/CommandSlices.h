@@ -1,8 +1,9 @@
 #pragma once
 
+#include <map>
 #include <optional>
+#include <set>
 #include <string>
-#include <vector>
 
 #include <Skein/Reader.h>
 
@@ -48,7 +49,8 @@ struct CommandSlice {
 
 // Follows the records in their order. One command is in flight at a time and commands are served
 // in order: a command's service starts when it was announced or when its predecessor ended,
-// whichever is later.
+// whichever is later. Records may be missing: the ring goes over those of a busy thread sooner than
+// over those of an idle one.
 class CommandSlices {
  public:
   // The slice that this news completes, if any; none for an end of which neither the announcement
@@ -56,7 +58,8 @@ class CommandSlices {
   std::optional<CommandSlice> newsIs(const CommandNews& news, int thread, U64 timeNs);
 
   // The command that was in flight at `nowNs`, after the last news: what a daemon that hangs hangs
-  // in. Its outcome is "in flight", its thread that of its announcement.
+  // in. None where something says that all known commands have ended. Its outcome is "in flight",
+  // its thread that of the commands before it, or of its announcement if none is known.
   std::optional<CommandSlice> inFlight(U64 nowNs) const;
 
  private:
@@ -65,6 +68,14 @@ class CommandSlices {
     int thread;
     U64 timeNs;
   };
-  std::vector<Announced> announced_;
+  using Queue = std::map<U64, Announced>;  // by sequence
+
+  void announced(const CommandNews& news, int thread, U64 timeNs);
+  std::optional<CommandSlice> ended(const CommandNews& news, int thread, U64 timeNs);
+  void forgetBefore(U64 sequence);
+
+  std::map<std::string, Queue> open_;
+  std::set<U64> early_;  // ended before their announcement was seen
+  std::optional<int> worker_;
   U64 previousEndNs_ = 0;
 };
