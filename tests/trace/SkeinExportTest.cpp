@@ -1,3 +1,5 @@
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <fstream>
 #include <map>
@@ -97,6 +99,7 @@ TEST_F(SkeinExport, EachCommandIsASliceAfterItsPredecessor) {
   }
   EXPECT_EQ(slices[20]["args"]["outcome"], "in flight");
   EXPECT_EQ(slices[20]["name"], "getVersion");
+  EXPECT_EQ(slices[20]["tid"], slices[0]["tid"]) << "the worker's, as all the others";
 }
 
 TEST_F(SkeinExport, AFileWithoutRecordsIsAValidEmptyTrace) {
@@ -129,6 +132,66 @@ TEST_F(SkeinExport, TargetsThatCannotBeWrittenGiveOneLine) {
     EXPECT_EQ(outcome.status, 1);
     EXPECT_EQ(std::count(outcome.error.begin(), outcome.error.end(), '\n'), 1) << outcome.error;
   }
+}
+
+TEST_F(SkeinExport, AFolderDoesNotFitStandardOutput) {
+  makeCommands();
+  const Outcome outcome = exportTo("ctf", "-");
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_EQ(outcome.error, "skein: the ctf format is a folder of files: name a new one\n");
+  EXPECT_FALSE(std::filesystem::exists("-"));
+}
+
+TEST_F(SkeinExport, TheRecordingItselfIsNoTarget) {
+  makeCommands();
+  std::filesystem::create_symlink(path, folder.file("link"));
+  std::filesystem::create_hard_link(path, folder.file("same"));
+  for (const char* format : {"perfetto", "svg", "ctf"}) {
+    for (const std::string& target : {path, folder.file("link"), folder.file("same")}) {
+      const Outcome outcome = exportTo(format, target);
+      EXPECT_EQ(outcome.status, 1) << format;
+      EXPECT_EQ(outcome.error,
+                "skein: " + target + " is the recording itself: name another target\n");
+      EXPECT_EQ(recordsIn(path).size(), records);
+    }
+  }
+}
+
+// Another process may have the old file mapped.
+TEST_F(SkeinExport, AnOlderTargetIsReplacedAndNotCutOff) {
+  makeCommands();
+  const std::string live = folder.file("live");
+  std::filesystem::copy_file(path, live);
+  std::filesystem::permissions(
+      live, std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+  std::filesystem::create_symlink("live", folder.file("link"));
+  const int open = ::open(live.c_str(), O_RDONLY | O_CLOEXEC);
+  EXPECT_EQ(exportTo("perfetto", folder.file("link")).status, 0);
+  struct stat status;
+  ASSERT_EQ(::fstat(open, &status), 0);
+  EXPECT_EQ(static_cast<std::uintmax_t>(status.st_size), std::filesystem::file_size(path));
+  ::close(open);
+  EXPECT_TRUE(std::filesystem::is_symlink(folder.file("link")));
+  EXPECT_TRUE(json::parse(std::ifstream(live)).contains("traceEvents"));
+  EXPECT_EQ(std::filesystem::status(live).permissions(),
+            std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+}
+
+TEST_F(SkeinExport, ATargetThatIsNoFileIsWrittenAsItIs) {
+  makeCommands();
+  for (const char* format : {"perfetto", "svg"}) {
+    const Outcome outcome = exportTo(format, "/dev/full");
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(outcome.error, "skein: cannot write /dev/full: No space left on device\n");
+    EXPECT_EQ(exportTo(format, "/dev/null").status, 0);
+    EXPECT_EQ(exportTo(format, folder.file("")).status, 1) << "a folder";
+  }
+  EXPECT_TRUE(std::filesystem::is_character_file("/dev/null"));
+  std::vector<std::string> left;
+  for (const auto& entry : std::filesystem::directory_iterator(folder.file(""))) {
+    left.push_back(entry.path().filename());
+  }
+  EXPECT_EQ(left, std::vector<std::string>{"trace.skein"});
 }
 
 TEST_F(SkeinExport, Babeltrace2ReadsTheWholeCtfTrace) {

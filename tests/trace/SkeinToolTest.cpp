@@ -116,6 +116,29 @@ TEST_F(SkeinTool, FiltersByLevelFacilityFunctionAndTime) {
   EXPECT_EQ(count("--since", "2h"), 4U);
   EXPECT_EQ(count("--since", "1999-12-31T23:59:59.5Z"), 4U);
   EXPECT_EQ(count("--since", "2400-01-01T00:00:00"), 0U);
+  EXPECT_EQ(count("--since", "2024-02-29T00:00:00"), 4U);
+  EXPECT_EQ(count("--since", "9999-12-31T23:59:59"), 0U);
+}
+
+TEST_F(SkeinTool, NamesThatTheFileDoesNotHaveAreReported) {
+  ringIsOn();
+  Twine::trace<Sample::plain>();
+  Twine::trace<Sample::other>(7);
+  for (const std::vector<std::string>& words : std::vector<std::vector<std::string>>{
+           {"dump", path}, {"stat", path}, {"export", "--format", "perfetto", path, "-"}}) {
+    const auto with = [&](const char* option, const char* value) {
+      std::vector<std::string> all = words;
+      all.insert(all.end(), {option, value});
+      const Outcome outcome = skeinWith(all);
+      EXPECT_EQ(outcome.status, 0);
+      return outcome.error;
+    };
+    EXPECT_EQ(with("--facility", "Sampel,Other"),
+              "skein: the file has no facility Sampel, but Other, Sample\n");
+    EXPECT_EQ(with("--function", "connect"),
+              "skein: the file has no function connect, but handleBatch, other\n");
+    EXPECT_EQ(with("--facility", "Sample"), "");
+  }
 }
 
 TEST_F(SkeinTool, AMomentInTheMiddleShowsTheRecordsFromThenOn) {
@@ -315,6 +338,16 @@ TEST_F(SkeinTool, TellsHowToUseIt) {
   EXPECT_EQ(skeinWith({"dump", path, "--level", "high"}).status, 2);
   EXPECT_EQ(skeinWith({"dump", path, "--since", "yesterday"}).status, 2);
   EXPECT_EQ(skeinWith({"export", "--format", "mp3", path, "x"}).status, 2);
+  for (const char* level : {"10", "5-10", "-1", "6-5"}) {
+    EXPECT_EQ(skeinWith({"dump", path, "--level=" + std::string(level)}).status, 2) << level;
+  }
+  for (const char* since : {"2026-02-30T12:00:00", "2025-02-29T12:00:00", "2026-13-01T12:00:00",
+                            "2026-01-31T25:00:00", "2026-01-31T12:00:60", "1969-12-31T23:59:59"}) {
+    EXPECT_EQ(skeinWith({"dump", path, "--since", since}).status, 2) << since;
+  }
+  const Outcome version = skeinWith({"--version"});
+  EXPECT_EQ(version.status, 0);
+  EXPECT_EQ(version.out.find("skein "), 0U) << version.out;
   const Outcome help = skeinWith({"--help"});
   EXPECT_EQ(help.status, 0);
   for (const char* word : {"dump", "stat", "export"}) {

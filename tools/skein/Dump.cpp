@@ -97,6 +97,7 @@ int dump(DumpOptions& options) {
   auto reader = std::make_unique<Skein::Reader>(options.file);
   Output output;
   dumpNew(*reader, options, output);
+  options.filter.reportUnmatched(*reader);
   if (options.follow) follow(reader, options, output);
   if (!output.good()) {
     std::fprintf(stderr, "skein: cannot write to standard output: %s\n",

@@ -20,5 +20,6 @@ int exportSvg(const Recording& recording, const std::string& path);
 // class for each site.
 int exportCtf(const Recording& recording, const std::string& folder);
 
-// Runs `write` on the file, or on standard output for "-".
+// Runs `write` on the file, or on standard output for "-". A regular file is replaced when all of
+// it is written, so that whoever has the old one open keeps it whole.
 int writeTo(const std::string& path, const std::function<void(std::ostream&)>& write);

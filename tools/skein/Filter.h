@@ -8,7 +8,8 @@
 // Which records a person wants to see. Empty parts let everything pass.
 class Filter {
  public:
-  // "5", "0-5" or "*", of the level under which records were logged. False when not one of these.
+  // "5", "0-5" or "*", of the level under which records were logged, 0 to 9. False when not one of
+  // these.
   bool levelsIs(const std::string& text);
   void facilitiesIs(std::vector<std::string> names) { facilities_ = std::move(names); }
   void functionsIs(std::vector<std::string> names) { functions_ = std::move(names); }
@@ -19,6 +20,9 @@ class Filter {
   // Turns a since that is relative to the newest record into a moment. Reads the file once, and
   // only if need be. Throws Skein::FileError.
   void resolve(const std::string& path);
+
+  // Says on standard error which facilities and functions the file does not have. After a read.
+  void reportUnmatched(const Skein::Reader& reader) const;
 
   bool passes(const Skein::Record& record) const;
 

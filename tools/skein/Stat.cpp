@@ -125,6 +125,7 @@ int stat(const std::string& path, Filter& filter, bool json) {
   filter.resolve(path);
   Skein::Reader reader(path);
   writeStat(reader, filter, json, stdout);
+  filter.reportUnmatched(reader);
   if (std::fflush(stdout) != 0 || std::ferror(stdout)) {
     std::fprintf(stderr, "skein: cannot write to standard output: %s\n", std::strerror(errno));
     return 1;

@@ -1,6 +1,7 @@
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <exception>
+#include <filesystem>
 
 #include "Dump.h"
 #include "Export.h"
@@ -28,11 +29,12 @@ struct FilterOptions {
   }
   void applyTo(Filter& filter) {
     if (!levels.empty() && !filter.levelsIs(levels)) {
-      throw CLI::ValidationError("--level", "\"" + levels + "\" is not like 5, 0-5 or *");
+      throw CLI::ValidationError("--level",
+                                 "\"" + levels + "\" is not like 5, 0-5 or *; levels are 0 to 9");
     }
     if (!since.empty() && !filter.sinceIs(since)) {
       throw CLI::ValidationError(
-          "--since", "\"" + since + "\" is not like 2026-01-31T12:00:00, 250ms, 90s, 5m or 2h");
+          "--since", "\"" + since + "\" is no time like 2026-01-31T12:00:00, 250ms, 90s, 5m or 2h");
     }
     filter.facilitiesIs(facilities);
     filter.functionsIs(functions);
@@ -49,8 +51,19 @@ struct Arguments {
 };
 
 int exportAs(const Arguments& arguments, Filter& filter) {
+  std::error_code ignored;
+  if (std::filesystem::equivalent(arguments.file, arguments.target, ignored)) {
+    std::fprintf(stderr, "skein: %s is the recording itself: name another target\n",
+                 arguments.target.c_str());
+    return 1;
+  }
+  if (arguments.format == "ctf" && arguments.target == "-") {
+    std::fprintf(stderr, "skein: the ctf format is a folder of files: name a new one\n");
+    return 2;
+  }
   filter.resolve(arguments.file);
   const Recording recording(arguments.file, filter);
+  filter.reportUnmatched(recording.reader());
   // First: it may be the reason why there is nothing to export.
   const std::string problem = recording.reader().problem();
   if (!problem.empty()) std::fprintf(stderr, "skein: %s\n", problem.c_str());
@@ -64,6 +77,7 @@ int exportAs(const Arguments& arguments, Filter& filter) {
 int run(int count, char** words) {
   CLI::App app("Reads trace files, also while they are written or after their writer died.");
   app.require_subcommand(1);
+  app.set_version_flag("--version", "skein " SKEIN_VERSION);
   Arguments arguments;
   const auto add = [&](const char* name, const char* help) {
     CLI::App* command = app.add_subcommand(name, help);
