@@ -33,7 +33,7 @@ U8 levelMap[10] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9};
 using Twine::Sinks;
 constexpr Twine::Module module{&handle, levelMap, "Fuzz.cpp"};
 constexpr Twine::Point placed{&module, 1, "f", 5, Sinks::both, "a=%s b=%s c=%s d=%s"};
-constexpr Twine::Point appended{&module, 2, "g", 5, Sinks::both, "appended"};
+constexpr Twine::Point appended{&module, 2, "g", 5, Sinks::both, "appended", 4};
 constexpr Twine::Module commandModule{&commandHandle, levelMap, "Fuzz.cpp"};
 constexpr Twine::Point announced{&commandModule,       3, "announced", 6, Sinks::both,
                                  commandPoints[0].text};

@@ -51,13 +51,13 @@ TEST_F(TracePointTest, WritesItsTextWithArgumentsInTheirPlaces) {
   Twine::trace<Sample::bracketed>(Lumo::String("127.0.0.1:10514"));
   Twine::trace<Sample::appended>(Lumo::Name("q1"));
   Twine::trace<Sample::afterBlank>(Lumo::Name("q1"));
-  Twine::trace<Sample::appended>(1, 2);
+  Twine::trace<Sample::appendedTwo>(1, 2);
   Twine::trace<Sample::plain>();
   Twine::trace<Sample::textSending>("getVersion");
   EXPECT_EQ(recorder.texts(), (std::vector<std::string>{
                                   "Failure: error_code: 14 error_message: 50%s off %s",
                                   "To (127.0.0.1:10514)", "void handle(Name) q1", "Creating for q1",
-                                  "void handle(Name) 1 2", "Entry", "Sending getVersion"}));
+                                  "handle 1 2", "Entry", "Sending getVersion"}));
 }
 
 TEST_F(TracePointTest, BothSinksSayTheSame) {

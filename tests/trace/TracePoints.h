@@ -24,13 +24,15 @@ inline constexpr Twine::Point placed{
 inline constexpr Twine::Point exampleOfTheDocument{
     &module, 102, "processResponse", 0, Sinks::both, "Failure: error_code: %s error_message: %s"};
 inline constexpr Twine::Point bracketed{&module, 125, "connect", 5, Sinks::both, "To (%s)"};
-inline constexpr Twine::Point appended{&module, 75, "handle", 5, Sinks::both, "void handle(Name)"};
-inline constexpr Twine::Point afterBlank{&module, 82, "handle", 5, Sinks::both, "Creating for "};
+inline constexpr Twine::Point appended{&module, 75, "handle", 5, Sinks::both, "void handle(Name)",
+                                       1};
+inline constexpr Twine::Point appendedTwo{&module, 76, "handle", 5, Sinks::both, "handle", 2};
+inline constexpr Twine::Point afterBlank{&module, 82, "handle", 5, Sinks::both, "Creating for ", 1};
 inline constexpr Twine::Point four{&module, 9, "four", 9, Sinks::both, "%s,%s,%s,%s"};
 inline constexpr Twine::Point numbered{&module, 7, "count", 3, Sinks::both, "n=%s"};
 inline constexpr Twine::Point pair{&module, 8, "pair", 3, Sinks::both, "a=%s b=%s"};
 inline constexpr Twine::Point textOnly{&module, 77, "work", 5, Sinks::text, "Nothing to do"};
-inline constexpr Twine::Point textSending{&module, 137, "send", 8, Sinks::text, "Sending "};
+inline constexpr Twine::Point textSending{&module, 137, "send", 8, Sinks::text, "Sending ", 1};
 inline constexpr Twine::Point other{&otherModule, 3, "other", 5, Sinks::both, "other %s"};
 
 // As the agent's kit writes them.

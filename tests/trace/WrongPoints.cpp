@@ -13,7 +13,9 @@ constexpr Twine::Module withoutMap{&handle, nullptr, "Wrong.cpp"};
 
 using Twine::Sinks;
 constexpr Twine::Point two{&module, 1, "two", 5, Sinks::both, "%s and %s"};
-constexpr Twine::Point appended{&module, 2, "appended", 5, Sinks::both, "then"};
+constexpr Twine::Point appended{&module, 2, "appended", 5, Sinks::both, "then", 1};
+constexpr Twine::Point none{&module, 6, "none", 5, Sinks::both, "now"};
+constexpr Twine::Point placedAndAppended{&module, 7, "odd", 5, Sinks::both, "%s then", 1};
 constexpr Twine::Point textOnly{&module, 3, "textOnly", 5, Sinks::text, "%s"};
 constexpr Twine::Point tooDetailed{&module, 4, "tooDetailed", 10, Sinks::text, ""};
 constexpr Twine::Point unmapped{&withoutMap, 5, "unmapped", 5, Sinks::both, ""};
@@ -24,8 +26,8 @@ struct Unprintable {};
 
 void trace() {
   Twine::trace<two>(1, std::string("2"));
-  Twine::trace<appended>();
-  Twine::trace<appended>(1, 2, 3);
+  Twine::trace<appended>(1);
+  Twine::trace<none>();
   Twine::trace<textOnly>('c');
 #if WRONG == 1
   Twine::trace<two>(1);
@@ -44,5 +46,13 @@ void trace() {
   Twine::trace<tooDetailed>();
 #elif WRONG == 8
   Twine::trace<unmapped>();
+#elif WRONG == 9
+  Twine::trace<appended>();
+#elif WRONG == 10
+  Twine::trace<appended>(1, 2);
+#elif WRONG == 11
+  Twine::trace<none>(1);
+#elif WRONG == 12
+  Twine::trace<placedAndAppended>(1, 2);
 #endif
 }

@@ -19,8 +19,8 @@
 //                                        Twine::Sinks::both, "Failure: error_code: %s"};
 //   Twine::trace<failed>(code);
 //
-// Each "%s" of the text is the place of an argument; a text without any is followed by its
-// arguments. Arguments are not formatted until a sink wants them. Any thread.
+// Each "%s" of the text is the place of an argument; a text without any is followed by as many
+// arguments as the row says. Arguments are not formatted until a sink wants them. Any thread.
 //
 // A point raises nothing of its own: where memory runs out or formatting an argument throws, the
 // line or the record is lost and nothing else. Only what a TraceSink throws passes through.
@@ -50,6 +50,7 @@ struct Point {
   U8 level;
   Sinks sinks;
   const char* text;
+  U8 appended = 0;  // arguments that follow a text without places
 };
 
 // Sets a module's map from trace level to the level under which ring records are logged; true.
@@ -217,8 +218,11 @@ template <const Point& point, class... Args>
 template <const Point& point, class... Args>
 inline void trace(const Args&... args) {
   constexpr std::size_t places = Skein::placesIn(point.text);
-  static_assert(places == 0 || places == sizeof...(Args),
-                "the text of the point has a \"%s\" for each argument, or none at all");
+  static_assert(places == 0 || point.appended == 0,
+                "a text with places takes no arguments after it");
+  static_assert(places + point.appended == sizeof...(Args),
+                "the text of the point has a \"%s\" for each argument, or its row says how many "
+                "follow it");
   static_assert(point.level < Lumo::TraceFacility::levelCount, "levels are 0 to 9");
   if constexpr (point.sinks == Sinks::both) {
     static_assert(!point.module->textOnly, "a point with both sinks needs a level map");

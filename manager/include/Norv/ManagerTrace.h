@@ -27,11 +27,12 @@ inline constexpr Twine::Point doFlushPendingQueue{
     5,       Sinks::both, "void Norv::ConnectionsMgr::doFlushPendingQueue()"};
 inline constexpr Twine::Point handleCmdConfigGroup{
     &module, 75,          "handleCmdConfigGroup",
-    5,       Sinks::both, "void Norv::ConnectionsMgr::handleCmdConfigGroup(Lumo::Name)"};
-inline constexpr Twine::Point creatingSm{&module, 82,          "handleCmdConfigGroup",
-                                         5,       Sinks::both, "Creating a CmdConfigGroupSm for "};
+    5,       Sinks::both, "void Norv::ConnectionsMgr::handleCmdConfigGroup(Lumo::Name)",
+    1};
+inline constexpr Twine::Point creatingSm{
+    &module, 82, "handleCmdConfigGroup", 5, Sinks::both, "Creating a CmdConfigGroupSm for ", 1};
 inline constexpr Twine::Point deletingSm{
-    &module, 85, "handleCmdConfigGroup", 5, Sinks::both, "Deleting the CmdConfigGroupSm for "};
+    &module, 85, "handleCmdConfigGroup", 5, Sinks::both, "Deleting the CmdConfigGroupSm for ", 1};
 inline constexpr Twine::Point destroyGrpcClient{
     &module, 92,          "destroyGrpcClient",
     5,       Sinks::both, "void Norv::ConnectionsMgr::destroyGrpcClient()"};
@@ -42,6 +43,7 @@ inline constexpr Twine::Point connecting{&module, 125,         "handleInitialize
                                          5,       Sinks::both, "Connecting to Bessd (%s)"};
 inline constexpr Twine::Point clientStarted{
     &module, 140,         "handleInitialized",
-    5,       Sinks::both, "The grpc client has successfully started. client: "};
+    5,       Sinks::both, "The grpc client has successfully started. client: ",
+    1};
 
 }  // namespace Norv::ManagerTrace
