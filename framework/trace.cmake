@@ -4,6 +4,7 @@ target_sources(lumo PRIVATE
   src/skein/FileLayout.cpp
   src/skein/MsgDesc.cpp
   src/skein/OpenFiles.cpp
+  src/skein/PreviousFile.cpp
   src/skein/Reader.cpp
   src/skein/Record.cpp
   src/skein/RecordClock.cpp

@@ -13,10 +13,11 @@ namespace {
 
 using nlohmann::ordered_json;
 
-Skein::TraceOptions multiThreaded(U64 size) {
+Skein::TraceOptions optionsFor(U64 size) {
   Skein::TraceOptions options;
   options.size = size;
   options.multiThreaded = true;
+  options.keepPrevious = true;
   return options;
 }
 
@@ -34,10 +35,11 @@ ordered_json detailsOf(const CommandReport& command) {
 }
 
 void writeDetails(const std::string& path, const std::optional<CommandReport>& command,
-                  const std::string& reason) {
+                  const std::string& reason, bool last) {
   ordered_json details;
   details["command"] = command ? detailsOf(*command) : ordered_json();
   details["reason"] = reason;
+  if (last) details["note"] = "the last copy of this run: later failures leave none";
   std::ofstream out(path);
   // What is not UTF-8 comes out as the replacement character.
   out << details.dump(-1, ' ', false, ordered_json::error_handler_t::replace) << '\n';
@@ -67,8 +69,8 @@ unsigned highestNumber(const std::filesystem::path& copies) {
 
 }  // namespace
 
-FlightRecorder::FlightRecorder(const std::string& path, U64 size)
-    : path_(path), handle_(path, multiThreaded(size)) {
+FlightRecorder::FlightRecorder(const std::string& path, U64 size, unsigned mostCopies)
+    : handle_(path, optionsFor(size)), mostCopies_(mostCopies) {
   Skein::defaultSkeinHandleIs(&handle_);
 }
 
@@ -79,10 +81,16 @@ void FlightRecorder::freeze(const std::optional<CommandReport>& command,
                             const std::string& reason) {
   try {
     const std::lock_guard guard(freezing_);
-    const std::string copies = path_ + ".failure-";
+    if (copies_ == mostCopies_) return;
+    ++copies_;
+    const bool last = copies_ == mostCopies_;
+    const std::string copies = handle_.traceFile()->path() + ".failure-";
     const std::string copy = copies + std::to_string(highestNumber(copies) + 1);
+    if (last) {
+      std::fprintf(stderr, "flight recorder: %s is the last copy of this run\n", copy.c_str());
+    }
     Skein::snapshot(*handle_.traceFile(), copy);
-    writeDetails(copy + ".json", command, reason);
+    writeDetails(copy + ".json", command, reason, last);
   } catch (const std::exception& error) {
     std::fprintf(stderr, "flight recorder: %s\n", error.what());
   }

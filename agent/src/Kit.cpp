@@ -105,8 +105,8 @@ void Kit::managerIs(const Lumo::Ptr<ConnectionsMgr>& manager) {
   ledger_->workerIs(worker ? worker->get_id() : std::thread::id());
 }
 
-void Kit::flightRecorderIs(const std::string& path, U64 size) {
-  recorder_ = std::make_unique<FlightRecorder>(path, size);
+void Kit::flightRecorderIs(const std::string& path, U64 size, unsigned mostCopies) {
+  recorder_ = std::make_unique<FlightRecorder>(path, size, mostCopies);
 }
 
 void Kit::follow(const Lumo::Name& name) {

@@ -1,3 +1,5 @@
+#include <sys/stat.h>
+
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
@@ -131,9 +133,104 @@ TEST_F(FlightRecorderTest, GoesOnAfterTheCopiesOfAnEarlierRun) {
   EXPECT_EQ(details(10)["reason"], "first");
   EXPECT_EQ(details(11)["reason"], "second");
   EXPECT_EQ(details(12)["reason"], "third");
-  EXPECT_EQ(folder.names().size(), 5u + 1 + 3 * 2);
+  EXPECT_EQ(folder.names().size(), 5u + 2 + 3 * 2);
   std::ifstream kept(folder.file("run.failure-9.json"));
   EXPECT_EQ(std::string(std::istreambuf_iterator<char>(kept), {}), "kept");
+}
+
+TEST_F(FlightRecorderTest, KeepsTheFileOfTheRunBeforeAsPrevious) {
+  for (const char* run : {"first", "second", "third"}) {
+    const FlightRecorder recorder(path);
+    leave(run);
+  }
+  EXPECT_THAT(textsIn(path), testing::ElementsAre(leftAs("third")));
+  EXPECT_THAT(textsIn(path + ".previous"), testing::ElementsAre(leftAs("second")));
+  EXPECT_THAT(folder.names(), testing::ElementsAre("run", "run.previous"));
+}
+
+TEST_F(FlightRecorderTest, LeavesWhatIsNoTraceFileAlone) {
+  const auto refused = [&](const std::string& reason) {
+    try {
+      const FlightRecorder recorder(path);
+      ADD_FAILURE() << reason;
+    } catch (const Lumo::ErrnoException& error) {
+      EXPECT_EQ(error.errnoValue(), EEXIST);
+      EXPECT_EQ(std::string(error.what()).find("cannot make the trace file " + path + ": "), 0u);
+      EXPECT_NE(std::string(error.what()).find(reason), std::string::npos) << error.what();
+    }
+    EXPECT_THAT(folder.names(), testing::ElementsAre("run"));
+  };
+  std::ofstream(path) << "text";
+  refused("no trace file");
+  std::ifstream text(path);
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(text), {}), "text");
+  std::filesystem::remove(path);
+  ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
+  refused("no regular file");
+  EXPECT_TRUE(std::filesystem::is_fifo(path));
+  std::filesystem::remove(path);
+  std::filesystem::create_directory(path);
+  refused("no regular file");
+}
+
+TEST_F(FlightRecorderTest, TakesTheNameOfAnEmptyFile) {
+  std::ofstream(path).close();
+  const FlightRecorder recorder(path);
+  leave("here");
+  EXPECT_THAT(textsIn(path), testing::ElementsAre(leftAs("here")));
+  EXPECT_THAT(folder.names(), testing::ElementsAre("run"));
+}
+
+TEST_F(FlightRecorderTest, FollowsASymbolicLink) {
+  std::filesystem::create_directory(folder.file("there"));
+  std::filesystem::create_symlink("there/trace", path);
+  for (const char* run : {"first", "second"}) {
+    FlightRecorder recorder(path);
+    leave(run);
+    recorder.freeze(std::nullopt, run);
+  }
+  EXPECT_THAT(folder.names(), testing::ElementsAre("run", "there"));
+  EXPECT_TRUE(std::filesystem::is_symlink(path));
+  const std::string trace = folder.file("there/trace");
+  EXPECT_THAT(textsIn(trace), testing::ElementsAre(leftAs("second")));
+  EXPECT_THAT(textsIn(trace + ".previous"), testing::ElementsAre(leftAs("first")));
+  EXPECT_THAT(textsIn(trace + ".failure-2"), testing::ElementsAre(leftAs("second")));
+  std::filesystem::create_symlink("round", folder.file("round"));
+  EXPECT_THROW(FlightRecorder{folder.file("round")}, Lumo::ErrnoException);
+}
+
+TEST_F(FlightRecorderTest, LeavesAFileThatSomebodyWritesAlone) {
+  auto writer = std::make_unique<FlightRecorder>(path);
+  leave("one");
+  try {
+    const FlightRecorder second(path);
+    ADD_FAILURE() << "made";
+  } catch (const Lumo::ErrnoException& error) {
+    EXPECT_EQ(error.errnoValue(), EBUSY);
+    EXPECT_NE(std::string(error.what()).find("process " + std::to_string(::getpid())),
+              std::string::npos)
+        << error.what();
+  }
+  leave("two");
+  EXPECT_THAT(textsIn(path), testing::ElementsAre(leftAs("one"), leftAs("two")));
+  EXPECT_THAT(folder.names(), testing::ElementsAre("run"));
+  writer.reset();
+  EXPECT_NO_THROW(FlightRecorder{path});
+}
+
+TEST_F(FlightRecorderTest, MakesSoManyCopiesAndSaysWhichIsTheLast) {
+  FlightRecorder recorder(path, FlightRecorder::usualSize, 2);
+  testing::internal::CaptureStderr();
+  for (const char* reason : {"first", "second", "third", "fourth"}) {
+    recorder.freeze(failedCommand(), reason);
+  }
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "flight recorder: " + path + ".failure-2 is the last copy of this run\n");
+  EXPECT_THAT(folder.names(), testing::ElementsAre("run", "run.failure-1", "run.failure-1.json",
+                                                   "run.failure-2", "run.failure-2.json"));
+  EXPECT_EQ(details(1).count("note"), 0u);
+  EXPECT_EQ(details(2)["reason"], "second");
+  EXPECT_EQ(details(2)["note"], "the last copy of this run: later failures leave none");
 }
 
 TEST_F(FlightRecorderTest, ASecondOneTakesOverAndTheFirstStillFreezesItsOwn) {

@@ -23,13 +23,17 @@ def run(*words, expect=0):
     return done.stdout
 
 
-def record():
-    run(norvctl, "run", "--standin", "--quiet", "--flight-recorder", trace, example, expect=2)
+def record(*options):
+    run(norvctl, "run", "--standin", "--quiet", *options, "--flight-recorder", trace, example,
+        expect=2)
     return run(skein, "dump", trace).splitlines()
 
 
 def check_dump():
-    lines = record()
+    expect_every_command(record())
+
+
+def expect_every_command(lines):
     for number in range(1, commands + 1):
         assert sum(f": announced seq={number} " in line for line in lines) == 1, number
         assert sum(f": ended seq={number} " in line for line in lines) == 1, number
@@ -38,8 +42,11 @@ def check_dump():
 
 
 def check_json():
+    expect_valid_json(record())
+
+
+def expect_valid_json(lines):
     """The JSON trace format: each event has what its phase asks for, slices follow one another."""
-    lines = record()
     target = os.path.join(folder.name, "run.json")
     run(skein, "export", "--format", "perfetto", trace, target)
     with open(target) as file:
@@ -68,10 +75,24 @@ def check_ctf():
     if not shutil.which("babeltrace2"):
         print("babeltrace2 is not installed")
         sys.exit(77)
-    lines = record()
+    expect_all_in_babeltrace2(record())
+
+
+def expect_all_in_babeltrace2(lines):
     target = os.path.join(folder.name, "ctf")
     run(skein, "export", "--format", "ctf", trace, target)
     assert len(run("babeltrace2", target).splitlines()) == len(lines)
+
+
+def check_demo():
+    """What ./dev demo --flight-recorder FILE runs, read in every way; here nothing may be missing."""
+    words = (norvctl, "run", "--standin", "--trace-first-batch", "--flight-recorder", trace, example)
+    assert run(*words, expect=2).count("ok") >= commands - 1
+    lines = run(skein, "dump", trace).splitlines()
+    expect_every_command(lines)
+    expect_valid_json(lines)
+    assert shutil.which("babeltrace2"), "install babeltrace2, as ./dev test does"
+    expect_all_in_babeltrace2(lines)
 
 
 def check_svg():
@@ -83,13 +104,21 @@ def check_svg():
     assert sum("refused" in title.firstChild.data for title in titles) == 1
 
 
-def check_failure():
-    daemon = subprocess.Popen([scripted_daemon, "ok", "ok", "ok", "status=14"],
+def run_against(answers, *options):
+    """Runs the example against a daemon with these answers; what norvctl said on standard error."""
+    daemon = subprocess.Popen([scripted_daemon, *answers],
                               stdin=subprocess.PIPE, stdout=subprocess.PIPE)
     port = daemon.stdout.readline().decode().split()[1]
-    run(norvctl, "run", "--host", "127.0.0.1", "--port", port, "--timeout", "30", "--quiet",
-        "--flight-recorder", trace, example, expect=3)
+    done = subprocess.run((norvctl, "run", "--host", "127.0.0.1", "--port", port, "--timeout", "30",
+                           "--quiet", *options, "--flight-recorder", trace, example),
+                          capture_output=True, text=True, timeout=60)
     daemon.communicate()
+    assert done.returncode == 3, done
+    return done.stderr
+
+
+def check_failure():
+    run_against(("ok", "ok", "ok", "status=14"))
     with open(trace + ".failure-1.json") as file:
         details = json.load(file)
     command = details["command"]
@@ -99,6 +128,63 @@ def check_failure():
     assert any("Failure to process response: error_code: 14" in line for line in frozen)
     assert any(": ended seq=4 " in line and "outcome=failed" in line for line in frozen)
     assert not os.path.exists(trace + ".failure-2")
+
+
+def check_copies():
+    """A daemon that fails every time does not fill the disk."""
+    said = run_against(["status=14"] * commands, "--on-failure", "continue",
+                       "--flight-recorder-copies", "2", "--flight-recorder-size", "64KiB")
+    copies = sorted(name for name in os.listdir(folder.name) if "failure" in name)
+    assert copies == ["run.skein.failure-1", "run.skein.failure-1.json",
+                      "run.skein.failure-2", "run.skein.failure-2.json"], copies
+    assert said.count("is the last copy of this run") == 1, said
+
+
+def check_previous():
+    record()
+    before = run(skein, "dump", trace)
+    record()
+    assert run(skein, "dump", trace + ".previous") == before
+    assert run(skein, "dump", trace) != before
+
+
+def check_refused():
+    """What is no trace file is left alone, first of all the commands themselves."""
+    words = [norvctl, "run", "--standin", "--flight-recorder"]
+    own = os.path.join(folder.name, "commands.jsonl")
+    shutil.copy(example, own)
+    fifo = os.path.join(folder.name, "fifo")
+    os.mkfifo(fifo)
+    for path in own, fifo, folder.name:
+        done = subprocess.run([*words, path, own], capture_output=True, text=True, timeout=60)
+        assert done.returncode == 1 and done.stdout == "", (path, done)
+        assert done.stderr.startswith(f"norvctl: cannot make the trace file {path}: "), done.stderr
+        assert done.stderr.count("\n") == 1, done.stderr
+    with open(own) as kept, open(example) as file:
+        assert kept.read() == file.read()
+    assert sorted(os.listdir(folder.name)) == ["commands.jsonl", "fifo"]
+
+
+def check_live():
+    """A file that another process writes is left alone, until that process is gone."""
+    words = [norvctl, "run", "--standin", "--flight-recorder", trace]
+    daemon = subprocess.Popen([scripted_daemon, "hold"],
+                              stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+    port = daemon.stdout.readline().decode().split()[1]
+    first = subprocess.Popen([norvctl, "run", "--host", "127.0.0.1", "--port", port,
+                              "--flight-recorder", trace, example],
+                             stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    while not os.path.exists(trace):
+        assert first.poll() is None
+    done = subprocess.run([*words, example], capture_output=True, text=True, timeout=60)
+    assert done.returncode == 1 and f"process {first.pid} " in done.stderr, done
+    assert os.listdir(folder.name) == ["run.skein"]
+    first.kill()
+    first.wait()
+    daemon.kill()
+    daemon.communicate()
+    run(*words, example, expect=2)
+    assert sorted(os.listdir(folder.name)) == ["run.skein", "run.skein.previous"]
 
 
 def check_size():

@@ -108,7 +108,8 @@ Session::Session(const SessionOptions& options, const std::vector<Step>& steps,
       trace_(std::make_unique<Trace>(options)),
       kit_(config_, pending_, status_) {
   if (!options.flightRecorder.empty()) {
-    kit_.flightRecorderIs(options.flightRecorder, options.flightRecorderSize);
+    kit_.flightRecorderIs(options.flightRecorder, options.flightRecorderSize,
+                          options.flightRecorderCopies);
   }
   kit_.failurePolicyIs(options.failurePolicy);
   kit_.failureTextIs([this] { return trace_->lastFailure(); });

@@ -19,7 +19,8 @@ struct SessionOptions {
   std::chrono::nanoseconds timeout{0};  // for the whole session; 0: for ever
   Norv::Agent::FailurePolicy failurePolicy;
   std::string flightRecorder;  // the trace file to keep; empty: none
-  U64 flightRecorderSize = 4 * 1024 * 1024;
+  U64 flightRecorderSize = Norv::Agent::FlightRecorder::usualSize;
+  unsigned flightRecorderCopies = Norv::Agent::FlightRecorder::usualCopies;
   std::string trace;             // as LUMO_TRACE
   bool traceFirstBatch = false;  // shows the manager's trace up to the first wake-up
 };

@@ -164,12 +164,18 @@ void addSessionOptions(CLI::App* command, Arguments& arguments) {
       ->capture_default_str();
   CLI::Option* recorder = command->add_option(
       "--flight-recorder", arguments.session.flightRecorder,
-      "keep the last trace records in this FILE, and freeze them when an RPC fails; "
-      "read it with skein");
+      "keep the last trace records in this FILE, and freeze them when an RPC fails; an older "
+      "trace file becomes FILE.previous, anything else of that name is refused; read it with "
+      "skein");
   command
       ->add_option("--flight-recorder-size", arguments.session.flightRecorderSize,
                    "BYTES of that file, 16KiB to 2GiB; kb, mb and gb count in 1024")
       ->transform(CLI::AsSizeValue(false))
+      ->needs(recorder)
+      ->capture_default_str();
+  command
+      ->add_option("--flight-recorder-copies", arguments.session.flightRecorderCopies,
+                   "freeze the records of so many failures, then no more")
       ->needs(recorder)
       ->capture_default_str();
   command->add_option("--trace", arguments.session.trace,

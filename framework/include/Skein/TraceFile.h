@@ -29,6 +29,8 @@ struct Site {
 struct TraceOptions {
   U64 size = 4 * 1024 * 1024;  // of the whole file, in bytes; at least minimalFileSize
   bool multiThreaded = true;   // false: only one thread writes records
+  // An older trace file is kept as PATH.previous; anything else that is there is left alone.
+  bool keepPrevious = false;
 };
 
 inline constexpr U64 minimalFileSize = 16 * 1024;
@@ -37,11 +39,14 @@ inline constexpr U64 minimalFileSize = 16 * 1024;
 // It is in place from the constructor on, with all of its space reserved, under the name given; a
 // file of that name is replaced, not overwritten, so that whoever still writes or reads the old
 // one goes on undisturbed. A forked child goes on writing into the same file beside its parent.
+// As long as either does, it holds a shared flock(2) on the file.
 // Whoever truncates the file ends the processes that write it: SIGBUS, as with any mapped file.
 class TraceFile {
  public:
   // Throws Lumo::ErrnoException with the path when the file cannot be made, Lumo::RangeException
-  // when the size is below the minimum or beyond 2 GiB.
+  // when the size is below the minimum or beyond 2 GiB. With keepPrevious a symbolic link is
+  // followed, and the ErrnoException has EEXIST where something else than a trace file or an empty
+  // file has the name, EBUSY where somebody writes the trace file that has it.
   TraceFile(const std::string& path, TraceOptions options);
   ~TraceFile();
   TraceFile(const TraceFile&) = delete;
@@ -63,6 +68,7 @@ class TraceFile {
   // files.
   void ringIsIdle(std::shared_ptr<RingBuf> ring);
 
+  // As given, or with keepPrevious what a link of that name leads to.
   const std::string& path() const { return path_; }
   bool multiThreaded() const { return multiThreaded_; }
 

@@ -1,5 +1,6 @@
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -13,6 +14,7 @@
 
 #include "FileLayout.h"
 #include "OpenFiles.h"
+#include "PreviousFile.h"
 
 namespace Skein {
 
@@ -76,17 +78,19 @@ std::string descriptorOf(const Site& site) {
 }  // namespace
 
 TraceFile::TraceFile(const std::string& path, TraceOptions options)
-    : path_(path),
+    : path_(options.keepPrevious ? targetOfLinks(path) : path),
       multiThreaded_(options.multiThreaded),
       serial_(nextSerial()),
       tag_(static_cast<int>((serial_ - 1) % tagCount)) {
   if (options.size < minimalFileSize || options.size > (U64{1} << 31)) {
     Lumo::throwRangeException("trace file " + path + ": its size must be from 16 KiB to 2 GiB");
   }
+  const bool older = options.keepPrevious && isOlderTraceFile(path_);
   const std::string unnamed =
-      path + ".new-" + std::to_string(::getpid()) + "-" + std::to_string(serial_);
+      path_ + ".new-" + std::to_string(::getpid()) + "-" + std::to_string(serial_);
   descriptor_ = ::open(unnamed.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-  if (descriptor_ < 0) fail(path, "check that its folder exists and may be written");
+  if (descriptor_ < 0) fail(path_, "check that its folder exists and may be written");
+  ::flock(descriptor_, LOCK_SH);  // where there are no such locks, nobody asks for them
   void* bytes = MAP_FAILED;
   // Space is reserved now: a full disk must not kill the process at some later record.
   errno = ::posix_fallocate(descriptor_, 0, static_cast<off_t>(options.size));
@@ -98,13 +102,15 @@ TraceFile::TraceFile(const std::string& path, TraceOptions options)
     bytes_ = static_cast<char*>(bytes);
     header() = headerFor(options.size, multiThreaded_);
   }
-  if (bytes == MAP_FAILED || ::rename(unnamed.c_str(), path.c_str()) != 0) {
+  const bool made = bytes != MAP_FAILED && (!older || keepAsPrevious(path_)) &&
+                    ::rename(unnamed.c_str(), path_.c_str()) == 0;
+  if (!made) {
     const int error = errno;
     if (bytes_) ::munmap(bytes_, options.size);
     ::close(descriptor_);
     ::unlink(unnamed.c_str());
     errno = error;
-    fail(path, "check the free space and that no folder has this name");
+    fail(path_, "check the free space and that no folder has this name");
   }
   OpenFiles& open = OpenFiles::instance();
   std::lock_guard guard(open.mutex);

@@ -66,10 +66,11 @@ class Kit {
   void failureTextIs(std::function<std::string()> text) { failureText_ = std::move(text); }
 
   // Keeps the last trace records in a file of `size` bytes and freezes them, with what is known of
-  // the command, whenever the flag rises (see FlightRecorder). The thread that raises it, after a
-  // failure the worker, copies the file. Throws when the file cannot be made. Set before the
-  // manager is made.
-  void flightRecorderIs(const std::string& path, U64 size = 4 * 1024 * 1024);
+  // the command, whenever the flag rises, up to `mostCopies` times (see FlightRecorder). The thread
+  // that raises it, after a failure the worker, copies the file. Throws when the file cannot be
+  // made. Set before the manager is made.
+  void flightRecorderIs(const std::string& path, U64 size = FlightRecorder::usualSize,
+                        unsigned mostCopies = FlightRecorder::usualCopies);
 
   // Wakes the worker again if commands wait, as a single wake-up may have been lost; carries out
   // the failure policy when its time has come. Call it from a clock, every few milliseconds.

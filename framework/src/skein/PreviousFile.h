@@ -1,0 +1,20 @@
+#pragma once
+
+#include <string>
+
+namespace Skein {
+
+// What is there already under the name of a new trace file.
+
+// The path itself, or where the symbolic links of that name lead, there or not. Throws
+// Lumo::ErrnoException when they lead in a circle.
+std::string targetOfLinks(const std::string& path);
+
+// True for a trace file, false where nothing or an empty file is. Throws Lumo::ErrnoException with
+// EEXIST for anything else, EBUSY for a trace file that somebody writes.
+bool isOlderTraceFile(const std::string& path);
+
+// Renames the file to PATH.previous, in place of an older one. False, and errno, if it cannot.
+bool keepAsPrevious(const std::string& path);
+
+}  // namespace Skein
