@@ -139,6 +139,21 @@ TEST_F(SkeinDamage, AnUnknownIdIsReported) {
   }
 }
 
+TEST_F(SkeinDamage, ATimeThatNoSignedNumberHoldsIsReported) {
+  Skein::FileHeader header;
+  std::memcpy(&header, whole.data(), sizeof header);
+  const U64 latest = ~U64{0} / 2 - header.wallNs + header.monotonicNs;
+  for (const auto& [monotonicNs, good] :
+       {std::pair(latest, true), std::pair(latest + 1, false), std::pair(~U64{0} / 2 + 1, false)}) {
+    std::string bytes = whole;
+    std::memcpy(bytes.data() + commitOffset + offsetof(Skein::RecordHeader, monotonicNs),
+                &monotonicNs, sizeof monotonicNs);
+    const Finding finding = findingOf(bytes);
+    EXPECT_EQ(finding.problem == "", good) << monotonicNs;
+    EXPECT_EQ(finding.records.size(), recordCount - (good ? 0U : 1U)) << monotonicNs;
+  }
+}
+
 TEST_F(SkeinDamage, NoByteOfTheFileIsTrusted) {
   std::mt19937 random(7);
   int read = 0;

@@ -16,6 +16,7 @@ namespace Skein {
 namespace {
 constexpr U64 largestFile = U64{1} << 31;
 constexpr U32 mostSites = 65535;
+constexpr U64 latestTime = ~U64{0} >> 1;  // in 2262; no clock is there yet, and signed counts end
 }  // namespace
 
 Reader::Reader(const std::string& path) : path_(path) {
@@ -224,6 +225,7 @@ bool Reader::recordAt(const char* at, Record& record) const {
   record.thread = static_cast<int>(header.thread);
   record.monotonicNs = header.monotonicNs;
   record.timeNs = header_.wallNs + (header.monotonicNs - header_.monotonicNs);
+  if (record.timeNs > latestTime) return false;
   record.raw = std::string_view(at + sizeof header, committedLength(header.commit) - sizeof header);
   return decode(record.site->codes, record.raw, [](const auto&, bool) {});
 }
