@@ -1,6 +1,7 @@
 // The three modules' handles: made at the first trace of their module and no sooner, and once.
 
 #include <gtest/gtest.h>
+#include <support/Environment.h>
 
 #include <atomic>
 #include <cstdio>
@@ -55,7 +56,30 @@ int firstTraces() {
   return once ? 0 : 1;
 }
 
+// Which levels of a module are on.
+template <const Twine::Module& module>
+std::string levelsOn() {
+  std::string levels = " " + module.handle().name().stdString() + ":";
+  for (unsigned level = 0; level < Lumo::TraceFacility::levelCount; ++level) {
+    if (module.handle().enabled(level)) levels += ' ' + std::to_string(level);
+  }
+  return levels;
+}
+
 }  // namespace
+
+TEST(TraceHandles, AreSilentWithoutASetting) {
+  testing::GTEST_FLAG(death_test_style) = "threadsafe";
+  const support::Environment environment("LUMO_TRACE", std::nullopt);
+  EXPECT_EXIT(
+      {
+        const std::string on = levelsOn<TypesTrace::module>() + levelsOn<ClientTrace::module>() +
+                               levelsOn<ManagerTrace::module>() + ";";
+        std::fprintf(stderr, "on:%s\n", on.c_str());
+        std::_Exit(0);
+      },
+      testing::ExitedWithCode(0), "on: GrpcTypes: GrpcClient: NorvConnectionsMgr:;");
+}
 
 TEST(TraceHandles, AreMadeOnceAtTheFirstTraceOfTheirModule) {
   testing::GTEST_FLAG(death_test_style) = "threadsafe";  // a process of its own, started anew

@@ -90,6 +90,18 @@ TEST_F(OutOfMemory, ARecordIsLostAndNothingElse) {
   for (const std::string& text : texts) EXPECT_EQ(text.substr(0, 10), "both 1 xxx");
 }
 
+// Only the first execution describes the point.
+TEST_F(OutOfMemory, TheSecondExecutionOfAPointNeedsNoMemoryForItsRecord) {
+  ringIsOn();
+  Twine::trace<freshBoth>(1, longText);
+  refused = false;
+  allowed = 0;
+  Twine::trace<freshBoth>(2, longText);
+  allowed = -1;
+  EXPECT_FALSE(refused);
+  EXPECT_EQ(textsIn(path), (std::vector<std::string>{"both 1 " + longText, "both 2 " + longText}));
+}
+
 TEST_F(OutOfMemory, ALineIsLostAndNothingElse) {
   textIsOn();
   // Needs no memory itself: what a sink throws passes through.

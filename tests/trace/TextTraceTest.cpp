@@ -179,6 +179,21 @@ TEST_F(TraceHelperTest, IsDestroyedWhenFormattingThrows) {
   EXPECT_EQ(recorder.texts(), std::vector<std::string>{"Sending 1"});
 }
 
+// Streams of which none came back would be others each time.
+TEST_F(TraceHelperTest, TheNextHelperIsLentTheStreamOfOneThatWasThrownThrough) {
+  Lumo::traceSettingIs("Sample/*");
+  std::vector<std::ostream*> lent;
+  const auto formatAndThrow = [&] {
+    alignas(void*) std::byte storage[Lumo::TraceHelper::storageSize];
+    auto* helper = Lumo::TraceHelper::createIfEnabled(Sample::handle(), 5, storage);
+    Lumo::EnsureTraceHelperIsDestroyed ensure(helper);
+    lent.push_back(&helper->stringstream());
+    throw std::runtime_error("no text for you");
+  };
+  for (int i = 0; i < 3; ++i) EXPECT_THROW(formatAndThrow(), std::runtime_error);
+  EXPECT_EQ(lent, std::vector<std::ostream*>(3, lent[0]));
+}
+
 TEST_F(TraceHelperTest, FormattingThatThrowsCostsTheLineAndNothingElse) {
   Lumo::traceSettingIs("Sample/*");
   for (int i = 0; i < 20; ++i) EXPECT_NO_THROW(Twine::trace<Sample::textSending>(Throwing()));
