@@ -12,6 +12,11 @@ Lumo::TraceHandle& AgentTrace::_defaultTraceHandle() {
 
 constinit U8 AgentTrace::levelMap[10] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9};
 
+bool AgentTrace::_mapTwineToSkein(U8 l0, U8 l1, U8 l2, U8 l3, U8 l4, U8 l5, U8 l6, U8 l7, U8 l8,
+                                  U8 l9) {
+  return Twine::levelMapIs(levelMap, {l0, l1, l2, l3, l4, l5, l6, l7, l8, l9});
+}
+
 }  // namespace Norv
 
 namespace Norv::Agent {

@@ -6,6 +6,7 @@
 
 #include <vector>
 
+#include <Norv/Agent/AgentTrace.h>
 #include <Norv/Agent/Ledger.h>
 
 namespace {
@@ -269,6 +270,13 @@ TEST_F(Ledger, TracesTheLifeOfACommand) {
   EXPECT_THAT(recorder.texts("NorvAgent"),
               ElementsAre("announced seq=1 type=getVersion queue=main depth=1",
                           "ended seq=1 type=getVersion queue=main outcome=ok depth=0"));
+}
+
+TEST(LedgerTracePoints, MapTheirLevels) {
+  EXPECT_TRUE(Norv::AgentTrace::_mapTwineToSkein(9, 8, 7, 6, 5, 4, 3, 2, 1, 0));
+  for (U8 i = 0; i < 10; ++i) EXPECT_EQ(Norv::AgentTrace::levelMap[i], 9 - i);
+  EXPECT_TRUE(Norv::AgentTrace::_mapTwineToSkein(0, 1, 2, 3, 4, 5, 6, 7, 8, 9));
+  for (U8 i = 0; i < 10; ++i) EXPECT_EQ(Norv::AgentTrace::levelMap[i], i);
 }
 
 }  // namespace
