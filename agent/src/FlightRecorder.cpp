@@ -1,3 +1,5 @@
+#include <unistd.h>
+
 #include <algorithm>
 #include <charconv>
 #include <cstdio>
@@ -5,13 +7,18 @@
 #include <fstream>
 #include <nlohmann/json.hpp>
 
+#include <Norv/Agent/AgentTrace.h>
 #include <Norv/Agent/FlightRecorder.h>
+#include <Norv/ClientTrace.h>
+#include <Skein/Reader.h>
 
 namespace Norv::Agent {
 
 namespace {
 
 using nlohmann::ordered_json;
+
+const char* const noFailureTraced = "the error flag rose while the command was under way";
 
 Skein::TraceOptions optionsFor(U64 size) {
   Skein::TraceOptions options;
@@ -34,12 +41,49 @@ ordered_json detailsOf(const CommandReport& command) {
           {"service_us", microseconds(command.ended - command.started)}};
 }
 
-void writeDetails(const std::string& path, const std::optional<CommandReport>& command,
-                  const std::string& reason, bool last) {
-  ordered_json details;
-  details["command"] = command ? detailsOf(*command) : ordered_json();
-  details["reason"] = reason;
-  if (last) details["note"] = "the last copy of this run: later failures leave none";
+// What the client traced of an RPC that failed.
+struct RpcFailure {
+  int code = 0;
+  std::string text;
+};
+
+bool isOf(const Skein::Record& record, const Twine::Point& point) {
+  return record.site->line == point.line && record.site->file == point.module->file &&
+         record.site->text == point.text;
+}
+
+// That of the command, in the copy: this thread's last one, unless an older command ended since.
+std::optional<RpcFailure> rpcFailureIn(const std::string& copy, const CommandReport& command) {
+  std::optional<RpcFailure> failure;
+  const int thread = ::gettid();
+  Skein::Reader reader(copy);
+  reader.read([&](const Skein::Record& record) {
+    if (record.thread != thread) return;
+    if (isOf(record, ClientTrace::failedResponse) || isOf(record, ClientTrace::failedSend)) {
+      failure.emplace();
+      failure->code = std::get<int>(record.arguments().at(0));
+      record.appendText(failure->text);
+    } else if (isOf(record, AgentTrace::ended) &&
+               std::get<unsigned long long>(record.arguments().at(0)) < command.seq) {
+      failure.reset();
+    }
+  });
+  return failure;
+}
+
+// As in 2026-01-31T12:00:00.123456Z.
+std::string timeOfDay() {
+  timespec now;
+  ::clock_gettime(CLOCK_REALTIME, &now);
+  std::tm parts;
+  char text[64];
+  std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", ::gmtime_r(&now.tv_sec, &parts));
+  char fraction[32];
+  std::snprintf(fraction, sizeof fraction, ".%06ldZ", now.tv_nsec / 1000);
+  return std::string(text) + fraction;
+}
+
+void writeDetails(const std::string& path, const ordered_json& details) {
   std::ofstream out(path);
   // What is not UTF-8 comes out as the replacement character.
   out << details.dump(-1, ' ', false, ordered_json::error_handler_t::replace) << '\n';
@@ -90,7 +134,15 @@ void FlightRecorder::freeze(const std::optional<CommandReport>& command,
       std::fprintf(stderr, "flight recorder: %s is the last copy of this run\n", copy.c_str());
     }
     Skein::snapshot(*handle_.traceFile(), copy);
-    writeDetails(copy + ".json", command, reason, last);
+    std::optional<RpcFailure> failure;
+    if (command) failure = rpcFailureIn(copy, *command);
+    ordered_json details;
+    details["time"] = timeOfDay();
+    details["command"] = command ? detailsOf(*command) : ordered_json();
+    details["reason"] = !reason.empty() ? reason : failure ? failure->text : noFailureTraced;
+    if (failure) details["grpc_code"] = failure->code;
+    if (last) details["note"] = "the last copy of this run: later failures leave none";
+    writeDetails(copy + ".json", details);
   } catch (const std::exception& error) {
     std::fprintf(stderr, "flight recorder: %s\n", error.what());
   }

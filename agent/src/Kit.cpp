@@ -151,8 +151,8 @@ void Kit::onFlag() {
   }
   const Time now = ledger_->now();
   const bool commandFailed = static_cast<bool>(underWay());
-  const std::string text = failureText_();
-  ledger_->flagRose(!commandFailed, text);
+  const std::string text = failureText_ ? failureText_() : std::string();
+  ledger_->flagRose(!commandFailed, failureText_ ? text : "the RPC failed");
   if (recorder_) {
     if (commandFailed) {
       recorder_->freeze(ledger_->lastFailure(), text);

@@ -3,8 +3,11 @@
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
+#include <thread>
 
+#include <Norv/Agent/AgentTrace.h>
 #include <Norv/Agent/FlightRecorder.h>
+#include <Norv/ClientTrace.h>
 #include <Norv/ManagerTrace.h>
 #include <Skein/Reader.h>
 
@@ -74,10 +77,17 @@ std::string leftAs(const std::string& text) {
   return "Connecting to Bessd (" + text + ")";
 }
 
+// Without its time.
+json detailsIn(const std::string& path) {
+  std::ifstream in(path);
+  json details = json::parse(in, nullptr, false);
+  if (details.is_object()) details.erase("time");
+  return details;
+}
+
 struct FlightRecorderTest : testing::Test {
-  json details(int number, const std::string& of = "run") const {
-    std::ifstream in(folder.file(of + ".failure-" + std::to_string(number) + ".json"));
-    return json::parse(in, nullptr, false);
+  json details(int number) const {
+    return detailsIn(path + ".failure-" + std::to_string(number) + ".json");
   }
 
   TemporaryFolder folder;
@@ -99,6 +109,62 @@ TEST_F(FlightRecorderTest, FreezesTheRecordsAndWhatIsKnownOfTheCommand) {
                                 {"waited_us", 0.0},
                                 {"service_us", 2000.0}}},
                               {"reason", "error_code: 14"}}));
+}
+
+TEST_F(FlightRecorderTest, SaysWhenTheCommandFailed) {
+  FlightRecorder recorder(path);
+  const auto seconds = [](const std::string& text) {
+    std::tm parts{};
+    const char* rest = ::strptime(text.c_str(), "%Y-%m-%dT%H:%M:%S", &parts);
+    EXPECT_THAT(rest ? rest : "", testing::MatchesRegex("\\.[0-9]{6}Z")) << text;
+    return ::timegm(&parts);
+  };
+  const std::time_t before = std::time(nullptr);
+  recorder.freeze(failedCommand(), "");
+  const std::time_t after = std::time(nullptr);
+  std::ifstream in(path + ".failure-1.json");
+  const std::time_t said = seconds(json::parse(in)["time"]);
+  EXPECT_GE(said, before - 1);  // time() may be behind the clock
+  EXPECT_LE(said, after + 1);
+}
+
+TEST_F(FlightRecorderTest, TakesTheCodeOfTheRpcAndAMissingReasonFromTheTrace) {
+  FlightRecorder recorder(path);
+  Twine::trace<Norv::ClientTrace::failedResponse>(14, std::string("gone"));
+  recorder.freeze(failedCommand(), "");
+  EXPECT_EQ(details(1)["grpc_code"], 14);
+  EXPECT_EQ(details(1)["reason"],
+            "Failure to process response: error_code: 14 error_message: gone");
+  Twine::trace<Norv::ClientTrace::failedSend>(4, std::string("late"));
+  recorder.freeze(failedCommand(), "as the agent says");
+  EXPECT_EQ(details(2)["grpc_code"], 4);
+  EXPECT_EQ(details(2)["reason"], "as the agent says");
+  recorder.freeze(std::nullopt, "no command's");
+  EXPECT_EQ(details(3).count("grpc_code"), 0u);
+}
+
+TEST_F(FlightRecorderTest, TheFailureOfAnotherThreadOrAnOlderCommandIsNotTheCommands) {
+  FlightRecorder recorder(path);
+  const auto fail = [] {
+    Twine::trace<Norv::ClientTrace::failedResponse>(14, std::string("gone"));
+  };
+  const auto end = [](U64 seq) {
+    const Lumo::String text("x");
+    Twine::trace<Norv::AgentTrace::ended>(seq, text, text, text, U64{0});
+  };
+  std::thread(fail).join();
+  recorder.freeze(failedCommand(), "");
+  fail();
+  end(3);
+  recorder.freeze(failedCommand(), "");
+  fail();
+  end(4);
+  recorder.freeze(failedCommand(), "");
+  for (const int number : {1, 2}) {
+    EXPECT_EQ(details(number).count("grpc_code"), 0u);
+    EXPECT_EQ(details(number)["reason"], "the error flag rose while the command was under way");
+  }
+  EXPECT_EQ(details(3)["grpc_code"], 14);
 }
 
 TEST_F(FlightRecorderTest, SaysNullWhereNoCommandFailed) {
@@ -258,10 +324,7 @@ TEST_F(FlightRecorderTest, ACopyThatCannotBeWrittenIsReportedAndNoMore) {
 }
 
 struct KitRecorder : KitFixture {
-  json details() const {
-    std::ifstream in(folder.file("run.failure-1.json"));
-    return json::parse(in, nullptr, false);
-  }
+  json details() const { return detailsIn(folder.file("run.failure-1.json")); }
 
   TemporaryFolder folder;
 };
@@ -277,6 +340,18 @@ TEST_F(KitRecorder, FreezesTheCommandThatFailed) {
   EXPECT_EQ(details()["command"]["type"], "getVersion");
   EXPECT_EQ(details()["command"]["outcome"], "failed");
   EXPECT_EQ(details()["reason"], "as the daemon said");
+}
+
+TEST_F(KitRecorder, FindsTheReasonItselfWhereTheAgentHasNone) {
+  kit.flightRecorderIs(folder.file("run"));
+  answerNth(0, {14, "gone", ""});
+  connect();
+  enqueue();
+  announce();
+  ASSERT_TRUE(ticking([&] { return kit.stopped(); }));
+  EXPECT_EQ(details()["reason"], "Failure to process response: error_code: 14 error_message: gone");
+  EXPECT_EQ(details()["grpc_code"], 14);
+  EXPECT_EQ(kit.ledger()->lastFailure()->errorText, "the RPC failed");
 }
 
 TEST_F(KitRecorder, AFlagThatTheAgentRaisesItselfIsNoCommands) {

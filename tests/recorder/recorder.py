@@ -123,6 +123,7 @@ def check_failure():
         details = json.load(file)
     command = details["command"]
     assert command["seq"] == 4 and command["outcome"] == "failed", details
+    assert details["grpc_code"] == 14 and details["time"].endswith("Z"), details
     assert "error_code: 14" in details["reason"] and command["type"] == "listDrivers", details
     frozen = run(skein, "dump", trace + ".failure-1").splitlines()
     assert any("Failure to process response: error_code: 14" in line for line in frozen)

@@ -35,7 +35,8 @@ class FlightRecorder {
   FlightRecorder& operator=(const FlightRecorder&) = delete;
 
   // Writes the two files before it returns: the calling thread copies the whole trace file. The
-  // `command` that failed is none when what happened is no command's; `reason` says what did.
+  // `command` that failed is none when what happened is no command's; `reason` says what did, or is
+  // empty for what the client traced on this thread when the command's RPC failed.
   // Reports on standard error if it cannot, and, once, when there are enough; raises nothing.
   void freeze(const std::optional<CommandReport>& command, const std::string& reason);
 

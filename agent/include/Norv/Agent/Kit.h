@@ -62,7 +62,8 @@ class Kit {
   void managerIs(const Lumo::Ptr<ConnectionsMgr>& manager);
   void failurePolicyIs(const FailurePolicy& policy) { policy_ = policy; }
   // Asked on the worker when the flag rises, for the text that goes into the failed command's
-  // report: the library itself tells it to its trace only. Set before the manager is made.
+  // report: the library itself tells it to its trace only. Without it a flight recorder finds the
+  // text in the trace. Set before the manager is made.
   void failureTextIs(std::function<std::string()> text) { failureText_ = std::move(text); }
 
   // Keeps the last trace records in a file of `size` bytes and freezes them, with what is known of
@@ -114,7 +115,7 @@ class Kit {
   std::unique_ptr<FlightRecorder> recorder_;
   Lumo::Ptr<ConnectionsMgr> manager_;
   FailurePolicy policy_;
-  std::function<std::string()> failureText_ = [] { return std::string("the RPC failed"); };
+  std::function<std::string()> failureText_;
   std::map<Lumo::Name, Lumo::Ptr<QueueWatcher>> queues_;
   Lumo::Ptr<ConfigWatcher> configWatcher_;
   Lumo::Ptr<StatusWatcher> statusWatcher_;
