@@ -121,8 +121,8 @@ FlightRecorder::FlightRecorder(const std::string& path, U64 size, unsigned mostC
 // The handle stops being the process's default by itself, if it still is.
 FlightRecorder::~FlightRecorder() = default;
 
-void FlightRecorder::freeze(const std::optional<CommandReport>& command,
-                            const std::string& reason) {
+void FlightRecorder::freeze(const std::optional<CommandReport>& command, const std::string& reason,
+                            const std::string& request) {
   try {
     const std::lock_guard guard(freezing_);
     if (copies_ == mostCopies_) return;
@@ -139,6 +139,10 @@ void FlightRecorder::freeze(const std::optional<CommandReport>& command,
     ordered_json details;
     details["time"] = timeOfDay();
     details["command"] = command ? detailsOf(*command) : ordered_json();
+    if (!request.empty()) {
+      const ordered_json parsed = ordered_json::parse(request, nullptr, false);
+      details["command"]["request"] = parsed.is_discarded() ? ordered_json(request) : parsed;
+    }
     details["reason"] = !reason.empty() ? reason : failure ? failure->text : noFailureTraced;
     if (failure) details["grpc_code"] = failure->code;
     if (last) details["note"] = "the last copy of this run: later failures leave none";

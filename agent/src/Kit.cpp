@@ -17,6 +17,9 @@ const TrackedEntry* tracked(const Lumo::Ptr<GrpcCmd>& cmd) {
 // Somebody set the flag, or a command failed that is not tracked.
 const char* const nothingUnderWay = "the error flag rose while no tracked command was under way";
 
+// In bytes of the message; in a failure's details.
+constexpr std::size_t largestRequestShown = 64 * 1024;
+
 }  // namespace
 
 const char* workerName(Status::Worker worker) {
@@ -152,10 +155,12 @@ void Kit::onFlag() {
   const Time now = ledger_->now();
   const bool commandFailed = static_cast<bool>(underWay());
   const std::string text = failureText_ ? failureText_() : std::string();
+  std::string request;
+  if (recorder_ && commandFailed) request = ledger_->oldestOpenRequest(largestRequestShown);
   ledger_->flagRose(!commandFailed, failureText_ ? text : "the RPC failed");
   if (recorder_) {
     if (commandFailed) {
-      recorder_->freeze(ledger_->lastFailure(), text);
+      recorder_->freeze(ledger_->lastFailure(), text, request);
     } else {
       recorder_->freeze(std::nullopt, nothingUnderWay);
     }

@@ -2,6 +2,7 @@
 
 #include <Norv/Agent/AgentTrace.h>
 #include <Norv/Agent/Ledger.h>
+#include <Norv/Agent/Tracked.h>
 
 namespace Norv {
 
@@ -27,12 +28,13 @@ const char* const neverAnnounced = "let go before it was announced";
 
 }  // namespace
 
-U64 Ledger::created(GrpcRequestType type) {
+U64 Ledger::created(GrpcRequestType type, const TrackedEntry* entry) {
   Lumo::LockAnchor anchor(&lock_);
   const U64 id = ++lastId_;
   CommandReport& report = waiting_[id];
   report.id = id;
   report.type = type;
+  if (entry) entryOf_[id] = entry;
   return id;
 }
 
@@ -169,7 +171,17 @@ std::optional<CommandReport> Ledger::lastFailure() const {
   return lastFailure_;
 }
 
+// Under the lock the command stays: it comes here to be answered or released first.
+std::string Ledger::oldestOpenRequest(std::size_t mostBytes) const {
+  Lumo::LockAnchor anchor(&lock_);
+  if (open_.empty()) return {};
+  const auto entry = entryOf_.find(open_.begin()->second.id);
+  return entry == entryOf_.end() ? std::string()
+                                 : jsonOf(entry->second->trackedRequest(), mostBytes);
+}
+
 void Ledger::end(CommandReport report, Outcome outcome, Time at, Reports& ended) {
+  entryOf_.erase(report.id);
   report.outcome = outcome;
   report.ended = at;
   report.started = std::max(report.announced, lastEnd_);

@@ -1,5 +1,6 @@
 #include <google/protobuf/descriptor.h>
 #include <google/protobuf/message.h>
+#include <google/protobuf/util/json_util.h>
 
 #include <Norv/Agent/Tracked.h>
 #include <bess/pb/common.pb.h>
@@ -16,6 +17,17 @@ ResponseError responseError(const google::protobuf::Message& response) {
   const auto& error =
       static_cast<const bess::pb::Error&>(response.GetReflection()->GetMessage(response, field));
   return {error.code(), error.errmsg()};
+}
+
+std::string jsonOf(const google::protobuf::Message* message, std::size_t mostBytes) {
+  if (!message) return "the command has none any more";
+  const std::size_t bytes = message->ByteSizeLong();
+  if (bytes > mostBytes) return "too large to be shown: " + std::to_string(bytes) + " bytes";
+  google::protobuf::util::JsonPrintOptions options;
+  options.preserve_proto_field_names = true;
+  std::string json;
+  const auto status = google::protobuf::util::MessageToJsonString(*message, &json, options);
+  return status.ok() ? json : "not to be shown as JSON: " + status.ToString();
 }
 
 }  // namespace Norv::Agent

@@ -10,6 +10,7 @@
 #include <Norv/ClientTrace.h>
 #include <Norv/ManagerTrace.h>
 #include <Skein/Reader.h>
+#include <bess/pb/port.pb.h>
 
 #include "KitFixture.h"
 
@@ -340,6 +341,32 @@ TEST_F(KitRecorder, FreezesTheCommandThatFailed) {
   EXPECT_EQ(details()["command"]["type"], "getVersion");
   EXPECT_EQ(details()["command"]["outcome"], "failed");
   EXPECT_EQ(details()["reason"], "as the daemon said");
+}
+
+TEST_F(KitRecorder, ShowsTheRequestOfTheCommandUnlessItIsTooLarge) {
+  kit.flightRecorderIs(folder.file("run"));
+  const auto requestOf = [&](std::size_t nameLength) {
+    auto* request = new bess::pb::CreatePortRequest;
+    request->set_name(std::string(nameLength, 'p'));
+    Lumo::ActivityLockAnchor activity;
+    agent.queue("main")->cmdBatchEnq(Lumo::allocate<TrackedCmd>(
+        kit.ledger(), agent.log, agent.made++, request, Norv::createPort));
+    agent.announce("main");
+  };
+  connect();
+  answerNth(0, {14, "gone", ""});
+  requestOf(3);
+  ASSERT_TRUE(ticking([&] { return kit.stopped(); }));
+  EXPECT_EQ(details()["command"]["request"], json({{"name", "ppp"}}));
+  answerNth(0, {14, "gone", ""});
+  {
+    Lumo::ActivityLockAnchor activity;
+    kit.clearAndGoOn();
+  }
+  requestOf(70000);
+  ASSERT_TRUE(ticking([&] { return kit.stopped(); }));
+  EXPECT_EQ(detailsIn(folder.file("run.failure-2.json"))["command"]["request"],
+            "too large to be shown: 70004 bytes");
 }
 
 TEST_F(KitRecorder, FindsTheReasonItselfWhereTheAgentHasNone) {

@@ -21,6 +21,8 @@ using Time = std::chrono::steady_clock::time_point;
 // The time, injected so that tests need not wait. Called from any thread.
 using TimeSource = std::function<Time()>;
 
+class TrackedEntry;
+
 // What is known of one command.
 struct CommandReport {
   U64 id = 0;   // in the order of creation, from 1
@@ -54,7 +56,8 @@ class Ledger {
   void listenerIs(Listener listener) { listener_ = std::move(listener); }
 
   // The events of a command's life, reported by Tracked and Kit.
-  U64 created(GrpcRequestType type);
+  // `entry` is asked for the request; it stays until its command is answered or released.
+  U64 created(GrpcRequestType type, const TrackedEntry* entry = nullptr);
   void announced(U64 id, const Lumo::Name& queue);
   void answered(U64 id, Time at, int errorCode, const std::string& errorText);
   void released(U64 id);  // without an answer
@@ -81,6 +84,9 @@ class Ledger {
   // The announced command that is under way or next.
   std::optional<CommandReport> oldestOpen() const;
   std::optional<CommandReport> lastFailure() const;
+  // Its request as JSON, or a text that says why there is none; empty if no command is open. A
+  // request above `mostBytes` is not written out.
+  std::string oldestOpenRequest(std::size_t mostBytes) const;
   Time now() const { return now_(); }
 
  private:
@@ -104,6 +110,8 @@ class Ledger {
   std::unordered_map<U64, CommandReport> waiting_ LUMO_GUARDED_BY(lock_);  // by id, not announced
   std::map<U64, CommandReport> open_ LUMO_GUARDED_BY(lock_);               // by seq, announced
   std::unordered_map<U64, U64> seqOf_ LUMO_GUARDED_BY(lock_);              // id to seq, while open
+  std::unordered_map<U64, const TrackedEntry*> entryOf_
+      LUMO_GUARDED_BY(lock_);  // by id, until ended
   U64 openMaximum_ LUMO_GUARDED_BY(lock_) = 0;
   std::map<Lumo::Name, U64> openOf_ LUMO_GUARDED_BY(lock_);  // by queue
   bool stopped_ LUMO_GUARDED_BY(lock_) = false;

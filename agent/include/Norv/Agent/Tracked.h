@@ -18,14 +18,19 @@ struct ResponseError {
 };
 ResponseError responseError(const google::protobuf::Message& response);
 
-// How the kit finds the ledger's entry of a command it sees in a queue.
+// A message as one line of JSON, or a text that says why not: it has more than `mostBytes`, or
+// there is none.
+std::string jsonOf(const google::protobuf::Message* message, std::size_t mostBytes);
+
+// How the kit finds the ledger's entry of a command it sees in a queue, and the ledger the command.
 class TrackedEntry {
  public:
   U64 id() const { return id_; }
+  virtual const google::protobuf::Message* trackedRequest() const = 0;
 
  protected:
   TrackedEntry(std::shared_ptr<Ledger> ledger, GrpcRequestType type)
-      : ledger_(std::move(ledger)), id_(ledger_->created(type)) {}
+      : ledger_(std::move(ledger)), id_(ledger_->created(type, this)) {}
   virtual ~TrackedEntry() = default;
 
   const std::shared_ptr<Ledger> ledger_;
@@ -53,6 +58,9 @@ class Tracked : public Cmd, public TrackedEntry {
     Cmd::processResponse(response);
     answered_ = true;
     ledger_->answered(id_, at, error.code, error.text);
+  }
+  const google::protobuf::Message* trackedRequest() const override {
+    return this->GrpcCmd::request();
   }
 
  private:
