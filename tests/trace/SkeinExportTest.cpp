@@ -187,6 +187,8 @@ TEST_F(SkeinExport, ATargetThatIsNoFileIsWrittenAsItIs) {
     EXPECT_EQ(exportTo(format, folder.file("")).status, 1) << "a folder";
   }
   EXPECT_TRUE(std::filesystem::is_character_file("/dev/null"));
+  // The file that is open, not one that takes its name.
+  EXPECT_TRUE(json::parse(exportTo("perfetto", "/dev/stdout").out).contains("traceEvents"));
   std::vector<std::string> left;
   for (const auto& entry : std::filesystem::directory_iterator(folder.file(""))) {
     left.push_back(entry.path().filename());

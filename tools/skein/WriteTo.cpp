@@ -35,8 +35,10 @@ int toFile(const std::string& path, const Write& write) {
 
 int toRegularFile(const std::string& path, const Write& write) {
   std::error_code ignored;
+  std::error_code lost;
   const bool there = fs::exists(path, ignored);
-  const std::string target = there ? fs::canonical(path).string() : path;
+  const std::string target = there ? fs::canonical(path, lost).string() : path;
+  if (lost) return lost.value();
   const std::string unnamed = target + ".new-" + std::to_string(::getpid());
   int error = toFile(unnamed, write);
   if (error == 0 && there) fs::permissions(unnamed, fs::status(target).permissions(), ignored);
@@ -45,14 +47,19 @@ int toRegularFile(const std::string& path, const Write& write) {
   return error;
 }
 
+// A descriptor of a process goes by these names too, whatever it is open on.
+bool isFile(const std::string& path) {
+  if (path.starts_with("/dev/") || path.starts_with("/proc/")) return false;
+  std::error_code ignored;
+  const fs::file_status status = fs::status(path, ignored);
+  return fs::is_regular_file(status) || !fs::exists(status);
+}
+
 }  // namespace
 
 int writeTo(const std::string& path, const Write& write) {
   if (path == "-") return toStandardOutput(write);
-  std::error_code ignored;
-  const fs::file_status status = fs::status(path, ignored);
-  const bool regular = fs::is_regular_file(status) || !fs::exists(status);
-  const int error = regular ? toRegularFile(path, write) : toFile(path, write);
+  const int error = isFile(path) ? toRegularFile(path, write) : toFile(path, write);
   if (error == 0) return 0;
   std::fprintf(stderr, "skein: cannot write %s: %s\n", path.c_str(), std::strerror(error));
   return 1;
