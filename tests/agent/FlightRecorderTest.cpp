@@ -240,6 +240,15 @@ TEST_F(FlightRecorderTest, LeavesWhatIsNoTraceFileAlone) {
   refused("no regular file");
 }
 
+TEST_F(FlightRecorderTest, LeavesAPreviousFileThatIsNoTraceFileAlone) {
+  std::ofstream(path + ".previous") << "text";
+  { const FlightRecorder nothingToKeep(path); }
+  EXPECT_THROW(FlightRecorder{path}, Lumo::ErrnoException);
+  std::ifstream text(path + ".previous");
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(text), {}), "text");
+  EXPECT_THAT(folder.names(), testing::ElementsAre("run", "run.previous"));
+}
+
 TEST_F(FlightRecorderTest, TakesTheNameOfAnEmptyFile) {
   std::ofstream(path).close();
   const FlightRecorder recorder(path);

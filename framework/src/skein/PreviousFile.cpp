@@ -35,20 +35,12 @@ struct OpenFile {
   const int descriptor;
 };
 
-}  // namespace
-
-std::string targetOfLinks(const std::string& path) {
-  constexpr int mostLinks = 40;
-  std::filesystem::path target = path;
-  std::error_code error;
-  for (int links = 0; std::filesystem::is_symlink(target, error); ++links) {
-    if (links == mostLinks) refuse(path, std::strerror(ELOOP), ELOOP);
-    target = target.parent_path() / std::filesystem::read_symlink(target);
-  }
-  return target;
+std::string previousOf(const std::string& path) {
+  return path + ".previous";
 }
 
-bool isOlderTraceFile(const std::string& path) {
+// As isOlderTraceFile, of one file.
+bool isTraceFile(const std::string& path) {
   struct stat status;
   if (::lstat(path.c_str(), &status) != 0) return false;  // or whoever makes the file finds out
   if (!S_ISREG(status.st_mode)) {
@@ -78,8 +70,27 @@ bool isOlderTraceFile(const std::string& path) {
   return true;
 }
 
+}  // namespace
+
+std::string targetOfLinks(const std::string& path) {
+  constexpr int mostLinks = 40;
+  std::filesystem::path target = path;
+  std::error_code error;
+  for (int links = 0; std::filesystem::is_symlink(target, error); ++links) {
+    if (links == mostLinks) refuse(path, std::strerror(ELOOP), ELOOP);
+    target = target.parent_path() / std::filesystem::read_symlink(target);
+  }
+  return target;
+}
+
+bool isOlderTraceFile(const std::string& path) {
+  if (!isTraceFile(path)) return false;
+  isTraceFile(previousOf(path));  // throws where it must stay
+  return true;
+}
+
 bool keepAsPrevious(const std::string& path) {
-  return ::rename(path.c_str(), (path + ".previous").c_str()) == 0;
+  return ::rename(path.c_str(), previousOf(path).c_str()) == 0;
 }
 
 }  // namespace Skein

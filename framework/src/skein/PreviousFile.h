@@ -11,7 +11,8 @@ namespace Skein {
 std::string targetOfLinks(const std::string& path);
 
 // True for a trace file, false where nothing or an empty file is. Throws Lumo::ErrnoException with
-// EEXIST for anything else, EBUSY for a trace file that somebody writes.
+// EEXIST for anything else, EBUSY for a trace file that somebody writes; likewise where
+// PATH.previous, which a trace file would replace, is such a thing.
 bool isOlderTraceFile(const std::string& path);
 
 // Renames the file to PATH.previous, in place of an older one. False, and errno, if it cannot.
