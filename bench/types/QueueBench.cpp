@@ -55,6 +55,32 @@ void DequeAppendAndTake(benchmark::State& state) {
 }
 BENCHMARK(DequeAppendAndTake)->Arg(10)->Arg(10000)->Arg(10000000);
 
+// So many appended, then all of them taken, as the manager moves a batch.
+void QueueBatch(benchmark::State& state) {
+  const auto queue = CmdGroup::CmdGroupIs();
+  const Lumo::Ptr<GrpcCmd> cmd = command();
+  for (auto _ : state) {
+    for (int64_t i = 0; i < state.range(0); ++i) queue->cmdBatchEnq(cmd);
+    for (int64_t i = 0; i < state.range(0); ++i) benchmark::DoNotOptimize(queue->cmdBatchDeq());
+  }
+  state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+BENCHMARK(QueueBatch)->Arg(100)->Arg(1000)->Arg(100000);
+
+void DequeBatch(benchmark::State& state) {
+  std::deque<std::shared_ptr<Cmd>> queue;
+  const auto cmd = std::make_shared<Cmd>();
+  for (auto _ : state) {
+    for (int64_t i = 0; i < state.range(0); ++i) queue.push_back(cmd);
+    for (int64_t i = 0; i < state.range(0); ++i) {
+      benchmark::DoNotOptimize(std::shared_ptr<Cmd>(std::move(queue.front())));
+      queue.pop_front();
+    }
+  }
+  state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+BENCHMARK(DequeBatch)->Arg(100)->Arg(1000)->Arg(100000);
+
 // The whole life of a waiting command: made, appended, taken, destroyed.
 void QueueLifeOfACommand(benchmark::State& state) {
   const auto queue = CmdGroup::CmdGroupIs();

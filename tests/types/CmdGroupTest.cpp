@@ -171,6 +171,17 @@ TEST_F(CmdGroupTest, AllocatesNothingWhenCommandsComeAndGo) {
   EXPECT_TRUE(Lumo::allocTrackDifference(before, Lumo::allocTrackSnapshot()).empty());
 }
 
+TEST_F(CmdGroupTest, KeepsSomeEntriesOfALongBatchAndFreesTheRest) {
+  const auto& entries = CmdGroup::LumoCmdBatch::lumoAllocTrackTypeInfo_;
+  const U64 before = entries.live();
+  for (int i = 0; i < 5000; ++i) group->cmdBatchEnq(nullptr);
+  EXPECT_EQ(entries.live() - before, 5000u);
+  for (int i = 0; i < 5000; ++i) group->cmdBatchDeq();
+  EXPECT_EQ(entries.live() - before, 1024u);
+  group = nullptr;
+  EXPECT_EQ(entries.live(), before);
+}
+
 TEST_F(CmdGroupTest, KeepsNoHoldOfATakenCommand) {
   const auto a = cmd();
   for (int i = 0; i < 100; ++i) group->cmdBatchEnq(a);

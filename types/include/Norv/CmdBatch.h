@@ -1,7 +1,5 @@
 #pragma once
 
-#include <array>
-
 #include <Lumo/LinkQueue.h>
 #include <Norv/GrpcCmd.h>
 
@@ -42,12 +40,15 @@ class CmdBatchEntry : public Lumo::PtrInterface {
 };
 
 // The indexed queue of commands inside an `Owner`, which adds its notifications around these calls.
-// A few entries that were taken wait for the next appends, so that a queue whose commands come and
-// go asks the heap for nothing.
+// Entries that were taken wait for the next appends, so that a queue whose commands come and go,
+// also in batches, asks the heap for nothing.
 template <class Owner>
 class CmdBatch : public Lumo::LinkQueue<CmdBatchEntry<Owner>> {
  public:
   using Entry = CmdBatchEntry<Owner>;
+
+  CmdBatch() = default;
+  ~CmdBatch() { dropSpares(); }
 
   // Appends `cmd`, null included, and returns its index.
   U32 enq(Lumo::Ptr<GrpcCmd> cmd) {
@@ -74,7 +75,11 @@ class CmdBatch : public Lumo::LinkQueue<CmdBatchEntry<Owner>> {
     if (!removed) return nullptr;
     if (removed->references() > 1) return removed->cmdBatch();
     Lumo::Ptr<GrpcCmd> cmd = std::move(removed->cmdBatch());
-    if (spares_ < spare_.size()) spare_[spares_++] = std::move(removed);
+    if (spares_ < maxSpares) {
+      removed->lqNextIs(std::move(spare_));
+      spare_ = std::move(removed);
+      ++spares_;
+    }
     return cmd;
   }
   Lumo::Ptr<GrpcCmd> cmd(U32 index) const {
@@ -90,16 +95,24 @@ class CmdBatch : public Lumo::LinkQueue<CmdBatchEntry<Owner>> {
   typename CmdBatch::Iterator iterator(U32 index) const { return {this, this->startAt(index)}; }
 
  private:
+  // 48 KiB of heap at most, for batches of that many commands.
+  static constexpr U32 maxSpares = 1024;
+
   Lumo::Ptr<Entry> entry(U32 index, Lumo::Ptr<GrpcCmd> cmd) {
-    if (spares_ == 0) return Lumo::allocate<Entry>(index, std::move(cmd));
-    Lumo::Ptr<Entry> reused = std::move(spare_[--spares_]);
+    if (!spare_) return Lumo::allocate<Entry>(index, std::move(cmd));
+    Lumo::Ptr<Entry> reused = std::move(spare_);
+    spare_ = std::move(reused->lqNext());
+    --spares_;
     reused->fwkQkeyIs(index);
     reused->cmdBatch() = std::move(cmd);
     return reused;
   }
+  // One by one, so that a long chain is not released recursively.
+  void dropSpares() {
+    while (spare_) spare_ = Lumo::Ptr<Entry>(std::move(spare_->lqNext()));
+  }
 
-  // Together they take about the memory that an empty std::deque takes.
-  std::array<Lumo::Ptr<Entry>, 12> spare_;
+  Lumo::Ptr<Entry> spare_;  // the first of a chain without commands
   U32 spares_ = 0;
 };
 
