@@ -1,14 +1,16 @@
 // Commands per second and CPU time per command on the whole road, through named queue, manager,
 // pending queue, worker and handler, beside a hand-written loop of asynchronous stub calls and
-// beside the synchronous stub: the same server in the same process, the same kind of channel, the
-// same request, taken in turns. Then the rate at which a long queue drains beside short ones, and
-// the memory of a waiting command. Usage: road_rates [ROUNDS [COMMANDS [LONG QUEUE]]].
+// beside the synchronous stub: the same server, the same kind of channel, the same request, taken
+// in turns. Then the rate at which a long queue drains beside short ones, and the memory of a
+// waiting command. Usage: road_rates [ROUNDS [COMMANDS [LONG QUEUE]]].
 
 #include <malloc.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
@@ -26,7 +28,7 @@ double secondsSince(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-// CPU time of the whole process, server included, in seconds.
+// CPU time of this process in seconds.
 double cpuSeconds() {
   rusage usage;
   getrusage(RUSAGE_SELF, &usage);
@@ -80,9 +82,9 @@ double median(std::vector<double> values) {
   return values[values.size() / 2];
 }
 
-void compare(Agent& agent, const Server& server, U64 rounds, U64 commands) {
-  const auto asynchronous = pb::BESSControl::NewStub(server.channel());
-  const auto synchronous = pb::BESSControl::NewStub(server.channel());
+void compare(Agent& agent, U16 port, U64 rounds, U64 commands) {
+  const auto asynchronous = pb::BESSControl::NewStub(channelTo(port));
+  const auto synchronous = pb::BESSControl::NewStub(channelTo(port));
   Way ways[] = {
       {"through the manager",
        [&](U64 count) {
@@ -152,14 +154,31 @@ U64 argument(int argc, char** argv, int index, U64 fallback) {
   return argc > index ? std::strtoull(argv[index], nullptr, 10) : fallback;
 }
 
+// The server in a process of its own, so that its CPU time is not counted. Returns its port.
+U16 startServer() {
+  int ends[2];
+  if (pipe(ends) != 0) std::abort();
+  const pid_t parent = getpid();
+  if (fork() == 0) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != parent) _exit(1);
+    const Server server;
+    if (write(ends[1], &server.port, sizeof server.port) < 0) _exit(1);
+    for (;;) pause();
+  }
+  int port = 0;
+  if (read(ends[0], &port, sizeof port) != sizeof port) std::abort();
+  return static_cast<U16>(port);
+}
+
 }  // namespace
 
 // The worker cannot be told to stop: leave without destructors.
 int main(int argc, char** argv) {
+  const U16 port = startServer();
   memory();
-  Server server;
-  Agent agent(static_cast<U16>(server.port));
-  compare(agent, server, argument(argc, argv, 1, 15), argument(argc, argv, 2, 5000));
+  Agent agent(port);
+  compare(agent, port, argument(argc, argv, 1, 15), argument(argc, argv, 2, 5000));
   drain(agent, argument(argc, argv, 3, 1000000));
   std::fflush(nullptr);
   _exit(0);

@@ -33,14 +33,15 @@ struct Server {
     builder.RegisterService(&service);
     server = builder.BuildAndStart();
   }
-  std::shared_ptr<grpc::Channel> channel() const {
-    return grpc::CreateChannel("127.0.0.1:" + std::to_string(port),
-                               grpc::InsecureChannelCredentials());
-  }
   Version service;
   int port = 0;
   std::unique_ptr<grpc::Server> server;
 };
+
+inline std::shared_ptr<grpc::Channel> channelTo(U16 port) {
+  return grpc::CreateChannel("127.0.0.1:" + std::to_string(port),
+                             grpc::InsecureChannelCredentials());
+}
 
 // Counts its response. The last one of a batch also says so.
 class Counting : public GrpcCmd {
