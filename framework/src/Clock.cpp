@@ -39,12 +39,15 @@ void Clock::timeIs(double time) {
 }
 
 double Clock::nextTimeout() const {
-  return schedule_.empty() ? -1 : schedule_.begin()->first.time;
+  return schedule_.empty() ? -1 : std::max(0.0, schedule_.begin()->first.time);
 }
 
 void Clock::scheduleIs(NotifieeConst* reactor, double time) const {
+  const double before = nextTimeout();
   scheduleDel(reactor);
-  schedule_.emplace(NotifieeListClockKey{time, nextSeq_++}, NotifieeListClockLinkNode(reactor));
+  const int seq = static_cast<int>(nextSeq_++);
+  schedule_.emplace(NotifieeListClockKey{time, seq}, NotifieeListClockLinkNode(reactor));
+  if (earlierRequestHook_ && (before < 0 || nextTimeout() < before)) earlierRequestHook_();
 }
 
 void Clock::scheduleDel(const NotifieeConst* reactor) const {

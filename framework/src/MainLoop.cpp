@@ -23,7 +23,12 @@ MainLoop::MainLoop()
     : clock_(Clock::ClockIs("MainLoop")),
       wakeFd_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
       timerFd_(timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC)) {
-  if (wakeFd_ >= 0 && timerFd_ >= 0) return;
+  if (wakeFd_ >= 0 && timerFd_ >= 0) {
+    clock_->earlierRequestHookIs([this] {
+      if (waiting_) wake();
+    });
+    return;
+  }
   const int error = errno;
   if (wakeFd_ >= 0) close(wakeFd_);
   if (timerFd_ >= 0) close(timerFd_);
@@ -31,6 +36,10 @@ MainLoop::MainLoop()
 }
 
 MainLoop::~MainLoop() {
+  {
+    ActivityLockAnchor activity;
+    clock_->earlierRequestHookIs(nullptr);  // the clock may live on
+  }
   close(wakeFd_);
   close(timerFd_);
 }
@@ -85,6 +94,7 @@ void MainLoop::turn() {
     tasks.swap(tasks_);
   }
   ActivityLockAnchor activity;
+  waiting_ = false;
   for (std::size_t done = 0; done < tasks.size(); ++done) {
     try {
       tasks[done]();
@@ -103,15 +113,18 @@ bool MainLoop::takeStop() {
   return std::exchange(stop_, false);
 }
 
+// When the clock's next request is due. An earlier one that is made from now on wakes the loop.
+MainLoop::TimePoint MainLoop::startWaiting() {
+  ActivityLockAnchor activity;
+  waiting_ = true;
+  const double next = clock_->nextTimeout();
+  if (next < 0) return TimePoint::max();
+  return start_ + std::chrono::duration_cast<Duration>(std::chrono::duration<double>(next));
+}
+
 // Waits, without the activity lock, for a post, a stop, the clock's next request or `until`.
 void MainLoop::waitForEvent(TimePoint until) {
-  const double next = clock_->nextTimeout();
-  TimePoint wakeAt = until;
-  if (next >= 0) {
-    const auto due =
-        start_ + std::chrono::duration_cast<Duration>(std::chrono::duration<double>(next));
-    wakeAt = std::min(wakeAt, due);
-  }
+  const TimePoint wakeAt = std::min(until, startWaiting());
   itimerspec timer{};  // zero: disarmed
   if (wakeAt != TimePoint::max()) {
     const auto wait =

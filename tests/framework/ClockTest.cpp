@@ -185,6 +185,39 @@ TEST_F(ClockTest, AnExceptionLeavesTheOthersScheduled) {
   EXPECT_THAT(log, ElementsAre(1, 2));
 }
 
+TEST_F(ClockTest, TellsOfARequestBeforeAllOthers) {
+  const auto a = alarm(1, 5);
+  const auto b = alarm(2, 7);
+  std::vector<double> told;
+  clock->earlierRequestHookIs([&] { told.push_back(clock->nextTimeout()); });
+  b->timeoutIs(6);
+  b->timeoutIs(5);
+  EXPECT_THAT(told, IsEmpty());
+  b->timeoutIs(4);
+  b->timeoutIs(4.5);  // later than it was, and still the first
+  b->timeoutIs(3);
+  EXPECT_THAT(told, ElementsAre(4, 3));
+  clock->earlierRequestHookIs(nullptr);
+  b->timeoutIs(2);
+  EXPECT_THAT(told, ElementsAre(4, 3));
+}
+
+TEST_F(ClockTest, TellsOfTheFirstRequestOfAll) {
+  const auto a = alarm(1, 1);
+  clock->timeIs(1);
+  int told = 0;
+  clock->earlierRequestHookIs([&] { ++told; });
+  a->timeoutIs(9);
+  EXPECT_EQ(told, 1);
+}
+
+TEST_F(ClockTest, ARequestBeforeTheBeginningIsNotNobodys) {
+  const auto a = alarm(1, -1);
+  EXPECT_EQ(clock->nextTimeout(), 0);
+  clock->timeIs(0);
+  EXPECT_THAT(log, ElementsAre(1));
+}
+
 TEST_F(ClockTest, TheBaseReactorDoesNothingOnTime) {
   const auto deaf = Lumo::allocate<Deaf>(clock);
   EXPECT_EQ(deaf->notifier(), clock);

@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <functional>
+#include <semaphore>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -159,6 +160,59 @@ TEST_F(MainLoopTest, CallsTheReactorsOfItsClockWhenTheyAreDue) {
   ASSERT_EQ(times.size(), 3u);
   EXPECT_GE(times[1], times[0] + 0.005);
   EXPECT_GE(times[2], times[1] + 0.005);
+}
+
+// run() has nothing else to wake it: it sleeps for good if a request of another thread is missed.
+TEST_F(MainLoopTest, WakesForATimerThatAnotherThreadSets) {
+  std::counting_semaphore<> calls(0);
+  const auto alarm = Lumo::allocate<Alarm>(loop.clock(), [&] { calls.release(); });
+  std::thread other([&] {
+    bool called = calls.try_acquire_for(patience);
+    for (int round = 0; called && round < 500; ++round) {
+      {
+        ActivityLockAnchor anchor;
+        alarm->timeoutIs(loop.clock()->time());
+      }
+      called = calls.try_acquire_for(patience);
+    }
+    EXPECT_TRUE(called);
+    loop.stop();
+  });
+  loop.run();
+  other.join();
+}
+
+TEST_F(MainLoopTest, WakesForATimerEarlierThanTheOneItSleepsFor) {
+  std::counting_semaphore<> calls(0);
+  const auto early = Lumo::allocate<Alarm>(loop.clock(), [&] { calls.release(); });
+  const auto late = Lumo::allocate<Alarm>(loop.clock(), [] {});
+  std::thread other([&] {
+    bool called = calls.try_acquire_for(patience);
+    for (int round = 0; called && round < 100; ++round) {
+      {
+        ActivityLockAnchor anchor;
+        late->timeoutIs(loop.clock()->time() + 1e6);
+        early->timeoutIs(loop.clock()->time());
+      }
+      called = calls.try_acquire_for(patience);
+    }
+    EXPECT_TRUE(called);
+    loop.stop();
+  });
+  loop.run();
+  other.join();
+}
+
+TEST(MainLoop, LeavesItsClockUsable) {
+  Ptr<Clock> clock;
+  {
+    MainLoop loop;
+    clock = loop.clock();
+  }
+  int calls = 0;
+  const auto alarm = Lumo::allocate<Alarm>(clock, [&] { ++calls; });
+  clock->timeIs(1);
+  EXPECT_EQ(calls, 1);
 }
 
 TEST_F(MainLoopTest, AnExceptionOfATaskLeavesTheRestPosted) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <map>
 
 #include <Lumo/Entity.h>
@@ -20,7 +21,10 @@ struct NotifieeListClockKey {
 };
 
 // A source of time events. Time is in seconds and only moves when timeIs is called: by a test, or
-// by Lumo::MainLoop for the clock it drives. Main thread only.
+// by Lumo::MainLoop for the clock it drives.
+//
+// A clock and its reactors have no lock of their own: they are for the main thread, and where a
+// MainLoop drives the clock, for any thread that holds the activity lock.
 class Clock : public Entity {
   LUMO_OBJECT(Clock)
 
@@ -56,8 +60,12 @@ class Clock : public Entity {
   // reactor leaves the schedule before its call, so its handler may ask for another; one that asks
   // for a time already past is called again by the next event, not by this one.
   void timeIs(double time);
-  // The earliest request, or a negative number when nobody waits.
+  // The time of the earliest request, 0 for one before 0; a negative number when nobody waits.
   double nextTimeout() const;
+  // `hook` is called by whoever makes a request that comes before all others, on that thread, once
+  // it is in place. For the one who drives the clock and sleeps until nextTimeout(); empty: nobody
+  // wants to know.
+  void earlierRequestHookIs(std::function<void()> hook) { earlierRequestHook_ = std::move(hook); }
 
  private:
   friend class NotifieeConst;
@@ -68,9 +76,10 @@ class Clock : public Entity {
 
   Name name_;
   double time_ = 0;
-  mutable int nextSeq_ = 0;
+  mutable U32 nextSeq_ = 0;  // wraps around
   mutable TypedNotifieeList<NotifieeConst> notifiees_;
   mutable std::map<NotifieeListClockKey, NotifieeListClockLinkNode> schedule_;
+  std::function<void()> earlierRequestHook_;
 };
 
 // One request in a clock's schedule. It does not own the reactor, which leaves the schedule when it

@@ -14,8 +14,9 @@ namespace Lumo {
 // does not need it; an agent with another loop takes an ActivityLockAnchor around each action
 // instead.
 //
-// post, wake and stop may be called from any thread; everything else belongs to the thread that
-// runs the loop.
+// post and stop may be called from any thread, and a thread that holds the activity lock may use
+// the clock and its reactors: a sleeping loop wakes for a request that comes before those it knew
+// of. Everything else belongs to the thread that runs the loop.
 class MainLoop {
  public:
   using Task = std::function<void()>;
@@ -50,6 +51,7 @@ class MainLoop {
   double seconds() const;
   void turn();
   bool takeStop();
+  TimePoint startWaiting();
   void waitForEvent(TimePoint until);
   void wake();
 
@@ -57,6 +59,7 @@ class MainLoop {
   Ptr<Clock> clock_;
   int wakeFd_;
   int timerFd_;
+  bool waiting_ = false;  // since the clock was asked for its next request; under the activity lock
   Lock queueLock_;
   std::vector<Task> tasks_ LUMO_GUARDED_BY(queueLock_);
   bool stop_ LUMO_GUARDED_BY(queueLock_) = false;
