@@ -82,6 +82,19 @@ TEST_F(NotifieeListTest, DeletingWhatIsNotAMemberDoesNothing) {
   EXPECT_EQ(list().members(), 1u);
 }
 
+TEST_F(NotifieeListTest, DoesNotTellWhoIsTakenOutByItsOwner) {
+  Reactor& reactor = add();
+  list().deleteAll();
+  EXPECT_TRUE(reactor.isRegisteredNotifiee());
+  reactor.isRegisteredNotifieeIs(true);  // so it thinks
+  change();
+  EXPECT_THAT(log, IsEmpty());
+  reactor.isRegisteredNotifieeIs(false);
+  reactor.isRegisteredNotifieeIs(true);
+  change();
+  EXPECT_THAT(log, ElementsAre(0));
+}
+
 TEST_F(NotifieeListTest, TheOneCalledIsHeldMeanwhile) {
   Reactor& reactor = add();
   U32 references = 0;
@@ -137,6 +150,51 @@ TEST_F(NotifieeListTest, OneAddedMeanwhileWaitsForTheNextChange) {
   EXPECT_THAT(log, ElementsAre(0, 1));
   change();
   EXPECT_THAT(log, ElementsAre(0, 1, 0, 1, 2));
+}
+
+TEST_F(NotifieeListTest, OneAddedByTheOnlyMemberWaitsForTheNextChange) {
+  add(1);
+  reactors[0]->then = [&] {
+    if (reactors.size() == 1) add();
+  };
+  change();
+  EXPECT_THAT(log, ElementsAre(0));
+  change();
+  EXPECT_THAT(log, ElementsAre(0, 0, 1));
+}
+
+TEST_F(NotifieeListTest, TheOnlyMemberMayUnregisterItself) {
+  add(1);
+  reactors[0]->then = [&] { reactors[0]->isRegisteredNotifieeIs(false); };
+  change();
+  change();
+  EXPECT_THAT(log, ElementsAre(0));
+  EXPECT_EQ(list().members(), 0u);
+}
+
+TEST_F(NotifieeListTest, TheOnlyMemberMayDropItself) {
+  add(1);
+  reactors[0]->then = [&] {
+    reactors[0] = nullptr;
+    EXPECT_EQ(list().members(), 1u);  // held for its call
+  };
+  change();
+  EXPECT_EQ(list().members(), 0u);
+  change();
+  EXPECT_THAT(log, ElementsAre(0));
+}
+
+TEST_F(NotifieeListTest, TheOnlyMemberMayComeBackAndAddAnother) {
+  add(1);
+  reactors[0]->then = [&] {
+    reactors[0]->isRegisteredNotifieeIs(false);
+    reactors[0]->isRegisteredNotifieeIs(true);
+    if (reactors.size() == 1) add();
+  };
+  change();
+  EXPECT_THAT(log, ElementsAre(0));
+  change();
+  EXPECT_THAT(log, ElementsAre(0, 0, 1));
 }
 
 TEST_F(NotifieeListTest, OneThatLeftAndCameBackWaitsForTheNextChange) {

@@ -24,6 +24,9 @@ class NotifieeList {
 
   // `notifiee` is entered once; entering it again does nothing.
   void newMember(NotifieeConst* notifiee);
+  // Taken out here, a reactor is not told, and is called no more though isRegisteredNotifiee()
+  // stays true: it goes back only after isRegisteredNotifieeIs(false). Reactors use that one to
+  // leave.
   void deleteMember(NotifieeConst* notifiee);
   void deleteAll();
   U32 members() const { return members_.load(std::memory_order_relaxed); }
