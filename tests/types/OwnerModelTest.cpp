@@ -40,13 +40,15 @@ class OwnerPair {
   bool step() {
     if (!iterator_ || !*iterator_) {
       iterator_.emplace(group_->cmdBatchIteratorConst());
+      if (*iterator_) key_ = iterator_->key();
       seen_ = group_->cmdBatchVersion();
       return same();
     }
     const bool changed = std::exchange(seen_, group_->cmdBatchVersion()) != seen_;
     const auto expected = model_.next(idOf(iterator_->cmdBatch()), iterator_->key(), changed);
     ++*iterator_;
-    return (*iterator_ ? expected == iterator_->key() : !expected) && same();
+    if (*iterator_) key_ = iterator_->key();
+    return (*iterator_ ? expected == key_ : !expected) && same();
   }
   U32 members() const { return group_->cmdBatchs(); }
 
@@ -73,7 +75,10 @@ class OwnerPair {
       ++holds[items.back().value];
     }
     // The iterator keeps its entry, which keeps its command; counted once if it is in the queue.
-    if (iterator_ && *iterator_) holds[idOf(iterator_->cmdBatch())] = 1;
+    if (iterator_ && *iterator_) {
+      if (iterator_->key() != key_ || !iterator_->cmdBatch()) return false;
+      holds[idOf(iterator_->cmdBatch())] = 1;
+    }
     for (auto it = commands_.begin(); it != commands_.end();) {
       if (it->second->references() != 1 + holds[it->first]) return false;
       it = holds[it->first] == 0 ? commands_.erase(it) : std::next(it);
@@ -88,7 +93,8 @@ class OwnerPair {
   std::map<int, Lumo::Ptr<GrpcCmd>> commands_;
   int next_ = 0;
   std::optional<CmdGroup::CmdBatchIteratorConst> iterator_;
-  U32 seen_ = 0;
+  U32 key_ = 0;   // of the entry that the iterator stands on, wherever that entry is now
+  U32 seen_ = 0;  // the queue's version at the iterator's last step
 };
 
 TEST(CmdBatch, AgreesWithItsModelUnderRandomOperations) {
