@@ -19,6 +19,11 @@ using sample::thing;
 // An entity that overrides nothing.
 class Blank : public Entity {};
 
+// What an entity takes that has nothing but a list of followers, beyond its table of functions.
+static_assert(sizeof(Entity) + sizeof(Lumo::TypedNotifieeList<Thing::NotifieeConst>) -
+                  sizeof(void*) <=
+              64);
+
 TEST(Entity, StepsItsVersionAtEveryMutatorCall) {
   const auto object = thing();
   const U64 version = object->fwkEntityVersion();
