@@ -1,5 +1,6 @@
 #pragma once
 
+#include <type_traits>
 #include <utility>
 
 #include <Lumo/Exception.h>
@@ -9,8 +10,9 @@
 namespace Lumo {
 
 // A singly linked FIFO of entries under consecutive indexes that wrap around. An entry is a
-// PtrInterface with fwkQkey(), fwkQkeyIs(Index), lqNext(), which may be moved from, and lqNextIs;
-// the chain of lqNext from the head owns the entries, and an entry is in at most one queue.
+// PtrInterface with fwkQkey(), fwkQkeyIs(Index), lqNext(), by plain reference on an entry that may
+// change, and lqNextIs; the chain of lqNext from the head owns the entries, and an entry is in at
+// most one queue.
 //
 // Appending, taking from the head and deleting the head take constant time; finding, deleting and
 // placing by any other index walk the chain. The queue has no lock: its owner says who may use it
@@ -25,7 +27,13 @@ class LinkQueue {
   using IteratorConst = Iterator;
 
   explicit LinkQueue(Index start = 0) : headIndex_(start), tailIndex_(start) {}
-  ~LinkQueue() { _memberDelAll(); }
+  ~LinkQueue() {
+    // A const reference would make copies of the moves below: a removed head would keep its link.
+    static_assert(std::is_same_v<decltype(std::declval<Entry&>().lqNext()), Ptr<Entry>&>,
+                  "give the entry a `Ptr<Entry>& lqNext()` besides its const form: the queue moves "
+                  "the link out of an entry that it removes");
+    _memberDelAll();
+  }
   LinkQueue(const LinkQueue&) = delete;
   LinkQueue& operator=(const LinkQueue&) = delete;
 
