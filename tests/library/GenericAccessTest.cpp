@@ -96,6 +96,16 @@ TEST_F(GenericAccessTest, NumbersTheAttributes) {
                           Pair(144, "doEnqueueBatchHelper"), Pair(145, "handleCmdConfigGroup")));
 }
 
+TEST_F(GenericAccessTest, NamesTheTypesOfTheAttributes) {
+  const auto typeOf = [](const LumoType& type, const char* attribute) {
+    return std::string(type.attr(attribute)->typeName());
+  };
+  EXPECT_EQ(typeOf(ConnectionConfig::_lumoType, "portNum"), "U16");
+  EXPECT_EQ(typeOf(ConnectionConfig::_lumoType, "host"), "Lumo::String");
+  EXPECT_EQ(typeOf(GrpcCmd::_lumoType, "request"), "google::protobuf::Message");
+  EXPECT_EQ(typeOf(GrpcCmd::_lumoType, "requestType"), "Norv::GrpcRequestType");
+}
+
 TEST_F(GenericAccessTest, ReadsTheConnectionConfig) {
   EXPECT_EQ(genericAttribute(host, "portNum").number(), 10514u);
   EXPECT_EQ(genericAttribute(host, "host").text(), "localhost");

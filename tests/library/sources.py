@@ -201,7 +201,59 @@ def test_thread_ids_assert_their_size():
         in_order(body("framework/src/ThreadId.cpp", head), "LUMO_ASSERT(", text)
 
 
+def test_the_conversions_of_the_request_type_are_forwards():
+    source = "types/src/GrpcRequestType.cpp"
+    text = code(source)
+    assert "using Services = Lumo::EnumType<unsigned int>;" in text
+    for head, service in {
+        "GrpcRequestType GrpcRequestTypeInstance(U32 value)": "instance",
+        "GrpcRequestType GrpcRequestTypeInstance(const Lumo::String& name)": "instance",
+        "std::ostream& operator<<(std::ostream& out, const GrpcRequestType& type)": "operatorLessLess",
+        "Lumo::String valueToStrep(const GrpcRequestType& type)": "valueToStrep",
+        "Lumo::String stringValue(GrpcRequestType type)": "stringValue",
+        "void sequenceToValue(": "sequenceToValue",
+    }.items():
+        forward = body(source, head)
+        check.equal(re.findall(r"Services::(\w+)\(_lumoType_GrpcRequestType, ", forward), [service],
+                    f"services that {head} calls")
+        assert not re.search(r"\b(if|for|while|switch)\b|\?", forward), forward
+    check.equal(re.findall(r"\bnamespace (\w+) {", text), ["Norv"], "named namespaces")
+
+
+def test_the_queue_takes_no_lock():
+    for path in ("types/include/Lumo/LinkQueue.h", "types/include/Norv/CmdBatch.h",
+                 "types/include/Norv/CmdGroup.h", "types/src/CmdGroup.cpp"):
+        check.equal(re.findall(r"\b\w*(?:Lock|Anchor|mutex|atomic)\w*", code(path)), [], path)
+
+
+def test_an_appended_entry_is_placed_under_the_next_index():
+    in_order(body("types/include/Norv/CmdBatch.h", "U32 enq("), "index = this->tailIndex();",
+             "this->memberIs(index, entry(index, std::move(cmd)));", "return index;")
+
+
+def test_nobody_moves_the_indexes_of_a_queue():
+    # Two declarations and the definition of the one that is not inline.
+    check.equal(len(re.findall(r"\bcmdBatchMetadataIs\b", everything())), 3, "mentions")
+    check.equal(len(re.findall(r"\bcmdBatch_\.metadataIs\(", everything())), 2, "calls inside of them")
+
+
+def test_no_pending_count_is_taken_back():
+    assert "pendingCountInc" in everything()
+    assert "pendingCountDec" not in everything()
+
+
 def test_members_in_their_order():
+    in_order(code("types/include/Norv/GrpcCmd.h"), "private:", "google::protobuf::Message* request_;",
+             "GrpcRequestType requestType_;")
+    in_order(code("types/include/Norv/CmdBatch.h"), "class CmdBatchEntry", "private:", "U32 index_;",
+             "Lumo::Ptr<GrpcCmd> cmdBatch_;", "Lumo::Ptr<CmdBatchEntry> lqNext_;")
+    in_order(code("types/include/Lumo/LinkQueue.h"), "private:", "Index headIndex_;",
+             "Index tailIndex_;", "U32 version_ = 0;", "U32 members_ = 0;", "Ptr<Entry> head_;",
+             "Entry* tail_ = nullptr;")
+    in_order(code("types/include/Norv/ConnectionConfig.h"), "private:", "U16 portNum_;",
+             "Lumo::String host_;")
+    in_order(code("types/include/Norv/GrpcErrorHandlingStatus.h"), "private:",
+             "std::atomic<bool> errorOccured_{false};")
     in_order(code("client/include/Norv/GrpcClient.h"), "private:", "> stub_;", "cq_;", "cmdGroup_;",
              "errorStatus_;", "lock_;", "condition_;")
     in_order(code("manager/include/Norv/ConnectionsMgr.h"), "void connect();", "hostConfig_;",

@@ -17,6 +17,12 @@ static_assert(!std::is_base_of_v<Lumo::Entity, CmdGroup>);
 static_assert(!std::is_same_v<CmdGroup::LumoCmdBatch, CmdConfigGroup::LumoCmdBatch>);
 static_assert(sizeof(CmdGroup::LumoCmdBatch) <= 48);
 
+template <class T>
+concept CountsDown = requires(T group) {
+  group.pendingCountDec(U16(1));
+};
+static_assert(!CountsDown<CmdGroup>);
+
 struct CmdGroupTest : testing::Test {
   Lumo::Ptr<CmdGroup> group = CmdGroup::CmdGroupIs();
 };

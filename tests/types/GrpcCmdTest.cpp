@@ -22,6 +22,7 @@ concept HasRequestTypeMutator = requires(T cmd) {
 };
 static_assert(!HasRequestTypeMutator<GrpcCmd>);
 static_assert(!std::is_base_of_v<Lumo::Entity, GrpcCmd>);
+static_assert(std::is_nothrow_destructible_v<GrpcCmd>);
 static_assert(
     std::is_same_v<decltype(GrpcCmd::GrpcCmdIs(nullptr, unknown)), Lumo::ValidPtr<GrpcCmd>>);
 
@@ -147,11 +148,29 @@ TEST(GrpcCmd, DestroysASubclassThroughItsBasePointer) {
   EXPECT_THAT(log->releasedNumbers(), ElementsAre(7));
 }
 
+struct Throwing : Lumo::TraceSink {
+  void lineIs(const Lumo::TraceLine&) override { throw std::runtime_error("sink"); }
+};
+
+// Not by way of a pointer, whose own release may not throw either.
+TEST(GrpcCmdDeathTest, LetsNoExceptionOutOfItsDestruction) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        Throwing sink;
+        Lumo::traceSettingIs("GrpcTypes/*");
+        Lumo::traceSinkIs(&sink);
+        try {
+          GrpcCmd cmd(nullptr, resetAll);
+        } catch (const std::runtime_error&) {
+          std::_Exit(0);
+        }
+      },
+      testing::KilledBySignal(SIGABRT), "terminate.*(.|\n)*sink");
+}
+
 TEST(GrpcCmdDeathTest, EndsTheProcessWhenItsDestructionThrows) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  struct Throwing : Lumo::TraceSink {
-    void lineIs(const Lumo::TraceLine&) override { throw std::runtime_error("sink"); }
-  };
   EXPECT_DEATH(
       {
         Throwing sink;

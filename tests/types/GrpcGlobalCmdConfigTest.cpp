@@ -1,7 +1,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <functional>
+
 #include <Norv/GrpcGlobalCmdConfig.h>
+
+#include "AtAbort.h"
 
 namespace {
 
@@ -137,11 +141,78 @@ TEST_F(GrpcGlobalCmdConfigTest, IsWalkedFromAName) {
 
 TEST_F(GrpcGlobalCmdConfigTest, StepsTheEntityVersionWithEveryMutator) {
   const auto a = queue("a");
-  const U64 before = config->fwkEntityVersion();
+  const auto steps = [&](const std::function<void()>& mutate) {
+    const U64 before = config->fwkEntityVersion();
+    mutate();
+    return config->fwkEntityVersion() - before;
+  };
+  EXPECT_EQ(steps([&] { config->cmdConfigGroupIs(a); }), 1u);
+  EXPECT_EQ(steps([&] { config->cmdConfigGroupIs(a); }), 1u);
+  EXPECT_EQ(steps([&] { config->cmdConfigGroupDel("none"); }), 1u);
+  EXPECT_EQ(steps([&] { config->cmdConfigGroupDel("a"); }), 1u);
+  EXPECT_EQ(steps([&] { config->cmdConfigGroupDelAll(); }), 1u);
+}
+
+TEST_F(GrpcGlobalCmdConfigTest, TellsOfItsEndAndNotOfItsQueues) {
+  // A reactor that does not hold the configuration, so that the configuration can go.
+  class Unheld : public Witness {
+   public:
+    Unheld(const Lumo::Ptr<GrpcGlobalCmdConfig>& config, int* gone) : Witness(config), gone_(gone) {
+      config->notifieeList()->newMember(this);
+      notifier_ = nullptr;
+    }
+    void onCmdConfigGroup(Lumo::Name) override { ADD_FAILURE(); }
+    void onZeroReferences() override { ++*gone_; }
+
+   private:
+    int* const gone_;
+  };
+  int gone = 0;
+  auto brief = grpcGlobalCmdConfigFactory("brief");
+  brief->cmdConfigGroupIs(queue("a"));
+  const auto unheld = Lumo::allocate<Unheld>(brief, &gone);
+  EXPECT_EQ(gone, 0);
+  brief = nullptr;
+  EXPECT_EQ(gone, 1);
+}
+
+// A configuration with the queues "a" and "b" that is changed while its reads are preserved. It
+// dies with the change made.
+void diesHaving(const std::string& names, const std::function<void(GrpcGlobalCmdConfig&)>& change) {
+  const auto config = GrpcGlobalCmdConfig::GrpcGlobalCmdConfigIs("all");
+  config->cmdConfigGroupIs(queue("a"));
+  config->cmdConfigGroupIs(queue("b"));
+  EXPECT_DEATH(
+      {
+        Lumo::FwkEntityReadsPreserve scope(config.ptr());
+        support::atAbort([&] {
+          std::string text = "queues";
+          for (auto it = config->cmdConfigGroupIteratorConst(); it; ++it) {
+            text += std::string(" ") + it.key().charPtr();
+          }
+          return text + ".";
+        });
+        change(*config);
+      },
+      std::string("anyActive(.|\n)*queues") + names + "\\.")
+      << names;
+}
+
+TEST(GrpcGlobalCmdConfigDeathTest, AbortsWhenChangedUnderPreservedReads) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  diesHaving(" a b c", [](auto& all) { all.cmdConfigGroupIs(queue("c")); });
+  diesHaving(" b", [](auto& all) { all.cmdConfigGroupDel("a"); });
+  diesHaving(" b", [](auto& all) {
+    auto iterator = all.cmdConfigGroupIterator();
+    all.cmdConfigGroupDel(iterator);
+  });
+  diesHaving(" b", [](auto& all) { all.cmdConfigGroupDelAll(); });
+  const auto a = queue("a");
+  const auto config = GrpcGlobalCmdConfig::GrpcGlobalCmdConfigIs("all");
   config->cmdConfigGroupIs(a);
+  Lumo::FwkEntityReadsPreserve scope(config.ptr());
   config->cmdConfigGroupIs(a);
   config->cmdConfigGroupDel("none");
-  EXPECT_EQ(config->fwkEntityVersion() - before, 3u);
 }
 
 }  // namespace

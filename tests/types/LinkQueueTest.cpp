@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 
+#include <functional>
 #include <random>
 
 #include "QueueModel.h"
@@ -444,6 +445,68 @@ TEST_F(LinkQueue, AWalkEndsWhenTheHeadOfAWrappedQueueIsDeletedUnderIt) {
   ++it;
   // The new head is above the old index and the tail below: there is nowhere to start.
   EXPECT_FALSE(it);
+}
+
+// The version is stepped as what it is.
+static_assert(std::is_same_v<decltype(std::declval<const Queue&>().version()), U32>);
+
+// An entry that counts how often the queue looks at any of them.
+class CountedEntry : public Lumo::PtrInterface {
+ public:
+  static inline int looks = 0;
+
+  U32 fwkQkey() const { return ++looks, index_; }
+  void fwkQkeyIs(U32 index) { ++looks, index_ = index; }
+  const Lumo::Ptr<CountedEntry>& lqNext() const { return ++looks, next_; }
+  Lumo::Ptr<CountedEntry>& lqNext() { return ++looks, next_; }
+  void lqNextIs(Lumo::Ptr<CountedEntry> next) { ++looks, next_ = std::move(next); }
+
+ private:
+  U32 index_ = 0;
+  Lumo::Ptr<CountedEntry> next_;
+};
+
+struct CountedLinkQueue : testing::Test {
+  using Queue = Lumo::LinkQueue<CountedEntry>;
+
+  static void fill(Queue& queue, int count) {
+    while (count-- > 0) queue.memberNew(Lumo::allocate<CountedEntry>());
+  }
+  static int looksOf(const std::function<void()>& act) {
+    const int before = CountedEntry::looks;
+    act();
+    return CountedEntry::looks - before;
+  }
+};
+
+TEST_F(CountedLinkQueue, AppendsAndTakesWithoutWalking) {
+  Queue shorter, longer;
+  fill(shorter, 8);
+  fill(longer, 5000);
+  const auto same = [&](const std::function<void(Queue&)>& act) {
+    const int looks = looksOf([&] { act(shorter); });
+    EXPECT_EQ(looksOf([&] { act(longer); }), looks);
+    EXPECT_GT(looks, 0);
+  };
+  same([](Queue& queue) { fill(queue, 1); });
+  same([](Queue& queue) { EXPECT_TRUE(queue._memberDelHead()); });
+  same([](Queue& queue) { EXPECT_TRUE(queue._memberDel(queue.headIndex())); });
+  same([](Queue& queue) {
+    const U32 next = queue.tailIndex();
+    queue.memberIs(next, Lumo::allocate<CountedEntry>());
+  });
+}
+
+TEST_F(CountedLinkQueue, OneChangeCostsAWalkOneSearch) {
+  Queue queue;
+  fill(queue, 1000);
+  Queue::Iterator it(&queue, queue.startAt(500));
+  const auto step = [&] { return looksOf([&] { ++it; }); };
+  const int plain = step();
+  fill(queue, 1);
+  EXPECT_GE(step(), 500);
+  EXPECT_EQ(step(), plain);
+  EXPECT_EQ(it.key(), 503u);
 }
 
 TEST_F(LinkQueue, AgreesWithItsModelUnderRandomOperations) {

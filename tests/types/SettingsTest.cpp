@@ -5,6 +5,8 @@
 #include <Norv/ConnectionConfig.h>
 #include <Norv/GrpcErrorHandlingStatus.h>
 
+#include "AtAbort.h"
+
 namespace {
 
 using namespace Norv;
@@ -20,7 +22,8 @@ static_assert(!HasMutators<ConnectionConfig>);
 static_assert(!std::is_base_of_v<Lumo::Entity, ConnectionConfig>);
 static_assert(std::is_same_v<decltype(ConnectionConfig::ConnectionConfigIs(U16(1), "h")),
                              Lumo::ValidPtr<ConnectionConfig>>);
-static_assert(sizeof(std::atomic<bool>) == 1);
+static_assert(sizeof(std::atomic<bool>) ==
+              1);  // that the flag is one is for a check of the sources
 
 TEST(ConnectionConfig, KeepsExactlyWhatItIsGiven) {
   for (const char* host : {"", "localhost", "%s %n", "::1", "a b"}) {
@@ -61,6 +64,29 @@ TEST(GrpcErrorHandlingStatus, HasNoName) {
   EXPECT_STREQ(status->fwkType()->typeName(), "Norv::GrpcErrorHandlingStatus");
 }
 
+TEST(GrpcErrorHandlingStatus, TellsOfItsEndOnce) {
+  // A reactor that does not hold the status, so that the status can go.
+  class Unheld : public Witness {
+   public:
+    Unheld(const Lumo::Ptr<GrpcErrorHandlingStatus>& status, int* gone)
+        : Witness(status), gone_(gone) {
+      status->notifieeList()->newMember(this);
+      notifier_ = nullptr;
+    }
+    void onErrorOccured() override { ADD_FAILURE(); }
+    void onZeroReferences() override { ++*gone_; }
+
+   private:
+    int* const gone_;
+  };
+  int gone = 0;
+  auto status = grpcErrorHandlingStatusFactory();
+  const auto unheld = Lumo::allocate<Unheld>(status, &gone);
+  EXPECT_EQ(gone, 0);
+  status = nullptr;
+  EXPECT_EQ(gone, 1);
+}
+
 TEST(GrpcErrorHandlingStatusDeathTest, AbortsWhenChangedUnderPreservedReads) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   const auto status = grpcErrorHandlingStatusFactory();
@@ -69,7 +95,26 @@ TEST(GrpcErrorHandlingStatusDeathTest, AbortsWhenChangedUnderPreservedReads) {
         Lumo::FwkEntityReadsPreserve scope(status.ptr());
         status->errorOccuredIs(true);
       },
-      "!Lumo::FwkEntityReadsPreserve::anyActive\\( this \\)");
+      support::readsPreserved);
+  Lumo::FwkEntityReadsPreserve scope(status.ptr());
+  status->errorOccuredIs(false);
+}
+
+TEST(GrpcErrorHandlingStatusDeathTest, HasStoredTheValueAndToldNobodyWhenItAborts) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  const auto status = grpcErrorHandlingStatusFactory();
+  const auto witness = Lumo::allocate<Witness>(status);
+  EXPECT_DEATH(
+      {
+        Lumo::FwkEntityReadsPreserve scope(status.ptr());
+        support::atAbort([&] {
+          return "value " + std::to_string(status->errorOccured()) + " version " +
+                 std::to_string(status->fwkEntityVersion()) + " told " +
+                 std::to_string(witness->seen.size());
+        });
+        status->errorOccuredIs(true);
+      },
+      "anyActive(.|\n)*value 1 version 1 told 0");
 }
 
 }  // namespace
