@@ -15,7 +15,7 @@ const TrackedEntry* tracked(const Lumo::Ptr<GrpcCmd>& cmd) {
 }
 
 // Somebody set the flag, or a command failed that is not tracked.
-const char* const nothingUnderWay = "the error flag rose while no tracked command was under way";
+const char* const noneFailed = "the error flag rose, and not by the failure of a tracked command";
 
 // In bytes of the message; in a failure's details.
 constexpr std::size_t largestRequestShown = 64 * 1024;
@@ -36,12 +36,11 @@ const char* workerName(Status::Worker worker) {
   return "unknown";
 }
 
-// Follows one named queue: a command that leaves it has been announced (or deleted, in which case
-// it is released in the same breath).
+// Follows one named queue: a command that leaves it is on its way to the pending queue, or has been
+// discarded.
 class Kit::QueueWatcher : public CmdConfigGroup::NotifieeConst {
  public:
-  QueueWatcher(const Lumo::Ptr<CmdConfigGroup>& group, std::shared_ptr<Ledger> ledger)
-      : NotifieeConst(group), ledger_(std::move(ledger)) {
+  QueueWatcher(const Lumo::Ptr<CmdConfigGroup>& group, Kit* kit) : NotifieeConst(group), kit_(kit) {
     for (auto entry = group->cmdBatchIteratorConst(); entry; ++entry) onCmdBatch(entry.key());
   }
 
@@ -54,13 +53,14 @@ class Kit::QueueWatcher : public CmdConfigGroup::NotifieeConst {
       return;
     }
     if (const auto left = ids_.extract(index); !left.empty()) {
-      ledger_->announced(left.mapped(), notifier()->name());
+      kit_->ledger_->announced(left.mapped(), notifier()->name());
+      if (!kit_->moving()) kit_->ledger_->discarded(left.mapped());
     }
   }
   U64 maximum() const { return maximum_; }
 
  private:
-  const std::shared_ptr<Ledger> ledger_;
+  Kit* const kit_;
   std::unordered_map<U32, U64> ids_;  // index to id, of the tracked commands in the queue
   U64 maximum_ = 0;
 };
@@ -104,6 +104,7 @@ Kit::~Kit() = default;
 
 void Kit::managerIs(const Lumo::Ptr<ConnectionsMgr>& manager) {
   manager_ = manager;
+  threadLock_.store(manager ? manager->threadLock() : nullptr, std::memory_order_release);
   const std::thread* worker = manager ? manager->grpcReplyThread() : nullptr;
   ledger_->workerIs(worker ? worker->get_id() : std::thread::id());
 }
@@ -117,15 +118,22 @@ void Kit::follow(const Lumo::Name& name) {
   const auto known = queues_.find(name);
   if (known != queues_.end() && known->second->lumoRawNotifier() == group.ptr()) return;
   if (known != queues_.end()) queues_.erase(known);
-  if (group) queues_[name] = Lumo::allocate<QueueWatcher>(group, ledger_);
+  if (group) queues_[name] = Lumo::allocate<QueueWatcher>(group, this);
 }
 
 template <class Function>
 auto Kit::underThreadLock(Function function) const {
-  Lumo::Lock* lock = manager_ ? manager_->threadLock() : nullptr;
+  Lumo::Lock* lock = threadLock_.load(std::memory_order_acquire);
   if (!lock) return function();
   Lumo::LockAnchor anchor(lock);
   return function();
+}
+
+// Whether the manager is moving a batch on this thread: it does so under threadLock, and discards
+// without. Where there is no lock to tell by, yes.
+bool Kit::moving() const {
+  Lumo::Lock* lock = threadLock_.load(std::memory_order_acquire);
+  return !lock || !Lumo::LockAnchor(lock).locked();
 }
 
 // The first tracked command in the pending queue. Under threadLock.
@@ -136,14 +144,18 @@ std::optional<U64> Kit::firstPending() const {
   return std::nullopt;
 }
 
-// The oldest open command, if the worker has taken it. Commands leave the pending queue in the
-// order of their announcement, so it has unless that one is the first there.
+// The command that the worker has taken and not answered, which is then the oldest open one; those
+// it took before are entered as done with.
 std::optional<U64> Kit::underWay() const {
-  return underThreadLock([&]() -> std::optional<U64> {
-    const std::optional<CommandReport> oldest = ledger_->oldestOpen();
-    if (!oldest || firstPending() == oldest->id) return std::nullopt;
-    return oldest->id;
-  });
+  if (!threadLock_.load(std::memory_order_acquire)) return std::nullopt;
+  return underThreadLock([&] { return ledger_->takenBefore(firstPending()); });
+}
+
+// On the worker: the command that has just failed is the oldest open one. Before managerIs the
+// pending queue cannot be looked at from here, and a command that is not tracked passes for it.
+bool Kit::trackedFailed() const {
+  if (threadLock_.load(std::memory_order_acquire)) return underWay().has_value();
+  return ledger_->openAnnounced() != 0;
 }
 
 void Kit::onFlag() {
@@ -153,16 +165,16 @@ void Kit::onFlag() {
     return;
   }
   const Time now = ledger_->now();
-  const bool commandFailed = static_cast<bool>(underWay());
+  const bool commandFailed = ledger_->onWorker() && trackedFailed();
   const std::string text = failureText_ ? failureText_() : std::string();
   std::string request;
   if (recorder_ && commandFailed) request = ledger_->oldestOpenRequest(largestRequestShown);
-  ledger_->flagRose(!commandFailed, failureText_ ? text : "the RPC failed");
+  ledger_->flagRose(commandFailed, failureText_ ? text : "the RPC failed");
   if (recorder_) {
     if (commandFailed) {
       recorder_->freeze(ledger_->lastFailure(), text, request);
     } else {
-      recorder_->freeze(std::nullopt, nothingUnderWay);
+      recorder_->freeze(std::nullopt, noneFailed);
     }
   }
   // Last, so that whoever sees the kit stopped finds the failure in the books.
@@ -173,8 +185,7 @@ void Kit::clearAndGoOn() {
   underThreadLock([&] {
     // The worker cannot take a command meanwhile: the one it holds, if any, it took while stopped.
     // Waking it makes it let that one go, as long as it has looked at the flag already.
-    const std::optional<CommandReport> oldest = ledger_->oldestOpen();
-    if (oldest && firstPending() != oldest->id) ledger_->takenWhileStopped(oldest->id);
+    if (const std::optional<U64> held = underWay()) ledger_->takenWhileStopped(*held);
     status_->errorOccuredIs(false);
   });
   wakeWorker();
@@ -191,8 +202,10 @@ void Kit::wakeWorker() {
 
 void Kit::tick() {
   if (!stopped()) {
-    const bool waiting =
-        underThreadLock([&] { return pendingQueue_->cmdBatchs() != 0; });  // tracked or not
+    const bool waiting = underThreadLock([&] {
+      underWay();
+      return pendingQueue_->cmdBatchs() != 0;  // tracked or not
+    });
     if (waiting || ledger_->openAnnounced() != 0) wakeWorker();
     return;
   }
@@ -230,24 +243,31 @@ void Kit::dropWaiting() {
   for (auto group = config_->cmdConfigGroupIterator(); group; ++group) {
     group.ptr()->cmdBatchDelAll();
   }
-  underThreadLock([&] { pendingQueue_->cmdBatchDelAll(); });
+  underThreadLock([&] {
+    underWay();
+    for (auto entry = pendingQueue_->cmdBatchIterator(); entry; ++entry) {
+      const TrackedEntry* found = tracked(entry.cmdBatch());
+      if (found) ledger_->discarded(found->id());
+    }
+    pendingQueue_->cmdBatchDelAll();
+  });
 }
 
 void Kit::closeBooks(const std::string& reason) {
-  const std::optional<U64> taken = stopped() ? std::nullopt : underWay();
+  std::optional<U64> taken;
   // Kept until the books are closed: a command let go enters its end at once, before older ones.
   std::vector<Lumo::Ptr<GrpcCmd>> waiting;
-  for (auto group = config_->cmdConfigGroupIterator(); group; ++group) {
-    for (auto entry = group.ptr()->cmdBatchIterator(); entry; ++entry) {
+  const auto takeOut = [&](const auto& queue) {
+    for (auto entry = queue->cmdBatchIterator(); entry; ++entry)
       waiting.push_back(entry.cmdBatch());
-    }
-  }
+    queue->cmdBatchDelAll();
+  };
   underThreadLock([&] {
-    for (auto entry = pendingQueue_->cmdBatchIterator(); entry; ++entry) {
-      waiting.push_back(entry.cmdBatch());
-    }
+    if (!stopped()) taken = underWay();
+    takeOut(pendingQueue_);
+    // Under threadLock, as if moved, so that these wait for their end, too.
+    for (auto group = config_->cmdConfigGroupIterator(); group; ++group) takeOut(group.ptr());
   });
-  dropWaiting();
   ledger_->close(taken, reason);
 }
 

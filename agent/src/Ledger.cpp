@@ -81,22 +81,58 @@ void Ledger::released(U64 id) {
     Lumo::LockAnchor anchor(&lock_);
     std::optional<CommandReport> report = take(id);
     if (!report) return;
-    const bool byWorker = report->seq != 0 && std::this_thread::get_id() == worker_;
     if (report->seq == 0) report->errorText = neverAnnounced;
-    if (byWorker) endSkippedBefore(report->seq, ended);
-    const Outcome outcome = byWorker ? skippedOutcome(id) : Outcome::dropped;
+    // Whoever holds it last: it was sent if the worker has had it.
+    const bool taken = report->seq != 0 && (isWorker() || report->seq <= lastTakenSeq_);
+    if (taken) endSkippedBefore(report->seq, ended);
+    const Outcome outcome = taken ? skippedOutcome(id) : Outcome::dropped;
     end(std::move(*report), outcome, now_(), ended);
   }
   publish(ended);
 }
 
-void Ledger::flagRose(bool nothingUnderWay, const std::string& text) {
+void Ledger::discarded(U64 id) {
+  Lumo::LockAnchor inOrder(&publishing_);
+  Reports ended;
+  {
+    Lumo::LockAnchor anchor(&lock_);
+    std::optional<CommandReport> report = take(id);
+    if (!report) return;
+    if (report->seq == 0) report->errorText = neverAnnounced;
+    end(std::move(*report), Outcome::dropped, now_(), ended);
+  }
+  publish(ended);
+}
+
+std::optional<U64> Ledger::takenBefore(std::optional<U64> firstPending) {
+  Lumo::LockAnchor inOrder(&publishing_);
+  Reports ended;
+  std::optional<U64> last;
+  {
+    Lumo::LockAnchor anchor(&lock_);
+    auto behind = open_.end();
+    if (firstPending) {
+      const auto seq = seqOf_.find(*firstPending);
+      if (seq == seqOf_.end()) return std::nullopt;
+      behind = open_.find(seq->second);
+    }
+    if (behind == open_.begin()) return std::nullopt;
+    --behind;
+    last = behind->second.id;
+    lastTakenSeq_ = std::max(lastTakenSeq_, behind->first);
+    endSkippedBefore(behind->first, ended);
+  }
+  publish(ended);
+  return last;
+}
+
+void Ledger::flagRose(bool commandFailed, const std::string& text) {
   Lumo::LockAnchor inOrder(&publishing_);
   Reports ended;
   {
     Lumo::LockAnchor anchor(&lock_);
     stopped_ = true;
-    if (!nothingUnderWay && !open_.empty()) {
+    if (commandFailed && !open_.empty()) {
       open_.begin()->second.errorText = text;
       endOldest(Outcome::failed, ended);
     }
@@ -134,6 +170,16 @@ void Ledger::close(std::optional<U64> underWay, const std::string& reason) {
 void Ledger::workerIs(std::thread::id worker) {
   Lumo::LockAnchor anchor(&lock_);
   worker_ = worker;
+}
+
+bool Ledger::onWorker() const {
+  Lumo::LockAnchor anchor(&lock_);
+  return isWorker();
+}
+
+bool Ledger::isWorker() const {
+  const std::thread::id self = std::this_thread::get_id();
+  return worker_ == std::thread::id() ? self != maker_ : self == worker_;
 }
 
 U64 Ledger::count(Outcome outcome) const {

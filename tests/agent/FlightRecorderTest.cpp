@@ -395,7 +395,8 @@ TEST_F(KitRecorder, AFlagThatTheAgentRaisesItselfIsNoCommands) {
   Lumo::ActivityLockAnchor activity;
   agent.status->errorOccuredIs(true);
   EXPECT_TRUE(details()["command"].is_null());
-  EXPECT_EQ(details()["reason"], "the error flag rose while no tracked command was under way");
+  EXPECT_EQ(details()["reason"],
+            "the error flag rose, and not by the failure of a tracked command");
 }
 
 TEST_F(KitRecorder, ASecondRecorderStaysOn) {

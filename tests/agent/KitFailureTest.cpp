@@ -110,6 +110,52 @@ TEST_F(KitFailure, BatchesAnnouncedAfterwardsAreDropped) {
   EXPECT_EQ(kit.ledger()->count(Outcome::dropped), 2u);
 }
 
+TEST_F(KitFailure, SetOnTheMainThreadIsNotThatOfTheOneUnderWay) {
+  kit.failurePolicyIs({FailurePolicy::Action::clearAndGoOn, 100ms});
+  daemon.hold();
+  connect();
+  enqueue(1);
+  announce();
+  ASSERT_TRUE(ticking([&] { return daemon.calls().size() == 1; }));
+  {
+    Lumo::ActivityLockAnchor activity;
+    agent.status->errorOccuredIs(true);
+  }
+  EXPECT_TRUE(kit.stopped());
+  EXPECT_TRUE(ends().empty());
+  daemon.release();
+  EXPECT_TRUE(ticking([&] { return ends().size() == 1; }));
+  EXPECT_THAT(ends(), ElementsAre(Pair(1, Outcome::ok)));
+  EXPECT_EQ(kit.ledger()->count(Outcome::failed), 0u);
+  EXPECT_FALSE(kit.status().lastFailure);
+
+  EXPECT_TRUE(kit.stopped());
+  advance(100ms);
+  tick();
+  EXPECT_FALSE(kit.stopped());
+  enqueue(1);
+  announce();
+  EXPECT_TRUE(ticking([&] { return kit.ledger()->count(Outcome::ok) == 2; }));
+}
+
+// The worker runs from inside the manager's constructor on.
+TEST_F(KitFailure, BeforeTheKitKnowsTheManagerIsInTheBooks) {
+  answerNth(0, {14, "gone", ""});
+  {
+    Lumo::ActivityLockAnchor activity;
+    for (int i = 0; i < 2; ++i) agent.queue()->cmdBatchEnq(command());
+    agent.connect(daemon.port());
+  }
+  ASSERT_TRUE(agent.eventually([&] { return kit.stopped(); }));
+  EXPECT_THAT(ends()[0], Pair(1, Outcome::failed));
+  {
+    Lumo::ActivityLockAnchor activity;
+    kit.managerIs(agent.manager);
+    kit.clearAndGoOn();
+  }
+  EXPECT_TRUE(ticking([&] { return ends().size() == 2; }));
+}
+
 TEST_F(KitFailure, OfAnUntrackedCommandIsNobodysInTheBooks) {
   answerNth(0, {14, "gone", ""});
   connect();

@@ -39,6 +39,91 @@ TEST_F(Kit, NamesAReplyThatDoesNotDecode) {
                                   Pair(3, Outcome::ok)));
 }
 
+TEST_F(Kit, NamesAReplyThatDoesNotDecodeOfACommandThatIsKept) {
+  answerNth(0, {0, "", "\x0a\x7f"});
+  connect();
+  Lumo::Ptr<TrackedCmd> kept;
+  {
+    Lumo::ActivityLockAnchor activity;
+    kept = command();
+    agent.queue()->cmdBatchEnq(kept);
+  }
+  enqueue();
+  announce();
+  EXPECT_TRUE(ticking([&] { return ends().size() == 2; }));
+  EXPECT_THAT(ends(), ElementsAre(Pair(1, Outcome::undecodable), Pair(2, Outcome::ok)));
+}
+
+TEST_F(Kit, ACommandThatIsKeptEndsWhenTheNextIsTaken) {
+  answerNth(0, {0, "", "\x0a\x7f"});
+  connect();
+  Lumo::Ptr<TrackedCmd> kept;
+  {
+    Lumo::ActivityLockAnchor activity;
+    kept = command();
+    agent.queue()->cmdBatchEnq(kept);
+  }
+  announce();
+  ASSERT_TRUE(ticking([&] { return daemon.calls().size() == 1 && kept->references() == 1; }));
+  daemon.hold();
+  enqueue();
+  announce();
+  EXPECT_TRUE(ticking([&] { return ends().size() == 1; }));
+  EXPECT_THAT(ends(), ElementsAre(Pair(1, Outcome::undecodable)));
+  EXPECT_EQ(status().inFlight->id, 2u);
+}
+
+TEST_F(Kit, ACommandThatWasSentIsNotDroppedWhenItsProducerLetsItGo) {
+  answerNth(0, {0, "", "\x0a\x7f"});
+  connect();
+  Lumo::Ptr<TrackedCmd> kept;
+  {
+    Lumo::ActivityLockAnchor activity;
+    kept = command();
+    agent.queue()->cmdBatchEnq(kept);
+  }
+  announce();
+  // Seen to be taken; then let go by the worker, so that the last reference is ours.
+  ASSERT_TRUE(ticking([&] { return daemon.calls().size() == 1 && kept->references() == 1; }));
+  EXPECT_EQ(status().worker, Status::Worker::inFlight);
+  {
+    Lumo::ActivityLockAnchor activity;
+    kept = nullptr;
+  }
+  EXPECT_THAT(ends(), ElementsAre(Pair(1, Outcome::undecodable)));
+  EXPECT_EQ(status().worker, Status::Worker::idle);
+}
+
+TEST_F(Kit, ACommandWithdrawnBeforeItsAnnouncementIsDroppedThoughItIsKept) {
+  connect();
+  Lumo::ActivityLockAnchor activity;
+  const Lumo::Ptr<TrackedCmd> kept = command();
+  agent.queue()->cmdBatchEnq(kept);
+  agent.queue()->cmdBatchDelAll();
+  EXPECT_THAT(ends(), ElementsAre(Pair(1, Outcome::dropped)));
+  EXPECT_EQ(kit.status().worker, Status::Worker::idle);
+}
+
+TEST_F(Kit, DroppingWhatWaitsDropsCommandsThatAreKept) {
+  daemon.hold();
+  connect();
+  enqueue();
+  Lumo::Ptr<TrackedCmd> kept;
+  {
+    Lumo::ActivityLockAnchor activity;
+    kept = command();
+    agent.queue()->cmdBatchEnq(kept);
+  }
+  announce();
+  ASSERT_TRUE(ticking([&] { return daemon.calls().size() == 1; }));
+  {
+    Lumo::ActivityLockAnchor activity;
+    kit.dropWaiting();
+  }
+  EXPECT_THAT(ends(), ElementsAre(Pair(2, Outcome::dropped)));
+  EXPECT_EQ(status().inFlight->id, 1u);
+}
+
 TEST_F(Kit, FollowsQueuesFromBeforeAndAfterItsTime) {
   connect();
   Norv::Agent::Kit late(agent.config, agent.pending, agent.status);

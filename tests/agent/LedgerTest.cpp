@@ -117,6 +117,47 @@ TEST_F(Ledger, WhatAnotherThreadLetsGoWasDropped) {
   EXPECT_THAT(ends(), ElementsAre(Pair(1, Outcome::dropped)));
 }
 
+TEST_F(Ledger, WhatTheWorkerHasHadWasUndecodableWhoeverLetsItGo) {
+  const U64 first = announce();
+  const U64 second = announce();
+  EXPECT_EQ(books.takenBefore(second), first);
+  books.released(first);
+  books.released(second);
+  EXPECT_THAT(ends(),
+              ElementsAre(Pair(first, Outcome::undecodable), Pair(second, Outcome::dropped)));
+}
+
+TEST_F(Ledger, TakingTheNextTellsThatThoseBeforeAreDoneWith) {
+  const U64 first = announce();
+  const U64 second = announce();
+  const U64 third = announce();
+  EXPECT_EQ(books.takenBefore(first), std::nullopt);
+  EXPECT_THAT(ends(), IsEmpty());
+  EXPECT_EQ(books.takenBefore(third), second);
+  EXPECT_THAT(ends(), ElementsAre(Pair(first, Outcome::undecodable)));
+  EXPECT_EQ(books.takenBefore(std::nullopt), third);
+  EXPECT_THAT(ends(),
+              ElementsAre(Pair(first, Outcome::undecodable), Pair(second, Outcome::undecodable)));
+}
+
+TEST_F(Ledger, WhatIsDiscardedIsDroppedAtOnceAndOnce) {
+  const U64 id = announce();
+  books.discarded(id);
+  books.released(id);
+  EXPECT_THAT(ends(), ElementsAre(Pair(id, Outcome::dropped)));
+}
+
+TEST_F(Ledger, AnyThreadButItsOwnPassesForTheWorkerUntilThatIsKnown) {
+  EXPECT_FALSE(books.onWorker());
+  bool elsewhere = false;
+  std::thread([&] { elsewhere = books.onWorker(); }).join();
+  EXPECT_TRUE(elsewhere);
+  beTheWorker();
+  std::thread([&] { elsewhere = books.onWorker(); }).join();
+  EXPECT_TRUE(books.onWorker());
+  EXPECT_FALSE(elsewhere);
+}
+
 TEST_F(Ledger, WhatWasNeverAnnouncedIsDroppedWithoutANumber) {
   beTheWorker();
   books.released(books.created(Norv::getVersion));
@@ -137,7 +178,7 @@ TEST_F(Ledger, AnAnswerTellsThatThoseBeforeWereSkipped) {
 TEST_F(Ledger, TheFlagRisesOnTheOldest) {
   const U64 first = announce();
   announce();
-  books.flagRose(false, "unreachable");
+  books.flagRose(true, "unreachable");
   ASSERT_THAT(ends(), ElementsAre(Pair(first, Outcome::failed)));
   EXPECT_EQ(reports[0].errorText, "unreachable");
   ASSERT_TRUE(books.lastFailure());
@@ -146,7 +187,7 @@ TEST_F(Ledger, TheFlagRisesOnTheOldest) {
 
 TEST_F(Ledger, TheFlagRisesOnNothing) {
   announce();
-  books.flagRose(true, "set by hand");
+  books.flagRose(false, "set by hand");
   EXPECT_THAT(ends(), IsEmpty());
   EXPECT_FALSE(books.lastFailure());
 }
@@ -156,7 +197,7 @@ TEST_F(Ledger, WhileTheFlagIsSetTheWorkerDrops) {
   announce();
   const U64 second = announce();
   const U64 third = announce();
-  books.flagRose(false, "");
+  books.flagRose(true, "");
   books.released(second);
   books.flagCleared();
   books.released(third);
@@ -168,7 +209,7 @@ TEST_F(Ledger, WhatWasTakenWhileStoppedIsDroppedWhenItIsLetGo) {
   beTheWorker();
   announce();
   const U64 held = announce();
-  books.flagRose(false, "");
+  books.flagRose(true, "");
   books.takenWhileStopped(held);
   books.flagCleared();
   EXPECT_EQ(books.ended(), 1u);
@@ -180,7 +221,7 @@ TEST_F(Ledger, WhatWasTakenWhileStoppedIsDroppedWhenTheNextIsAnswered) {
   announce();
   const U64 held = announce();
   const U64 next = announce();
-  books.flagRose(false, "");
+  books.flagRose(true, "");
   books.takenWhileStopped(held);
   books.flagCleared();
   answer(next);
@@ -191,7 +232,7 @@ TEST_F(Ledger, WhatWasTakenWhileStoppedIsDroppedWhenTheNextIsAnswered) {
 TEST_F(Ledger, WhatWasTakenWhileStoppedAndIsAnsweredNonethelessWasSent) {
   announce();
   const U64 held = announce();
-  books.flagRose(false, "");
+  books.flagRose(true, "");
   books.takenWhileStopped(held);
   books.flagCleared();
   answer(held);
@@ -220,7 +261,7 @@ TEST_F(Ledger, ClosingWithNothingUnderWayDropsAll) {
 TEST_F(Ledger, ClosingTakesNoOtherForTheOneThatEndedMeanwhile) {
   const U64 first = announce();
   const U64 second = announce();
-  books.flagRose(false, "at the last moment");
+  books.flagRose(true, "at the last moment");
   books.close(first, "interrupted");
   EXPECT_THAT(ends(), ElementsAre(Pair(first, Outcome::failed), Pair(second, Outcome::dropped)));
 }
@@ -232,7 +273,7 @@ TEST_F(Ledger, CountsAddUp) {
   books.released(announce());
   announce();
   announce();
-  books.flagRose(false, "");
+  books.flagRose(true, "");
   books.close(std::nullopt, "");
   for (const Outcome outcome :
        {Outcome::ok, Outcome::refused, Outcome::undecodable, Outcome::failed, Outcome::dropped}) {

@@ -46,8 +46,17 @@ const char* workerName(Status::Worker worker);
 //   kit.managerIs(mgr);
 //   ... commands as Tracked<...>(kit.ledger(), ...), kit.tick() every few milliseconds ...
 //
-// Everything here is for the main thread, with the activity lock held. The worker tells the kit of
-// failures without it, so the kit must stay while a command is under way.
+// Everything here is for the main thread, with the activity lock held, and a kit is made on it. The
+// worker tells the kit of failures without it, so the kit must stay while a command is under way.
+//
+// What the kit cannot see:
+// - When the worker is done with a command whose reply does not decode, unless it lets go of the
+//   last reference. If its producer keeps one, the command counts as under way until the next one
+//   is seen to be taken or answered, or the producer lets go, and ends as undecodable then; a
+//   failure that comes before may be taken for its own. One that its producer lets go between two
+//   looks (tick, status) at the queue may end as dropped.
+// - What came of a command under way when somebody other than the worker raises the flag, if there
+//   is no answer to it: it ends as dropped.
 class Kit {
  public:
   Kit(const Lumo::Ptr<GrpcGlobalCmdConfig>& config, const Lumo::Ptr<CmdGroup>& pendingQueue,
@@ -59,6 +68,9 @@ class Kit {
 
   // Where tracked commands are entered.
   const std::shared_ptr<Ledger>& ledger() const { return ledger_; }
+  // Right after the manager is made, before anything else is asked of the kit. Its worker may have
+  // failed a command by then; that is in the books, but a command that is not tracked passes for
+  // the oldest one that is.
   void managerIs(const Lumo::Ptr<ConnectionsMgr>& manager);
   void failurePolicyIs(const FailurePolicy& policy) { policy_ = policy; }
   // Asked on the worker when the flag rises, for the text that goes into the failed command's
@@ -101,6 +113,8 @@ class Kit {
   class StatusWatcher;
 
   void follow(const Lumo::Name& name);
+  bool moving() const;
+  bool trackedFailed() const;
   void onFlag();
   void wakeWorker();
   template <class Function>
@@ -113,7 +127,8 @@ class Kit {
   const Lumo::Ptr<GrpcErrorHandlingStatus> status_;
   const std::shared_ptr<Ledger> ledger_;
   std::unique_ptr<FlightRecorder> recorder_;
-  Lumo::Ptr<ConnectionsMgr> manager_;
+  Lumo::Ptr<ConnectionsMgr> manager_;             // the main thread's
+  std::atomic<Lumo::Lock*> threadLock_{nullptr};  // of the manager, if connected
   FailurePolicy policy_;
   std::function<std::string()> failureText_;
   std::map<Lumo::Name, Lumo::Ptr<QueueWatcher>> queues_;

@@ -45,11 +45,13 @@ struct CommandReport {
 // and in order, so a command that has ended tells about those before it: they were skipped.
 //
 // Any thread. The listener is called once per command, in the order of the ends, on the thread that
-// ended it, possibly under threadLock; it must not call back into the manager or wait.
+// ended it, possibly under threadLock and while other ends wait for it; it must not call back into
+// the ledger, the kit or the manager, or wait.
 class Ledger {
  public:
   using Listener = std::function<void(const CommandReport&)>;
 
+  // Made on the main thread.
   explicit Ledger(TimeSource now = std::chrono::steady_clock::now) : now_(std::move(now)) {}
 
   // Set before the first command is announced.
@@ -60,11 +62,16 @@ class Ledger {
   U64 created(GrpcRequestType type, const TrackedEntry* entry = nullptr);
   void announced(U64 id, const Lumo::Name& queue);
   void answered(U64 id, Time at, int errorCode, const std::string& errorText);
-  void released(U64 id);  // without an answer
+  void released(U64 id);   // without an answer
+  void discarded(U64 id);  // taken out of its queue and not sent, whoever still holds it
+  // Commands leave the pending queue in the order of their announcement: the worker has taken every
+  // open one before `firstPending`, or every one if there is none. All but the last of these are
+  // done with. Returns that last one.
+  std::optional<U64> takenBefore(std::optional<U64> firstPending);
 
-  // The error flag has risen while the oldest open command was under way, or (nothingUnderWay)
-  // while no tracked command was. Until flagCleared, what is released unanswered was dropped.
-  void flagRose(bool nothingUnderWay, const std::string& text);
+  // The error flag has risen as the oldest open command failed, or (not commandFailed) otherwise.
+  // Until flagCleared, what is released unanswered was dropped.
+  void flagRose(bool commandFailed, const std::string& text);
   void flagCleared();
   // The worker holds the command as the flag is about to be cleared. Usually it has seen the flag,
   // and lets the command go unsent; should it only look now, the command is sent after all.
@@ -74,8 +81,9 @@ class Ledger {
   // failed with `reason`, the rest as dropped.
   void close(std::optional<U64> underWay, const std::string& reason);
 
-  // The thread that lets commands go after their RPC; anyone else who does has dropped them.
+  // The thread that takes and sends commands. Until it is known, that is any but the ledger's own.
   void workerIs(std::thread::id worker);
+  bool onWorker() const;  // whether this thread is the worker
 
   U64 count(Outcome outcome) const;
   U64 ended() const;
@@ -96,6 +104,7 @@ class Ledger {
   void endOldest(Outcome outcome, Reports& ended) LUMO_REQUIRES(lock_);
   Outcome skippedOutcome(U64 id) const LUMO_REQUIRES(lock_);
   void endSkippedBefore(U64 seq, Reports& ended) LUMO_REQUIRES(lock_);
+  bool isWorker() const LUMO_REQUIRES(lock_);
   std::optional<CommandReport> take(U64 id) LUMO_REQUIRES(lock_);
   void publish(const Reports& ended) LUMO_REQUIRES(publishing_);
 
@@ -115,7 +124,9 @@ class Ledger {
   U64 openMaximum_ LUMO_GUARDED_BY(lock_) = 0;
   std::map<Lumo::Name, U64> openOf_ LUMO_GUARDED_BY(lock_);  // by queue
   bool stopped_ LUMO_GUARDED_BY(lock_) = false;
-  U64 doubtful_ LUMO_GUARDED_BY(lock_) = 0;  // the last one taken while stopped
+  U64 doubtful_ LUMO_GUARDED_BY(lock_) = 0;      // the last one taken while stopped
+  U64 lastTakenSeq_ LUMO_GUARDED_BY(lock_) = 0;  // as far as it has been seen
+  const std::thread::id maker_ = std::this_thread::get_id();
   std::thread::id worker_ LUMO_GUARDED_BY(lock_);
   Time lastEnd_ LUMO_GUARDED_BY(lock_){};
   std::array<U64, outcomes> counts_ LUMO_GUARDED_BY(lock_){};

@@ -41,7 +41,8 @@ class TrackedEntry {
 //
 //   queue->cmdBatchEnq(Lumo::allocate<Norv::Agent::Tracked<CreatePort>>(kit.ledger(), request));
 //
-// The command's own handler runs first. Nothing else about the command changes.
+// The command's own handler runs first. Nothing else about the command changes. Keep no pointer to
+// one that has been announced: its release tells the ledger what came of it (see Kit).
 template <class Cmd>
 class Tracked : public Cmd, public TrackedEntry {
  public:
