@@ -69,10 +69,16 @@ Lumo::Ptr<GrpcGlobalCmdConfig> ConnectionsMgr::globalCmdConfig() const {
 }
 
 void ConnectionsMgr::globalCmdConfigIs(const Lumo::Ptr<GrpcGlobalCmdConfig>& config) {
-  if (lumoGlobalCmdConfig_) {
+  if (!config) {
+    const Lumo::Ptr<LumoGlobalCmdConfig> dropped = std::move(lumoGlobalCmdConfig_);
+    if (!dropped) return;
+    dropped->lumoDoZombieReactors(true);
+    dropped->connectionsMgrIs(nullptr);
+  } else if (lumoGlobalCmdConfig_) {
     lumoGlobalCmdConfig_->notifierIs(config);
-  } else if (config) {
+  } else {
     lumoGlobalCmdConfig_ = Lumo::allocate<LumoGlobalCmdConfig>(config, this);
+    lumoGlobalCmdConfig_->lumoDoZombieReactors(lumoMarkedForDeletion());
   }
 }
 
@@ -81,6 +87,8 @@ Lumo::ValidPtr<CmdConfigGroupSm> ConnectionsMgr::cmdConfigGroupSmIs(
   const Lumo::Name name = group->name();
   Lumo::Ptr<CmdConfigGroupSm> machine = cmdConfigGroupSm_[name];
   if (!machine) {
+    // Kept on purpose: made first, entered afterwards. A queue that a producer removes meanwhile
+    // leaves its machine behind.
     Lumo::Ptr<CmdConfigGroupSm> made = CmdConfigGroupSm::CmdConfigGroupSmIs(group, this);
     // Making it moved commands, and a producer that follows them may have caused a machine of the
     // same name meanwhile.

@@ -308,7 +308,7 @@ TEST_F(ConnectionsMgrTest, FollowsAQueueThatComesWhileItIsBeingMade) {
 }
 
 // Each decision on one manager, first the one way and then the other.
-TEST_F(ConnectionsMgrTest, ReadsTheSimulationVariableAfreshAtEachDecision) {
+TEST_F(ConnectionsMgrTest, KeptOnPurposeReadsTheSimulationVariableAfreshAtEachDecision) {
   std::optional<Environment> simulation;
   simulation.emplace("SIMULATION_NORV", "1");
   agent.connect(daemon.port());

@@ -113,7 +113,7 @@ TEST_F(Road, AllCommandsGoOverOneConnectionAlsoAfterAFailure) {
   EXPECT_EQ(agent.manager->client(), client);
 }
 
-TEST_F(Road, BatchesAnnouncedAfterAFailureAreDiscarded) {
+TEST_F(Road, KeptOnPurposeNothingClearsTheFlagAndBatchesAreDiscarded) {
   agent.connect(daemon.port());
   agent.status->errorOccuredIs(true);
   agent.enqueue();
@@ -122,6 +122,7 @@ TEST_F(Road, BatchesAnnouncedAfterAFailureAreDiscarded) {
   EXPECT_EQ(agent.queue()->cmdBatchs(), 0u);
   EXPECT_THAT(agent.log->releasedNumbers(), ElementsAre(0, 1));
   EXPECT_EQ(daemon.calls().size(), 0u);
+  EXPECT_TRUE(agent.status->errorOccured());
 }
 
 }  // namespace

@@ -118,7 +118,7 @@ TEST_F(Tracking, RefusesAnotherQueueOfTheSameName) {
   EXPECT_EQ(machine("a")->configGroup(), old);
 }
 
-TEST_F(Tracking, ReplacingAQueueInTheCollectionRaisesAfterItIsStored) {
+TEST_F(Tracking, KeptOnPurposeReplacingAQueueInTheCollectionRaisesAfterItIsStored) {
   const auto old = agent.queue("a");
   const Lumo::Ptr<CmdConfigGroup> fresh = CmdConfigGroup::CmdConfigGroupIs("a");
   const TraceRecorder trace("NorvConnectionsMgr/5");
@@ -262,6 +262,31 @@ TEST_F(Tracking, AnotherCollectionIsOnlyFollowed) {
   EXPECT_TRUE(machine("c"));
 }
 
+TEST_F(Tracking, HearsAgainAfterItFollowedNoCollection) {
+  agent.queue("a");
+  agent.manager->globalCmdConfigIs(nullptr);
+  EXPECT_EQ(agent.manager->globalCmdConfig(), nullptr);
+  agent.queue("b");
+  EXPECT_TRUE(machine("a"));
+  EXPECT_FALSE(machine("b"));
+  const auto other = GrpcGlobalCmdConfig::GrpcGlobalCmdConfigIs("other");
+  agent.manager->globalCmdConfigIs(other);
+  EXPECT_EQ(agent.manager->globalCmdConfig(), other);
+  other->cmdConfigGroupIs(CmdConfigGroup::CmdConfigGroupIs("c"));
+  EXPECT_TRUE(machine("c"));
+}
+
+TEST_F(Tracking, AZombieHearsNothingOfACollectionSetAfterNone) {
+  agent.manager->globalCmdConfigIs(nullptr);
+  agent.manager->lumoDoZombieReactors(true);
+  agent.manager->globalCmdConfigIs(agent.config);
+  agent.queue("a");
+  EXPECT_FALSE(machine("a"));
+  agent.manager->lumoDoZombieReactors(false);
+  agent.queue("b");
+  EXPECT_TRUE(machine("b"));
+}
+
 TEST_F(Tracking, MachinesAreDeletedByNameIteratorAndAllAtOnce) {
   for (const char* name : {"a", "b", "c", "d"}) agent.queue(name);
   EXPECT_TRUE(agent.manager->cmdConfigGroupSmDel("a"));
@@ -302,6 +327,21 @@ TEST_F(Tracking, SurvivesAProducerThatRemovesItsQueueMeanwhile) {
   agent.announce();
   EXPECT_FALSE(machine());
   EXPECT_EQ(agent.pending->cmdBatchs(), 2u);
+}
+
+TEST_F(Tracking, KeptOnPurposeAQueueRemovedWhileItsMachineIsMadeLeavesTheMachine) {
+  const auto queue = CmdConfigGroup::CmdConfigGroupIs("main");
+  queue->cmdBatchEnq(agent.command());
+  const auto remover = Lumo::allocate<Remover>(queue, &agent);
+  agent.config->cmdConfigGroupIs(queue);
+  EXPECT_FALSE(agent.config->cmdConfigGroupHas("main"));
+  ASSERT_TRUE(machine());
+  EXPECT_EQ(machine()->configGroup(), queue);
+  EXPECT_THROW(agent.config->cmdConfigGroupIs(CmdConfigGroup::CmdConfigGroupIs("main")),
+               Lumo::NameInUseException);
+  // The way out.
+  agent.config->cmdConfigGroupDel("main");
+  EXPECT_FALSE(machine());
 }
 
 }  // namespace

@@ -47,7 +47,7 @@ class ConnectionsMgr : public Lumo::PtrInterface {
     ConnectionsMgr* connectionsMgr_;  // not counted
   };
 
-  // Ends by calling handleInitialized. `globalCmdConfig` must not be null.
+  // Ends by calling handleInitialized. None of them may be null.
   ConnectionsMgr(const Lumo::Ptr<const ConnectionConfig>& hostConfig,
                  const Lumo::Ptr<GrpcGlobalCmdConfig>& globalCmdConfig,
                  const Lumo::Ptr<CmdGroup>& pendingQueue,
@@ -63,7 +63,8 @@ class ConnectionsMgr : public Lumo::PtrInterface {
   Lumo::Ptr<const ConnectionConfig> hostConfig() const { return hostConfig_; }
   Lumo::Ptr<GrpcGlobalCmdConfig> globalCmdConfig() const;
   // Follows another collection from now on. Its queues are not walked, and the machines stay, until
-  // notifications for their names arrive.
+  // notifications for their names arrive. Null: follows none until another one is set; the machines
+  // go on.
   void globalCmdConfigIs(const Lumo::Ptr<GrpcGlobalCmdConfig>& config);
   Lumo::Ptr<CmdGroup> pendingQueue() const { return pendingQueue_; }
   Lumo::Ptr<GrpcErrorHandlingStatus> grpcErrorHandlingStatus() const {
@@ -84,8 +85,9 @@ class ConnectionsMgr : public Lumo::PtrInterface {
   Lumo::Ptr<CmdConfigGroupSm> cmdConfigGroupSm(Lumo::Name name) const {  // null: absent
     return cmdConfigGroupSm_[name];
   }
-  // The machine of the group, made if absent. NameInUseException, and nothing changed, if the
-  // name's machine follows another group.
+  // The machine of the group, made if absent.
+  // Kept on purpose: NameInUseException, and nothing changed, if the name's machine follows another
+  // group, also when that one has been replaced in the collection.
   Lumo::ValidPtr<CmdConfigGroupSm> cmdConfigGroupSmIs(const Lumo::Ptr<CmdConfigGroup>& group);
   Lumo::Ptr<CmdConfigGroupSm> cmdConfigGroupSmDel(Lumo::Name name) {  // null: absent
     return cmdConfigGroupSm_.memberDel(name);
@@ -122,7 +124,8 @@ class ConnectionsMgr : public Lumo::PtrInterface {
   // Moves every command of the group to the pending queue, in order, under one hold of threadLock,
   // and wakes the client once. While the error flag is set the commands are deleted instead.
   void doEnqueueBatch(const Lumo::Ptr<CmdConfigGroup>& group);
-  // The move itself; returns how many there were at its start. Stops at a null command.
+  // The move itself; returns how many there were at its start.
+  // Kept on purpose: stops at a null command.
   U32 doEnqueueBatchHelper(const Lumo::Ptr<CmdConfigGroup>& group);
 
   // A queue has come, changed or gone.

@@ -5,7 +5,8 @@
 namespace Norv {
 
 // The one flag by which the client says that an RPC has failed. Client and manager look at it
-// before they send or move more; they set it and never clear it. Clearing is the agent's decision.
+// before they send or move more. Kept on purpose: they set it and never clear it. Clearing is the
+// agent's decision.
 //
 // The flag is set on the client's thread, which also delivers onErrorOccured(), holding no lock: a
 // reactor that touches entities takes an ActivityLockAnchor itself. The flag may be read anywhere.
