@@ -1,9 +1,10 @@
 // The library in an agent's own program: a queue, a typed command, its response.
-// Start a daemon first, for one: bessd-standin
+// Start a daemon first, for one: bessd-standin. Usage: example_embed [PORT]
 
 #include <unistd.h>
 
 #include <iostream>
+#include <string>
 
 #include <Lumo/MainLoop.h>
 #include <Norv/ConnectionsMgr.h>
@@ -24,8 +25,9 @@ class Ask : public TypedCmd<getVersion> {
   bool* const done_;
 };
 
-int main() {
-  auto host = ConnectionConfig::ConnectionConfigIs(10514, "localhost");
+int main(int argc, char** argv) {
+  const U16 port = argc > 1 ? static_cast<U16>(std::stoi(argv[1])) : 10514;
+  auto host = ConnectionConfig::ConnectionConfigIs(port, "localhost");
   auto queues = GrpcGlobalCmdConfig::GrpcGlobalCmdConfigIs("queues");
   auto pending = CmdGroup::CmdGroupIs();
   auto status = GrpcErrorHandlingStatus::GrpcErrorHandlingStatusIs();
@@ -46,7 +48,10 @@ int main() {
     return done || status->errorOccured();
   };
   const bool ended = loop.runUntil(wake, std::chrono::seconds(5));
-  if (!ended) std::cerr << "no daemon answered at localhost:10514 within 5 seconds\n";
+  if (!ended) std::cerr << "no daemon answered at localhost:" << port << " within 5 seconds\n";
+  if (status->errorOccured()) {
+    std::cerr << "the call failed; set LUMO_TRACE=GrpcClient/0 to see why\n";
+  }
   // The worker cannot be told to stop: leave the process without destroying the manager.
   std::cout.flush();
   _exit(done ? 0 : 1);
