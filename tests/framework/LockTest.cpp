@@ -288,7 +288,7 @@ TEST(Condition, IsMadeAndFreedPlainly) {
   EXPECT_EQ(Lumo::PtrInterface::lumoAllocTrackTypeInfo_.live(), live);
 }
 
-TEST(Condition, OneSignalWakesAllWaiters) {
+TEST(Condition, KeptOnPurposeOneSignalWakesAllWaiters) {
   Waiters waiters;
   waiters.start(3);
   {
