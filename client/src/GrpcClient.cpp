@@ -42,7 +42,7 @@ void GrpcClient::doProcessGrpcCmd() {
       continue;
     }
     // Kept on purpose: a command taken while the flag is set is dropped, one per wake-up; it is let
-    // go when the next one is taken.
+    // go when the next one is taken. A null command passes for an empty queue.
     Twine::trace<ClientTrace::noMoreCmds>();
     Lumo::LockAnchor anchor(lock_, 0);
     condition_->wait(lock_);
