@@ -3,6 +3,8 @@
 #include <Norv/ConnectionsMgr.h>
 #include <Norv/ManagerTrace.h>
 
+#include "Follow.h"
+
 namespace Norv {
 
 namespace {
@@ -15,30 +17,6 @@ constexpr auto attributes = Lumo::attrTable(
     Lumo::readOnly<CmdConfigGroupSm, &CmdConfigGroupSm::name>(132, "name"),
     Lumo::function<CmdConfigGroupSm, &CmdConfigGroupSm::handleBatch>(133, "handleBatch"),
     Lumo::described(134, "connectionsMgr", "Norv::ConnectionsMgr"));
-
-// The setter of an attribute that is held through a reactor: drops, re-points or makes the reactor.
-template <class Reactor, class Notifier>
-void follow(CmdConfigGroupSm* owner, Lumo::Ptr<Reactor>& reactor,
-            const Lumo::Ptr<Notifier>& notifier) {
-  if (!reactor && !notifier) return;
-  if (reactor && reactor->lumoRawNotifier() == notifier.ptr()) return;
-  if (!notifier) {
-    const Lumo::Ptr<Reactor> dropped = std::move(reactor);
-    dropped->lumoDoZombieReactors(true);
-    dropped->cmdConfigGroupSmIs(nullptr);
-    return;
-  }
-  if (!reactor) {
-    reactor = Lumo::allocate<Reactor>(notifier, owner);
-    reactor->lumoDoZombieReactors(owner->lumoMarkedForDeletion());
-    return;
-  }
-  // The reactor's notifierIs moves commands, and whoever follows those may delete the owner.
-  const Lumo::Ptr<CmdConfigGroupSm> keptOwner(owner);
-  const Lumo::Ptr<Reactor> current = reactor;
-  current->notifierIs(notifier);
-  current->lumoDoZombieReactors(owner->lumoMarkedForDeletion());
-}
 
 }  // namespace
 
@@ -113,7 +91,7 @@ Lumo::Ptr<const Lumo::Clock> CmdConfigGroupSm::clock() const {
 }
 
 void CmdConfigGroupSm::clockIs(const Lumo::Ptr<const Lumo::Clock>& clock) {
-  follow(this, lumoClock_, clock);
+  follow(this, lumoClock_, clock, &LumoClock::cmdConfigGroupSmIs);
 }
 
 Lumo::Ptr<CmdConfigGroup> CmdConfigGroupSm::configGroup() const {
@@ -122,7 +100,7 @@ Lumo::Ptr<CmdConfigGroup> CmdConfigGroupSm::configGroup() const {
 }
 
 void CmdConfigGroupSm::configGroupIs(const Lumo::Ptr<CmdConfigGroup>& configGroup) {
-  follow(this, lumoConfigGroup_, configGroup);
+  follow(this, lumoConfigGroup_, configGroup, &LumoConfigGroup::cmdConfigGroupSmIs);
 }
 
 Lumo::Name CmdConfigGroupSm::name() const {

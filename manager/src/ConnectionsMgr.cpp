@@ -8,6 +8,8 @@
 #include <Norv/GrpcClient.h>
 #include <Norv/ManagerTrace.h>
 
+#include "Follow.h"
+
 namespace Norv {
 
 namespace {
@@ -69,17 +71,7 @@ Lumo::Ptr<GrpcGlobalCmdConfig> ConnectionsMgr::globalCmdConfig() const {
 }
 
 void ConnectionsMgr::globalCmdConfigIs(const Lumo::Ptr<GrpcGlobalCmdConfig>& config) {
-  if (!config) {
-    const Lumo::Ptr<LumoGlobalCmdConfig> dropped = std::move(lumoGlobalCmdConfig_);
-    if (!dropped) return;
-    dropped->lumoDoZombieReactors(true);
-    dropped->connectionsMgrIs(nullptr);
-  } else if (lumoGlobalCmdConfig_) {
-    lumoGlobalCmdConfig_->notifierIs(config);
-  } else {
-    lumoGlobalCmdConfig_ = Lumo::allocate<LumoGlobalCmdConfig>(config, this);
-    lumoGlobalCmdConfig_->lumoDoZombieReactors(lumoMarkedForDeletion());
-  }
+  follow(this, lumoGlobalCmdConfig_, config, &LumoGlobalCmdConfig::connectionsMgrIs);
 }
 
 Lumo::ValidPtr<CmdConfigGroupSm> ConnectionsMgr::cmdConfigGroupSmIs(
