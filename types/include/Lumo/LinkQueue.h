@@ -78,7 +78,7 @@ class LinkQueue {
   // Kept on purpose: deleting the tail takes its index back, and the next append uses it again
   // (unless it was the head as well).
   Ptr<Entry> _memberDel(Index index);
-  // Drops every entry, front first, so that a long chain is not released recursively.
+  // Drops every entry.
   void _memberDelAll();
 
   // The entry with exactly this index, or null.
@@ -87,6 +87,15 @@ class LinkQueue {
   // Where an iteration from `index` begins, around the wrap: the entry with that index or the first
   // one after it; null if there is none.
   Ptr<Entry> startAt(Index index) const;
+
+ protected:
+  // Releases a chain from the front, so that a long one is not released recursively.
+  static void dropChain(Ptr<Entry> entry) {
+    while (entry) {
+      Ptr<Entry> next = std::move(entry->lqNext());
+      entry = std::move(next);
+    }
+  }
 
  private:
   Entry* find(Index index) const {
@@ -251,11 +260,7 @@ void LinkQueue<Entry, Index>::unlinkAfter(Entry* previous, Entry& found) {
 
 template <class Entry, class Index>
 void LinkQueue<Entry, Index>::_memberDelAll() {
-  Ptr<Entry> entry = std::move(head_);
-  while (entry) {
-    Ptr<Entry> next = std::move(entry->lqNext());
-    entry = std::move(next);
-  }
+  dropChain(std::move(head_));
   tail_ = nullptr;
   headIndex_ = tailIndex_;
   ++version_;

@@ -48,7 +48,7 @@ class CmdBatch : public Lumo::LinkQueue<CmdBatchEntry<Owner>> {
   using Entry = CmdBatchEntry<Owner>;
 
   CmdBatch() = default;
-  ~CmdBatch() { dropSpares(); }
+  ~CmdBatch() { this->dropChain(std::move(spare_)); }
 
   // Appends `cmd`, null included, and returns its index.
   U32 enq(Lumo::Ptr<GrpcCmd> cmd) {
@@ -106,10 +106,6 @@ class CmdBatch : public Lumo::LinkQueue<CmdBatchEntry<Owner>> {
     reused->fwkQkeyIs(index);
     reused->cmdBatch() = std::move(cmd);
     return reused;
-  }
-  // One by one, so that a long chain is not released recursively.
-  void dropSpares() {
-    while (spare_) spare_ = Lumo::Ptr<Entry>(std::move(spare_->lqNext()));
   }
 
   Lumo::Ptr<Entry> spare_;  // the first of a chain without commands
