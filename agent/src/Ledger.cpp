@@ -75,6 +75,14 @@ void Ledger::answered(U64 id, Time at, int errorCode, const std::string& errorTe
 }
 
 void Ledger::released(U64 id) {
+  endUnanswered(id, true);
+}
+
+void Ledger::discarded(U64 id) {
+  endUnanswered(id, false);
+}
+
+void Ledger::endUnanswered(U64 id, bool maybeSent) {
   Lumo::LockAnchor inOrder(&publishing_);
   Reports ended;
   {
@@ -83,23 +91,11 @@ void Ledger::released(U64 id) {
     if (!report) return;
     if (report->seq == 0) report->errorText = neverAnnounced;
     // Whoever holds it last: it was sent if the worker has had it.
-    const bool taken = report->seq != 0 && (isWorker() || report->seq <= lastTakenSeq_);
+    const bool taken =
+        maybeSent && report->seq != 0 && (isWorker() || report->seq <= lastTakenSeq_);
     if (taken) endSkippedBefore(report->seq, ended);
     const Outcome outcome = taken ? skippedOutcome(id) : Outcome::dropped;
     end(std::move(*report), outcome, now_(), ended);
-  }
-  publish(ended);
-}
-
-void Ledger::discarded(U64 id) {
-  Lumo::LockAnchor inOrder(&publishing_);
-  Reports ended;
-  {
-    Lumo::LockAnchor anchor(&lock_);
-    std::optional<CommandReport> report = take(id);
-    if (!report) return;
-    if (report->seq == 0) report->errorText = neverAnnounced;
-    end(std::move(*report), Outcome::dropped, now_(), ended);
   }
   publish(ended);
 }

@@ -101,6 +101,7 @@ class Ledger {
   using Reports = std::vector<CommandReport>;
 
   void end(CommandReport report, Outcome outcome, Time at, Reports& ended) LUMO_REQUIRES(lock_);
+  void endUnanswered(U64 id, bool maybeSent);
   void endOldest(Outcome outcome, Reports& ended) LUMO_REQUIRES(lock_);
   Outcome skippedOutcome(U64 id) const LUMO_REQUIRES(lock_);
   void endSkippedBefore(U64 seq, Reports& ended) LUMO_REQUIRES(lock_);
