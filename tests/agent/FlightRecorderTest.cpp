@@ -1,3 +1,4 @@
+#include <support/TemporaryFolder.h>
 #include <sys/stat.h>
 
 #include <filesystem>
@@ -19,34 +20,7 @@ namespace {
 using namespace agent_test;
 using nlohmann::json;
 using Norv::Agent::FlightRecorder;
-
-class TemporaryFolder {
- public:
-  TemporaryFolder() {
-    std::string name = (std::filesystem::temp_directory_path() / "recorder-XXXXXX").string();
-    EXPECT_NE(::mkdtemp(name.data()), nullptr);
-    path_ = name;
-  }
-  ~TemporaryFolder() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-  }
-  TemporaryFolder(const TemporaryFolder&) = delete;
-  TemporaryFolder& operator=(const TemporaryFolder&) = delete;
-
-  std::string file(const std::string& name) const { return (path_ / name).string(); }
-  std::vector<std::string> names() const {
-    std::vector<std::string> names;
-    for (const auto& entry : std::filesystem::directory_iterator(path_)) {
-      names.push_back(entry.path().filename());
-    }
-    std::sort(names.begin(), names.end());
-    return names;
-  }
-
- private:
-  std::filesystem::path path_;
-};
+using support::TemporaryFolder;
 
 std::vector<std::string> textsIn(const std::string& path) {
   std::vector<std::string> texts;
@@ -335,6 +309,13 @@ TEST_F(FlightRecorderTest, ACopyThatCannotBeWrittenIsReportedAndNoMore) {
 
 struct KitRecorder : KitFixture {
   json details() const { return detailsIn(folder.file("run.failure-1.json")); }
+  void failOneCommand() {
+    answerNth(0, {14, "gone", ""});
+    connect();
+    enqueue();
+    announce();
+    ASSERT_TRUE(ticking([&] { return kit.stopped(); }));
+  }
 
   TemporaryFolder folder;
 };
@@ -342,11 +323,7 @@ struct KitRecorder : KitFixture {
 TEST_F(KitRecorder, FreezesTheCommandThatFailed) {
   kit.failureTextIs([] { return std::string("as the daemon said"); });
   kit.flightRecorderIs(folder.file("run"));
-  answerNth(0, {14, "gone", ""});
-  connect();
-  enqueue();
-  announce();
-  ASSERT_TRUE(ticking([&] { return kit.stopped(); }));
+  failOneCommand();
   EXPECT_EQ(details()["command"]["type"], "getVersion");
   EXPECT_EQ(details()["command"]["outcome"], "failed");
   EXPECT_EQ(details()["reason"], "as the daemon said");
@@ -380,11 +357,7 @@ TEST_F(KitRecorder, ShowsTheRequestOfTheCommandUnlessItIsTooLarge) {
 
 TEST_F(KitRecorder, FindsTheReasonItselfWhereTheAgentHasNone) {
   kit.flightRecorderIs(folder.file("run"));
-  answerNth(0, {14, "gone", ""});
-  connect();
-  enqueue();
-  announce();
-  ASSERT_TRUE(ticking([&] { return kit.stopped(); }));
+  failOneCommand();
   EXPECT_EQ(details()["reason"], "Failure to process response: error_code: 14 error_message: gone");
   EXPECT_EQ(details()["grpc_code"], 14);
   EXPECT_EQ(kit.ledger()->lastFailure()->errorText, "the RPC failed");

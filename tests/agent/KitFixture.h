@@ -42,6 +42,13 @@ struct KitFixture : testing::Test {
     Lumo::ActivityLockAnchor activity;
     for (int i = 0; i < count; ++i) agent.queue(queue)->cmdBatchEnq(command(type));
   }
+  // One more, with a pointer to it that its producer keeps.
+  Lumo::Ptr<TrackedCmd> enqueueKept() {
+    Lumo::ActivityLockAnchor activity;
+    const Lumo::Ptr<TrackedCmd> kept = command();
+    agent.queue("main")->cmdBatchEnq(kept);
+    return kept;
+  }
   void announce(const std::string& queue = "main") {
     Lumo::ActivityLockAnchor activity;
     agent.announce(queue);

@@ -42,12 +42,7 @@ TEST_F(Kit, NamesAReplyThatDoesNotDecode) {
 TEST_F(Kit, NamesAReplyThatDoesNotDecodeOfACommandThatIsKept) {
   answerNth(0, {0, "", "\x0a\x7f"});
   connect();
-  Lumo::Ptr<TrackedCmd> kept;
-  {
-    Lumo::ActivityLockAnchor activity;
-    kept = command();
-    agent.queue()->cmdBatchEnq(kept);
-  }
+  Lumo::Ptr<TrackedCmd> kept = enqueueKept();
   enqueue();
   announce();
   EXPECT_TRUE(ticking([&] { return ends().size() == 2; }));
@@ -57,12 +52,7 @@ TEST_F(Kit, NamesAReplyThatDoesNotDecodeOfACommandThatIsKept) {
 TEST_F(Kit, ACommandThatIsKeptEndsWhenTheNextIsTaken) {
   answerNth(0, {0, "", "\x0a\x7f"});
   connect();
-  Lumo::Ptr<TrackedCmd> kept;
-  {
-    Lumo::ActivityLockAnchor activity;
-    kept = command();
-    agent.queue()->cmdBatchEnq(kept);
-  }
+  Lumo::Ptr<TrackedCmd> kept = enqueueKept();
   announce();
   ASSERT_TRUE(ticking([&] { return daemon.calls().size() == 1 && kept->references() == 1; }));
   daemon.hold();
@@ -76,12 +66,7 @@ TEST_F(Kit, ACommandThatIsKeptEndsWhenTheNextIsTaken) {
 TEST_F(Kit, ACommandThatWasSentIsNotDroppedWhenItsProducerLetsItGo) {
   answerNth(0, {0, "", "\x0a\x7f"});
   connect();
-  Lumo::Ptr<TrackedCmd> kept;
-  {
-    Lumo::ActivityLockAnchor activity;
-    kept = command();
-    agent.queue()->cmdBatchEnq(kept);
-  }
+  Lumo::Ptr<TrackedCmd> kept = enqueueKept();
   announce();
   // Seen to be taken; then let go by the worker, so that the last reference is ours.
   ASSERT_TRUE(ticking([&] { return daemon.calls().size() == 1 && kept->references() == 1; }));
@@ -108,12 +93,7 @@ TEST_F(Kit, DroppingWhatWaitsDropsCommandsThatAreKept) {
   daemon.hold();
   connect();
   enqueue();
-  Lumo::Ptr<TrackedCmd> kept;
-  {
-    Lumo::ActivityLockAnchor activity;
-    kept = command();
-    agent.queue()->cmdBatchEnq(kept);
-  }
+  Lumo::Ptr<TrackedCmd> kept = enqueueKept();
   announce();
   ASSERT_TRUE(ticking([&] { return daemon.calls().size() == 1; }));
   {

@@ -1,7 +1,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
+#include <support/TemporaryFolder.h>
 
 #include <cstdio>
 #include <filesystem>
@@ -14,26 +14,7 @@
 
 #include "TracePoints.h"
 
-// A folder of its own for each test, removed at its end.
-class TemporaryFolder {
- public:
-  TemporaryFolder() {
-    std::string name = (std::filesystem::temp_directory_path() / "skein-test-XXXXXX").string();
-    if (!::mkdtemp(name.data())) std::perror("mkdtemp");
-    path_ = name;
-  }
-  ~TemporaryFolder() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-  }
-  TemporaryFolder(const TemporaryFolder&) = delete;
-  TemporaryFolder& operator=(const TemporaryFolder&) = delete;
-
-  std::string file(const std::string& name) const { return (path_ / name).string(); }
-
- private:
-  std::filesystem::path path_;
-};
+using support::TemporaryFolder;
 
 // A record as the tests compare it.
 struct Seen {
