@@ -1,8 +1,20 @@
 #include <algorithm>
+#include <cmath>
+#include <limits>
 
 #include <Lumo/Clock.h>
 
 namespace Lumo {
+
+namespace {
+
+constexpr double never = std::numeric_limits<double>::infinity();
+
+void checkTime(double time) {
+  if (std::isnan(time)) throwRangeException("a time must be a number of seconds");
+}
+
+}  // namespace
 
 Ptr<Clock> Clock::ClockIs(Name name) {
   return allocate<Clock>(name);
@@ -15,21 +27,25 @@ void Clock::zeroReferencesIs(bool zero) {
 }
 
 void Clock::timeIs(double time) {
+  checkTime(time);
   fwkEntityVersionInc();
-  time_ = time;
-  assertNoReadsPreserved();
+  if (time != time_) {
+    time_ = time;
+    assertNoReadsPreserved();
+  }
+  const Ptr<Entity const> kept(schedule_.empty() ? nullptr : this);
   // Requests made by the handlers called here belong to the next event, so the due ones are counted
   // out before the first call; one that is withdrawn meanwhile is looked up in vain.
-  std::vector<NotifieeListClockKey> due;
+  std::vector<std::pair<NotifieeListClockKey, U64>> due;
   for (const auto& [key, node] : schedule_) {
     if (key.time > time) break;
-    due.push_back(key);
+    due.emplace_back(key, node.number());
   }
-  for (const NotifieeListClockKey& key : due) {
+  for (const auto& [key, number] : due) {
     const auto found = schedule_.find(key);
-    if (found == schedule_.end()) continue;
+    if (found == schedule_.end() || found->second.number() != number) continue;
     const Ptr<NotifieeConst> reactor(found->second.reactor());
-    schedule_.erase(found);
+    scheduleDel(reactor.ptr());
     try {
       reactor->onTime();
     } catch (...) {
@@ -39,27 +55,44 @@ void Clock::timeIs(double time) {
 }
 
 double Clock::nextTimeout() const {
-  return schedule_.empty() ? -1 : std::max(0.0, schedule_.begin()->first.time);
+  if (schedule_.empty() || schedule_.begin()->first.time == never) return -1;
+  return std::max(0.0, schedule_.begin()->first.time);
+}
+
+// Behind those that wait for the same time.
+NotifieeListClockKey Clock::nextKey(double time) const {
+  const auto later = schedule_.upper_bound({time, std::numeric_limits<int>::max()});
+  if (later == schedule_.begin() || std::prev(later)->first.time != time) return {time, 0};
+  const int last = std::prev(later)->first.seq;
+  if (last == std::numeric_limits<int>::max()) {
+    throwRangeException("the clock has too many requests for one time");
+  }
+  return {time, last + 1};
 }
 
 void Clock::scheduleIs(NotifieeConst* reactor, double time) const {
   const double before = nextTimeout();
   scheduleDel(reactor);
-  const int seq = static_cast<int>(nextSeq_++);
-  schedule_.emplace(NotifieeListClockKey{time, seq}, NotifieeListClockLinkNode(reactor));
-  if (earlierRequestHook_ && (before < 0 || nextTimeout() < before)) earlierRequestHook_();
+  const NotifieeListClockKey key = nextKey(time);
+  schedule_.emplace(key, NotifieeListClockLinkNode(reactor, ++requests_));
+  reactor->request_ = key;
+  const double now = nextTimeout();
+  if (earlierRequestHook_ && now >= 0 && (before < 0 || now < before)) earlierRequestHook_();
 }
 
-void Clock::scheduleDel(const NotifieeConst* reactor) const {
-  std::erase_if(schedule_, [&](const auto& entry) { return entry.second.reactor() == reactor; });
+void Clock::scheduleDel(NotifieeConst* reactor) const {
+  if (!reactor->request_) return;
+  schedule_.erase(*reactor->request_);
+  reactor->request_.reset();
 }
 
-Clock::NotifieeConst::NotifieeConst(Ptr<Clock const> const& clock) {
+Clock::NotifieeConst::NotifieeConst(Ptr<Clock const> const& clock) : NotifieeConst() {
   startFollowing(clock);
 }
 
 Clock::NotifieeConst::~NotifieeConst() {
   doZombieReactor(true);
+  NotifieeConst::isRegisteredNotifieeIs(false);  // leaves the schedule as well
 }
 
 void Clock::NotifieeConst::isRegisteredNotifieeIs(bool registered) const {
@@ -77,6 +110,7 @@ Ptr<Clock const> Clock::NotifieeConst::notifier() const {
 }
 
 void Clock::NotifieeConst::timeoutIs(double time) {
+  checkTime(time);
   if (isRegisteredNotifiee()) notifier()->scheduleIs(this, time);
 }
 

@@ -1,4 +1,3 @@
-#include <cctype>
 #include <ostream>
 
 #include <Lumo/EnumType.h>
@@ -13,6 +12,11 @@ const EnumRow* rowOf(const EnumLumoType& type, U32 number) {
     if (row.number == number) return &row;
   }
   return nullptr;
+}
+
+// In ASCII, whatever the locale calls a letter.
+bool inName(char c) {
+  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_';
 }
 
 }  // namespace
@@ -49,8 +53,7 @@ void EnumType<W>::sequenceToValue(const EnumLumoType& type, String::IteratorCons
                                   const String::IteratorConst& end, W* out) {
   std::string name;
   String::IteratorConst position = begin;
-  while (position != end &&
-         (std::isalnum(static_cast<unsigned char>(*position)) || *position == '_')) {
+  while (position != end && inName(*position)) {
     name += *position;
     ++position;
   }

@@ -54,7 +54,10 @@ const char* GenericValue::typeName() const {
 
 U64 GenericValue::number() const {
   return std::visit(Overloaded{
-                        [](int value) { return static_cast<U64>(value); },
+                        [](int value) {
+                          if (value < 0) throwRangeException("a negative number does not fit");
+                          return static_cast<U64>(value);
+                        },
                         [](U16 value) { return static_cast<U64>(value); },
                         [](U32 value) { return static_cast<U64>(value); },
                         [](U64 value) { return value; },

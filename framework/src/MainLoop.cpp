@@ -5,6 +5,7 @@
 
 #include <cerrno>
 
+#include <Lumo/Assert.h>
 #include <Lumo/Exception.h>
 #include <Lumo/MainLoop.h>
 
@@ -16,6 +17,11 @@ using namespace std::chrono_literals;
 
 // How long runUntil goes without looking at its condition.
 constexpr auto conditionInterval = 2ms;
+
+void assertActivityLockFree() {
+  const ActivityLockAnchor activity;
+  LUMO_ASSERT(activity.locked(), "the main loop runs outside of any ActivityLockAnchor");
+}
 
 }  // namespace
 
@@ -61,6 +67,7 @@ void MainLoop::stop() {
 }
 
 void MainLoop::run() {
+  assertActivityLockFree();
   while (true) {
     turn();
     if (takeStop()) return;
@@ -69,6 +76,7 @@ void MainLoop::run() {
 }
 
 bool MainLoop::runUntil(const std::function<bool()>& condition, Duration timeout) {
+  assertActivityLockFree();
   const TimePoint deadline = std::chrono::steady_clock::now() + timeout;
   while (true) {
     turn();
@@ -118,7 +126,9 @@ MainLoop::TimePoint MainLoop::startWaiting() {
   ActivityLockAnchor activity;
   waiting_ = true;
   const double next = clock_->nextTimeout();
-  if (next < 0) return TimePoint::max();
+  // Later than any of our times may be: by then another request is due, or nothing ever.
+  constexpr double farAway = 1e9;
+  if (next < 0 || next > farAway) return TimePoint::max();
   return start_ + std::chrono::duration_cast<Duration>(std::chrono::duration<double>(next));
 }
 

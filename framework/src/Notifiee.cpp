@@ -1,9 +1,13 @@
+#include <Lumo/Exception.h>
+#include <Lumo/GenericValue.h>
 #include <Lumo/Notifiee.h>
 
 namespace Lumo {
 
 NotifieeConst::~NotifieeConst() {
   doZombieReactor(true);
+  // A zombie whose notification was switched off and on again is back in the list.
+  NotifieeConst::isRegisteredNotifieeIs(false);
 }
 
 bool NotifieeConst::lumoReactor() const {
@@ -20,10 +24,17 @@ void NotifieeConst::isRegisteredNotifieeIs(bool registered) const {
 
 void NotifieeConst::notifierIs(Ptr<PtrInterface const> const& notifier) {
   if (notifier == notifier_) return;
+  checkFollows(notifier.ptr());
   const bool wasRegistered = registered_;
   isRegisteredNotifieeIs(false);
   notifier_ = notifier;
   isRegisteredNotifieeIs(wasRegistered);
+}
+
+void NotifieeConst::checkFollows(const PtrInterface* notifier) const {
+  if (!notifier || !follows_ || follows_(notifier)) return;
+  throwRangeException(String("a reactor of type ") + fwkType()->typeName() + " cannot follow " +
+                      objectStrep(notifier));
 }
 
 void NotifieeConst::handleNotification(ActivityConfig*) {}

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <limits>
 #include <stdexcept>
 
 #include <Lumo/Clock.h>
@@ -225,6 +226,93 @@ TEST_F(ClockTest, TheBaseReactorDoesNothingOnTime) {
   clock->timeIs(1);
   EXPECT_LT(clock->nextTimeout(), 0);
   EXPECT_TRUE(deaf->isRegisteredNotifiee());
+}
+
+TEST(NotifieeListClockKey, IsMadeOfATimeAndANumber) {
+  const NotifieeListClockKey key(1.0, 2);
+  EXPECT_EQ(key.time, 1.0);
+  EXPECT_EQ(key.seq, 2);
+  EXPECT_EQ(NotifieeListClockKey().time, 0);
+}
+
+TEST_F(ClockTest, AZombieThatIsSwitchedOnAgainLeavesListAndScheduleWhenItGoes) {
+  auto reactor = alarm(1, 5);
+  reactor->hasNotificationActiveIs(false);
+  reactor->lumoMarkedForDeletionIs(true);
+  reactor->hasNotificationActiveIs(true);
+  reactor->timeoutIs(5);
+  ASSERT_GE(clock->nextTimeout(), 0);
+  reactor = nullptr;
+  EXPECT_LT(clock->nextTimeout(), 0);
+  EXPECT_EQ(clock->notifieeList()->members(), 0U);
+  clock->timeIs(9);
+  EXPECT_THAT(log, IsEmpty());
+}
+
+TEST_F(ClockTest, RefusesWhatIsNoNumberAndKeepsTheFormerRequest) {
+  const auto reactor = alarm(1, 5);
+  const double notANumber = std::numeric_limits<double>::quiet_NaN();
+  EXPECT_THROW(reactor->timeoutIs(notANumber), Lumo::RangeException);
+  EXPECT_EQ(clock->nextTimeout(), 5);
+  EXPECT_THROW(clock->timeIs(notANumber), Lumo::RangeException);
+  EXPECT_EQ(clock->time(), 0);
+  clock->timeIs(5);
+  EXPECT_THAT(log, ElementsAre(1));
+}
+
+TEST_F(ClockTest, ARequestForInfinityWaitsForEver) {
+  const auto never = alarm(1, std::numeric_limits<double>::infinity());
+  EXPECT_LT(clock->nextTimeout(), 0);
+  const auto soon = alarm(2, 3);
+  EXPECT_EQ(clock->nextTimeout(), 3);
+  clock->timeIs(1e300);
+  EXPECT_THAT(log, ElementsAre(2));
+  never->timeoutIs(-std::numeric_limits<double>::infinity());
+  EXPECT_EQ(clock->nextTimeout(), 0);
+  clock->timeIs(0);
+  EXPECT_THAT(log, ElementsAre(2, 1));
+}
+
+TEST_F(ClockTest, TheSameTimeAgainChangesNothingThatSomebodyReliesOn) {
+  clock->timeIs(2);
+  const Lumo::FwkEntityReadsPreserve preserved(clock.ptr());
+  const U64 version = clock->fwkEntityVersion();
+  clock->timeIs(2);
+  EXPECT_EQ(clock->fwkEntityVersion(), version + 1);
+}
+
+TEST_F(ClockTest, ThoseOfTheSameTimeKeepTheirOrderHoweverOftenTheyAskAgain) {
+  const auto first = alarm(1, 5);
+  const auto second = alarm(2, 5);
+  const auto third = alarm(3, 5);
+  for (int i = 0; i < 1000; ++i) second->timeoutIs(5);
+  first->timeoutIs(5);
+  clock->timeIs(5);
+  EXPECT_THAT(log, ElementsAre(3, 2, 1));
+}
+
+TEST_F(ClockTest, ARequestMadeInPlaceOfAWithdrawnOneWaitsForTheNextEvent) {
+  const auto first = alarm(1, 5);
+  const auto second = alarm(2, 5);
+  first->then = [&] {
+    second->isRegisteredNotifieeIs(false);
+    first->timeoutIs(5);  // under the key that the second one had
+  };
+  clock->timeIs(5);
+  EXPECT_THAT(log, ElementsAre(1));
+  first->then = nullptr;
+  clock->timeIs(5);
+  EXPECT_THAT(log, ElementsAre(1, 1));
+}
+
+TEST_F(ClockTest, MayBeDroppedByAHandlerOfItsOwn) {
+  auto reactor = alarm(1, 1);
+  reactor->then = [&] {
+    reactor->notifierIs(nullptr);
+    clock = nullptr;
+  };
+  clock->timeIs(1);
+  EXPECT_THAT(log, ElementsAre(1));
 }
 
 }  // namespace

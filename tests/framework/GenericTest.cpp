@@ -406,4 +406,32 @@ TEST(Exception, CarriesItsTextAndNothingElse) {
   EXPECT_EQ(Lumo::ErrnoException("text", 22).errnoValue(), 22);
 }
 
+TEST(GenericIfPtrTest, RefusesANullPointer) {
+  EXPECT_THROW(Lumo::genericAttribute(Ptr<Thing>(), "name"), RangeException);
+  EXPECT_THROW(Lumo::genericCall(Ptr<Thing const>(), "name"), RangeException);
+  EXPECT_THROW(GenericIf(nullptr, false), RangeException);
+}
+
+TEST(GenericIteratorTest, AtItsEndHasNothingAndStays) {
+  Lumo::GenericIterator none;
+  ++none;
+  EXPECT_FALSE(none);
+  EXPECT_THROW(none.object(), RangeException);
+  EXPECT_THROW(none.key(), RangeException);
+}
+
+TEST(GenericValueTest, ANegativeNumberIsNoLargeOne) {
+  EXPECT_THROW(GenericValue(-1).number(), RangeException);
+  EXPECT_EQ(GenericValue(0).number(), 0U);
+  EXPECT_THROW(GenericTraits<U64>::unwrap(GenericValue(-1)), RangeException);
+  EXPECT_EQ(GenericTraits<int>::unwrap(GenericValue(-1)), -1);
+  EXPECT_THROW(GenericTraits<int>::unwrap(GenericValue(U32{0x80000000})), RangeException);
+}
+
+static_assert(!std::is_constructible_v<GenericValue, Thing*>);
+static_assert(!std::is_constructible_v<GenericValue, const Thing*>);
+static_assert(!std::is_constructible_v<GenericValue, void*>);
+static_assert(std::is_constructible_v<GenericValue, const char*> &&
+              std::is_constructible_v<GenericValue, char*>);
+
 }  // namespace

@@ -113,4 +113,13 @@ TEST_F(KeyedCollectionTest, AWalkSkipsWhatWentAndMeetsWhatCame) {
   EXPECT_EQ(at.key(), "e");
 }
 
+TEST(KeyedCollectionDeathTest, HasNoKeyAtItsEnd) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  Lumo::KeyedCollection<int, sample::Thing> things;
+  things.memberIs(1, sample::thing());
+  auto iterator = things.iterator();
+  ++iterator;
+  EXPECT_DEATH(iterator.key(), "the walk is not at its end");
+}
+
 }  // namespace

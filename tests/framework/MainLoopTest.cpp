@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <functional>
+#include <limits>
 #include <semaphore>
 #include <stdexcept>
 #include <thread>
@@ -246,6 +247,37 @@ TEST(MainLoop, DropsWhatIsStillPosted) {
     EXPECT_EQ(token.use_count(), 2);
   }
   EXPECT_EQ(token.use_count(), 1);
+}
+
+TEST(MainLoopDeathTest, RefusesToRunInsideAnActivityAnchor) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  const auto inside = [](auto&& action) {
+    MainLoop loop;
+    loop.stop();
+    const ActivityLockAnchor activity;
+    action(loop);
+  };
+  const auto text = testing::HasSubstr("the main loop runs outside of any ActivityLockAnchor");
+  EXPECT_DEATH(inside([](MainLoop& loop) { loop.run(); }), text);
+  EXPECT_DEATH(inside([](MainLoop& loop) { loop.runUntil([] { return true; }, 1s); }), text);
+}
+
+TEST_F(MainLoopTest, ARequestFarAwayDoesNotKeepItBusyOrWakeIt) {
+  const auto alarm = Lumo::allocate<Alarm>(loop.clock(), [&] { log.push_back(1); });
+  const auto turns = [&](double timeout) {
+    {
+      const ActivityLockAnchor activity;
+      loop.clock()->timeIs(0);  // uses up the first request
+      alarm->timeoutIs(timeout);
+    }
+    log.clear();
+    int looked = 0;
+    loop.runUntil([&] { return ++looked == 3; }, patience);
+    return log.size();
+  };
+  EXPECT_EQ(turns(1e18), 0U);
+  EXPECT_EQ(turns(1e300), 0U);
+  EXPECT_EQ(turns(std::numeric_limits<double>::infinity()), 0U);
 }
 
 }  // namespace

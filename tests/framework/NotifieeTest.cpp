@@ -274,4 +274,44 @@ TEST_F(NotifieeDeathTest, AnExceptionInAReactorsDestructionEndsTheProcess) {
   EXPECT_DEATH({ Lumo::allocate<Stubborn>(followed); }, "not off the list");
 }
 
+TEST_F(NotifieeTest, AZombieThatIsSwitchedOnAgainLeavesTheListWhenItGoes) {
+  reactor->lumoDoZombieReactors(true);
+  reactor->hasNotificationActiveIs(false);
+  reactor->hasNotificationActiveIs(true);
+  ASSERT_EQ(followed->notifieeList()->members(), 1U);
+  reactor = nullptr;
+  EXPECT_EQ(followed->notifieeList()->members(), 0U);
+  change();
+  EXPECT_THAT(log, IsEmpty());
+}
+
+TEST_F(NotifieeTest, RefusesWhatItsTypeCannotFollow) {
+  const Ptr<PtrInterface const> other = Lumo::allocate<Fresh>();
+  try {
+    reactor->notifierIs(other);
+    FAIL() << "a thing's reactor follows another reactor";
+  } catch (const Lumo::RangeException& error) {
+    EXPECT_THAT(error.what(),
+                testing::StartsWith("a reactor of type sample::Reactor cannot follow "));
+  }
+  change();
+  EXPECT_THAT(log, ElementsAre(1));
+}
+
+TEST_F(NotifieeTest, AnEntityWhoseHandlersDropItLivesUntilItsMutatorIsDone) {
+  bool gone = false;
+  followed->onDestruction = [&] { gone = true; };
+  Thing* const entity = followed.ptr();
+  const auto second = Lumo::allocate<Reactor>(followed, &log, 2);
+  reactor->then = [&] {
+    reactor->notifierIs(nullptr);
+    second->notifierIs(nullptr);
+    followed = nullptr;
+    EXPECT_FALSE(gone);
+  };
+  entity->valueIs(1);
+  EXPECT_TRUE(gone);
+  EXPECT_THAT(log, ElementsAre(1));
+}
+
 }  // namespace

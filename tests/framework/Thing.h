@@ -23,8 +23,10 @@ class Thing : public Lumo::Entity {
     virtual void lumoDoZombieReactors(bool zombie) { doZombieReactor(zombie); }
 
    protected:
-    NotifieeConst() = default;
-    explicit NotifieeConst(const Lumo::Ptr<Thing const>& thing) { startFollowing(thing); }
+    NotifieeConst() : Lumo::NotifieeConst(&follows<Thing>) {}
+    explicit NotifieeConst(const Lumo::Ptr<Thing const>& thing) : NotifieeConst() {
+      startFollowing(thing);
+    }
   };
 
   explicit Thing(Lumo::Name name = Lumo::Name()) : name_(name) {}
@@ -42,6 +44,7 @@ class Thing : public Lumo::Entity {
     fwkEntityVersionInc();
     if (value_ == value) return;
     value_ = value;
+    const auto kept = keptFor(notifiees_);
     assertNoReadsPreserved();
     notifiees_.notify(&NotifieeConst::onValue);
   }

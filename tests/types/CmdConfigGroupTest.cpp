@@ -1,9 +1,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <support/AtAbort.h>
+
+#include <functional>
+#include <utility>
 
 #include <Norv/CmdConfigGroup.h>
+#include <Norv/CmdGroup.h>
 
-#include "AtAbort.h"
 #include "QueueSupport.h"
 
 namespace {
@@ -298,6 +302,67 @@ TEST(CmdConfigGroupDeathTest, HasMadeTheChangeWhenItAborts) {
   diesHaving("indexes 0 1 head 0 enqueued 3 limited", [](auto& g) { g.enqueueVersionInc(3); });
   diesHaving("indexes 0 1 head 0 enqueued 0 unlimited",
              [](auto& g) { g.ignoreConfigQueueLimitIs(true); });
+}
+
+// Lets its queue go, and has the last pointer to it dropped, at the first change it hears of.
+class Dropper : public CmdConfigGroup::NotifieeConst {
+ public:
+  explicit Dropper(Lumo::Ptr<CmdConfigGroup>* last) : NotifieeConst(*last), last_(last) {}
+  void onCmdBatch(U32) override { drop(); }
+  void onCmdBatchMetadata() override { drop(); }
+  void onEnqueueVersion() override { drop(); }
+  void onIgnoreConfigQueueLimit() override { drop(); }
+
+ private:
+  void drop() {
+    notifierIs(nullptr);
+    *last_ = nullptr;
+  }
+  Lumo::Ptr<CmdConfigGroup>* const last_;
+};
+
+TEST(CmdConfigGroup, LivesUntilItsMutatorIsDoneWhenAHandlerDropsIt) {
+  const auto dropped = [](const std::function<void(CmdConfigGroup&)>& change) {
+    Lumo::Ptr<CmdConfigGroup> group = CmdConfigGroup::CmdConfigGroupIs("short-lived");
+    for (int i = 0; i < 3; ++i) group->cmdBatchEnq(cmd());
+    const auto dropper = Lumo::allocate<Dropper>(&group);
+    change(*group);
+    return !group;
+  };
+  EXPECT_TRUE(dropped([](CmdConfigGroup& group) { group.cmdBatchEnq(cmd()); }));
+  EXPECT_TRUE(dropped([](CmdConfigGroup& group) { group.cmdBatchIs(1, cmd()); }));
+  EXPECT_TRUE(dropped([](CmdConfigGroup& group) { EXPECT_TRUE(group.cmdBatchDeq()); }));
+  EXPECT_TRUE(dropped([](CmdConfigGroup& group) { EXPECT_TRUE(group.cmdBatchDel(1)); }));
+  EXPECT_TRUE(dropped([](CmdConfigGroup& group) { group.cmdBatchDelAll(); }));
+  EXPECT_TRUE(dropped([](CmdConfigGroup& group) { group.cmdBatchMetadataIs({7, 9}); }));
+  EXPECT_TRUE(dropped([](CmdConfigGroup& group) { EXPECT_EQ(group.enqueueVersionInc(2), 2u); }));
+  EXPECT_TRUE(dropped([](CmdConfigGroup& group) { group.ignoreConfigQueueLimitIs(true); }));
+}
+
+TEST_F(CmdConfigGroupTest, AReactorOfItRefusesOtherObjects) {
+  const Lumo::Ptr<Lumo::PtrInterface const> other = CmdGroup::CmdGroupIs();
+  EXPECT_THROW(witness->notifierIs(other), Lumo::RangeException);
+  EXPECT_EQ(witness->notifier(), group);
+}
+
+TEST_F(CmdConfigGroupTest, ShowsItsEntriesReadOnlyToWhoeverMayNotChangeIt) {
+  static_assert(std::is_same_v<decltype(std::as_const(*group).cmdBatchIteratorConst().ptr()),
+                               Lumo::Ptr<const CmdConfigGroup::LumoCmdBatch>>);
+  static_assert(std::is_same_v<decltype(group->cmdBatchIterator().ptr()),
+                               Lumo::Ptr<CmdConfigGroup::LumoCmdBatch>>);
+  const auto first = cmd();
+  group->cmdBatchEnq(first);
+  EXPECT_EQ(group->cmdBatchIteratorConst().cmdBatch(), first);
+  EXPECT_EQ(group->cmdBatchIteratorConst().ptr()->cmdBatch(), first);
+}
+
+TEST(CmdBatchIteratorDeathTest, HasNeitherKeyNorCommandAtItsEnd) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  const auto group = CmdConfigGroup::CmdConfigGroupIs("empty");
+  EXPECT_DEATH(group->cmdBatchIterator().key(), "the walk is not at its end");
+  EXPECT_DEATH(group->cmdBatchIteratorConst().key(), "the walk is not at its end");
+  EXPECT_DEATH(group->cmdBatchIterator().cmdBatch(), "the walk is not at its end");
+  EXPECT_FALSE(group->cmdBatchIterator().ptr());
 }
 
 }  // namespace

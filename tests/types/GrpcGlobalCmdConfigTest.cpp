@@ -1,11 +1,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <support/AtAbort.h>
 
 #include <functional>
 
 #include <Norv/GrpcGlobalCmdConfig.h>
-
-#include "AtAbort.h"
 
 namespace {
 
@@ -213,6 +212,50 @@ TEST(GrpcGlobalCmdConfigDeathTest, AbortsWhenChangedUnderPreservedReads) {
   Lumo::FwkEntityReadsPreserve scope(config.ptr());
   config->cmdConfigGroupIs(a);
   config->cmdConfigGroupDel("none");
+}
+
+TEST_F(GrpcGlobalCmdConfigTest, DeletesNothingByAnIteratorAtItsEnd) {
+  config->cmdConfigGroupIs(queue("a"));
+  auto iterator = config->cmdConfigGroupIterator();
+  ++iterator;
+  const U64 version = config->fwkEntityVersion();
+  EXPECT_EQ(config->cmdConfigGroupDel(iterator), nullptr);
+  EXPECT_EQ(config->fwkEntityVersion(), version + 1);
+  EXPECT_TRUE(config->cmdConfigGroupHas("a"));
+}
+
+TEST_F(GrpcGlobalCmdConfigTest, DeletesNothingByAnIteratorWhoseQueueWasReplaced) {
+  config->cmdConfigGroupIs(queue("a"));
+  auto iterator = config->cmdConfigGroupIterator();
+  const auto replacement = queue("a");
+  config->cmdConfigGroupIs(replacement);
+  witness->names.clear();
+  EXPECT_EQ(config->cmdConfigGroupDel(iterator), nullptr);
+  EXPECT_EQ(config->cmdConfigGroup("a"), replacement);
+  EXPECT_THAT(witness->names, ElementsAre());
+}
+
+TEST_F(GrpcGlobalCmdConfigTest, LivesUntilItsMutatorIsDoneWhenAHandlerDropsIt) {
+  struct Dropper : GrpcGlobalCmdConfig::NotifieeConst {
+    explicit Dropper(Lumo::Ptr<GrpcGlobalCmdConfig>* last) : NotifieeConst(*last), last_(last) {}
+    using NotifieeConst::onCmdConfigGroup;
+    void onCmdConfigGroup(Lumo::Name) override {
+      notifierIs(nullptr);
+      *last_ = nullptr;
+    }
+    Lumo::Ptr<GrpcGlobalCmdConfig>* const last_;
+  };
+  const auto dropped = [](const std::function<void(GrpcGlobalCmdConfig&)>& change) {
+    auto all = Lumo::Ptr<GrpcGlobalCmdConfig>(GrpcGlobalCmdConfig::GrpcGlobalCmdConfigIs("all"));
+    all->cmdConfigGroupIs(queue("a"));
+    all->cmdConfigGroupIs(queue("b"));
+    const auto dropper = Lumo::allocate<Dropper>(&all);
+    change(*all);
+    return !all;
+  };
+  EXPECT_TRUE(dropped([](GrpcGlobalCmdConfig& all) { all.cmdConfigGroupIs(queue("c")); }));
+  EXPECT_TRUE(dropped([](GrpcGlobalCmdConfig& all) { EXPECT_TRUE(all.cmdConfigGroupDel("a")); }));
+  EXPECT_TRUE(dropped([](GrpcGlobalCmdConfig& all) { all.cmdConfigGroupDelAll(); }));
 }
 
 }  // namespace

@@ -1,11 +1,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <support/AtAbort.h>
 
 #include <Lumo/Exception.h>
 #include <Norv/ConnectionConfig.h>
 #include <Norv/GrpcErrorHandlingStatus.h>
-
-#include "AtAbort.h"
 
 namespace {
 
@@ -115,6 +114,30 @@ TEST(GrpcErrorHandlingStatusDeathTest, HasStoredTheValueAndToldNobodyWhenItAbort
         status->errorOccuredIs(true);
       },
       "anyActive(.|\n)*value 1 version 1 told 0");
+}
+
+TEST(GrpcErrorHandlingStatus, LivesUntilItsMutatorIsDoneWhenAHandlerDropsIt) {
+  struct Dropper : GrpcErrorHandlingStatus::NotifieeConst {
+    explicit Dropper(Lumo::Ptr<GrpcErrorHandlingStatus>* last)
+        : NotifieeConst(*last), last_(last) {}
+    void onErrorOccured() override {
+      notifierIs(nullptr);
+      *last_ = nullptr;
+    }
+    Lumo::Ptr<GrpcErrorHandlingStatus>* const last_;
+  };
+  auto status = grpcErrorHandlingStatusFactory();
+  const auto dropper = Lumo::allocate<Dropper>(&status);
+  status->errorOccuredIs(true);
+  EXPECT_EQ(status, nullptr);
+}
+
+TEST(GrpcErrorHandlingStatus, AReactorOfItRefusesOtherObjects) {
+  const auto status = grpcErrorHandlingStatusFactory();
+  const auto witness = Lumo::allocate<Witness>(status);
+  const Lumo::Ptr<Lumo::PtrInterface const> other = connectionConfigFactory(1, "h");
+  EXPECT_THROW(witness->notifierIs(other), Lumo::RangeException);
+  EXPECT_EQ(witness->notifier(), status);
 }
 
 }  // namespace

@@ -41,6 +41,7 @@ void CmdConfigGroup::cmdBatchNotify(U32 index) {
 
 void CmdConfigGroup::cmdBatchEnq(const Lumo::Ptr<GrpcCmd>& cmd) {
   fwkEntityVersionInc();
+  const auto kept = keptFor(notifiees_);
   cmdBatchNotify(cmdBatch_.enq(cmd));
 }
 
@@ -48,6 +49,7 @@ void CmdConfigGroup::cmdBatchIs(U32 index, const Lumo::Ptr<GrpcCmd>& cmd) {
   fwkEntityVersionInc();
   const Lumo::Ptr<LumoCmdBatch> entry = cmdBatch_[index];
   if (entry && index < cmdBatchs() && entry->cmdBatch() == cmd) return;
+  const auto kept = keptFor(notifiees_);
   if (cmdBatch_.is(index, cmd)) cmdBatchNotify(index);
 }
 
@@ -56,6 +58,7 @@ Lumo::Ptr<GrpcCmd> CmdConfigGroup::cmdBatchDeq() {
   const U32 headIndex = cmdBatch_.headIndex();
   Lumo::Ptr<LumoCmdBatch> removed = cmdBatch_._memberDelHead();
   if (!removed) return nullptr;
+  const auto kept = keptFor(notifiees_);
   cmdBatchNotify(headIndex);
   return cmdBatch_.cmdOf(std::move(removed));
 }
@@ -64,18 +67,21 @@ Lumo::Ptr<GrpcCmd> CmdConfigGroup::cmdBatchDel(U32 index) {
   fwkEntityVersionInc();
   Lumo::Ptr<LumoCmdBatch> removed = cmdBatch_._memberDel(index);
   if (!removed) return nullptr;
+  const auto kept = keptFor(notifiees_);
   cmdBatchNotify(index);
   return cmdBatch_.cmdOf(std::move(removed));
 }
 
 void CmdConfigGroup::cmdBatchDelAll() {
   fwkEntityVersionInc();
+  const auto kept = keptFor(notifiees_);
   for (auto iterator = cmdBatchIterator(); iterator; ++iterator) cmdBatchDel(iterator.key());
 }
 
 void CmdConfigGroup::cmdBatchMetadataIs(const CmdBatchMetadata& metadata) {
   fwkEntityVersionInc();
   cmdBatch_.metadataIs(metadata);
+  const auto kept = keptFor(notifiees_);
   assertNoReadsPreserved();
   notifiees_.notify(&NotifieeConst::onCmdBatchMetadata);
 }
@@ -84,6 +90,7 @@ void CmdConfigGroup::enqueueVersionIs(const U64& version) {
   fwkEntityVersionInc();
   if (enqueueVersion_ == version) return;
   enqueueVersion_ = version;
+  const auto kept = keptFor(notifiees_);
   assertNoReadsPreserved();
   notifiees_.notify(&NotifieeConst::onEnqueueVersion);
 }
@@ -98,6 +105,7 @@ void CmdConfigGroup::ignoreConfigQueueLimitIs(bool ignore) {
   fwkEntityVersionInc();
   if (ignoreConfigQueueLimit_ == ignore) return;
   ignoreConfigQueueLimit_ = ignore;
+  const auto kept = keptFor(notifiees_);
   assertNoReadsPreserved();
   notifiees_.notify(&NotifieeConst::onIgnoreConfigQueueLimit);
 }

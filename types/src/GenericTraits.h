@@ -16,10 +16,15 @@ struct GenericTraits<Norv::GrpcRequestType> {
   static GenericValue wrap(Norv::GrpcRequestType value) {
     return GenericValue(GenericValue::Enum{&Norv::_lumoType_GrpcRequestType, value});
   }
-  // A value of the enumeration, its number, or its name.
+  // A value of the enumeration, not of another one, its number, or its name.
   static Norv::GrpcRequestType unwrap(const GenericValue& value) {
     if (std::holds_alternative<String>(value.storage())) {
       return Norv::GrpcRequestTypeInstance(value.text());
+    }
+    const auto* enumerated = std::get_if<GenericValue::Enum>(&value.storage());
+    if (enumerated && enumerated->type != type) {
+      throwRangeException(String("expected a value of ") + type->typeName() + ", got one of " +
+                          enumerated->type->typeName());
     }
     return Norv::GrpcRequestTypeInstance(GenericTraits<U32>::unwrap(GenericValue(value.number())));
   }

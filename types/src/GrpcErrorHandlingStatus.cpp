@@ -29,6 +29,7 @@ void GrpcErrorHandlingStatus::zeroReferencesIs(bool zero) {
 void GrpcErrorHandlingStatus::errorOccuredIs(bool errorOccured) {
   fwkEntityVersionIncShared();
   if (errorOccured_.exchange(errorOccured, std::memory_order_relaxed) == errorOccured) return;
+  const auto kept = keptFor(notifiees_);
   assertNoReadsPreserved();
   notifiees_.notify(&NotifieeConst::onErrorOccured);
 }

@@ -42,6 +42,7 @@ void GrpcGlobalCmdConfig::zeroReferencesIs(bool zero) {
 
 void GrpcGlobalCmdConfig::cmdConfigGroupNotify(const Lumo::Name& name) {
   using Handler = void (NotifieeConst::*)(Lumo::Name);
+  const auto kept = keptFor(notifiees_);
   assertNoReadsPreserved();
   notifiees_.notify(static_cast<Handler>(&NotifieeConst::onCmdConfigGroup), name);
 }
@@ -68,11 +69,16 @@ Lumo::Ptr<CmdConfigGroup> GrpcGlobalCmdConfig::cmdConfigGroupDel(Lumo::Name name
 }
 
 Lumo::Ptr<CmdConfigGroup> GrpcGlobalCmdConfig::cmdConfigGroupDel(CmdConfigGroupIterator& iterator) {
-  return cmdConfigGroupDel(iterator.key());
+  if (iterator && cmdConfigGroup_[iterator.key()] == iterator.ptr()) {
+    return cmdConfigGroupDel(iterator.key());
+  }
+  fwkEntityVersionInc();
+  return nullptr;
 }
 
 void GrpcGlobalCmdConfig::cmdConfigGroupDelAll() {
   fwkEntityVersionInc();
+  const auto kept = keptFor(notifiees_);
   for (auto iterator = cmdConfigGroupIterator(); iterator; ++iterator) cmdConfigGroupDel(iterator);
 }
 

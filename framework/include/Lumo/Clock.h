@@ -2,6 +2,7 @@
 
 #include <functional>
 #include <map>
+#include <optional>
 
 #include <Lumo/Entity.h>
 #include <Lumo/Notifiee.h>
@@ -13,6 +14,9 @@ class NotifieeListClockLinkNode;
 // When a clock reactor is due: a time in seconds, and a number that keeps reactors of the same time
 // in the order in which they asked.
 struct NotifieeListClockKey {
+  NotifieeListClockKey() = default;
+  NotifieeListClockKey(double dueTime, int number) : time(dueTime), seq(number) {}
+
   double time = 0;
   int seq = 0;
   bool operator<(const NotifieeListClockKey& other) const {
@@ -40,12 +44,17 @@ class Clock : public Entity {
     virtual void onTime();
 
     Ptr<Clock const> notifier() const;
-    // Absolute time of the next call; in the past means at the next time event.
+    // Absolute time of the next call; in the past means at the next time event, infinity never.
+    // RangeException for what is no number.
     void timeoutIs(double time);
 
    protected:
-    NotifieeConst() = default;
+    NotifieeConst() : Lumo::NotifieeConst(&follows<Clock>) {}
     explicit NotifieeConst(Ptr<Clock const> const& clock);
+
+   private:
+    friend class Clock;
+    std::optional<NotifieeListClockKey> request_;  // its place in the clock's schedule
   };
 
   static Ptr<Clock> ClockIs(Name name);
@@ -58,9 +67,11 @@ class Clock : public Entity {
   double time() const { return time_; }
   // Moves time and calls the reactors due up to and including it, in the order of their keys. A
   // reactor leaves the schedule before its call, so its handler may ask for another; one that asks
-  // for a time already past is called again by the next event, not by this one.
+  // for a time already past is called again by the next event, not by this one. RangeException for
+  // what is no number.
   void timeIs(double time);
-  // The time of the earliest request, 0 for one before 0; a negative number when nobody waits.
+  // The time of the earliest request, 0 for one before 0; a negative number when nobody waits, or
+  // only for infinity.
   double nextTimeout() const;
   // `hook` is called by whoever makes a request that comes before all others, on that thread, once
   // it is in place. For the one who drives the clock and sleeps until nextTimeout(); empty: nobody
@@ -72,11 +83,12 @@ class Clock : public Entity {
 
   explicit Clock(Name name) : name_(name) {}
   void scheduleIs(NotifieeConst* reactor, double time) const;
-  void scheduleDel(const NotifieeConst* reactor) const;
+  void scheduleDel(NotifieeConst* reactor) const;
+  NotifieeListClockKey nextKey(double time) const;
 
   Name name_;
   double time_ = 0;
-  mutable U32 nextSeq_ = 0;  // wraps around
+  mutable U64 requests_ = 0;  // made so far
   mutable TypedNotifieeList<NotifieeConst> notifiees_;
   mutable std::map<NotifieeListClockKey, NotifieeListClockLinkNode> schedule_;
   std::function<void()> earlierRequestHook_;
@@ -86,11 +98,14 @@ class Clock : public Entity {
 // is unregistered.
 class NotifieeListClockLinkNode {
  public:
-  explicit NotifieeListClockLinkNode(Clock::NotifieeConst* reactor) : reactor_(reactor) {}
+  NotifieeListClockLinkNode(Clock::NotifieeConst* reactor, U64 number)
+      : reactor_(reactor), number_(number) {}
   Clock::NotifieeConst* reactor() const { return reactor_; }
+  U64 number() const { return number_; }  // of the request, among all the clock ever had
 
  private:
   Clock::NotifieeConst* reactor_;
+  U64 number_;
 };
 
 }  // namespace Lumo

@@ -11,6 +11,7 @@ namespace Lumo {
 // Base of the objects that have attributes to follow. A mutator of an entity does, in this order:
 // step the entity version, compare, store if different, assert that nobody on this thread relies on
 // the old value, notify. An entity is changed on the main thread, unless its own header says more.
+// Handlers may drop the last pointer to the entity: it stays until its mutator is done.
 class Entity : public PtrInterface {
   LUMO_OBJECT(Entity)
 
@@ -43,6 +44,12 @@ class Entity : public PtrInterface {
   void assertNoReadsPreserved() const {
     LUMO_ASSERT(!FwkEntityReadsPreserve::anyActive(this),
                 "!Lumo::FwkEntityReadsPreserve::anyActive( this )");
+  }
+
+  // For a mutator to hold while others are told: a pointer to this entity, or null where the list
+  // says that nobody will be.
+  Ptr<Entity const> keptFor(const NotifieeList& list) const {
+    return list.members() == 0 ? nullptr : this;
   }
 
   // The zero-references step of an entity with this list: tells every reactor on it.

@@ -33,8 +33,8 @@ struct EnumType {
   static W instance(const EnumLumoType& type, W value);
   static String stringValue(const EnumLumoType& type, W value);
   static String valueToStrep(const EnumLumoType& type, W value);
-  // Takes the longest run of letters, digits and underscores at `begin` for a name. On success sets
-  // *out and moves `begin` behind the name; otherwise both stay as they were.
+  // Takes the longest run of ASCII letters, digits and underscores at `begin` for a name. On
+  // success sets *out and moves `begin` behind the name; otherwise both stay as they were.
   static void sequenceToValue(const EnumLumoType& type, String::IteratorConst& begin,
                               const String::IteratorConst& end, W* out);
   static std::ostream& operatorLessLess(const EnumLumoType& type, std::ostream& out, W value);

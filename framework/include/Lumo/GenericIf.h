@@ -64,10 +64,18 @@ class GenericIterator {
   GenericIterator() : GenericIterator(nullptr, nullptr) {}  // at the end
   GenericIterator(void* iterator, const IteratorOps* ops) : iterator_(iterator, Delete{ops}) {}
   explicit operator bool() const { return iterator_ && ops().iterNonnull(iterator_.get()); }
-  GenericValue object() const { return ops().iterObj(iterator_.get()); }
-  GenericValue key() const { return ops().iterKey(iterator_.get()); }
+  // RangeException at the end.
+  GenericValue object() const {
+    checkHere();
+    return ops().iterObj(iterator_.get());
+  }
+  GenericValue key() const {
+    checkHere();
+    return ops().iterKey(iterator_.get());
+  }
+  // At the end it stays there.
   GenericIterator& operator++() {
-    ops().iterInc(iterator_.get());
+    if (*this) ops().iterInc(iterator_.get());
     return *this;
   }
 
@@ -77,6 +85,9 @@ class GenericIterator {
     void operator()(void* iterator) const { ops->iterDel(iterator); }
   };
   const IteratorOps& ops() const { return *iterator_.get_deleter().ops; }
+  void checkHere() const {
+    if (!*this) throwRangeException("the walk is at its end: there is no object and no key");
+  }
 
   std::unique_ptr<void, Delete> iterator_;
 };
@@ -88,10 +99,17 @@ class GenericIterator {
 // OpNotSupportedException; arguments that do not fit raise RangeException.
 class GenericIf {
  public:
-  GenericIf(PtrInterface* object, bool isConst) : object_(object), isConst_(isConst) {}
+  // RangeException for null.
+  GenericIf(PtrInterface* object, bool isConst) : object_(present(object)), isConst_(isConst) {}
   GenericIf(const Ptr<PtrInterface>& object) : GenericIf(object.ptr(), false) {}
   GenericIf(const Ptr<PtrInterface const>& object)
       : GenericIf(const_cast<PtrInterface*>(object.ptr()), true) {}
+
+  // The object itself; RangeException for null.
+  static PtrInterface* present(PtrInterface* object) {
+    if (!object) throwRangeException("a null pointer has no attributes");
+    return object;
+  }
 
   const LumoType& type() const { return *object_->fwkType(); }
   bool isConst() const { return isConst_; }
@@ -133,12 +151,13 @@ struct GenericIfPtrInterface {
   }
 };
 
-// The short way for tests and tools: genericNew("Norv::CmdConfigGroup", "ports").
+// The short way for tests and tools: genericNew("Norv::CmdConfigGroup", "ports"). A null pointer
+// raises RangeException.
 template <class T>
 GenericIf genericIf(const Ptr<T>& object) {
-  return object->fwkType()->genericIf(
-      const_cast<PtrInterface*>(static_cast<const PtrInterface*>(object.ptr())),
-      std::is_const_v<T>);
+  auto* const present =
+      GenericIf::present(const_cast<PtrInterface*>(static_cast<const PtrInterface*>(object.ptr())));
+  return present->fwkType()->genericIf(present, std::is_const_v<T>);
 }
 template <class T>
 GenericValue genericAttribute(const Ptr<T>& object, const char* name) {

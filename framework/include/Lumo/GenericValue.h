@@ -44,6 +44,10 @@ class GenericValue {
   GenericValue(Enum value) : storage_(value) {}
   GenericValue(Opaque value) : storage_(value) {}
   GenericValue(std::nullptr_t) : storage_(Object{nullptr, false}) {}
+  // A plain pointer would pass for a bool: objects go in as Ptr, anything else as Opaque.
+  template <class T>
+  requires(!std::is_same_v<std::remove_const_t<T>, char>) GenericValue(T* pointer)
+  = delete;
   template <class T>
   GenericValue(const Ptr<T>& object) : storage_(Object{object, std::is_const_v<T>}) {}
   template <class T>
@@ -53,7 +57,7 @@ class GenericValue {
   const Storage& storage() const { return storage_; }
   // The name of the type of what is held; of a non-null object, the object's own type.
   const char* typeName() const;
-  // Any integer or enumeration value as a number; RangeException for anything else.
+  // Any integer from 0 on or enumeration value as a number; RangeException for anything else.
   U64 number() const;
   // A String or a Name as text; RangeException for anything else.
   String text() const;
@@ -83,12 +87,6 @@ struct GenericTraits<T, std::enable_if_t<std::is_same_v<T, int> || std::is_same_
   static GenericValue wrap(T value) { return GenericValue(value); }
   static T unwrap(const GenericValue& value) {
     if (const T* exact = std::get_if<T>(&value.storage())) return *exact;
-    const int* number = std::get_if<int>(&value.storage());
-    if constexpr (!std::is_signed_v<T>) {
-      if (number && *number < 0) throwRangeException("a negative number does not fit");
-    } else if (number) {
-      return *number;
-    }
     const U64 wide = value.number();
     if (static_cast<U64>(static_cast<T>(wide)) != wide || static_cast<T>(wide) < T(0)) {
       throwRangeException(String(std::to_string(wide)) + " is out of range for " +

@@ -5,6 +5,7 @@
 #include <unordered_map>
 #include <utility>
 
+#include <Lumo/Assert.h>
 #include <Lumo/Ptr.h>
 #include <Lumo/Types.h>
 
@@ -59,12 +60,16 @@ class KeyedCollection {
   U64 nextPlace_ = 0;
 };
 
-// Keeps the member it stands on alive. Invalid once the collection is gone.
+// Keeps the member it stands on alive. Invalid once the collection is gone. At the end it has no
+// key: asking for it aborts.
 template <class Key, class Value>
 class KeyedCollection<Key, Value>::Iterator {
  public:
   explicit operator bool() const { return static_cast<bool>(value_); }
-  const Key& key() const { return key_; }
+  const Key& key() const {
+    LUMO_ASSERT(value_, "the walk is not at its end");
+    return key_;
+  }
   const Ptr<Value>& ptr() const { return value_; }
   // At the end it stays there.
   Iterator& operator++() {

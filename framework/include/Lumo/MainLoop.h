@@ -36,7 +36,8 @@ class MainLoop {
   // they are due.
   const Ptr<Clock>& clock() const { return clock_; }
 
-  // Runs until stop().
+  // Runs until stop(). Both forms are for a thread that does not hold the activity lock, and abort
+  // on one that does: the loop could not release it, and no response handler would ever run.
   void run();
   // Runs until `condition` holds, stop() is called or `timeout` has passed; returns whether the
   // condition holds. It is looked at under the activity lock, after every turn of the loop and at

@@ -34,6 +34,7 @@ class NotifieeConst : public PtrInterface {
   // Enters the reactor into its notifier's list, or takes it out. Without a notifier it stays out.
   virtual void isRegisteredNotifieeIs(bool registered) const;
   // Follows `notifier` from now on (null: nothing); a registered reactor moves to the new list.
+  // RangeException, and nothing changed, for an object that the reactor's type cannot follow.
   virtual void notifierIs(Ptr<PtrInterface const> const& notifier);
   virtual void handleNotification(ActivityConfig* activity);
   // Called inside the handler of an exception that left one of the reactor's handlers. The base
@@ -55,8 +56,15 @@ class NotifieeConst : public PtrInterface {
   const PtrInterface* lumoRawNotifier() const { return notifier_.ptr(); }
 
  protected:
-  // All flags clear, no notifier.
-  NotifieeConst() = default;
+  // Whether an object, never null, is of the type that a reactor type follows.
+  using Follows = bool (*)(const PtrInterface* object);
+  template <class Notifier>
+  static bool follows(const PtrInterface* object) {
+    return dynamic_cast<const Notifier*>(object) != nullptr;
+  }
+
+  // All flags clear, no notifier. Where nothing is said, the reactor may follow any object.
+  explicit NotifieeConst(Follows mayFollow = nullptr) : follows_(mayFollow) {}
 
   // The steps that make a reactor ready, for the constructor of a derived class to call once its
   // own members stand: active, enabled, following `notifier`, registered. Virtual functions that
@@ -75,6 +83,9 @@ class NotifieeConst : public PtrInterface {
   Ptr<PtrInterface const> notifier_;
 
  private:
+  void checkFollows(const PtrInterface* notifier) const;
+
+  const Follows follows_;
   mutable bool registered_ = false;
 };
 

@@ -43,8 +43,8 @@ class ReferenceWord {
     }
   }
 
-  // Returns the word after the change. Release on every decrement, acquire on the last: what any
-  // holder did to the object happens before its destruction.
+  // Returns the word after the change. Release and acquire on every decrement: what any holder did
+  // to the object happens before its destruction, and which decrement is the last shows only after.
   U32 dec() {
     if (threadSafe()) return word_.fetch_sub(1, std::memory_order_acq_rel) - 1;
     const U32 next = word() - 1;

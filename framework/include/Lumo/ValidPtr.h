@@ -5,8 +5,10 @@
 
 namespace Lumo {
 
-// A Ptr that is never null. It is made from a Ptr by move; a null one is refused with the range
-// exception "null ValidPtr" and stays as it was. A ValidPtr that is moved from is copied.
+// A Ptr that is made and assigned without becoming null. It is made from a Ptr by move; a null one
+// is refused with the range exception "null ValidPtr" and stays as it was. A ValidPtr that is moved
+// from is copied. Only whoever treats it as the Ptr that it also is (ptrAssign, a reference to its
+// base) can empty it.
 template <class T>
 class ValidPtr : public Ptr<T> {
  public:

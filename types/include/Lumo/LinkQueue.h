@@ -3,6 +3,7 @@
 #include <type_traits>
 #include <utility>
 
+#include <Lumo/Assert.h>
 #include <Lumo/Exception.h>
 #include <Lumo/Ptr.h>
 #include <Lumo/Types.h>
@@ -23,8 +24,10 @@ namespace Lumo {
 template <class Entry, class Index = U32>
 class LinkQueue {
  public:
-  class Iterator;
-  using IteratorConst = Iterator;
+  template <class Seen>
+  class Walk;
+  using Iterator = Walk<Entry>;
+  using IteratorConst = Walk<const Entry>;  // shows entries that cannot be changed
 
   explicit LinkQueue(Index start = 0) : headIndex_(start), tailIndex_(start) {}
   ~LinkQueue() {
@@ -117,20 +120,22 @@ class LinkQueue {
 };
 
 // Walks a queue in FIFO order. The queue may change meanwhile: the current entry stays alive, and
-// the next step finds its way by the entry's index. Invalid once the queue is gone.
+// the next step finds its way by the entry's index. Invalid once the queue is gone. At the end
+// there is neither key nor command: asking for one aborts.
 template <class Entry, class Index>
-class LinkQueue<Entry, Index>::Iterator {
+template <class Seen>
+class LinkQueue<Entry, Index>::Walk {
  public:
-  Iterator(const LinkQueue* queue, Ptr<Entry> entry)
+  Walk(const LinkQueue* queue, Ptr<Entry> entry)
       : queue_(queue), entry_(std::move(entry)), version_(queue->version()) {}
 
   explicit operator bool() const { return static_cast<bool>(entry_); }
-  Index key() const { return entry_->fwkQkey(); }
-  const Ptr<Entry>& ptr() const { return entry_; }
-  auto cmdBatch() const { return entry_->cmdBatch(); }
+  Index key() const { return seen().fwkQkey(); }
+  Ptr<Seen> ptr() const { return entry_; }  // null at the end
+  auto cmdBatch() const { return seen().cmdBatch(); }
 
   // At the end it stays there.
-  Iterator& operator++() {
+  Walk& operator++() {
     if (!entry_) return *this;
     if (version_ == queue_->version()) {
       entry_ = Ptr<Entry>(entry_->lqNext());
@@ -144,6 +149,11 @@ class LinkQueue<Entry, Index>::Iterator {
   }
 
  private:
+  Seen& seen() const {
+    LUMO_ASSERT(entry_, "the walk is not at its end");
+    return *entry_;
+  }
+
   const LinkQueue* queue_;
   Ptr<Entry> entry_;
   U32 version_;

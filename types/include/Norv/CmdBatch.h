@@ -91,8 +91,11 @@ class CmdBatch : public Lumo::LinkQueue<CmdBatchEntry<Owner>> {
     this->headIndexIs(metadata.headIndex);
     this->tailIndexIs(metadata.tailIndex);
   }
-  typename CmdBatch::Iterator iterator() const { return {this, this->head()}; }
-  typename CmdBatch::Iterator iterator(U32 index) const { return {this, this->startAt(index)}; }
+  typename CmdBatch::Iterator iterator() { return {this, this->head()}; }
+  typename CmdBatch::IteratorConst iteratorConst() const { return {this, this->head()}; }
+  typename CmdBatch::IteratorConst iteratorConst(U32 index) const {
+    return {this, this->startAt(index)};
+  }
 
  private:
   // 48 KiB of heap at most, for batches of that many commands.

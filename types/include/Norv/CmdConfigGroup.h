@@ -37,9 +37,11 @@ class CmdConfigGroup : public Lumo::Entity {
     virtual void lumoDoZombieReactors(bool zombie) { doZombieReactor(zombie); }
 
    protected:
-    NotifieeConst() = default;
+    NotifieeConst() : Lumo::NotifieeConst(&follows<CmdConfigGroup>) {}
     // Makes the reactor ready: active, enabled, following, registered.
-    explicit NotifieeConst(const Lumo::Ptr<CmdConfigGroup const>& group) { startFollowing(group); }
+    explicit NotifieeConst(const Lumo::Ptr<CmdConfigGroup const>& group) : NotifieeConst() {
+      startFollowing(group);
+    }
   };
 
   explicit CmdConfigGroup(Lumo::Name name) : name_(name) {}
@@ -66,8 +68,10 @@ class CmdConfigGroup : public Lumo::Entity {
   bool cmdBatchHas(U32 index) const { return cmdBatch_.isMemberOf(index); }
   U32 cmdBatchs() const { return cmdBatch_.members(); }
   CmdBatchIterator cmdBatchIterator() { return cmdBatch_.iterator(); }
-  CmdBatchIteratorConst cmdBatchIteratorConst() const { return cmdBatch_.iterator(); }
-  CmdBatchIteratorConst cmdBatchIteratorConst(U32 index) const { return cmdBatch_.iterator(index); }
+  CmdBatchIteratorConst cmdBatchIteratorConst() const { return cmdBatch_.iteratorConst(); }
+  CmdBatchIteratorConst cmdBatchIteratorConst(U32 index) const {
+    return cmdBatch_.iteratorConst(index);
+  }
   CmdBatchMetadata cmdBatchMetadata() const { return cmdBatch_.metadata(); }
   // Restores the index range; no entry moves. Always fires onCmdBatchMetadata().
   void cmdBatchMetadataIs(const CmdBatchMetadata& metadata);

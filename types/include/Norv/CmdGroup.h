@@ -30,15 +30,17 @@ class CmdGroup : public Lumo::PtrInterface {
   Lumo::Ptr<GrpcCmd> cmdBatchDeq() { return cmdBatch_.cmdOf(cmdBatch_._memberDelHead()); }
   Lumo::Ptr<GrpcCmd> cmdBatchDel(U32 index);
   // Deletes entry by entry through an iterator.
-  // Kept on purpose: over a queue whose indexes have wrapped the iterator ends at the wrap, and the
-  // rest stays.
+  // Kept on purpose: the iterator does not find its way around the wrap. As long as the indexes of
+  // the queue wrap somewhere between head and tail, a call deletes the head entry and no other.
   void cmdBatchDelAll();
   Lumo::Ptr<GrpcCmd> cmdBatch(U32 index) const { return cmdBatch_.cmd(index); }
   bool cmdBatchHas(U32 index) const { return cmdBatch_.isMemberOf(index); }
   U32 cmdBatchs() const { return cmdBatch_.members(); }
   CmdBatchIterator cmdBatchIterator() { return cmdBatch_.iterator(); }
-  CmdBatchIteratorConst cmdBatchIteratorConst() const { return cmdBatch_.iterator(); }
-  CmdBatchIteratorConst cmdBatchIteratorConst(U32 index) const { return cmdBatch_.iterator(index); }
+  CmdBatchIteratorConst cmdBatchIteratorConst() const { return cmdBatch_.iteratorConst(); }
+  CmdBatchIteratorConst cmdBatchIteratorConst(U32 index) const {
+    return cmdBatch_.iteratorConst(index);
+  }
   CmdBatchMetadata cmdBatchMetadata() const { return cmdBatch_.metadata(); }
   void cmdBatchMetadataIs(const CmdBatchMetadata& metadata) { cmdBatch_.metadataIs(metadata); }
   U32 cmdBatchVersion() const { return cmdBatch_.version(); }

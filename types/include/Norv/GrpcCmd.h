@@ -37,8 +37,10 @@ class GrpcCmd : public Lumo::PtrInterface {
   ~GrpcCmd() override;
 
   // The RPC has succeeded with this response, which may still carry an error of the daemon's in its
-  // `error` field. Called once, on the client's thread, under the activity lock. The response
-  // belongs to the caller and is gone after the call. The base only traces.
+  // `error` field. Called once for each time the command was sent, on the client's thread, under
+  // the activity lock; not at all for a reply that does not decode or a failed RPC. An OK status
+  // without a message counts as an empty response. The response belongs to the caller and is gone
+  // after the call. The base only traces.
   virtual void processResponse(google::protobuf::Message* response);
 
   google::protobuf::Message* request() const { return request_; }

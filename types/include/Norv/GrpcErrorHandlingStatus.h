@@ -26,11 +26,12 @@ class GrpcErrorHandlingStatus : public Lumo::Entity {
     virtual void lumoDoZombieReactors(bool zombie) { doZombieReactor(zombie); }
 
    protected:
-    NotifieeConst() = default;
+    NotifieeConst() : Lumo::NotifieeConst(&follows<GrpcErrorHandlingStatus>) {}
     // Makes the reactor ready: active, enabled, following, registered. Only for a status whose
     // client does not run yet; otherwise begin with the other constructor and call startFollowing
     // last.
-    explicit NotifieeConst(const Lumo::Ptr<GrpcErrorHandlingStatus const>& status) {
+    explicit NotifieeConst(const Lumo::Ptr<GrpcErrorHandlingStatus const>& status)
+        : NotifieeConst() {
       startFollowing(status);
     }
   };

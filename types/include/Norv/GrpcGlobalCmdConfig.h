@@ -28,9 +28,9 @@ class GrpcGlobalCmdConfig : public Lumo::Entity {
     virtual void lumoDoZombieReactors(bool zombie) { doZombieReactor(zombie); }
 
    protected:
-    NotifieeConst() = default;
+    NotifieeConst() : Lumo::NotifieeConst(&follows<GrpcGlobalCmdConfig>) {}
     // Makes the reactor ready: active, enabled, following, registered.
-    explicit NotifieeConst(const Lumo::Ptr<GrpcGlobalCmdConfig const>& config) {
+    explicit NotifieeConst(const Lumo::Ptr<GrpcGlobalCmdConfig const>& config) : NotifieeConst() {
       startFollowing(config);
     }
   };
@@ -58,6 +58,8 @@ class GrpcGlobalCmdConfig : public Lumo::Entity {
   void cmdConfigGroupIs(const Lumo::Ptr<CmdConfigGroup>& cmdConfigGroup);
   // Remove and return; null, and no notification, if absent.
   Lumo::Ptr<CmdConfigGroup> cmdConfigGroupDel(Lumo::Name name);
+  // By iterator: null as well, and nothing removed, at its end and where the queue that it stands
+  // on is the collection's no longer.
   Lumo::Ptr<CmdConfigGroup> cmdConfigGroupDel(CmdConfigGroupIterator& iterator);
   // Removes one by one, each with its notification.
   void cmdConfigGroupDelAll();

@@ -2,7 +2,8 @@
 
 #include <Twine/Point.h>
 
-// The trace points of the command model. Lines are numbers of the command schema.
+// The trace points of the command model. File, line, function and text are part of the interface:
+// they stay as they are when the code moves, so that what watches the log can match on them.
 namespace Norv::TypesTrace {
 
 Lumo::TraceHandle& _defaultTraceHandle();  // facility "GrpcTypes"
