@@ -11,6 +11,7 @@ target_sources(lumo PRIVATE
   src/skein/RingBuf.cpp
   src/skein/Snapshot.cpp
   src/skein/TraceFile.cpp
+  src/skein/UnnamedFile.cpp
   src/trace/KernelThreadId.cpp
   src/trace/LineStream.cpp
   src/trace/TraceHelper.cpp

@@ -1,6 +1,9 @@
 // Trace points while memory runs out: every allocation on their way fails once.
 
+#include <algorithm>
 #include <cstdlib>
+#include <cstring>
+#include <fstream>
 #include <new>
 #include <thread>
 
@@ -11,6 +14,7 @@ namespace {
 // How many allocations of the thread still succeed; negative: all.
 thread_local int allowed = -1;
 thread_local bool refused = false;
+thread_local std::size_t largest = 0;  // asked for
 
 void* allocate(std::size_t size, std::size_t alignment = alignof(std::max_align_t)) {
   if (allowed == 0) {
@@ -18,6 +22,7 @@ void* allocate(std::size_t size, std::size_t alignment = alignof(std::max_align_
     throw std::bad_alloc();
   }
   if (allowed > 0) --allowed;
+  largest = std::max(largest, size);
   const std::size_t whole = (size + alignment - 1) / alignment * alignment;
   if (void* memory = std::aligned_alloc(alignment, whole)) return memory;
   throw std::bad_alloc();
@@ -135,4 +140,31 @@ TEST_F(OutOfMemory, ALineForStandardErrorIsLostAndNothingElse) {
   const std::string written = testing::internal::GetCapturedStderr();
   Lumo::traceSinkIs(&recorder);
   EXPECT_NE(written.find("both: both 1 " + longText + "\n"), std::string::npos);
+}
+
+// A small file that says of itself to be large, and whose only point is nearly as long.
+TEST_F(OutOfMemory, ReadingADamagedFileAsksForNoMoreThanTheFileHas) {
+  constexpr U32 claimed = 1800U << 20;
+  Skein::FileHeader header{};
+  std::memcpy(header.magic, Skein::fileMagic, sizeof header.magic);
+  header.byteOrder = Skein::fileByteOrder;
+  header.version = Skein::fileVersion;
+  header.indexOffset = sizeof header;
+  header.indexSlots = 1;
+  header.heapOffset = header.indexOffset + sizeof(U64);
+  header.heapSize = claimed;
+  header.blocksOffset = header.heapOffset + claimed;
+  header.blockSize = 64;
+  header.blockCount = 1;
+  header.fileSize = U64{header.blocksOffset} + header.blockSize;
+  header.sitesWanted = 1;
+  const U64 entry = claimed;
+  std::string bytes(reinterpret_cast<const char*>(&header), sizeof header);
+  bytes.append(reinterpret_cast<const char*>(&entry), sizeof entry);
+  bytes.append(48, 'x');
+  std::ofstream(path, std::ios::binary) << bytes;
+  largest = 0;
+  Skein::Reader reader(path);
+  EXPECT_LT(largest, 1U << 20);
+  EXPECT_NE(reader.problem(), "");
 }

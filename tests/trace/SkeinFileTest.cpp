@@ -1,4 +1,7 @@
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <fstream>
 
@@ -202,6 +205,27 @@ TEST_F(SkeinFile, SaysWhyItCannotBeMade) {
   EXPECT_THROW(Skein::TraceHandle(path, {.size = 100}), Lumo::RangeException);
   EXPECT_THROW(Skein::TraceHandle(path, {.size = U64{1} << 40}), Lumo::RangeException);
   EXPECT_TRUE(std::filesystem::is_empty(std::filesystem::path(path).parent_path()));
+}
+
+TEST_F(SkeinFile, WhatNoLivingProcessHoldsOfItsMakingIsClearedAway) {
+  const auto make = [](const std::string& name) { std::ofstream(name) << "unfinished"; };
+  const std::string abandoned = path + ".new-1-1";
+  const std::string ours = path + ".new-" + std::to_string(::getpid()) + "-";
+  const std::string held = path + ".new-7-7";
+  const std::string foreign = folder.file("other.skein.new-1-1");
+  for (const std::string& name : {abandoned, held, foreign}) make(name);
+  for (int serial = 1; serial < 1000; ++serial) make(ours + std::to_string(serial));
+  const int holder = ::open(held.c_str(), O_RDONLY);
+  ASSERT_EQ(::flock(holder, LOCK_SH), 0);
+  ringIsOn();
+  EXPECT_EQ(folder.names(), (std::vector<std::string>{"other.skein.new-1-1", "trace.skein",
+                                                      "trace.skein.new-7-7"}));
+  ::close(holder);
+  const std::string frozen = folder.file("frozen.skein");
+  make(frozen + ".new-1-1");
+  Skein::snapshot(*skein->traceFile(), frozen);
+  EXPECT_FALSE(std::filesystem::exists(frozen + ".new-1-1"));
+  EXPECT_TRUE(std::filesystem::exists(frozen));
 }
 
 TEST_F(SkeinFile, AReaderSeesEachRecordOnceWhileItIsWritten) {

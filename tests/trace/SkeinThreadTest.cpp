@@ -1,3 +1,4 @@
+#include <atomic>
 #include <functional>
 #include <map>
 #include <set>
@@ -121,6 +122,32 @@ TEST_F(SkeinThreads, AReaderBesideWritersSeesOnlyWholeRecords) {
     }
     ASSERT_EQ(reader.problem(), "");
   }
+}
+
+TEST_F(SkeinThreads, ASnapshotBesideWritersMissesNoneBetweenTwoOfAWriter) {
+  ringIsOn({.size = 64 * 1024});
+  std::atomic<int> nextWriter{0};
+  const Writers writers(2, [&](int i) {
+    static thread_local const int self = nextWriter++;
+    Twine::trace<Sample::pair>(self, i);
+  });
+  const std::string frozen = folder.file("frozen.skein");
+  std::size_t compared = 0;
+  for (int round = 0; round < 100; ++round) {
+    Skein::snapshot(*skein->traceFile(), frozen);
+    std::map<std::string, int> last;
+    for (const Seen& record : recordsIn(frozen)) {
+      const auto b = record.text.find(" b=");
+      const int number = std::stoi(record.text.substr(b + 3));
+      const auto [known, fresh] = last.try_emplace(record.text.substr(0, b), number);
+      if (!fresh) {
+        ASSERT_EQ(number, known->second + 1) << "round " << round;
+        ++compared;
+      }
+      known->second = number;
+    }
+  }
+  EXPECT_GT(compared, 1000U);
 }
 
 TEST_F(SkeinThreads, ASnapshotBesideWritersHasOnlyWholeRecords) {

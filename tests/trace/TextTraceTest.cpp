@@ -1,4 +1,7 @@
+#include <pthread.h>
+
 #include <algorithm>
+#include <atomic>
 #include <set>
 #include <sstream>
 #include <thread>
@@ -80,6 +83,32 @@ TEST_F(TraceHandleTest, OnByDefaultHoldsUntilASettingNamesTheFacility) {
   Lumo::traceSettingIs("Loud/0");
   EXPECT_FALSE(handle.enabled(9));
   EXPECT_TRUE(handle.enabled(0));
+}
+
+TEST_F(TraceHandleTest, OneLevelOfEveryFacilityLeavesTheOthersOfOneThatIsOnByDefault) {
+  Lumo::TraceHandle loud("LoudAsWell", true);
+  Lumo::traceLevelIs("*", 3, true);
+  EXPECT_TRUE(loud.enabled(9));
+  EXPECT_TRUE(Sample::handle().enabled(3));
+  EXPECT_FALSE(Sample::handle().enabled(9));
+  Lumo::traceLevelIs("*", 9, false);
+  EXPECT_FALSE(loud.enabled(9));
+  EXPECT_TRUE(loud.enabled(8));
+  Lumo::traceSettingIs("*/1");
+  EXPECT_FALSE(loud.enabled(8));
+  Lumo::traceSettingIs("");
+  EXPECT_TRUE(loud.enabled(9));
+}
+
+TEST_F(TraceHandleTest, ItsNameMayBeReadWhileAnotherHandleOfTheFacilityIsMade) {
+  Lumo::TraceHandle first("Shared", false);
+  std::atomic<bool> stop{false};
+  std::thread reading([&] {
+    while (!stop) EXPECT_EQ(first.name().length(), 6U);
+  });
+  for (int i = 0; i < 1000; ++i) Lumo::TraceHandle("Shared", false);
+  stop = true;
+  reading.join();
 }
 
 TEST_F(TraceHandleTest, ALateTraceThroughADestroyedHandleIsSafe) {
@@ -239,7 +268,21 @@ TEST(TraceLine, ShowsWhatIsNoPlainCharacter) {
     Lumo::appendTraceText(out, text);
     return out;
   };
-  EXPECT_EQ(shown("plain ~ \xc3\xa4 \xff"), "plain ~ \xc3\xa4 \xff");
+  EXPECT_EQ(shown("plain ~ \xc3\xa4 \xe2\x82\xac \xf0\x9f\x98\x80"),
+            "plain ~ \xc3\xa4 \xe2\x82\xac \xf0\x9f\x98\x80");
+  // Control characters beyond ASCII, ends of line and paragraph, directions of writing.
+  EXPECT_EQ(shown("\xc2\x80\xc2\x9b\xc2\x9f\xc2\xa0"), "\\u0080\\u009b\\u009f\xc2\xa0");
+  EXPECT_EQ(shown("\xd8\x9c\xe2\x80\x8e\xe2\x80\x8f"), R"(\u061c\u200e\u200f)");
+  EXPECT_EQ(shown("\xe2\x80\xa7\xe2\x80\xa8\xe2\x80\xae\xe2\x80\xaf"),
+            "\xe2\x80\xa7\\u2028\\u202e\xe2\x80\xaf");
+  EXPECT_EQ(shown("\xe2\x81\xa5\xe2\x81\xa6\xe2\x81\xa9\xe2\x81\xaa"),
+            "\xe2\x81\xa5\\u2066\\u2069\xe2\x81\xaa");
+  // What is no UTF-8: stray and missing bytes, overlong forms, surrogates, too high.
+  EXPECT_EQ(shown("\xff \x9b \xc3"), R"(\xff \x9b \xc3)");
+  EXPECT_EQ(shown("\xc0\x80 \xe0\x80\x80 \xf0\x80\x80\x80"),
+            R"(\xc0\x80 \xe0\x80\x80 \xf0\x80\x80\x80)");
+  EXPECT_EQ(shown("\xed\xa0\x80 \xf4\x90\x80\x80 \xf5"), R"(\xed\xa0\x80 \xf4\x90\x80\x80 \xf5)");
+  EXPECT_EQ(shown("\xe2\x28\x82"), R"(\xe2(\x82)");
   EXPECT_EQ(shown("\n\r\t\\"), R"(\n\r\t\\)");
   EXPECT_EQ(shown(std::string_view("\x1b[1m\x7f\0\x1f", 7)), R"(\x1b[1m\x7f\x00\x1f)");
   EXPECT_EQ(shown(""), "");
@@ -277,6 +320,30 @@ TEST_F(TraceHelperTest, LinesOfTwoThreadsStayWhole) {
   ASSERT_EQ(texts.size(), 4000U);
   EXPECT_EQ(std::count(texts.begin(), texts.end(), "Sending " + std::string(50, 'a')), 2000);
   EXPECT_EQ(std::count(texts.begin(), texts.end(), "Sending " + std::string(50, 'b')), 2000);
+}
+
+// Cancels itself while it is formatted.
+struct Endless {
+  friend std::ostream& operator<<(std::ostream& out, const Endless&) {
+    while (true) ::pthread_testcancel();
+    return out;
+  }
+};
+
+TEST_F(TraceHelperTest, AThreadMayBeCancelledWhileItTraces) {
+  textIsOn();
+  pthread_t thread;
+  const auto tracing = [](void*) -> void* {
+    Twine::trace<Sample::textSending>(Endless());
+    return nullptr;
+  };
+  ASSERT_EQ(::pthread_create(&thread, nullptr, tracing, nullptr), 0);
+  ::pthread_cancel(thread);
+  void* result = nullptr;
+  ::pthread_join(thread, &result);
+  EXPECT_EQ(result, PTHREAD_CANCELED);
+  Twine::trace<Sample::textOnly>();
+  EXPECT_EQ(recorder.texts().size(), 1U);
 }
 
 TEST_F(TraceHelperTest, ASinkMayGoWhileOthersTrace) {

@@ -80,3 +80,16 @@ TEST(TraceProcess, HandlesAreMadeOnceAtTheFirstTraceOfTheirModule) {
   EXPECT_EQ(outcome.error, "");
   EXPECT_EQ(outcome.out, "--\nSample\n--\nSample\nOther\n--\n");
 }
+
+TEST(TraceProcess, ALineThatCannotGoOutKeepsNobodyElseWaiting) {
+  int ends[2];
+  ASSERT_EQ(::pipe(ends), 0);
+  ::fcntl(ends[1], F_SETFL, O_NONBLOCK);
+  const std::string filling(4096, 'x');
+  while (::write(ends[1], filling.data(), filling.size()) > 0) {
+  }
+  ::fcntl(ends[1], F_SETFL, 0);
+  EXPECT_EQ(ended(start({TRACE_PROGRAM, "stuck"}, nullptr, -1, ends[1])), 0);
+  ::close(ends[0]);
+  ::close(ends[1]);
+}

@@ -3,12 +3,17 @@
 //   trace_program threads             long lines from four threads
 //   trace_program late                lines from destructors while the process exits
 //   trace_program first               the facilities with handles before and after first traces
+//   trace_program stuck               settings, a handle and a fork while a line cannot go out
 //   trace_program commands FILE       a queue of commands on one thread, their ends on another
 //   trace_program ring FILE SIZE THREADS   numbered records until killed
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -57,6 +62,33 @@ int first() {
   Twine::trace<Sample::other>(1);
   printHandleNames();
   return 0;
+}
+
+bool sleeps(pid_t thread) {
+  std::ifstream in("/proc/self/task/" + std::to_string(thread) + "/stat");
+  std::string stat;
+  std::getline(in, stat);
+  return stat.find(") S ") != std::string::npos;
+}
+
+// Standard error is a full pipe that nobody reads. Ends by a signal where somebody waits for it.
+int stuck() {
+  ::alarm(30);
+  Lumo::traceSettingIs("*/*");
+  std::atomic<pid_t> tracing{0};
+  std::thread([&tracing] {
+    tracing = ::gettid();
+    for (int i = 0; i < 100; ++i) Twine::trace<Sample::textSending>(std::string(9000, 'x'));
+  }).detach();
+  while (tracing == 0 || !sleeps(tracing)) std::this_thread::yield();
+  Lumo::traceSettingIs("Sample/5");
+  Lumo::traceLevelIs("*", 3, true);
+  const Lumo::TraceHandle handle("Fresh", false);
+  const pid_t child = ::fork();
+  if (child == 0) ::_exit(handle.enabled(3) ? 0 : 1);
+  int status = 1;
+  ::waitpid(child, &status, 0);
+  ::_exit(status == 0 ? 0 : 1);
 }
 
 int commands(const char* path) {
@@ -124,10 +156,11 @@ int main(int count, char** words) {
     return 0;
   }
   if (mode == "first") return first();
+  if (mode == "stuck") return stuck();
   if (mode == "commands" && count == 3) return commands(words[2]);
   if (mode == "ring" && count == 5) return ring(words[2], words[3], words[4]);
-  std::fprintf(
-      stderr,
-      "usage: trace_program text|threads|late|first|commands FILE|ring FILE SIZE THREADS\n");
+  std::fprintf(stderr,
+               "usage: trace_program text|threads|late|first|stuck|commands FILE|ring FILE SIZE "
+               "THREADS\n");
   return 2;
 }

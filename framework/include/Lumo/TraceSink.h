@@ -24,13 +24,18 @@ struct TraceLine {
 // Time is UTC. Each part reads as appendTraceText writes it.
 void appendTraceLine(std::string& out, const TraceLine& line);
 
-// Appends a text so that it stays on its line and leaves a terminal alone, and so that different
-// texts look different: a backslash becomes two, line ends and tabs \n, \r and \t, every other
-// ASCII control character \x and two hexadecimal digits, as ESC \x1b.
+// Appends a text, read as UTF-8, so that it stays on its line and leaves a terminal alone, and so
+// that different texts look different: a backslash becomes two, line ends and tabs \n, \r and \t,
+// every other ASCII control character and every byte that is no UTF-8 \x and two hexadecimal
+// digits, as ESC \x1b, and the other characters that a terminal obeys (U+0080 to U+009F, line and
+// paragraph ends, marks of the direction of writing) \u and four, as \u202e. What comes out is
+// UTF-8.
 void appendTraceText(std::string& out, std::string_view text);
 
-// Where text lines go. `lineIs` is called on the tracing thread, from several threads at once. An
-// exception of a sink reaches the code that traced.
+// Where text lines go. `lineIs` is called on the tracing thread, from several threads at once, and
+// with whatever locks that thread holds: the manager traces under threadLock, so a sink that waits
+// for the worker or takes the activity lock does not come back. An exception of a sink reaches the
+// code that traced; on the client's worker nobody catches it.
 class TraceSink {
  public:
   virtual ~TraceSink() = default;

@@ -66,7 +66,8 @@ class Reader {
     U64 openedNs;  // since 1970-01-01 UTC
   };
   const Counters& counters() const { return counters_; }
-  // The sites described in the file; index 0 is id 1. Null where a descriptor cannot be read.
+  // A place for each id that the file has room for; index 0 is id 1. Null where nothing is
+  // described yet, as far as has been read, and where a descriptor cannot be read.
   const std::vector<std::unique_ptr<Site>>& sites() const { return sites_; }
 
   // Empty, or one line on what in the file could not be read.

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cxxabi.h>
+
 #include <array>
 #include <atomic>
 #include <cstddef>
@@ -59,12 +61,14 @@ bool levelMapIs(U8* levelMap, const std::array<U8, 10>& levels);
 
 namespace detail {
 
-// Whether `make` came to its end.
+// Whether `make` came to its end. The cancellation of the thread goes on its way.
 template <class Make>
-bool made(Make&& make) noexcept {
+bool made(Make&& make) {
   try {
     make();
     return true;
+  } catch (abi::__forced_unwind&) {
+    throw;
   } catch (...) {
     return false;
   }
@@ -75,7 +79,7 @@ template <const Module& module>
 inline constinit std::atomic<Lumo::TraceHandle*> knownHandle{nullptr};
 
 template <const Module& module>
-[[gnu::noinline]] Lumo::TraceHandle* firstHandle() noexcept {
+[[gnu::noinline]] Lumo::TraceHandle* firstHandle() {
   made([] { knownHandle<module>.store(&module.handle(), std::memory_order_release); });
   return knownHandle<module>.load(std::memory_order_acquire);
 }

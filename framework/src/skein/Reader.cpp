@@ -106,7 +106,10 @@ std::unique_ptr<Site> Reader::readSite(U64 entry) const {
   const U64 offset = entry >> 32;
   const U64 length = entry & 0xffffffffU;
   SiteHeader head;
-  if (length < sizeof head || offset + length > header_.heapSize) return nullptr;
+  if (length < sizeof head || offset + length > header_.heapSize ||
+      header_.heapOffset + offset + length > actualSize_) {
+    return nullptr;
+  }
   std::string bytes(length, '\0');
   if (!readAt(descriptor_, header_.heapOffset + offset, bytes.data(), length)) return nullptr;
   std::memcpy(&head, bytes.data(), sizeof head);

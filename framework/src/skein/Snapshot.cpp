@@ -1,4 +1,3 @@
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -10,6 +9,7 @@
 #include <Skein/TraceFile.h>
 
 #include "BlockCopy.h"
+#include "UnnamedFile.h"
 
 namespace Skein {
 
@@ -21,8 +21,9 @@ namespace {
                              error);
 }
 
-// The blocks as they are, cut behind their last committed record; those in the middle of a reuse
-// come out empty.
+// The blocks that were begun before the copy, cut behind their last committed record; those in the
+// middle of a reuse come out empty. Without this limit a block could be copied half full, and the
+// one that its writer filled next as well.
 void copyBlocks(int descriptor, const FileHeader& header, std::string& bytes) {
   std::string probe;
   std::string block(header.blockSize, '\0');
@@ -32,26 +33,23 @@ void copyBlocks(int descriptor, const FileHeader& header, std::string& bytes) {
     const U64 index = (begun + turn) % header.blockCount;  // from the oldest on, ahead of a writer
     const U64 offset = header.blocksOffset + index * header.blockSize;
     const BlockCopy copy = copyBlock(descriptor, offset, header.blockSize, block.data(), probe);
-    if (copy.header.sequence == 0) continue;
+    if (copy.header.sequence == 0 || copy.header.sequence > begun) continue;
     std::memcpy(bytes.data() + offset, block.data(), copy.committed);
     std::memset(bytes.data() + offset + offsetof(BlockHeader, owner), 0, sizeof(U32));
   }
 }
 
-int writeFile(const std::string& path, const std::string& bytes) {
-  const int descriptor = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  if (descriptor < 0) return errno;
-  int error = 0;
-  for (std::size_t at = 0; at < bytes.size() && error == 0;) {
+// The error number, 0 for none.
+int writeAll(int descriptor, const std::string& bytes) {
+  for (std::size_t at = 0; at < bytes.size();) {
     const ssize_t count = ::write(descriptor, bytes.data() + at, bytes.size() - at);
     if (count >= 0) {
       at += static_cast<std::size_t>(count);
     } else if (errno != EINTR) {
-      error = errno;
+      return errno;
     }
   }
-  if (::close(descriptor) != 0 && error == 0) error = errno;
-  return error;
+  return 0;
 }
 
 }  // namespace
@@ -62,11 +60,13 @@ void snapshot(TraceFile& file, const std::string& path) {
   copyBlocks(file.descriptor_, header, bytes);
   // After the records, so that every point that left one is described.
   if (!readAt(file.descriptor_, 0, bytes.data(), header.blocksOffset)) fail(path, EIO);
-  const std::string unnamed = path + ".new-" + std::to_string(::getpid());
-  int error = writeFile(unnamed, bytes);
-  if (error == 0 && ::rename(unnamed.c_str(), path.c_str()) != 0) error = errno;
+  const UnnamedFile unnamed = makeUnnamedFile(path);
+  if (unnamed.descriptor < 0) fail(path, errno);
+  int error = writeAll(unnamed.descriptor, bytes);
+  if (error == 0 && ::rename(unnamed.path.c_str(), path.c_str()) != 0) error = errno;
+  if (error != 0) ::unlink(unnamed.path.c_str());
+  if (::close(unnamed.descriptor) != 0 && error == 0) error = errno;
   if (error == 0) return;
-  ::unlink(unnamed.c_str());
   fail(path, error);
 }
 

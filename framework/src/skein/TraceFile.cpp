@@ -1,6 +1,5 @@
 #include <fcntl.h>
 #include <signal.h>
-#include <sys/file.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -15,6 +14,7 @@
 #include "FileLayout.h"
 #include "OpenFiles.h"
 #include "PreviousFile.h"
+#include "UnnamedFile.h"
 
 namespace Skein {
 
@@ -86,11 +86,9 @@ TraceFile::TraceFile(const std::string& path, TraceOptions options)
     Lumo::throwRangeException("trace file " + path + ": its size must be from 16 KiB to 2 GiB");
   }
   const bool older = options.keepPrevious && isOlderTraceFile(path_);
-  const std::string unnamed =
-      path_ + ".new-" + std::to_string(::getpid()) + "-" + std::to_string(serial_);
-  descriptor_ = ::open(unnamed.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+  const UnnamedFile unnamed = makeUnnamedFile(path_);
+  descriptor_ = unnamed.descriptor;  // locked as long as it is open
   if (descriptor_ < 0) fail(path_, "check that its folder exists and may be written");
-  ::flock(descriptor_, LOCK_SH);  // where there are no such locks, nobody asks for them
   void* bytes = MAP_FAILED;
   // Space is reserved now: a full disk must not kill the process at some later record.
   errno = ::posix_fallocate(descriptor_, 0, static_cast<off_t>(options.size));
@@ -103,12 +101,12 @@ TraceFile::TraceFile(const std::string& path, TraceOptions options)
     header() = headerFor(options.size, multiThreaded_);
   }
   const bool made = bytes != MAP_FAILED && (!older || keepAsPrevious(path_)) &&
-                    ::rename(unnamed.c_str(), path_.c_str()) == 0;
+                    ::rename(unnamed.path.c_str(), path_.c_str()) == 0;
   if (!made) {
     const int error = errno;
     if (bytes_) ::munmap(bytes_, options.size);
     ::close(descriptor_);
-    ::unlink(unnamed.c_str());
+    ::unlink(unnamed.path.c_str());
     errno = error;
     fail(path_, "check the free space and that no folder has this name");
   }

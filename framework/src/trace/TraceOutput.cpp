@@ -14,8 +14,6 @@
 
 #include <Lumo/TraceRecorder.h>
 
-#include "TraceRegistry.h"
-
 namespace Lumo {
 
 namespace {
@@ -42,11 +40,34 @@ class InSink {
   std::atomic<int>& count_;
 };
 
-// The other threads, inside a sink or replacing one, stay behind in the parent.
+// Lets one line at a time out to standard error. No mutex: fork() must not wait for whoever reads
+// there, and in a forked child the lock is free again.
+constinit std::atomic<bool> writing{false};
+
+class WritingAnchor {
+ public:
+  WritingAnchor() {
+    while (writing.exchange(true, std::memory_order_acquire)) writing.wait(true);
+  }
+  ~WritingAnchor() {
+    writing.store(false, std::memory_order_release);
+    writing.notify_one();
+  }
+  WritingAnchor(const WritingAnchor&) = delete;
+  WritingAnchor& operator=(const WritingAnchor&) = delete;
+};
+
+// The other threads, inside a sink, replacing one or writing, stay behind in the parent.
 void forgetOtherThreads() {
+  writing = false;
   insideSink[0] = 0;
   insideSink[1] = 0;
   replacing = false;
+}
+
+void watchForks() {
+  static const int registered = pthread_atfork(nullptr, nullptr, forgetOtherThreads);
+  (void)registered;
 }
 
 void writeAll(std::string_view text) {
@@ -69,7 +90,8 @@ void writeToStandardError(const TraceLine& line) {
   try {
     std::string text;
     appendTraceLine(text, line);
-    TraceMutexAnchor anchor;  // a line longer than a pipe's atomic write stays whole
+    watchForks();
+    const WritingAnchor anchor;  // a line longer than a pipe's atomic write stays whole
     writeAll(text);
   } catch (const std::bad_alloc&) {
   }
@@ -103,35 +125,75 @@ std::string_view secondText(U64 second) {
   return {kept.text, kept.length};
 }
 
+// The character that `text` begins with, and its length in bytes: 0 where no UTF-8 is.
+struct Character {
+  U32 code;
+  std::size_t length;
+};
+
+Character firstCharacter(std::string_view text) {
+  const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
+  const U32 first = byte(0);
+  std::size_t length = 1;
+  if (first >= 0x80) length = first < 0xc2 ? 0 : first < 0xe0 ? 2 : first < 0xf0 ? 3 : 4;
+  if (first > 0xf4 || length == 0 || length > text.size()) return {0, 0};
+  U32 code = length == 1 ? first : first & (0x7fU >> length);
+  for (std::size_t i = 1; i < length; ++i) {
+    if ((byte(i) & 0xc0) != 0x80) return {0, 0};
+    code = code << 6 | (byte(i) & 0x3fU);
+  }
+  const bool overlong = (length == 3 && code < 0x800) || (length == 4 && code < 0x10000);
+  const bool surrogate = code >= 0xd800 && code < 0xe000;
+  if (overlong || surrogate || code > 0x10ffff) return {0, 0};
+  return {code, length};
+}
+
+// Whether a terminal would obey the character instead of showing it: control characters, line and
+// paragraph ends, and what turns the direction of writing (UAX #9).
+bool commandsTerminal(U32 code) {
+  const auto within = [code](U32 first, U32 last) { return code >= first && code <= last; };
+  return code < 0x20 || within(0x7f, 0x9f) || code == 0x61c || within(0x200e, 0x200f) ||
+         within(0x2028, 0x202e) || within(0x2066, 0x2069);
+}
+
+void appendHexadecimal(std::string& out, U32 value, int digits) {
+  while (digits-- > 0) out.push_back("0123456789abcdef"[value >> 4 * digits & 15]);
+}
+
+// Appends what stands for the character that `text` begins with, and returns its length there.
+std::size_t appendSpecial(std::string& out, std::string_view text) {
+  constexpr std::string_view named = "\\\n\r\t";
+  if (const auto at = named.find(text[0]); at != std::string_view::npos) {
+    out.append({'\\', "\\nrt"[at]});
+    return 1;
+  }
+  const Character character = firstCharacter(text);
+  if (character.length > 1 && !commandsTerminal(character.code)) {
+    out.append(text.substr(0, character.length));
+  } else if (character.length > 1) {
+    out.append("\\u");
+    appendHexadecimal(out, character.code, 4);
+  } else {
+    out.append("\\x");
+    appendHexadecimal(out, static_cast<unsigned char>(text[0]), 2);
+  }
+  return std::max<std::size_t>(character.length, 1);
+}
+
 }  // namespace
 
 void appendTraceText(std::string& out, std::string_view text) {
-  constexpr char hexadecimal[] = "0123456789abcdef";
   const auto plain = [](char c) {
-    return static_cast<unsigned char>(c) >= 0x20 && c != 0x7f && c != '\\';
+    return static_cast<unsigned char>(c) >= 0x20 && static_cast<unsigned char>(c) < 0x7f &&
+           c != '\\';
   };
-  for (auto rest = text.begin();;) {
-    const auto special = std::find_if_not(rest, text.end(), plain);
-    out.append(rest, special);
-    if (special == text.end()) return;
-    const auto c = static_cast<unsigned char>(*special);
-    switch (c) {
-      case '\\':
-        out.append("\\\\");
-        break;
-      case '\n':
-        out.append("\\n");
-        break;
-      case '\r':
-        out.append("\\r");
-        break;
-      case '\t':
-        out.append("\\t");
-        break;
-      default:
-        out.append("\\x").append({hexadecimal[c >> 4], hexadecimal[c & 15]});
-    }
-    rest = special + 1;
+  while (true) {
+    const auto special = std::find_if_not(text.begin(), text.end(), plain);
+    const auto length = static_cast<std::size_t>(special - text.begin());
+    out.append(text.substr(0, length));
+    text.remove_prefix(length);
+    if (text.empty()) return;
+    text.remove_prefix(appendSpecial(out, text));
   }
 }
 
@@ -167,8 +229,7 @@ void deliverTraceLine(const TraceLine& line) {
 }
 
 void traceSinkIs(TraceSink* newSink) {
-  static const int registered = pthread_atfork(nullptr, nullptr, forgetOtherThreads);
-  (void)registered;
+  watchForks();
   while (replacing.exchange(true)) std::this_thread::yield();
   sink.store(newSink);
   for (int turn = 0; turn < 2; ++turn) {

@@ -5,18 +5,18 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <optional>
 
 namespace Lumo {
 
 namespace {
-
-constexpr U32 everyLevel = (1U << TraceFacility::levelCount) - 1;
 
 bool isLevel(char c) {
   return c >= '0' && c <= '9';
 }
 
 std::optional<U32> parseLevels(std::string_view text) {
+  constexpr U32 everyLevel = TraceRegistry::everyLevel;
   if (text == "*") return everyLevel;
   const bool single = text.size() == 1 && isLevel(text[0]);
   const bool range = text.size() == 3 && isLevel(text[0]) && text[1] == '-' && isLevel(text[2]);
@@ -43,14 +43,14 @@ void warn(std::string_view setting) {
 
 }  // namespace
 
-TraceMutex::TraceMutex() {
-  pthread_atfork([] { TraceMutex::instance().mutex_.lock(); },
-                 [] { TraceMutex::instance().mutex_.unlock(); },
-                 [] { TraceMutex::instance().mutex_.unlock(); });
+SettingsMutex::SettingsMutex() {
+  pthread_atfork([] { SettingsMutex::instance().mutex_.lock(); },
+                 [] { SettingsMutex::instance().mutex_.unlock(); },
+                 [] { SettingsMutex::instance().mutex_.unlock(); });
 }
 
-TraceMutex& TraceMutex::instance() {
-  static auto* mutex = new TraceMutex;
+SettingsMutex& SettingsMutex::instance() {
+  static auto* mutex = new SettingsMutex;
   return *mutex;
 }
 
@@ -65,9 +65,10 @@ TraceRegistry& TraceRegistry::instance() {
 }
 
 const TraceRegistry::Facility& TraceRegistry::handleIs(const String& name, bool onByDefault) {
-  TraceMutexAnchor anchor;
-  Facility& facility = facilities_[name.stdString()];
-  facility.name = name;
+  SettingsMutexAnchor anchor;
+  const auto [known, fresh] = facilities_.try_emplace(name.stdString());
+  Facility& facility = known->second;
+  if (fresh) facility.name = name;  // never again: other threads read it
   facility.onByDefault = facility.onByDefault || onByDefault;
   facility.levels.store(wanted(name.stdString(), facility.onByDefault), std::memory_order_relaxed);
   if (std::find(handleNames_.begin(), handleNames_.end(), name) == handleNames_.end()) {
@@ -77,12 +78,12 @@ const TraceRegistry::Facility& TraceRegistry::handleIs(const String& name, bool 
 }
 
 std::vector<String> TraceRegistry::handleNames() {
-  TraceMutexAnchor anchor;
+  SettingsMutexAnchor anchor;
   return handleNames_;
 }
 
 U32 TraceRegistry::levels(const String& name) {
-  TraceMutexAnchor anchor;
+  SettingsMutexAnchor anchor;
   const auto known = facilities_.find(name.stdString());
   return wanted(name.stdString(), known != facilities_.end() && known->second.onByDefault);
 }
@@ -90,7 +91,7 @@ U32 TraceRegistry::levels(const String& name) {
 U32 TraceRegistry::wanted(const std::string& name, bool onByDefault) const {
   const auto named = named_.find(name);
   if (named != named_.end()) return named->second;
-  return all_.value_or(onByDefault ? everyLevel : 0);
+  return onByDefault ? unnamed_.on : unnamed_.off;
 }
 
 void TraceRegistry::publish() {
@@ -106,7 +107,8 @@ bool TraceRegistry::partIs(std::string_view part) {
   if (!levels) return false;
   const std::string_view name = trimmed(part.substr(0, slash));
   if (name == "*") {
-    all_ = all_.value_or(0) | *levels;
+    unnamed_.off |= *levels;
+    unnamed_.on = unnamed_.off;
   } else {
     named_[std::string(name)] |= *levels;
   }
@@ -116,16 +118,16 @@ bool TraceRegistry::partIs(std::string_view part) {
 bool TraceRegistry::settingIs(std::string_view setting) {
   bool good = true;
   {
-    TraceMutexAnchor anchor;
+    SettingsMutexAnchor anchor;
     named_.clear();
-    all_.reset();
+    unnamed_ = {};
     for (std::string_view rest = setting; !rest.empty();) {
       const auto comma = std::min(rest.find(','), rest.size());
       const std::string_view part = trimmed(rest.substr(0, comma));
       if (!part.empty() && !partIs(part)) good = false;
       rest.remove_prefix(std::min(comma + 1, rest.size()));
     }
-    for (auto& [name, levels] : named_) levels |= all_.value_or(0);
+    for (auto& [name, levels] : named_) levels |= unnamed_.off;
     publish();
   }
   if (!good) warn(setting);
@@ -136,9 +138,9 @@ void TraceRegistry::levelIs(const String& name, int level, bool on) {
   if (level < -1 || level >= static_cast<int>(TraceFacility::levelCount)) return;
   const U32 bits = level < 0 ? everyLevel : 1U << level;
   const auto changed = [&](U32 levels) { return on ? levels | bits : levels & ~bits; };
-  TraceMutexAnchor anchor;
+  SettingsMutexAnchor anchor;
   if (name == String("*")) {
-    all_ = changed(all_.value_or(0));
+    unnamed_ = {changed(unnamed_.off), changed(unnamed_.on)};
     for (auto& [named, levels] : named_) levels = changed(levels);
   } else {
     const auto known = facilities_.find(name.stdString());

@@ -3,7 +3,6 @@
 #include <atomic>
 #include <map>
 #include <mutex>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -14,29 +13,34 @@
 
 namespace Lumo {
 
-// Guards the settings and standard error. Never destroyed, and free in a forked child.
-class LUMO_CAPABILITY("mutex") TraceMutex {
+// Guards the settings, and nothing that could wait for anybody. Never destroyed, and free in a
+// forked child.
+class LUMO_CAPABILITY("mutex") SettingsMutex {
  public:
-  static TraceMutex& instance();
+  static SettingsMutex& instance();
   void lock() LUMO_ACQUIRE() { mutex_.lock(); }
   void unlock() LUMO_RELEASE() { mutex_.unlock(); }
 
  private:
-  TraceMutex();
+  SettingsMutex();
   std::mutex mutex_;
 };
 
-class LUMO_SCOPED_CAPABILITY TraceMutexAnchor {
+class LUMO_SCOPED_CAPABILITY SettingsMutexAnchor {
  public:
-  TraceMutexAnchor() LUMO_ACQUIRE(TraceMutex::instance()) { TraceMutex::instance().lock(); }
-  ~TraceMutexAnchor() LUMO_RELEASE() { TraceMutex::instance().unlock(); }
-  TraceMutexAnchor(const TraceMutexAnchor&) = delete;
-  TraceMutexAnchor& operator=(const TraceMutexAnchor&) = delete;
+  SettingsMutexAnchor() LUMO_ACQUIRE(SettingsMutex::instance()) {
+    SettingsMutex::instance().lock();
+  }
+  ~SettingsMutexAnchor() LUMO_RELEASE() { SettingsMutex::instance().unlock(); }
+  SettingsMutexAnchor(const SettingsMutexAnchor&) = delete;
+  SettingsMutexAnchor& operator=(const SettingsMutexAnchor&) = delete;
 };
 
 // The settings and the records of the facilities. Never destroyed: handles point into it.
 class TraceRegistry {
  public:
+  static constexpr U32 everyLevel = (1U << TraceFacility::levelCount) - 1;
+
   struct Facility {
     String name;
     std::atomic<U32> levels{0};  // what the handles read
@@ -53,16 +57,23 @@ class TraceRegistry {
   void levelIs(const String& name, int level, bool on);
 
  private:
-  TraceRegistry();
-  U32 wanted(const std::string& name, bool onByDefault) const LUMO_REQUIRES(TraceMutex::instance());
-  void publish() LUMO_REQUIRES(TraceMutex::instance());
-  bool partIs(std::string_view part) LUMO_REQUIRES(TraceMutex::instance());
+  struct Unnamed {
+    U32 off = 0;
+    U32 on = everyLevel;
+  };
 
-  std::map<std::string, Facility> facilities_ LUMO_GUARDED_BY(TraceMutex::instance());
-  std::vector<String> handleNames_ LUMO_GUARDED_BY(TraceMutex::instance());
-  // Levels of the facilities that a setting names, and of "*".
-  std::map<std::string, U32> named_ LUMO_GUARDED_BY(TraceMutex::instance());
-  std::optional<U32> all_ LUMO_GUARDED_BY(TraceMutex::instance());
+  TraceRegistry();
+  U32 wanted(const std::string& name, bool onByDefault) const
+      LUMO_REQUIRES(SettingsMutex::instance());
+  void publish() LUMO_REQUIRES(SettingsMutex::instance());
+  bool partIs(std::string_view part) LUMO_REQUIRES(SettingsMutex::instance());
+
+  std::map<std::string, Facility> facilities_ LUMO_GUARDED_BY(SettingsMutex::instance());
+  std::vector<String> handleNames_ LUMO_GUARDED_BY(SettingsMutex::instance());
+  // Levels of the facilities that a setting names, and of all others: by default off and by default
+  // on.
+  std::map<std::string, U32> named_ LUMO_GUARDED_BY(SettingsMutex::instance());
+  Unnamed unnamed_ LUMO_GUARDED_BY(SettingsMutex::instance());
 };
 
 }  // namespace Lumo
