@@ -112,7 +112,7 @@ void CmdConfigGroupSm::handleBatch() {
   Twine::trace<ManagerTrace::handleBatch>();
   // No member is touched after the call: moving commands may delete this machine.
   const Lumo::Ptr<CmdConfigGroup> group = configGroup();
-  if (!group || group->cmdBatchs() == 0) return;
+  if (!connectionsMgr_ || !group || group->cmdBatchs() == 0) return;
   connectionsMgr_->doEnqueueBatch(group);
 }
 
@@ -130,6 +130,11 @@ void CmdConfigGroupSm::hasNotificationActiveIs(bool active) {
   PtrInterface::hasNotificationActiveIs(active);
   if (lumoClock_) lumoClock_->hasNotificationActiveIs(active);
   if (lumoConfigGroup_) lumoConfigGroup_->hasNotificationActiveIs(active);
+}
+
+void CmdConfigGroupSm::letGo() {
+  lumoDoZombieReactors(true);
+  connectionsMgr_ = nullptr;
 }
 
 Lumo::Ptr<CmdConfigGroupSm> cmdConfigGroupSmFactory(Lumo::Ptr<CmdConfigGroup> configGroup,

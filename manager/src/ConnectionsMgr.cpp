@@ -1,5 +1,7 @@
+#include <atomic>
 #include <cstdlib>
 #include <string>
+#include <utility>
 
 #include <Lumo/Assert.h>
 #include <Lumo/Exception.h>
@@ -19,7 +21,73 @@ bool simulation() {
   return std::getenv("SIMULATION_NORV") != nullptr;
 }
 
+void checkGroup(const Lumo::Ptr<CmdConfigGroup>& group) {
+  if (!group) Lumo::throwRangeException("the queue of commands must not be null");
+}
+
 }  // namespace
+
+// A connection in the making. Its worker, which nobody can stop once it runs, begins when the rest
+// of the initialization is done; if that fails, all is taken down again.
+class ConnectionsMgr::Connecting {
+ public:
+  explicit Connecting(ConnectionsMgr& mgr) : mgr_(mgr) {}
+  ~Connecting() {
+    if (worker_->load() == waits) takeDown();
+  }
+  Connecting(const Connecting&) = delete;
+  Connecting& operator=(const Connecting&) = delete;
+
+  void connect();
+  void succeeded() { tellWorker(begins); }
+
+ private:
+  enum Worker { waits, begins, leaves };
+
+  void tellWorker(Worker what) {
+    worker_->store(what);
+    worker_->notify_one();
+  }
+  void takeDown();
+
+  ConnectionsMgr& mgr_;
+  bool connected_ = false;
+  // Shared with the worker, which may look at it last.
+  const std::shared_ptr<std::atomic<Worker>> worker_ = std::make_shared<std::atomic<Worker>>(waits);
+};
+
+void ConnectionsMgr::Connecting::connect() {
+  const std::string address =
+      mgr_.hostConfig_->host().stdString() + ":" + std::to_string(mgr_.hostConfig_->portNum());
+  Twine::trace<ManagerTrace::connecting>(address);
+  mgr_.threadLockIs(nullptr);
+  mgr_.threadConditionIs(nullptr);
+  mgr_.clientIs(nullptr);
+  mgr_.grpcReplyThreadIs(nullptr);
+  connected_ = true;
+  mgr_.threadLockIs(new Lumo::Lock());
+  mgr_.threadConditionIs(new Lumo::Condition());
+  const std::shared_ptr<grpc::Channel> channel =
+      grpc::CreateChannel(address, grpc::InsecureChannelCredentials());
+  mgr_.clientIs(new GrpcClient(channel, mgr_.pendingQueue_, mgr_.grpcErrorHandlingStatus_,
+                               mgr_.threadLock_, mgr_.threadCondition_));
+  mgr_.grpcReplyThreadIs(new std::thread([worker = worker_, client = mgr_.client_] {
+    worker->wait(waits);
+    if (worker->load() == begins) client->doProcessGrpcCmd();
+  }));
+  Twine::trace<ManagerTrace::clientStarted>(mgr_.client_);
+}
+
+void ConnectionsMgr::Connecting::takeDown() {
+  mgr_.initializedIs(false);
+  if (!connected_) return;
+  tellWorker(leaves);
+  if (mgr_.grpcReplyThread_) mgr_.grpcReplyThread_->join();
+  delete std::exchange(mgr_.grpcReplyThread_, nullptr);
+  delete std::exchange(mgr_.threadCondition_, nullptr);
+  delete std::exchange(mgr_.threadLock_, nullptr);
+  delete std::exchange(mgr_.client_, nullptr);
+}
 
 ConnectionsMgr::LumoGlobalCmdConfig::LumoGlobalCmdConfig(
     const Lumo::Ptr<GrpcGlobalCmdConfig>& config, ConnectionsMgr* owner)
@@ -47,7 +115,12 @@ ConnectionsMgr::ConnectionsMgr(const Lumo::Ptr<const ConnectionConfig>& hostConf
   if (globalCmdConfig) {
     lumoGlobalCmdConfig_ = Lumo::allocate<LumoGlobalCmdConfig>(globalCmdConfig, this);
   }
-  handleInitialized();
+  try {
+    handleInitialized();
+  } catch (...) {
+    leave();
+    throw;
+  }
 }
 
 Lumo::ValidPtr<ConnectionsMgr> ConnectionsMgr::ConnectionsMgrIs(
@@ -60,6 +133,11 @@ Lumo::ValidPtr<ConnectionsMgr> ConnectionsMgr::ConnectionsMgrIs(
 
 ConnectionsMgr::~ConnectionsMgr() {
   destroyGrpcClient();
+  leave();
+}
+
+// Nobody reaches the manager any more through what it follows.
+void ConnectionsMgr::leave() {
   lumoDoZombieReactors(true);
   if (lumoGlobalCmdConfig_) lumoGlobalCmdConfig_->connectionsMgrIs(nullptr);
   cmdConfigGroupSmDelAll();
@@ -76,6 +154,8 @@ void ConnectionsMgr::globalCmdConfigIs(const Lumo::Ptr<GrpcGlobalCmdConfig>& con
 
 Lumo::ValidPtr<CmdConfigGroupSm> ConnectionsMgr::cmdConfigGroupSmIs(
     const Lumo::Ptr<CmdConfigGroup>& group) {
+  checkGroup(group);
+  const Lumo::Ptr<ConnectionsMgr> self(this);  // a producer may drop the manager meanwhile
   const Lumo::Name name = group->name();
   Lumo::Ptr<CmdConfigGroupSm> machine = cmdConfigGroupSm_[name];
   if (!machine) {
@@ -101,6 +181,18 @@ Lumo::ValidPtr<CmdConfigGroupSm> ConnectionsMgr::cmdConfigGroupSmIs(
   return machine;
 }
 
+Lumo::Ptr<CmdConfigGroupSm> ConnectionsMgr::cmdConfigGroupSmDel(Lumo::Name name) {
+  Lumo::Ptr<CmdConfigGroupSm> machine = cmdConfigGroupSm_.memberDel(name);
+  if (machine) machine->letGo();
+  return machine;
+}
+
+Lumo::Ptr<CmdConfigGroupSm> ConnectionsMgr::cmdConfigGroupSmDel(
+    CmdConfigGroupSmIterator& iterator) {
+  if (!iterator || cmdConfigGroupSm_[iterator.key()] != iterator.ptr()) return nullptr;
+  return cmdConfigGroupSmDel(iterator.key());
+}
+
 void ConnectionsMgr::cmdConfigGroupSmDelAll() {
   for (auto iterator = cmdConfigGroupSmIterator(); iterator; ++iterator) {
     cmdConfigGroupSmDel(iterator);
@@ -110,7 +202,9 @@ void ConnectionsMgr::cmdConfigGroupSmDelAll() {
 void ConnectionsMgr::handleInitialized() {
   Twine::trace<ManagerTrace::handleInitialized>();
   if (initialized_) return;
-  if (!simulation()) connect();
+  const Lumo::Ptr<ConnectionsMgr> self(this);  // a producer may drop the manager meanwhile
+  Connecting connecting(*this);
+  if (!simulation()) connecting.connect();
   initializedIs(true);
 
   LUMO_ASSERT(globalCmdConfig(), "globalCmdConfig()");
@@ -119,20 +213,7 @@ void ConnectionsMgr::handleInitialized() {
     present.push_back(group.key());
   }
   for (const Lumo::Name& name : present) handleCmdConfigGroup(name);
-}
-
-void ConnectionsMgr::connect() {
-  const std::string address =
-      hostConfig_->host().stdString() + ":" + std::to_string(hostConfig_->portNum());
-  Twine::trace<ManagerTrace::connecting>(address);
-  threadLockIs(new Lumo::Lock());
-  threadConditionIs(new Lumo::Condition());
-  const std::shared_ptr<grpc::Channel> channel =
-      grpc::CreateChannel(address, grpc::InsecureChannelCredentials());
-  clientIs(new GrpcClient(channel, pendingQueue_, grpcErrorHandlingStatus_, threadLock_,
-                          threadCondition_));
-  grpcReplyThreadIs(new std::thread(&GrpcClient::doProcessGrpcCmd, client_));
-  Twine::trace<ManagerTrace::clientStarted>(client_);
+  connecting.succeeded();
 }
 
 void ConnectionsMgr::destroyGrpcClient() {
@@ -158,6 +239,8 @@ void ConnectionsMgr::doFlushPendingQueue() {
 void ConnectionsMgr::doEnqueueBatch(const Lumo::Ptr<CmdConfigGroup>& group) {
   Twine::trace<ManagerTrace::doEnqueueBatch>();
   if (!initialized_) return;
+  checkGroup(group);
+  const Lumo::Ptr<ConnectionsMgr> self(this);  // a producer may drop the manager meanwhile
   if (grpcErrorHandlingStatus_->errorOccured()) group->cmdBatchDelAll();
   if (simulation()) {
     doEnqueueBatchHelper(group);
@@ -170,15 +253,19 @@ void ConnectionsMgr::doEnqueueBatch(const Lumo::Ptr<CmdConfigGroup>& group) {
 }
 
 U32 ConnectionsMgr::doEnqueueBatchHelper(const Lumo::Ptr<CmdConfigGroup>& group) {
+  checkGroup(group);
+  const Lumo::Ptr<CmdGroup> pending = pendingQueue_;  // a producer may drop the manager meanwhile
   const U32 waiting = group->cmdBatchs();
-  while (const Lumo::Ptr<GrpcCmd> cmd = group->cmdBatchDeq()) pendingQueue_->cmdBatchEnq(cmd);
+  while (const Lumo::Ptr<GrpcCmd> cmd = group->cmdBatchDeq()) pending->cmdBatchEnq(cmd);
   return waiting;
 }
 
 void ConnectionsMgr::handleCmdConfigGroup(Lumo::Name name) {
   Twine::trace<ManagerTrace::handleCmdConfigGroup>(name);
   if (!initialized_) return;
-  if (const Lumo::Ptr<CmdConfigGroup> group = globalCmdConfig()->cmdConfigGroup(name)) {
+  const Lumo::Ptr<GrpcGlobalCmdConfig> config = globalCmdConfig();
+  if (!config) Lumo::throwRangeException("the manager follows no collection of queues");
+  if (const Lumo::Ptr<CmdConfigGroup> group = config->cmdConfigGroup(name)) {
     Twine::trace<ManagerTrace::creatingSm>(name);
     cmdConfigGroupSmIs(group);
   } else {

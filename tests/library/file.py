@@ -100,5 +100,14 @@ def test_client_has_one_instance_per_kind_of_request_and_response():
         check.equal(len(instances), count, "instances of " + function)
 
 
+
+def test_exports_every_instance_of_the_client():
+    exported = check.run(check.need("nm"), "-DC", "--defined-only", LIBRARY)
+    for function, count in (("sendRequestCommon", 37), ("processResponseCommon", 21)):
+        instances = set(re.findall(r"^[0-9a-f]+ [TW] void Norv::GrpcClient::" + function + "<.*$",
+                                   exported, re.M))
+        check.equal(len(instances), count, "exported instances of " + function)
+
+
 if __name__ == "__main__":
     check.main()

@@ -118,9 +118,12 @@ def test_one_plain_channel_one_stub_one_client_one_thread():
         check.equal(text.count(more), 1, more)
 
 
-def test_the_worker_is_neither_joined_nor_detached():
-    assert imported(r"std::thread::"), "no thread at all"
-    check.equal(imported(r"std::(j?thread)::(join|detach|request_stop)\b"), [], "imports")
+def test_a_worker_that_has_begun_is_neither_joined_nor_detached():
+    check.equal(imported(r"std::(j?thread)::(detach|request_stop)\b"), [], "imports")
+    # The one that is joined was told to leave before it began.
+    check.equal(everything().count("->join()"), 1, "joins")
+    in_order(body("manager/src/ConnectionsMgr.cpp", "void ConnectionsMgr::Connecting::takeDown()"),
+             "tellWorker(leaves)", "->join()")
 
 
 def test_calls_have_no_deadline():
@@ -149,12 +152,13 @@ def test_the_manager_leaves_clock_version_and_flush_to_others():
 def test_steps_that_do_not_show():
     manager = "manager/src/ConnectionsMgr.cpp"
     client = "client/src/GrpcClient.cpp"
-    in_order(body(manager, "void ConnectionsMgr::connect()"), "new GrpcClient(channel, pendingQueue_, "
-             "grpcErrorHandlingStatus_, threadLock_, threadCondition_)",
-             "grpcReplyThreadIs(new std::thread(&GrpcClient::doProcessGrpcCmd, client_))",
-             "clientStarted")
-    in_order(body(manager, "ConnectionsMgr::~ConnectionsMgr()"), "destroyGrpcClient()",
-             "lumoDoZombieReactors(true)", "connectionsMgrIs(nullptr)", "cmdConfigGroupSmDelAll()")
+    in_order(body(manager, "void ConnectionsMgr::Connecting::connect()"),
+             "new GrpcClient(channel, mgr_.pendingQueue_, mgr_.grpcErrorHandlingStatus_, "
+             "mgr_.threadLock_, mgr_.threadCondition_)",
+             "grpcReplyThreadIs(new std::thread(", "client->doProcessGrpcCmd()", "clientStarted")
+    in_order(body(manager, "ConnectionsMgr::~ConnectionsMgr()"), "destroyGrpcClient()", "leave()")
+    in_order(body(manager, "void ConnectionsMgr::leave()"), "lumoDoZombieReactors(true)",
+             "connectionsMgrIs(nullptr)", "cmdConfigGroupSmDelAll()")
     in_order(body("manager/src/CmdConfigGroupSm.cpp", "CmdConfigGroupSm::~CmdConfigGroupSm()"),
              "lumoDoZombieReactors(true)", "lumoClock_->cmdConfigGroupSmIs(nullptr)",
              "lumoConfigGroup_->cmdConfigGroupSmIs(nullptr)")
@@ -256,7 +260,7 @@ def test_members_in_their_order():
              "std::atomic<bool> errorOccured_{false};")
     in_order(code("client/include/Norv/GrpcClient.h"), "private:", "> stub_;", "cq_;", "cmdGroup_;",
              "errorStatus_;", "lock_;", "condition_;")
-    in_order(code("manager/include/Norv/ConnectionsMgr.h"), "void connect();", "hostConfig_;",
+    in_order(code("manager/include/Norv/ConnectionsMgr.h"), "void leave();", "hostConfig_;",
              "lumoGlobalCmdConfig_;", "pendingQueue_;", "grpcErrorHandlingStatus_;", "client_ =",
              "grpcReplyThread_ =", "threadLock_ =", "threadCondition_ =", "cmdConfigGroupSm_{4};",
              "initialized_ =")

@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <optional>
 #include <set>
+#include <stdexcept>
 
 #include <Lumo/Trace.h>
 #include <Norv/GrpcClient.h>
@@ -341,6 +342,62 @@ TEST_F(ConnectionsMgrTest, KeptOnPurposeReadsTheSimulationVariableAfreshAtEachDe
   agent.manager->handleInitialized();
   agent.manager->destroyGrpcClient();
   EXPECT_EQ(agent.manager->client(), client);
+}
+
+// A producer's reactor that throws when a command leaves its queue, as long as it is told to.
+class Thrower : public CmdConfigGroup::NotifieeConst {
+ public:
+  explicit Thrower(const Lumo::Ptr<CmdConfigGroup>& queue) : NotifieeConst(queue) {}
+  using CmdConfigGroup::NotifieeConst::onCmdBatch;
+  void onCmdBatch(U32 index) override {
+    if (throws && !notifier()->cmdBatchHas(index)) throw std::runtime_error("not now");
+  }
+  bool throws = true;
+};
+
+TEST_F(ConnectionsMgrTest, LeavesNothingBehindWhenAProducerThrowsWhileItIsMade) {
+  agent.enqueue();
+  agent.enqueue();
+  const auto thrower = Lumo::allocate<Thrower>(agent.queue());
+  {
+    Agent other;  // gRPC's own threads come with the first channel, and stay
+    other.connect(daemon.port());
+    other.dropManager();
+  }
+  const std::ptrdiff_t before = threads();
+  for (int i = 0; i < 2; ++i) EXPECT_THROW(agent.connect(daemon.port()), std::runtime_error);
+  EXPECT_EQ(agent.manager, nullptr);
+  EXPECT_EQ(threads(), before);
+  EXPECT_TRUE(daemon.calls().empty());
+  EXPECT_EQ(agent.pending->references(), 1u);
+  EXPECT_EQ(agent.config->notifieeList()->members(), 0u);
+
+  // The queues are as they were but for the commands that had left, and another manager goes on.
+  thrower->throws = false;
+  agent.enqueue();
+  agent.connect(daemon.port());
+  EXPECT_TRUE(agent.eventually([&] { return daemon.calls().size() == 1; }));
+}
+
+TEST_F(ConnectionsMgrTest, StartsOverAfterAProducerHasThrown) {
+  std::optional<Environment> simulation;
+  simulation.emplace("SIMULATION_NORV", "1");
+  agent.connect(daemon.port());
+  agent.enqueue();
+  agent.enqueue();
+  const auto thrower = Lumo::allocate<Thrower>(agent.queue());
+  agent.manager->cmdConfigGroupSmDelAll();
+  simulation.reset();
+  agent.manager->initializedIs(false);
+  EXPECT_THROW(agent.manager->handleInitialized(), std::runtime_error);
+  EXPECT_FALSE(agent.manager->initialized());
+  EXPECT_EQ(agent.manager->client(), nullptr);
+  EXPECT_EQ(agent.manager->grpcReplyThread(), nullptr);
+  EXPECT_EQ(agent.manager->threadLock(), nullptr);
+  EXPECT_EQ(agent.manager->threadCondition(), nullptr);
+  thrower->throws = false;
+  agent.manager->handleInitialized();
+  EXPECT_TRUE(agent.eventually([&] { return daemon.calls().size() == 1; }));
 }
 
 }  // namespace

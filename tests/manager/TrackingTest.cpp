@@ -339,9 +339,129 @@ TEST_F(Tracking, KeptOnPurposeAQueueRemovedWhileItsMachineIsMadeLeavesTheMachine
   EXPECT_EQ(machine()->configGroup(), queue);
   EXPECT_THROW(agent.config->cmdConfigGroupIs(CmdConfigGroup::CmdConfigGroupIs("main")),
                Lumo::NameInUseException);
-  // The way out.
+  // The way out: the new queue is in the collection, and removing it removes the machine.
   agent.config->cmdConfigGroupDel("main");
   EXPECT_FALSE(machine());
+}
+
+TEST_F(Tracking, AMachineThatWasLeftBehindGoesWithItsQueueAddedOnceMore) {
+  const auto queue = CmdConfigGroup::CmdConfigGroupIs("main");
+  queue->cmdBatchEnq(agent.command());
+  auto remover = Lumo::allocate<Remover>(queue, &agent);
+  agent.config->cmdConfigGroupIs(queue);
+  remover = nullptr;
+  agent.config->cmdConfigGroupDel("main");
+  ASSERT_TRUE(machine());
+  agent.config->cmdConfigGroupIs(queue);
+  agent.config->cmdConfigGroupDel("main");
+  EXPECT_FALSE(machine());
+}
+
+TEST_F(Tracking, KnowsWhetherItHasAMachine) {
+  EXPECT_FALSE(agent.manager->cmdConfigGroupSmHas("main"));
+  agent.queue();
+  EXPECT_TRUE(agent.manager->cmdConfigGroupSmHas("main"));
+  EXPECT_FALSE(agent.manager->cmdConfigGroupSmHas("other"));
+}
+
+TEST_F(Tracking, AMachineThatOutlivesItsQueueMovesNothing) {
+  const auto queue = agent.queue();
+  const auto kept = machine();
+  agent.config->cmdConfigGroupDel("main");
+  EXPECT_TRUE(kept->lumoMarkedForDeletion());
+  EXPECT_EQ(kept->connectionsMgr(), nullptr);
+  queue->cmdBatchEnq(agent.command());
+  queue->enqueueVersionInc(1);
+  kept->handleBatch();
+  kept->lumoDoZombieReactors(false);
+  queue->enqueueVersionInc(1);
+  EXPECT_EQ(queue->cmdBatchs(), 1u);
+  EXPECT_EQ(agent.pending->cmdBatchs(), 0u);
+}
+
+TEST_F(Tracking, AMachineThatOutlivesItsManagerMovesNothing) {
+  const auto queue = agent.queue();
+  const auto kept = machine();
+  agent.dropManager();
+  queue->cmdBatchEnq(agent.command());
+  queue->enqueueVersionInc(1);
+  kept->handleBatch();
+  kept->configGroupIs(agent.queue("other"));
+  EXPECT_EQ(queue->cmdBatchs(), 1u);
+}
+
+TEST_F(Tracking, DeletesNoMachineByAnIteratorAtItsEndOrOfAReplacedOne) {
+  agent.queue("a");
+  auto atEnd = agent.manager->cmdConfigGroupSmIterator();
+  ++atEnd;
+  EXPECT_EQ(agent.manager->cmdConfigGroupSmDel(atEnd), nullptr);
+  auto replaced = agent.manager->cmdConfigGroupSmIterator();
+  agent.manager->cmdConfigGroupSmDel("a");
+  agent.manager->cmdConfigGroupSmIs(agent.queue("a"));
+  EXPECT_EQ(agent.manager->cmdConfigGroupSmDel(replaced), nullptr);
+  EXPECT_TRUE(machine("a"));
+}
+
+TEST_F(Tracking, RefusesNullQueues) {
+  EXPECT_THROW(agent.manager->cmdConfigGroupSmIs(nullptr), Lumo::RangeException);
+  EXPECT_THROW(agent.manager->doEnqueueBatch(nullptr), Lumo::RangeException);
+  EXPECT_THROW(agent.manager->doEnqueueBatchHelper(nullptr), Lumo::RangeException);
+  const auto none = Lumo::Ptr<CmdConfigGroup>();
+  EXPECT_THROW(Lumo::genericCall(agent.manager, "doEnqueueBatch", none), Lumo::RangeException);
+}
+
+TEST_F(Tracking, RefusesToHandleAQueueWhileItFollowsNoCollection) {
+  agent.queue();
+  agent.manager->globalCmdConfigIs(nullptr);
+  EXPECT_THROW(agent.manager->handleCmdConfigGroup("main"), Lumo::RangeException);
+  EXPECT_THROW(Lumo::genericCall(agent.manager, "handleCmdConfigGroup", Lumo::Name("main")),
+               Lumo::RangeException);
+  EXPECT_TRUE(machine());
+}
+
+// Drops the manager as soon as a command leaves the queue.
+class ManagerDropper : public CmdConfigGroup::NotifieeConst {
+ public:
+  ManagerDropper(const Lumo::Ptr<CmdConfigGroup>& queue, support::Agent* owner)
+      : NotifieeConst(queue), agent_(owner) {}
+  using CmdConfigGroup::NotifieeConst::onCmdBatch;
+  void onCmdBatch(U32 index) override {
+    if (!notifier()->cmdBatchHas(index)) agent_->manager = nullptr;
+  }
+
+ private:
+  support::Agent* const agent_;
+};
+
+TEST_F(Tracking, MayBeDroppedByAProducerWhoseCommandsItMoves) {
+  agent.enqueue();
+  agent.enqueue();
+  const auto dropper = Lumo::allocate<ManagerDropper>(agent.queue(), &agent);
+  agent.announce();
+  EXPECT_EQ(agent.manager, nullptr);
+  EXPECT_EQ(agent.pending->cmdBatchs(), 2u);
+}
+
+TEST_F(Tracking, MayBeDroppedByAProducerWhoseCommandsItDiscards) {
+  agent.status->errorOccuredIs(true);
+  agent.enqueue();
+  agent.enqueue();
+  const auto dropper = Lumo::allocate<ManagerDropper>(agent.queue(), &agent);
+  agent.announce();
+  EXPECT_EQ(agent.manager, nullptr);
+  EXPECT_EQ(agent.queue()->cmdBatchs(), 0u);
+}
+
+TEST_F(Tracking, MayBeDroppedByAProducerWhileItMakesAMachine) {
+  const auto queue = CmdConfigGroup::CmdConfigGroupIs("late");
+  queue->cmdBatchEnq(agent.command());
+  const auto dropper = Lumo::allocate<ManagerDropper>(queue, &agent);
+  agent.config->cmdConfigGroupIs(queue);
+  EXPECT_EQ(agent.manager, nullptr);
+  EXPECT_EQ(agent.pending->cmdBatchs(), 1u);
+  queue->cmdBatchEnq(agent.command());
+  queue->enqueueVersionInc(1);
+  EXPECT_EQ(queue->cmdBatchs(), 1u);
 }
 
 }  // namespace

@@ -8,7 +8,9 @@ namespace Norv {
 class ConnectionsMgr;
 
 // Follows one named queue for the manager and moves its commands on whenever they are announced.
-// Main thread only. It keeps its queue alive until it is deleted itself.
+// Main thread only. It keeps its queue alive until it is deleted itself. Once the manager has let
+// it go, with its queue or at the manager's own end, it moves nothing any more, whoever still holds
+// it.
 class CmdConfigGroupSm : public Lumo::PtrInterface {
   LUMO_OBJECT(CmdConfigGroupSm)
 
@@ -49,8 +51,8 @@ class CmdConfigGroupSm : public Lumo::PtrInterface {
     CmdConfigGroupSm* cmdConfigGroupSm_;  // not counted
   };
 
-  // Moves the commands already waiting, at once. `configGroup` may be null; the manager is not
-  // owned and must outlive the machine.
+  // Moves the commands already waiting, at once. `configGroup` may be null. The manager is not
+  // owned: it must outlive a machine that is not in its collection.
   CmdConfigGroupSm(const Lumo::Ptr<CmdConfigGroup>& configGroup, ConnectionsMgr* connectionsMgr);
   static Lumo::ValidPtr<CmdConfigGroupSm> CmdConfigGroupSmIs(
       const Lumo::Ptr<CmdConfigGroup>& configGroup, ConnectionsMgr* connectionsMgr);
@@ -69,19 +71,23 @@ class CmdConfigGroupSm : public Lumo::PtrInterface {
   void configGroupDel() { configGroupIs(nullptr); }
 
   Lumo::Name name() const;  // the queue's; empty without a queue
-  ConnectionsMgr* connectionsMgr() const { return connectionsMgr_; }
+  ConnectionsMgr* connectionsMgr() const { return connectionsMgr_; }  // null: it has let go
 
-  // Hands the queue to the manager's doEnqueueBatch unless it is empty.
+  // Hands the queue to the manager's doEnqueueBatch, unless the queue is empty or the manager has
+  // let the machine go.
   void handleBatch();
 
   // Passed on to both reactors, the clock's first.
   void lumoDoZombieReactors(bool zombie);
   void hasNotificationActiveIs(bool active) override;
 
+  // The manager lets the machine go: a zombie without a manager.
+  void letGo();
+
  private:
   Lumo::Ptr<LumoClock> lumoClock_;
   Lumo::Ptr<LumoConfigGroup> lumoConfigGroup_;
-  ConnectionsMgr* const connectionsMgr_;
+  ConnectionsMgr* connectionsMgr_;
 };
 
 Lumo::Ptr<CmdConfigGroupSm> cmdConfigGroupSmFactory(Lumo::Ptr<CmdConfigGroup> configGroup,

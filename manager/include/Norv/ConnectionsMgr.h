@@ -47,7 +47,9 @@ class ConnectionsMgr : public Lumo::PtrInterface {
     ConnectionsMgr* connectionsMgr_;  // not counted
   };
 
-  // Ends by calling handleInitialized. None of them may be null.
+  // Ends by calling handleInitialized. None of them may be null. What a producer's reactor throws
+  // when waiting commands move comes out of here, and nothing of the connection stays behind;
+  // commands already moved stay in the pending queue.
   ConnectionsMgr(const Lumo::Ptr<const ConnectionConfig>& hostConfig,
                  const Lumo::Ptr<GrpcGlobalCmdConfig>& globalCmdConfig,
                  const Lumo::Ptr<CmdGroup>& pendingQueue,
@@ -85,16 +87,15 @@ class ConnectionsMgr : public Lumo::PtrInterface {
   Lumo::Ptr<CmdConfigGroupSm> cmdConfigGroupSm(Lumo::Name name) const {  // null: absent
     return cmdConfigGroupSm_[name];
   }
-  // The machine of the group, made if absent.
+  bool cmdConfigGroupSmHas(Lumo::Name name) const { return cmdConfigGroupSm_.isMemberOf(name); }
+  // The machine of the group, made if absent. RangeException for null.
   // Kept on purpose: NameInUseException, and nothing changed, if the name's machine follows another
   // group, also when that one has been replaced in the collection.
   Lumo::ValidPtr<CmdConfigGroupSm> cmdConfigGroupSmIs(const Lumo::Ptr<CmdConfigGroup>& group);
-  Lumo::Ptr<CmdConfigGroupSm> cmdConfigGroupSmDel(Lumo::Name name) {  // null: absent
-    return cmdConfigGroupSm_.memberDel(name);
-  }
-  Lumo::Ptr<CmdConfigGroupSm> cmdConfigGroupSmDel(CmdConfigGroupSmIterator& iterator) {
-    return cmdConfigGroupSmDel(iterator.key());
-  }
+  // Removes, lets go and returns the machine; null: absent. By iterator: null as well, and nothing
+  // removed, at its end and where the machine that it stands on is the collection's no longer.
+  Lumo::Ptr<CmdConfigGroupSm> cmdConfigGroupSmDel(Lumo::Name name);
+  Lumo::Ptr<CmdConfigGroupSm> cmdConfigGroupSmDel(CmdConfigGroupSmIterator& iterator);
   void cmdConfigGroupSmDelAll();
   U32 cmdConfigGroupSms() const { return cmdConfigGroupSm_.members(); }
   CmdConfigGroupSmIterator cmdConfigGroupSmIterator() { return cmdConfigGroupSm_.iterator(); }
@@ -109,7 +110,8 @@ class ConnectionsMgr : public Lumo::PtrInterface {
   void initializedIs(bool initialized) { initialized_ = initialized; }
 
   // Connects (or not, in simulation) and makes a machine for every queue that is there. A second
-  // call only traces.
+  // call only traces. The worker begins when all are made; an exception takes the connection down
+  // again, and the next call starts over.
   void handleInitialized();
 
   // Deletes thread, condition, lock and client, each asserted to be there; in simulation nothing.
@@ -123,12 +125,13 @@ class ConnectionsMgr : public Lumo::PtrInterface {
 
   // Moves every command of the group to the pending queue, in order, under one hold of threadLock,
   // and wakes the client once. While the error flag is set the commands are deleted instead.
+  // RangeException for null, here and below.
   void doEnqueueBatch(const Lumo::Ptr<CmdConfigGroup>& group);
   // The move itself; returns how many there were at its start.
   // Kept on purpose: stops at a null command.
   U32 doEnqueueBatchHelper(const Lumo::Ptr<CmdConfigGroup>& group);
 
-  // A queue has come, changed or gone.
+  // A queue has come, changed or gone. RangeException where no collection is followed.
   void handleCmdConfigGroup(Lumo::Name name);
   void lumo_handleGlobalCmdConfig_cmdConfigGroup(Lumo::Name name) { handleCmdConfigGroup(name); }
 
@@ -138,7 +141,9 @@ class ConnectionsMgr : public Lumo::PtrInterface {
   void hasNotificationActiveIs(bool active) override;
 
  private:
-  void connect();
+  class Connecting;
+
+  void leave();
 
   Lumo::Ptr<const ConnectionConfig> hostConfig_;
   Lumo::Ptr<LumoGlobalCmdConfig> lumoGlobalCmdConfig_;

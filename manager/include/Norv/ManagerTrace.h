@@ -2,7 +2,9 @@
 
 #include <Twine/Point.h>
 
-// The trace points of the connection manager. Lines are numbers of the manager's schema.
+// The trace points of the connection manager. File, line, function and text are part of the
+// interface: they stay as they are when the code moves, so that what watches the log can match on
+// them.
 namespace Norv::ManagerTrace {
 
 Lumo::TraceHandle& _defaultTraceHandle();  // facility "NorvConnectionsMgr"
