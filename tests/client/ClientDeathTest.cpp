@@ -1,6 +1,8 @@
 // How a process ends that hands the client what it cannot send, in every build type.
 
 #include <gtest/gtest.h>
+#include <support/AtAbort.h>
+#include <support/Eventually.h>
 #include <support/FakeDaemon.h>
 
 #include <csignal>
@@ -19,6 +21,11 @@ struct ClientDeathTest : testing::Test {
   // In the child process: a client of its own, and one command sent through it.
   static void die(GrpcRequestType type, google::protobuf::Message* request) {
     FakeDaemon daemon;
+    support::atAbort([&] {
+      const bool called =
+          type == getPortConf && support::eventually([&] { return !daemon.calls().empty(); });
+      return called ? "called " + daemon.calls()[0].method : std::string();
+    });
     Lumo::Lock lock;
     Lumo::Condition condition;
     GrpcClient client(daemon.inProcessChannel(), CmdGroup::CmdGroupIs(),
@@ -46,6 +53,15 @@ TEST_F(ClientDeathTest, AbortsOnATypeWithoutAnRpc) {
       aborted, unknownType);
 }
 
+TEST_F(ClientDeathTest, SaysWhatItSendsBeforeItLooksForTheRpc) {
+  EXPECT_EXIT(
+      {
+        Lumo::traceSettingIs("GrpcClient/8");
+        die(static_cast<GrpcRequestType>(46), new bess::pb::EmptyRequest());
+      },
+      aborted, "Sending 46\n(.|\n)*unknown request type");
+}
+
 TEST_F(ClientDeathTest, AbortsOnARequestThatDoesNotFitItsType) {
   EXPECT_EXIT(die(resetAll, nullptr), aborted, invalidRequest);
   EXPECT_EXIT(die(resetAll, new bess::pb::CreatePortRequest()), aborted, invalidRequest);
@@ -53,7 +69,8 @@ TEST_F(ClientDeathTest, AbortsOnARequestThatDoesNotFitItsType) {
 
 TEST_F(ClientDeathTest, KeptOnPurposeGetPortConfFallsThroughIntoGetPortStats) {
   EXPECT_EXIT(die(getPortConf, new bess::pb::GetPortConfRequest()), aborted,
-              "Request = bess::pb::GetPortStatsRequest.*Found an invalid Grpc Request");
+              "Request = bess::pb::GetPortStatsRequest.*Found an invalid Grpc Request(.|\n)*"
+              "called /bess.pb.BESSControl/GetPortConf");
 }
 
 TEST_F(ClientDeathTest, AbortsOnACompletionOfATypeWithoutAnRpc) {

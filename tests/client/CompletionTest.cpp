@@ -209,4 +209,24 @@ TEST_F(Completion, TakesAReplyAbove4MiBForAFailure) {
   EXPECT_THAT(trace.texts()[0], testing::StartsWith("Failure to process response: error_code: 8 "));
 }
 
+TEST_F(Completion, TakesAnOkReplyWithoutAMessageForAnEmptyResponse) {
+  daemon.handlerIs([](auto, const auto&, auto*) {
+    FakeDaemon::Answer answer;
+    answer.withoutMessage = true;
+    return answer;
+  });
+  EXPECT_TRUE(send());
+  EXPECT_EQ(log->responses, 1);
+  EXPECT_FALSE(status->errorOccured());
+}
+
+TEST_F(Completion, LeavesTheFlagDownForAFailureBehindBytesThatDoNotDecode) {
+  daemon.handlerIs([](auto, const auto&, auto*) { return FakeDaemon::Answer{14, "gone", "\xff"}; });
+  const TraceRecorder trace("GrpcClient/*");
+  EXPECT_FALSE(send());
+  EXPECT_FALSE(status->errorOccured());
+  EXPECT_EQ(log->responses, 0);
+  EXPECT_THAT(trace.texts(), ElementsAre("Sending getVersion"));
+}
+
 }  // namespace

@@ -1,5 +1,6 @@
 // What the client puts on the wire and what it brings back, against a server that records it.
 
+#include <grpcpp/grpcpp.h>
 #include <gtest/gtest.h>
 #include <support/Commands.h>
 #include <support/FakeDaemon.h>
@@ -7,6 +8,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <map>
 #include <type_traits>
 
 #include <Norv/AsyncClientCall.h>
@@ -146,6 +148,99 @@ TEST(GrpcClient, TakesAnErrorInTheReplyForASuccess) {
   EXPECT_TRUE(wire.send(Norv::destroyPort, support::newRequest(Norv::destroyPort)));
   EXPECT_EQ(wire.log->responses, 1);
   EXPECT_FALSE(wire.status->errorOccured());
+}
+
+// The requests' methods, stated a second time: in the table, two methods with the same messages
+// could have changed places.
+const std::map<std::string, std::string> methods{
+    {"getVersion", "GetVersion"},
+    {"resetAll", "ResetAll"},
+    {"killBess", "KillBess"},
+    {"importPlugin", "ImportPlugin"},
+    {"unloadPlugin", "UnloadPlugin"},
+    {"listPlugins", "ListPlugins"},
+    {"pauseAll", "PauseAll"},
+    {"pauseWorker", "PauseWorker"},
+    {"resumeWorker", "ResumeWorker"},
+    {"resumeAll", "ResumeAll"},
+    {"resetWorkers", "ResetWorkers"},
+    {"listWorkers", "ListWorkers"},
+    {"addWorker", "AddWorker"},
+    {"destroyWorker", "DestroyWorker"},
+    {"resetTcs", "ResetTcs"},
+    {"listTcs", "ListTcs"},
+    {"checkSchedulingConstraints", "CheckSchedulingConstraints"},
+    {"addTc", "AddTc"},
+    {"updateTcParams", "UpdateTcParams"},
+    {"updateTcParent", "UpdateTcParent"},
+    {"getTcStats", "GetTcStats"},
+    {"listDrivers", "ListDrivers"},
+    {"getDriverInfo", "GetDriverInfo"},
+    {"resetPorts", "ResetPorts"},
+    {"listPorts", "ListPorts"},
+    {"createPort", "CreatePort"},
+    {"destroyPort", "DestroyPort"},
+    {"setPortConf", "SetPortConf"},
+    {"addPortMacAddress", "AddPortMacAddress"},
+    {"removePortMacAddress", "RemovePortMacAddress"},
+    {"getPortStats", "GetPortStats"},
+    {"getLinkStatus", "GetLinkStatus"},
+    {"listMclass", "ListMclass"},
+    {"getMclassInfo", "GetMclassInfo"},
+    {"resetModules", "ResetModules"},
+    {"listModules", "ListModules"},
+    {"createModule", "CreateModule"},
+    {"destroyModule", "DestroyModule"},
+    {"getModuleInfo", "GetModuleInfo"},
+    {"connectModules", "ConnectModules"},
+    {"disconnectModules", "DisconnectModules"},
+    {"dumpMempool", "DumpMempool"},
+    {"moduleCommand", "ModuleCommand"},
+    {"configureGateHook", "ConfigureGateHook"},
+};
+
+TEST(GrpcClient, SendsEachRequestToItsMethod) {
+  Wire wire;
+  std::map<std::string, std::string> sent;
+  for (const Row& row : rowsThatCanBeSent()) {
+    EXPECT_TRUE(wire.send(row.type, support::newRequest(row.type)));
+    const std::string path = wire.daemon.calls().back().method;
+    sent[row.name] = path.substr(path.rfind('/') + 1);
+  }
+  EXPECT_EQ(sent, methods);
+}
+
+std::shared_ptr<grpc::Channel> channelTo(const support::FakeDaemon& daemon) {
+  return grpc::CreateChannel("127.0.0.1:" + std::to_string(daemon.port()),
+                             grpc::InsecureChannelCredentials());
+}
+
+TEST(GrpcClient, ConnectsWithItsFirstRequestAndNotBefore) {
+  support::FakeDaemon daemon;
+  const auto channel = channelTo(daemon);
+  Lumo::Lock lock;
+  Lumo::Condition condition;
+  Norv::GrpcClient client(channel, Norv::CmdGroup::CmdGroupIs(),
+                          Norv::GrpcErrorHandlingStatus::GrpcErrorHandlingStatusIs(), &lock,
+                          &condition);
+  EXPECT_EQ(channel->GetState(false), GRPC_CHANNEL_IDLE);
+  EXPECT_TRUE(client.doProcessBlockingGrpcCmd(
+      Norv::GrpcCmd::GrpcCmdIs(support::newRequest(Norv::getVersion).release(), Norv::getVersion)));
+  EXPECT_EQ(channel->GetState(false), GRPC_CHANNEL_READY);
+}
+
+TEST(GrpcClient, HoldsTheChannelThroughItsStubAlone) {
+  support::FakeDaemon daemon;
+  const auto channel = channelTo(daemon);
+  auto stub = bess::pb::BESSControl::NewStub(channel);
+  const auto withAStub = channel.use_count();
+  stub = nullptr;
+  Lumo::Lock lock;
+  Lumo::Condition condition;
+  const Norv::GrpcClient client(channel, Norv::CmdGroup::CmdGroupIs(),
+                                Norv::GrpcErrorHandlingStatus::GrpcErrorHandlingStatusIs(), &lock,
+                                &condition);
+  EXPECT_EQ(channel.use_count(), withAStub);
 }
 
 }  // namespace

@@ -7,8 +7,12 @@
 #include <support/FakeDaemon.h>
 #include <support/TraceRecorder.h>
 
+#include <map>
+#include <mutex>
+#include <set>
 #include <thread>
 
+#include <Lumo/Trace.h>
 #include <Norv/GrpcClient.h>
 #include <bess/pb/service.pb.h>
 
@@ -237,6 +241,115 @@ TEST_F(Worker, DestroysAnIdleClientCleanly) {
   EXPECT_THAT(trace.lines(),
               ElementsAre(TraceRecorder::Line{"GrpcClient", 1, "GrpcClient.cpp", 30, "~GrpcClient",
                                               "Terminating GrpcClient"}));
+}
+
+// Whether this thread may take the lock, that is, does not hold it already.
+bool freeHere(Lumo::Lock* lock) LUMO_NO_THREAD_SAFETY_ANALYSIS {
+  const bool taken = lock->lock();
+  if (taken) lock->unlock();
+  return taken;
+}
+
+// Which locks the worker holds as it passes each of its points.
+class LocksAtThePoints : public Lumo::TraceSink {
+ public:
+  explicit LocksAtThePoints(Lumo::Lock* queueLock) : queueLock_(queueLock) {
+    Lumo::traceSinkIs(this);
+    Lumo::traceSettingIs("GrpcClient/*");
+  }
+  ~LocksAtThePoints() override {
+    Lumo::traceSettingIs("");
+    Lumo::traceSinkIs(nullptr);
+  }
+  void lineIs(const Lumo::TraceLine& line) override {
+    std::string held;
+    if (!freeHere(queueLock_)) held += "queue ";
+    if (!freeHere(Lumo::ActivityLockAnchor::lock())) held += "activity ";
+    std::lock_guard guard(mutex_);
+    held_[line.line].insert(held);
+  }
+  std::map<int, std::set<std::string>> held() const {
+    std::lock_guard guard(mutex_);
+    return held_;
+  }
+
+ private:
+  Lumo::Lock* const queueLock_;
+  mutable std::mutex mutex_;
+  std::map<int, std::set<std::string>> held_;  // by line
+};
+
+TEST_F(Worker, HoldsItsLockOnlyBehindItsSleep) {
+  daemon.handlerIs([](GrpcRequestType type, const auto&, auto*) {
+    return type == listPorts ? FakeDaemon::Answer{14, "gone", ""} : FakeDaemon::Answer();
+  });
+  put(getVersion);
+  put(listPorts);
+  const LocksAtThePoints locks(&shared.lock);
+  start();
+  ASSERT_TRUE(eventually([&] { return locks.held().contains(81); }));
+  const std::set<std::string> none{""};
+  EXPECT_EQ(locks.held(),
+            (std::map<int, std::set<std::string>>{
+                {77, none}, {81, {"queue "}}, {102, none}, {137, none}, {326, none}}));
+}
+
+TEST_F(Worker, HoldsTheActivityLockAndNoOtherAroundTheHandler) {
+  struct Looking : GrpcCmd {
+    Looking(Lumo::Lock* queueLock, std::atomic<int>* found)
+        : GrpcCmd(new bess::pb::EmptyRequest(), getVersion), queueLock_(queueLock), found_(found) {}
+    void processResponse(google::protobuf::Message*) override {
+      *found_ =
+          (freeHere(queueLock_) ? 0 : 1) + (freeHere(Lumo::ActivityLockAnchor::lock()) ? 2 : 0);
+    }
+    Lumo::Lock* const queueLock_;
+    std::atomic<int>* const found_;
+  };
+  static std::atomic<int> found;
+  found = -1;
+  {
+    Lumo::LockAnchor anchor(&shared.lock);
+    shared.pending->cmdBatchEnq(Lumo::allocate<Looking>(&shared.lock, &found));
+  }
+  start();
+  EXPECT_TRUE(eventually([&] { return found >= 0; }));
+  EXPECT_EQ(found, 0);
+}
+
+// Says at its end how many wait behind it, and whether the thread that ends it holds the lock.
+class Last : public GrpcCmd {
+ public:
+  struct Seen {
+    std::atomic<int> waiting{-1};
+    std::atomic<bool> lockFree{false};
+  };
+  Last(Shared* shared, Seen* seen)
+      : GrpcCmd(new bess::pb::EmptyRequest(), getVersion), shared_(shared), seen_(seen) {}
+  ~Last() override {
+    seen_->lockFree = freeHere(&shared_->lock);
+    Lumo::LockAnchor anchor(&shared_->lock);
+    seen_->waiting = static_cast<int>(shared_->pending->cmdBatchs());
+  }
+
+ private:
+  Shared* const shared_;
+  Seen* const seen_;
+};
+
+TEST_F(Worker, LetsACommandGoOnceItHasTakenTheNextAndHoldingNoLock) {
+  static Last::Seen seen;
+  {
+    Lumo::LockAnchor anchor(&shared.lock);
+    shared.pending->cmdBatchEnq(Lumo::allocate<Last>(&shared, &seen));
+  }
+  put();
+  put();
+  daemon.hold();
+  start();
+  daemon.release();
+  ASSERT_TRUE(eventually([&] { return log->responses == 2; }));
+  EXPECT_EQ(seen.waiting, 1);
+  EXPECT_TRUE(seen.lockFree);
 }
 
 }  // namespace

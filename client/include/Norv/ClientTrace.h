@@ -2,7 +2,8 @@
 
 #include <Twine/Point.h>
 
-// The trace points of the daemon client. Lines are numbers of the client's reference source.
+// The trace points of the daemon client. File, line, function and text are part of the interface:
+// they stay as they are when the code moves, so that what watches the log can match on them.
 namespace Norv::ClientTrace {
 
 Lumo::TraceHandle& _defaultTraceHandle();  // facility "GrpcClient"

@@ -17,12 +17,13 @@ namespace Norv {
 // no deadline.
 //
 // Once an RPC has failed, the error status is set and the loop sends nothing more while it stays
-// set. There is no reconnection, no retry and no way to stop the loop.
+// set. No RPC is tried again, and nothing stops the loop. The channel itself connects again by its
+// own rules, with pauses that grow up to two minutes.
 class GrpcClient {
  public:
   // Makes the stub and the completion queue; no RPC, and no look whether the daemon is there.
-  // `lock` guards `cmdGroup` and goes with `condition`; both are borrowed and must outlive the
-  // client.
+  // `lock` guards `cmdGroup` and goes with `condition`; both are borrowed and must outlive every
+  // use: the loop and getCmdFromQueue. The destructor does not touch them.
   GrpcClient(std::shared_ptr<grpc::Channel> channel, const Lumo::Ptr<CmdGroup>& cmdGroup,
              const Lumo::Ptr<GrpcErrorHandlingStatus>& errorStatus, Lumo::Lock* lock,
              Lumo::Condition* condition);
@@ -38,10 +39,11 @@ class GrpcClient {
   // signals again.
   void doProcessGrpcCmd();
 
-  // Sends one command and waits for its completion on the calling thread: true when no failure has
-  // been recorded in the error status by then, whenever it happened. Uses neither lock nor queue
-  // and does not look at the flag before sending. For a client of its own, without a worker: the
-  // two would take each other's completions.
+  // Sends one command and waits for its completion on the calling thread. False when its reply does
+  // not decode, of which nothing is recorded, and when the error status has a failure recorded by
+  // then, whenever it happened. Uses neither lock nor queue and does not look at the flag before
+  // sending. For a client of its own, without a worker: the two would take each other's
+  // completions.
   bool doProcessBlockingGrpcCmd(const Lumo::Ptr<GrpcCmd>& cmd);
 
   // The steps of the loop, each on the thread that runs it.
@@ -57,8 +59,8 @@ class GrpcClient {
 
   using Stub = bess::pb::BESSControl::Stub;
 
-  // The two steps for one pair of messages; defined, for the pairs of GrpcRequests.def, in the
-  // client's source.
+  // The two steps for one pair of messages; defined in the client's source. The library exports the
+  // instances for the pairs of GrpcRequests.def, all of them and no others.
   template <class Request, class Response>
   void sendRequestCommon(const Lumo::Ptr<GrpcCmd>& cmd,
                          std::unique_ptr<grpc::ClientAsyncResponseReader<Response>> (Stub::*method)(

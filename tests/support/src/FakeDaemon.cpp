@@ -6,6 +6,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <mutex>
+#include <optional>
 #include <thread>
 
 #include <bess/pb/service.pb.h>
@@ -93,14 +94,15 @@ class FakeDaemon::Impl {
 
    private:
     void answer() {
-      const grpc::Status status = daemon_->answer(*context_, text(request_), &response_);
-      if (status.ok()) {
-        StartWriteAndFinish(&responseBuffer(), {}, status);
+      std::optional<grpc::ByteBuffer> response;
+      const grpc::Status status = daemon_->answer(*context_, text(request_), &response);
+      if (response) {
+        response_ = *response;
+        StartWriteAndFinish(&response_, {}, status);
       } else {
         Finish(status);
       }
     }
-    grpc::ByteBuffer& responseBuffer() { return response_; }
 
     Impl* const daemon_;
     grpc::GenericCallbackServerContext* const context_;
@@ -134,7 +136,7 @@ class FakeDaemon::Impl {
   }
 
   grpc::Status answer(const grpc::GenericCallbackServerContext& context, const std::string& bytes,
-                      grpc::ByteBuffer* response) {
+                      std::optional<grpc::ByteBuffer>* response) {
     Method method = methodOf(context.method());
     if (!method.request) return {grpc::StatusCode::UNIMPLEMENTED, "unknown method"};
     method.request->ParseFromString(bytes);
@@ -152,19 +154,19 @@ class FakeDaemon::Impl {
       std::lock_guard guard(mutex_);
       --atOnce_;
     }
-    if (answer.code != 0) return {static_cast<grpc::StatusCode>(answer.code), answer.message};
-    *response = buffer(answer.rawResponse.empty() ? method.response->SerializeAsString()
-                                                  : answer.rawResponse);
-    return grpc::Status::OK;
+    if (!answer.rawResponse.empty()) {
+      *response = buffer(answer.rawResponse);
+    } else if (answer.code == 0 && !answer.withoutMessage) {
+      *response = buffer(method.response->SerializeAsString());
+    }
+    return {static_cast<grpc::StatusCode>(answer.code), answer.message};
   }
 
   static Call record(const grpc::GenericCallbackServerContext& context, Norv::GrpcRequestType type,
                      const std::string& bytes) {
-    Call call{type,
-              bytes,
-              context.deadline() != std::chrono::system_clock::time_point::max(),
-              {},
-              context.peer()};
+    Call call{type,  context.method(),
+              bytes, context.deadline() != std::chrono::system_clock::time_point::max(),
+              {},    context.peer()};
     for (const auto& [key, value] : context.client_metadata()) {
       const std::string name(key.data(), key.size());
       if (name != "user-agent") call.metadata.push_back(name);

@@ -21,6 +21,7 @@ class FakeDaemon {
  public:
   struct Call {
     Norv::GrpcRequestType type;
+    std::string method;   // its path on the wire
     std::string request;  // serialised
     bool hasDeadline;
     std::vector<std::string> metadata;  // names of what the client added
@@ -29,8 +30,9 @@ class FakeDaemon {
   struct Answer {
     int code = 0;  // gRPC status
     std::string message;
-    // Answers with these bytes instead of a message of the right type.
+    // Answers with these bytes instead of a message of the right type; with a failure, before it.
     std::string rawResponse;
+    bool withoutMessage = false;  // a success that brings none
   };
   // Fills the response, or sets a status. Called on a thread of the server.
   using Handler =

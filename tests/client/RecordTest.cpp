@@ -1,0 +1,140 @@
+// The record of a call: when it is made and freed, and that a command is lent the response in it.
+
+#include <gtest/gtest.h>
+#include <support/Commands.h>
+#include <support/FakeDaemon.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <new>
+
+#include <Lumo/Lock.h>
+#include <Norv/AsyncClientCall.h>
+#include <Norv/GrpcClient.h>
+#include <bess/pb/service.pb.h>
+
+namespace {
+
+using Record = Norv::AsyncClientCall<bess::pb::VersionResponse>;
+
+// Blocks of a record's size, which nothing else has that these tests do meanwhile.
+constinit std::atomic<int> live{0};
+constinit std::atomic<const char*> latest{nullptr};
+constinit std::atomic<bool> freedUnderActivityLock{false};
+thread_local bool looking = false;
+
+bool activityLockIsHeldHere() LUMO_NO_THREAD_SAFETY_ANALYSIS {
+  Lumo::Lock* const lock = Lumo::ActivityLockAnchor::lock();
+  if (!lock->lock()) return true;
+  lock->unlock();
+  return false;
+}
+
+void noteFreed() {
+  --live;
+  if (!std::exchange(looking, true)) {
+    if (activityLockIsHeldHere()) freedUnderActivityLock = true;
+    looking = false;
+  }
+}
+
+}  // namespace
+
+// Not inlined, or the compiler takes the pairs below for mismatched ones.
+[[gnu::noinline]] void* operator new(std::size_t size) {
+  void* const memory = std::malloc(size);
+  if (!memory) throw std::bad_alloc();
+  if (size == sizeof(Record)) {
+    ++live;
+    latest = static_cast<const char*>(memory);
+  }
+  return memory;
+}
+[[gnu::noinline]] void operator delete(void* memory) noexcept {
+  std::free(memory);
+}
+[[gnu::noinline]] void operator delete(void* memory, std::size_t size) noexcept {
+  if (memory && size == sizeof(Record)) noteFreed();
+  std::free(memory);
+}
+
+namespace {
+
+using namespace Norv;
+using support::FakeDaemon;
+
+// What there is of the record while the command is handed its response.
+class Looking : public GrpcCmd {
+ public:
+  struct Seen {
+    int live = -1;
+    bool inRecord = false;
+  };
+  explicit Looking(Seen* seen) : GrpcCmd(new bess::pb::EmptyRequest(), getVersion), seen_(seen) {}
+  void processResponse(google::protobuf::Message* response) override {
+    seen_->live = live;
+    const auto* const byte = reinterpret_cast<const char*>(response);
+    seen_->inRecord = byte >= latest && byte < latest + sizeof(Record);
+  }
+
+ private:
+  Seen* const seen_;
+};
+
+struct CallRecord : testing::Test {
+  CallRecord() {
+    send();  // what gRPC makes once
+    live = 0;
+    freedUnderActivityLock = false;
+  }
+  bool send() { return client.doProcessBlockingGrpcCmd(Lumo::allocate<Looking>(&seen)); }
+  void answer(FakeDaemon::Answer answer) {
+    daemon.handlerIs([=](auto, const auto&, auto*) { return answer; });
+  }
+
+  FakeDaemon daemon;
+  Lumo::Ptr<GrpcErrorHandlingStatus> status = GrpcErrorHandlingStatus::GrpcErrorHandlingStatusIs();
+  Lumo::Lock lock;
+  Lumo::Condition condition;
+  GrpcClient client{daemon.inProcessChannel(), CmdGroup::CmdGroupIs(), status, &lock, &condition};
+  Looking::Seen seen;
+};
+
+TEST_F(CallRecord, LendsItsResponseToTheCommandAndIsFreedAfterwards) {
+  EXPECT_TRUE(send());
+  EXPECT_EQ(seen.live, 1);
+  EXPECT_TRUE(seen.inRecord);
+  EXPECT_EQ(live, 0);
+  EXPECT_FALSE(freedUnderActivityLock);
+}
+
+TEST_F(CallRecord, IsFreedAfterAFailure) {
+  answer({14, "gone", ""});
+  EXPECT_FALSE(send());
+  EXPECT_TRUE(status->errorOccured());
+  EXPECT_EQ(live, 0);
+}
+
+// Looks at the record at the moment the flag rises.
+TEST_F(CallRecord, IsFreedBehindTheFlag) {
+  struct Witness : GrpcErrorHandlingStatus::NotifieeConst {
+    explicit Witness(const Lumo::Ptr<GrpcErrorHandlingStatus>& followed)
+        : NotifieeConst(followed) {}
+    void onErrorOccured() override { liveThen = live; }
+    int liveThen = -1;
+  };
+  const auto witness = Lumo::allocate<Witness>(status);
+  answer({14, "gone", ""});
+  EXPECT_FALSE(send());
+  EXPECT_EQ(witness->liveThen, 1);
+}
+
+TEST_F(CallRecord, KeptOnPurposeStaysWhenTheReplyDoesNotDecode) {
+  answer({0, "", "\xff"});
+  EXPECT_FALSE(send());
+  EXPECT_EQ(live, 1);
+  delete reinterpret_cast<const Record*>(latest.load());
+  EXPECT_EQ(live, 0);
+}
+
+}  // namespace
