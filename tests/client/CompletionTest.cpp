@@ -137,12 +137,13 @@ TEST_F(Completion, SaysNoToAReplyThatDoesNotDecode) {
 }
 
 TEST_F(Completion, WaitsForTheActivityLockBeforeItCallsTheHandler) {
+  const std::string processing = "Processing response. RequestType: getVersion";
+  const TraceRecorder trace("GrpcClient/8");
   std::thread sender;
   {
     Lumo::ActivityLockAnchor activity;
     sender = std::thread([&] { send(); });
-    ASSERT_TRUE(support::eventually([&] { return daemon.calls().size() == 1; }));
-    for (int i = 0; i < 1000; ++i) std::this_thread::yield();
+    ASSERT_TRUE(support::eventually([&] { return trace.count(processing) == 1; }));
     EXPECT_EQ(log->responses, 0);
   }
   sender.join();

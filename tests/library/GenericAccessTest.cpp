@@ -1,7 +1,9 @@
 #include <gmock/gmock.h>
 #include <google/protobuf/empty.pb.h>
 #include <gtest/gtest.h>
+#include <support/Agent.h>
 #include <support/Environment.h>
+#include <support/FakeDaemon.h>
 
 #include <map>
 
@@ -148,6 +150,10 @@ TEST_F(GenericAccessTest, MakesAllEightKindsOfObjectByName) {
   EXPECT_EQ(sm->connectionsMgr(), mgr.ptr());
 }
 
+// An enumeration of somebody else, with values that a request type has as well.
+constexpr Lumo::EnumRow colourRows[] = {{"red", 0}, {"green", 1}};
+constexpr Lumo::EnumLumoType colours("sample::Colour", colourRows);
+
 TEST_F(GenericAccessTest, MakesNothingOfWrongArguments) {
   const auto before = Lumo::allocTrackSnapshot();
   EXPECT_THROW(genericNew("Norv::ConnectionConfig"), RangeException);
@@ -160,6 +166,12 @@ TEST_F(GenericAccessTest, MakesNothingOfWrongArguments) {
   EXPECT_THROW(genericNew("Norv::GrpcCmd", nullptr, "fetchVersion"), RangeException);
   EXPECT_THROW(genericNew("Norv::GrpcCmd", nullptr, 46), RangeException);
   EXPECT_THROW(genericNew("Norv::GrpcCmd", "text", 1), RangeException);
+  EXPECT_THROW(genericNew("Norv::GrpcCmd", nullptr, -1), RangeException);
+  EXPECT_THROW(genericNew("Norv::GrpcCmd", nullptr, true), RangeException);
+  EXPECT_THROW(genericNew("Norv::GrpcCmd", nullptr, GenericValue::Enum{&colours, 1}),
+               RangeException);
+  EXPECT_THROW(genericNew("Norv::ConnectionConfig", GenericValue::Enum{&colours, 70000}, "h"),
+               RangeException);
   EXPECT_THROW(genericNew("Norv::ConnectionsMgr", host, pending, config, status), RangeException);
   EXPECT_THROW(genericNew("Norv::CmdConfigGroupSm", group, group), RangeException);
   EXPECT_THROW(genericNew("Norv::GrpcRequestType", "getVersion"), OpNotSupportedException);
@@ -363,6 +375,78 @@ TEST_F(GenericAccessTest, AConstViewRefusesEveryChange) {
   EXPECT_EQ(group->cmdBatchs(), 1u);
   EXPECT_EQ(group->enqueueVersion(), 0u);
   EXPECT_TRUE(cmd->request());
+}
+
+TEST_F(GenericAccessTest, NumbersTheOperationsOfAQueueUpToSeven) {
+  group->cmdBatchEnq(cmd);
+  EXPECT_EQ(op(group, "cmdBatch", 2, {0}).object().object, cmd);
+  op(group, "cmdBatch", 6, {cmd});
+  op(group, "cmdBatch", 3, {5, cmd});
+  EXPECT_EQ(group->cmdBatchs(), 3u);
+  EXPECT_EQ(op(group, "cmdBatch", 4, {5}).object().object, cmd);
+  EXPECT_EQ(op(group, "cmdBatch", 7).object().object, cmd);
+  op(group, "cmdBatch", 5);
+  EXPECT_EQ(group->cmdBatchs(), 0u);
+  for (const int operation : {0, 1, 8, 9}) {
+    EXPECT_THROW(op(group, "cmdBatch", operation, {cmd}), OpNotSupportedException) << operation;
+    EXPECT_THROW(op(group, "cmdBatch", operation), OpNotSupportedException) << operation;
+  }
+  EXPECT_EQ(op(status, "errorOccured", 0).strep(), "false");
+  op(status, "errorOccured", 1, {true});
+  EXPECT_TRUE(status->errorOccured());
+}
+
+TEST_F(GenericAccessTest, WalksEachCollectionFromItsStartAndFromAKey) {
+  const auto mgr = manager();
+  for (const char* name : {"a", "b", "c"}) config->cmdConfigGroupIs(cmdConfigGroupFactory(name));
+  const auto names = [](Lumo::GenericIterator at) {
+    std::vector<std::string> found;
+    for (; at; ++at) found.push_back(at.key().text().stdString());
+    return found;
+  };
+  EXPECT_THAT(names(genericIf(config).iterate("cmdConfigGroup")), ElementsAre("a", "b", "c"));
+  EXPECT_THAT(names(genericIf(config).iterateFrom("cmdConfigGroup", "b")), ElementsAre("b", "c"));
+  EXPECT_THAT(names(genericIf(config).iterateFrom("cmdConfigGroup", "x")), ElementsAre());
+  EXPECT_THAT(names(genericIf(mgr).iterate("cmdConfigGroupSm")), ElementsAre("a", "b", "c"));
+  EXPECT_THAT(names(genericIf(mgr).iterateFrom("cmdConfigGroupSm", "c")), ElementsAre("c"));
+  EXPECT_THROW(genericIf(config).iterateFrom("cmdConfigGroup", 1), RangeException);
+  EXPECT_THAT(keysOf(pending, genericIf(pending).iterate("cmdBatch")), ElementsAre());
+}
+
+TEST(GenericAccess, DrivesAConnectedManager) {
+  support::FakeDaemon daemon;
+  support::Agent agent;
+  daemon.hold();
+  agent.connect(daemon.port());
+  EXPECT_EQ(genericAttribute(agent.manager, "threadCondition").object().object.ptr(),
+            agent.manager->threadCondition());
+  agent.enqueue();
+  genericCall(agent.manager, "doEnqueueBatch", agent.queue());
+  EXPECT_TRUE(agent.eventually([&] { return daemon.calls().size() == 1; }));
+  agent.enqueue();
+  agent.enqueue();
+  genericCall(agent.manager->cmdConfigGroupSm("main"), "handleBatch");
+  EXPECT_EQ(agent.waiting(), 2u);
+  genericCall(agent.manager, "doFlushPendingQueue");
+  EXPECT_EQ(agent.waiting(), 0u);
+  daemon.release();
+  EXPECT_TRUE(agent.eventually([&] { return agent.log->responses == 1; }));
+}
+
+TEST(GenericAccess, DescribesTheBuiltInTypes) {
+  EXPECT_STREQ(Lumo::Builtin<bool>::_lumoType.typeName(), "bool");
+  EXPECT_STREQ(Lumo::Builtin<int>::_lumoType.typeName(), "int");
+  EXPECT_STREQ(Lumo::Builtin<unsigned short>::_lumoType.typeName(), "U16");
+  EXPECT_STREQ(Lumo::Builtin<unsigned int>::_lumoType.typeName(), "U32");
+  EXPECT_STREQ(Lumo::Builtin<unsigned long long>::_lumoType.typeName(), "U64");
+  EXPECT_STREQ(Lumo::Builtin<Lumo::String>::_lumoType.typeName(), "Lumo::String");
+  EXPECT_STREQ(Lumo::Name::_lumoType.typeName(), "Lumo::Name");
+  EXPECT_STREQ(Lumo::Entity::_lumoType.typeName(), "Lumo::Entity");
+  EXPECT_STREQ(Lumo::PtrInterface::_lumoType.typeName(), "Lumo::PtrInterface");
+  EXPECT_STREQ(Lumo::Clock::_lumoType.typeName(), "Lumo::Clock");
+  EXPECT_STREQ(Lumo::Lock::_lumoType.typeName(), "Lumo::Lock");
+  EXPECT_STREQ(Lumo::Condition::_lumoType.typeName(), "Lumo::Condition");
+  EXPECT_STREQ(Lumo::_lumoType_void.typeName(), "void");
 }
 
 }  // namespace

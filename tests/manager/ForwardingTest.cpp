@@ -6,8 +6,9 @@
 #include <support/FakeDaemon.h>
 #include <support/TraceRecorder.h>
 
-#include <atomic>
-#include <thread>
+#include <vector>
+
+#include <Lumo/Lock.h>
 
 namespace {
 
@@ -72,30 +73,31 @@ TEST_F(Forwarding, KeepsCommandsBackWhileNotInitialized) {
   daemon.release();
 }
 
+// Whether this thread holds the lock, at each change of the queue.
+class LockWitness : public CmdConfigGroup::NotifieeConst {
+ public:
+  LockWitness(const Lumo::Ptr<CmdConfigGroup>& queue, Lumo::Lock* lock)
+      : NotifieeConst(queue), lock_(lock) {}
+  using CmdConfigGroup::NotifieeConst::onCmdBatch;
+  void onCmdBatch(U32) override LUMO_NO_THREAD_SAFETY_ANALYSIS {
+    const bool taken = lock_->lock();
+    if (taken) lock_->unlock();
+    held.push_back(!taken);
+  }
+  std::vector<bool> held;
+
+ private:
+  Lumo::Lock* const lock_;
+};
+
 TEST_F(Forwarding, HoldsTheThreadLockWhileItMoves) {
   connectBusy();
+  const auto witness = Lumo::allocate<LockWitness>(agent.queue(), agent.manager->threadLock());
   agent.enqueue();
-  std::atomic<bool> held{false};
-  std::atomic<bool> done{false};
-  Lumo::Lock* const lock = agent.manager->threadLock();
-  std::thread holder([&] {
-    Lumo::LockAnchor anchor(lock);
-    held = true;
-    while (!done) std::this_thread::yield();
-  });
-  ASSERT_TRUE(support::eventually([&] { return held.load(); }));
-  std::atomic<bool> announced{false};
-  std::thread announcer([&] {
-    agent.announce();
-    announced = true;
-  });
-  // The announcement cannot end while another thread holds the lock.
-  for (int i = 0; i < 1000; ++i) std::this_thread::yield();
-  EXPECT_FALSE(announced);
-  done = true;
-  holder.join();
-  announcer.join();
-  EXPECT_EQ(agent.waiting(), 1u);
+  agent.enqueue();
+  agent.announce();
+  EXPECT_THAT(witness->held, ElementsAre(false, false, true, true));  // appended, then moved
+  EXPECT_EQ(agent.waiting(), 2u);
   daemon.release();
 }
 

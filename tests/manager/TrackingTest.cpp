@@ -464,4 +464,152 @@ TEST_F(Tracking, MayBeDroppedByAProducerWhileItMakesAMachine) {
   EXPECT_EQ(queue->cmdBatchs(), 1u);
 }
 
+TEST_F(Tracking, WalksTheQueuesThatAreThereOnceEachInTheirOrder) {
+  support::Agent other;
+  for (const char* name : {"c", "a", "b"}) other.queue(name);
+  const TraceRecorder trace("NorvConnectionsMgr/5");
+  other.connect(1);
+  const std::string handling = "void Norv::ConnectionsMgr::handleCmdConfigGroup(Lumo::Name) ";
+  std::vector<std::string> walked;
+  for (const std::string& text : trace.texts()) {
+    if (text.starts_with(handling)) walked.push_back(text.substr(handling.size()));
+  }
+  EXPECT_THAT(walked, ElementsAre("c", "a", "b"));
+}
+
+TEST_F(Tracking, SaysThatItDeletesAMachineAlsoWhereThereIsNone) {
+  const TraceRecorder trace("NorvConnectionsMgr/5");
+  agent.manager->handleCmdConfigGroup("never");
+  EXPECT_THAT(
+      trace.lines(),
+      ElementsAre(
+          TraceRecorder::Line{"NorvConnectionsMgr", 5, "NorvConnectionsMgr.lumo", 75,
+                              "handleCmdConfigGroup",
+                              "void Norv::ConnectionsMgr::handleCmdConfigGroup(Lumo::Name) never"},
+          TraceRecorder::Line{"NorvConnectionsMgr", 5, "NorvConnectionsMgr.lumo", 85,
+                              "handleCmdConfigGroup", "Deleting the CmdConfigGroupSm for never"}));
+}
+
+TEST_F(Tracking, SaysNothingMoreOfAQueueWhileItIsNotInitialized) {
+  agent.manager->initializedIs(false);
+  const TraceRecorder trace("NorvConnectionsMgr/5");
+  agent.queue("a");
+  EXPECT_THAT(trace.texts(),
+              ElementsAre("void Norv::ConnectionsMgr::handleCmdConfigGroup(Lumo::Name) a"));
+  agent.config->cmdConfigGroupDel("a");
+  EXPECT_EQ(trace.texts().size(), 2u);
+}
+
+// The first reactor of a type on an object, held.
+template <class Reactor>
+Lumo::Ptr<Reactor> reactorOn(const Lumo::PtrInterface& object) {
+  Lumo::Ptr<Reactor> found;
+  object.notifieeList()->doVisit([&](Lumo::NotifieeConst* notifiee) {
+    if (auto* reactor = dynamic_cast<Reactor*>(notifiee); reactor && !found) found = reactor;
+  });
+  return found;
+}
+
+struct Reactors : Tracking {
+  Lumo::Ptr<CmdConfigGroup> queue = agent.queue();
+  Lumo::Ptr<CmdConfigGroupSm> watched = machine();
+  Lumo::Ptr<Lumo::Clock> clock = Lumo::Clock::ClockIs("clock");
+  Lumo::Ptr<CmdConfigGroupSm::LumoConfigGroup> onQueue =
+      reactorOn<CmdConfigGroupSm::LumoConfigGroup>(*queue);
+  Lumo::Ptr<CmdConfigGroupSm::LumoClock> onClock;
+
+  Reactors() {
+    watched->clockIs(clock);
+    onClock = reactorOn<CmdConfigGroupSm::LumoClock>(*clock);
+  }
+};
+
+TEST_F(Reactors, PointBackAtTheirMachine) {
+  EXPECT_EQ(onQueue->cmdConfigGroupSm(), watched.ptr());
+  EXPECT_EQ(onClock->cmdConfigGroupSm(), watched.ptr());
+}
+
+TEST_F(Reactors, AreLeftAloneBySettingWhatTheyFollowAlready) {
+  queue->cmdBatchEnq(agent.command());
+  onQueue->lumoDoZombieReactors(true);
+  const TraceRecorder trace("NorvConnectionsMgr/5");
+  watched->configGroupIs(queue);
+  watched->clockIs(clock);
+  EXPECT_EQ(handled(trace), 0u);
+  EXPECT_TRUE(onQueue->lumoMarkedForDeletion());
+  EXPECT_EQ(reactorOn<CmdConfigGroupSm::LumoClock>(*clock), onClock);
+}
+
+TEST_F(Reactors, AreZombiesWithoutAMachineOnceTheyAreDropped) {
+  watched->configGroupIs(nullptr);
+  EXPECT_TRUE(onQueue->lumoMarkedForDeletion());
+  EXPECT_EQ(onQueue->cmdConfigGroupSm(), nullptr);
+  EXPECT_EQ(onQueue->notifier(), queue);
+  watched->clockDel();
+  EXPECT_TRUE(onClock->lumoMarkedForDeletion());
+  EXPECT_EQ(onClock->cmdConfigGroupSm(), nullptr);
+  EXPECT_EQ(queue->notifieeList()->members(), 0u);
+  EXPECT_EQ(clock->notifieeList()->members(), 0u);
+}
+
+TEST_F(Reactors, AreZombiesWithoutAMachineOnceItIsGone) {
+  watched = nullptr;
+  agent.manager->cmdConfigGroupSmDelAll();
+  EXPECT_TRUE(onQueue->lumoMarkedForDeletion());
+  EXPECT_TRUE(onClock->lumoMarkedForDeletion());
+  EXPECT_EQ(onQueue->cmdConfigGroupSm(), nullptr);
+  EXPECT_EQ(onClock->cmdConfigGroupSm(), nullptr);
+}
+
+TEST_F(Reactors, TakeTheStateOfTheirMachineWithWhatTheyFollow) {
+  const auto otherQueue = CmdConfigGroup::CmdConfigGroupIs("other");
+  const auto otherClock = Lumo::Clock::ClockIs("other");
+  onQueue->lumoDoZombieReactors(true);
+  onClock->lumoDoZombieReactors(true);
+  watched->configGroupIs(otherQueue);
+  watched->clockIs(otherClock);
+  EXPECT_FALSE(onQueue->lumoMarkedForDeletion());
+  EXPECT_FALSE(onClock->lumoMarkedForDeletion());
+  EXPECT_EQ(reactorOn<CmdConfigGroupSm::LumoConfigGroup>(*otherQueue), onQueue);
+  EXPECT_EQ(reactorOn<CmdConfigGroupSm::LumoClock>(*otherClock), onClock);
+  watched->lumoDoZombieReactors(true);
+  EXPECT_TRUE(onQueue->lumoMarkedForDeletion());
+  EXPECT_TRUE(onClock->lumoMarkedForDeletion());
+  onQueue->lumoDoZombieReactors(false);
+  onClock->lumoDoZombieReactors(false);
+  watched->configGroupIs(queue);
+  watched->clockIs(clock);
+  EXPECT_TRUE(onQueue->lumoMarkedForDeletion());
+  EXPECT_TRUE(onClock->lumoMarkedForDeletion());
+  watched->configGroupDel();
+  watched->clockDel();
+  watched->configGroupIs(queue);
+  watched->clockIs(clock);
+  watched->lumoDoZombieReactors(false);
+  EXPECT_EQ(queue->notifieeList()->members(), 1u);
+  EXPECT_EQ(clock->notifieeList()->members(), 1u);
+}
+
+TEST_F(Reactors, LeaveAndEnterTheirListsAsNotificationIsSwitched) {
+  for (const bool throughTheManager : {false, true}) {
+    const auto switched = [&](bool active) {
+      if (throughTheManager) {
+        agent.manager->hasNotificationActiveIs(active);
+      } else {
+        watched->hasNotificationActiveIs(active);
+      }
+    };
+    switched(false);
+    EXPECT_EQ(queue->notifieeList()->members(), 0u);
+    EXPECT_EQ(clock->notifieeList()->members(), 0u);
+    EXPECT_EQ(agent.config->notifieeList()->members(), throughTheManager ? 0u : 1u);
+    EXPECT_FALSE(watched->hasNotificationActive());
+    switched(true);
+    EXPECT_EQ(queue->notifieeList()->members(), 1u);
+    EXPECT_EQ(clock->notifieeList()->members(), 1u);
+    EXPECT_EQ(agent.config->notifieeList()->members(), 1u);
+    EXPECT_TRUE(watched->hasNotificationActive());
+  }
+}
+
 }  // namespace

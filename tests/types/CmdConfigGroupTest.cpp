@@ -365,4 +365,46 @@ TEST(CmdBatchIteratorDeathTest, HasNeitherKeyNorCommandAtItsEnd) {
   EXPECT_FALSE(group->cmdBatchIterator().ptr());
 }
 
+TEST_F(CmdConfigGroupTest, KeptOnPurposeDeletingAllOfAWrappedQueueDeletesItsHead) {
+  group->cmdBatchMetadataIs({0xFFFFFFFE, 0xFFFFFFFE});
+  fill(4);
+  ASSERT_THAT(indexes(*group), ElementsAre(0xFFFFFFFE, 0xFFFFFFFF, 0, 1));
+  group->cmdBatchDelAll();
+  EXPECT_THAT(indexes(*group), ElementsAre(0xFFFFFFFF, 0, 1));
+  group->cmdBatchDelAll();
+  EXPECT_THAT(indexes(*group), ElementsAre(0, 1));
+  EXPECT_THAT(witness->changes, ElementsAre(0xFFFFFFFE, 0xFFFFFFFF));
+  group->cmdBatchDelAll();
+  EXPECT_THAT(indexes(*group), ElementsAre());
+}
+
+TEST_F(CmdConfigGroupTest, IteratesFromTheHeadOrAnIndex) {
+  fill(4);
+  group->cmdBatchDel(2);
+  EXPECT_EQ(group->cmdBatchIterator().key(), 0u);
+  EXPECT_EQ(group->cmdBatchIteratorConst().key(), 0u);
+  EXPECT_EQ(group->cmdBatchIteratorConst(1).key(), 1u);
+  EXPECT_EQ(group->cmdBatchIteratorConst(2).key(), 3u);
+  EXPECT_FALSE(group->cmdBatchIteratorConst(4));
+}
+
+TEST_F(CmdConfigGroupTest, MetadataMovesNoEntryAndStepsNoVersion) {
+  fill(3);
+  const U32 version = group->cmdBatchVersion();
+  group->cmdBatchMetadataIs({1, 9});
+  EXPECT_EQ(group->cmdBatchMetadata(), (CmdBatchMetadata{1, 9}));
+  EXPECT_THAT(indexes(*group), ElementsAre(0, 1, 2));
+  EXPECT_EQ(group->cmdBatchs(), 3u);
+  EXPECT_EQ(group->cmdBatchVersion(), version);
+}
+
+TEST_F(CmdConfigGroupTest, IncrementsItsVersionAroundAndReturnsTheSum) {
+  group->enqueueVersionIs(~U64{0});
+  witness->versions.clear();
+  EXPECT_EQ(group->enqueueVersionInc(0), ~U64{0});
+  EXPECT_THAT(witness->versions, ElementsAre());
+  EXPECT_EQ(group->enqueueVersionInc(3), 2u);
+  EXPECT_THAT(witness->versions, ElementsAre(2u));
+}
+
 }  // namespace

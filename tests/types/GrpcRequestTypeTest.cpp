@@ -96,6 +96,13 @@ TEST(GrpcRequestType, MatchesNamesExactly) {
   }
 }
 
+TEST(GrpcRequestType, LooksBehindANulInAName) {
+  EXPECT_THROW(GrpcRequestTypeInstance(Lumo::String(std::string("getVersion\0", 11))),
+               Lumo::RangeException);
+  EXPECT_THROW(GrpcRequestTypeInstance(Lumo::String(std::string("\0getVersion", 11))),
+               Lumo::RangeException);
+}
+
 TEST(GrpcRequestType, RefusesANumberOutsideItself) {
   EXPECT_THROW(GrpcRequestTypeInstance(46u), Lumo::RangeException);
   EXPECT_THROW(GrpcRequestTypeInstance(0xFFFFFFFFu), Lumo::RangeException);
@@ -142,6 +149,26 @@ TEST_F(Parsing, StopsBehindTheName) {
   EXPECT_TRUE(parse("getVersion rest"));
   EXPECT_EQ(value, getVersion);
   EXPECT_EQ(rest(), " rest");
+}
+
+TEST_F(Parsing, LooksNoFurtherThanTheEndItIsGiven) {
+  text = "getVersionOfAll";
+  begin = text.iteratorConst();
+  auto end = begin;
+  for (int i = 0; i < 10; ++i) ++end;
+  sequenceToValue(begin, end, &value);
+  EXPECT_EQ(value, getVersion);
+  EXPECT_EQ(rest(), "OfAll");
+  auto none = text.iteratorConst();
+  EXPECT_THROW(sequenceToValue(none, none, &value), Lumo::RangeException);
+}
+
+TEST_F(Parsing, StopsAtANul) {
+  text = Lumo::String(std::string("getVersion\0x", 12));
+  begin = text.iteratorConst();
+  sequenceToValue(begin, text.endConst(), &value);
+  EXPECT_EQ(value, getVersion);
+  EXPECT_EQ(rest(), std::string("\0x", 2));
 }
 
 TEST_F(Parsing, LeavesEverythingWhereItWasOnFailure) {

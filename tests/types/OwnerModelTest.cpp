@@ -12,13 +12,11 @@ using namespace Norv;
 
 // The queue inside an owner beside the model: what it uses again of entries that were taken must
 // not show, neither in the queue nor to an iterator nor in the commands' counts.
+template <class Owner>
 class OwnerPair {
  public:
-  bool enq() {
-    const int id = newCommand();
-    group_->cmdBatchEnq(commands_[id]);
-    return model_.append(id) && same();
-  }
+  bool enq() { return enqCommand(newCommand()); }
+  bool enqNull() { return enqCommand(null); }
   bool deq() {
     const bool right = isCommand(group_->cmdBatchDeq(), model_.takeHead());
     return right && same();
@@ -30,12 +28,40 @@ class OwnerPair {
   bool is(U32 index) {
     const int id = newCommand();
     group_->cmdBatchIs(index, commands_[id]);
-    for (auto& item : model_.items) {
-      if (item.index != index) continue;
-      item.value = id;
+    if (int* present = valueAt(index)) {
+      *present = id;
       return same();
     }
     return model_.place(index, id) && same();
+  }
+  // Deletes, but for a named queue's null entry below the count, which is the same command already.
+  bool isNull(U32 index) {
+    group_->cmdBatchIs(index, nullptr);
+    const int* present = valueAt(index);
+    const bool kept = std::is_same_v<Owner, CmdConfigGroup> && present && *present == null &&
+                      index < model_.items.size();
+    if (present && !kept) model_.del(index);
+    return same();
+  }
+  bool delAll() {
+    group_->cmdBatchDelAll();
+    for (auto index = model_.indexAt(0); index;) {
+      const U32 last = *index;
+      model_.del(last);
+      index = model_.next(0, last, true);
+    }
+    return same();
+  }
+  bool metadata(U32 head, U32 tail) {
+    group_->cmdBatchMetadataIs({head, tail});
+    model_.head = head;
+    model_.storedTail = tail;
+    return same();
+  }
+  bool startAt(U32 index) const {
+    const auto found = group_->cmdBatchIteratorConst(index);
+    const auto expected = model_.indexAt(model_.startAt(index));
+    return found ? expected == found.key() : !expected;
   }
   bool step() {
     if (!iterator_ || !*iterator_) {
@@ -45,26 +71,56 @@ class OwnerPair {
       return same();
     }
     const bool changed = std::exchange(seen_, group_->cmdBatchVersion()) != seen_;
-    const auto expected = model_.next(idOf(iterator_->cmdBatch()), iterator_->key(), changed);
+    const auto expected = changed ? model_.next(0, iterator_->key(), true) : behind(key_);
     ++*iterator_;
     if (*iterator_) key_ = iterator_->key();
     return (*iterator_ ? expected == key_ : !expected) && same();
   }
   U32 members() const { return group_->cmdBatchs(); }
+  // One of those in use, or near them.
+  U32 anyIndex(unsigned random) const {
+    if (model_.items.empty() || random % 3 == 0) return model_.head + random / 3 % 6;
+    return model_.items[random / 3 % model_.items.size()].index;
+  }
 
  private:
+  static constexpr int null = -2;
+
+  bool enqCommand(int id) {
+    bool placed = true;
+    try {
+      group_->cmdBatchEnq(id == null ? Lumo::Ptr<GrpcCmd>() : commands_[id]);
+    } catch (const Lumo::RangeException&) {
+      placed = false;
+    }
+    return placed == model_.append(id) && same();
+  }
   int newCommand() {
     commands_[next_] = support::cmd();
     return next_++;
   }
+  int* valueAt(U32 index) {
+    for (auto& item : model_.items) {
+      if (item.index == index) return &item.value;
+    }
+    return nullptr;
+  }
+  // The entry behind the one that the iterator has stood on since the queue was changed last.
+  std::optional<U32> behind(U32 index) const {
+    for (std::size_t at = 0; at < model_.items.size(); ++at) {
+      if (model_.items[at].index == index) return model_.indexAt(at + 1);
+    }
+    return std::nullopt;
+  }
   int idOf(const Lumo::Ptr<GrpcCmd>& cmd) const {
+    if (!cmd) return null;
     for (const auto& [id, known] : commands_) {
       if (known == cmd) return id;
     }
     return -1;
   }
   bool isCommand(const Lumo::Ptr<GrpcCmd>& cmd, std::optional<int> id) const {
-    return id ? cmd == commands_.at(*id) : !cmd;
+    return id && *id != null ? cmd == commands_.at(*id) : !cmd;
   }
   // Forgets the commands that nobody but this pair may hold any more, and looks that nobody does.
   bool same() {
@@ -76,36 +132,47 @@ class OwnerPair {
     }
     // The iterator keeps its entry, which keeps its command; counted once if it is in the queue.
     if (iterator_ && *iterator_) {
-      if (iterator_->key() != key_ || !iterator_->cmdBatch()) return false;
+      if (iterator_->key() != key_) return false;
       holds[idOf(iterator_->cmdBatch())] = 1;
     }
     for (auto it = commands_.begin(); it != commands_.end();) {
       if (it->second->references() != 1 + holds[it->first]) return false;
       it = holds[it->first] == 0 ? commands_.erase(it) : std::next(it);
     }
+    const CmdBatchMetadata metadata = group_->cmdBatchMetadata();
     return items == model_.items && group_->cmdBatchs() == items.size() &&
-           group_->cmdBatchMetadata().headIndex == model_.head &&
+           metadata.headIndex == model_.head && metadata.tailIndex == model_.tail() &&
            group_->cmdBatchVersion() == model_.version;
   }
 
-  Lumo::Ptr<CmdGroup> group_ = CmdGroup::CmdGroupIs();
+  Lumo::Ptr<Owner> group_ = [] {
+    if constexpr (std::is_same_v<Owner, CmdGroup>) return cmdGroupFactory();
+    if constexpr (std::is_same_v<Owner, CmdConfigGroup>) return cmdConfigGroupFactory("q");
+  }();
   model::Queue<U32> model_;
   std::map<int, Lumo::Ptr<GrpcCmd>> commands_;
   int next_ = 0;
-  std::optional<CmdGroup::CmdBatchIteratorConst> iterator_;
+  std::optional<typename Owner::CmdBatchIteratorConst> iterator_;
   U32 key_ = 0;   // of the entry that the iterator stands on, wherever that entry is now
   U32 seen_ = 0;  // the queue's version at the iterator's last step
 };
 
-TEST(CmdBatch, AgreesWithItsModelUnderRandomOperations) {
+template <class Owner>
+struct CmdBatchOf : testing::Test {};
+using Owners = testing::Types<CmdGroup, CmdConfigGroup>;
+TYPED_TEST_SUITE(CmdBatchOf, Owners);
+
+TYPED_TEST(CmdBatchOf, AgreesWithItsModelUnderRandomOperations) {
   for (unsigned seed = 0; seed < 100; ++seed) {
     std::mt19937 random(seed);
-    OwnerPair pair;
-    U32 appended = 0;
+    OwnerPair<TypeParam> pair;
+    // Some begin close to the wrap.
+    const U32 start = seed % 3 == 0 ? 0xFFFFFFF0U + seed % 16 : 0;
+    ASSERT_TRUE(pair.metadata(start, start));
     for (int step = 0; step < 400; ++step) {
-      const U32 index = static_cast<U32>(random()) % (appended + 3);
+      const U32 index = pair.anyIndex(static_cast<unsigned>(random()));
       bool agree = true;
-      switch (random() % 12) {
+      switch (random() % 20) {
         case 0:
           agree = pair.del(index);
           break;
@@ -113,18 +180,31 @@ TEST(CmdBatch, AgreesWithItsModelUnderRandomOperations) {
           agree = pair.is(index);
           break;
         case 2:
+          agree = random() % 3 != 0 || pair.isNull(index);
+          break;
         case 3:
-          agree = pair.step();
+          agree = pair.enqNull();
           break;
         case 4:
+          agree = random() % 10 != 0 || pair.delAll();
+          break;
         case 5:
+          agree = pair.startAt(index);
+          break;
         case 6:
         case 7:
+        case 8:
+          agree = pair.step();
+          break;
+        case 9:
+        case 10:
+        case 11:
+        case 12:
+        case 13:
           agree = pair.deq();
           break;
         default:
           agree = pair.enq();
-          ++appended;
       }
       ASSERT_TRUE(agree) << "seed " << seed << " step " << step;
     }
