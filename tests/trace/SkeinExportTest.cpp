@@ -4,6 +4,7 @@
 #include <fstream>
 #include <map>
 #include <nlohmann/json.hpp>
+#include <regex>
 #include <set>
 #include <sstream>
 
@@ -36,7 +37,7 @@ void expectValid(const json& event) {
   EXPECT_TRUE(event.at("pid").is_number_integer());
   EXPECT_TRUE(event.at("tid").is_number_integer());
   EXPECT_FALSE(event.at("name").get<std::string>().empty());
-  ASSERT_NE(std::string("XiCM").find(phase), std::string::npos) << phase;
+  ASSERT_NE(std::string("XiCMsf").find(phase), std::string::npos) << phase;
   if (phase == "M") {
     EXPECT_TRUE(event.at("args").at("name").is_string());
     return;
@@ -44,6 +45,9 @@ void expectValid(const json& event) {
   EXPECT_GE(event.at("ts").get<double>(), 0);
   if (phase == "X") {
     EXPECT_GE(event.at("dur").get<double>(), 0);
+  }
+  if (phase == "s" || phase == "f") {
+    EXPECT_TRUE(event.at("id").is_number_integer());
   }
   if (phase == "C") {
     for (const auto& [name, value] : event.at("args").items()) EXPECT_TRUE(value.is_number());
@@ -84,8 +88,8 @@ TEST_F(SkeinExport, EachCommandIsASliceAfterItsPredecessor) {
   }
   ASSERT_EQ(slices.size(), 21U);
   EXPECT_EQ(counts["C"], 41);
-  EXPECT_EQ(counts["i"], 21);
-  EXPECT_EQ(named.size(), 2U);
+  EXPECT_EQ(counts["i"], 42);   // 21 announcements, and records of other points
+  EXPECT_EQ(named.size(), 3U);  // two threads and the process
   EXPECT_TRUE(std::includes(named.begin(), named.end(), tracks.begin(), tracks.end()));
   EXPECT_EQ(slices[0]["ts"], 0.0) << "the first was served from its announcement on";
   for (std::size_t i = 0; i < 20; ++i) {
@@ -101,6 +105,110 @@ TEST_F(SkeinExport, EachCommandIsASliceAfterItsPredecessor) {
   EXPECT_EQ(slices[20]["name"], "getVersion");
   EXPECT_EQ(slices[20]["tid"], slices[0]["tid"]) << "the worker's, as all the others";
 }
+
+TEST_F(SkeinExport, PerfettoIsToldTheNamesTheWallClockAndTheWayOfEachCommand) {
+  makeCommands();
+  const json trace = json::parse(exportTo("perfetto", "-").out);
+  const std::vector<Seen> seen = recordsIn(path);
+  const std::string origin = trace.at("otherData").at("origin");
+  EXPECT_EQ(origin.substr(0, 10) + "T" + origin.substr(11, 8), seen[0].line.substr(0, 19));
+  std::map<std::string, std::set<std::string>> names;
+  std::map<int, double> announced;  // by sequence
+  std::map<int, double> served;
+  std::map<std::string, std::string> colours;  // by outcome
+  for (const json& event : trace["traceEvents"]) {
+    const std::string phase = event["ph"];
+    if (phase == "M") names[event["name"]].insert(event["args"]["name"].get<std::string>());
+    if (phase == "s") announced[event["id"]] = event["ts"];
+    if (phase == "f") served[event["id"]] = event["ts"];
+    if (phase == "X") colours[event["args"]["outcome"]] = event["cname"];
+  }
+  EXPECT_EQ(names["thread_name"], (std::set<std::string>{"main", "worker"}));
+  EXPECT_EQ(names["process_name"], (std::set<std::string>{"trace.skein from " + origin}));
+  EXPECT_EQ(announced.size(), 21U);
+  ASSERT_EQ(served.size(), 21U);
+  for (const auto& [sequence, at] : served) EXPECT_GE(at, announced.at(sequence)) << sequence;
+  EXPECT_NE(colours["failed"], colours["in flight"]);
+}
+
+namespace {
+
+// A rectangle of the picture.
+struct Rect {
+  std::string kind;
+  double x, y, w, h;
+  std::string colour;
+  std::string title;
+};
+
+std::vector<Rect> rectsIn(const std::string& svg) {
+  static const std::regex form(
+      "<rect class=\"(\\w+)\" x=\"([^\"]+)\" y=\"([^\"]+)\" width=\"([^\"]+)\" height=\"([^\"]+)\" "
+      "fill=\"([^\"]+)\"><title>([^<]*)</title></rect>");
+  std::vector<Rect> rects;
+  for (std::sregex_iterator at(svg.begin(), svg.end(), form), end; at != end; ++at) {
+    const std::smatch& m = *at;
+    rects.push_back(
+        {m[1], std::stod(m[2]), std::stod(m[3]), std::stod(m[4]), std::stod(m[5]), m[6], m[7]});
+  }
+  return rects;
+}
+
+bool overlap(const Rect& a, const Rect& b) {
+  return a.x < b.x + b.w && b.x < a.x + a.w && a.y < b.y + b.h && b.y < a.y + a.h;
+}
+
+}  // namespace
+
+class SkeinPicture : public SkeinExport, public testing::WithParamInterface<int> {};
+
+TEST_P(SkeinPicture, ShowsWhatDidNotEndWellAtAnyLength) {
+  const int count = GetParam();
+  ASSERT_EQ(run({TRACE_PROGRAM, "many", path, std::to_string(count)}).status, 0);
+  const Outcome outcome = exportTo("svg", "-");
+  ASSERT_EQ(outcome.status, 0) << outcome.error;
+  const std::string& svg = outcome.out;
+  EXPECT_LT(svg.size(), 200000U);
+  EXPECT_EQ(svg.find("stroke=\"white\""), std::string::npos);
+  const std::vector<Rect> rects = rectsIn(svg);
+  const auto titled = [&](const std::string& words) {
+    return std::find_if(rects.begin(), rects.end(), [&](const Rect& rect) {
+      return rect.title.find(words) != std::string::npos;
+    });
+  };
+  // Each is wide and high enough to be seen, and nothing that is drawn later lies on it.
+  for (const char* what : {", refused", ", failed", ", dropped"}) {
+    const auto found = titled(what);
+    ASSERT_NE(found, rects.end()) << what;
+    EXPECT_GE(found->w, 2.5) << what;
+    EXPECT_GE(found->h, 4) << what;
+    for (auto later = found + 1; later != rects.end(); ++later) {
+      EXPECT_FALSE(overlap(*found, *later) && later->kind != "mark") << what;
+    }
+  }
+  EXPECT_NE(titled(", refused")->colour, titled(", failed")->colour);
+  // What was never sent takes no time of the lane.
+  const Rect lane = *titled(", refused");
+  EXPECT_GT(titled(", dropped")->y, lane.y + lane.h - 3);
+  EXPECT_EQ(std::count_if(rects.begin(), rects.end(),
+                          [](const Rect& rect) { return rect.kind == "fold"; }),
+            1);
+  // The lane is not empty where commands were served back to back.
+  double covered = 0;
+  for (const Rect& rect : rects) {
+    if (rect.kind == "column" || rect.kind == "bar") covered += rect.w;
+  }
+  EXPECT_GT(covered, 500);
+  EXPECT_NE(svg.find("Commands of trace.skein"), std::string::npos);
+  EXPECT_NE(svg.find(std::to_string(count - 6) + " ok<"), std::string::npos);
+  EXPECT_NE(svg.find("5 dropped, never sent<"), std::string::npos);
+  EXPECT_NE(svg.find(">a queue whose\xe2\x80\xa6<title>a queue whose name is long<"),
+            std::string::npos);
+  EXPECT_NE(svg.find(" UTC, "), std::string::npos);
+}
+
+INSTANTIATE_TEST_SUITE_P(Lengths, SkeinPicture, testing::Values(64, 20000),
+                         testing::PrintToStringParamName());
 
 TEST_F(SkeinExport, AFileWithoutRecordsIsAValidEmptyTrace) {
   ringIsOn();

@@ -5,11 +5,14 @@
 //   trace_program first               the facilities with handles before and after first traces
 //   trace_program stuck               settings, a handle and a fork while a line cannot go out
 //   trace_program commands FILE       a queue of commands on one thread, their ends on another
+//   trace_program many FILE COUNT     so many commands back to back: one refused, one failed, some
+//                                     dropped, and one more after a pause
 //   trace_program ring FILE SIZE THREADS   numbered records until killed
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -111,6 +114,32 @@ int commands(const char* path) {
   return 0;
 }
 
+int many(const char* path, const char* number) {
+  const auto count = static_cast<unsigned>(std::atoi(number));
+  Skein::TraceOptions options;
+  options.size = (U64{1} << 20) + U64{512} * count;
+  Skein::TraceHandle handle(path, options);
+  Skein::defaultSkeinHandleIs(&handle);
+  const Lumo::String type("createModule");
+  const Lumo::String queue("a queue whose name is long");
+  const auto announce = [&](unsigned sequence, unsigned depth) {
+    Twine::trace<Sample::announced>(sequence, type, queue, depth);
+  };
+  const auto end = [&](unsigned sequence, const char* outcome, unsigned depth) {
+    Twine::trace<Sample::ended>(sequence, type, queue, Lumo::String(outcome), depth);
+  };
+  constexpr unsigned dropped = 5;
+  for (unsigned i = 1; i <= count; ++i) announce(i, i);
+  for (unsigned i = 1; i <= count; ++i) {
+    const char* outcome = i == count / 3 ? "refused" : i == count / 2 ? "failed" : "ok";
+    end(i, i > count - dropped ? "dropped" : outcome, count - i);
+  }
+  std::this_thread::sleep_for(std::chrono::seconds(1));  // a pause to be folded
+  announce(count + 1, 1);
+  end(count + 1, "ok", 0);
+  return 0;
+}
+
 // Records with a check of their own: the second argument repeats the first.
 void recordForEver(int thread) {
   for (unsigned i = 0;; ++i) {
@@ -158,9 +187,11 @@ int main(int count, char** words) {
   if (mode == "first") return first();
   if (mode == "stuck") return stuck();
   if (mode == "commands" && count == 3) return commands(words[2]);
+  if (mode == "many" && count == 4) return many(words[2], words[3]);
   if (mode == "ring" && count == 5) return ring(words[2], words[3], words[4]);
   std::fprintf(stderr,
-               "usage: trace_program text|threads|late|first|stuck|commands FILE|ring FILE SIZE "
+               "usage: trace_program text|threads|late|first|stuck|commands FILE|many FILE "
+               "COUNT|ring FILE SIZE "
                "THREADS\n");
   return 2;
 }

@@ -1,18 +1,42 @@
+#include <filesystem>
+#include <map>
 #include <ostream>
 #include <set>
 
 #include "CommandSlices.h"
 #include "Export.h"
 #include "Json.h"
+#include "Timeline.h"
 
 namespace {
+
+// A name of the viewers' own palette.
+const char* colourOf(const std::string& outcome) {
+  if (outcome == "ok") return "good";
+  if (outcome == "refused") return "bad";
+  return outcome == "in flight" ? "thread_state_running" : "terrible";
+}
+
+// The main thread has the process's number; commands end on their client's worker, unless they are
+// dropped.
+std::map<int, std::string> threadNames(const std::vector<Skein::Record>& records, U32 process) {
+  std::map<int, std::string> names{{static_cast<int>(process), "main"}};
+  for (const Skein::Record& record : records) {
+    const auto news = commandNewsOf(record);
+    if (news && news->ends && news->outcome != "dropped")
+      names.try_emplace(record.thread, "worker");
+  }
+  return names;
+}
 
 // Writes one event at a time: a recording's events need not fit into memory twice.
 class EventList {
  public:
   EventList(std::ostream& out, U32 process, U64 originNs)
       : out_(out), process_(process), originNs_(originNs) {
-    out_ << "{\"displayTimeUnit\":\"ns\",\"traceEvents\":[";
+    out_ << "{\"displayTimeUnit\":\"ns\",\"otherData\":"
+         << textOf({{"origin", dateOf(originNs)}, {"originNs", std::to_string(originNs)}})
+         << ",\"traceEvents\":[";
   }
   void finish() { out_ << "\n]}\n"; }
 
@@ -32,7 +56,14 @@ class EventList {
            {"tid", slice.thread},
            {"ts", at(slice.startNs)},
            {"dur", static_cast<double>(slice.endNs - slice.startNs) / 1e3},
+           {"cname", colourOf(slice.command.outcome)},
            {"args", std::move(arguments)}});
+    flow("f", slice.command.sequence, slice.thread, slice.startNs);
+  }
+  // From the announcement of a command to its service.
+  void announcement(const CommandNews& news, const Skein::Record& record) {
+    instant(record);
+    flow("s", news.sequence, record.thread, record.timeNs);
   }
   void depth(const CommandNews& news, U64 timeNs) {
     write({{"ph", "C"},
@@ -57,6 +88,16 @@ class EventList {
   // Microseconds from the first record on: a double holds them to the nanosecond.
   double at(U64 timeNs) const { return static_cast<double>(timeNs - originNs_) / 1e3; }
 
+  void flow(const char* phase, U64 sequence, int thread, U64 timeNs) {
+    write({{"ph", phase},
+           {"cat", "command"},
+           {"name", "announced"},
+           {"id", sequence},
+           {"tid", thread},
+           {"ts", at(timeNs)},
+           {"bp", "e"}});
+  }
+
   void write(nlohmann::json event) {
     event["pid"] = process_;
     out_ << (first_ ? "\n" : ",\n") << textOf(event);
@@ -75,9 +116,17 @@ void writeEvents(const Recording& recording, std::ostream& out) {
   EventList events(out, process, records.empty() ? 0 : records.front().timeNs);
   CommandSlices slices;
   std::set<int> threads;
+  if (!records.empty()) {
+    const std::string file = std::filesystem::path(recording.reader().path()).filename();
+    events.nameIs("process_name", 0, file + " from " + dateOf(records.front().timeNs));
+  }
+  const std::map<int, std::string> names = threadNames(records, process);
   for (const Skein::Record& record : records) {
     if (threads.insert(record.thread).second) {
-      events.nameIs("thread_name", record.thread, "thread " + std::to_string(record.thread));
+      const auto named = names.find(record.thread);
+      events.nameIs(
+          "thread_name", record.thread,
+          named != names.end() ? named->second : "thread " + std::to_string(record.thread));
     }
     const auto news = commandNewsOf(record);
     if (!news) {
@@ -85,9 +134,12 @@ void writeEvents(const Recording& recording, std::ostream& out) {
       continue;
     }
     events.depth(*news, record.timeNs);
-    if (const auto slice = slices.newsIs(*news, record.thread, record.timeNs)) {
+    const auto slice = slices.newsIs(*news, record.thread, record.timeNs);
+    if (!news->ends) {
+      events.announcement(*news, record);
+    } else if (slice && news->outcome != "dropped") {
       events.slice(*slice);
-    } else if (news->ends) {
+    } else {
       events.instant(record);
     }
   }

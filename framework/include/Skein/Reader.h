@@ -70,6 +70,7 @@ class Reader {
   // described yet, as far as has been read, and where a descriptor cannot be read.
   const std::vector<std::unique_ptr<Site>>& sites() const { return sites_; }
 
+  const std::string& path() const { return path_; }
   // Empty, or one line on what in the file could not be read.
   std::string problem() const;
   // True when the path meanwhile names another file, or none.
