@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <utility>
 
 #include <Lumo/Clock.h>
 
@@ -81,9 +82,8 @@ void Clock::scheduleIs(NotifieeConst* reactor, double time) const {
 }
 
 void Clock::scheduleDel(NotifieeConst* reactor) const {
-  if (!reactor->request_) return;
-  schedule_.erase(*reactor->request_);
-  reactor->request_.reset();
+  if (const auto request = std::exchange(reactor->request_, std::nullopt))
+    schedule_.erase(*request);
 }
 
 Clock::NotifieeConst::NotifieeConst(Ptr<Clock const> const& clock) : NotifieeConst() {

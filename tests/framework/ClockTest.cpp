@@ -315,4 +315,13 @@ TEST_F(ClockTest, MayBeDroppedByAHandlerOfItsOwn) {
   EXPECT_THAT(log, ElementsAre(1));
 }
 
+TEST_F(ClockTest, ARequestUsedUpTakesNobodyElsesPlace) {
+  const auto first = alarm(1, 5);
+  clock->timeIs(5);
+  const auto second = alarm(2, 5);
+  first->timeoutIs(6);
+  clock->timeIs(6);
+  EXPECT_THAT(log, ElementsAre(1, 2, 1));
+}
+
 }  // namespace

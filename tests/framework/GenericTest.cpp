@@ -434,4 +434,14 @@ static_assert(!std::is_constructible_v<GenericValue, void*>);
 static_assert(std::is_constructible_v<GenericValue, const char*> &&
               std::is_constructible_v<GenericValue, char*>);
 
+TEST(GenericValueTest, ReadsAsAPersonWritesIt) {
+  EXPECT_EQ(GenericValue(true).strep(), "true");
+  EXPECT_EQ(GenericValue(false).strep(), "false");
+  EXPECT_EQ(GenericValue(-7).strep(), "-7");
+  EXPECT_EQ(GenericValue(U64{1} << 63).strep(), "9223372036854775808");
+  EXPECT_EQ(GenericValue("text").strep(), "text");
+  EXPECT_EQ(GenericValue(nullptr).strep(), "(null)");
+  EXPECT_EQ(GenericValue().strep(), "");
+}
+
 }  // namespace

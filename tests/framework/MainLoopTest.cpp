@@ -1,7 +1,11 @@
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 #include <atomic>
+#include <filesystem>
 #include <functional>
 #include <limits>
 #include <semaphore>
@@ -278,6 +282,35 @@ TEST_F(MainLoopTest, ARequestFarAwayDoesNotKeepItBusyOrWakeIt) {
   EXPECT_EQ(turns(1e18), 0U);
   EXPECT_EQ(turns(1e300), 0U);
   EXPECT_EQ(turns(std::numeric_limits<double>::infinity()), 0U);
+}
+
+TEST(MainLoop, GivesItsDescriptorsBack) {
+  const auto open = [] {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
+                         std::filesystem::directory_iterator());
+  };
+  const auto before = open();
+  for (int i = 0; i < 3; ++i) MainLoop();
+  EXPECT_EQ(open(), before);
+}
+
+TEST(MainLoop, RaisesAndKeepsNothingWhereDescriptorsRunOut) {
+  const auto lowestFree = [] {
+    const int descriptor = ::open("/dev/null", O_RDONLY);
+    ::close(descriptor);
+    return static_cast<rlim_t>(descriptor);
+  };
+  const rlim_t free = lowestFree();
+  rlimit before;
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+  for (const rlim_t room : {0, 1}) {
+    rlimit tight = before;
+    tight.rlim_cur = free + room;
+    ::setrlimit(RLIMIT_NOFILE, &tight);
+    EXPECT_THROW(MainLoop(), Lumo::ErrnoException) << room;
+    ::setrlimit(RLIMIT_NOFILE, &before);
+    EXPECT_EQ(lowestFree(), free) << room;
+  }
 }
 
 }  // namespace

@@ -314,4 +314,33 @@ TEST_F(NotifieeTest, AnEntityWhoseHandlersDropItLivesUntilItsMutatorIsDone) {
   EXPECT_THAT(log, ElementsAre(1));
 }
 
+TEST_F(NotifieeTest, AZombieAlreadyIsLeftAloneByBecomingOne) {
+  reactor->lumoDoZombieReactors(true);
+  reactor->hasNotificationActiveIs(true);
+  reactor->lumoDoZombieReactors(true);
+  EXPECT_TRUE(reactor->isRegisteredNotifiee());
+  reactor->lumoDoZombieReactors(false);
+  reactor->hasNotificationActiveIs(false);
+  reactor->lumoDoZombieReactors(false);
+  EXPECT_FALSE(reactor->isRegisteredNotifiee());
+}
+
+TEST_F(NotifieeTest, IsMarkedOnceItIsOffTheList) {
+  struct Marked : Reactor {
+    using Reactor::Reactor;
+    void hasNotificationActiveIs(bool active) override {
+      marks.push_back(lumoMarkedForDeletion());
+      Reactor::hasNotificationActiveIs(active);
+    }
+    std::vector<bool> marks;
+  };
+  const auto marked = Lumo::allocate<Marked>(followed, &log, 2);
+  marked->marks.clear();
+  marked->lumoDoZombieReactors(true);
+  EXPECT_TRUE(marked->lumoMarkedForDeletion());
+  marked->lumoDoZombieReactors(false);
+  EXPECT_FALSE(marked->lumoMarkedForDeletion());
+  EXPECT_THAT(marked->marks, ElementsAre(false, true));
+}
+
 }  // namespace

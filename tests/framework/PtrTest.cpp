@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <thread>
 #include <type_traits>
 
@@ -409,6 +410,34 @@ TEST_F(PtrDeathTest, AnExceptionInAnAssignmentEndsTheProcess) {
 
 TEST_F(PtrDeathTest, AnExceptionInADestructionEndsTheProcess) {
   EXPECT_DEATH({ Lumo::allocate<Explosive>(); }, "cannot go");
+}
+
+// How many of the steps of two threads at once are lost.
+U32 lostUnderTwoThreads(bool threadSafe) {
+  constexpr U32 steps = 200000;
+  Lumo::enableThreadSafePointers = threadSafe;
+  const Lumo::ReferenceWord before;
+  Lumo::ReferenceWord word;
+  std::atomic<int> ready{0};
+  const auto count = [&] {
+    ++ready;
+    while (ready < 2) {
+    }
+    for (U32 i = 0; i < steps; ++i) word.inc();
+  };
+  std::thread other(count);
+  count();
+  other.join();
+  Lumo::enableThreadSafePointers = true;
+  return before.count() + 2 * steps - word.count();
+}
+
+TEST(ReferenceWord, CountsAtomicallyExactlyWhenTheAgentSaysSo) {
+  EXPECT_EQ(lostUnderTwoThreads(true), 0U);
+  if (std::thread::hardware_concurrency() < 2) GTEST_SKIP() << "one processor: nothing gets lost";
+  U32 lost = 0;
+  for (int round = 0; round < 100 && lost == 0; ++round) lost = lostUnderTwoThreads(false);
+  EXPECT_GT(lost, 0U);
 }
 
 }  // namespace

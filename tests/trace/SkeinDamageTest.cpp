@@ -172,3 +172,35 @@ TEST_F(SkeinDamage, NoByteOfTheFileIsTrusted) {
   EXPECT_GT(read, 0);
   EXPECT_GT(refused, 0);
 }
+
+TEST_F(SkeinDamage, OfAWriterNothingIsShownBehindAMissingBlock) {
+  const std::string ring = folder.file("ring.skein");
+  {
+    Skein::TraceHandle handle(ring, {.size = 64 * 1024});
+    Skein::defaultSkeinHandleIs(&handle);
+    for (int i = 0; i < 600; ++i) Twine::trace<Sample::numbered>(i);
+    Skein::defaultSkeinHandleIs(nullptr);
+  }
+  const auto before = textsIn(ring);
+  ASSERT_EQ(before.front(), "n=0");
+  std::string bytes = bytesOf(ring);
+  Skein::FileHeader header;
+  std::memcpy(&header, bytes.data(), sizeof header);
+  // The second block of the writer goes; the third begins with this record.
+  std::vector<std::size_t> blocks;
+  for (U32 i = 0; i < header.blockCount; ++i) {
+    Skein::BlockHeader block;
+    const std::size_t at = header.blocksOffset + i * std::size_t{header.blockSize};
+    std::memcpy(&block, bytes.data() + at, sizeof block);
+    if (block.ordinal >= blocks.size() + 1) blocks.resize(block.ordinal);
+    if (block.ordinal != 0) blocks[block.ordinal - 1] = at;
+  }
+  ASSERT_GE(blocks.size(), 4U);
+  std::memset(bytes.data() + blocks[1], 0, sizeof(U64));
+  const auto left = findingOf(bytes).records;
+  ASSERT_FALSE(left.empty());
+  EXPECT_EQ(left.back().text, "n=599");
+  const int first = std::stoi(left.front().text.substr(2));
+  EXPECT_EQ(left.size(), 600U - static_cast<std::size_t>(first));
+  EXPECT_GT(first, 600 / static_cast<int>(blocks.size()));
+}

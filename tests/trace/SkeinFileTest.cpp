@@ -255,3 +255,30 @@ TEST_F(SkeinFile, ASnapshotKeepsWhatWasThere) {
   EXPECT_THROW(Skein::snapshot(*skein->traceFile(), folder.file("missing/f.skein")),
                Lumo::ErrnoException);
 }
+
+// At every record of several rounds of the ring: a reader finds nothing of a block's former use.
+TEST_F(SkeinFile, ARecordInTheMakingLooksLikeNone) {
+  ringIsOn({.size = 16 * 1024});
+  Twine::trace<Sample::numbered>(-1);
+  int id = 0;
+  Skein::TraceFile* const file = skein->traceFile();
+  Skein::Reader reader(path);
+  int seen = 0;
+  for (int i = 0; i < 2000; ++i) {
+    if (!file->msgIdInitialized(id)) {
+      Skein::MsgDesc descriptor(file, &id, "hand.cpp", 12, true);
+      descriptor.formatString() << i;
+      descriptor << "value %s";
+      descriptor.finish();
+    }
+    Skein::RingBuf& ring = file->log(4);
+    ring.startMsg(file, id);
+    ring << i;
+    const auto news = recordsOf(reader);
+    ASSERT_EQ(reader.problem(), "") << i;
+    ASSERT_EQ(news.size(), 1U) << i;
+    seen += static_cast<int>(news.size());
+    ring.endMsg();
+  }
+  EXPECT_EQ(seen, 2000);
+}

@@ -1,7 +1,12 @@
 #include <pthread.h>
+#include <support/Environment.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
+#include <ctime>
+#include <locale>
 #include <set>
 #include <sstream>
 #include <thread>
@@ -262,6 +267,16 @@ TEST(TraceLine, HasAFixedFormWithTheTextLast) {
             "one\\ntwo\\rthree\n");
 }
 
+TEST(TraceLine, HasItsTimeInUtcWhereverTheProcessIs) {
+  const support::Environment tokyo("TZ", "JST-9");
+  ::tzset();
+  Lumo::TraceLine line;
+  line.timeNs = 1769860801000000000ULL;
+  std::string text;
+  Lumo::appendTraceLine(text, line);
+  EXPECT_EQ(text.substr(0, 19), "2026-01-31T12:00:01");
+}
+
 TEST(TraceLine, ShowsWhatIsNoPlainCharacter) {
   const auto shown = [](std::string_view text) {
     std::string out;
@@ -329,6 +344,40 @@ struct Endless {
     return out;
   }
 };
+
+// A number as a locale writes it.
+struct Plain {
+  int value;
+  friend std::ostream& operator<<(std::ostream& out, const Plain& plain) {
+    return out << plain.value;
+  }
+};
+
+TEST_F(TraceHelperTest, NumbersAreWrittenAsInTheClassicLocale) {
+  struct Grouped : std::numpunct<char> {
+    char do_thousands_sep() const override { return '.'; }
+    std::string do_grouping() const override { return "\3"; }
+  };
+  textIsOn();
+  const std::locale before = std::locale::global(std::locale(std::locale(), new Grouped));
+  std::thread([] { Twine::trace<Sample::textSending>(Plain{1234567}); }).join();
+  std::locale::global(before);
+  EXPECT_EQ(recorder.texts(), std::vector<std::string>{"Sending 1234567"});
+}
+
+TEST_F(TraceHelperTest, TheErrorNumberStaysWhereStandardErrorIsClosed) {
+  textIsOn();
+  Lumo::traceSinkIs(nullptr);
+  const int kept = ::dup(STDERR_FILENO);
+  ::close(STDERR_FILENO);
+  errno = 4711;
+  Twine::trace<Sample::textOnly>();
+  const int after = errno;
+  ::dup2(kept, STDERR_FILENO);
+  ::close(kept);
+  Lumo::traceSinkIs(&recorder);
+  EXPECT_EQ(after, 4711);
+}
 
 TEST_F(TraceHelperTest, AThreadMayBeCancelledWhileItTraces) {
   textIsOn();

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <regex>
 #include <sstream>
 
@@ -92,4 +93,57 @@ TEST(TraceProcess, ALineThatCannotGoOutKeepsNobodyElseWaiting) {
   EXPECT_EQ(ended(start({TRACE_PROGRAM, "stuck"}, nullptr, -1, ends[1])), 0);
   ::close(ends[0]);
   ::close(ends[1]);
+}
+
+TEST(TraceProcess, ALineIsOneWrite) {
+  int ends[2];
+  ASSERT_EQ(::pipe2(ends, O_DIRECT), 0);  // what is written at once is read at once
+  const pid_t child = start({TRACE_PROGRAM, "text"}, "*/*", -1, ends[1]);
+  ::close(ends[1]);
+  char part[4096];
+  const ssize_t first = ::read(ends[0], part, sizeof part);
+  ASSERT_GT(first, 0);
+  EXPECT_EQ(part[first - 1], '\n');
+  EXPECT_EQ(::read(ends[0], part, sizeof part), 0);
+  ::close(ends[0]);
+  EXPECT_EQ(ended(child), 0);
+}
+
+TEST(TraceProcess, ALineWaitsForAPipeThatIsFullAndDoesNotBlock) {
+  int ends[2];
+  ASSERT_EQ(::pipe(ends), 0);
+  ::fcntl(ends[1], F_SETFL, O_NONBLOCK);
+  const std::string filling(4096, 'x');
+  std::size_t filled = 0;
+  for (ssize_t count; (count = ::write(ends[1], filling.data(), filling.size())) > 0;) {
+    filled += static_cast<std::size_t>(count);
+  }
+  const pid_t child = start({TRACE_PROGRAM, "text"}, "*/*", -1, ends[1]);
+  ::close(ends[1]);
+  // Once it waits, it sleeps.
+  const auto sleeps = [child] {
+    std::ifstream in("/proc/" + std::to_string(child) + "/wchan");
+    std::string where;
+    in >> where;
+    return where.find("poll") != std::string::npos;
+  };
+  for (int i = 0; i < 2000 && !sleeps(); ++i) ::usleep(1000);
+  std::string text;
+  char part[4096];
+  for (ssize_t count; (count = ::read(ends[0], part, sizeof part)) > 0;) {
+    text.append(part, static_cast<std::size_t>(count));
+  }
+  ::close(ends[0]);
+  EXPECT_EQ(ended(child), 0);
+  EXPECT_NE(text.substr(filled).find("Nothing to do\n"), std::string::npos);
+}
+
+TEST(TraceProcess, AThreadMayTraceWhileTheProcessExits) {
+  for (int i = 0; i < 10; ++i) {
+    const Outcome outcome = run({TRACE_PROGRAM, "exiting"}, "*/*");
+    ASSERT_EQ(outcome.status, 0);
+    for (const std::string& line : linesOf(outcome.error)) {
+      ASSERT_EQ(line.substr(line.size() - 13), "Nothing to do");
+    }
+  }
 }

@@ -3,6 +3,7 @@
 //   trace_program threads             long lines from four threads
 //   trace_program late                lines from destructors while the process exits
 //   trace_program first               the facilities with handles before and after first traces
+//   trace_program exiting             ends while a thread goes on tracing
 //   trace_program stuck               settings, a handle and a fork while a line cannot go out
 //   trace_program commands FILE       a queue of commands on one thread, their ends on another
 //   trace_program many FILE COUNT     so many commands back to back: one refused, one failed, some
@@ -92,6 +93,17 @@ int stuck() {
   int status = 1;
   ::waitpid(child, &status, 0);
   ::_exit(status == 0 ? 0 : 1);
+}
+
+int exiting() {
+  std::atomic<bool> begun{false};
+  std::thread([&begun] {
+    Twine::trace<Sample::textOnly>();
+    begun = true;
+    while (true) Twine::trace<Sample::textOnly>();
+  }).detach();
+  while (!begun) std::this_thread::yield();
+  return 0;
 }
 
 int commands(const char* path) {
@@ -185,12 +197,13 @@ int main(int count, char** words) {
     return 0;
   }
   if (mode == "first") return first();
+  if (mode == "exiting") return exiting();
   if (mode == "stuck") return stuck();
   if (mode == "commands" && count == 3) return commands(words[2]);
   if (mode == "many" && count == 4) return many(words[2], words[3]);
   if (mode == "ring" && count == 5) return ring(words[2], words[3], words[4]);
   std::fprintf(stderr,
-               "usage: trace_program text|threads|late|first|stuck|commands FILE|many FILE "
+               "usage: trace_program text|threads|late|first|exiting|stuck|commands FILE|many FILE "
                "COUNT|ring FILE SIZE "
                "THREADS\n");
   return 2;
