@@ -1,9 +1,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
+#include <fstream>
 #include <memory>
 #include <thread>
 #include <utility>
@@ -345,6 +347,34 @@ TEST(ThreadId, KeepsAThreadAsANumber) {
   U64 other = 0;
   std::thread([&] { other = Lumo::toU64(pthread_self()); }).join();
   EXPECT_NE(other, Lumo::toU64(self));
+}
+
+// Whether a thread of this process waits for something.
+bool waits(pid_t thread) {
+  std::ifstream in("/proc/self/task/" + std::to_string(thread) + "/stat");
+  std::string stat;
+  std::getline(in, stat);
+  return stat.find(") S ") != std::string::npos;
+}
+
+TEST_F(LockTest, AnInsistingAnchorLooksAtTheMarkOnceItHoldsTheLock) {
+  std::atomic<pid_t> insisting{0};
+  std::atomic<bool> refused{false};
+  std::thread other;
+  {
+    LockAnchor forbidding(&lock, LockAnchor::notReleasable);
+    other = std::thread([&] {
+      insisting = ::gettid();
+      try {
+        LockAnchor anchor(&lock, LockAnchor::requireReleasable);
+      } catch (const Lumo::InternalException&) {
+        refused = true;
+      }
+    });
+    while (insisting == 0 || !waits(insisting)) std::this_thread::yield();
+  }
+  other.join();
+  EXPECT_FALSE(refused);
 }
 
 }  // namespace
