@@ -1,3 +1,5 @@
+#include <pthread.h>
+
 #include <atomic>
 #include <cstdlib>
 #include <string>
@@ -72,6 +74,7 @@ void ConnectionsMgr::Connecting::connect() {
   mgr_.clientIs(new GrpcClient(channel, mgr_.pendingQueue_, mgr_.grpcErrorHandlingStatus_,
                                mgr_.threadLock_, mgr_.threadCondition_));
   mgr_.grpcReplyThreadIs(new std::thread([worker = worker_, client = mgr_.client_] {
+    ::pthread_setname_np(::pthread_self(), "norv-worker");  // for those who look at threads
     worker->wait(waits);
     if (worker->load() == begins) client->doProcessGrpcCmd();
   }));

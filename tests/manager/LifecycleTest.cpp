@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <fstream>
 #include <optional>
 #include <set>
 #include <stdexcept>
@@ -398,6 +399,21 @@ TEST_F(ConnectionsMgrTest, StartsOverAfterAProducerHasThrown) {
   thrower->throws = false;
   agent.manager->handleInitialized();
   EXPECT_TRUE(agent.eventually([&] { return daemon.calls().size() == 1; }));
+}
+
+TEST_F(ConnectionsMgrTest, NamesItsWorkerForThoseWhoLookAtThreads) {
+  const auto workersNamed = [] {
+    int count = 0;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+      std::ifstream in(task.path() / "comm");
+      std::string name;
+      if (std::getline(in, name) && name == "norv-worker") ++count;
+    }
+    return count;
+  };
+  const int before = workersNamed();
+  agent.connect(daemon.port());
+  EXPECT_TRUE(agent.eventually([&] { return workersNamed() == before + 1; }));
 }
 
 }  // namespace

@@ -612,4 +612,20 @@ TEST_F(Reactors, LeaveAndEnterTheirListsAsNotificationIsSwitched) {
   }
 }
 
+TEST_F(Reactors, AreLeftAloneByAStateTheirOwnerIsInAlready) {
+  const auto onConfig = reactorOn<ConnectionsMgr::LumoGlobalCmdConfig>(*agent.config);
+  watched->lumoDoZombieReactors(true);
+  agent.manager->lumoDoZombieReactors(true);
+  onQueue->lumoDoZombieReactors(false);
+  onConfig->lumoDoZombieReactors(false);
+  watched->lumoDoZombieReactors(true);
+  agent.manager->lumoDoZombieReactors(true);
+  EXPECT_FALSE(onQueue->lumoMarkedForDeletion());
+  EXPECT_FALSE(onConfig->lumoMarkedForDeletion());
+  watched->hasNotificationActiveIs(true);
+  onQueue->hasNotificationActiveIs(false);
+  watched->hasNotificationActiveIs(true);
+  EXPECT_FALSE(onQueue->hasNotificationActive());
+}
+
 }  // namespace
