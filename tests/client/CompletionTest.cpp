@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <support/Commands.h>
 #include <support/Eventually.h>
+#include <support/ExpectedLeak.h>
 #include <support/FakeDaemon.h>
 #include <support/TraceRecorder.h>
 
@@ -131,6 +132,7 @@ TEST_F(Completion, SaysNoAfterAnyRecordedFailureThoughTheCallSucceeds) {
 
 TEST_F(Completion, SaysNoToAReplyThatDoesNotDecode) {
   daemon.handlerIs([](auto, const auto&, auto*) { return FakeDaemon::Answer{0, "", "\xff\xff"}; });
+  const support::ExpectedLeak record;
   EXPECT_FALSE(send());
   EXPECT_FALSE(status->errorOccured());
   EXPECT_EQ(log->responses, 0);
@@ -224,6 +226,7 @@ TEST_F(Completion, TakesAnOkReplyWithoutAMessageForAnEmptyResponse) {
 TEST_F(Completion, LeavesTheFlagDownForAFailureBehindBytesThatDoNotDecode) {
   daemon.handlerIs([](auto, const auto&, auto*) { return FakeDaemon::Answer{14, "gone", "\xff"}; });
   const TraceRecorder trace("GrpcClient/*");
+  const support::ExpectedLeak record;
   EXPECT_FALSE(send());
   EXPECT_FALSE(status->errorOccured());
   EXPECT_EQ(log->responses, 0);

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <support/Commands.h>
 #include <support/Eventually.h>
+#include <support/ExpectedLeak.h>
 #include <support/FakeDaemon.h>
 #include <support/TraceRecorder.h>
 
@@ -205,7 +206,10 @@ TEST_F(Worker, KeptOnPurposePassesOverAReplyThatDoesNotDecode) {
   const TraceRecorder trace("GrpcClient/0,GrpcClient/8");
   put(getVersion);
   put(listPorts);
-  start();
+  std::thread([client = shared.client.get()] {
+    const support::ExpectedLeak record;
+    client->doProcessGrpcCmd();
+  }).detach();
   EXPECT_TRUE(eventually([&] { return log->destroyed == 2; }));
   EXPECT_THAT(log->respondedNumbers(), ElementsAre(1));
   EXPECT_FALSE(shared.status->errorOccured());
