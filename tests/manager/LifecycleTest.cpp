@@ -416,4 +416,21 @@ TEST_F(ConnectionsMgrTest, NamesItsWorkerForThoseWhoLookAtThreads) {
   EXPECT_TRUE(agent.eventually([&] { return workersNamed() == before + 1; }));
 }
 
+TEST_F(ConnectionsMgrTest, LeavesAnothersLockAndConditionAloneWhenAProducerThrowsInSimulation) {
+  const Environment simulation("SIMULATION_NORV", "1");
+  agent.connect(1);
+  Lumo::Lock lock;
+  Lumo::Condition condition;
+  agent.manager->threadLockIs(&lock);
+  agent.manager->threadConditionIs(&condition);
+  agent.enqueue();
+  const auto thrower = Lumo::allocate<Thrower>(agent.queue());
+  agent.manager->cmdConfigGroupSmDelAll();
+  agent.manager->initializedIs(false);
+  EXPECT_THROW(agent.manager->handleInitialized(), std::runtime_error);
+  EXPECT_FALSE(agent.manager->initialized());
+  EXPECT_EQ(agent.manager->threadLock(), &lock);
+  EXPECT_EQ(agent.manager->threadCondition(), &condition);
+}
+
 }  // namespace

@@ -628,4 +628,12 @@ TEST_F(Reactors, AreLeftAloneByAStateTheirOwnerIsInAlready) {
   EXPECT_FALSE(onQueue->hasNotificationActive());
 }
 
+TEST_F(Reactors, HandleNothingWhenToldToFollowWhatTheyFollowAlready) {
+  queue->cmdBatchEnq(agent.command());
+  const TraceRecorder trace("NorvConnectionsMgr/5");
+  onQueue->notifierIs(queue);
+  EXPECT_EQ(handled(trace), 0u);
+  EXPECT_EQ(queue->cmdBatchs(), 1u);
+}
+
 }  // namespace
