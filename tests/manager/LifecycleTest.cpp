@@ -8,6 +8,7 @@
 #include <support/TraceRecorder.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <optional>
@@ -401,19 +402,50 @@ TEST_F(ConnectionsMgrTest, StartsOverAfterAProducerHasThrown) {
   EXPECT_TRUE(agent.eventually([&] { return daemon.calls().size() == 1; }));
 }
 
+// The threads that come from now on, by what the kernel calls and does with them.
+class NewThreads {
+ public:
+  NewThreads() {
+    for (const auto& task : Tasks(tasks)) before_.insert(task.path());  // workers of other tests
+  }
+  bool haveWorker(const std::string& state = "") const {
+    return std::any_of(Tasks(tasks), Tasks(), [&](const auto& task) {
+      std::ifstream in(task.path() / "stat");  // as in: 4711 (norv-worker) S ...
+      std::string stat;
+      std::getline(in, stat);
+      return !before_.contains(task.path()) &&
+             stat.find("(norv-worker) " + state) != std::string::npos;
+    });
+  }
+
+ private:
+  using Tasks = std::filesystem::directory_iterator;
+  static constexpr const char* tasks = "/proc/self/task";
+  std::set<std::filesystem::path> before_;
+};
+
 TEST_F(ConnectionsMgrTest, NamesItsWorkerForThoseWhoLookAtThreads) {
-  const auto workersNamed = [] {
-    int count = 0;
-    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
-      std::ifstream in(task.path() / "comm");
-      std::string name;
-      if (std::getline(in, name) && name == "norv-worker") ++count;
-    }
-    return count;
-  };
-  const int before = workersNamed();
+  const NewThreads fresh;
   agent.connect(daemon.port());
-  EXPECT_TRUE(agent.eventually([&] { return workersNamed() == before + 1; }));
+  EXPECT_TRUE(agent.eventually([&] { return fresh.haveWorker(); }));
+}
+
+TEST_F(ConnectionsMgrTest, StartsItsWorkerHoweverLongTheMachinesTook) {
+  // A producer that takes its time until the worker waits for the machines.
+  struct Slow : CmdConfigGroup::NotifieeConst {
+    explicit Slow(const Lumo::Ptr<CmdConfigGroup>& queue) : NotifieeConst(queue) {}
+    using CmdConfigGroup::NotifieeConst::onCmdBatch;
+    void onCmdBatch(U32) override {
+      waited = support::eventually([&] { return fresh.haveWorker("S"); });
+    }
+    const NewThreads fresh;
+    bool waited = false;
+  };
+  agent.enqueue();
+  const auto slow = Lumo::allocate<Slow>(agent.queue());
+  agent.connect(daemon.port());
+  EXPECT_TRUE(slow->waited);
+  EXPECT_TRUE(agent.eventually([&] { return agent.log->responses == 1; }));
 }
 
 TEST_F(ConnectionsMgrTest, LeavesAnothersLockAndConditionAloneWhenAProducerThrowsInSimulation) {
