@@ -12,6 +12,8 @@
 #include <Norv/ClientTrace.h>
 #include <Skein/Reader.h>
 
+#include "RpcFailures.h"
+
 namespace Norv::Agent {
 
 namespace {
@@ -40,12 +42,6 @@ ordered_json detailsOf(const CommandReport& command) {
           {"waited_us", microseconds(command.started - command.announced)},
           {"service_us", microseconds(command.ended - command.started)}};
 }
-
-// What the client traced of an RPC that failed.
-struct RpcFailure {
-  int code = 0;
-  std::string text;
-};
 
 bool isOf(const Skein::Record& record, const Twine::Point& point) {
   return record.site->line == point.line && record.site->file == point.module->file &&

@@ -6,6 +6,8 @@
 
 #include <Norv/Agent/Kit.h>
 
+#include "RpcFailures.h"
+
 namespace Norv::Agent {
 
 namespace {
@@ -37,29 +39,50 @@ const char* workerName(Status::Worker worker) {
 }
 
 // Follows one named queue: a command that leaves it is on its way to the pending queue, or has been
-// discarded.
+// discarded. The queue is asked by an iterator that starts at the index: for the last entry, and
+// for the first one that has just gone, the queue answers that without walking, however long it is.
 class Kit::QueueWatcher : public CmdConfigGroup::NotifieeConst {
  public:
   QueueWatcher(const Lumo::Ptr<CmdConfigGroup>& group, Kit* kit) : NotifieeConst(group), kit_(kit) {
-    for (auto entry = group->cmdBatchIteratorConst(); entry; ++entry) onCmdBatch(entry.key());
+    for (auto entry = group->cmdBatchIteratorConst(); entry; ++entry) {
+      enter(entry.key(), tracked(entry.cmdBatch()));
+    }
   }
 
   using CmdConfigGroup::NotifieeConst::onCmdBatch;
   void onCmdBatch(U32 index) override {
-    if (notifier()->cmdBatchHas(index)) {
-      const TrackedEntry* entry = tracked(notifier()->cmdBatch(index));
-      if (entry) ids_[index] = entry->id();
-      maximum_ = std::max<U64>(maximum_, notifier()->cmdBatchs());
-      return;
-    }
-    if (const auto left = ids_.extract(index); !left.empty()) {
-      kit_->ledger_->announced(left.mapped(), notifier()->name());
-      if (!kit_->moving()) kit_->ledger_->discarded(left.mapped());
+    const auto entry = notifier()->cmdBatchIteratorConst(index);
+    if (entry && entry.key() == index) {
+      enter(index, tracked(entry.cmdBatch()));
+    } else if (const auto left = ids_.extract(index); !left.empty()) {
+      leave(left.mapped());
     }
   }
   U64 maximum() const { return maximum_; }
 
  private:
+  // What stands under the index now, null for a command that is not tracked.
+  void enter(U32 index, const TrackedEntry* entry) {
+    maximum_ = std::max<U64>(maximum_, notifier()->cmdBatchs());
+    const auto known = ids_.find(index);
+    if (known == ids_.end()) {
+      if (entry) ids_.emplace(index, entry->id());
+      return;
+    }
+    if (entry && entry->id() == known->second) return;
+    const U64 replaced = known->second;
+    if (entry) {
+      known->second = entry->id();
+    } else {
+      ids_.erase(known);
+    }
+    leave(replaced);
+  }
+  void leave(U64 id) {
+    kit_->ledger_->announced(id, notifier()->name());
+    if (!kit_->moving()) kit_->ledger_->discarded(id);
+  }
+
   Kit* const kit_;
   std::unordered_map<U32, U64> ids_;  // index to id, of the tracked commands in the queue
   U64 maximum_ = 0;
@@ -97,6 +120,7 @@ Kit::Kit(const Lumo::Ptr<GrpcGlobalCmdConfig>& config, const Lumo::Ptr<CmdGroup>
       ledger_(std::make_shared<Ledger>(std::move(now))),
       configWatcher_(Lumo::allocate<ConfigWatcher>(config, this)),
       statusWatcher_(Lumo::allocate<StatusWatcher>(status, this)) {
+  followRpcFailures();
   for (auto group = config->cmdConfigGroupIteratorConst(); group; ++group) follow(group.key());
 }
 
@@ -167,9 +191,11 @@ void Kit::onFlag() {
   const Time now = ledger_->now();
   const bool commandFailed = ledger_->onWorker() && trackedFailed();
   const std::string text = failureText_ ? failureText_() : std::string();
+  RpcFailure failure = takeRpcFailure().value_or(RpcFailure{0, "the RPC failed"});
+  if (failureText_) failure.text = text;
   std::string request;
   if (recorder_ && commandFailed) request = ledger_->oldestOpenRequest(largestRequestShown);
-  ledger_->flagRose(commandFailed, failureText_ ? text : "the RPC failed");
+  ledger_->flagRose(commandFailed, failure.text, failure.code);
   if (recorder_) {
     if (commandFailed) {
       recorder_->freeze(ledger_->lastFailure(), text, request);

@@ -122,7 +122,7 @@ std::optional<U64> Ledger::takenBefore(std::optional<U64> firstPending) {
   return last;
 }
 
-void Ledger::flagRose(bool commandFailed, const std::string& text) {
+void Ledger::flagRose(bool commandFailed, const std::string& text, int rpcCode) {
   Lumo::LockAnchor inOrder(&publishing_);
   Reports ended;
   {
@@ -130,6 +130,7 @@ void Ledger::flagRose(bool commandFailed, const std::string& text) {
     stopped_ = true;
     if (commandFailed && !open_.empty()) {
       open_.begin()->second.errorText = text;
+      open_.begin()->second.rpcCode = rpcCode;
       endOldest(Outcome::failed, ended);
     }
   }

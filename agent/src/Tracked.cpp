@@ -23,10 +23,8 @@ std::string jsonOf(const google::protobuf::Message* message, std::size_t mostByt
   if (!message) return "the command has none any more";
   const std::size_t bytes = message->ByteSizeLong();
   if (bytes > mostBytes) return "too large to be shown: " + std::to_string(bytes) + " bytes";
-  google::protobuf::util::JsonPrintOptions options;
-  options.preserve_proto_field_names = true;
   std::string json;
-  const auto status = google::protobuf::util::MessageToJsonString(*message, &json, options);
+  const auto status = google::protobuf::util::MessageToJsonString(*message, &json);
   return status.ok() ? json : "not to be shown as JSON: " + status.ToString();
 }
 

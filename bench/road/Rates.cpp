@@ -5,12 +5,10 @@
 // waiting command. Usage: road_rates [ROUNDS [COMMANDS [LONG QUEUE]]].
 
 #include <malloc.h>
-#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
@@ -152,23 +150,6 @@ void memory() {
 
 U64 argument(int argc, char** argv, int index, U64 fallback) {
   return argc > index ? std::strtoull(argv[index], nullptr, 10) : fallback;
-}
-
-// The server in a process of its own, so that its CPU time is not counted. Returns its port.
-U16 startServer() {
-  int ends[2];
-  if (pipe(ends) != 0) std::abort();
-  const pid_t parent = getpid();
-  if (fork() == 0) {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (getppid() != parent) _exit(1);
-    const Server server;
-    if (write(ends[1], &server.port, sizeof server.port) < 0) _exit(1);
-    for (;;) pause();
-  }
-  int port = 0;
-  if (read(ends[0], &port, sizeof port) != sizeof port) std::abort();
-  return static_cast<U16>(port);
 }
 
 }  // namespace

@@ -360,7 +360,7 @@ TEST_F(KitRecorder, FindsTheReasonItselfWhereTheAgentHasNone) {
   failOneCommand();
   EXPECT_EQ(details()["reason"], "Failure to process response: error_code: 14 error_message: gone");
   EXPECT_EQ(details()["grpc_code"], 14);
-  EXPECT_EQ(kit.ledger()->lastFailure()->errorText, "the RPC failed");
+  EXPECT_EQ(kit.ledger()->lastFailure()->errorText, "gone");
 }
 
 TEST_F(KitRecorder, AFlagThatTheAgentRaisesItselfIsNoCommands) {

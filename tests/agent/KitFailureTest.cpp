@@ -1,5 +1,8 @@
 // What the kit makes of a failed RPC: the account, and the policy.
 
+#include <Lumo/Trace.h>
+#include <Lumo/TraceRecorder.h>
+
 #include "KitFixture.h"
 
 namespace {
@@ -32,6 +35,22 @@ TEST_F(KitFailure, IsTheOutcomeOfTheOneUnderWay) {
   EXPECT_THAT(ends(), ElementsAre(Pair(1, Outcome::failed)));
   EXPECT_EQ(told->reports[0].errorText, "as the daemon said");
   EXPECT_TRUE(kit.stopped());
+}
+
+TEST_F(KitFailure, HasTheStatusOfTheRpc) {
+  kit.failureTextIs(nullptr);
+  failTheFirstOf(1);
+  EXPECT_EQ(told->reports[0].rpcCode, 14);
+  EXPECT_EQ(told->reports[0].errorText, "gone");
+}
+
+TEST_F(KitFailure, LeavesTheTraceToWhoeverReadIt) {
+  Lumo::traceLevelIs("GrpcClient", 0, true);
+  Lumo::TraceRecorder recorder;
+  const Norv::Agent::Kit another(agent.config, agent.pending, agent.status);
+  failTheFirstOf(1);
+  EXPECT_THAT(recorder.texts(),
+              testing::Contains("Failure to process response: error_code: 14 error_message: gone"));
 }
 
 TEST_F(KitFailure, ShowsInTheStatus) {

@@ -49,6 +49,11 @@ const char* workerName(Status::Worker worker);
 // Everything here is for the main thread, with the activity lock held, and a kit is made on it. The
 // worker tells the kit of failures without it, so the kit must stay while a command is under way.
 //
+// The library tells the status of a failed RPC to its trace only. So the kit puts a sink of its own
+// before that of the text trace and turns level 0 of GrpcClient on; what there was gets its lines as
+// before. An agent with a sink or a trace setting of its own sets it first: where it replaces the
+// kit's, reports of failures have no status.
+//
 // What the kit cannot see:
 // - When the worker is done with a command whose reply does not decode, unless it lets go of the
 //   last reference. If its producer keeps one, the command counts as under way until the next one
@@ -74,8 +79,7 @@ class Kit {
   void managerIs(const Lumo::Ptr<ConnectionsMgr>& manager);
   void failurePolicyIs(const FailurePolicy& policy) { policy_ = policy; }
   // Asked on the worker when the flag rises, for the text that goes into the failed command's
-  // report: the library itself tells it to its trace only. Without it a flight recorder finds the
-  // text in the trace. Set before the manager is made.
+  // report, instead of the status text of the RPC. Set before the manager is made.
   void failureTextIs(std::function<std::string()> text) { failureText_ = std::move(text); }
 
   // Keeps the last trace records in a file of `size` bytes and freezes them, with what is known of

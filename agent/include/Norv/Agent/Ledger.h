@@ -37,7 +37,8 @@ struct CommandReport {
   Outcome outcome = Outcome::dropped;
   U64 queueDepth = 0;     // commands of its queue still open when it ended
   int errorCode = 0;      // of a refusal
-  std::string errorText;  // of a refusal; of a failure, what is known about it
+  int rpcCode = 0;        // of a failure: its gRPC status code; 0: not known
+  std::string errorText;  // of a refusal; of a failure, its status text or what is known about it
 };
 
 // Accounts for every tracked command, from what can be seen from outside the library: responses,
@@ -71,7 +72,7 @@ class Ledger {
 
   // The error flag has risen as the oldest open command failed, or (not commandFailed) otherwise.
   // Until flagCleared, what is released unanswered was dropped.
-  void flagRose(bool commandFailed, const std::string& text);
+  void flagRose(bool commandFailed, const std::string& text, int rpcCode = 0);
   void flagCleared();
   // The worker holds the command as the flag is about to be cleared. Usually it has seen the flag,
   // and lets the command go unsent; should it only look now, the command is sent after all.

@@ -1,0 +1,76 @@
+#include "RpcFailures.h"
+
+#include <unistd.h>
+
+#include <charconv>
+#include <mutex>
+#include <utility>
+
+#include <Lumo/Trace.h>
+#include <Norv/ClientTrace.h>
+
+namespace Norv::Agent {
+
+namespace {
+
+constexpr const char* client = "GrpcClient";
+
+thread_local std::optional<RpcFailure> lastOfThisThread;
+
+// "... error_code: 14 error_message: Socket closed"
+std::optional<RpcFailure> parse(std::string_view text) {
+  constexpr std::string_view codeMark = "error_code: ";
+  constexpr std::string_view textMark = " error_message: ";
+  const std::size_t code = text.find(codeMark);
+  const std::size_t message = text.find(textMark);
+  if (code == std::string_view::npos || message == std::string_view::npos) return std::nullopt;
+  RpcFailure failure;
+  std::from_chars(text.data() + code + codeMark.size(), text.data() + message, failure.code);
+  failure.text = text.substr(message + textMark.size());
+  return failure;
+}
+
+class FailureSink : public Lumo::TraceSink {
+ public:
+  FailureSink()
+      : previous_(Lumo::traceSink()), wanted_(Lumo::TraceFacility::levelEnabled({client, 0})) {
+    Lumo::traceLevelIs(client, 0, true);
+  }
+
+  void lineIs(const Lumo::TraceLine& line) override {
+    const bool failure = line.level == 0 && line.facility == client;
+    if (failure) lastOfThisThread = parse(line.text);
+    if (failure && !wanted_) return;
+    if (previous_) {
+      previous_->lineIs(line);
+      return;
+    }
+    std::string out;
+    Lumo::appendTraceLine(out, line);
+    [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, out.data(), out.size());
+  }
+
+ private:
+  Lumo::TraceSink* const previous_;
+  const bool wanted_;  // by whoever reads the trace
+};
+
+}  // namespace
+
+void followRpcFailures() {
+  static std::mutex once;
+  static FailureSink* sink = nullptr;  // stays: the worker may be inside as the process ends
+  const std::lock_guard guard(once);
+  if (sink && Lumo::traceSink() == sink) {
+    Lumo::traceLevelIs(client, 0, true);
+    return;
+  }
+  sink = new FailureSink();
+  Lumo::traceSinkIs(sink);
+}
+
+std::optional<RpcFailure> takeRpcFailure() {
+  return std::exchange(lastOfThisThread, std::nullopt);
+}
+
+}  // namespace Norv::Agent
