@@ -3,6 +3,17 @@
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
+# Whoever links these compiles as they were.
+foreach(library lumo bessgrpc norv agent)
+  target_compile_features(${library} PUBLIC cxx_std_20)
+endforeach()
+
+# Installed programs and libraries find each other wherever the prefix is moved.
+file(RELATIVE_PATH NORV_BIN_TO_LIB /${CMAKE_INSTALL_BINDIR} /${CMAKE_INSTALL_LIBDIR})
+set_target_properties(norvctl bessd-standin skein PROPERTIES
+  INSTALL_RPATH "$ORIGIN/${NORV_BIN_TO_LIB}")
+set_target_properties(lumo bessgrpc norv PROPERTIES INSTALL_RPATH "$ORIGIN")
+
 install(TARGETS lumo bessgrpc norv agent EXPORT norvTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})

@@ -166,7 +166,9 @@ class Result:
         self._check()
 
     def _check(self):
-        equal(list(self.summary), ["sent"] + OUTCOMES + ["seconds", "rate"])
+        keys = ["sent"] + OUTCOMES + ["seconds", "rate", "ended", "target"]
+        equal([key for key in self.summary if key != "failure"], keys)
+        equal("failure" in self.summary, self.summary["failed"] != 0, self.finished)
         for outcome in OUTCOMES:
             equal(self.summary[outcome], self.outcomes().count(outcome), self.finished)
         sent = len(self.commands) - self.summary["dropped"]

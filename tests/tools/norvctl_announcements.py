@@ -48,7 +48,8 @@ def test_a_queue_announced_and_filled_again_is_announced_at_the_end():
 
 
 def test_announcing_an_empty_queue_sends_nothing():
-    equal(sent(announce("a"), command("pauseAll", "b"), announce("c")), ["pauseAll"])
+    calls = sent(announce("a"), command("pauseAll", "b"), announce("b"), announce("b"), command("resetAll", "a"))
+    equal(calls, ["pauseAll", "resetAll"])
 
 
 def test_the_queue_is_main_unless_told():
@@ -60,10 +61,20 @@ def test_request_may_be_left_out():
     equal(sent({"type": "getVersion"}), ["getVersion"])
 
 
-def test_other_keys_are_ignored():
+def test_keys_of_a_recording_are_left_unread():
     line = command("getVersion")
-    line.update(situation="a remark", status={"code": 14}, response={"version": 3}, seq="x")
+    line.update(situation="a remark", status={"code": 14}, response={"version": 3})
+    line.update(response_raw="?", time="soon")
     equal(sent(line), ["getVersion"])
+
+
+def test_many_queues_in_turns():
+    """Batches of several queues, whose lines lie between each other's."""
+    lines = []
+    for _ in range(50):
+        lines += [command("pauseAll", "a"), command("resetAll", "b"), command("resumeAll", "a")]
+        lines += ["", announce("b"), announce("a")]
+    equal(sent(*lines), ["resetAll", "pauseAll", "resumeAll"] * 50)
 
 
 def test_blank_lines_and_line_ends_of_other_systems():

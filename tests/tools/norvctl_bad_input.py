@@ -123,8 +123,83 @@ def test_one_bad_file_of_two():
     refuse(["run", good, bad], bad + ":1:")
 
 
-def test_standard_input():
-    refuse(["run", "-"], "standard input:2:", input=GOOD + "\nx\n")
+def test_standard_input_is_sent_up_to_the_bad_line():
+    daemon = ScriptedDaemon()
+    finished = norvctl("run", *daemon.address, "-", input=GOOD + "\nx\n" + GOOD + "\n")
+    equal(finished.status, 1, finished)
+    assert "standard input:2:" in finished.err and "1 commands before it were sent" in finished.err
+    equal(daemon.calls(), ["getVersion"])
+
+
+def test_a_file_as_a_stream_is_sent_up_to_the_bad_line():
+    daemon = ScriptedDaemon()
+    file = write_file(GOOD, GOOD, "x", GOOD)
+    finished = norvctl("run", "--stream", *daemon.address, file)
+    equal(finished.status, 1, finished)
+    assert file + ":3:" in finished.err, finished
+    equal(daemon.calls(), ["getVersion"] * 2)
+
+
+def test_unknown_key():
+    refuse_line('{"type":"destroyPort","reqest":{"name":"a"}}', ":3:23:", 'unknown key "reqest"', '"request"')
+    refuse_line('{"type":"getVersion","seq":1}', 'unknown key "seq"')
+    refuse_line('{"announce":"main","situation":""}', "no other key")
+
+
+def test_key_given_twice():
+    refuse_line('{"type":"getVersion","type":"resetAll"}', ":3:22:", 'key "type" comes twice')
+    refuse_line('{"type":"createPort","request":{"name":"a","name":"b"}}', '"name" comes twice')
+
+
+def test_nul():
+    refuse_line('{"type":"getVersion"}\0{"type":"killBess"}', ":3:22:", "NUL")
+    refuse_line('{"type":"getVersion","queue":"a\\u0000b"}', '"queue"', "NUL")
+    refuse_line('{"announce":"a\\u0000b"}', '"announce"', "NUL")
+
+
+def test_announcement_of_a_queue_that_never_gets_a_command():
+    refuse_line('{"announce":"man"}', "this queue is announced and never gets a command")
+
+
+def test_announcement_of_a_queue_that_never_gets_a_command_in_a_stream():
+    daemon = ScriptedDaemon()
+    finished = norvctl("run", *daemon.address, "-", input=GOOD + '\n{"announce":"man"}\n')
+    equal(finished.status, 1, finished)
+    assert "standard input:2: this queue is announced" in finished.err, finished
+    equal(daemon.calls(), ["getVersion"])
+
+
+def test_raw_request_that_is_none():
+    refuse_line('{"type":"destroyPort","request_raw":"?"}', "no base64")
+    refuse_line('{"type":"destroyPort","request_raw":"CgA"}', "no base64")
+    refuse_line('{"type":"destroyPort","request_raw":"Cn8="}', "no DestroyPortRequest")
+
+
+def test_standard_input_that_is_closed():
+    read_end, write_end = harness.os.pipe()
+    harness.os.close(write_end)
+    finished = harness.subprocess.run(
+        ["sh", "-c", f"{harness.NORVCTL} run --standin - <&-"],
+        capture_output=True, text=True, timeout=harness.PATIENCE,
+    )
+    harness.os.close(read_end)
+    equal(finished.returncode, 1, finished)
+    assert "standard input: " in finished.stderr, finished
+
+
+def test_host_beside_the_standin():
+    file = write_file(GOOD)
+    for option in (["--host", "a"], ["--port", "1"]):
+        finished = norvctl("run", "--standin", *option, file)
+        equal(finished.status, 1, finished)
+        assert "excludes" in finished.err, finished
+
+
+def test_port_of_the_environment():
+    harness.os.environ["NORV_PORT"] = "many"
+    finished = norvctl("call", "getVersion")
+    equal(finished.status, 1, finished)
+    assert "NORV_PORT" in finished.err and "'many'" in finished.err, finished
 
 
 def test_missing_file():
@@ -144,8 +219,9 @@ def test_call_with_unknown_field():
     refuse(["call", "createPort", '{"nme":"a"}'], "nme", "norvctl template createPort")
 
 
-def test_call_of_get_port_conf():
-    refuse(["call", "getPortConf"], "ends the process", "--allow-abort")
+def test_recording_into_an_input():
+    file = write_file(GOOD)
+    refuse(["run", "--record", file, file], "one of the files to run")
 
 
 def test_template_of_unknown_type():

@@ -48,7 +48,8 @@ def test_call_refused():
 def test_call_of_a_refusal_names_the_error():
     finished = norvctl("call", "--standin", "getPortStats", '{"name":"lost"}')
     equal(finished.status, 2)
-    assert "ENOENT" in finished.out and "lost" in finished.out, finished
+    assert "refused: ENOENT: " in finished.err and "lost" in finished.err, finished
+    equal(json.loads(finished.out)["error"]["code"], 2)
 
 
 def test_get_port_conf_if_insisted_on_ends_the_tool():

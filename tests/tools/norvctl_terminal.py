@@ -1,49 +1,12 @@
 """What a person sees in a terminal: colours, the bar while a run takes long, the numbers at the end."""
 
 import os
-import pty
 import re
-import select
 import signal
-import subprocess
-import time
 
 import harness
-from harness import ScriptedDaemon, command, equal, norvctl, write_file
-
-
-class Terminal:
-    """norvctl with a terminal as its output and its errors."""
-
-    def __init__(self, *arguments):
-        self.end, other = pty.openpty()
-        self.popen = subprocess.Popen(
-            [harness.NORVCTL, *arguments], stdin=subprocess.DEVNULL, stdout=other, stderr=other
-        )
-        os.close(other)
-        self.text = ""
-
-    def _read(self, until):
-        """Takes in what there is; false when the program has closed its side."""
-        assert select.select([self.end], [], [], max(0, until - time.monotonic()))[0], self.text
-        try:
-            data = os.read(self.end, 65536)
-        except OSError:  # how a terminal says that nobody holds its other side
-            return False
-        self.text += data.decode()
-        return bool(data)
-
-    def wait_for(self, pattern):
-        until = time.monotonic() + harness.PATIENCE
-        while not re.search(pattern, self.text):
-            assert self._read(until), f"ended without {pattern!r}:\n{self.text!r}"
-
-    def finish(self):
-        until = time.monotonic() + harness.PATIENCE
-        while self._read(until):
-            pass
-        os.close(self.end)
-        return self.popen.wait(max(0.1, until - time.monotonic()))
+from harness import ScriptedDaemon, Standin, command, equal, norvctl, write_file
+from terminal import Terminal
 
 
 def mixed():
@@ -77,6 +40,42 @@ def test_a_bar_while_it_takes_long():
     equal(terminal.finish(), 130)
     # The bar is wiped before the next line is written.
     assert re.search(r"\r\x1b\[K +2 ", terminal.text), repr(terminal.text)
+
+
+def test_the_bar_fits_a_narrow_terminal():
+    daemon = ScriptedDaemon("ok", "hold")
+    terminal = Terminal("run", *daemon.address, write_file(*[command("getVersion")] * 4), columns=30)
+    terminal.wait_for(r"1/4  \d+/s")
+    terminal.popen.send_signal(signal.SIGINT)
+    equal(terminal.finish(), 130)
+    bars = re.findall(r"\r([^\r\n]*1/4 [^\r\n\x1b]*)", terminal.text)
+    assert bars and all(len(bar) < 30 for bar in bars), bars
+
+
+def test_no_colour_if_the_environment_says_so():
+    os.environ["NO_COLOR"] = "1"
+    daemon, file = mixed()
+    terminal = Terminal("run", *daemon.address, file)
+    equal(terminal.finish(), 3)
+    assert not re.search(r"\x1b\[3\dm", terminal.text), repr(terminal.text)
+
+
+def test_what_is_down_is_coloured():
+    standin = Standin()
+    equal(norvctl("call", *standin.address, "addWorker", '{"wid":"0"}').status, 0)
+    terminal = Terminal("show", *standin.address, "workers")
+    equal(terminal.finish(), 0)
+    assert re.search(r"\x1b\[33mpaused\x1b\[0m", terminal.text), repr(terminal.text)
+
+
+def test_watch_refreshes_in_place_and_leaves_a_last_table():
+    standin = Standin()
+    equal(norvctl("call", *standin.address, "addWorker", '{"wid":"0"}').status, 0)
+    terminal = Terminal("watch", *standin.address, "--interval", "0.05")
+    terminal.wait_for(r"\x1b\[\d+A.*ports at")
+    terminal.popen.send_signal(signal.SIGINT)
+    equal(terminal.finish(), 130)
+    assert terminal.text.endswith("\x1b[J"), repr(terminal.text[-200:])
 
 
 def test_median_and_percentile_are_of_the_latencies_shown():

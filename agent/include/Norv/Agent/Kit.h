@@ -50,9 +50,9 @@ const char* workerName(Status::Worker worker);
 // worker tells the kit of failures without it, so the kit must stay while a command is under way.
 //
 // The library tells the status of a failed RPC to its trace only. So the kit puts a sink of its own
-// before that of the text trace and turns level 0 of GrpcClient on; what there was gets its lines as
-// before. An agent with a sink or a trace setting of its own sets it first: where it replaces the
-// kit's, reports of failures have no status.
+// before that of the text trace and turns level 0 of GrpcClient on; what there was gets its lines
+// as before. An agent with a sink or a trace setting of its own sets it first: where it replaces
+// the kit's, reports of failures have no status.
 //
 // What the kit cannot see:
 // - When the worker is done with a command whose reply does not decode, unless it lets go of the

@@ -23,18 +23,22 @@ const std::vector<RequestInfo>& requestInfos();  // by number
 
 // Null when there is no such request.
 const RequestInfo* requestInfo(std::string_view name);
-// The request whose name is spelled most like `name`.
-const RequestInfo& nearestRequest(std::string_view name);
+std::vector<std::string> requestNames();
 // What to say about a name that is no request's.
 std::string unknownType(std::string_view name);
 
-// An empty request message of the type.
+// An empty message of the type.
 std::unique_ptr<google::protobuf::Message> newRequest(Norv::GrpcRequestType type);
+std::unique_ptr<google::protobuf::Message> newResponse(Norv::GrpcRequestType type);
 // Fills `message` from proto3 JSON; the empty text on success, else what is wrong with it.
 std::string parseRequest(const std::string& json, google::protobuf::Message* message);
-// A body with every field of the request present, to be filled in.
-std::string requestTemplate(Norv::GrpcRequestType type);
-// One line of proto3 JSON; where an Any in it cannot be shown, a JSON string with a rendering.
-std::string messageJson(const google::protobuf::Message& message);
+// What to say about a body that is no request, with advice where its fields are shown.
+std::string badRequest(const RequestInfo& info, const std::string& body, const std::string& error);
+
+// One line of proto3 JSON; where an Any in it cannot be shown, its type and its bytes in base64.
+std::string messageJson(const google::protobuf::Message& message, bool emitDefaults = false);
+// The same for a person: indented JSON, or YAML.
+std::string indentedJson(const google::protobuf::Message& message, bool emitDefaults = false);
+std::string messageYaml(const google::protobuf::Message& message, bool emitDefaults = false);
 
 }  // namespace Norvctl

@@ -2,10 +2,9 @@
 
 #include <google/protobuf/message.h>
 
-#include <istream>
 #include <memory>
 #include <string>
-#include <vector>
+#include <string_view>
 
 #include <Norv/GrpcRequestType.h>
 
@@ -14,26 +13,32 @@ namespace Norvctl {
 // One line of a command file: a command for a queue, or the announcement of a queue.
 struct Step {
   std::string queue;
+  bool queueGiven = false;                     // or it is the usual one
   Norv::GrpcRequestType type = Norv::unknown;  // unknown: an announcement
   std::unique_ptr<google::protobuf::Message> request;
   std::size_t line = 0;
+  std::size_t bytes = 0;  // of the line
 
   bool announcement() const { return type == Norv::unknown; }
 };
 
-struct CommandFileOptions {
+// What is wrong with a line; column 0 when the place in the line is not known.
+struct Complaint {
+  std::size_t column;
+  std::string reason;
+};
+
+struct CommandLineOptions {
   // Lets getPortConf through, which ends the process.
   bool allowAbort = false;
+  // Leaves the request unread, and `request` null.
+  bool withoutRequest = false;
 };
 
-// The steps of JSON lines, and what is wrong with the lines that are none, each complaint as
-// "FILE:LINE:COLUMN: reason". Blank lines are passed over.
-struct CommandFile {
-  std::vector<Step> steps;
-  std::vector<std::string> complaints;
-
-  void read(std::istream& in, const std::string& fileName, const CommandFileOptions& options);
-};
+// Whether there is nothing but white space.
+bool blankLine(std::string_view line);
+// The step of a line that is not blank; throws Complaint. docs/command-files.md has the grammar.
+Step parseCommandLine(const std::string& line, const CommandLineOptions& options);
 
 // Why a getPortConf command is not sent.
 extern const char* const getPortConfReason;

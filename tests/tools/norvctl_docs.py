@@ -1,0 +1,109 @@
+"""Every command line of norvctl that README.md and the manual pages show can be typed as it stands."""
+
+import os
+import re
+import signal
+import subprocess
+import tempfile
+
+import harness
+from harness import Standin, equal, norvctl
+
+PROGRAMS = os.path.dirname(harness.NORVCTL)
+
+
+def readme_lines():
+    with open(harness.SOURCES + "/README.md") as file:
+        lines = [line.rstrip("\n") for line in file]
+    for line in lines:
+        if re.match(r"    (build/bin/norvctl|norvctl|.*\| norvctl) ", line):
+            yield line.strip().replace("build/bin/norvctl", "norvctl")
+
+
+def page_lines():
+    verbs = re.findall(r"norvctl\\-(\w+)\(1\)", norvctl("man").out)
+    assert len(verbs) > 10, verbs
+    for verb in verbs:
+        examples = norvctl("man", verb).out.split(".SH EXAMPLES\n")[1].split(".SH ")[0]
+        for bold in re.findall(r"^\\fB(.*)\\fR$", examples, re.M):
+            yield bold.replace("\\-", "-").replace("\\(aq", "'").replace("\\e", "\\")
+
+
+class Place:
+    """A folder with the files that the lines name, and a daemon with the names that they name."""
+
+    def __init__(self):
+        self.folder = tempfile.mkdtemp(dir=os.getcwd())
+        os.symlink(harness.SOURCES + "/examples", self.folder + "/examples")
+        self.write("commands.jsonl", '{"type":"getVersion"}\n')
+        self.write("talk.jsonl", '{"type":"getVersion","request":{},"response":{"version":"1"},"status":{"code":0,"message":""}}\n')
+        os.mkdir(self.folder + "/.zfunc")
+        self.standin = Standin()
+        self.environment = {
+            **os.environ,
+            "PATH": PROGRAMS + ":" + os.environ["PATH"],
+            "HOME": self.folder,
+            "NORV_HOST": "127.0.0.1",
+            "NORV_PORT": self.standin.port,
+            "MANPAGER": "cat",
+        }
+
+    def write(self, name, text):
+        with open(os.path.join(self.folder, name), "w") as file:
+            file.write(text)
+
+    def type(self, line):
+        """Runs the line; one that does not end by itself is interrupted after its first output."""
+        line = re.sub(r"\bswitch\d\b", "127.0.0.1", line)
+        process = subprocess.Popen(
+            ["bash", "-c", line],
+            cwd=self.folder,
+            env=self.environment,
+            stdin=subprocess.DEVNULL,
+            stdout=subprocess.PIPE,
+            stderr=subprocess.PIPE,
+            text=True,
+            start_new_session=True,
+        )
+        try:
+            out, err = process.communicate(timeout=3)
+            return process.returncode, out, err
+        except subprocess.TimeoutExpired:
+            os.killpg(process.pid, signal.SIGINT)
+            out, err = process.communicate(timeout=harness.PATIENCE)
+            return 130, out, err
+
+
+def check(lines):
+    place = Place()
+    lines = list(lines)
+    for line in lines:
+        status, out, err = place.type(line)
+        # 2: a refusal, which some examples show.
+        assert status in (0, 2, 130), (line, status, out, err)
+        assert "norvctl: " not in err or status == 2, (line, status, out, err)
+    print(len(lines), "lines")
+    return lines
+
+
+def test_lines_of_the_readme():
+    assert len(check(readme_lines())) >= 5
+
+
+def test_lines_of_the_manual():
+    assert len(check(page_lines())) >= 25
+
+
+def test_every_option_of_the_readme_is_there():
+    with open(harness.SOURCES + "/README.md") as file:
+        text = file.read()
+    known = "".join(norvctl("man", verb).out for verb in re.findall(r"norvctl\\-(\w+)\(1\)", norvctl("man").out))
+    known = known.replace("\\-", "-") + norvctl("man").out.replace("\\-", "-")
+    for line in text.splitlines():
+        if "norvctl" not in line:
+            continue
+        for option in re.findall(r"(?<![\w-])--[a-z][a-z-]+", line):
+            assert option in known or "cmake" in line, (option, line)
+
+
+harness.main()

@@ -1,0 +1,208 @@
+"""Looking at a switch: show, watch, doctor."""
+
+import json
+import os
+import re
+import shutil
+import signal
+
+import harness
+from harness import NORVCTL, Process, ScriptedDaemon, Standin, command, equal, free_port, norvctl, run, write_file
+
+FIRST_LIGHT = harness.SOURCES + "/examples/first-light.jsonl"
+
+
+def switch():
+    """A stand-in with the first light's pipeline, as it is before the last lines take it down."""
+    with open(FIRST_LIGHT) as file:
+        lines = [line for line in file.read().splitlines() if '"announce":"scheduler"' not in line]
+    lines = [line for line in lines if not ('"scheduler"' in line and '"resetAll"' in line)]
+    standin = Standin()
+    finished = norvctl("run", *standin.address, "--quiet", write_file(*lines, name="first-light.jsonl"))
+    assert finished.status in (0, 2), finished
+    return standin
+
+
+def show(standin, *arguments):
+    finished = norvctl("show", *standin.address, *arguments)
+    equal(finished.status, 0, finished)
+    return finished.out
+
+
+def live(standin, type, key):
+    return json.loads(norvctl("call", *standin.address, type).out)[key]
+
+
+def test_every_table():
+    standin = switch()
+    for what, title in (
+        ("ports", "port"),
+        ("modules", "module"),
+        ("tcs", "traffic class"),
+        ("workers", "worker"),
+        ("drivers", "driver"),
+        ("classes", "class"),
+    ):
+        rows = show(standin, what).splitlines()
+        assert rows[0].split("  ")[0].strip().startswith(title), rows
+        assert len(rows) > 1, rows
+        things = json.loads(show(standin, what, "--json"))
+        equal(len(things), len(rows) - 1, what)
+
+
+def test_tables_have_what_the_daemon_lists():
+    standin = switch()
+    names = {one["name"] for one in live(standin, "listModules", "modules")}
+    rows = show(standin, "modules").splitlines()[1:]
+    equal({row.split()[0] for row in rows}, names)
+    names = {one["name"] for one in live(standin, "listPorts", "ports")}
+    equal({row.split()[0] for row in show(standin, "ports").splitlines()[1:]}, names)
+
+
+def test_columns_are_aligned():
+    rows = show(switch(), "modules").splitlines()
+    column = rows[0].index("class")
+    for row in rows[1:]:
+        assert row[column - 1] == " " and row[column] != " ", rows
+
+
+def test_an_empty_switch():
+    finished = norvctl("show", "--standin")
+    equal((finished.status, finished.out), (0, "there are no modules\n"))
+    finished = norvctl("show", "--standin", "ports")
+    equal((finished.status, finished.out, finished.err), (0, "", "there are no ports\n"))
+
+
+def test_the_pipeline():
+    standin = switch()
+    text = show(standin)
+    modules = json.loads(show(standin, "pipeline", "--json"))["modules"]
+    connections = sum(len(one["ogates"]) for one in modules)
+    assert connections > 0
+    equal(len(re.findall(r"^  [├└]─\d+─> \d+:\S+", text, re.M)), connections, text)
+    dot = show(standin, "pipeline", "--dot")
+    equal(dot.count(" -> "), connections, dot)
+    assert dot.startswith("digraph") and dot.endswith("}\n"), dot
+
+
+def test_the_pipeline_as_a_picture():
+    if not shutil.which("dot"):
+        finished = norvctl("show", "--standin", "--svg")
+        equal(finished.status, 1)
+        assert "graphviz" in finished.err, finished
+        return
+    picture = show(switch(), "pipeline", "--svg")
+    assert "<svg" in picture and "</svg>" in picture, picture
+
+
+def test_names_are_made_safe():
+    standin = Standin()
+    name = "\x1b[2J\"<script>"
+    request = json.dumps({"name": name, "mclass": "Sink"})
+    equal(norvctl("call", *standin.address, "createModule", request).status, 0)
+    for arguments in (["modules"], ["pipeline"], ["pipeline", "--dot"]):
+        text = show(standin, *arguments)
+        assert "\x1b" not in text, text
+    equal(json.loads(show(standin, "modules", "--json"))[0]["name"], name)
+
+
+def test_nobody_listens():
+    for verb in (["show"], ["show", "ports"], ["watch"], ["doctor"], ["call", "getPortConf"]):
+        finished = norvctl(*verb[:1], "--host", "127.0.0.1", "--port", str(free_port()), *verb[1:])
+        equal(finished.status, 3, finished)
+        assert "the connection is refused" in finished.out + finished.err, finished
+
+
+def test_get_port_conf_is_asked_beside_the_library():
+    standin = switch()
+    port = live(standin, "listPorts", "ports")[0]["name"]
+    finished = norvctl("call", *standin.address, "getPortConf", json.dumps({"name": port}))
+    equal(finished.status, 0, finished)
+    assert "mtu" in json.loads(finished.out)["conf"], finished
+    assert "beside the library" in finished.err, finished
+    finished = norvctl("call", *standin.address, "getPortConf", '{"name":"lost"}')
+    equal(finished.status, 2, finished)
+
+
+def test_responses_alone_on_the_output():
+    equal(list(json.loads(norvctl("call", "--standin", "getVersion").out)), ["version"])
+    equal(norvctl("call", "--standin", "--yaml", "getVersion").out.split(":")[0], "version")
+    equal(json.loads(norvctl("call", "--standin", "listPorts").out), {})
+    equal(json.loads(norvctl("call", "--standin", "--emit-defaults", "listPorts").out)["ports"], [])
+
+
+def test_bodies_from_a_file_and_from_standard_input():
+    body = '{"driverName":\n "PMDPort"}'
+    file = write_file(body, name="body.json")
+    for arguments, text in ((["@" + file], None), (["-"], body)):
+        finished = norvctl("call", "--standin", "getDriverInfo", *arguments, input=text)
+        equal(finished.status, 0, finished)
+        equal(json.loads(finished.out)["name"], "PMDPort")
+    finished = norvctl("call", "--standin", "getVersion", "@" + file + ".lost")
+    equal(finished.status, 1)
+    assert "No such file" in finished.err, finished
+
+
+def test_watch_in_a_pipe():
+    standin = switch()
+    for what in ("ports", "tcs", "pipeline"):
+        finished = norvctl("watch", *standin.address, what, "--interval", "0.05", "--count", "2")
+        equal(finished.status, 0, finished)
+        equal(finished.out.count(f"{what} at 127.0.0.1:"), 2, finished)
+        assert "/s" in finished.out and "\x1b" not in finished.out, finished
+        finished = norvctl("watch", *standin.address, what, "--json", "--interval", "0.05", "--count", "3")
+        rows = [json.loads(line) for line in finished.out.splitlines()]
+        equal(len(rows), 3)
+        assert rows[0]["rates"] and rows[0]["time"], rows
+
+
+def test_watch_a_module():
+    standin = switch()
+    modules = json.loads(show(standin, "modules", "--json"))
+    name = next(one["name"] for one in modules if one["ogates"])
+    finished = norvctl("watch", *standin.address, name, "--interval", "0.05", "--count", "1")
+    equal(finished.status, 0, finished)
+    assert "out 0" in finished.out, finished
+    finished = norvctl("watch", *standin.address, name + "x", "--count", "1")
+    equal(finished.status, 1)
+    assert f'the nearest is "{name}"' in finished.err, finished
+
+
+def test_watch_outlives_the_daemon():
+    standin = switch()
+    process = Process(NORVCTL, "watch", *standin.address, "--interval", "0.05")
+    process.wait_for("ports at")
+    standin.signal(signal.SIGKILL)
+    process.wait_for("no answer from")
+    standin.finish()
+    again = Standin(standin.port)
+    seen = len(process.out)
+    process.wait_for("(?s)no answer.*(there is nothing to watch yet|packet/s)")
+    process.signal(signal.SIGINT)
+    equal(process.finish().status, 130)
+
+
+def test_doctor_of_a_daemon_that_fits():
+    finished = norvctl("doctor", "--standin")
+    equal(finished.status, 0, finished)
+    for words in ("all 45 are there, as it describes itself", "round trip", "20 calls: median", "bessd-standin"):
+        assert words in finished.out, finished
+    rows = [json.loads(line) for line in norvctl("doctor", "--standin", "--json").out.splitlines()]
+    equal({row["health"] for row in rows}, {"ok"})
+
+
+def test_doctor_without_reflection():
+    daemon = ScriptedDaemon()
+    finished = norvctl("doctor", *daemon.address)
+    assert "all 45 are there, by calls without effect" in finished.out, finished
+
+
+def test_doctor_of_a_daemon_that_lacks_calls():
+    process = Process(harness.STANDIN, "--listen", "127.0.0.1:0", "--as-recorded")
+    port = process.wait_for(r"listening on 127\.0\.0\.1:(\d+)\n").group(1)
+    finished = norvctl("doctor", "--host", "127.0.0.1", "--port", port)
+    # Its reflection has the calls, though it answers that it does not have them.
+    assert finished.status in (0, 2), finished
+
+
+harness.main()

@@ -1,0 +1,121 @@
+"""Recording what crosses the wire, and replaying it."""
+
+import base64
+import json
+import os
+
+import harness
+from harness import ScriptedDaemon, Standin, command, equal, norvctl, run, write_file
+
+FIRST_LIGHT = harness.SOURCES + "/examples/first-light.jsonl"
+RECORDINGS = os.path.join(harness.SOURCES, "..", "shared", "recordings")
+
+
+def recorded(source, *address):
+    path = write_file(name="recorded.jsonl")
+    run("--record", path, *address, source)
+    return path
+
+
+def lines_of(path):
+    with open(path) as file:
+        return [json.loads(line) for line in file]
+
+
+def test_the_shape_of_a_recording():
+    daemon = ScriptedDaemon("ok", "error=22", "garbage", "status=13")
+    file = write_file(*[command("pauseAll")] * 3, command("createPort", "ports", name="a"), command("pauseAll", "ports"))
+    rows = lines_of(recorded(file, *daemon.address))
+    equal(len(rows), 4, "what was not sent is not recorded")
+    equal([row["status"]["code"] for row in rows], [0, 0, 0, 13])
+    equal(rows[0]["response"], {})
+    equal(rows[1]["response"]["error"]["code"], 22)
+    equal("response" in rows[2], False)
+    equal(rows[3]["request"], {"name": "a"})
+    equal(rows[3]["queue"], "ports")
+    equal(rows[3]["status"]["message"], "as the test told it")
+    assert all(row["time"].endswith("Z") for row in rows), rows
+
+
+def test_a_recording_can_be_run_and_replayed():
+    path = recorded(FIRST_LIGHT, "--standin")
+    equal(len(lines_of(path)), 64)
+    equal(run("--standin", path).summary["ok"], 63)
+    finished = norvctl("replay", "--standin", path)
+    equal(finished.status, 0, finished)
+    assert "64 calls: 64 as recorded, 0 different" in finished.out, finished
+
+
+def test_bytes_that_json_cannot_show():
+    # An argument of a type that nobody knows.
+    raw = base64.b64encode(b"\x0a\x01a\x12\x04Sink\x1a\x15\x0a\x10example.com/lost\x12\x01x").decode()
+    file = write_file({"type": "createModule", "request_raw": raw})
+    rows = lines_of(recorded(file, "--standin"))
+    equal(rows[0]["request_raw"], raw)
+    equal("request" in rows[0], False)
+
+
+def test_differences_are_told():
+    path = write_file(
+        {"type": "getVersion", "request": {}, "response": {"version": "another"}, "status": {"code": 0, "message": ""}},
+        {"type": "listPorts", "request": {}, "response": {"ports": [{"name": "a"}]}, "status": {"code": 0, "message": ""}},
+        {"type": "pauseAll", "request": {}, "status": {"code": 12, "message": ""}},
+        {"type": "resetAll", "request": {}, "status": {"code": 14, "message": "gone"}},
+    )
+    finished = norvctl("replay", "--standin", path)
+    equal(finished.status, 2, finished)
+    assert path + ":2: listPorts" in finished.out, finished
+    assert "response.ports: recorded [" in finished.out and ", now nothing" in finished.out, finished
+    assert path + ":3: pauseAll" in finished.out, finished
+    assert "status: recorded UNIMPLEMENTED, now OK" in finished.out, finished
+    assert "3 calls: 1 as recorded, 2 different; 1 left out" in finished.out, finished
+    rows = [json.loads(line) for line in norvctl("replay", "--json", "--standin", path).out.splitlines()]
+    equal([row.get("line") for row in rows], [2, 3, None])
+    equal(rows[-1]["summary"]["different"], 2)
+
+
+def test_update_takes_the_answers_over():
+    path = write_file(
+        {"type": "getVersion", "request": {}, "response": {"version": "another"}, "status": {"code": 0, "message": ""}},
+        {"type": "pauseAll", "request": {}, "status": {"code": 12, "message": ""}, "situation": "kept"},
+    )
+    equal(norvctl("replay", "--update", "--standin", path).status, 2)
+    rows = lines_of(path)
+    equal(rows[0]["response"]["version"], "another", "what may differ stays")
+    equal(rows[1]["status"], {"code": 0, "message": ""})
+    equal(rows[1]["situation"], "kept")
+    equal(norvctl("replay", "--standin", path).status, 0)
+
+
+def test_a_daemon_that_is_gone_during_a_replay():
+    path = recorded(FIRST_LIGHT, "--standin")
+    finished = norvctl("replay", "--host", "127.0.0.1", "--port", str(harness.free_port()), path)
+    equal(finished.status, 3, finished)
+    assert "the connection is refused" in finished.err, finished
+
+
+def test_a_reply_that_does_not_decode_is_a_difference():
+    path = write_file({"type": "listPorts", "request": {}, "response": {}, "status": {"code": 0, "message": ""}})
+    finished = norvctl("replay", *ScriptedDaemon("garbage").address, path)
+    equal(finished.status, 2)
+    assert "does not decode" in finished.out, finished
+
+
+def test_the_recordings_of_a_daemon():
+    """What the stand-in answers otherwise is known to be little."""
+    if not os.path.isdir(RECORDINGS):
+        harness.skip(f"there are no recordings at {RECORDINGS}")
+    calls = different = 0
+    for name in sorted(os.listdir(RECORDINGS)):
+        if not name.endswith(".jsonl") or "kill" in name:
+            continue
+        finished = norvctl("replay", "--standin", "--json", os.path.join(RECORDINGS, name))
+        assert finished.status in (0, 2), finished
+        summary = json.loads(finished.out.splitlines()[-1])["summary"]
+        calls += summary["calls"]
+        different += summary["different"]
+    print(f"{different} of {calls} replies differ")
+    assert calls > 1000 and different < calls / 10, (different, calls)
+
+
+harness.main()

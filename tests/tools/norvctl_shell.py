@@ -1,0 +1,136 @@
+"""The shell: lines from a pipe, and on a terminal with completion and history."""
+
+import os
+import re
+import signal
+import tempfile
+
+import harness
+from harness import Standin, equal, norvctl
+from terminal import Terminal
+
+
+def shell(text, *arguments):
+    return norvctl("shell", *(arguments or ("--standin",)), input=text)
+
+
+def test_lines_from_a_pipe():
+    finished = shell("getVersion\nshow workers --json\n# a remark\n\ncall listPorts\n")
+    equal(finished.status, 0, finished)
+    assert '"version": "bessd-standin' in finished.out and "[]" in finished.out, finished
+
+
+def test_one_daemon_for_all_lines():
+    finished = shell('createModule {"name": "in", "mclass": "Sink"}\nshow modules\n')
+    equal(finished.status, 0, finished)
+    assert re.search(r"^in +Sink", finished.out, re.M), finished
+
+
+def test_a_body_over_several_lines():
+    finished = shell('createModule {"name": "in",\n  "mclass":\n "Sink"}\nshow modules\n')
+    equal(finished.status, 0, finished)
+    assert re.search(r"^in +Sink", finished.out, re.M), finished
+
+
+def test_the_status_of_the_last_line():
+    equal(shell('destroyModule {"name":"lost"}\n').status, 2)
+    equal(shell('destroyModule {"name":"lost"}\ngetVersion\n').status, 0)
+    equal(shell('destroyModule {"name":"lost"}\nexit\ngetVersion\n').status, 2)
+
+
+def test_errors_are_named():
+    finished = shell('destroyModule {"name":"lost"}\n')
+    assert "refused: ENOENT: " in finished.err, finished
+
+
+def test_what_is_neither_verb_nor_type():
+    finished = shell("getVersin\nshell\n")
+    equal(finished.status, 1)
+    assert 'nearest is "getVersion"' in finished.err and "this is the shell" in finished.err, finished
+
+
+def test_a_lost_daemon_does_not_end_it():
+    standin = Standin()
+    text = "killBess\ncall --timeout 2 getVersion\ndescribe Sink\n"
+    finished = shell(text, *standin.address)
+    equal(finished.status, 0, finished)
+    assert "Sink: module class" in finished.out and "no answer" in finished.err, finished
+
+
+def test_an_abort_does_not_end_it():
+    finished = shell("call --allow-abort getPortConf\ndescribe Sink\n")
+    equal(finished.status, 0, finished)
+    assert "ended by an assertion" in finished.err and "Sink: module class" in finished.out, finished
+
+
+class Session(Terminal):
+    def __init__(self, *arguments):
+        super().__init__("shell", *(arguments or ("--standin",)), input=True)
+        self.wait_for("norvctl [^ ]*> ")
+
+    def type(self, keys):
+        os.write(self.end, keys.encode())
+
+
+def home():
+    folder = tempfile.mkdtemp(dir=os.getcwd())
+    os.environ["XDG_STATE_HOME"] = folder
+    return folder
+
+
+def leave(session):
+    session.type("\x15exit\n")
+    return session.finish()
+
+
+def test_completion_of_verbs_types_and_fields():
+    home()
+    session = Session()
+    session.type("templ\tcreateMod\t\n")
+    session.wait_for(r'"mclass": ""')
+    session.type("templ\tcreateMod\t--cla\tExactM\t\n")
+    session.wait_for("bess.pb.ExactMatchArg")
+    session.type('createModule {"mcl\t":"Sin\t","na\t":"drain"}\n')
+    session.wait_for('"name": "drain"')
+    equal(leave(session), 0)
+
+
+def test_completion_of_live_names():
+    home()
+    standin = Standin()
+    equal(norvctl("call", *standin.address, "createModule", '{"name":"firewall","mclass":"Sink"}').status, 0)
+    session = Session(*standin.address)
+    session.type('getModuleInfo {"name":"fire\t"}\n')
+    session.wait_for('"mclass": "Sink"')
+    equal(leave(session), 0)
+
+
+def test_history_is_kept():
+    folder = home()
+    session = Session()
+    session.type("describe Sink\n")
+    session.wait_for("Sink: module class")
+    equal(leave(session), 0)
+    assert os.path.exists(folder + "/norvctl_history")
+    session = Session()
+    session.type("\x1b[A\x1b[A")
+    session.wait_for("describe Sink")
+    equal(leave(session), 0)
+
+
+def test_interrupting_a_line_and_a_command():
+    home()
+    session = Session()
+    session.type("getVer\x03")
+    session.wait_for("norvctl [^ ]*> ")
+    session.type("describe Sink\n")
+    session.wait_for("Sink: module class")
+    session.type("watch\n")
+    session.wait_for("ports at")
+    session.type("\x03")
+    session.type("describe Merge\n")
+    session.wait_for("Merge: module class")
+    equal(leave(session), 0)
+
+
+harness.main()

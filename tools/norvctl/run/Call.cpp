@@ -1,0 +1,215 @@
+// The verb call.
+
+#include <unistd.h>
+
+#include <fstream>
+#include <iostream>
+#include <sstream>
+
+#include "../Verb.h"
+#include "../look/Direct.h"
+#include "../protocol/Requests.h"
+#include "../text/Terminal.h"
+#include "../text/Text.h"
+#include "Fleet.h"
+#include "RunOptions.h"
+
+namespace Norvctl {
+
+namespace {
+
+using google::protobuf::Message;
+using Norv::Agent::CommandReport;
+
+struct Arguments : RunOptions {
+  std::string type;
+  std::string body = "{}";
+  bool yaml = false;
+  bool emitDefaults = false;
+};
+
+// One command.
+class OneStep : public StepSource {
+ public:
+  explicit OneStep(Step step) : step_(std::move(step)) {}
+  std::optional<Step> next() override { return std::exchange(step_, std::nullopt); }
+  bool bounded() const override { return true; }
+
+ private:
+  std::optional<Step> step_;
+};
+
+// Keeps how the one command ended, and tells while it is waited for.
+class OneReport : public SessionListener {
+ public:
+  explicit OneReport(const Target& target) : noAnswer_(target.host(), target.port(), false) {}
+  void ended(const CommandReport& report, const Entry& entry) override {
+    report_ = report;
+    if (!entry.response) return;
+    response_.reset(entry.response->New());
+    response_->CopyFrom(*entry.response);
+  }
+  bool told() override { return true; }
+  bool wantsUnread() const override { return false; }
+  void progress(const Norv::Agent::Kit& kit) override {
+    const auto oldest = kit.ledger()->oldestOpen();
+    if (!oldest || kit.ledger()->now() - oldest->started < std::chrono::seconds(1)) return;
+    waiting_ = true;
+    noAnswer_.waiting();
+  }
+  const CommandReport& report() const { return report_; }
+  const Message* response() const { return response_.get(); }
+  // What there is to say about an answer that did not come; empty if one did.
+  std::string whyNoAnswer() { return waiting_ ? noAnswer_.atTheEnd() : std::string(); }
+
+ private:
+  CommandReport report_;
+  std::unique_ptr<Message> response_;
+  NoAnswer noAnswer_;
+  bool waiting_ = false;
+};
+
+void print(const Message& response, const Arguments& arguments) {
+  const std::string text = arguments.yaml ? messageYaml(response, arguments.emitDefaults)
+                                          : indentedJson(response, arguments.emitDefaults);
+  Norvctl::print(text);
+}
+
+// The body from the command line, a file or standard input.
+std::string bodyText(const std::string& given) {
+  if (given != "-" && !given.starts_with('@')) return given;
+  LineReader reader(given == "-" ? given : given.substr(1));
+  std::string body;
+  std::string line;
+  while (reader.next(line)) body += line + "\n";
+  return body;
+}
+
+int tellRefusal(int code, const std::string& text) {
+  std::cerr << "norvctl: refused: " << escaped(refusalText(code, text)) << '\n';
+  return refused;
+}
+
+int askDirectly(const RequestInfo& info, const Message& request, const Arguments& arguments) {
+  const Target target(arguments.target);
+  const auto patience = durationOf(arguments.timeoutSeconds);
+  Direct direct(target.host(), target.port(),
+                patience.count() ? std::chrono::ceil<std::chrono::milliseconds>(patience)
+                                 : Direct::usualPatience);
+  std::cerr << "norvctl: asked beside the library, whose client ends the process on " << info.name
+            << '\n';
+  const std::unique_ptr<Message> response = newResponse(info.type);
+  direct.ask(info.type, request, response.get());
+  print(*response, arguments);
+  const Norv::Agent::ResponseError error = Norv::Agent::responseError(*response);
+  return error.code ? tellRefusal(error.code, error.text) : static_cast<int>(allOk);
+}
+
+[[noreturn]] void report(Step step, const Arguments& arguments) {
+  const Target target(arguments.target);
+  SessionOptions session = sessionOptions(arguments, target);
+  session.keepResponses = true;
+  OneStep source(std::move(step));
+  ReportOptions options;
+  options.json = true;
+  options.quiet = arguments.quiet;
+  options.total = 1;
+  options.host = target.host();
+  options.port = target.port();
+  Report told(options);
+  endOnSignals();
+  Session running(session, source, told);
+  const SessionEnd end = running.run();
+  told.summary(running.elapsed(), end, {});
+  leave(told.exitStatus(end));
+}
+
+[[noreturn]] void send(Step step, const Arguments& arguments) {
+  const Target target(arguments.target);
+  SessionOptions session = sessionOptions(arguments, target);
+  session.keepResponses = true;
+  OneStep source(std::move(step));
+  OneReport told(target);
+  endOnSignals();
+  Session running(session, source, told);
+  const SessionEnd end = running.run();
+  const CommandReport& report = told.report();
+  if (told.response()) {
+    print(*told.response(), arguments);
+    if (report.outcome == Norv::Agent::Outcome::refused) {
+      leave(tellRefusal(report.errorCode, report.errorText));
+    }
+    leave(allOk);
+  }
+  if (const std::string why = told.whyNoAnswer(); !why.empty()) {
+    std::cerr << "norvctl: " << why << '\n';
+  }
+  std::cerr << "norvctl: " << outcomeName(report.outcome) << " at " << escaped(target.address())
+            << ": " << reasonOf(report) << '\n';
+  leave(end == SessionEnd::interrupted ? 128 + endingSignal() : static_cast<int>(lost));
+}
+
+int call(const Arguments& arguments) {
+  const RequestInfo* info = requestInfo(arguments.type);
+  if (!info) {
+    std::cerr << "norvctl: " << unknownType(arguments.type) << '\n';
+    return badInput;
+  }
+  if (arguments.target.hosts.size() > 1) {
+    return callOnEach(arguments.target.hosts, arguments.json);
+  }
+  Step step;
+  step.queue = "main";
+  step.type = info->type;
+  step.request = newRequest(info->type);
+  step.line = 1;
+  const std::string body = bodyText(arguments.body);
+  const std::string error = parseRequest(body, step.request.get());
+  if (!error.empty()) {
+    std::cerr << "norvctl: " << badRequest(*info, body, error) << '\n';
+    return badInput;
+  }
+  if (info->type == Norv::getPortConf && !arguments.allowAbort) {
+    return askDirectly(*info, *step.request, arguments);
+  }
+  if (const std::string reason = simulationReason(); !reason.empty()) {
+    std::cerr << "norvctl: " << reason << '\n';
+    return badInput;
+  }
+  if (arguments.json) report(std::move(step), arguments);
+  send(std::move(step), arguments);
+}
+
+Action defineCall(CLI::App& command) {
+  const auto arguments = std::make_shared<Arguments>();
+  completes(command.add_option("TYPE", arguments->type, "as `norvctl types` lists them"),
+            requestNames())
+      ->required();
+  command.add_option(
+      "JSON", arguments->body,
+      "the request in proto3 JSON; @FILE reads it from a file, - from standard input");
+  command.add_flag("--yaml", arguments->yaml, "print the response as YAML");
+  command.add_flag("--emit-defaults", arguments->emitDefaults,
+                   "print the fields that have their usual value, too");
+  addRunOptions(command, *arguments);
+  return [arguments] { return call(*arguments); };
+}
+
+}  // namespace
+
+Verb callVerb() {
+  return {
+      "call",
+      "send one command and print the response",
+      {"Sends a command through queue, manager and client, and prints the response alone on "
+       "standard output, indented JSON or YAML; all else goes to standard error. With --json it "
+       "prints what `norvctl run --json` does instead: an object for the command and a summary.",
+       "getPortConf, which ends the process of whoever sends it through the library, is asked "
+       "beside it. `norvctl template TYPE` prints a body to fill in."},
+      {{"norvctl call --standin getVersion", "a request without fields"},
+       {"norvctl call --standin --yaml listMclass", "as YAML"},
+       {"norvctl call --standin getDriverInfo '{\"driverName\":\"PMDPort\"}'", "with a request"}},
+      &defineCall};
+}
+
+}  // namespace Norvctl

@@ -1,0 +1,178 @@
+#include "CommandLine.h"
+
+#include <algorithm>
+#include <array>
+#include <nlohmann/json.hpp>
+#include <set>
+#include <vector>
+
+#include "../protocol/Requests.h"
+#include "../text/Text.h"
+
+namespace Norvctl {
+
+const char* const getPortConfReason =
+    "getPortConf ends the process of whoever sends it: the client goes on to getPortStats with the "
+    "same request and aborts. Use listPorts instead, `norvctl call getPortConf`, which asks beside "
+    "the library, or give --allow-abort to see it happen";
+
+namespace {
+
+using nlohmann::json;
+
+// No message nests as deeply, and what does would exhaust the stack of those who walk through it.
+constexpr int deepestNesting = 100;
+
+// Those of a command; the others are a recording's, and say nothing about what to send.
+constexpr std::array<const char*, 9> keys{"type",     "queue",        "request",
+                                          "announce", "request_raw",  "response",
+                                          "status",   "response_raw", "situation"};
+constexpr const char* timeKey = "time";
+
+// Where the quoted key stands in the line, the given time from 1, for the reader's eye.
+std::size_t columnOf(const std::string& line, const std::string& key, int time = 1) {
+  const std::string quoted = '"' + key + '"';
+  std::size_t at = line.find(quoted);
+  for (; time > 1 && at != std::string::npos; --time) at = line.find(quoted, at + 1);
+  return at == std::string::npos ? 0 : at + 1;
+}
+
+// Refuses what the parser would take: nesting without end, and a key given twice in one object.
+class Strictness {
+ public:
+  explicit Strictness(const std::string& line) : line_(line) {}
+
+  bool operator()(int depth, json::parse_event_t event, json& parsed) {
+    if (depth > deepestNesting) {
+      throw Complaint{0, "nested more than " + std::to_string(deepestNesting) + " levels deep"};
+    }
+    if (event == json::parse_event_t::object_start) {
+      seen_.emplace_back();
+    } else if (event == json::parse_event_t::object_end) {
+      seen_.pop_back();
+    } else if (event == json::parse_event_t::key) {
+      const auto& key = parsed.get_ref<const std::string&>();
+      if (std::find(seen_.back().begin(), seen_.back().end(), key) != seen_.back().end()) {
+        throw Complaint{columnOf(line_, key, 2), "the key \"" + escaped(key) + "\" comes twice"};
+      }
+      seen_.back().push_back(key);
+    }
+    return true;
+  }
+
+ private:
+  const std::string& line_;
+  std::vector<std::vector<std::string>> seen_;
+};
+
+json parseJson(const std::string& line) {
+  if (const std::size_t nul = line.find('\0'); nul != std::string::npos) {
+    throw Complaint{nul + 1, "there is a NUL byte"};
+  }
+  try {
+    return json::parse(line, Strictness(line));
+  } catch (const json::out_of_range& error) {
+    // "[json.exception.out_of_range.406] number overflow parsing '1e999'"
+    const std::string reason = error.what();
+    throw Complaint{0, "malformed JSON: " + reason.substr(reason.find("] ") + 2)};
+  } catch (const json::parse_error& error) {
+    std::string reason = error.what();
+    // "[json.exception.parse_error.101] parse error at line 1, column 8: REASON"
+    if (const auto colon = reason.find(": "); colon != std::string::npos) {
+      reason.erase(0, colon + 2);
+    }
+    throw Complaint{error.byte, "malformed JSON: " + escaped(reason)};
+  }
+}
+
+std::string text(const json& object, const std::string& line, const std::string& key) {
+  const json& value = object.at(key);
+  if (!value.is_string()) {
+    throw Complaint{columnOf(line, key),
+                    "\"" + key + "\" must be a text, not " + std::string(value.type_name())};
+  }
+  const auto& found = value.get_ref<const std::string&>();
+  if (found.find('\0') != std::string::npos) {
+    throw Complaint{columnOf(line, key), "\"" + key + "\" has a NUL character in it"};
+  }
+  return found;
+}
+
+void refuseUnknownKeys(const json& object, const std::string& line) {
+  for (const auto& [key, value] : object.items()) {
+    if (key == timeKey || std::find(keys.begin(), keys.end(), key) != keys.end()) continue;
+    throw Complaint{columnOf(line, key), "unknown key \"" + escaped(key) + "\"; the nearest is \"" +
+                                             nearest(key, {keys.begin(), keys.end()}) +
+                                             "\" (`norvctl help files` lists all)"};
+  }
+}
+
+// The bytes of a recording, which carry also what its JSON cannot show.
+void fillFromRaw(const json& object, const std::string& line, const RequestInfo& info,
+                 google::protobuf::Message* request) {
+  std::string bytes;
+  if (!fromBase64(text(object, line, "request_raw"), &bytes)) {
+    throw Complaint{columnOf(line, "request_raw"), "\"request_raw\" is no base64"};
+  }
+  if (!request->ParseFromString(bytes)) {
+    throw Complaint{columnOf(line, "request_raw"),
+                    "the bytes of \"request_raw\" are no " + std::string(info.requestMessage)};
+  }
+}
+
+Step command(const json& object, const std::string& line, const CommandLineOptions& options) {
+  Step step;
+  step.queueGiven = object.contains("queue");
+  step.queue = step.queueGiven ? text(object, line, "queue") : "main";
+  const std::string name = text(object, line, "type");
+  const RequestInfo* info = requestInfo(name);
+  if (!info) throw Complaint{columnOf(line, "type"), unknownType(name)};
+  step.type = info->type;
+  if (step.type == Norv::getPortConf && !options.allowAbort) {
+    throw Complaint{columnOf(line, "type"), getPortConfReason};
+  }
+  if (options.withoutRequest) return step;
+  step.request = newRequest(step.type);
+  if (object.contains("request_raw")) {
+    fillFromRaw(object, line, *info, step.request.get());
+  } else if (object.contains("request")) {
+    const json& request = object.at("request");
+    const std::string error = parseRequest(request.dump(), step.request.get());
+    if (!error.empty()) {
+      throw Complaint{columnOf(line, "request"), badRequest(*info, request.dump(), error)};
+    }
+  }
+  return step;
+}
+
+}  // namespace
+
+bool blankLine(std::string_view line) {
+  return line.find_first_not_of(" \t\r") == std::string_view::npos;
+}
+
+Step parseCommandLine(const std::string& line, const CommandLineOptions& options) {
+  const json object = parseJson(line);
+  if (!object.is_object()) throw Complaint{1, "a line is a JSON object"};
+  refuseUnknownKeys(object, line);
+  Step step;
+  if (object.contains("announce")) {
+    if (object.contains("type")) {
+      throw Complaint{columnOf(line, "announce"),
+                      "a line is a command (\"type\") or an announcement (\"announce\"), not both"};
+    }
+    if (object.size() != 1) {
+      throw Complaint{1, "an announcement has no other key than \"announce\""};
+    }
+    step.queue = text(object, line, "announce");
+    step.queueGiven = true;
+  } else if (!object.contains("type")) {
+    throw Complaint{1, "neither \"type\" (a command) nor \"announce\" (a queue's name) is given"};
+  } else {
+    step = command(object, line, options);
+  }
+  step.bytes = line.size();
+  return step;
+}
+
+}  // namespace Norvctl

@@ -1,0 +1,77 @@
+#include "Recording.h"
+
+#include <errno.h>
+#include <google/protobuf/util/json_util.h>
+#include <grpcpp/support/status_code_enum.h>
+#include <string.h>
+#include <sys/stat.h>
+
+#include "../text/Text.h"
+
+namespace Norvctl {
+
+using Norv::Agent::CommandReport;
+using Norv::Agent::Outcome;
+
+namespace {
+
+bool sameFile(const std::string& a, const std::string& b) {
+  struct stat first;
+  struct stat second;
+  return stat(a.c_str(), &first) == 0 && stat(b.c_str(), &second) == 0 &&
+         first.st_dev == second.st_dev && first.st_ino == second.st_ino;
+}
+
+std::string statusJson(const CommandReport& report) {
+  if (report.outcome != Outcome::failed) return "{\"code\":0,\"message\":\"\"}";
+  const int code = report.rpcCode ? report.rpcCode : static_cast<int>(grpc::StatusCode::CANCELLED);
+  return "{\"code\":" + std::to_string(code) + ",\"message\":" + jsonText(report.errorText) + "}";
+}
+
+}  // namespace
+
+RecordingWriter::RecordingWriter(const std::string& path, const std::vector<std::string>& inputs)
+    : path_(path) {
+  for (const std::string& input : inputs) {
+    if (input != "-" && sameFile(input, path)) {
+      throw InputError(path + " is one of the files to run; record into another");
+    }
+  }
+  file_ = std::fopen(path.c_str(), "w");
+  if (!file_) throw InputError(path + ": " + strerror(errno));
+}
+
+RecordingWriter::~RecordingWriter() {
+  if (file_) std::fclose(file_);
+}
+
+void RecordingWriter::add(const CommandReport& report, const Entry& entry) {
+  if (report.outcome == Outcome::dropped || !entry.request) return;
+  std::string line = "{\"type\":\"" + std::string(stringValue(report.type).charPtr()) + "\"";
+  if (entry.queue != "main") line += ",\"queue\":" + jsonText(entry.queue);
+  line += "," + recordedMessage("request", *entry.request);
+  if (entry.response) line += "," + recordedMessage("response", *entry.response);
+  line += ",\"status\":" + statusJson(report);
+  if (report.outcome == Outcome::undecodable) {
+    line += ",\"situation\":\"the reply did not decode\"";
+  }
+  std::fprintf(file_, "%s,\"time\":\"%s\"}\n", line.c_str(), timeOfDay().c_str());
+}
+
+bool RecordingWriter::close() {
+  const bool failed = std::ferror(file_) != 0;
+  const bool closed = std::fclose(std::exchange(file_, nullptr)) == 0;
+  if (!failed && closed) return true;
+  std::fprintf(stderr, "norvctl: cannot write %s to its end: %s\n", path_.c_str(), strerror(errno));
+  return false;
+}
+
+std::string recordedMessage(const std::string& key, const google::protobuf::Message& message) {
+  std::string json;
+  if (google::protobuf::util::MessageToJsonString(message, &json).ok()) {
+    return jsonText(key) + ":" + json;
+  }
+  return jsonText(key + "_raw") + ":\"" + base64(message.SerializeAsString()) + "\"";
+}
+
+}  // namespace Norvctl

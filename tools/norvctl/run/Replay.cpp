@@ -1,0 +1,289 @@
+// The verb replay.
+
+#include <errno.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <iostream>
+
+#include <bess/pb/service.pb.h>
+
+#include "../Verb.h"
+#include "../look/Direct.h"
+#include "../protocol/Requests.h"
+#include "../text/Table.h"
+#include "../text/Text.h"
+#include "Report.h"
+#include "RunOptions.h"
+#include "Volatile.h"
+
+namespace Norvctl {
+
+namespace {
+
+using google::protobuf::Message;
+using nlohmann::json;
+using nlohmann::ordered_json;
+
+struct Arguments {
+  TargetOptions target;
+  double timeoutSeconds = 10;
+  std::vector<std::string> files;
+  bool update = false;
+  bool asJson = false;
+  bool quiet = false;
+};
+
+// What one call came to, in the form in which recordings have it.
+struct Answer {
+  int status = 0;
+  std::string message;
+  json response;            // null: there is none, or it is bytes
+  std::string responseRaw;  // base64; empty: there is none, or it is JSON
+};
+
+// A reply of a daemon of today to configureGateHook carries a name where ours has data: of the two
+// forms the error alone is the same.
+std::unique_ptr<Message> replyMessage(Norv::GrpcRequestType type) {
+  if (type == Norv::configureGateHook) return std::make_unique<bess::pb::EmptyResponse>();
+  return newResponse(type);
+}
+
+void readReply(Norv::GrpcRequestType type, const std::string& bytes, Answer& answer) {
+  const std::unique_ptr<Message> message = replyMessage(type);
+  if (!message->ParseFromString(bytes)) {
+    answer.responseRaw = base64(bytes);
+    return;
+  }
+  message->DiscardUnknownFields();
+  const std::string text = messageJson(*message);
+  answer.response = json::parse(text);
+  if (!answer.response.is_object()) {
+    answer.response = nullptr;
+    answer.responseRaw = base64(bytes);
+  }
+}
+
+Answer recordedAnswer(const json& line, Norv::GrpcRequestType type) {
+  Answer answer;
+  const json status = line.value("status", json::object());
+  answer.status = status.value("code", 0);
+  answer.message = status.value("message", "");
+  if (line.contains("response")) {
+    answer.response = line["response"];
+  } else if (line.contains("response_raw")) {
+    std::string bytes;
+    fromBase64(line["response_raw"].get<std::string>(), &bytes);
+    readReply(type, bytes, answer);
+  }
+  return answer;
+}
+
+// Where two values differ: the paths with both.
+void compare(const json& before, const json& now, const std::string& path,
+             std::vector<std::string>& differences) {
+  if (before == now) return;
+  if (before.is_object() && now.is_object()) {
+    for (const auto& [key, value] : before.items()) {
+      compare(value, now.contains(key) ? now[key] : json(), path + "." + key, differences);
+    }
+    for (const auto& [key, value] : now.items()) {
+      if (!before.contains(key)) compare(json(), value, path + "." + key, differences);
+    }
+    return;
+  }
+  if (before.is_array() && now.is_array() && before.size() == now.size()) {
+    for (std::size_t i = 0; i < before.size(); ++i) {
+      compare(before[i], now[i], path + "[" + std::to_string(i) + "]", differences);
+    }
+    return;
+  }
+  const auto shown = [](const json& value) {
+    if (value.is_null()) return std::string("nothing");
+    std::string text = value.dump(-1, ' ', false, json::error_handler_t::replace);
+    return text.size() > 200 ? text.substr(0, 200) + "..." : text;
+  };
+  differences.push_back(path + ": recorded " + shown(before) + ", now " + shown(now));
+}
+
+std::vector<std::string> differencesOf(std::string_view type, const json& line, const Answer& was,
+                                       const Answer& is) {
+  std::vector<std::string> differences;
+  if (was.status != is.status) {
+    differences.push_back("status: recorded " + statusName(was.status) + ", now " +
+                          statusName(is.status) +
+                          (is.message.empty() ? "" : ": " + escaped(is.message)));
+    return differences;
+  }
+  if (was.responseRaw != is.responseRaw) {
+    differences.push_back("response: one of the two does not decode here");
+    return differences;
+  }
+  json before = was.response;
+  json now = is.response;
+  const json request = line.value("request", json::object());
+  // An error that is there and empty says the same as none.
+  for (json* one : {&before, &now}) {
+    if (one->is_object() && one->value("error", json(nullptr)) == json::object()) {
+      one->erase("error");
+    }
+    removeVolatile(type, request, *one);
+  }
+  compare(before, now, "response", differences);
+  return differences;
+}
+
+class Replay {
+ public:
+  Replay(const Arguments& arguments, Direct& direct) : arguments_(arguments), direct_(direct) {}
+
+  void file(const std::string& name) {
+    LineReader reader(name);
+    std::string line;
+    std::string updated;
+    while (reader.next(line)) {
+      if (!blankLine(line)) replayLine(reader, line);
+      updated += line + "\n";
+    }
+    if (arguments_.update) rewrite(name, updated);
+  }
+
+  int finish() const {
+    const Colours colours(coloursAt(STDOUT_FILENO));
+    if (arguments_.asJson) {
+      std::printf(
+          "{\"summary\":{\"calls\":%zu,\"as_recorded\":%zu,\"different\":%zu,"
+          "\"left_out\":%zu,\"target\":%s}}\n",
+          calls_, calls_ - different_, different_, leftOut_, jsonText(direct_.address()).c_str());
+    } else {
+      std::printf("%zu calls: %zu as recorded, %s%zu different%s; %zu left out\n", calls_,
+                  calls_ - different_, different_ ? colours.warning() : "", different_,
+                  different_ ? colours.end() : "", leftOut_);
+    }
+    return different_ ? refused : allOk;
+  }
+
+ private:
+  // Replaces the answer in `line` when it is to be updated.
+  void replayLine(const LineReader& reader, std::string& line) {
+    Step step;
+    json recorded;
+    try {
+      step = parseCommandLine(line, {true});
+      recorded = json::parse(line);
+    } catch (const Complaint& complaint) {
+      throw InputError(reader.complaint(complaint));
+    }
+    const bool answered = recorded.contains("status") || recorded.contains("response");
+    const Answer was = recordedAnswer(recorded, step.type);
+    if (step.announcement() || !answered || was.status == grpc::StatusCode::UNAVAILABLE) {
+      ++leftOut_;
+      return;
+    }
+    const RequestInfo& info = requestInfos()[step.type - 1];
+    ++calls_;
+    const Direct::Reply reply = direct_.call(info.rpc, step.request->SerializeAsString());
+    Answer is;
+    is.status = reply.status;
+    is.message = reply.message;
+    if (reply.status == grpc::StatusCode::OK) readReply(info.type, reply.bytes, is);
+    if (reply.status == grpc::StatusCode::UNAVAILABLE) {
+      throw DirectError(reply.status, "no answer from " + direct_.address() + " to line " +
+                                          std::to_string(reader.number()) + ": " +
+                                          direct_.whyNoAnswer());
+    }
+    const auto differences = differencesOf(info.name, recorded, was, is);
+    if (differences.empty()) return;
+    ++different_;
+    tell(reader, info, differences);
+    if (arguments_.update) line = withAnswer(line, is);
+  }
+
+  void tell(const LineReader& reader, const RequestInfo& info,
+            const std::vector<std::string>& differences) const {
+    if (arguments_.asJson) {
+      ordered_json object = {{"file", reader.name()},
+                             {"line", reader.number()},
+                             {"type", std::string(info.name)},
+                             {"differences", differences}};
+      std::printf("%s\n",
+                  object.dump(-1, ' ', false, ordered_json::error_handler_t::replace).c_str());
+      return;
+    }
+    if (arguments_.quiet) return;
+    std::printf("%s:%zu: %s\n", escaped(reader.name()).c_str(), reader.number(), info.name.data());
+    for (const std::string& one : differences) std::printf("    %s\n", one.c_str());
+  }
+
+  static std::string withAnswer(const std::string& line, const Answer& answer) {
+    ordered_json object = ordered_json::parse(line);
+    object.erase("response");
+    object.erase("response_raw");
+    if (!answer.response.is_null()) object["response"] = answer.response;
+    if (!answer.responseRaw.empty()) object["response_raw"] = answer.responseRaw;
+    object["status"] = {{"code", answer.status}, {"message", answer.message}};
+    return object.dump(-1, ' ', false, ordered_json::error_handler_t::replace);
+  }
+
+  // Written beside it and then put in its place.
+  static void rewrite(const std::string& name, const std::string& text) {
+    const std::string beside = name + ".new";
+    std::FILE* file = std::fopen(beside.c_str(), "w");
+    const bool written = file && std::fwrite(text.data(), 1, text.size(), file) == text.size();
+    const bool closed = file && std::fclose(file) == 0;
+    if (!written || !closed || std::rename(beside.c_str(), name.c_str()) != 0) {
+      const int error = errno;
+      std::remove(beside.c_str());
+      throw InputError("cannot update " + name + ": " + strerror(error));
+    }
+  }
+
+  const Arguments& arguments_;
+  Direct& direct_;
+  std::size_t calls_ = 0;
+  std::size_t different_ = 0;
+  std::size_t leftOut_ = 0;
+};
+
+int replay(const Arguments& arguments) {
+  const Target target(arguments.target);
+  const auto patience = durationOf(arguments.timeoutSeconds);
+  Direct direct(target.host(), target.port(),
+                patience.count() ? std::chrono::ceil<std::chrono::milliseconds>(patience)
+                                 : std::chrono::hours(24));
+  Replay replay(arguments, direct);
+  for (const std::string& file : arguments.files) replay.file(file);
+  return replay.finish();
+}
+
+Action defineReplay(CLI::App& command) {
+  const auto arguments = std::make_shared<Arguments>();
+  command.add_option("FILE", arguments->files, "recordings, as `norvctl run --record` writes them")
+      ->required();
+  command.add_flag("--update", arguments->update,
+                   "put the answers of now into the files where they differ");
+  command.add_flag("--json", arguments->asJson, "one JSON object per difference, and a summary");
+  command.add_flag("--quiet", arguments->quiet, "the summary alone");
+  addTarget(command, arguments->target);
+  addTimeout(command, arguments->timeoutSeconds, "SECONDS to wait for each answer; 0 is for ever");
+  return [arguments] { return replay(*arguments); };
+}
+
+}  // namespace
+
+Verb replayVerb() {
+  return {
+      "replay",
+      "send a recording and show where the replies differ",
+      {"Sends the requests of a recording one after the other, beside the library, and compares "
+       "each status and response with the recorded one. Counters, times, random addresses and "
+       "the daemon's version are not compared. Lines without an answer, and those that the "
+       "daemon did not live to answer, are not sent.",
+       "Exit status 0: all as recorded; 2: some replies differ."},
+      {{"norvctl replay --standin talk.jsonl", "against a fresh stand-in daemon"},
+       {"norvctl replay --update talk.jsonl", "takes over what has changed"}},
+      &defineReplay};
+}
+
+}  // namespace Norvctl

@@ -1,0 +1,162 @@
+#include "Text.h"
+
+#include <string.h>
+#include <time.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cstdio>
+#include <ctime>
+#include <nlohmann/json.hpp>
+#include <numeric>
+
+#include <Lumo/TraceSink.h>
+
+namespace Norvctl {
+
+namespace {
+
+std::string lower(std::string_view text) {
+  std::string result(text);
+  for (char& c : result) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return result;
+}
+
+// How many letters to insert, delete or exchange to make one name of the other.
+std::size_t editDistance(std::string_view a, std::string_view b) {
+  std::vector<std::size_t> row(b.size() + 1);
+  std::iota(row.begin(), row.end(), std::size_t{0});
+  for (std::size_t i = 1; i <= a.size(); ++i) {
+    std::size_t diagonal = row[0]++;
+    for (std::size_t j = 1; j <= b.size(); ++j) {
+      const std::size_t exchange = diagonal + (a[i - 1] != b[j - 1]);
+      diagonal = row[j];
+      row[j] = std::min({row[j] + 1, row[j - 1] + 1, exchange});
+    }
+  }
+  return row.back();
+}
+
+constexpr std::string_view base64Digits =
+    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+
+}  // namespace
+
+std::string escaped(std::string_view text) {
+  std::string out;
+  Lumo::appendTraceText(out, text);
+  return out;
+}
+
+std::string jsonText(std::string_view text) {
+  return nlohmann::json(std::string(text))
+      .dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
+std::string refusalText(int code, const std::string& text) {
+  if (code == 0) return text;
+  const char* name = strerrorname_np(code);
+  return (name ? std::string(name) : std::to_string(code)) + ": " + text;
+}
+
+std::vector<std::string> nearestNames(std::string_view name, const std::vector<std::string>& names,
+                                      std::size_t most) {
+  // Nobody's name is longer; the distance takes time with the product of the lengths.
+  const std::string wanted = lower(name.substr(0, 100));
+  std::vector<std::pair<std::size_t, std::string>> ranked;
+  for (const std::string& candidate : names) {
+    const std::string other = lower(candidate);
+    const bool part = wanted.size() > 2 && other.find(wanted) != std::string::npos;
+    ranked.emplace_back(part ? 1 : editDistance(wanted, other), candidate);
+  }
+  std::stable_sort(ranked.begin(), ranked.end(),
+                   [](const auto& a, const auto& b) { return a.first < b.first; });
+  std::vector<std::string> result;
+  for (const auto& [distance, candidate] : ranked) {
+    if (result.size() == most) break;
+    result.push_back(candidate);
+  }
+  return result;
+}
+
+std::string nearest(std::string_view name, const std::vector<std::string>& names) {
+  const auto found = nearestNames(name, names, 1);
+  return found.empty() ? std::string() : found.front();
+}
+
+std::string listed(const std::vector<std::string>& words) {
+  std::string text;
+  for (std::size_t i = 0; i < words.size(); ++i) {
+    if (i != 0) text += i + 1 == words.size() ? " and " : ", ";
+    text += words[i];
+  }
+  return text;
+}
+
+std::string grouped(unsigned long long number) {
+  std::string digits = std::to_string(number);
+  for (std::size_t at = digits.size(); at > 3; at -= 3) digits.insert(at - 3, 1, ',');
+  return digits;
+}
+
+std::string scaled(double value) {
+  constexpr const char* prefixes[] = {"", " k", " M", " G", " T", " P", " E"};
+  std::size_t prefix = 0;
+  while (value >= 999.5 && prefix + 1 < std::size(prefixes)) {
+    value /= 1000;
+    ++prefix;
+  }
+  char text[32];
+  const int decimals = prefix == 0 ? 0 : value < 9.995 ? 2 : value < 99.95 ? 1 : 0;
+  std::snprintf(text, sizeof text, "%.*f%s", decimals, value, prefixes[prefix]);
+  return text;
+}
+
+std::string base64(std::string_view bytes) {
+  std::string text;
+  for (std::size_t at = 0; at < bytes.size(); at += 3) {
+    unsigned group = 0;
+    const std::size_t have = std::min<std::size_t>(3, bytes.size() - at);
+    for (std::size_t i = 0; i < 3; ++i) {
+      group = group << 8 | (i < have ? static_cast<unsigned char>(bytes[at + i]) : 0u);
+    }
+    for (std::size_t i = 0; i < 4; ++i) {
+      text += i <= have ? base64Digits[group >> (18 - 6 * i) & 63] : '=';
+    }
+  }
+  return text;
+}
+
+bool fromBase64(std::string_view text, std::string* bytes) {
+  bytes->clear();
+  if (text.size() % 4 != 0) return false;
+  for (std::size_t at = 0; at < text.size(); at += 4) {
+    unsigned group = 0;
+    std::size_t padding = 0;
+    for (std::size_t i = 0; i < 4; ++i) {
+      const char c = text[at + i];
+      const std::size_t digit = base64Digits.find(c);
+      const bool pad = c == '=' && at + 4 == text.size() && i >= 2;
+      if (pad ? false : digit == std::string_view::npos || padding != 0) return false;
+      padding += pad;
+      group = group << 6 | (pad ? 0u : static_cast<unsigned>(digit));
+    }
+    for (std::size_t i = 0; i + padding < 3; ++i) {
+      bytes->push_back(static_cast<char>(group >> (16 - 8 * i) & 255));
+    }
+  }
+  return true;
+}
+
+std::string timeOfDay() {
+  timespec now;
+  clock_gettime(CLOCK_REALTIME, &now);
+  std::tm parts;
+  char text[64];
+  std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", gmtime_r(&now.tv_sec, &parts));
+  char fraction[32];
+  std::snprintf(fraction, sizeof fraction, ".%06ldZ", now.tv_nsec / 1000);
+  return std::string(text) + fraction;
+}
+
+}  // namespace Norvctl

@@ -1,0 +1,37 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+// Text as it goes to a person or into a JSON line.
+namespace Norvctl {
+
+// Text of a daemon or a file, made safe for a terminal as traces make it: control characters as
+// \x1b and so on, a backslash doubled.
+std::string escaped(std::string_view text);
+// A JSON string, quotes included; what is not UTF-8 becomes the replacement character.
+std::string jsonText(std::string_view text);
+// The errno name and text of a refusal, as in "ENOENT: no such port", or what there is of it.
+std::string refusalText(int code, const std::string& text);
+
+// The name that is spelled most like `name`, letter case apart; empty when there are none.
+std::string nearest(std::string_view name, const std::vector<std::string>& names);
+// The names that contain or resemble `name`, the best first, at most `most`.
+std::vector<std::string> nearestNames(std::string_view name, const std::vector<std::string>& names,
+                                      std::size_t most);
+// "a, b and c".
+std::string listed(const std::vector<std::string>& words);
+
+// 1234567 as "1,234,567"; a rate or count with a unit prefix, as in "1.23 M".
+std::string grouped(unsigned long long number);
+std::string scaled(double value);
+
+// Base64 with padding. Decoding takes nothing else than its output; false when it is none.
+std::string base64(std::string_view bytes);
+bool fromBase64(std::string_view text, std::string* bytes);
+
+// As in 2026-01-31T12:00:00.123456Z.
+std::string timeOfDay();
+
+}  // namespace Norvctl
