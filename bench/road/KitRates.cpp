@@ -79,15 +79,16 @@ double cpuOfBatch(Agent& agent, U64 commands) {
 }
 
 void compare(U16 port, U64 rounds, U64 commands) {
-  road::Agent bare(port);
-  auto* with = new KitAgent(port);  // its worker goes on to the end of the process
+  // Their workers go on to the end of the process.
+  auto& bare = *new road::Agent(port);
+  auto& with = *new KitAgent(port);
   std::vector<double> bareCpu;
   std::vector<double> kitCpu;
   cpuOfBatch(bare, commands / 10 + 1);
-  cpuOfBatch(*with, commands / 10 + 1);
+  cpuOfBatch(with, commands / 10 + 1);
   for (U64 i = 0; i < rounds; ++i) {
     bareCpu.push_back(cpuOfBatch(bare, commands));
-    kitCpu.push_back(cpuOfBatch(*with, commands));
+    kitCpu.push_back(cpuOfBatch(with, commands));
   }
   std::printf("CPU of a command: %.2f us without the kit, %.2f us with it; ratio %.3f\n",
               median(bareCpu), median(kitCpu), median(kitCpu) / median(bareCpu));

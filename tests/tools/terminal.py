@@ -50,9 +50,9 @@ class Terminal:
         self.text += data.decode(errors="replace")
         return bool(data)
 
-    def wait_for(self, pattern):
+    def wait_for(self, pattern, patience=harness.PATIENCE):
         """Waits for a text behind the one that was waited for before."""
-        until = time.monotonic() + harness.PATIENCE
+        until = time.monotonic() + patience
         while True:
             found = re.search(pattern, self.text[self.seen:])
             if found:

@@ -87,9 +87,8 @@ class Doctor {
     const auto described = describeService(direct_.channel(), "bess.pb.BESSControl");
     std::vector<std::string> missing;
     for (const RequestInfo& info : requestInfos()) {
-      const bool there =
-          described ? described->methods.count(std::string(info.rpc)) != 0 : answersAtAll(info);
-      if (!there) missing.emplace_back(info.name);
+      const bool named = !described || described->methods.count(std::string(info.rpc)) != 0;
+      if (!named || !answersAtAll(info)) missing.emplace_back(info.name);
     }
     const std::string how = described ? "as it describes itself" : "by calls without effect";
     if (missing.empty()) {
@@ -105,8 +104,15 @@ class Doctor {
   }
 
   bool answersAtAll(const RequestInfo& info) {
-    // A field of length 127 of which nothing follows.
-    return direct_.call(info.rpc, "\x0a\x7f").status != grpc::StatusCode::UNIMPLEMENTED;
+    // A field of length 127 of which nothing follows. The two requests that a daemon may know and
+    // still not have are asked of a port that is not there.
+    std::string request = "\x0a\x7f";
+    if (info.type == Norv::addPortMacAddress || info.type == Norv::removePortMacAddress) {
+      pb::MacAddressRequest whole;
+      whole.set_name("norvctl doctor: no such port");
+      request = whole.SerializeAsString();
+    }
+    return direct_.call(info.rpc, request).status != grpc::StatusCode::UNIMPLEMENTED;
   }
 
   // Replies whose message differs from ours in a field that both have.

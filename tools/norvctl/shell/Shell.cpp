@@ -2,6 +2,7 @@
 
 #include <editline/readline.h>
 #include <errno.h>
+#include <setjmp.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -31,6 +32,26 @@ struct Arguments {
 
 Completer* completer = nullptr;
 volatile sig_atomic_t interrupted = 0;
+// Set while a line is edited: ^C leaves the editor by a jump, whatever it is doing.
+volatile sig_atomic_t editing = 0;
+sigjmp_buf beforeEditing;
+
+void onInterrupt(int) {
+  interrupted = 1;
+  if (std::exchange(editing, 0)) siglongjmp(beforeEditing, 1);
+}
+
+// Null at the end of the input, and after ^C. Nothing here has a destructor, as the jump passes by.
+char* editLine(const char* prompt) {
+  if (sigsetjmp(beforeEditing, 1) != 0) {
+    rl_deprep_terminal();
+    return nullptr;
+  }
+  editing = 1;
+  char* line = readline(prompt);
+  editing = 0;
+  return line;
+}
 
 // For the line editor: the first call makes the list, each gives one of it.
 char* nextCandidate(const char*, int state) {
@@ -65,6 +86,7 @@ class Input {
       : prompt_(prompt), terminal_(isatty(STDIN_FILENO) && isatty(STDOUT_FILENO)) {
     if (!terminal_) return;
     rl_readline_name = const_cast<char*>("norvctl");
+    rl_catch_signals = 0;  // ^C is ours, see onInterrupt
     rl_initialize();
     static char breaks[] = " \t\"{}[]:,=";
     rl_completer_word_break_characters = breaks;
@@ -107,7 +129,7 @@ class Input {
       if (!std::getline(std::cin, line)) return std::nullopt;
       return line;
     }
-    char* line = readline(prompt.c_str());
+    char* line = editLine(prompt.c_str());
     if (!line && interrupted) {
       std::printf("\n");
       return std::string();
@@ -194,7 +216,7 @@ int shell(const Arguments& arguments) {
   Completer words(*app, target.host(), target.port());
   completer = &words;
   struct sigaction action {};
-  action.sa_handler = [](int) { interrupted = 1; };
+  action.sa_handler = onInterrupt;
   sigaction(SIGINT, &action, nullptr);  // ends the line, or the command that runs
   return Shell(*app, target).run();
 }
