@@ -3,10 +3,8 @@
 // batch announced at once and taken from the pending queue, without the RPC, in growing sizes: the
 // time per command must stay. Usage: road_kit [ROUNDS [COMMANDS [LARGEST BATCH]]].
 
-#include <sys/resource.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <vector>
@@ -19,20 +17,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 using Tracked = Norv::Agent::Tracked<road::Counting>;
-
-double cpuSeconds() {
-  rusage usage;
-  getrusage(RUSAGE_SELF, &usage);
-  const auto seconds = [](const timeval& time) {
-    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
-  };
-  return seconds(usage.ru_utime) + seconds(usage.ru_stime);
-}
-
-double median(std::vector<double> values) {
-  std::sort(values.begin(), values.end());
-  return values[values.size() / 2];
-}
 
 // A small agent with the kit. A connected manager cannot be destroyed: it lives until the process
 // ends.
@@ -72,10 +56,10 @@ struct KitAgent {
 // CPU microseconds of each command of a batch.
 template <class Agent>
 double cpuOfBatch(Agent& agent, U64 commands) {
-  const double start = cpuSeconds();
+  const double start = road::cpuSeconds();
   agent.send(commands);
   agent.wait();
-  return (cpuSeconds() - start) * 1e6 / static_cast<double>(commands);
+  return (road::cpuSeconds() - start) * 1e6 / static_cast<double>(commands);
 }
 
 void compare(U16 port, U64 rounds, U64 commands) {
@@ -91,7 +75,8 @@ void compare(U16 port, U64 rounds, U64 commands) {
     kitCpu.push_back(cpuOfBatch(with, commands));
   }
   std::printf("CPU of a command: %.2f us without the kit, %.2f us with it; ratio %.3f\n",
-              median(bareCpu), median(kitCpu), median(kitCpu) / median(bareCpu));
+              road::median(bareCpu), road::median(kitCpu),
+              road::median(kitCpu) / road::median(bareCpu));
   std::fflush(stdout);
 }
 

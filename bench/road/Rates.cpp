@@ -5,7 +5,6 @@
 // waiting command. Usage: road_rates [ROUNDS [COMMANDS [LONG QUEUE]]].
 
 #include <malloc.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -24,16 +23,6 @@ using Clock = std::chrono::steady_clock;
 
 double secondsSince(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
-// CPU time of this process in seconds.
-double cpuSeconds() {
-  rusage usage;
-  getrusage(RUSAGE_SELF, &usage);
-  const auto seconds = [](const timeval& time) {
-    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
-  };
-  return seconds(usage.ru_utime) + seconds(usage.ru_stime);
 }
 
 void asynchronousLoop(pb::BESSControl::Stub& stub, U64 commands) {
@@ -74,11 +63,6 @@ struct Way {
     cpus.push_back((cpuSeconds() - cpu) * 1e6 / static_cast<double>(commands));
   }
 };
-
-double median(std::vector<double> values) {
-  std::sort(values.begin(), values.end());
-  return values[values.size() / 2];
-}
 
 void compare(Agent& agent, U16 port, U64 rounds, U64 commands) {
   const auto asynchronous = pb::BESSControl::NewStub(channelTo(port));

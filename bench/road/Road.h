@@ -2,8 +2,10 @@
 
 #include <grpcpp/grpcpp.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <csignal>
@@ -11,6 +13,7 @@
 #include <memory>
 #include <semaphore>
 #include <string>
+#include <vector>
 
 #include <Norv/ConnectionsMgr.h>
 #include <bess/pb/service.grpc.pb.h>
@@ -91,6 +94,21 @@ struct Agent {
   std::atomic<U64> done{0};
   std::binary_semaphore last{0};
 };
+
+// CPU time of this process in seconds.
+inline double cpuSeconds() {
+  rusage usage;
+  getrusage(RUSAGE_SELF, &usage);
+  const auto seconds = [](const timeval& time) {
+    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
+  };
+  return seconds(usage.ru_utime) + seconds(usage.ru_stime);
+}
+
+inline double median(std::vector<double> values) {
+  std::sort(values.begin(), values.end());
+  return values[values.size() / 2];
+}
 
 // The server in a process of its own, so that its CPU time is not counted. Returns its port.
 inline U16 startServer() {

@@ -7,6 +7,7 @@
 #include "look/Direct.h"
 #include "run/Fleet.h"
 #include "text/Terminal.h"
+#include "text/Text.h"
 
 using namespace Norvctl;
 
@@ -22,7 +23,7 @@ int carryOut(CLI::App& app, std::map<std::string, Action>& actions, int argc, ch
     std::cerr << "norvctl: " << error.what() << '\n';
     return lost;
   } catch (const std::exception& error) {
-    std::cerr << "norvctl: " << error.what() << '\n';
+    std::cerr << "norvctl: " << escaped(error.what()) << '\n';
     return badInput;
   }
 }

@@ -34,8 +34,8 @@ std::vector<Flow> readFlows(Direct& direct, const std::string& what) {
   if (module.error().code() == 0) return moduleFlows(module);
   std::vector<std::string> names = readModuleNames(direct);
   names.insert(names.end(), {"ports", "tcs", "pipeline"});
-  throw std::invalid_argument("there is no module \"" + escaped(what) + "\"; the nearest is \"" +
-                              escaped(nearest(what, names)) + "\"");
+  throw std::invalid_argument("there is no module \"" + what + "\"; the nearest is \"" +
+                              nearest(what, names) + "\"");
 }
 
 const Flow* sameIn(const std::vector<Flow>& flows, const Flow& flow) {
@@ -143,7 +143,7 @@ int watch(const Arguments& arguments) {
     try {
       now = readFlows(direct, arguments.what);
     } catch (const std::exception& error) {
-      trouble = error.what();
+      trouble = escaped(error.what());
     }
     bool written = true;
     if (!trouble.empty()) {

@@ -66,7 +66,7 @@ Action defineTemplate(CLI::App& command) {
     const std::string wrong =
         info ? checkChoice(*info, arguments->choice) : unknownType(arguments->type);
     if (!wrong.empty()) {
-      std::cerr << "norvctl: " << wrong << '\n';
+      std::cerr << "norvctl: " << escaped(wrong) << '\n';
       return badInput;
     }
     print(arguments->comments ? templateYaml(*info, arguments->choice)

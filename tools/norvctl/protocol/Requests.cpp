@@ -113,7 +113,7 @@ std::vector<std::string> requestNames() {
 }
 
 std::string unknownType(std::string_view name) {
-  return "unknown type \"" + escaped(name) + "\"; the nearest is \"" +
+  return "unknown type \"" + std::string(name) + "\"; the nearest is \"" +
          nearest(name, requestNames()) + "\" (`norvctl types` lists all)";
 }
 
@@ -154,7 +154,7 @@ std::string badRequest(const RequestInfo& info, const std::string& body, const s
   if (Bess::moduleClass(word("mclass"))) advice += " --class " + word("mclass");
   if (Bess::portDriver(word("driver"))) advice += " --driver " + word("driver");
   return "request of " + std::string(info.name) + " (" + std::string(info.requestMessage) +
-         "): " + escaped(error) + "; `" + advice + "` shows its fields";
+         "): " + error + "; `" + advice + "` shows its fields";
 }
 
 std::string messageJson(const Message& message, bool emitDefaults) {

@@ -203,7 +203,7 @@ std::vector<std::string> namesOf(const std::vector<Named>& all) {
 
 std::string unknown(const std::string& what, const std::string& given,
                     const std::vector<std::string>& names) {
-  return "unknown " + what + " \"" + escaped(given) + "\"; " +
+  return "unknown " + what + " \"" + given + "\"; " +
          (names.empty() ? "there is none" : "the nearest is \"" + nearest(given, names) + "\"");
 }
 

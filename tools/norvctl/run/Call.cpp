@@ -152,7 +152,7 @@ int askDirectly(const RequestInfo& info, const Message& request, const Arguments
 int call(const Arguments& arguments) {
   const RequestInfo* info = requestInfo(arguments.type);
   if (!info) {
-    std::cerr << "norvctl: " << unknownType(arguments.type) << '\n';
+    std::cerr << "norvctl: " << escaped(unknownType(arguments.type)) << '\n';
     return badInput;
   }
   if (arguments.target.hosts.size() > 1) {
@@ -166,7 +166,7 @@ int call(const Arguments& arguments) {
   const std::string body = bodyText(arguments.body);
   const std::string error = parseRequest(body, step.request.get());
   if (!error.empty()) {
-    std::cerr << "norvctl: " << badRequest(*info, body, error) << '\n';
+    std::cerr << "norvctl: " << escaped(badRequest(*info, body, error)) << '\n';
     return badInput;
   }
   if (info->type == Norv::getPortConf && !arguments.allowAbort) {

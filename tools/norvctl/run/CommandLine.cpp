@@ -53,7 +53,7 @@ class Strictness {
     } else if (event == json::parse_event_t::key) {
       const auto& key = parsed.get_ref<const std::string&>();
       if (std::find(seen_.back().begin(), seen_.back().end(), key) != seen_.back().end()) {
-        throw Complaint{columnOf(line_, key, 2), "the key \"" + escaped(key) + "\" comes twice"};
+        throw Complaint{columnOf(line_, key, 2), "the key \"" + key + "\" comes twice"};
       }
       seen_.back().push_back(key);
     }
@@ -81,7 +81,7 @@ json parseJson(const std::string& line) {
     if (const auto colon = reason.find(": "); colon != std::string::npos) {
       reason.erase(0, colon + 2);
     }
-    throw Complaint{error.byte, "malformed JSON: " + escaped(reason)};
+    throw Complaint{error.byte, "malformed JSON: " + reason};
   }
 }
 
@@ -101,7 +101,7 @@ std::string text(const json& object, const std::string& line, const std::string&
 void refuseUnknownKeys(const json& object, const std::string& line) {
   for (const auto& [key, value] : object.items()) {
     if (key == timeKey || std::find(keys.begin(), keys.end(), key) != keys.end()) continue;
-    throw Complaint{columnOf(line, key), "unknown key \"" + escaped(key) + "\"; the nearest is \"" +
+    throw Complaint{columnOf(line, key), "unknown key \"" + key + "\"; the nearest is \"" +
                                              nearest(key, {keys.begin(), keys.end()}) +
                                              "\" (`norvctl help files` lists all)"};
   }

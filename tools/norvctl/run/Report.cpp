@@ -353,7 +353,7 @@ void Report::explain(SessionEnd end, const std::string& complaint) {
         "error flag and goes on");
   }
   if (end == SessionEnd::badInput) {
-    say(complaint + "\nnorvctl: stopped there; " + std::to_string(latencies_.count()) +
+    say(escaped(complaint) + "\nnorvctl: stopped there; " + std::to_string(latencies_.count()) +
         " commands before it were sent");
   }
 }

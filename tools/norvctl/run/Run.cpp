@@ -81,6 +81,12 @@ int run(const Arguments& arguments) {
     std::cerr << "norvctl: " << reason << '\n';
     return badInput;
   }
+  const bool writes = !arguments.record.empty() || !arguments.session.flightRecorder.empty();
+  if (arguments.target.hosts.size() > 1 && writes) {
+    std::cerr
+        << "norvctl: --record and --flight-recorder write a file of one host; give one host\n";
+    return badInput;
+  }
   if (arguments.target.hosts.size() > 1) {
     return runOnEach(arguments.target.hosts, arguments.files, arguments.json);
   }
