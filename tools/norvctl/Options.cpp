@@ -96,8 +96,8 @@ Target::~Target() = default;
 
 void addTimeout(CLI::App& command, double& seconds, const std::string& what) {
   command.add_option("--timeout", seconds, what)
-      ->check(CLI::Validator(checkTimeout, "SECONDS"))
-      ->type_name("")
+      ->check(CLI::Validator(checkTimeout, ""))
+      ->type_name("SECONDS")
       ->capture_default_str();
 }
 

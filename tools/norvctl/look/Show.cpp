@@ -37,6 +37,12 @@ std::vector<std::string> names() {
   return all;
 }
 
+// As in "12 packet/s", "1.5 Mbit/s".
+std::string withUnit(double value, const char* unit) {
+  const std::string number = scaled(value);
+  return number + (number.find(' ') == std::string::npos ? " " : "") + unit;
+}
+
 // Rates between two readings, where the daemon counts.
 ConnectionTexts ratesBetween(const std::vector<Flow>& before, const std::vector<Flow>& now) {
   std::map<std::string, const Flow*> byName;
@@ -46,7 +52,8 @@ ConnectionTexts ratesBetween(const std::vector<Flow>& before, const std::vector<
     const auto was = byName.find(flow.name);
     if (was == byName.end()) continue;
     if (const auto rates = ratesOf(*was->second, flow)) {
-      texts[flow.name] = scaled(rates->at(0)) + "packet/s, " + scaled(rates->at(1)) + "bit/s";
+      texts[flow.name] =
+          withUnit(rates->at(0), "packet/s") + ", " + withUnit(rates->at(1), "bit/s");
     }
   }
   return texts;
@@ -123,7 +130,7 @@ Action defineShow(CLI::App& command) {
       .add_option("--interval", arguments->interval,
                   "SECONDS between the two looks that give the pipeline's rates; 0: no rates")
       ->check(CLI::Range(0.0, 3600.0))
-      ->type_name("")
+      ->type_name("SECONDS")
       ->capture_default_str();
   addTarget(command, arguments->target);
   addTimeout(command, arguments->timeoutSeconds, "SECONDS to wait for each answer");

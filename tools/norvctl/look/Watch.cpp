@@ -177,7 +177,7 @@ Action defineWatch(CLI::App& command) {
   command.add_flag("--json", arguments->asJson, "a JSON object per round");
   command.add_option("--interval", arguments->interval, "SECONDS between two rounds")
       ->check(CLI::Range(0.01, 3600.0))
-      ->type_name("")
+      ->type_name("SECONDS")
       ->capture_default_str();
   command.add_option("--count", arguments->count, "end after so many rounds; 0: never")
       ->type_name("ROUNDS")

@@ -20,7 +20,7 @@ void addRunOptions(CLI::App& command, RunOptions& options) {
                                "after a failed RPC: stop, or clear the error flag and continue"),
             {"stop", "continue"})
       ->check(CLI::IsMember({"stop", "continue"}))
-      ->type_name("")
+      ->type_name("ACTION")
       ->capture_default_str();
   CLI::Option* recorder = command.add_option(
       "--flight-recorder", options.session.flightRecorder,
