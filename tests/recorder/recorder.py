@@ -56,6 +56,8 @@ def expect_valid_json(lines):
         "X": {"name", "cat", "pid", "tid", "ts", "dur", "args"},
         "C": {"name", "pid", "tid", "ts", "args"},
         "i": {"name", "cat", "pid", "tid", "ts", "s"},
+        "s": {"name", "cat", "pid", "tid", "ts", "id"},
+        "f": {"name", "cat", "pid", "tid", "ts", "id", "bp"},
     }
     for event in events:
         assert needed[event["ph"]] <= event.keys(), event
@@ -67,8 +69,11 @@ def expect_valid_json(lines):
         end = event["ts"] + event["dur"]
     depths = {event["name"]: event["args"]["commands"] for event in events if event["ph"] == "C"}
     assert len(depths) == 3 and set(depths.values()) == {0}, depths
+    # An announcement is both a depth and an instant, with a flow to its service.
     others = [event for event in events if event["ph"] in "Ci"]
-    assert len(others) == len(lines), (len(others), len(lines))
+    assert len(others) == len(lines) + commands, (len(others), len(lines))
+    for phase in "sf":
+        assert {event["id"] for event in events if event["ph"] == phase} == set(range(1, commands + 1))
 
 
 def check_ctf():
@@ -99,9 +104,11 @@ def check_svg():
     record()
     target = os.path.join(folder.name, "run.svg")
     run(skein, "export", "--format", "svg", trace, target)
-    titles = xml.dom.minidom.parse(target).getElementsByTagName("title")
-    assert len(titles) == commands
-    assert sum("refused" in title.firstChild.data for title in titles) == 1
+    picture = xml.dom.minidom.parse(target)
+    titles = [title.firstChild.data for title in picture.getElementsByTagName("title")]
+    assert sum(", refused, " in title for title in titles) == 1, titles
+    legend = [text.firstChild.data for text in picture.getElementsByTagName("text")]
+    assert f"{commands - 1} ok" in legend and "1 refused" in legend, legend
 
 
 def run_against(answers, *options):
