@@ -9,6 +9,8 @@
 #include <algorithm>
 #include <chrono>
 #include <fstream>
+#include <cstdio>
+#include <map>
 #include <set>
 #include <stdexcept>
 
@@ -184,29 +186,55 @@ class Player {
     grpc::ClientContext context;
     context.set_deadline(std::chrono::system_clock::now() + std::chrono::seconds(20));
     const grpc::Status status = (stub_.get()->*method)(&context, request, &response);
-    const auto note = [&](const std::string& was, const std::string& is) {
-      result.differences.push_back("line " + std::to_string(result.lines) + " " +
-                                   line.text("type") + " " + toJson(request).substr(0, 300) +
-                                   "\n      recorded " + was + "\n      answered " + is);
+    remember(request, response);
+    const int code = static_cast<int>(status.error_code());
+    const auto note = [&] {
+      result.differences.push_back(
+          {result.lines, line.text("type") + subject(request),
+           outcome(line.status(), expected.error()) + " -> " + outcome(code, response.error()),
+           shortened(toJson(request)), shortened(toJson(expected)), shortened(toJson(response))});
     };
-    const bool codesAgree = static_cast<int>(status.error_code()) == line.status() &&
-                            response.error().code() == expected.error().code();
-    if (!codesAgree) {
-      note("status " + std::to_string(line.status()) + " " + toJson(expected).substr(0, 300),
-           "status " + std::to_string(status.error_code()) + " " + toJson(response).substr(0, 300));
-      return;
-    }
+    if (code != line.status() || response.error().code() != expected.error().code()) return note();
     ++result.codes;
     mask(response);
     mask(expected);
-    if (google::protobuf::util::MessageDifferencer::Equals(expected, response))
-      ++result.bodies;
-    else
-      note(toJson(expected).substr(0, 1500), toJson(response).substr(0, 1500));
+    if (!google::protobuf::util::MessageDifferencer::Equals(expected, response)) return note();
+    ++result.bodies;
   }
+
+  template <class Request, class Response>
+  void remember(const Request& request, const Response& response) {
+    if constexpr (std::is_same_v<Request, bess::pb::CreateModuleRequest>)
+      if (response.error().code() == 0) classes_[response.name()] = request.mclass();
+  }
+
+  // What groups differences: the class and the command, where a request has them.
+  template <class Request>
+  std::string subject(const Request& request) const {
+    if constexpr (std::is_same_v<Request, bess::pb::CreateModuleRequest>)
+      return " " + request.mclass();
+    else if constexpr (std::is_same_v<Request, bess::pb::CommandRequest>)
+      return " " + classOf(request.name()) + " " + request.cmd();
+    else if constexpr (std::is_same_v<Request, bess::pb::GetModuleInfoRequest>)
+      return " " + classOf(request.name());
+    else
+      return "";
+  }
+
+  std::string classOf(const std::string& module) const {
+    const auto found = classes_.find(module);
+    return found == classes_.end() ? "?" : found->second;
+  }
+
+  static std::string outcome(int status, const bess::pb::Error& error) {
+    return status != 0 ? "status " + std::to_string(status) : std::to_string(error.code());
+  }
+
+  static std::string shortened(const std::string& text) { return text.substr(0, 3000); }
 
   Standin::Server server_;
   std::unique_ptr<bess::pb::BESSControl::Stub> stub_;
+  std::map<std::string, std::string> classes_;  // By module.
 };
 
 }  // namespace
@@ -217,23 +245,34 @@ std::shared_ptr<grpc::Channel> directChannel(const std::string& address) {
   return grpc::CreateCustomChannel(address, grpc::InsecureChannelCredentials(), arguments);
 }
 
-std::filesystem::path recordingsFolder() {
-  return STANDIN_RECORDINGS;
+std::vector<std::filesystem::path> recordings(const std::filesystem::path& folder) {
+  std::vector<std::filesystem::path> files;
+  if (!std::filesystem::is_directory(folder)) return files;
+  for (const auto& entry : std::filesystem::directory_iterator(folder))
+    if (entry.path().extension() == ".jsonl") files.push_back(entry.path());
+  std::sort(files.begin(), files.end());
+  return files;
 }
 
-std::vector<std::string> recordings() {
-  std::vector<std::string> names;
-  if (!std::filesystem::is_directory(recordingsFolder())) return names;
-  for (const auto& entry : std::filesystem::directory_iterator(recordingsFolder()))
-    if (entry.path().extension() == ".jsonl") names.push_back(entry.path().stem());
-  std::sort(names.begin(), names.end());
-  return names;
+ReplayResult& ReplayResult::operator+=(const ReplayResult& other) {
+  lines += other.lines;
+  codes += other.codes;
+  bodies += other.bodies;
+  differences.insert(differences.end(), other.differences.begin(), other.differences.end());
+  return *this;
 }
 
-ReplayResult replay(const std::string& recording) {
+std::string ReplayResult::summary() const {
+  char text[160];
+  std::snprintf(text, sizeof text, "%6d lines, codes agree in %6d (%.2f%%), bodies in %6d (%.2f%%)",
+                lines, codes, 100 * codeShare(), bodies, 100 * bodyShare());
+  return text;
+}
+
+ReplayResult replay(const std::filesystem::path& recording) {
   ReplayResult result;
   Player player;
-  std::ifstream file(recordingsFolder() / (recording + ".jsonl"));
+  std::ifstream file(recording);
   std::string text;
   while (std::getline(file, text)) {
     if (text.empty()) continue;
