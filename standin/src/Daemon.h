@@ -27,15 +27,30 @@ class Daemon {
 #include <Norv/GrpcRequests.def>
 
  private:
-  // Attaches waiting leaves where there is a worker and tidies the trees: what pausing and resuming
-  // workers does.
-  void passThroughPause();
-  // The same, and launches worker 0 for leaves that wait without one.
-  void attachOrLaunch();
+  // Held by a request that stops the workers while it changes things. They go on when it ends,
+  // refused or not, and leaves that wait for a place get one then.
+  class Pause {
+   public:
+    explicit Pause(Daemon& daemon) : daemon_(daemon) {}
+    ~Pause() { daemon_.attachLeaves(); }
+    Pause(const Pause&) = delete;
+    Pause& operator=(const Pause&) = delete;
+
+   private:
+    Daemon& daemon_;
+  };
+
+  // Gives the waiting leaves to the workers in turn, the first of which is launched when there is
+  // none, and tidies the trees.
+  void attachLeaves();
   void launchFirstWorker();
   void destroyModuleNamed(const std::string& name);
+  // The worker that a request's `wid` means: -1 is the next one in turn.
+  int workerFor(std::int64_t wid);
   // Hangs the node where the request wants it; loses it when refused.
-  void place(std::unique_ptr<TrafficNode> node, const bess::pb::TrafficClass& wanted);
+  void place(TrafficNode& node, const bess::pb::TrafficClass& wanted);
+  // The class that a request names by its name or by module and task.
+  TrafficNode& trafficClassNamed(const bess::pb::TrafficClass& wanted) const;
   bool reachedByRunningWorker(const Module& module) const;
   void forEachReach(
       bool runningOnly,

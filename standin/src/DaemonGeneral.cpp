@@ -42,7 +42,7 @@ void Daemon::killBess(const bess::pb::EmptyRequest&, bess::pb::EmptyResponse&) {
 
 void Daemon::importPlugin(const bess::pb::ImportPluginRequest& request, bess::pb::EmptyResponse&) {
   const std::string& path = request.path();
-  passThroughPause();
+  const Pause pause(*this);
   if (unloadedPlugins_.count(path) > 0) throw HandlerFailure("Unexpected error in RPC handling");
   // The empty path is the daemon itself.
   if (!path.empty() && !isSharedObject(path)) throw Refusal(-1, "Failed loading plugin " + path);
@@ -51,7 +51,7 @@ void Daemon::importPlugin(const bess::pb::ImportPluginRequest& request, bess::pb
 
 void Daemon::unloadPlugin(const bess::pb::UnloadPluginRequest& request, bess::pb::EmptyResponse&) {
   const std::string& path = request.path();
-  passThroughPause();
+  const Pause pause(*this);
   if (plugins_.erase(path) == 0) throw Refusal(-1, "Failed unloading plugin " + path);
   if (!path.empty()) unloadedPlugins_.insert(path);
 }

@@ -81,7 +81,7 @@ void Daemon::getMclassInfo(const bess::pb::GetMclassInfoRequest& request,
 }
 
 void Daemon::resetModules(const bess::pb::EmptyRequest&, bess::pb::EmptyResponse&) {
-  passThroughPause();
+  const Pause pause(*this);
   while (!pipeline_.all().empty()) destroyModuleNamed(pipeline_.all().begin()->first);
 }
 
@@ -97,8 +97,7 @@ void Daemon::listModules(const bess::pb::EmptyRequest&, bess::pb::ListModulesRes
 void Daemon::createModule(const bess::pb::CreateModuleRequest& request,
                           bess::pb::CreateModuleResponse& response) {
   const Module& module = pipeline_.create(request);
-  for (int task = 0; task < module.tasks(); ++task)
-    classes_.addLeaf(module.name, static_cast<std::uint64_t>(task));
+  classes_.addLeaves(module.name, module.tasks());
   response.mutable_error();
   response.set_name(module.name);
 }
@@ -111,7 +110,7 @@ void Daemon::destroyModuleNamed(const std::string& name) {
 
 void Daemon::destroyModule(const bess::pb::DestroyModuleRequest& request,
                            bess::pb::EmptyResponse&) {
-  passThroughPause();
+  const Pause pause(*this);
   if (request.name().empty()) throw Refusal(EINVAL, "Argument must be a name in str");
   destroyModuleNamed(request.name());
 }
@@ -140,7 +139,7 @@ void Daemon::connectModules(const bess::pb::ConnectModulesRequest& request,
 
 void Daemon::disconnectModules(const bess::pb::DisconnectModulesRequest& request,
                                bess::pb::EmptyResponse&) {
-  passThroughPause();
+  const Pause pause(*this);
   pipeline_.disconnect(request);
 }
 
@@ -166,7 +165,7 @@ void Daemon::moduleCommand(const bess::pb::CommandRequest& request,
 
 void Daemon::configureGateHook(const bess::pb::ConfigureGateHookRequest& request,
                                bess::pb::CommandResponse& response) {
-  passThroughPause();
+  const Pause pause(*this);
   Standin::configureGateHook(pipeline_, request);
   if (request.enable()) response.mutable_error();
 }

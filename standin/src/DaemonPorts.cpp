@@ -36,7 +36,7 @@ void Daemon::getDriverInfo(const bess::pb::GetDriverInfoRequest& request,
 }
 
 void Daemon::resetPorts(const bess::pb::EmptyRequest&, bess::pb::EmptyResponse&) {
-  passThroughPause();
+  const Pause pause(*this);
   ports_.reset();
 }
 
@@ -62,7 +62,7 @@ void Daemon::destroyPort(const bess::pb::DestroyPortRequest& request, bess::pb::
 }
 
 void Daemon::setPortConf(const bess::pb::SetPortConfRequest& request, bess::pb::EmptyResponse&) {
-  passThroughPause();
+  const Pause pause(*this);
   ports_.configure(request.name(), request.conf());
 }
 

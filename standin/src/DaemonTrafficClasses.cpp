@@ -37,7 +37,7 @@ void fill(bess::pb::ListTcsResponse::TrafficClassStatus& status, const TrafficNo
 }  // namespace
 
 void Daemon::resetTcs(const bess::pb::EmptyRequest&, bess::pb::EmptyResponse&) {
-  passThroughPause();
+  const Pause pause(*this);
   classes_.reset();
 }
 
@@ -49,59 +49,67 @@ void Daemon::listTcs(const bess::pb::ListTcsRequest& request, bess::pb::ListTcsR
   });
 }
 
-void Daemon::place(std::unique_ptr<TrafficNode> node, const bess::pb::TrafficClass& wanted) {
-  if (!wanted.parent().empty()) {
-    classes_.attachToParent(std::move(node), wanted);
-    return;
-  }
-  const std::int64_t wid = wanted.wid();
-  if ((wid == -1 || wid == 0) && workers_.empty()) launchFirstWorker();
-  if (wid >= 0 && wid < Workers::limit && workers_.exists(wid)) {
-    classes_.attachToWorker(std::move(node), static_cast<int>(wid));
-  } else if (wid == -1) {
-    classes_.attachToWorker(std::move(node), workers_.next());
-  } else {
-    classes_.lose(std::move(node));
-    if (wid < 0 || wid >= Workers::limit)
-      throw Refusal(EINVAL, "'wid' must be between 0 and " + std::to_string(Workers::limit - 1));
+int Daemon::workerFor(std::int64_t wid) {
+  if (wid < -1 || wid >= Workers::limit)
+    throw Refusal(EINVAL,
+                  "'wid' must be -1 or between 0 and " + std::to_string(Workers::limit - 1));
+  if (wid <= 0 && workers_.empty()) launchFirstWorker();
+  if (wid == -1) return workers_.next();
+  if (!workers_.exists(wid))
     throw Refusal(EINVAL, "worker:" + std::to_string(wid) + " does not exist");
+  return static_cast<int>(wid);
+}
+
+void Daemon::place(TrafficNode& node, const bess::pb::TrafficClass& wanted) {
+  try {
+    if (!wanted.parent().empty())
+      classes_.attachToParent(node, wanted);
+    else
+      classes_.attachToWorker(node, workerFor(wanted.wid()));
+  } catch (const Refusal&) {
+    classes_.lose(node);
+    throw;
   }
 }
 
+TrafficNode& Daemon::trafficClassNamed(const bess::pb::TrafficClass& wanted) const {
+  if (!wanted.leaf_module_name().empty()) {
+    const Module& module = pipeline_.existing(wanted.leaf_module_name());
+    if (wanted.leaf_module_taskid() >= maxTasks)
+      throw Refusal(EINVAL, "'taskid' must be between 0 and " + std::to_string(maxTasks - 1));
+    return classes_.leafOf(module.name, wanted.leaf_module_taskid());
+  }
+  if (wanted.name().empty())
+    throw Refusal(EINVAL, "One of 'name' or 'leaf_module_name' must be specified");
+  TrafficNode* node = classes_.find(wanted.name());
+  if (node == nullptr) throw Refusal(ENOENT, "Tc '" + wanted.name() + "' doesn't exist");
+  return *node;
+}
+
 void Daemon::addTc(const bess::pb::AddTcRequest& request, bess::pb::EmptyResponse&) {
-  passThroughPause();
+  const Pause pause(*this);
   place(classes_.make(request.class_()), request.class_());
 }
 
 void Daemon::updateTcParams(const bess::pb::UpdateTcParamsRequest& request,
                             bess::pb::EmptyResponse&) {
-  passThroughPause();
-  classes_.updateParams(request.class_());
+  const Pause pause(*this);
+  classes_.updateParams(trafficClassNamed(request.class_()), request.class_());
 }
 
 void Daemon::updateTcParent(const bess::pb::UpdateTcParentRequest& request,
                             bess::pb::EmptyResponse&) {
-  passThroughPause();
-  const bess::pb::TrafficClass& wanted = request.class_();
-  TrafficNode* node = nullptr;
-  if (!wanted.leaf_module_name().empty()) {
-    const Module& module = pipeline_.existing(wanted.leaf_module_name());
-    if (wanted.leaf_module_taskid() >= maxTasks)
-      throw Refusal(EINVAL, "'taskid' must be between 0 and " + std::to_string(maxTasks - 1));
-    const std::string task = module.name + ":" + std::to_string(wanted.leaf_module_taskid());
-    node = classes_.find("!leaf_" + task);
-    if (node == nullptr) throw Refusal(ENOENT, "Task " + task + " does not exist");
-  } else if (!wanted.name().empty()) {
-    node = classes_.find(wanted.name());
-    if (node == nullptr) throw Refusal(ENOENT, "Tc '" + wanted.name() + "' doesn't exist");
-  } else {
-    throw Refusal(EINVAL, "One of 'name' or 'leaf_module_name' must be specified");
-  }
-  place(classes_.detach(*node), wanted);
+  const Pause pause(*this);
+  TrafficNode& node = trafficClassNamed(request.class_());
+  const int formerWorker = node.worker;
+  classes_.detach(node);
+  place(node, request.class_());
+  classes_.dropNeedlessTop(formerWorker);
 }
 
 void Daemon::getTcStats(const bess::pb::GetTcStatsRequest& request,
                         bess::pb::GetTcStatsResponse& response) {
+  if (request.name().empty()) throw Refusal(EINVAL, "Argument must be a name in str");
   if (classes_.find(request.name()) == nullptr)
     throw Refusal(ENOENT, "No TC '" + request.name() + "' found");
   response.set_timestamp(now());
@@ -128,7 +136,7 @@ bool Daemon::reachedByRunningWorker(const Module& module) const {
 
 void Daemon::checkSchedulingConstraints(const bess::pb::EmptyRequest&,
                                         bess::pb::CheckSchedulingConstraintsResponse& response) {
-  if (!workers_.anyRunning()) attachOrLaunch();
+  if (!workers_.anyRunning()) attachLeaves();
   std::map<std::string, std::set<int>> reaching;  // Workers, by the module they reach.
   std::set<std::string> scheduled, fed;
   forEachReach(false, [&](int worker, Module& start, Module& reached) {

@@ -11,14 +11,9 @@ void Daemon::launchFirstWorker() {
   workers_.add(0, 0, "");
 }
 
-void Daemon::passThroughPause() {
-  if (!workers_.empty()) classes_.attachWaiting([this] { return workers_.next(); });
-  classes_.dropNeedlessTops();
-}
-
-void Daemon::attachOrLaunch() {
+void Daemon::attachLeaves() {
   if (classes_.anyWaiting() && workers_.empty()) launchFirstWorker();
-  passThroughPause();
+  classes_.attachWaiting([this] { return workers_.next(); });
 }
 
 void Daemon::pauseAll(const bess::pb::EmptyRequest&, bess::pb::EmptyResponse&) {
@@ -30,12 +25,11 @@ void Daemon::pauseWorker(const bess::pb::PauseWorkerRequest& request, bess::pb::
 }
 
 void Daemon::resumeWorker(const bess::pb::ResumeWorkerRequest& request, bess::pb::EmptyResponse&) {
-  if (!workers_.anyRunning()) attachOrLaunch();
   workers_.setRunning(request.wid(), true);
 }
 
 void Daemon::resumeAll(const bess::pb::EmptyRequest&, bess::pb::EmptyResponse&) {
-  if (!workers_.anyRunning()) attachOrLaunch();
+  if (!workers_.anyRunning()) attachLeaves();
   workers_.setRunning(true);
 }
 

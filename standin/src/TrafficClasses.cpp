@@ -10,7 +10,7 @@ namespace Standin {
 
 namespace {
 
-constexpr std::int64_t reservedPriority = 0xffffffff;
+constexpr std::uint32_t reservedPriority = 0xffffffff;
 constexpr const char* policies[] = {"priority", "weighted_fair", "round_robin", "rate_limit"};
 constexpr const char* resources[] = {"count", "cycle", "packet", "bit"};
 
@@ -19,34 +19,35 @@ bool contains(const char* const (&list)[N], const std::string& word) {
   return std::find(std::begin(list), std::end(list), word) != std::end(list);
 }
 
-void setLimits(TrafficNode& node, const bess::pb::TrafficClass& wanted) {
-  const auto value = [&](const auto& byResource) {
-    const auto found = byResource.find(wanted.resource());
-    return found == byResource.end() ? std::int64_t{0} : found->second;
-  };
-  node.resource = wanted.resource();
-  node.limit = value(wanted.limit());
-  node.maxBurst = value(wanted.max_burst());
-}
-
 bool measuresResource(const std::string& policy) {
   return policy == "weighted_fair" || policy == "rate_limit";
 }
 
-// Sets the node's place below `parent` from the request; refuses when the parent cannot take it.
+// Takes resource and limits over; a limit that is not given for the resource keeps its value.
+void setLimits(TrafficNode& node, const bess::pb::TrafficClass& wanted) {
+  if (!contains(resources, wanted.resource())) throw Refusal(EINVAL, "Invalid resource");
+  node.resource = wanted.resource();
+  const auto take = [&](const auto& byResource, std::int64_t& value) {
+    const auto found = byResource.find(wanted.resource());
+    if (found != byResource.end()) value = found->second;
+  };
+  take(wanted.limit(), node.limit);
+  take(wanted.max_burst(), node.maxBurst);
+}
+
+// Sets what the parent's policy wants of a child; refuses when the parent cannot take it.
 void placeBelow(const TrafficNode& parent, TrafficNode& node,
                 const bess::pb::TrafficClass& wanted) {
-  const auto taken = [&](std::int64_t priority) {
-    return std::any_of(parent.children.begin(), parent.children.end(),
-                       [&](const auto& child) { return child->priority == priority; });
-  };
   if (parent.leaf()) throw Refusal(EPERM, "Parent tc doesn't support children");
   if (parent.policy == "priority") {
     if (wanted.arg_case() != bess::pb::TrafficClass::kPriority)
       throw Refusal(EINVAL, "No priority specified");
-    if (wanted.priority() == reservedPriority) throw Refusal(EINVAL, "Priority -1 is reserved");
-    if (taken(wanted.priority())) throw Refusal(EINVAL, "AddChild() failed");
-    node.priority = wanted.priority();
+    const auto priority = static_cast<std::uint32_t>(wanted.priority());
+    if (priority == reservedPriority) throw Refusal(EINVAL, "Priority -1 is reserved");
+    if (std::any_of(parent.children.begin(), parent.children.end(),
+                    [&](const TrafficNode* child) { return child->priority == priority; }))
+      throw Refusal(EINVAL, "AddChild() failed");
+    node.priority = priority;
   } else if (parent.policy == "weighted_fair") {
     if (wanted.arg_case() != bess::pb::TrafficClass::kShare)
       throw Refusal(EINVAL, "No share specified");
@@ -61,49 +62,89 @@ std::string topName(int worker) {
   return "!default_rr_" + std::to_string(worker);
 }
 
-void setWorker(TrafficNode& node, int worker) {
-  node.worker = worker;
-  for (const auto& child : node.children) setWorker(*child, worker);
-}
-
 // `Node` is TrafficNode, const or not.
 template <class Node, class Visit>
 void forEachNode(Node& node, const Visit& visit) {
   visit(node);
-  for (const auto& child : node.children) forEachNode<Node>(*child, visit);
+  for (TrafficNode* child : node.children) forEachNode<Node>(*child, visit);
+}
+
+void setWorker(TrafficNode& node, int worker) {
+  forEachNode(node, [worker](TrafficNode& each) { each.worker = worker; });
 }
 
 }  // namespace
 
-void TrafficClasses::addLeaf(const std::string& module, std::uint64_t task) {
-  auto leaf = std::make_unique<TrafficNode>();
-  leaf->name = "!leaf_" + module + ":" + std::to_string(task);
-  leaf->policy = "leaf";
-  leaf->leafModule = module;
-  leaf->leafTask = task;
-  leaveWaiting(std::move(leaf));
+TrafficNode& TrafficClasses::add(const std::string& name, const std::string& policy) {
+  nodes_.emplace_back();
+  TrafficNode& node = nodes_.back();
+  node.self = std::prev(nodes_.end());
+  node.name = name;
+  node.policy = policy;
+  listed_[name] = &node;
+  return node;
 }
 
-void TrafficClasses::removeLeaves(const std::string& module) {
-  const auto ofModule = [&](const TrafficNode& node) {
-    return node.leaf() && node.leafModule == module;
-  };
-  std::vector<TrafficNode*> found;
-  for (const auto& node : waiting_)
-    if (ofModule(*node)) found.push_back(node.get());
-  for (const auto& [worker, root] : roots_)
-    forEachNode(*root, [&](TrafficNode& node) {
-      if (ofModule(node)) found.push_back(&node);
-    });
-  for (TrafficNode* leaf : found) {
-    unlist(*leaf);
-    TrafficNode* parent = leaf->parent;
-    take(*leaf);
-    prune(parent);
+void TrafficClasses::enter(TrafficNode& node, std::list<TrafficNode*>& row) {
+  node.row = &row;
+  node.place = row.insert(row.end(), &node);
+}
+
+void TrafficClasses::leavePlace(TrafficNode& node) {
+  if (node.row != nullptr) node.row->erase(node.place);
+  const auto root = roots_.find(node.worker);
+  if (root != roots_.end() && root->second == &node) roots_.erase(root);
+  node.row = nullptr;
+  node.parent = nullptr;
+  setWorker(node, -1);
+}
+
+void TrafficClasses::forgetName(TrafficNode& node) {
+  const auto found = listed_.find(node.name);
+  if (found != listed_.end() && found->second == &node) listed_.erase(found);
+}
+
+void TrafficClasses::end(TrafficNode& node) {
+  if (node.leaf()) {
+    const auto leaves = tasks_.find(node.leafModule);
+    if (leaves != tasks_.end()) leaves->second[node.leafTask] = nullptr;
+  }
+  if (node.parent == &node) --ownParents_;
+  forgetName(node);
+  nodes_.erase(node.self);
+}
+
+void TrafficClasses::addLeaves(const std::string& module, int tasks) {
+  for (int task = 0; task < tasks; ++task) {
+    TrafficNode& leaf = add("!leaf_" + module + ":" + std::to_string(task), "leaf");
+    leaf.leafModule = module;
+    leaf.leafTask = static_cast<std::uint64_t>(task);
+    tasks_[module].push_back(&leaf);
+    enter(leaf, waiting_);
   }
 }
 
-std::unique_ptr<TrafficNode> TrafficClasses::make(const bess::pb::TrafficClass& wanted) const {
+void TrafficClasses::removeLeaves(const std::string& module) {
+  const auto leaves = tasks_.find(module);
+  if (leaves == tasks_.end()) return;
+  for (TrafficNode* leaf : leaves->second) {
+    if (leaf == nullptr) continue;
+    leavePlace(*leaf);
+    end(*leaf);
+  }
+  tasks_.erase(leaves);
+}
+
+TrafficNode& TrafficClasses::leafOf(const std::string& module, std::uint64_t task) const {
+  const auto leaves = tasks_.find(module);
+  if (leaves == tasks_.end() || task >= leaves->second.size())
+    throw Refusal(ENOENT, "Task " + module + ":" + std::to_string(task) + " does not exist");
+  TrafficNode* leaf = leaves->second[task];
+  if (leaf == nullptr) throw Refusal(ENOENT, "Error finding TC");
+  return *leaf;
+}
+
+TrafficNode& TrafficClasses::make(const bess::pb::TrafficClass& wanted) {
   if (wanted.name().empty()) throw Refusal(EINVAL, "Missing 'name' field");
   if (wanted.name()[0] == '!') throw Refusal(EINVAL, "TC names starting with '!' are reserved");
   if (find(wanted.name()) != nullptr)
@@ -111,132 +152,84 @@ std::unique_ptr<TrafficNode> TrafficClasses::make(const bess::pb::TrafficClass& 
   if (wanted.policy() == "leaf")
     throw Refusal(EINVAL, "Cannot create leaf TC. Use UpdateTcParentRequest message");
   if (!contains(policies, wanted.policy())) throw Refusal(EINVAL, "Invalid traffic policy");
-  auto node = std::make_unique<TrafficNode>();
-  node->name = wanted.name();
-  node->policy = wanted.policy();
-  if (measuresResource(wanted.policy())) {
-    if (!contains(resources, wanted.resource())) throw Refusal(EINVAL, "Invalid resource");
-    setLimits(*node, wanted);
-  }
+  TrafficNode limits;
+  if (measuresResource(wanted.policy())) setLimits(limits, wanted);
+  TrafficNode& node = add(wanted.name(), wanted.policy());
+  node.resource = limits.resource;
+  node.limit = limits.limit;
+  node.maxBurst = limits.maxBurst;
   return node;
 }
 
-void TrafficClasses::updateParams(const bess::pb::TrafficClass& wanted) {
-  if (wanted.name().empty()) throw Refusal(EINVAL, "Missing 'name' field");
-  TrafficNode* node = find(wanted.name());
-  if (node == nullptr) throw Refusal(ENOENT, "Tc '" + wanted.name() + "' doesn't exist");
-  if (!measuresResource(node->policy))
+void TrafficClasses::updateParams(TrafficNode& node, const bess::pb::TrafficClass& wanted) {
+  if (!measuresResource(node.policy))
     throw Refusal(EINVAL, "Only 'rate_limit' and 'weighted_fair' can be updated");
-  if (!contains(resources, wanted.resource())) throw Refusal(EINVAL, "Invalid resource");
-  setLimits(*node, wanted);
+  setLimits(node, wanted);
 }
 
-std::unique_ptr<TrafficNode> TrafficClasses::take(TrafficNode& node) {
-  std::unique_ptr<TrafficNode> owned;
-  const auto takeFrom = [&](std::vector<std::unique_ptr<TrafficNode>>& nodes) {
-    const auto found = std::find_if(nodes.begin(), nodes.end(),
-                                    [&](const auto& entry) { return entry.get() == &node; });
-    if (found == nodes.end()) return;
-    owned = std::move(*found);
-    nodes.erase(found);
-  };
-  if (node.parent != nullptr) {
-    takeFrom(node.parent->children);
-  } else if (node.worker < 0) {
-    takeFrom(waiting_);
-  } else {
-    owned = std::move(roots_[node.worker]);
-    roots_.erase(node.worker);
-  }
-  owned->parent = nullptr;
-  setWorker(*owned, -1);
-  return owned;
-}
-
-// Ends unlisted nodes that nothing hangs from any more, from `node` upwards.
-void TrafficClasses::prune(TrafficNode* node) {
-  while (node != nullptr && !node->listed && node->children.empty()) {
-    TrafficNode* parent = node->parent;
-    take(*node);
-    node = parent;
-  }
-}
-
-void TrafficClasses::unlist(TrafficNode& node) {
-  const auto found = listed_.find(node.name);
-  if (found != listed_.end() && found->second == &node) listed_.erase(found);
-  node.listed = false;
-}
-
-std::unique_ptr<TrafficNode> TrafficClasses::detach(TrafficNode& leaf) {
+void TrafficClasses::detach(TrafficNode& leaf) {
   if (!leaf.leaf())
     throw Refusal(EINVAL, "Cannot detach '" + leaf.name + "'. while it is part of a worker");
-  return take(leaf);
+  leavePlace(leaf);
 }
 
-void TrafficClasses::attachToParent(std::unique_ptr<TrafficNode> node,
-                                    const bess::pb::TrafficClass& wanted) {
-  try {
-    TrafficNode* parent = find(wanted.parent());
-    if (parent == nullptr) throw Refusal(ENOENT, "Parent TC '" + wanted.parent() + "' not found");
-    if (wanted.wid() != -1) throw Refusal(EINVAL, "Both 'parent' and 'wid'have been specified");
-    placeBelow(*parent, *node, wanted);
-    node->parent = parent;
-    setWorker(*node, parent->worker);
-    list(*node);
-    parent->children.push_back(std::move(node));
-  } catch (const Refusal&) {
-    lose(std::move(node));
-    throw;
-  }
+void TrafficClasses::attachToParent(TrafficNode& node, const bess::pb::TrafficClass& wanted) {
+  if (wanted.wid() != -1) throw Refusal(EINVAL, "Both 'parent' and 'wid'have been specified");
+  // A new class has its name by now, so that it may name itself.
+  TrafficNode* parent = find(wanted.parent());
+  if (parent == nullptr) throw Refusal(ENOENT, "Parent TC '" + wanted.parent() + "' not found");
+  placeBelow(*parent, node, wanted);
+  setWorker(node, parent->worker);
+  if (parent == &node) ++ownParents_;
+  node.parent = parent;
+  enter(node, parent->children);
 }
 
-void TrafficClasses::lose(std::unique_ptr<TrafficNode> node) {
-  unlist(*node);
+void TrafficClasses::lose(TrafficNode& node) {
+  end(node);
 }
 
-void TrafficClasses::attachToWorker(std::unique_ptr<TrafficNode> node, int worker) {
-  setWorker(*node, worker);
-  list(*node);
-  std::unique_ptr<TrafficNode>& root = roots_[worker];
-  if (!root) {
-    root = std::move(node);
+void TrafficClasses::attachToWorker(TrafficNode& node, int worker) {
+  setWorker(node, worker);
+  TrafficNode*& root = roots_[worker];
+  if (root == nullptr) {
+    root = &node;
     return;
   }
   const std::string name = topName(worker);
   if (root->name != name) {
-    auto top = std::make_unique<TrafficNode>();
-    top->name = name;
-    top->policy = "round_robin";
-    top->worker = worker;
-    list(*top);
-    root->parent = top.get();
-    top->children.push_back(std::move(root));
-    root = std::move(top);
+    TrafficNode& top = add(name, "round_robin");
+    top.worker = worker;
+    root->parent = &top;
+    enter(*root, top.children);
+    root = &top;
   }
-  node->parent = root.get();
-  root->children.push_back(std::move(node));
-}
-
-void TrafficClasses::leaveWaiting(std::unique_ptr<TrafficNode> node) {
-  list(*node);
-  waiting_.push_back(std::move(node));
+  node.parent = root;
+  enter(node, root->children);
 }
 
 void TrafficClasses::attachWaiting(const std::function<int()>& nextWorker) {
-  std::vector<std::unique_ptr<TrafficNode>> nodes;
-  nodes.swap(waiting_);
-  for (auto& node : nodes) attachToWorker(std::move(node), nextWorker());
+  while (!waiting_.empty()) {
+    TrafficNode& leaf = *waiting_.front();
+    leavePlace(leaf);
+    attachToWorker(leaf, nextWorker());
+  }
 }
 
-void TrafficClasses::dropNeedlessTops() {
-  for (auto& [worker, root] : roots_) {
-    if (root->name != topName(worker) || root->children.size() != 1) continue;
-    std::unique_ptr<TrafficNode> only = std::move(root->children.front());
-    only->parent = nullptr;
-    unlist(*root);
-    root = std::move(only);
+void TrafficClasses::dropNeedlessTop(int worker) {
+  const auto root = roots_.find(worker);
+  if (root == roots_.end()) return;
+  TrafficNode& top = *root->second;
+  if (top.name != topName(worker) || top.children.size() > 1) return;
+  if (top.children.empty()) {
+    roots_.erase(root);
+  } else {
+    TrafficNode& only = *top.children.front();
+    leavePlace(only);
+    setWorker(only, worker);
+    root->second = &only;
   }
+  end(top);
 }
 
 TrafficNode* TrafficClasses::find(const std::string& name) const {
@@ -245,22 +238,21 @@ TrafficNode* TrafficClasses::find(const std::string& name) const {
 }
 
 void TrafficClasses::reset() {
-  waiting_.clear();
+  while (!waiting_.empty()) {
+    TrafficNode& leaf = *waiting_.front();
+    leavePlace(leaf);
+    end(leaf);
+  }
   listed_.clear();
-  std::vector<TrafficNode*> ends;
-  for (const auto& [worker, root] : roots_)
-    forEachNode(*root, [&](TrafficNode& node) {
-      node.listed = false;
-      if (!node.leaf() && node.children.empty()) ends.push_back(&node);
-    });
-  for (TrafficNode* node : ends) prune(node);
 }
 
 void TrafficClasses::dropTree(int worker) {
-  const auto found = roots_.find(worker);
-  if (found == roots_.end()) return;
-  forEachNode(*found->second, [this](TrafficNode& node) { unlist(node); });
-  roots_.erase(found);
+  const auto root = roots_.find(worker);
+  if (root == roots_.end()) return;
+  std::vector<TrafficNode*> nodes;
+  forEachNode(*root->second, [&](TrafficNode& node) { nodes.push_back(&node); });
+  roots_.erase(root);
+  for (TrafficNode* node : nodes) end(*node);
 }
 
 const TrafficNode* TrafficClasses::firstLeaf(int worker) const {
@@ -273,25 +265,26 @@ const TrafficNode* TrafficClasses::firstLeaf(int worker) const {
 
 std::int64_t TrafficClasses::count(int worker) const {
   std::int64_t nodes = 0;
-  const auto found = roots_.find(worker);
-  if (found != roots_.end()) forEachNode(*found->second, [&](const TrafficNode&) { ++nodes; });
+  const auto root = roots_.find(worker);
+  if (root != roots_.end()) forEachNode(*root->second, [&](const TrafficNode&) { ++nodes; });
   return nodes;
 }
 
 void TrafficClasses::forEachLeaf(int worker,
                                  const std::function<void(const TrafficNode&)>& visit) const {
-  const auto found = roots_.find(worker);
-  if (found == roots_.end()) return;
-  forEachNode(*found->second, [&](const TrafficNode& node) {
+  const auto root = roots_.find(worker);
+  if (root == roots_.end()) return;
+  forEachNode(*root->second, [&](const TrafficNode& node) {
     if (node.leaf()) visit(node);
   });
 }
 
 void TrafficClasses::forEachListed(int worker,
                                    const std::function<void(const TrafficNode&)>& visit) const {
+  if (ownParents_ > 0) return;  // Seen: with a class that is its own parent, nothing is listed.
   for (const auto& [name, node] : listed_) {
     if (worker >= 0 && node->worker != worker) continue;
-    for (const auto& child : node->children) visit(*child);
+    for (const TrafficNode* child : node->children) visit(*child);
     if (node->parent == nullptr) visit(*node);
   }
 }

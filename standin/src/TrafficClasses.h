@@ -2,8 +2,8 @@
 
 #include <cstdint>
 #include <functional>
+#include <list>
 #include <map>
-#include <memory>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -16,10 +16,7 @@ namespace Standin {
 struct TrafficNode {
   std::string name;
   std::string policy;
-  TrafficNode* parent = nullptr;
-  std::vector<std::unique_ptr<TrafficNode>> children;
-  int worker = -1;  // -1 while not attached.
-  bool listed = true;
+  int worker = -1;            // -1 while not attached.
   std::int64_t priority = 0;  // Below a priority node.
   std::int64_t share = 0;     // Below a weighted_fair node.
   std::string resource;
@@ -28,6 +25,14 @@ struct TrafficNode {
   std::string leafModule;
   std::uint64_t leafTask = 0;
 
+  TrafficNode* parent = nullptr;
+  std::list<TrafficNode*> children;
+  // The list that the node stands in, its parent's children or those that wait, and where; null
+  // when it is a root or in no place.
+  std::list<TrafficNode*>* row = nullptr;
+  std::list<TrafficNode*>::iterator place;
+  std::list<TrafficNode>::iterator self;
+
   bool leaf() const { return policy == "leaf"; }
 };
 
@@ -35,33 +40,36 @@ struct TrafficNode {
 // exist is the caller's business. Not thread safe; see Daemon.
 class TrafficClasses {
  public:
-  // Makes the unattached leaf of a module's task.
-  void addLeaf(const std::string& module, std::uint64_t task);
+  TrafficClasses() = default;
+  TrafficClasses(const TrafficClasses&) = delete;
+  TrafficClasses& operator=(const TrafficClasses&) = delete;
+
+  // Makes the leaves of a module's tasks; they wait.
+  void addLeaves(const std::string& module, int tasks);
   void removeLeaves(const std::string& module);
+  // The leaf of a task. Refuses when the module has no such task, and when the leaf was lost.
+  TrafficNode& leafOf(const std::string& module, std::uint64_t task) const;
 
-  // Checks a class to add and makes it, not attached. Refuses as addTc does.
-  std::unique_ptr<TrafficNode> make(const bess::pb::TrafficClass& wanted) const;
-  void updateParams(const bess::pb::TrafficClass& wanted);
-  // Takes a leaf, named directly or by module and task, out of its place. Refuses for other nodes.
-  std::unique_ptr<TrafficNode> detach(TrafficNode& leaf);
-  // Hangs `node` below the parent that `wanted` names; a refused node is destroyed.
-  void attachToParent(std::unique_ptr<TrafficNode> node, const bess::pb::TrafficClass& wanted);
-  void attachToWorker(std::unique_ptr<TrafficNode> node, int worker);
-  // Ends a node that was taken out or made and can be attached nowhere.
-  void lose(std::unique_ptr<TrafficNode> node);
-  // Puts a node among those that wait for a worker.
-  void leaveWaiting(std::unique_ptr<TrafficNode> node);
+  // Checks a class to add and makes it, without a place. Refuses as addTc does.
+  TrafficNode& make(const bess::pb::TrafficClass& wanted);
+  void updateParams(TrafficNode& node, const bess::pb::TrafficClass& wanted);
+  // Takes a leaf out of its place. Refuses for other nodes.
+  void detach(TrafficNode& leaf);
+  // Hangs `node`, which has no place, below the parent that `wanted` names; refuses as addTc does.
+  void attachToParent(TrafficNode& node, const bess::pb::TrafficClass& wanted);
+  void attachToWorker(TrafficNode& node, int worker);
+  // Ends a node that has no place and gets none.
+  void lose(TrafficNode& node);
   bool anyWaiting() const { return !waiting_.empty(); }
-  // Gives each waiting node to the worker that `nextWorker` answers.
+  // Gives each waiting leaf to the worker that `nextWorker` answers.
   void attachWaiting(const std::function<int()>& nextWorker);
-
-  // Ends the round robins that were put on top of a worker's roots and have one child left.
-  void dropNeedlessTops();
+  // Ends the round robin that was put on top of a worker's roots when it has one child left, which
+  // takes its place, or none.
+  void dropNeedlessTop(int worker);
 
   // Null when there is none of that name.
   TrafficNode* find(const std::string& name) const;
-  // Unlists everything. Leaves in a tree stay there, with what is above them, until their modules
-  // go.
+  // Forgets the names of all. What is in a tree stays there and goes on.
   void reset();
   // Ends a worker's tree with all that is in it.
   void dropTree(int worker);
@@ -76,13 +84,17 @@ class TrafficClasses {
   void forEachListed(int worker, const std::function<void(const TrafficNode&)>& visit) const;
 
  private:
-  std::unique_ptr<TrafficNode> take(TrafficNode& node);
-  void prune(TrafficNode* node);
-  void unlist(TrafficNode& node);
-  void list(TrafficNode& node) { listed_[node.name] = &node; }
+  TrafficNode& add(const std::string& name, const std::string& policy);
+  void enter(TrafficNode& node, std::list<TrafficNode*>& row);
+  void leavePlace(TrafficNode& node);
+  void forgetName(TrafficNode& node);
+  void end(TrafficNode& node);
 
-  std::map<int, std::unique_ptr<TrafficNode>> roots_;  // By worker.
-  std::vector<std::unique_ptr<TrafficNode>> waiting_;
+  std::list<TrafficNode> nodes_;
+  std::map<int, TrafficNode*> roots_;  // By worker.
+  std::list<TrafficNode*> waiting_;
+  std::unordered_map<std::string, std::vector<TrafficNode*>> tasks_;  // By module; null when lost.
+  int ownParents_ = 0;  // Classes that are their own parent.
   // The order of listTcs comes from the order of this map: the daemon's own does.
   std::unordered_map<std::string, TrafficNode*> listed_;
 };

@@ -45,9 +45,13 @@ bool Workers::anyRunning() const {
 }
 
 int Workers::next() {
-  while (!exists(turn_)) turn_ = (turn_ + 1) % limit;
+  const auto settle = [this] {
+    while (!exists(turn_)) turn_ = (turn_ + 1) % limit;
+  };
+  settle();
   const int id = turn_;
   turn_ = (turn_ + 1) % limit;
+  settle();
   return id;
 }
 
