@@ -122,7 +122,6 @@ void Daemon::getModuleInfo(const bess::pb::GetModuleInfoRequest& request, Info& 
   response.set_mclass(module.moduleClass->name);
   response.set_desc(module.state->description());
   fillGates(response, module, options_.reportGateHooks);
-  assignMetadata(pipeline_);
   for (const Attribute& attribute : module.state->attributes) {
     Info::Attribute& shown = *response.add_metadata();
     shown.set_name(attribute.name);

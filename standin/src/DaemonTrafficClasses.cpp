@@ -137,6 +137,7 @@ bool Daemon::reachedByRunningWorker(const Module& module) const {
 void Daemon::checkSchedulingConstraints(const bess::pb::EmptyRequest&,
                                         bess::pb::CheckSchedulingConstraintsResponse& response) {
   if (!workers_.anyRunning()) attachLeaves();
+  assignMetadata(pipeline_);
   std::map<std::string, std::set<int>> reaching;  // Workers, by the module they reach.
   std::set<std::string> scheduled, fed;
   forEachReach(false, [&](int worker, Module& start, Module& reached) {

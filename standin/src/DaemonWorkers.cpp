@@ -30,6 +30,7 @@ void Daemon::resumeWorker(const bess::pb::ResumeWorkerRequest& request, bess::pb
 
 void Daemon::resumeAll(const bess::pb::EmptyRequest&, bess::pb::EmptyResponse&) {
   if (!workers_.anyRunning()) attachLeaves();
+  assignMetadata(pipeline_);
   workers_.setRunning(true);
 }
 

@@ -1,54 +1,67 @@
 #include "HeaderModules.h"
 
-#include <arpa/inet.h>
-
 #include <cerrno>
 #include <map>
 
+#include "Checks.h"
 #include "Refusal.h"
 
 namespace Standin {
 
 namespace {
 
-constexpr std::size_t maxPacketSize = 2048;     // Bytes.
-constexpr std::uint64_t maxAttributeSize = 32;  // Bytes.
+constexpr int maxFields = 16;                   // Of one Update or RandomUpdate.
+constexpr int maxTemplates = 64;                // Of one Rewrite.
+constexpr std::uint64_t maxMetadataSize = 32;   // Bytes of one value.
 
-std::uint32_t checkedAddress(const std::string& text) {
-  in_addr address;
-  if (inet_pton(AF_INET, text.c_str(), &address) != 1)
-    throw Refusal(EINVAL, "invalid IP address " + text);
-  return ntohl(address.s_addr);
+void checkCount(int present, int added) {
+  if (present + added > maxFields)
+    throw Refusal(EINVAL, "max " + std::to_string(maxFields) + " variables can be specified");
 }
 
-void declare(std::vector<Attribute>& attributes, const std::string& name, std::uint64_t size,
-             Attribute::Mode mode) {
-  if (name.empty() || size < 1 || size > maxAttributeSize)
-    throw Refusal(EINVAL, "add_metadata_attr() failed");
-  attributes.push_back({name, size, mode});
+// A negative offset wraps around, and so passes.
+void checkReach(std::int64_t offset, std::uint64_t size) {
+  if (static_cast<std::uint64_t>(offset) + size > packetRoom)
+    throw Refusal(EINVAL, "too large 'offset'");
+}
+
+void checkNumberSize(std::uint64_t size, const std::string& where = "") {
+  if (size < 1 || size > maxNumberSize) throw Refusal(EINVAL, where + "'size' must be 1-8");
+}
+
+std::string notCorrect(std::uint64_t bytes) {
+  return "not a correct " + std::to_string(bytes) + "-byte value";
 }
 
 }  // namespace
 
 void UpdateState::add(const bess::pb::UpdateArg& arg) {
+  checkCount(fields_, arg.fields_size());
   for (const auto& field : arg.fields()) {
-    if (field.offset() < 0) throw Refusal(EINVAL, "too small 'offset'");
-    if (field.size() < 1 || field.size() > 8) throw Refusal(EINVAL, "'size' must be 1-8");
+    checkNumberSize(field.size());
+    checkReach(field.offset(), field.size());
   }
+  fields_ += arg.fields_size();
 }
 
 void RandomUpdateState::add(const bess::pb::RandomUpdateArg& arg) {
+  checkCount(fields_, arg.fields_size());
   for (const auto& field : arg.fields()) {
-    if (field.offset() < 0) throw Refusal(EINVAL, "too small 'offset'");
     if (field.size() != 1 && field.size() != 2 && field.size() != 4)
       throw Refusal(EINVAL, "'size' must be 1, 2, or 4");
+    checkReach(field.offset(), field.size());
     if (field.min() > field.max()) throw Refusal(EINVAL, "'min' should not be greater than 'max'");
   }
+  fields_ += arg.fields_size();
 }
 
 void RewriteState::add(const bess::pb::RewriteArg& arg) {
+  if (templates_ + arg.templates_size() > maxTemplates)
+    throw Refusal(EINVAL, "max " + std::to_string(maxTemplates) + " packet templates can be used " + std::to_string(templates_) +
+                              " " + std::to_string(arg.templates_size()));
   for (const std::string& packet : arg.templates())
-    if (packet.size() > maxPacketSize) throw Refusal(EINVAL, "template is too big");
+    if (packet.size() > packetRoom) throw Refusal(EINVAL, "template is too big");
+  templates_ += arg.templates_size();
 }
 
 std::string VlanPushState::description() const {
@@ -57,23 +70,29 @@ std::string VlanPushState::description() const {
 }
 
 void VlanPushState::setTci(const bess::pb::VLANPushArg& arg) {
-  if (arg.tci() > 0xffff) throw Refusal(EINVAL, "TCI value must be 0-65535");
-  tci_ = arg.tci();
+  tci_ = static_cast<std::uint16_t>(arg.tci());
 }
 
 EtherEncapState::EtherEncapState(const bess::pb::EtherEncapArg&) {
-  declare(attributes, "ether_src", 6, Attribute::Mode::Read);
-  declare(attributes, "ether_dst", 6, Attribute::Mode::Read);
-  declare(attributes, "ether_type", 2, Attribute::Mode::Read);
+  declare(*this, "ether_src", 6, Attribute::Mode::Read);
+  declare(*this, "ether_dst", 6, Attribute::Mode::Read);
+  declare(*this, "ether_type", 2, Attribute::Mode::Read);
 }
 
 GenericEncapState::GenericEncapState(const bess::pb::GenericEncapArg& arg) {
-  for (const auto& field : arg.fields()) {
-    if (field.size() < 1 || field.size() > 8) throw Refusal(EINVAL, "'size' must be 1-8");
-    if (field.insertion_case() == bess::pb::GenericEncapArg::EncapField::kAttribute)
-      declare(attributes, field.attribute(), field.size(), Attribute::Mode::Read);
-    else if (field.insertion_case() == bess::pb::GenericEncapArg::EncapField::INSERTION_NOT_SET)
-      throw Refusal(EINVAL, "must specify 'value' or 'attribute'");
+  using Field = bess::pb::GenericEncapArg::EncapField;
+  for (int i = 0; i < arg.fields_size(); ++i) {
+    const Field& field = arg.fields(i);
+    const std::string where = "idx " + std::to_string(i) + ": ";
+    checkNumberSize(field.size(), where);
+    if (field.insertion_case() == Field::kAttribute) {
+      declare(*this, field.attribute(), field.size(), Attribute::Mode::Read, where);
+    } else if (field.insertion_case() == Field::kValue) {
+      if (valueBytes(field.value(), field.size()).empty())
+        throw Refusal(EINVAL, where + notCorrect(field.size()));
+    } else {
+      throw Refusal(EINVAL, where + "must specify 'value' or 'attribute'");
+    }
   }
 }
 
@@ -81,13 +100,49 @@ GenericDecapState::GenericDecapState(const bess::pb::GenericDecapArg& arg) {
   if (arg.bytes() > 1024) throw Refusal(EINVAL, "invalid decap size");
 }
 
+IpEncapState::IpEncapState(const bess::pb::IPEncapArg&) {
+  declare(*this, "ip_src", 4, Attribute::Mode::Read);
+  declare(*this, "ip_dst", 4, Attribute::Mode::Read);
+  declare(*this, "ip_proto", 1, Attribute::Mode::Read);
+  declare(*this, "ip_nexthop", 4, Attribute::Mode::Write);
+  declare(*this, "ether_type", 2, Attribute::Mode::Write);
+}
+
+VxlanDecapState::VxlanDecapState(const bess::pb::VXLANDecapArg&) {
+  declare(*this, "tun_ip_src", 4, Attribute::Mode::Write);
+  declare(*this, "tun_ip_dst", 4, Attribute::Mode::Write);
+  declare(*this, "tun_id", 4, Attribute::Mode::Write);
+}
+
 VxlanEncapState::VxlanEncapState(const bess::pb::VXLANEncapArg& arg) {
   if (arg.dstport() >= 65536) throw Refusal(EINVAL, "invalid 'dstport' field");
+  declare(*this, "tun_ip_src", 4, Attribute::Mode::Read);
+  declare(*this, "tun_ip_dst", 4, Attribute::Mode::Read);
+  declare(*this, "tun_id", 4, Attribute::Mode::Read);
+  declare(*this, "ip_src", 4, Attribute::Mode::Write);
+  declare(*this, "ip_dst", 4, Attribute::Mode::Write);
+  declare(*this, "ip_proto", 1, Attribute::Mode::Write);
 }
 
 SetMetadataState::SetMetadataState(const bess::pb::SetMetadataArg& arg) {
-  for (const auto& attr : arg.attrs())
-    declare(attributes, attr.name(), attr.size(), Attribute::Mode::Write);
+  using Attr = bess::pb::SetMetadataArg::Attribute;
+  if (arg.attrs_size() == 0) throw Refusal(EINVAL, "'attrs' must be specified");
+  for (const Attr& attr : arg.attrs()) {
+    if (attr.name().empty()) throw Refusal(EINVAL, "'name' field is missing");
+    if (attr.size() < 1 || attr.size() > maxMetadataSize)
+      throw Refusal(EINVAL, "'size' must be 1-" + std::to_string(maxMetadataSize));
+    if (attr.value_case() == Attr::kValueInt) {
+      if (numberBytes(attr.value_int(), attr.size()).empty())
+        throw Refusal(EINVAL, "'value_int' field has " + notCorrect(attr.size()));
+    } else if (attr.value_case() == Attr::kValueBin) {
+      if (attr.value_bin().size() != attr.size())
+        throw Refusal(EINVAL, "'value_bin' field has " + notCorrect(attr.size()));
+    } else if (attr.offset() < 0 ||
+               static_cast<std::uint64_t>(attr.offset()) + attr.size() > packetRoom) {
+      throw Refusal(EINVAL, "invalid packet offset");
+    }
+    declare(*this, attr.name(), attr.size(), Attribute::Mode::Write);
+  }
 }
 
 MetadataTestState::MetadataTestState(const bess::pb::MetadataTestArg& arg) {
@@ -95,7 +150,7 @@ MetadataTestState::MetadataTestState(const bess::pb::MetadataTestArg& arg) {
     std::map<std::string, std::int64_t> byName;  // The message's own map has no order.
     for (const auto& entry : sizes) byName[entry.first] = entry.second;
     for (const auto& [name, size] : byName)
-      declare(attributes, name, size < 0 ? 0 : static_cast<std::uint64_t>(size), mode);
+      declare(*this, name, size < 0 ? 0 : static_cast<std::uint64_t>(size), mode);
   };
   declareAll(arg.read(), Attribute::Mode::Read);
   declareAll(arg.write(), Attribute::Mode::Write);
@@ -105,31 +160,44 @@ MetadataTestState::MetadataTestState(const bess::pb::MetadataTestArg& arg) {
 NatState::NatState(const bess::pb::NATArg& arg) {
   if (arg.ext_addrs_size() == 0)
     throw Refusal(EINVAL, "at least one external IP address must be specified");
-  for (const auto& external : arg.ext_addrs()) {
-    checkedAddress(external.ext_addr());
+  // The ranges of all come before the first address.
+  for (const auto& external : arg.ext_addrs())
     for (const auto& range : external.port_ranges())
       if (range.begin() >= range.end() || range.end() > 65535)
         throw Refusal(EINVAL, "Port range for address " + external.ext_addr() + " is malformed");
-  }
+  for (const auto& external : arg.ext_addrs())
+    checkedAddress(external.ext_addr(), "invalid IP address ");
 }
 
 StaticNatState::StaticNatState(const bess::pb::StaticNATArg& arg) {
+  const auto size = [](const bess::pb::StaticNATArg::AddressRange& range, const char* side) {
+    const std::uint32_t start = checkedAddress(range.start(), "invalid IP address ");
+    const std::uint32_t end = checkedAddress(range.end(), "invalid IP address ");
+    if (end < start)
+      throw Refusal(EINVAL, std::string("invalid ") + side + " IP address range");
+    return end - start;
+  };
   for (const auto& pair : arg.pairs()) {
-    const std::uint32_t inner =
-        checkedAddress(pair.int_range().end()) - checkedAddress(pair.int_range().start());
-    const std::uint32_t outer =
-        checkedAddress(pair.ext_range().end()) - checkedAddress(pair.ext_range().start());
-    if (inner != outer) throw Refusal(EINVAL, "internal and external ranges differ in size");
+    const std::uint32_t inner = size(pair.int_range(), "internal");
+    const std::uint32_t outer = size(pair.ext_range(), "external");
+    if (inner != outer)
+      throw Refusal(EINVAL, "internal and external IP address ranges must have the same size");
   }
 }
 
 void ArpResponderState::add(const bess::pb::ArpResponderArg& arg) {
-  if (arg.ip().empty()) throw Refusal(EINVAL, "IP address is not given");
-  checkedAddress(arg.ip());
+  if (arg.ip().empty()) throw Refusal(EINVAL, "IP address is missing");
+  checkedAddress(arg.ip(), "Invalid IP Address: ");
+  if (macNumber(arg.mac_addr()) < 0)
+    throw Refusal(EINVAL, "Invalid MAC Address: " + arg.mac_addr());
+}
+
+DumpState::DumpState(const bess::pb::DumpArg& arg) {
+  if (arg.interval() != 0) setInterval(arg);  // 0 stands for the default.
 }
 
 void DumpState::setInterval(const bess::pb::DumpArg& arg) {
-  if (arg.interval() < 0) throw Refusal(EINVAL, "invalid interval, must be 0 or greater");
+  if (!(arg.interval() > 0)) throw Refusal(EINVAL, "invalid interval");
 }
 
 }  // namespace Standin

@@ -14,21 +14,30 @@ class UpdateState : public ModuleState {
  public:
   explicit UpdateState(const bess::pb::UpdateArg& arg) { add(arg); }
   void add(const bess::pb::UpdateArg& arg);
-  void clear(const bess::pb::EmptyArg&) {}
+  void clear(const bess::pb::EmptyArg&) { fields_ = 0; }
+
+ private:
+  int fields_ = 0;
 };
 
 class RandomUpdateState : public ModuleState {
  public:
   explicit RandomUpdateState(const bess::pb::RandomUpdateArg& arg) { add(arg); }
   void add(const bess::pb::RandomUpdateArg& arg);
-  void clear(const bess::pb::EmptyArg&) {}
+  void clear(const bess::pb::EmptyArg&) { fields_ = 0; }
+
+ private:
+  int fields_ = 0;
 };
 
 class RewriteState : public ModuleState {
  public:
   explicit RewriteState(const bess::pb::RewriteArg& arg) { add(arg); }
   void add(const bess::pb::RewriteArg& arg);
-  void clear(const bess::pb::EmptyArg&) {}
+  void clear(const bess::pb::EmptyArg&) { templates_ = 0; }
+
+ private:
+  int templates_ = 0;
 };
 
 class VlanPushState : public ModuleState {
@@ -54,6 +63,16 @@ class GenericEncapState : public ModuleState {
 class GenericDecapState : public ModuleState {
  public:
   explicit GenericDecapState(const bess::pb::GenericDecapArg& arg);
+};
+
+class IpEncapState : public ModuleState {
+ public:
+  explicit IpEncapState(const bess::pb::IPEncapArg& arg);
+};
+
+class VxlanDecapState : public ModuleState {
+ public:
+  explicit VxlanDecapState(const bess::pb::VXLANDecapArg& arg);
 };
 
 class VxlanEncapState : public ModuleState {
@@ -90,7 +109,7 @@ class ArpResponderState : public ModuleState {
 
 class DumpState : public ModuleState {
  public:
-  explicit DumpState(const bess::pb::DumpArg& arg) { setInterval(arg); }
+  explicit DumpState(const bess::pb::DumpArg& arg);
   void setInterval(const bess::pb::DumpArg& arg);
 };
 

@@ -3,32 +3,23 @@
 #include <arpa/inet.h>
 
 #include <cerrno>
+#include <cinttypes>
 #include <cstdio>
 
+#include "Checks.h"
 #include "Refusal.h"
 
 namespace Standin {
 
 namespace {
 
-constexpr std::size_t maxFieldBytes = 8;
 constexpr std::size_t maxFields = 8;
+constexpr std::uint32_t maxOffset = 1024;  // Bytes into the packet.
 constexpr std::int64_t defaultTableSize = 4096;
 
 void checkGate(std::uint64_t gate) {
   const std::uint16_t cut = gateCut(gate);
-  if (cut > gateLimit) throw Refusal(EINVAL, "Invalid gate: " + std::to_string(cut));
-}
-
-// The six bytes as a number; -1 when the text is no address.
-std::int64_t macNumber(const std::string& text) {
-  unsigned byte[6];
-  if (std::sscanf(text.c_str(), "%x:%x:%x:%x:%x:%x", &byte[0], &byte[1], &byte[2], &byte[3],
-                  &byte[4], &byte[5]) != 6)
-    return -1;
-  std::int64_t number = 0;
-  for (unsigned b : byte) number = number << 8 | (b & 255u);
-  return number;
+  if (!nameable(cut)) throw Refusal(EINVAL, "Invalid gate: " + std::to_string(cut));
 }
 
 std::uint64_t checkedMac(const std::string& text, const char* command) {
@@ -58,54 +49,88 @@ std::pair<std::uint32_t, std::uint64_t> checkedPrefix(const std::string& prefix,
   return {bits, length};
 }
 
+// The bytes as this machine reads them, the least significant first.
+std::uint64_t machineNumber(const std::string& bytes) {
+  std::uint64_t number = 0;
+  for (std::size_t i = bytes.size(); i-- > 0;)
+    number = number << 8 | static_cast<unsigned char>(bytes[i]);
+  return number;
+}
+
 std::string ruleText(std::size_t fields, std::size_t rules) {
   return std::to_string(fields) + " fields, " + std::to_string(rules) + " rules";
 }
 
 }  // namespace
 
-MatchFields::MatchFields(const google::protobuf::RepeatedPtrField<bess::pb::Field>& fields,
-                         std::vector<Attribute>& attributes) {
+MatchFields::MatchFields(const Fields& fields, std::vector<Attribute>& attributes,
+                         Wording wording) {
   if (static_cast<std::size_t>(fields.size()) > maxFields)
     throw Refusal(EINVAL, "Cannot add more than " + std::to_string(maxFields) + " fields");
   for (const bess::pb::Field& field : fields) {
-    if (field.num_bytes() < 1 || field.num_bytes() > maxFieldBytes)
-      throw Refusal(EINVAL, "idx " + std::to_string(bytes_.size()) + ": 'size' must be in [1,8]");
-    if (field.position_case() == bess::pb::Field::kAttrName)
+    const std::string where = "idx " + std::to_string(bytes_.size()) + ": ";
+    check(field, wording == Wording::Exact ? where : "", wording);
+    if (field.position_case() == bess::pb::Field::kAttrName) {
+      if (field.attr_name().empty()) throw Refusal(EINVAL, "add_metadata_attr() failed");
       attributes.push_back({field.attr_name(), field.num_bytes(), Attribute::Mode::Read});
-    else if (field.offset() > 1024)
-      throw Refusal(EINVAL, "idx " + std::to_string(bytes_.size()) + ": invalid 'offset'");
+    }
     bytes_.push_back(field.num_bytes());
   }
 }
 
-std::string MatchFields::key(
-    const google::protobuf::RepeatedPtrField<bess::pb::FieldData>& values) const {
+void MatchFields::check(const bess::pb::Field& field, const std::string& where,
+                        Wording wording) const {
+  const bool exact = wording == Wording::Exact;
+  if (field.num_bytes() < 1 || field.num_bytes() > maxNumberSize)
+    throw Refusal(EINVAL, where + (exact ? "'size' must be in [1,8]" : "'size' must be 1-8"));
+  // An exact match reads a field without position as one at the beginning of the packet.
+  if (!exact && field.position_case() == bess::pb::Field::POSITION_NOT_SET)
+    throw Refusal(EINVAL, "specify 'offset' or 'attr'");
+  if (field.position_case() == bess::pb::Field::kOffset && field.offset() > maxOffset)
+    throw Refusal(EINVAL, where + (exact ? "invalid 'offset'" : "too small 'offset'"));
+}
+
+std::string MatchFields::part(const Values& values, int field) const {
+  const std::size_t width = bytes_[static_cast<std::size_t>(field)];
+  std::string part = valueBytes(values[field], width);
+  if (part.empty())
+    throw Refusal(EINVAL, "idx " + std::to_string(field) + ": not a correct " +
+                              std::to_string(width) + "-byte value");
+  return part;
+}
+
+std::string MatchFields::key(const Values& values) const {
   if (static_cast<std::size_t>(values.size()) != bytes_.size())
-    throw Refusal(EINVAL, "must specify " + std::to_string(bytes_.size()) + " masks or values");
+    throw Refusal(EINVAL, "rule should have " + std::to_string(bytes_.size()) + " fields (has " +
+                              std::to_string(values.size()) + ")");
+  std::string key;
+  for (int i = 0; i < values.size(); ++i) key += part(values, i);
+  return key;
+}
+
+std::string MatchFields::key(const Values& values, const Values& masks) const {
+  if (static_cast<std::size_t>(values.size()) != bytes_.size())
+    throw Refusal(EINVAL, "must specify " + std::to_string(bytes_.size()) + " values");
+  if (static_cast<std::size_t>(masks.size()) != bytes_.size())
+    throw Refusal(EINVAL, "must specify " + std::to_string(bytes_.size()) + " masks");
   std::string key;
   for (int i = 0; i < values.size(); ++i) {
-    const std::size_t width = bytes_[static_cast<std::size_t>(i)];
-    std::string part(width, '\0');
-    if (values[i].encoding_case() == bess::pb::FieldData::kValueInt) {
-      std::uint64_t rest = values[i].value_int();
-      for (std::size_t b = width; b-- > 0; rest >>= 8) part[b] = static_cast<char>(rest & 255);
-      if (rest != 0)
-        throw Refusal(EINVAL, "idx " + std::to_string(i) + ": not a correct " +
-                                  std::to_string(width) + "-byte value");
-    } else if (values[i].value_bin().size() == width) {
-      part = values[i].value_bin();
-    } else {
-      throw Refusal(EINVAL, "idx " + std::to_string(i) + ": not a correct " +
-                                std::to_string(width) + "-byte value");
+    const std::string value = part(values, i), mask = part(masks, i);
+    const std::uint64_t valueBits = machineNumber(value), maskBits = machineNumber(mask);
+    if ((valueBits & ~maskBits) != 0) {
+      char text[120];
+      std::snprintf(text, sizeof text,
+                    "idx %d: invalid pair of value 0x%" PRIx64 " and mask 0x%" PRIx64, i, valueBits,
+                    maskBits);
+      throw Refusal(EINVAL, text);
     }
-    key += part;
+    key += value + mask;
   }
   return key;
 }
 
 ExactMatchState::ExactMatchState(const bess::pb::ExactMatchArg& arg)
-    : fields_(arg.fields(), attributes) {
+    : fields_(arg.fields(), attributes, MatchFields::Wording::Exact) {
   if (arg.masks_size() != 0) fields_.key(arg.masks());
 }
 
@@ -146,7 +171,7 @@ void ExactMatchState::setConfig(const bess::pb::ExactMatchConfig& config) {
 }
 
 WildcardMatchState::WildcardMatchState(const bess::pb::WildcardMatchArg& arg)
-    : fields_(arg.fields(), attributes) {}
+    : fields_(arg.fields(), attributes, MatchFields::Wording::Wildcard) {}
 
 std::string WildcardMatchState::description() const {
   return ruleText(fields_.size(), rules_.size());
@@ -154,11 +179,11 @@ std::string WildcardMatchState::description() const {
 
 void WildcardMatchState::add(const bess::pb::WildcardMatchCommandAddArg& arg) {
   checkGate(arg.gate());
-  rules_[fields_.key(arg.values()) + fields_.key(arg.masks())] = arg;
+  rules_[fields_.key(arg.values(), arg.masks())] = arg;
 }
 
 void WildcardMatchState::remove(const bess::pb::WildcardMatchCommandDeleteArg& arg) {
-  if (rules_.erase(fields_.key(arg.values()) + fields_.key(arg.masks())) == 0)
+  if (rules_.erase(fields_.key(arg.values(), arg.masks())) == 0)
     throw Refusal(ENOENT, "failed to delete a rule");
 }
 
@@ -178,7 +203,7 @@ void WildcardMatchState::setConfig(const bess::pb::WildcardMatchConfig& config) 
   std::map<std::string, bess::pb::WildcardMatchCommandAddArg> rules;
   for (const auto& rule : config.rules()) {
     checkGate(rule.gate());
-    rules[fields_.key(rule.values()) + fields_.key(rule.masks())] = rule;
+    rules[fields_.key(rule.values(), rule.masks())] = rule;
   }
   rules_ = std::move(rules);
   defaultGate_ = gateCut(config.default_gate());
@@ -217,10 +242,6 @@ void L2ForwardState::remove(const bess::pb::L2ForwardCommandDeleteArg& arg) {
       throw Refusal(ENOENT, "MAC address '" + address + "' does not exist");
 }
 
-void L2ForwardState::setDefaultGate(const bess::pb::L2ForwardCommandSetDefaultGateArg& arg) {
-  if (arg.gate() != -1) checkGate(static_cast<std::uint64_t>(arg.gate()));
-}
-
 bess::pb::L2ForwardCommandLookupResponse L2ForwardState::lookup(
     const bess::pb::L2ForwardCommandLookupArg& arg) const {
   bess::pb::L2ForwardCommandLookupResponse answer;
@@ -234,6 +255,7 @@ bess::pb::L2ForwardCommandLookupResponse L2ForwardState::lookup(
 }
 
 void L2ForwardState::populate(const bess::pb::L2ForwardCommandPopulateArg& arg) {
+  if (arg.base().empty()) throw Refusal(EINVAL, "base must exist in gen, and must be string");
   const std::int64_t base = macNumber(arg.base());
   if (base < 0) throw Refusal(EINVAL, " is not a proper mac address");
   if (arg.count() < 0 || arg.count() > (1 << 20) || arg.gate_count() < 1)
@@ -251,16 +273,6 @@ void BpfState::add(const bess::pb::BPFArg& arg) {
 
 void BpfState::remove(const bess::pb::BPFArg& arg) {
   for (const auto& filter : arg.filters()) filters_.erase(filter.filter());
-}
-
-void AclState::add(const bess::pb::ACLArg& arg) {
-  for (const auto& rule : arg.rules())
-    for (const std::string& prefix : {rule.src_ip(), rule.dst_ip()}) {
-      in_addr address;
-      if (!prefix.empty() &&
-          inet_pton(AF_INET, prefix.substr(0, prefix.find('/')).c_str(), &address) != 1)
-        throw Refusal(EINVAL, "Invalid IP prefix: " + prefix);
-    }
 }
 
 std::string UrlFilterState::description() const {

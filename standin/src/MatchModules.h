@@ -16,14 +16,24 @@ namespace Standin {
 // The fields of a matching module and the number of bytes of each.
 class MatchFields {
  public:
+  using Fields = google::protobuf::RepeatedPtrField<bess::pb::Field>;
+  using Values = google::protobuf::RepeatedPtrField<bess::pb::FieldData>;
+  // Whose words a refusal uses.
+  enum class Wording { Exact, Wildcard };
+
+  MatchFields() = default;
   // Adds the metadata that the fields read to `attributes`.
-  MatchFields(const google::protobuf::RepeatedPtrField<bess::pb::Field>& fields,
-              std::vector<Attribute>& attributes);
+  MatchFields(const Fields& fields, std::vector<Attribute>& attributes, Wording wording);
   std::size_t size() const { return bytes_.size(); }
   // The values side by side, each as wide as its field. Refuses when they do not fit the fields.
-  std::string key(const google::protobuf::RepeatedPtrField<bess::pb::FieldData>& values) const;
+  std::string key(const Values& values) const;
+  // The same of values and masks; refuses values with bits that their masks leave out.
+  std::string key(const Values& values, const Values& masks) const;
 
  private:
+  void check(const bess::pb::Field& field, const std::string& where, Wording wording) const;
+  std::string part(const Values& values, int field) const;
+
   std::vector<std::size_t> bytes_;
 };
 
@@ -79,7 +89,8 @@ class L2ForwardState : public ModuleState {
   void add(const bess::pb::L2ForwardCommandAddArg& arg);
   // Entries before the refused one are gone.
   void remove(const bess::pb::L2ForwardCommandDeleteArg& arg);
-  void setDefaultGate(const bess::pb::L2ForwardCommandSetDefaultGateArg& arg);
+  // Any gate will do.
+  void setDefaultGate(const bess::pb::L2ForwardCommandSetDefaultGateArg&) {}
   bess::pb::L2ForwardCommandLookupResponse lookup(
       const bess::pb::L2ForwardCommandLookupArg& arg) const;
   void populate(const bess::pb::L2ForwardCommandPopulateArg& arg);
@@ -99,10 +110,11 @@ class BpfState : public ModuleState {
   std::set<std::string> filters_;
 };
 
+// Takes any rule; a prefix that is none matches something or other.
 class AclState : public ModuleState {
  public:
-  explicit AclState(const bess::pb::ACLArg& arg) { add(arg); }
-  void add(const bess::pb::ACLArg& arg);
+  explicit AclState(const bess::pb::ACLArg&) {}
+  void add(const bess::pb::ACLArg&) {}
   void clear(const bess::pb::EmptyArg&) {}
 };
 

@@ -68,7 +68,7 @@ std::unique_ptr<ModuleState> make(const Any& arg, Ports&) {
 
 template <class Arg, Direction direction>
 std::unique_ptr<ModuleState> makePortUser(const Any& any, Ports& ports) {
-  return std::make_unique<PortUserState>(ports, unpack<Arg>(any).port(), direction, -1);
+  return std::make_unique<PortUserState>(ports, unpack<Arg>(any).port(), direction);
 }
 
 template <class Arg, Direction direction>
@@ -97,8 +97,8 @@ constexpr ModuleCommand counterCommands[] = {
     {"remove", "CounterRemoveArg", false, acceptAll},
 };
 constexpr ModuleCommand drrCommands[] = {
-    {"set_quantum_size", "DRRQuantumArg", true, call<&DrrState::setQuantum>},
-    {"set_max_flow_queue_size", "DRRMaxFlowQueueSizeArg", true,
+    {"set_quantum_size", "DRRQuantumArg", false, call<&DrrState::setQuantum>},
+    {"set_max_flow_queue_size", "DRRMaxFlowQueueSizeArg", false,
      call<&DrrState::setMaxFlowQueueSize>},
 };
 constexpr ModuleCommand dumpCommands[] = {
@@ -293,7 +293,7 @@ constexpr ModuleClass classTable[] = {
      noCommands, "computes the checksum of the IPv4 header anew"},
     {"IPDefrag",           nullptr,      1,         2,         0, 0, plain,
      noCommands, "puts IPv4 fragments together again"},
-    {"IPEncap",            nullptr,      1,         1,         0, 0, plain,
+    {"IPEncap",            nullptr,      1,         1,         0, 0, make<IpEncapState, IPEncapArg>,
      noCommands, "puts an IPv4 header in front, made from metadata"},
     {"IPFrag",             nullptr,      1,         2,         0, 0, plain,
      ipFragCommands, "cuts IPv4 packets that are too long into fragments"},
@@ -351,7 +351,7 @@ constexpr ModuleClass classTable[] = {
      noCommands, "takes the gate's number from packet bytes or metadata"},
     {"StaticNAT",          nullptr,      2,         2,         0, 0, make<StaticNatState, StaticNATArg>,
      staticNATCommands, "translates address ranges one to one, keeping no flows"},
-    {"Timestamp",          nullptr,      1,         1,         0, 0, plain,
+    {"Timestamp",          nullptr,      1,         1,         0, 0, make<TimestampState, TimestampArg>,
      noCommands, "writes the time of passing into packets, for Measure"},
     {"Update",             nullptr,      1,         1,         0, 0, make<UpdateState, UpdateArg>,
      updateCommands, "overwrites packet bytes with given values"},
@@ -365,7 +365,7 @@ constexpr ModuleClass classTable[] = {
      vlanPushCommands, "puts a VLAN tag on"},
     {"VLANSplit",          nullptr,      1,         4096,      0, 0, plain,
      noCommands, "takes the gate's number from the VLAN tag, which comes off"},
-    {"VXLANDecap",         nullptr,      1,         1,         0, 0, plain,
+    {"VXLANDecap",         nullptr,      1,         1,         0, 0, make<VxlanDecapState, VXLANDecapArg>,
      noCommands, "takes the outer headers down to VXLAN off"},
     {"VXLANEncap",         nullptr,      1,         1,         0, 0, make<VxlanEncapState, VXLANEncapArg>,
      noCommands, "puts UDP and VXLAN headers in front"},

@@ -14,6 +14,8 @@ class Ports;
 
 // Output gates are numbered below this, whatever the class.
 constexpr std::uint16_t gateLimit = 8192;
+// Stands for dropping where a gate is named.
+constexpr std::uint16_t dropGate = gateLimit;
 // Packets that a task handles in one run, at most.
 constexpr std::uint64_t burstLimit = 64;
 
@@ -49,10 +51,5 @@ using ModuleStateFactory = std::unique_ptr<ModuleState> (*)(const google::protob
 inline std::uint16_t gateCut(std::uint64_t gate) {
   return static_cast<std::uint16_t>(gate);
 }
-
-// Gates for a splitting module, cut as the daemon does; refuses with "`text`N".
-std::vector<std::uint16_t> checkedGates(const google::protobuf::RepeatedField<std::int64_t>& gates,
-                                        const char* text);
-void checkBurst(std::uint64_t burst);
 
 }  // namespace Standin

@@ -2,6 +2,7 @@
 
 #include <cerrno>
 
+#include "Checks.h"
 #include "Refusal.h"
 
 namespace Standin {
@@ -9,6 +10,7 @@ namespace Standin {
 namespace {
 
 constexpr std::uint32_t workerLimit = 64;
+constexpr int maxCopies = 32;  // Gates of one Replicate.
 
 void checkDropRate(double rate) {
   if (!(rate >= 0 && rate <= 1)) throw Refusal(EINVAL, "drop rate needs to be between [0, 1]");
@@ -19,6 +21,11 @@ void checkTurnMode(const std::string& mode) {
     throw Refusal(EINVAL, "argument must be either 'packet' or 'batch'");
 }
 
+void checkCopies(int gates) {
+  if (gates > maxCopies)
+    throw Refusal(EINVAL, "no more than " + std::to_string(maxCopies) + " gates");
+}
+
 void checkHashMode(const std::string& mode) {
   if (mode != "l2" && mode != "l3" && mode != "l4")
     throw Refusal(EINVAL, "available LB modes: l2, l3, l4");
@@ -26,19 +33,8 @@ void checkHashMode(const std::string& mode) {
 
 }  // namespace
 
-std::vector<std::uint16_t> checkedGates(const google::protobuf::RepeatedField<std::int64_t>& gates,
-                                        const char* text) {
-  std::vector<std::uint16_t> result;
-  for (std::int64_t gate : gates) {
-    const std::uint16_t cut = gateCut(static_cast<std::uint64_t>(gate));
-    if (cut >= gateLimit) throw Refusal(EINVAL, text + std::to_string(cut));
-    result.push_back(cut);
-  }
-  return result;
-}
-
 RoundRobinState::RoundRobinState(const bess::pb::RoundRobinArg& arg) {
-  checkedGates(arg.gates(), "invalid gate ");
+  checkGates(arg.gates(), "invalid gate ");
   if (!arg.mode().empty()) checkTurnMode(arg.mode());
 }
 
@@ -47,12 +43,12 @@ void RoundRobinState::setMode(const bess::pb::RoundRobinCommandSetModeArg& arg) 
 }
 
 void RoundRobinState::setGates(const bess::pb::RoundRobinCommandSetGatesArg& arg) {
-  checkedGates(arg.gates(), "invalid gate ");
+  checkGates(arg.gates(), "invalid gate ");
 }
 
 RandomSplitState::RandomSplitState(const bess::pb::RandomSplitArg& arg) {
   checkDropRate(arg.drop_rate());
-  checkedGates(arg.gates(), "Invalid gate ");
+  checkGates(arg.gates(), "Invalid gate ");
 }
 
 void RandomSplitState::setDropRate(const bess::pb::RandomSplitCommandSetDroprateArg& arg) {
@@ -60,46 +56,63 @@ void RandomSplitState::setDropRate(const bess::pb::RandomSplitCommandSetDroprate
 }
 
 void RandomSplitState::setGates(const bess::pb::RandomSplitCommandSetGatesArg& arg) {
-  checkedGates(arg.gates(), "Invalid gate ");
+  checkGates(arg.gates(), "Invalid gate ");
 }
 
 ReplicateState::ReplicateState(const bess::pb::ReplicateArg& arg) {
-  checkedGates(arg.gates(), "Invalid gate ");
+  checkCopies(arg.gates_size());
 }
 
 void ReplicateState::setGates(const bess::pb::ReplicateCommandSetGatesArg& arg) {
-  checkedGates(arg.gates(), "Invalid gate ");
+  checkCopies(arg.gates_size());
 }
 
-HashLbState::HashLbState(const bess::pb::HashLBArg& arg) : fields_(arg.fields_size()) {
-  checkedGates(arg.gates(), "Invalid ogate ");
-  if (!arg.mode().empty()) checkHashMode(arg.mode());
+HashLbState::HashLbState(const bess::pb::HashLBArg& arg) {
+  checkGates(arg.gates(), "Invalid ogate ");
+  if (arg.fields_size() > 0)
+    setFields(arg.fields());
+  else if (!arg.mode().empty())
+    checkHashMode(arg.mode());
 }
 
 std::string HashLbState::description() const {
-  return std::to_string(fields_) + " fields";
+  return std::to_string(fields_.size()) + " fields";
+}
+
+void HashLbState::setFields(const google::protobuf::RepeatedPtrField<bess::pb::Field>& fields) {
+  try {
+    std::vector<Attribute> read;
+    fields_ = MatchFields(fields, read, MatchFields::Wording::Exact);
+    attributes = read;
+  } catch (const Refusal& refusal) {
+    throw Refusal(-refusal.code, refusal.what());  // This class gives the number as it gets it.
+  }
 }
 
 void HashLbState::setMode(const bess::pb::HashLBCommandSetModeArg& arg) {
-  if (arg.fields_size() == 0) checkHashMode(arg.mode());
-  fields_ = arg.fields_size();
+  if (arg.fields_size() > 0)
+    setFields(arg.fields());
+  else
+    checkHashMode(arg.mode());
 }
 
 void HashLbState::setGates(const bess::pb::HashLBCommandSetGatesArg& arg) {
-  checkedGates(arg.gates(), "Invalid ogate ");
+  checkGates(arg.gates(), "Invalid ogate ");
 }
 
 void WorkerSplitState::reset(const bess::pb::WorkerSplitArg& arg) {
   for (const auto& [worker, gate] : arg.worker_gates()) {
-    if (worker >= workerLimit) throw Refusal(EINVAL, "Invalid worker id " + std::to_string(worker));
-    if (gateCut(gate) >= gateLimit) throw Refusal(EINVAL, "Invalid gate " + std::to_string(gate));
+    if (worker >= workerLimit)
+      throw Refusal(EINVAL, "worker id must be less than " + std::to_string(workerLimit));
+    if (gate >= gateLimit)
+      throw Refusal(EINVAL, "output gate must be less than " + std::to_string(gateLimit));
   }
 }
 
 SplitState::SplitState(const bess::pb::SplitArg& arg) {
-  if (arg.size() < 1 || arg.size() > 8) throw Refusal(EINVAL, "'size' must be 1-8");
+  if (arg.size() < 1 || arg.size() > maxNumberSize) throw Refusal(EINVAL, "'size' must be 1-8");
   if (arg.type_case() == bess::pb::SplitArg::kAttribute)
-    attributes.push_back({arg.attribute(), arg.size(), Attribute::Mode::Read});
+    declare(*this, arg.attribute(), arg.size(), Attribute::Mode::Read);
   else if (arg.offset() < 0 || arg.offset() > 1024)
     throw Refusal(EINVAL, "invalid 'offset'");
 }

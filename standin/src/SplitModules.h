@@ -4,6 +4,7 @@
 
 #include <bess/pb/service.pb.h>
 
+#include "MatchModules.h"
 #include "ModuleState.h"
 
 // Modules that choose an output gate without a table of rules.
@@ -38,7 +39,9 @@ class HashLbState : public ModuleState {
   void setGates(const bess::pb::HashLBCommandSetGatesArg& arg);
 
  private:
-  int fields_ = 0;
+  void setFields(const google::protobuf::RepeatedPtrField<bess::pb::Field>& fields);
+
+  MatchFields fields_;
 };
 
 class WorkerSplitState : public ModuleState {

@@ -1,37 +1,50 @@
 #include "TrafficModules.h"
 
+#include <bit>
 #include <cerrno>
 #include <chrono>
 
+#include "Checks.h"
 #include "Refusal.h"
 
 namespace Standin {
 
 namespace {
 
-constexpr std::uint64_t maxPacketSize = 2048;  // Bytes.
 constexpr std::uint64_t defaultQueueSize = 1024;
+constexpr std::uint64_t minQueueSize = 4;
+constexpr std::uint64_t maxQueueSize = 16384;
+constexpr std::uint64_t maxBuckets = 1000000;  // Of a histogram of latencies.
 
 void checkQueueSize(std::uint64_t size) {
-  if (size < 4 || size > 16384 || (size & (size - 1)) != 0)
-    throw Refusal(EINVAL, "must be a power of 2");
+  if (size < minQueueSize || size > maxQueueSize) throw Refusal(EINVAL, "must be in [4, 16384]");
+  if (!std::has_single_bit(size)) throw Refusal(EINVAL, "must be a power of 2");
 }
 
-Port& portNamed(Ports& ports, const std::string& name) {
-  if (name.empty()) throw Refusal(EINVAL, "'port' must be given as a string");
+Port& portNamed(Ports& ports, const std::string& name, const char* missing) {
+  if (name.empty()) throw Refusal(EINVAL, missing);
   Port* port = ports.find(name);
   if (port == nullptr) throw Refusal(ENODEV, "Port " + name + " not found");
   return *port;
 }
 
-}  // namespace
-
-void checkBurst(std::uint64_t burst) {
-  if (burst > burstLimit) throw Refusal(EINVAL, "burst size must be [0,64]");
+bool isIpv4(const std::string& frame) {
+  return frame.size() >= 14 && frame[12] == '\x08' && frame[13] == '\x00';
 }
 
+bool ascending(const google::protobuf::RepeatedField<double>& percentiles) {
+  double last = 0;
+  for (double percentile : percentiles) {
+    if (!(percentile >= last && percentile <= 100)) return false;
+    last = percentile;
+  }
+  return true;
+}
+
+}  // namespace
+
 SourceState::SourceState(const bess::pb::SourceArg& arg) {
-  if (arg.pkt_size() > maxPacketSize) throw Refusal(EINVAL, "Invalid packet size");
+  if (arg.pkt_size() > packetRoom) throw Refusal(EINVAL, "Invalid packet size");
 }
 
 void SourceState::setBurst(const bess::pb::SourceCommandSetBurstArg& arg) {
@@ -39,21 +52,35 @@ void SourceState::setBurst(const bess::pb::SourceCommandSetBurstArg& arg) {
 }
 
 void SourceState::setPacketSize(const bess::pb::SourceCommandSetPktSizeArg& arg) {
-  if (arg.pkt_size() == 0 || arg.pkt_size() > maxPacketSize)
+  if (arg.pkt_size() == 0 || arg.pkt_size() > packetRoom)
     throw Refusal(EINVAL, "Invalid packet size");
 }
 
 FlowGenState::FlowGenState(const bess::pb::FlowGenArg& arg) {
+  if (arg.template_().empty()) throw Refusal(EINVAL, "must specify 'template'");
   update(arg);
 }
 
 void FlowGenState::update(const bess::pb::FlowGenArg& arg) {
-  if (arg.template_().empty()) throw Refusal(EINVAL, "must specify 'template'");
-  if (arg.template_().size() > maxPacketSize) throw Refusal(EINVAL, "'template' is too big");
+  if (arg.template_().size() > packetRoom) throw Refusal(EINVAL, "'template' is too big");
+  if (!arg.template_().empty() && !isIpv4(arg.template_()))
+    throw Refusal(EINVAL, "'template' is not IPv4");
+  // What is 0 keeps its value.
+  const auto take = [](double wanted, const char* name, double present) {
+    if (wanted == 0) return present;
+    if (!(wanted > 0)) throw Refusal(EINVAL, std::string("invalid '") + name + "'");
+    return wanted;
+  };
+  const double rate = take(arg.pps(), "pps", packetRate_);
+  const double flowRate = take(arg.flow_rate(), "flow_rate", flowRate_);
+  if (flowRate > rate) throw Refusal(EINVAL, "flow rate cannot be more than pps");
+  take(arg.flow_duration(), "flow_duration", 0);
   if (!arg.arrival().empty() && arg.arrival() != "uniform" && arg.arrival() != "exponential")
     throw Refusal(EINVAL, "'arrival' must be either 'uniform' or 'exponential'");
   if (!arg.duration().empty() && arg.duration() != "uniform" && arg.duration() != "pareto")
     throw Refusal(EINVAL, "'duration' must be either 'uniform' or 'pareto'");
+  packetRate_ = rate;
+  flowRate_ = flowRate;
 }
 
 void FlowGenState::setBurst(const bess::pb::FlowGenCommandSetBurstArg& arg) {
@@ -99,29 +126,33 @@ void DrrState::setMaxFlowQueueSize(const bess::pb::DRRMaxFlowQueueSizeArg& arg) 
   if (arg.max_queue_size() == 0) throw Refusal(EINVAL, "max queue size must be at least 1");
 }
 
-PortUserState::PortUserState(Ports& ports, const std::string& port, Direction direction,
-                             std::int64_t queue)
-    : claim_(portNamed(ports, port), direction, queue),
-      description_(port + (queue < 0 ? "" : ":" + std::to_string(queue)) + "/" +
-                   claim_.port().driver->name),
+PortUserState::PortUserState(Ports& ports, const std::string& port, Direction direction)
+    : claim_(portNamed(ports, port, "'port' must be given as a string"), direction, -1),
+      description_(port + "/" + claim_.port().driver->name),
       tasks_(direction == Direction::Inc ? static_cast<int>(claim_.queues()) : 0) {}
+
+PortUserState::PortUserState(Ports& ports, const std::string& port, Direction direction,
+                             std::uint16_t queue)
+    : claim_(portNamed(ports, port, "Field 'port' must be specified"), direction, queue),
+      description_(port + ":" + std::to_string(queue) + "/" + claim_.port().driver->name),
+      tasks_(direction == Direction::Inc ? 1 : 0) {}
+
+TimestampState::TimestampState(const bess::pb::TimestampArg& arg) {
+  if (arg.offset() == 0) declare(*this, "timestamp", 8, Attribute::Mode::Write);
+}
 
 MeasureState::MeasureState(const bess::pb::MeasureArg& arg)
     : resolution_(arg.latency_ns_resolution() == 0 ? 100 : arg.latency_ns_resolution()) {
-  if (arg.jitter_sample_prob() < 0 || arg.jitter_sample_prob() > 1)
-    throw Refusal(EINVAL, "invalid jitter_sample_prob, must be between 0.0 and 1.0");
+  if (arg.latency_ns_max() / resolution_ > maxBuckets)
+    throw Refusal(E2BIG, "excessive latency_ns_max / latency_ns_resolution");
+  if (arg.offset() == 0) declare(*this, "timestamp", 8, Attribute::Mode::Read);
 }
 
 bess::pb::MeasureCommandGetSummaryResponse MeasureState::summary(
     const bess::pb::MeasureCommandGetSummaryArg& arg) const {
-  for (const auto* percentiles : {&arg.latency_percentiles(), &arg.jitter_percentiles()}) {
-    double last = 0;
-    for (double percentile : *percentiles) {
-      if (percentile < last || percentile > 100)
-        throw Refusal(EINVAL, "percentiles must be between 0 and 100, in ascending order");
-      last = percentile;
-    }
-  }
+  if (!ascending(arg.latency_percentiles()))
+    throw Refusal(EINVAL, "invalid 'latency_percentiles'");
+  if (!ascending(arg.jitter_percentiles())) throw Refusal(EINVAL, "invalid 'jitter_percentiles'");
   bess::pb::MeasureCommandGetSummaryResponse answer;
   const auto now = std::chrono::system_clock::now().time_since_epoch();
   answer.set_timestamp(std::chrono::duration<double>(now).count());

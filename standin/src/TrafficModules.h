@@ -5,6 +5,7 @@
 
 #include <bess/pb/service.pb.h>
 
+#include "Checks.h"
 #include "ModuleState.h"
 #include "Ports.h"
 
@@ -25,6 +26,10 @@ class FlowGenState : public ModuleState {
   std::string description() const override { return "0 flows"; }
   void update(const bess::pb::FlowGenArg& arg);
   void setBurst(const bess::pb::FlowGenCommandSetBurstArg& arg);
+
+ private:
+  double packetRate_ = 1000;  // Packets per second.
+  double flowRate_ = 10;      // New flows per second.
 };
 
 class QueueState : public ModuleState {
@@ -51,8 +56,10 @@ class DrrState : public ModuleState {
 // PortInc, PortOut, QueueInc and QueueOut: a claim on queues of a port for as long as they live.
 class PortUserState : public ModuleState {
  public:
-  // Claims one queue, or all of the direction when `queue` is -1.
-  PortUserState(Ports& ports, const std::string& port, Direction direction, std::int64_t queue);
+  // Claims all queues of the direction.
+  PortUserState(Ports& ports, const std::string& port, Direction direction);
+  // Claims one queue.
+  PortUserState(Ports& ports, const std::string& port, Direction direction, std::uint16_t queue);
   std::string description() const override { return description_; }
   int tasks() const override { return tasks_; }
   void setPortBurst(const bess::pb::PortIncCommandSetBurstArg& arg) { checkBurst(arg.burst()); }
@@ -62,6 +69,11 @@ class PortUserState : public ModuleState {
   QueueClaim claim_;
   std::string description_;
   int tasks_;
+};
+
+class TimestampState : public ModuleState {
+ public:
+  explicit TimestampState(const bess::pb::TimestampArg& arg);
 };
 
 class MeasureState : public ModuleState {

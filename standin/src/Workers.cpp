@@ -17,11 +17,12 @@ void checkRange(std::int64_t id) {
 
 void Workers::add(std::int64_t id, std::int64_t core, const std::string& scheduler) {
   checkRange(id);
-  if (core < 0 || core >= cores_) throw Refusal(EINVAL, "Invalid core " + std::to_string(core));
+  const int cut = static_cast<int>(core);
+  if (cut < 0 || cut >= cores_) throw Refusal(EINVAL, "Invalid core " + std::to_string(cut));
   if (exists(id)) throw Refusal(EEXIST, "worker:" + std::to_string(id) + " is already active");
   if (!scheduler.empty() && scheduler != "experimental")
     throw Refusal(EINVAL, "Invalid scheduler " + scheduler);
-  workers_[static_cast<int>(id)].core = static_cast<int>(core);
+  workers_[static_cast<int>(id)].core = cut;
 }
 
 void Workers::check(std::int64_t id) const {
