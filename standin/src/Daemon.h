@@ -32,7 +32,10 @@ class Daemon {
   class Pause {
    public:
     explicit Pause(Daemon& daemon) : daemon_(daemon) {}
-    ~Pause() { daemon_.attachLeaves(); }
+    ~Pause() {
+      daemon_.attachLeaves();
+      if (daemon_.workers_.anyRunning()) assignMetadata(daemon_.pipeline_);
+    }
     Pause(const Pause&) = delete;
     Pause& operator=(const Pause&) = delete;
 
@@ -45,16 +48,17 @@ class Daemon {
   void attachLeaves();
   void launchFirstWorker();
   void destroyModuleNamed(const std::string& name);
-  // The worker that a request's `wid` means: -1 is the next one in turn.
-  int workerFor(std::int64_t wid);
-  // Hangs the node where the request wants it; loses it when refused.
+  // The worker that a request's `wid` means, -1 for any; refuses when there is none.
+  int checkedWorker(std::int64_t wid);
+  // Hangs the node below the parent that the request wants, or leaves it waiting for the worker;
+  // loses it when refused.
   void place(TrafficNode& node, const bess::pb::TrafficClass& wanted);
   // The class that a request names by its name or by module and task.
   TrafficNode& trafficClassNamed(const bess::pb::TrafficClass& wanted) const;
-  bool reachedByRunningWorker(const Module& module) const;
-  void forEachReach(
-      bool runningOnly,
-      const std::function<void(int worker, Module& start, Module& reached)>& visit) const;
+  // Finds out for each module which workers' tasks reach it. The daemon does not do so at each
+  // change, and goes by what it found last.
+  void findActiveWorkers();
+  bool activeInRunningWorker(const Module& module) const;
   Port& portForStatus(const std::string& name) const;
 
   Options options_;

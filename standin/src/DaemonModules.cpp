@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <optional>
 
 #include "Daemon.h"
 #include "GateHooks.h"
@@ -133,6 +134,11 @@ void Daemon::getModuleInfo(const bess::pb::GetModuleInfoRequest& request, Info& 
 
 void Daemon::connectModules(const bess::pb::ConnectModulesRequest& request,
                             bess::pb::EmptyResponse&) {
+  const Module& from = pipeline_.existing(request.m1());
+  const Module& to = pipeline_.existing(request.m2());
+  findActiveWorkers();
+  std::optional<Pause> pause;
+  if (activeInRunningWorker(from) || activeInRunningWorker(to)) pause.emplace(*this);
   pipeline_.connect(request);
 }
 
@@ -156,7 +162,7 @@ void Daemon::moduleCommand(const bess::pb::CommandRequest& request,
     *response.mutable_data() = module.state->initialArg;
     return;
   }
-  if (!command->threadSafe && reachedByRunningWorker(module))
+  if (!command->threadSafe && activeInRunningWorker(module))
     throw Refusal(EBUSY,
                   "There is a running worker and command '" + request.cmd() + "' is not MT safe");
   command->handler(*module.state, request.arg(), response);

@@ -62,8 +62,9 @@ void Daemon::destroyPort(const bess::pb::DestroyPortRequest& request, bess::pb::
 }
 
 void Daemon::setPortConf(const bess::pb::SetPortConfRequest& request, bess::pb::EmptyResponse&) {
+  Port& port = ports_.configurable(request);
   const Pause pause(*this);
-  ports_.configure(request.name(), request.conf());
+  ports_.configure(port, request.conf());
 }
 
 void Daemon::getPortConf(const bess::pb::GetPortConfRequest& request,
@@ -101,11 +102,12 @@ void Daemon::getPortStats(const bess::pb::GetPortStatsRequest& request,
 
 void Daemon::getLinkStatus(const bess::pb::GetLinkStatusRequest& request,
                            bess::pb::GetLinkStatusResponse& response) {
-  const PortDriver& driver = *portForStatus(request.name()).driver;
+  const Port& port = portForStatus(request.name());
+  const PortDriver& driver = *port.driver;
   response.set_speed(driver.speed);
   response.set_full_duplex(true);
   response.set_autoneg(driver.autoneg);
-  response.set_link_up(true);
+  response.set_link_up(port.linkUp);
 }
 
 }  // namespace Standin

@@ -1,8 +1,8 @@
 // Traffic classes and the rules of who may run what.
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <set>
 
 #include "Daemon.h"
 #include "Refusal.h"
@@ -34,6 +34,14 @@ void fill(bess::pb::ListTcsResponse::TrafficClassStatus& status, const TrafficNo
   if (node.parent->policy == "weighted_fair") shown.set_share(node.share);
 }
 
+// Whether another module that a worker runs leads to this one.
+bool fed(const Module& module) {
+  for (const auto& [number, gate] : module.inputs)
+    for (const auto& source : gate.sources)
+      if (source.first != &module && !source.first->activeWorkers.empty()) return true;
+  return false;
+}
+
 }  // namespace
 
 void Daemon::resetTcs(const bess::pb::EmptyRequest&, bess::pb::EmptyResponse&) {
@@ -49,13 +57,12 @@ void Daemon::listTcs(const bess::pb::ListTcsRequest& request, bess::pb::ListTcsR
   });
 }
 
-int Daemon::workerFor(std::int64_t wid) {
+int Daemon::checkedWorker(std::int64_t wid) {
   if (wid < -1 || wid >= Workers::limit)
     throw Refusal(EINVAL,
                   "'wid' must be -1 or between 0 and " + std::to_string(Workers::limit - 1));
   if (wid <= 0 && workers_.empty()) launchFirstWorker();
-  if (wid == -1) return workers_.next();
-  if (!workers_.exists(wid))
+  if (wid >= 0 && !workers_.exists(wid))
     throw Refusal(EINVAL, "worker:" + std::to_string(wid) + " does not exist");
   return static_cast<int>(wid);
 }
@@ -65,7 +72,7 @@ void Daemon::place(TrafficNode& node, const bess::pb::TrafficClass& wanted) {
     if (!wanted.parent().empty())
       classes_.attachToParent(node, wanted);
     else
-      classes_.attachToWorker(node, workerFor(wanted.wid()));
+      classes_.leaveWaiting(node, checkedWorker(wanted.wid()));
   } catch (const Refusal&) {
     classes_.lose(node);
     throw;
@@ -104,7 +111,7 @@ void Daemon::updateTcParent(const bess::pb::UpdateTcParentRequest& request,
   const int formerWorker = node.worker;
   classes_.detach(node);
   place(node, request.class_());
-  classes_.dropNeedlessTop(formerWorker);
+  if (formerWorker >= 0) classes_.dropNeedlessTop(formerWorker);
 }
 
 void Daemon::getTcStats(const bess::pb::GetTcStatsRequest& request,
@@ -115,43 +122,33 @@ void Daemon::getTcStats(const bess::pb::GetTcStatsRequest& request,
   response.set_timestamp(now());
 }
 
-void Daemon::forEachReach(
-    bool runningOnly,
-    const std::function<void(int worker, Module& start, Module& reached)>& visit) const {
-  for (const auto& [id, worker] : workers_.all()) {
-    if (runningOnly && !worker.running) continue;
-    classes_.forEachLeaf(id, [&, workerId = id](const TrafficNode& leaf) {
+void Daemon::findActiveWorkers() {
+  for (const auto& [name, module] : pipeline_.all()) module->activeWorkers.clear();
+  for (const auto& entry : workers_.all())
+    classes_.forEachLeaf(entry.first, [&](const TrafficNode& leaf) {
       Module* start = pipeline_.find(leaf.leafModule);
       if (start == nullptr) return;
-      Pipeline::forEachReached(*start, [&](Module& reached) { visit(workerId, *start, reached); });
+      Pipeline::forEachReached(
+          *start, [&](Module& reached) { reached.activeWorkers.insert(entry.first); });
     });
-  }
 }
 
-bool Daemon::reachedByRunningWorker(const Module& module) const {
-  bool reached = false;
-  forEachReach(true, [&](int, Module&, Module& other) { reached |= &other == &module; });
-  return reached;
+bool Daemon::activeInRunningWorker(const Module& module) const {
+  return std::any_of(module.activeWorkers.begin(), module.activeWorkers.end(),
+                     [this](int worker) { return workers_.running(worker); });
 }
 
 void Daemon::checkSchedulingConstraints(const bess::pb::EmptyRequest&,
                                         bess::pb::CheckSchedulingConstraintsResponse& response) {
   if (!workers_.anyRunning()) attachLeaves();
-  assignMetadata(pipeline_);
-  std::map<std::string, std::set<int>> reaching;  // Workers, by the module they reach.
-  std::set<std::string> scheduled, fed;
-  forEachReach(false, [&](int worker, Module& start, Module& reached) {
-    scheduled.insert(start.name);
-    if (&start != &reached) fed.insert(reached.name);
-    reaching[reached.name].insert(worker);
-  });
+  findActiveWorkers();
   for (const auto& [name, module] : pipeline_.all()) {
     const ModuleClass& moduleClass = *module->moduleClass;
     // A task that passes packets on has nothing to do while nobody hands it any.
     const bool starved = module->tasks() > 0 && moduleClass.inputGates > 0 &&
-                         scheduled.count(name) && !fed.count(name);
+                         !module->activeWorkers.empty() && !fed(*module);
     const bool crowded = moduleClass.maxWorkers > 0 &&
-                         reaching[name].size() > static_cast<std::size_t>(moduleClass.maxWorkers);
+                         module->activeWorkers.size() > static_cast<std::size_t>(moduleClass.maxWorkers);
     if (starved || crowded) response.add_modules()->set_name(name);
     if (crowded) response.set_fatal(true);
   }

@@ -12,8 +12,11 @@ void Daemon::launchFirstWorker() {
 }
 
 void Daemon::attachLeaves() {
-  if (classes_.anyWaiting() && workers_.empty()) launchFirstWorker();
-  classes_.attachWaiting([this] { return workers_.next(); });
+  classes_.attachWaiting([this] {
+    if (!workers_.empty()) return workers_.next();
+    launchFirstWorker();  // It is nobody's turn yet.
+    return 0;
+  });
 }
 
 void Daemon::pauseAll(const bess::pb::EmptyRequest&, bess::pb::EmptyResponse&) {

@@ -4,6 +4,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -41,6 +42,7 @@ struct Module {
   std::unique_ptr<ModuleState> state;
   std::map<std::uint16_t, InputGate> inputs;
   std::map<std::uint16_t, OutputGate> outputs;
+  std::set<int> activeWorkers;  // Whose tasks reached it when the daemon last looked.
 
   int tasks() const { return state->tasks() >= 0 ? state->tasks() : moduleClass->tasks; }
 };

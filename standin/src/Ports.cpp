@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "Arg.h"
+#include "Checks.h"
 #include "Refusal.h"
 
 namespace Standin {
@@ -94,23 +95,23 @@ constexpr PortDriver driverTable[] = {
 };
 // clang-format on
 
-// Six bytes from text; fewer or more groups are taken as the daemon takes them.
-bool parseMac(const std::string& text, std::string& mac) {
-  unsigned byte[6] = {};
-  if (std::sscanf(text.c_str(), "%x:%x:%x:%x:%x:%x", &byte[0], &byte[1], &byte[2], &byte[3],
-                  &byte[4], &byte[5]) != 6)
-    return false;
-  char line[18];
-  std::snprintf(line, sizeof line, "%02x:%02x:%02x:%02x:%02x:%02x", byte[0] & 255u, byte[1] & 255u,
-                byte[2] & 255u, byte[3] & 255u, byte[4] & 255u, byte[5] & 255u);
-  mac = line;
-  return true;
+std::string macText(std::int64_t mac) {
+  char text[18];
+  const auto byte = [mac](int at) { return static_cast<unsigned>(mac >> 8 * (5 - at) & 255); };
+  std::snprintf(text, sizeof text, "%02x:%02x:%02x:%02x:%02x:%02x", byte(0), byte(1), byte(2),
+                byte(3), byte(4), byte(5));
+  return text;
+}
+
+// Whether it is the address of many; no device can have it for its own.
+bool isGroup(std::int64_t mac) {
+  return (mac >> 40 & 1) != 0;
 }
 
 std::string checkedMac(const std::string& text) {
-  std::string mac;
-  if (!parseMac(text, mac)) throw Refusal(EINVAL, "'" + text + "' is not a proper mac address");
-  return mac;
+  const std::int64_t mac = macNumber(text);
+  if (mac < 0) throw Refusal(EINVAL, "'" + text + "' is not a proper mac address");
+  return macText(mac);
 }
 
 Port& existing(const Ports& ports, const std::string& name) {
@@ -179,14 +180,9 @@ std::string Ports::freeName(const std::string& prefix) const {
 }
 
 std::string Ports::randomMac() {
-  const std::uint64_t bits = random_();
-  char text[18];
   // Locally administered, not a group address.
-  std::snprintf(text, sizeof text, "%02x:%02x:%02x:%02x:%02x:%02x",
-                static_cast<unsigned>((bits & 0xfc) | 2), static_cast<unsigned>(bits >> 8 & 255),
-                static_cast<unsigned>(bits >> 16 & 255), static_cast<unsigned>(bits >> 24 & 255),
-                static_cast<unsigned>(bits >> 32 & 255), static_cast<unsigned>(bits >> 40 & 255));
-  return text;
+  const auto bits = static_cast<std::int64_t>(random_() >> 16);
+  return macText((bits & ~(std::int64_t{3} << 40)) | std::int64_t{2} << 40);
 }
 
 Port& Ports::create(const bess::pb::CreatePortRequest& request) {
@@ -231,21 +227,27 @@ void Ports::reset() {
   while (!ports_.empty()) destroy(std::string(ports_.begin()->first));
 }
 
-void Ports::configure(const std::string& name, const bess::pb::PortConf& conf) {
-  if (name.empty()) throw Refusal(EINVAL, "Port name is not given");
-  Port& port = existing(*this, name);
-  std::string mac = port.conf.mac_addr();
-  if (!conf.mac_addr().empty()) {
-    const std::string wanted = checkedMac(conf.mac_addr());
-    if (wanted != "00:00:00:00:00:00") mac = wanted;
-  }
+Port& Ports::configurable(const bess::pb::SetPortConfRequest& request) const {
+  if (request.name().empty()) throw Refusal(EINVAL, "Port name is not given");
+  Port& port = existing(*this, request.name());
+  if (macNumber(request.conf().mac_addr()) < 0)
+    throw Refusal(EINVAL, "MAC address should be formatted xx:xx:xx:xx:xx:xx");
+  return port;
+}
+
+void Ports::configure(Port& port, const bess::pb::PortConf& conf) {
   if (conf.mtu() != 0 && (conf.mtu() < minMtu || conf.mtu() > maxMtu))
     throw Refusal(
         EINVAL, "mtu should be >= " + std::to_string(minMtu) + " and <= " + std::to_string(maxMtu));
   if (!port.driver->configurable) throw Refusal(EOPNOTSUPP, "Operation not supported");
-  port.conf.set_mac_addr(mac);
+  // The device stops for the change; one that fails leaves it so, with what was changed before.
+  port.linkUp = false;
   if (conf.mtu() != 0) port.conf.set_mtu(conf.mtu());
+  const std::int64_t mac = macNumber(conf.mac_addr());
+  if (isGroup(mac)) throw Refusal(EINVAL, "rte_eth_dev_default_mac_addr_set() failed");
+  if (mac != 0) port.conf.set_mac_addr(macText(mac));
   port.conf.set_admin_up(conf.admin_up());
+  port.linkUp = conf.admin_up();
 }
 
 void Ports::addMac(const std::string& name, const std::string& mac) {

@@ -23,6 +23,7 @@ struct Port {
   const PortDriver* driver = nullptr;
   std::string device;  // The device or socket that the driver holds for it.
   bess::pb::PortConf conf;
+  bool linkUp = true;
   std::set<std::string> extraMacs;
   std::vector<bool> incUsed;  // One mark for each queue.
   std::vector<bool> outUsed;
@@ -75,7 +76,10 @@ class Ports {
   void destroy(const std::string& name);
   // Stops with EBUSY at the first port, in the order of names, that is in use.
   void reset();
-  void configure(const std::string& name, const bess::pb::PortConf& conf);
+  // The port that a request to configure names; refuses what is wrong on the face of it.
+  Port& configurable(const bess::pb::SetPortConfRequest& request) const;
+  // A refusal by the device leaves what was changed before it, and the link down.
+  void configure(Port& port, const bess::pb::PortConf& conf);
   void addMac(const std::string& name, const std::string& mac);
   void removeMac(const std::string& name, const std::string& mac);
 

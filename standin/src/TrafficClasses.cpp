@@ -120,7 +120,7 @@ void TrafficClasses::addLeaves(const std::string& module, int tasks) {
     leaf.leafModule = module;
     leaf.leafTask = static_cast<std::uint64_t>(task);
     tasks_[module].push_back(&leaf);
-    enter(leaf, waiting_);
+    leaveWaiting(leaf, -1);
   }
 }
 
@@ -208,11 +208,16 @@ void TrafficClasses::attachToWorker(TrafficNode& node, int worker) {
   enter(node, root->children);
 }
 
-void TrafficClasses::attachWaiting(const std::function<int()>& nextWorker) {
+void TrafficClasses::leaveWaiting(TrafficNode& node, int wantedWorker) {
+  node.wantedWorker = wantedWorker;
+  enter(node, waiting_);
+}
+
+void TrafficClasses::attachWaiting(const std::function<int()>& anyWorker) {
   while (!waiting_.empty()) {
-    TrafficNode& leaf = *waiting_.front();
-    leavePlace(leaf);
-    attachToWorker(leaf, nextWorker());
+    TrafficNode& node = *waiting_.front();
+    leavePlace(node);
+    attachToWorker(node, node.wantedWorker >= 0 ? node.wantedWorker : anyWorker());
   }
 }
 

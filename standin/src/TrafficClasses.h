@@ -17,6 +17,7 @@ struct TrafficNode {
   std::string name;
   std::string policy;
   int worker = -1;            // -1 while not attached.
+  int wantedWorker = -1;      // While it waits; -1 for any.
   std::int64_t priority = 0;  // Below a priority node.
   std::int64_t share = 0;     // Below a weighted_fair node.
   std::string resource;
@@ -36,7 +37,7 @@ struct TrafficNode {
   bool leaf() const { return policy == "leaf"; }
 };
 
-// The scheduling trees, one for each worker, and the leaves that no worker has yet. Which workers
+// The scheduling trees, one for each worker, and the nodes that no worker has yet. Which workers
 // exist is the caller's business. Not thread safe; see Daemon.
 class TrafficClasses {
  public:
@@ -57,12 +58,14 @@ class TrafficClasses {
   void detach(TrafficNode& leaf);
   // Hangs `node`, which has no place, below the parent that `wanted` names; refuses as addTc does.
   void attachToParent(TrafficNode& node, const bess::pb::TrafficClass& wanted);
-  void attachToWorker(TrafficNode& node, int worker);
+  // Puts a node, which has no place, behind those that wait for one.
+  void leaveWaiting(TrafficNode& node, int wantedWorker);
   // Ends a node that has no place and gets none.
   void lose(TrafficNode& node);
   bool anyWaiting() const { return !waiting_.empty(); }
-  // Gives each waiting leaf to the worker that `nextWorker` answers.
-  void attachWaiting(const std::function<int()>& nextWorker);
+  // Gives each waiting node to the worker that it wants, or else to the one that `anyWorker`
+  // answers.
+  void attachWaiting(const std::function<int()>& anyWorker);
   // Ends the round robin that was put on top of a worker's roots when it has one child left, which
   // takes its place, or none.
   void dropNeedlessTop(int worker);
@@ -84,6 +87,7 @@ class TrafficClasses {
   void forEachListed(int worker, const std::function<void(const TrafficNode&)>& visit) const;
 
  private:
+  void attachToWorker(TrafficNode& node, int worker);
   TrafficNode& add(const std::string& name, const std::string& policy);
   void enter(TrafficNode& node, std::list<TrafficNode*>& row);
   void leavePlace(TrafficNode& node);

@@ -46,13 +46,9 @@ bool Workers::anyRunning() const {
 }
 
 int Workers::next() {
-  const auto settle = [this] {
-    while (!exists(turn_)) turn_ = (turn_ + 1) % limit;
-  };
-  settle();
+  while (!exists(turn_)) turn_ = (turn_ + 1) % limit;
   const int id = turn_;
   turn_ = (turn_ + 1) % limit;
-  settle();
   return id;
 }
 
