@@ -136,9 +136,11 @@ void Daemon::connectModules(const bess::pb::ConnectModulesRequest& request,
                             bess::pb::EmptyResponse&) {
   const Module& from = pipeline_.existing(request.m1());
   const Module& to = pipeline_.existing(request.m2());
-  findActiveWorkers();
   std::optional<Pause> pause;
-  if (activeInRunningWorker(from) || activeInRunningWorker(to)) pause.emplace(*this);
+  if (workers_.anyRunning()) {
+    findActiveWorkers();
+    if (activeInRunningWorker(from) || activeInRunningWorker(to)) pause.emplace(*this);
+  }
   pipeline_.connect(request);
 }
 

@@ -60,7 +60,7 @@ void Daemon::destroyWorker(const bess::pb::DestroyWorkerRequest& request,
                            bess::pb::EmptyResponse&) {
   workers_.check(request.wid());
   const int id = static_cast<int>(request.wid());
-  if (const TrafficNode* leaf = classes_.firstLeaf(id))
+  if (const TrafficNode* leaf = classes_.leafIn(id))
     throw Refusal(EBUSY, "Worker " + std::to_string(id) + " has active tasks: " + leaf->name);
   classes_.dropTree(id);
   workers_.erase(id);

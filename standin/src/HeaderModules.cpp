@@ -157,6 +157,25 @@ MetadataTestState::MetadataTestState(const bess::pb::MetadataTestArg& arg) {
   declareAll(arg.update(), Attribute::Mode::Update);
 }
 
+GtpuEncapState::GtpuEncapState(const bess::pb::EmptyArg&) {
+  declare(*this, "action", 1, Attribute::Mode::Read);
+  declare(*this, "tunnel_out_src_ip4addr", 4, Attribute::Mode::Read);
+  declare(*this, "tunnel_out_dst_ip4addr", 4, Attribute::Mode::Read);
+  declare(*this, "tunnel_out_teid", 4, Attribute::Mode::Read);
+  declare(*this, "tunnel_out_udp_port", 2, Attribute::Mode::Read);
+  declare(*this, "qfi", 1, Attribute::Mode::Read);
+}
+
+GtpuParserState::GtpuParserState(const bess::pb::EmptyArg&) {
+  declare(*this, "src_ip", 4, Attribute::Mode::Write);
+  declare(*this, "dst_ip", 4, Attribute::Mode::Write);
+  declare(*this, "src_port", 2, Attribute::Mode::Write);
+  declare(*this, "dst_port", 2, Attribute::Mode::Write);
+  declare(*this, "teid", 4, Attribute::Mode::Write);
+  declare(*this, "tunnel_ipv4_dst", 4, Attribute::Mode::Write);
+  declare(*this, "ip_proto", 1, Attribute::Mode::Write);
+}
+
 NatState::NatState(const bess::pb::NATArg& arg) {
   if (arg.ext_addrs_size() == 0)
     throw Refusal(EINVAL, "at least one external IP address must be specified");

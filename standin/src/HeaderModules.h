@@ -90,6 +90,16 @@ class MetadataTestState : public ModuleState {
   explicit MetadataTestState(const bess::pb::MetadataTestArg& arg);
 };
 
+class GtpuEncapState : public ModuleState {
+ public:
+  explicit GtpuEncapState(const bess::pb::EmptyArg& arg);
+};
+
+class GtpuParserState : public ModuleState {
+ public:
+  explicit GtpuParserState(const bess::pb::EmptyArg& arg);
+};
+
 class NatState : public ModuleState {
  public:
   explicit NatState(const bess::pb::NATArg& arg);

@@ -57,6 +57,12 @@ std::uint64_t machineNumber(const std::string& bytes) {
   return number;
 }
 
+std::uint64_t reversedMac(std::uint64_t mac) {
+  std::uint64_t reversed = 0;
+  for (int i = 0; i < 6; ++i, mac >>= 8) reversed = reversed << 8 | (mac & 255);
+  return reversed;
+}
+
 std::string ruleText(std::size_t fields, std::size_t rules) {
   return std::to_string(fields) + " fields, " + std::to_string(rules) + " rules";
 }
@@ -260,8 +266,10 @@ void L2ForwardState::populate(const bess::pb::L2ForwardCommandPopulateArg& arg) 
   if (base < 0) throw Refusal(EINVAL, " is not a proper mac address");
   if (arg.count() < 0 || arg.count() > (1 << 20) || arg.gate_count() < 1)
     throw Refusal(EINVAL, "'count' or 'gate_count' is out of range");
+  // Assumed from what a lookup then misses: it counts in the last byte of what it keeps the other
+  // way round.
   for (std::int64_t i = 0; i < arg.count(); ++i)
-    table_.emplace(static_cast<std::uint64_t>(base + i),
+    table_.emplace(reversedMac(static_cast<std::uint64_t>(base + i)),
                    gateCut(static_cast<std::uint64_t>(i % arg.gate_count())));
 }
 

@@ -99,6 +99,12 @@ class L2ForwardState : public ModuleState {
   std::map<std::uint64_t, std::uint16_t> table_;
 };
 
+class QosState : public ModuleState {
+ public:
+  explicit QosState(const bess::pb::EmptyArg&) {}
+  std::string description() const override { return "0 fields, 0 rules"; }
+};
+
 class BpfState : public ModuleState {
  public:
   explicit BpfState(const bess::pb::BPFArg& arg) { add(arg); }

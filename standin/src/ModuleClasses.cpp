@@ -1,11 +1,13 @@
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <cstring>
 
 #include "Arg.h"
 #include "HeaderModules.h"
 #include "MatchModules.h"
 #include "ModuleClass.h"
+#include "Refusal.h"
 #include "SplitModules.h"
 #include "TrafficModules.h"
 
@@ -55,9 +57,43 @@ void initialArg(ModuleState& state, const Any&, CommandResponse& response) {
   response.mutable_data()->PackFrom(unpack<Arg>(state.initialArg));
 }
 
+// This class keeps what it was made with elsewhere, and answers without it.
+template <class Arg>
+void emptyInitialArg(ModuleState&, const Any&, CommandResponse& response) {
+  response.mutable_data()->PackFrom(Arg());
+}
+
+// With the range that an address has when none is given.
+void natInitialArg(ModuleState& state, const Any&, CommandResponse& response) {
+  NATArg arg = unpack<NATArg>(state.initialArg);
+  for (auto& external : *arg.mutable_ext_addrs())
+    if (external.port_ranges_size() == 0) external.add_port_ranges()->set_end(65535);
+  response.mutable_data()->PackFrom(arg);
+}
+
 void acceptAll(ModuleState&, const Any&, CommandResponse&) {}
 
 std::unique_ptr<ModuleState> plain(const Any&, Ports&) {
+  return std::make_unique<ModuleState>();
+}
+
+// An argument whose message the protocol lacks. An empty one is refused, as the daemon's check of
+// its defaults does; any other passes.
+struct ForeignArgument {
+  const char* type;
+  const char* refusal;
+};
+constexpr ForeignArgument counterArgument = {"bess.pb.CounterArg", "Invalid counter idx name"};
+constexpr ForeignArgument flowMeasureArgument = {"bess.pb.FlowMeasureArg",
+                                                 "invalid flag attribute name"};
+constexpr ForeignArgument echoArgument = {"bess.pb.GtpuEchoArg", "Invalid S1U SGW IP address!"};
+constexpr ForeignArgument defragArgument = {"bess.pb.IPDefragArg", "Invalid num_flows!"};
+constexpr ForeignArgument fragArgument = {"bess.pb.IPFragArg", "Invalid MTU size!"};
+
+template <const ForeignArgument& argument>
+std::unique_ptr<ModuleState> needArgument(const Any& any, Ports&) {
+  if (!any.type_url().ends_with(argument.type) || any.value().empty())
+    throw Refusal(EINVAL, argument.refusal);
   return std::make_unique<ModuleState>();
 }
 
@@ -156,7 +192,7 @@ constexpr ModuleCommand measureCommands[] = {
     {"clear", "EmptyArg", true, acceptAll},
 };
 constexpr ModuleCommand natCommands[] = {
-    {"get_initial_arg", "EmptyArg", true, initialArg<NATArg>},
+    {"get_initial_arg", "EmptyArg", true, natInitialArg},
     {"get_runtime_config", "EmptyArg", true, acceptAll},
     {"set_runtime_config", "EmptyArg", false, acceptAll},
 };
@@ -221,7 +257,7 @@ constexpr ModuleCommand updateCommands[] = {
     {"clear", "EmptyArg", false, call<&UpdateState::clear>},
 };
 constexpr ModuleCommand urlFilterCommands[] = {
-    {"get_initial_arg", "EmptyArg", true, initialArg<UrlFilterArg>},
+    {"get_initial_arg", "EmptyArg", true, emptyInitialArg<UrlFilterArg>},
     {"get_runtime_config", "EmptyArg", true, call<&UrlFilterState::config>},
     {"set_runtime_config", "UrlFilterConfig", false, call<&UrlFilterState::setConfig>},
     {"add", "UrlFilterArg", false, call<&UrlFilterState::add>},
@@ -250,129 +286,129 @@ constexpr std::span<const ModuleCommand> noCommands;
 constexpr ModuleClass classTable[] = {
     // name               prefix         in         out        tasks, workers, state, commands, help
     {"ACL",                nullptr,      1,         1,         0, 0, make<AclState, ACLArg>,
-     aclCommands, "lets through or drops packets by rules on addresses, protocol and ports"},
+     aclCommands, "lets through or drops packets by rules on addresses, protocol and ports"},  // assumed
     {"ArpResponder",       nullptr,      1,         1,         0, 1, make<ArpResponderState, EmptyArg>,
-     arpResponderCommands, "answers ARP requests for the addresses in its table"},
+     arpResponderCommands, "answers ARP requests for the addresses in its table"},  // outputs seen, inputs assumed
     {"BPF",                nullptr,      1,         gateLimit, 0, 0, make<BpfState, BPFArg>,
-     bpfCommands, "sends each packet to the gate of the first filter expression it meets"},
+     bpfCommands, "sends each packet to the gate of the first filter expression it meets"},  // assumed
     {"Buffer",             nullptr,      1,         1,         0, 1, plain,
-     noCommands, "collects small batches into full ones"},
+     noCommands, "collects small batches into full ones"},  // assumed
     {"Bypass",             nullptr,      gateLimit, gateLimit, 0, 0, plain,
-     noCommands, "hands packets on untouched"},
-    {"Counter",            nullptr,      1,         1,         0, 1, plain,
-     counterCommands, "counts packets and bytes for each counter number"},
+     noCommands, "hands packets on untouched"},  // assumed
+    {"Counter",            nullptr,      1,         1,         0, 1, needArgument<counterArgument>,
+     counterCommands, "counts packets and bytes for each counter number"},  // assumed
     {"DRR",                "DRR",        1,         1,         1, 0, make<DrrState, DRRArg>,
-     drrCommands, "shares the output fairly among flows, a quantum of bytes a turn"},
+     drrCommands, "shares the output fairly among flows, a quantum of bytes a turn"},  // outputs seen, inputs assumed
     {"Dump",               nullptr,      1,         1,         0, 1, make<DumpState, DumpArg>,
-     dumpCommands, "prints a packet with its metadata every so often"},
+     dumpCommands, "prints a packet with its metadata every so often"},  // seen
     {"EtherEncap",         nullptr,      1,         1,         0, 0, make<EtherEncapState, EtherEncapArg>,
-     noCommands, "puts an Ethernet header in front, made from metadata"},
+     noCommands, "puts an Ethernet header in front, made from metadata"},  // assumed
     {"ExactMatch",         "em",         1,         gateLimit, 0, 0, make<ExactMatchState, ExactMatchArg>,
-     exactMatchCommands, "chooses the gate by looking up several fields in a table"},
-    {"FlowGen",            nullptr,      0,         1,         1, 1, make<FlowGenState, FlowGenArg>,
-     flowGenCommands, "makes packets that look like many flows beginning and ending"},
-    {"FlowMeasure",        nullptr,      1,         1,         0, 1, plain,
-     flowMeasureCommands, "measures delay, jitter and throughput of each flow"},
+     exactMatchCommands, "chooses the gate by looking up several fields in a table"},  // assumed
+    {"FlowGen",            "flowgen",    0,         1,         1, 1, make<FlowGenState, FlowGenArg>,
+     flowGenCommands, "makes packets that look like many flows beginning and ending"},  // assumed
+    {"FlowMeasure",        nullptr,      1,         1,         0, 1, needArgument<flowMeasureArgument>,
+     flowMeasureCommands, "measures delay, jitter and throughput of each flow"},  // assumed
     {"GenericDecap",       nullptr,      1,         1,         0, 0, make<GenericDecapState, GenericDecapArg>,
-     noCommands, "cuts a number of bytes off the front"},
+     noCommands, "cuts a number of bytes off the front"},  // assumed
     {"GenericEncap",       nullptr,      1,         1,         0, 0, make<GenericEncapState, GenericEncapArg>,
-     noCommands, "puts bytes in front, fixed ones or from metadata"},
+     noCommands, "puts bytes in front, fixed ones or from metadata"},  // assumed
     {"GtpuDecap",          nullptr,      1,         1,         0, 0, plain,
-     noCommands, "takes the GTP-U tunnel headers off"},
-    {"GtpuEcho",           nullptr,      1,         1,         0, 0, plain,
-     noCommands, "answers GTP-U echo requests"},
-    {"GtpuEncap",          nullptr,      1,         1,         0, 0, plain,
-     noCommands, "puts GTP-U tunnel headers in front"},
-    {"GtpuParser",         nullptr,      1,         2,         0, 0, plain,
-     noCommands, "reads the headers of GTP-U packets into metadata"},
+     noCommands, "takes the GTP-U tunnel headers off"},  // assumed
+    {"GtpuEcho",           nullptr,      1,         2,         0, 0, needArgument<echoArgument>,
+     noCommands, "answers GTP-U echo requests"},  // assumed
+    {"GtpuEncap",          nullptr,      1,         2,         0, 0, make<GtpuEncapState, EmptyArg>,
+     noCommands, "puts GTP-U tunnel headers in front"},  // assumed
+    {"GtpuParser",         nullptr,      1,         2,         0, 0, make<GtpuParserState, EmptyArg>,
+     noCommands, "reads the headers of GTP-U packets into metadata"},  // assumed
     {"GtpuPathMonitoring", nullptr,      1,         1,         0, 0, plain,
-     gtpuPathMonitoringCommands, "watches GTP-U peers by asking them for an echo"},
+     gtpuPathMonitoringCommands, "watches GTP-U peers by asking them for an echo"},  // assumed
     {"HashLB",             nullptr,      1,         gateLimit, 0, 0, make<HashLbState, HashLBArg>,
-     hashLBCommands, "spreads flows over gates by a hash of their header fields"},
-    {"IPChecksum",         nullptr,      1,         1,         0, 0, plain,
-     noCommands, "computes the checksum of the IPv4 header anew"},
-    {"IPDefrag",           nullptr,      1,         2,         0, 0, plain,
-     noCommands, "puts IPv4 fragments together again"},
+     hashLBCommands, "spreads flows over gates by a hash of their header fields"},  // assumed
+    {"IPChecksum",         nullptr,      1,         2,         0, 0, plain,
+     noCommands, "computes the checksum of the IPv4 header anew"},  // assumed
+    {"IPDefrag",           nullptr,      1,         2,         0, 0, needArgument<defragArgument>,
+     noCommands, "puts IPv4 fragments together again"},  // assumed
     {"IPEncap",            nullptr,      1,         1,         0, 0, make<IpEncapState, IPEncapArg>,
-     noCommands, "puts an IPv4 header in front, made from metadata"},
-    {"IPFrag",             nullptr,      1,         2,         0, 0, plain,
-     ipFragCommands, "cuts IPv4 packets that are too long into fragments"},
+     noCommands, "puts an IPv4 header in front, made from metadata"},  // assumed
+    {"IPFrag",             nullptr,      1,         2,         0, 0, needArgument<fragArgument>,
+     ipFragCommands, "cuts IPv4 packets that are too long into fragments"},  // assumed
     {"IPLookup",           nullptr,      1,         gateLimit, 0, 0, make<IpLookupState, IPLookupArg>,
-     ipLookupCommands, "chooses the gate by the longest prefix of the IPv4 destination"},
+     ipLookupCommands, "chooses the gate by the longest prefix of the IPv4 destination"},  // assumed
     {"IPSwap",             "ipswap",     1,         1,         0, 0, plain,
-     noCommands, "exchanges source and destination, addresses and ports"},
+     noCommands, "exchanges source and destination, addresses and ports"},  // outputs seen, inputs assumed
     {"L2Forward",          nullptr,      1,         gateLimit, 0, 0, make<L2ForwardState, L2ForwardArg>,
-     l2ForwardCommands, "chooses the gate by the destination MAC address"},
-    {"L4Checksum",         nullptr,      1,         1,         0, 0, plain,
-     noCommands, "computes the TCP or UDP checksum anew"},
+     l2ForwardCommands, "chooses the gate by the destination MAC address"},  // assumed
+    {"L4Checksum",         nullptr,      1,         2,         0, 0, plain,
+     noCommands, "computes the TCP or UDP checksum anew"},  // assumed
     {"MACSwap",            "macswap",    1,         1,         0, 0, plain,
-     noCommands, "exchanges the source and destination MAC addresses"},
+     noCommands, "exchanges the source and destination MAC addresses"},  // outputs seen, inputs assumed
     {"MPLSPop",            nullptr,      1,         2,         0, 0, plain,
-     mplsPopCommands, "takes the outermost MPLS label off"},
+     mplsPopCommands, "takes the outermost MPLS label off"},  // outputs seen, inputs assumed
     {"Measure",            nullptr,      1,         1,         0, 1, make<MeasureState, MeasureArg>,
-     measureCommands, "measures how old packets are that a Timestamp has marked"},
+     measureCommands, "measures how old packets are that a Timestamp has marked"},  // assumed
     {"Merge",              nullptr,      gateLimit, 1,         0, 0, plain,
-     noCommands, "joins all inputs into one output"},
+     noCommands, "joins all inputs into one output"},  // assumed
     {"MetadataTest",       "mt_test",    gateLimit, gateLimit, 0, 1, make<MetadataTestState, MetadataTestArg>,
-     noCommands, "reads and writes the metadata it is told, for tests"},
-    {"NAT",                nullptr,      2,         2,         0, 1, make<NatState, NATArg>,
-     natCommands, "translates addresses and ports of IPv4 flows as they appear"},
+     noCommands, "reads and writes the metadata it is told, for tests"},  // outputs seen, inputs assumed
+    {"NAT",                nullptr,      2,         2,         0, 2, make<NatState, NATArg>,
+     natCommands, "translates addresses and ports of IPv4 flows as they appear"},  // assumed
     {"NoOP",               "noop",       0,         0,         1, 0, plain,
-     noCommands, "has a task that has nothing to do"},
+     noCommands, "has a task that has nothing to do"},  // seen
     {"PortInc",            nullptr,      0,         1,         1, 0, makePortUser<PortIncArg, Direction::Inc>,
-     portIncCommands, "takes packets in from all queues of a port"},
+     portIncCommands, "takes packets in from all queues of a port"},  // assumed
     {"PortOut",            nullptr,      1,         0,         0, 0, makePortUser<PortOutArg, Direction::Out>,
-     portOutCommands, "sends packets out through a port"},
-    {"Qos",                nullptr,      1,         gateLimit, 0, 0, plain,
-     qosCommands, "chooses gate and rate limits by looking up several fields"},
+     portOutCommands, "sends packets out through a port"},  // outputs seen, inputs assumed
+    {"Qos",                nullptr,      1,         gateLimit, 0, 0, make<QosState, EmptyArg>,
+     qosCommands, "chooses gate and rate limits by looking up several fields"},  // assumed
     {"Queue",              nullptr,      1,         1,         1, 0, make<QueueState, QueueArg>,
-     queueCommands, "keeps packets until a task of its own takes them on"},
+     queueCommands, "keeps packets until a task of its own takes them on"},  // assumed
     {"QueueInc",           nullptr,      0,         1,         1, 0, makeQueueUser<QueueIncArg, Direction::Inc>,
-     queueIncCommands, "takes packets in from one queue of a port"},
+     queueIncCommands, "takes packets in from one queue of a port"},  // assumed
     {"QueueOut",           nullptr,      1,         0,         0, 0, makeQueueUser<QueueOutArg, Direction::Out>,
-     noCommands, "sends packets out through one queue of a port"},
+     noCommands, "sends packets out through one queue of a port"},  // outputs seen, inputs assumed
     {"RandomSplit",        nullptr,      1,         gateLimit, 0, 0, make<RandomSplitState, RandomSplitArg>,
-     randomSplitCommands, "drops some packets and spreads the others, by chance"},
+     randomSplitCommands, "drops some packets and spreads the others, by chance"},  // outputs seen, inputs assumed
     {"RandomUpdate",       "rupdate",    1,         1,         0, 1, make<RandomUpdateState, RandomUpdateArg>,
-     randomUpdateCommands, "overwrites packet bytes with random numbers from a range"},
-    {"Replicate",          "repl",       1,         gateLimit, 0, 0, make<ReplicateState, ReplicateArg>,
-     replicateCommands, "sends a copy of each packet to every gate"},
+     randomUpdateCommands, "overwrites packet bytes with random numbers from a range"},  // assumed
+    {"Replicate",          "repl",       1,         maxCopies, 0, 0, make<ReplicateState, ReplicateArg>,
+     replicateCommands, "sends a copy of each packet to every gate"},  // assumed
     {"Rewrite",            nullptr,      1,         1,         0, 0, make<RewriteState, RewriteArg>,
-     rewriteCommands, "exchanges the whole content of packets for given ones"},
-    {"RoundRobin",         "rr",         1,         gateLimit, 0, 0, make<RoundRobinState, RoundRobinArg>,
-     roundRobinCommands, "sends to one gate after the other in turn"},
+     rewriteCommands, "exchanges the whole content of packets for given ones"},  // assumed
+    {"RoundRobin",         "rr",         1,         gateLimit, 0, 1, make<RoundRobinState, RoundRobinArg>,
+     roundRobinCommands, "sends to one gate after the other in turn"},  // outputs seen, inputs assumed
     {"SetMetadata",        "setattr",    1,         1,         0, 0, make<SetMetadataState, SetMetadataArg>,
-     setMetadataCommands, "gives packets metadata, fixed or copied from their bytes"},
+     setMetadataCommands, "gives packets metadata, fixed or copied from their bytes"},  // assumed
     {"Sink",               nullptr,      1,         0,         0, 0, plain,
-     noCommands, "drops whatever comes"},
+     noCommands, "drops whatever comes"},  // seen
     {"Source",             nullptr,      0,         1,         1, 1, make<SourceState, SourceArg>,
-     sourceCommands, "makes packets of a given size without end; their content is arbitrary"},
+     sourceCommands, "makes packets of a given size without end; their content is arbitrary"},  // seen
     {"Split",              nullptr,      1,         gateLimit, 0, 0, make<SplitState, SplitArg>,
-     noCommands, "takes the gate's number from packet bytes or metadata"},
+     noCommands, "takes the gate's number from packet bytes or metadata"},  // assumed
     {"StaticNAT",          nullptr,      2,         2,         0, 0, make<StaticNatState, StaticNATArg>,
-     staticNATCommands, "translates address ranges one to one, keeping no flows"},
+     staticNATCommands, "translates address ranges one to one, keeping no flows"},  // seen
     {"Timestamp",          nullptr,      1,         1,         0, 0, make<TimestampState, TimestampArg>,
-     noCommands, "writes the time of passing into packets, for Measure"},
+     noCommands, "writes the time of passing into packets, for Measure"},  // outputs seen, inputs assumed
     {"Update",             nullptr,      1,         1,         0, 0, make<UpdateState, UpdateArg>,
-     updateCommands, "overwrites packet bytes with given values"},
+     updateCommands, "overwrites packet bytes with given values"},  // assumed
     {"UpdateTTL",          nullptr,      1,         1,         0, 0, plain,
-     noCommands, "takes one off the IPv4 time to live and drops what has run out"},
+     noCommands, "takes one off the IPv4 time to live and drops what has run out"},  // assumed
     {"UrlFilter",          "url-filter", 2,         2,         0, 1, make<UrlFilterState, UrlFilterArg>,
-     urlFilterCommands, "cuts HTTP connections that ask for a blocked address"},
+     urlFilterCommands, "cuts HTTP connections that ask for a blocked address"},  // assumed
     {"VLANPop",            nullptr,      1,         1,         0, 0, plain,
-     noCommands, "takes the outermost VLAN tag off"},
+     noCommands, "takes the outermost VLAN tag off"},  // inputs seen, outputs assumed
     {"VLANPush",           nullptr,      1,         1,         0, 0, make<VlanPushState, VLANPushArg>,
-     vlanPushCommands, "puts a VLAN tag on"},
+     vlanPushCommands, "puts a VLAN tag on"},  // assumed
     {"VLANSplit",          nullptr,      1,         4096,      0, 0, plain,
-     noCommands, "takes the gate's number from the VLAN tag, which comes off"},
+     noCommands, "takes the gate's number from the VLAN tag, which comes off"},  // inputs seen, outputs assumed
     {"VXLANDecap",         nullptr,      1,         1,         0, 0, make<VxlanDecapState, VXLANDecapArg>,
-     noCommands, "takes the outer headers down to VXLAN off"},
+     noCommands, "takes the outer headers down to VXLAN off"},  // assumed
     {"VXLANEncap",         nullptr,      1,         1,         0, 0, make<VxlanEncapState, VXLANEncapArg>,
-     noCommands, "puts UDP and VXLAN headers in front"},
+     noCommands, "puts UDP and VXLAN headers in front"},  // assumed
     {"WildcardMatch",      "wm",         1,         gateLimit, 0, 0, make<WildcardMatchState, WildcardMatchArg>,
-     wildcardMatchCommands, "chooses the gate by looking up several fields under masks"},
-    {"WorkerSplit",        "ws",         1,         gateLimit, 0, 0, make<WorkerSplitState, WorkerSplitArg>,
-     workerSplitCommands, "takes the gate's number from the worker that is running"},
+     wildcardMatchCommands, "chooses the gate by looking up several fields under masks"},  // outputs seen, inputs assumed
+    {"WorkerSplit",        "ws",         1,         workerLimit, 0, 0, make<WorkerSplitState, WorkerSplitArg>,
+     workerSplitCommands, "takes the gate's number from the worker that is running"},  // assumed
 };
 // clang-format on
 

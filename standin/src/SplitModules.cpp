@@ -9,9 +9,6 @@ namespace Standin {
 
 namespace {
 
-constexpr std::uint32_t workerLimit = 64;
-constexpr int maxCopies = 32;  // Gates of one Replicate.
-
 void checkDropRate(double rate) {
   if (!(rate >= 0 && rate <= 1)) throw Refusal(EINVAL, "drop rate needs to be between [0, 1]");
 }
@@ -22,7 +19,7 @@ void checkTurnMode(const std::string& mode) {
 }
 
 void checkCopies(int gates) {
-  if (gates > maxCopies)
+  if (gates > static_cast<int>(maxCopies))
     throw Refusal(EINVAL, "no more than " + std::to_string(maxCopies) + " gates");
 }
 

@@ -11,6 +11,9 @@
 
 namespace Standin {
 
+constexpr unsigned workerLimit = 64;  // Worker numbers are below it.
+constexpr unsigned maxCopies = 32;    // Gates of one Replicate.
+
 class RoundRobinState : public ModuleState {
  public:
   explicit RoundRobinState(const bess::pb::RoundRobinArg& arg);

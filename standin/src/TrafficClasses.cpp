@@ -109,7 +109,6 @@ void TrafficClasses::end(TrafficNode& node) {
     const auto leaves = tasks_.find(node.leafModule);
     if (leaves != tasks_.end()) leaves->second[node.leafTask] = nullptr;
   }
-  if (node.parent == &node) --ownParents_;
   forgetName(node);
   nodes_.erase(node.self);
 }
@@ -180,7 +179,6 @@ void TrafficClasses::attachToParent(TrafficNode& node, const bess::pb::TrafficCl
   if (parent == nullptr) throw Refusal(ENOENT, "Parent TC '" + wanted.parent() + "' not found");
   placeBelow(*parent, node, wanted);
   setWorker(node, parent->worker);
-  if (parent == &node) ++ownParents_;
   node.parent = parent;
   enter(node, parent->children);
 }
@@ -260,12 +258,12 @@ void TrafficClasses::dropTree(int worker) {
   for (TrafficNode* node : nodes) end(*node);
 }
 
-const TrafficNode* TrafficClasses::firstLeaf(int worker) const {
-  const TrafficNode* first = nullptr;
-  forEachLeaf(worker, [&](const TrafficNode& leaf) {
-    if (first == nullptr) first = &leaf;
-  });
-  return first;
+const TrafficNode* TrafficClasses::leafIn(int worker) const {
+  for (const auto& [name, node] : listed_)
+    if (node->leaf() && node->worker == worker) return node;
+  const TrafficNode* any = nullptr;  // It may be one that reset has taken the name from.
+  forEachLeaf(worker, [&](const TrafficNode& leaf) { any = &leaf; });
+  return any;
 }
 
 std::int64_t TrafficClasses::count(int worker) const {
@@ -286,7 +284,9 @@ void TrafficClasses::forEachLeaf(int worker,
 
 void TrafficClasses::forEachListed(int worker,
                                    const std::function<void(const TrafficNode&)>& visit) const {
-  if (ownParents_ > 0) return;  // Seen: with a class that is its own parent, nothing is listed.
+  // Seen: with a class that is its own parent, nothing is listed.
+  for (const auto& entry : listed_)
+    if (entry.second->parent == entry.second) return;
   for (const auto& [name, node] : listed_) {
     if (worker >= 0 && node->worker != worker) continue;
     for (const TrafficNode* child : node->children) visit(*child);

@@ -76,8 +76,8 @@ class TrafficClasses {
   void reset();
   // Ends a worker's tree with all that is in it.
   void dropTree(int worker);
-  // The first leaf in a worker's tree; null when it has none.
-  const TrafficNode* firstLeaf(int worker) const;
+  // A leaf in a worker's tree, the first in the order of listTcs; null when it has none.
+  const TrafficNode* leafIn(int worker) const;
   // Nodes in a worker's tree.
   std::int64_t count(int worker) const;
   // Calls `visit` for every leaf in a worker's tree.
@@ -98,7 +98,6 @@ class TrafficClasses {
   std::map<int, TrafficNode*> roots_;  // By worker.
   std::list<TrafficNode*> waiting_;
   std::unordered_map<std::string, std::vector<TrafficNode*>> tasks_;  // By module; null when lost.
-  int ownParents_ = 0;  // Classes that are their own parent.
   // The order of listTcs comes from the order of this map: the daemon's own does.
   std::unordered_map<std::string, TrafficNode*> listed_;
 };

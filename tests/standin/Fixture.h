@@ -1,6 +1,7 @@
 #pragma once
 
 #include <Standin/Server.h>
+#include <google/protobuf/util/json_util.h>
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -56,6 +57,47 @@ class StandinFixture : public testing::Test {
     request.set_name(name);
     request.mutable_arg()->PackFrom(arg);
     return call(&Stub::CreateModule, request).error().code();
+  }
+
+  // Creates with an argument of the class's message, given in JSON; answers the refusal's text.
+  std::string createRefusal(const std::string& mclass, const std::string& argument,
+                            const std::string& json) {
+    bess::pb::CreateModuleRequest request;
+    request.set_mclass(mclass);
+    *request.mutable_arg() = packed(argument, json);
+    return refusal(call(&Stub::CreateModule, request).error());
+  }
+
+  std::string commandRefusal(const std::string& module, const std::string& cmd,
+                             const std::string& argument, const std::string& json) {
+    bess::pb::CommandRequest request;
+    request.set_name(module);
+    request.set_cmd(cmd);
+    *request.mutable_arg() = packed(argument, json);
+    return refusal(call(&Stub::ModuleCommand, request).error());
+  }
+
+  // "CODE TEXT", or nothing.
+  static std::string refusal(const bess::pb::Error& error) {
+    return error.code() == 0 ? "" : std::to_string(error.code()) + " " + error.errmsg();
+  }
+
+  static google::protobuf::Any packed(const std::string& argument, const std::string& json) {
+    google::protobuf::Any any;
+    const std::string text = "{\"@type\":\"type.googleapis.com/bess.pb." + argument + "\"" +
+                             (json.empty() ? "" : "," + json) + "}";
+    EXPECT_TRUE(google::protobuf::util::JsonStringToMessage(text, &any).ok()) << text;
+    return any;
+  }
+
+  std::vector<std::int64_t> offsets(const std::string& module) {
+    bess::pb::GetModuleInfoRequest request;
+    request.set_name(module);
+    std::vector<std::int64_t> result;
+    const auto info = call(&Stub::GetModuleInfo, request);
+    for (const auto& attribute : info.metadata())
+      result.push_back(attribute.offset());
+    return result;
   }
 
   int destroyModule(const std::string& name) {

@@ -74,6 +74,7 @@ TEST_F(StandinModules, ACommandThatIsNotThreadSafeWaitsForAPause) {
   createModule("Source", "src");
   createModule("Queue", "q");
   connect("src", "q");
+  ask(&Stub::CheckSchedulingConstraints);
   ask(&Stub::ResumeAll);
   QueueCommandSetSizeArg size;
   size.set_size(256);
@@ -116,6 +117,7 @@ TEST_F(StandinModules, MetadataThatMeetsStandsApart) {
   createModule("MetadataTest", "c", reads);
   connect("a", "b");
   connect("b", "c");
+  ask(&Stub::ResumeAll);
   GetModuleInfoRequest request;
   request.set_name("c");
   const auto info = call(&Stub::GetModuleInfo, request);
@@ -137,4 +139,59 @@ TEST_F(StandinModules, AHookNameIsTakenOnce) {
   request.mutable_hook()->set_igate(0);
   EXPECT_EQ(call(&Stub::ConfigureGateHook, request).error().code(), 0);
   EXPECT_EQ(call(&Stub::ConfigureGateHook, request).error().code(), EEXIST);
+}
+
+TEST_F(StandinModules, ClassesHaveTheirOwnNumbersOfGates) {
+  const struct {
+    const char* mclass;
+    std::uint64_t outputs;
+  } rows[] = {{"IPChecksum", 2}, {"L4Checksum", 2},  {"GtpuEncap", 2},   {"UrlFilter", 2},
+              {"Replicate", 32}, {"WorkerSplit", 64}, {"RoundRobin", 8192}, {"Merge", 1}};
+  createModule("Sink", "snk");
+  for (const auto& row : rows) {
+    createModule(row.mclass, row.mclass);
+    EXPECT_EQ(connect(row.mclass, "snk", row.outputs - 1), 0) << row.mclass;
+    EXPECT_EQ(connect(row.mclass, "snk", row.outputs), EINVAL) << row.mclass;
+  }
+}
+
+TEST_F(StandinModules, ClassesSayHowManyWorkersMayReachThem) {
+  for (int worker = 0; worker < 3; ++worker) addWorker(worker);
+  createModule("RoundRobin", "rr");
+  createModule("Source", "a");
+  createModule("Source", "b");
+  connect("a", "rr");
+  EXPECT_FALSE(ask(&Stub::CheckSchedulingConstraints).fatal());
+  createModule("Merge", "m");
+  connect("m", "rr", 0, 0);
+  connect("b", "m");
+  const auto check = ask(&Stub::CheckSchedulingConstraints);
+  EXPECT_TRUE(check.fatal());
+  ASSERT_EQ(check.modules_size(), 1);
+  EXPECT_EQ(check.modules(0).name(), "rr");
+}
+
+TEST_F(StandinModules, AttributesAreThoseOfTheClass) {
+  const auto names = [this](const std::string& mclass) {
+    GetModuleInfoRequest request;
+    request.set_name(createModule(mclass));
+    const auto info = call(&Stub::GetModuleInfo, request);
+    std::string all;
+    for (const auto& attribute : info.metadata())
+      all += attribute.name() + "/" + std::to_string(attribute.size()) + "/" + attribute.mode() + " ";
+    return all;
+  };
+  EXPECT_EQ(names("Timestamp"), "timestamp/8/write ");
+  EXPECT_EQ(names("Measure"), "timestamp/8/read ");
+  EXPECT_EQ(names("IPEncap"),
+            "ip_src/4/read ip_dst/4/read ip_proto/1/read ip_nexthop/4/write ether_type/2/write ");
+  EXPECT_EQ(names("VXLANDecap"), "tun_ip_src/4/write tun_ip_dst/4/write tun_id/4/write ");
+  EXPECT_EQ(names("VXLANEncap"),
+            "tun_ip_src/4/read tun_ip_dst/4/read tun_id/4/read ip_src/4/write ip_dst/4/write "
+            "ip_proto/1/write ");
+}
+
+TEST_F(StandinModules, AMarkAtAFixedOffsetIsNoMetadata) {
+  EXPECT_EQ(createRefusal("Timestamp", "TimestampArg", R"("offset":14)"), "");
+  EXPECT_TRUE(offsets("timestamp0").empty());
 }

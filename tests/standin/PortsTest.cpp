@@ -6,6 +6,8 @@ using namespace bess::pb;
 
 class StandinPorts : public StandinTest::StandinFixture {
  protected:
+  static constexpr const char* keepMac = "00:00:00:00:00:00";
+
   int configure(const std::string& name, const std::string& mac, std::uint32_t mtu) {
     SetPortConfRequest request;
     request.set_name(name);
@@ -87,17 +89,17 @@ TEST_F(StandinPorts, ZeroesKeepTheConfiguration) {
 
 TEST_F(StandinPorts, TheMtuHasBounds) {
   createPort("p", "net_null0");
-  EXPECT_EQ(configure("p", "", 67), EINVAL);
-  EXPECT_EQ(configure("p", "", 2049), EINVAL);
-  EXPECT_EQ(configure("p", "", 68), 0);
-  EXPECT_EQ(configure("p", "", 2048), 0);
+  EXPECT_EQ(configure("p", keepMac, 67), EINVAL);
+  EXPECT_EQ(configure("p", keepMac, 2049), EINVAL);
+  EXPECT_EQ(configure("p", keepMac, 68), 0);
+  EXPECT_EQ(configure("p", keepMac, 2048), 0);
 }
 
 TEST_F(StandinPorts, ASocketPortHasNothingToConfigure) {
   CreatePortRequest request;
   request.set_driver("UnixSocketPort");
   EXPECT_EQ(call(&Stub::CreatePort, request).name(), "unix_port0");
-  EXPECT_EQ(configure("unix_port0", "", 1400), EOPNOTSUPP);
+  EXPECT_EQ(configure("unix_port0", keepMac, 1400), EOPNOTSUPP);
 }
 
 TEST_F(StandinPorts, MacAddressesComeAndGo) {
@@ -114,4 +116,45 @@ TEST_F(StandinPorts, MacAddressesNeedAPortAndAnAddress) {
   EXPECT_EQ(call(&Stub::AddPortMacAddress, mac("nope", "02:00:00:00:00:09")).error().code(),
             ENOENT);
   EXPECT_EQ(call(&Stub::AddPortMacAddress, mac("p", "zz")).error().code(), EINVAL);
+}
+
+TEST_F(StandinPorts, AConfigurationWantsAnAddress) {
+  createPort("p", "net_null0");
+  EXPECT_EQ(configure("p", "", 1400), EINVAL);
+  EXPECT_EQ(configure("p", "zz", 1400), EINVAL);
+  EXPECT_EQ(configure("p", "02:00:00:00:00:01:02", 1400), 0);
+}
+
+TEST_F(StandinPorts, ARefusedAddressLeavesTheMtuChangedAndTheLinkDown) {
+  createPort("p", "net_null0");
+  EXPECT_EQ(configure("p", "ff:ff:ff:ff:ff:ff", 1400), EINVAL);
+  EXPECT_EQ(conf("p").mtu(), 1400u);
+  EXPECT_TRUE(conf("p").admin_up());
+  GetLinkStatusRequest request;
+  request.set_name("p");
+  EXPECT_FALSE(call(&Stub::GetLinkStatus, request).link_up());
+}
+
+TEST_F(StandinPorts, TheLinkFollowsTheAdministration) {
+  createPort("p", "net_null0");
+  GetLinkStatusRequest status;
+  status.set_name("p");
+  EXPECT_TRUE(call(&Stub::GetLinkStatus, status).link_up());
+  SetPortConfRequest request;
+  request.set_name("p");
+  request.mutable_conf()->set_mac_addr(keepMac);
+  EXPECT_EQ(call(&Stub::SetPortConf, request).error().code(), 0);
+  EXPECT_FALSE(call(&Stub::GetLinkStatus, status).link_up());
+  request.mutable_conf()->set_admin_up(true);
+  EXPECT_EQ(call(&Stub::SetPortConf, request).error().code(), 0);
+  EXPECT_TRUE(call(&Stub::GetLinkStatus, status).link_up());
+}
+
+TEST_F(StandinPorts, AConfigurationThatNamesNoPortOrAddressPausesNothing) {
+  createModule("Source", "src");
+  EXPECT_EQ(configure("nope", keepMac, 0), ENOENT);
+  EXPECT_TRUE(ask(&Stub::ListWorkers).workers_status().empty());
+  createPort("p", "net_null0");
+  EXPECT_EQ(configure("p", keepMac, 67), EINVAL);
+  EXPECT_FALSE(ask(&Stub::ListWorkers).workers_status().empty());
 }

@@ -1,6 +1,7 @@
-// Recordings of a daemon against the stand-in. What may differ: where the recorded daemon dies of a
-// fault of its own, which the stand-in has not, and how many addresses its packets made it
-// translate. `standin_replay_report` shows what does.
+// Recordings of a daemon against the stand-in. What differs: where the recorded daemon dies of a
+// fault of its own, or goes on with memory that it has given back (the leaf of a task, lost by a
+// refused move), and how many addresses its packets made it translate. `standin_replay_report`
+// shows the lines.
 
 #include <gtest/gtest.h>
 
@@ -27,5 +28,5 @@ TEST(StandinReplay, AgreesWithScriptedConversations) {
 }
 
 TEST(StandinReplay, AgreesWithRandomConversations) {
-  expectAgreement(STANDIN_RECORDINGS "/recordings-random", 0.995, 0.98);
+  expectAgreement(STANDIN_RECORDINGS "/recordings-random", 0.999, 0.997);
 }

@@ -4,7 +4,32 @@
 
 using namespace bess::pb;
 
-class StandinScheduling : public StandinTest::StandinFixture {};
+class StandinScheduling : public StandinTest::StandinFixture {
+ protected:
+  // Null when no class of that name is listed; valid until the next call.
+  const TrafficClass* find(const std::string& name) {
+    listed_ = trafficClasses();
+    for (const auto& status : listed_)
+      if (status.class_().name() == name) return &status.class_();
+    return nullptr;
+  }
+
+  std::int64_t workerOf(const std::string& name) {
+    const TrafficClass* found = find(name);
+    return found == nullptr ? -99 : found->wid();
+  }
+
+  std::string moveLeaf(const std::string& module, const std::string& parent) {
+    UpdateTcParentRequest request;
+    request.mutable_class_()->set_leaf_module_name(module);
+    request.mutable_class_()->set_parent(parent);
+    request.mutable_class_()->set_wid(-1);
+    return refusal(call(&Stub::UpdateTcParent, request).error());
+  }
+
+ private:
+  std::vector<ListTcsResponse::TrafficClassStatus> listed_;
+};
 
 TEST_F(StandinScheduling, AWorkerNeedsAFreeIdAndACore) {
   EXPECT_EQ(addWorker(0), 0);
@@ -128,4 +153,162 @@ TEST_F(StandinScheduling, ResetAllLeavesNothing) {
   EXPECT_EQ(ask(&Stub::ListPorts).ports_size(), 0);
   EXPECT_EQ(ask(&Stub::ListWorkers).workers_status_size(), 0);
   EXPECT_TRUE(trafficClasses().empty());
+}
+
+TEST_F(StandinScheduling, ARefusedPausingCallAttachesLeavesAndLaunchesAWorker) {
+  createModule("Source", "src");
+  EXPECT_TRUE(ask(&Stub::ListWorkers).workers_status().empty());
+  DisconnectModulesRequest nobody;
+  nobody.set_name("nope");
+  EXPECT_EQ(call(&Stub::DisconnectModules, nobody).error().code(), ENOENT);
+  ASSERT_EQ(ask(&Stub::ListWorkers).workers_status_size(), 1);
+  EXPECT_EQ(trafficClasses().at(0).class_().wid(), 0);
+}
+
+TEST_F(StandinScheduling, ResumingOneWorkerAttachesAndLaunchesNothing) {
+  createModule("Source", "src");
+  ResumeWorkerRequest request;
+  call(&Stub::ResumeWorker, request);
+  EXPECT_TRUE(ask(&Stub::ListWorkers).workers_status().empty());
+  EXPECT_EQ(trafficClasses().at(0).class_().wid(), -1);
+}
+
+TEST_F(StandinScheduling, ANewClassWaitsBehindTheLeavesThatWaitAlready) {
+  createModule("Source", "src");
+  EXPECT_EQ(addTc("v", "priority"), 0);
+  const auto classes = trafficClasses();
+  ASSERT_EQ(classes.size(), 3u);
+  EXPECT_EQ(classes[0].class_().name(), "!leaf_src:0");
+  EXPECT_EQ(classes[1].class_().name(), "v");
+}
+
+TEST_F(StandinScheduling, AWorkerLaunchedForALeafIsNobodysTurn) {
+  createModule("Source", "a");
+  ask(&Stub::ResumeAll);  // Launches worker 0 for it.
+  addWorker(1);
+  createModule("Source", "b");
+  DestroyModuleRequest nobody;
+  call(&Stub::DestroyModule, nobody);
+  EXPECT_EQ(workerOf("!leaf_b:0"), 0);
+  createModule("Source", "c");
+  call(&Stub::DestroyModule, nobody);
+  EXPECT_EQ(workerOf("!leaf_c:0"), 1);
+}
+
+TEST_F(StandinScheduling, TheTopRoundRobinEndsWhenAMoveLeavesItOneChild) {
+  createModule("Source", "src");
+  addTc("rr", "round_robin");
+  ASSERT_NE(find("!default_rr_0"), nullptr);
+  EXPECT_EQ(moveLeaf("src", "rr"), "");
+  EXPECT_EQ(find("!default_rr_0"), nullptr);
+}
+
+TEST_F(StandinScheduling, TheTopRoundRobinStaysWhenADestructionLeavesItOneChildOrNone) {
+  createModule("Source", "a");
+  createModule("Source", "b");
+  ask(&Stub::ResumeAll);
+  destroyModule("a");
+  EXPECT_NE(find("!default_rr_0"), nullptr);
+  destroyModule("b");
+  EXPECT_NE(find("!default_rr_0"), nullptr);
+}
+
+TEST_F(StandinScheduling, ALeafThatWasLostIsNotFoundAgain) {
+  createModule("Source", "src");
+  EXPECT_EQ(moveLeaf("src", "nope"), "2 Parent TC 'nope' not found");
+  EXPECT_EQ(moveLeaf("src", "nope"), "2 Error finding TC");
+}
+
+TEST_F(StandinScheduling, AClassMayBeItsOwnParentAndThenNothingIsListed) {
+  createModule("Source", "src");
+  AddTcRequest request;
+  request.mutable_class_()->set_name("u");
+  request.mutable_class_()->set_policy("round_robin");
+  request.mutable_class_()->set_parent("u");
+  request.mutable_class_()->set_wid(-1);
+  EXPECT_EQ(call(&Stub::AddTc, request).error().code(), 0);
+  EXPECT_TRUE(trafficClasses().empty());
+  EXPECT_EQ(ask(&Stub::ResetAll).error().code(), 0);
+  EXPECT_EQ(addTc("v", "priority"), 0);
+  EXPECT_EQ(trafficClasses().size(), 1u);
+}
+
+TEST_F(StandinScheduling, ResetForgetsNamesAndLeavesTheTrees) {
+  addTc("rr", "round_robin");
+  ask(&Stub::ResetTcs);
+  EXPECT_TRUE(trafficClasses().empty());
+  EXPECT_EQ(ask(&Stub::ListWorkers).workers_status(0).num_tcs(), 1);
+  EXPECT_EQ(addTc("rr", "round_robin"), 0);
+  EXPECT_EQ(ask(&Stub::ListWorkers).workers_status(0).num_tcs(), 3);
+}
+
+TEST_F(StandinScheduling, ParametersThatAreNotGivenKeepTheirValues) {
+  AddTcRequest add;
+  add.mutable_class_()->set_name("r");
+  add.mutable_class_()->set_policy("rate_limit");
+  add.mutable_class_()->set_resource("bit");
+  (*add.mutable_class_()->mutable_limit())["bit"] = 5;
+  (*add.mutable_class_()->mutable_max_burst())["bit"] = 7;
+  call(&Stub::AddTc, add);
+  UpdateTcParamsRequest update;
+  update.mutable_class_()->set_name("r");
+  update.mutable_class_()->set_resource("bit");
+  (*update.mutable_class_()->mutable_limit())["bit"] = 9;
+  EXPECT_EQ(call(&Stub::UpdateTcParams, update).error().code(), 0);
+  EXPECT_EQ(find("r")->limit().at("bit"), 9);
+  EXPECT_EQ(find("r")->max_burst().at("bit"), 7);
+}
+
+TEST_F(StandinScheduling, ParametersMayNameALeafWhichHasNone) {
+  createModule("Source", "src");
+  UpdateTcParamsRequest update;
+  update.mutable_class_()->set_leaf_module_name("src");
+  EXPECT_EQ(refusal(call(&Stub::UpdateTcParams, update).error()),
+            "22 Only 'rate_limit' and 'weighted_fair' can be updated");
+  update.mutable_class_()->set_leaf_module_taskid(1);
+  EXPECT_EQ(refusal(call(&Stub::UpdateTcParams, update).error()),
+            "2 Task src:1 does not exist");
+}
+
+TEST_F(StandinScheduling, APriorityIsCutToThirtyTwoBits) {
+  addTc("p", "priority");
+  AddTcRequest add;
+  add.mutable_class_()->set_name("c");
+  add.mutable_class_()->set_policy("round_robin");
+  add.mutable_class_()->set_parent("p");
+  add.mutable_class_()->set_wid(-1);
+  add.mutable_class_()->set_priority(-1);
+  EXPECT_EQ(refusal(call(&Stub::AddTc, add).error()), "22 Priority -1 is reserved");
+}
+
+TEST_F(StandinScheduling, StatisticsWantAName) {
+  EXPECT_EQ(refusal(call(&Stub::GetTcStats, GetTcStatsRequest()).error()),
+            "22 Argument must be a name in str");
+}
+
+TEST_F(StandinScheduling, ACoreIsCutToThirtyTwoBits) {
+  EXPECT_EQ(addWorker(1, std::int64_t{1} << 40), 0);
+  EXPECT_EQ(ask(&Stub::ListWorkers).workers_status(0).core(), 0);
+}
+
+TEST_F(StandinScheduling, OffsetsAreComputedAtAResumeAndNotWhenAskedFor) {
+  createModule("Timestamp", "t");
+  EXPECT_EQ(offsets("t"), (std::vector<std::int64_t>{0}));
+  ask(&Stub::CheckSchedulingConstraints);
+  EXPECT_EQ(offsets("t"), (std::vector<std::int64_t>{0}));
+  ask(&Stub::ResumeAll);
+  EXPECT_EQ(offsets("t"), (std::vector<std::int64_t>{-1}));
+}
+
+TEST_F(StandinScheduling, AResumeDoesNotFindOutWhatTheWorkersReachAndAConnectionDoes) {
+  createModule("Sink", "snk");
+  createModule("DRR", "drr");
+  ask(&Stub::ResumeAll);
+  const auto setQuantum = [this] {
+    return commandRefusal("drr", "set_quantum_size", "DRRQuantumArg", R"("quantum":5)");
+  };
+  EXPECT_EQ(setQuantum(), "");
+  EXPECT_EQ(connect("snk", "drr"), EINVAL);
+  EXPECT_EQ(setQuantum(),
+            "16 There is a running worker and command 'set_quantum_size' is not MT safe");
 }

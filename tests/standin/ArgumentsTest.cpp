@@ -1,0 +1,260 @@
+// What each class refuses in its arguments, with its text.
+
+#include "Fixture.h"
+
+class StandinArguments : public StandinTest::StandinFixture {
+ protected:
+  struct Case {
+    const char* json;
+    const char* refusal;  // Empty: none.
+  };
+
+  void expectCreations(const char* mclass, const char* argument,
+                       std::initializer_list<Case> cases) {
+    for (const Case& row : cases)
+      EXPECT_EQ(createRefusal(mclass, argument, row.json), row.refusal) << mclass << row.json;
+  }
+
+  // A comma-separated list of `count` times the text.
+  static std::string repeated(const std::string& text, int count) {
+    std::string all = text;
+    for (int i = 1; i < count; ++i) all += "," + text;
+    return all;
+  }
+};
+
+TEST_F(StandinArguments, SetMetadataWantsAttributesWithNamesSizesAndValuesThatFit) {
+  expectCreations(
+      "SetMetadata", "SetMetadataArg",
+      {{"", "22 'attrs' must be specified"},
+       {R"("attrs":[{"size":4}])", "22 'name' field is missing"},
+       {R"("attrs":[{"name":"a","size":33}])", "22 'size' must be 1-32"},
+       {R"("attrs":[{"name":"a","size":1,"valueInt":256}])",
+        "22 'value_int' field has not a correct 1-byte value"},
+       {R"("attrs":[{"name":"a","size":4,"valueBin":"AAE="}])",
+        "22 'value_bin' field has not a correct 4-byte value"},
+       {R"("attrs":[{"name":"a","size":4,"offset":-1}])", "22 invalid packet offset"},
+       {R"("attrs":[{"name":"a","size":4,"offset":5000}])", "22 invalid packet offset"},
+       {R"("attrs":[{"name":"a","size":4},{"name":"a","size":2}])",
+        "17 add_metadata_attr() failed"},
+       {R"("attrs":[{"name":"a","size":32,"offset":14}])", ""}});
+}
+
+TEST_F(StandinArguments, UpdateCountsItsFieldsAndLetsANegativeOffsetPass) {
+  const std::string seventeen =
+      "\"fields\":[" + repeated(R"({"size":2})", 17) + "]";
+  expectCreations("Update", "UpdateArg",
+                  {{seventeen.c_str(), "22 max 16 variables can be specified"},
+                   {R"("fields":[{"size":9}])", "22 'size' must be 1-8"},
+                   {R"("fields":[{"size":4,"offset":2045}])", "22 too large 'offset'"},
+                   {R"("fields":[{"size":4,"offset":2044}])", ""},
+                   {R"("fields":[{"size":4,"offset":-1}])", ""}});
+  createModule("Update", "u");
+  const std::string nine = "\"fields\":[" + repeated(R"({"size":2})", 9) + "]";
+  EXPECT_EQ(commandRefusal("u", "add", "UpdateArg", nine), "");
+  EXPECT_EQ(commandRefusal("u", "add", "UpdateArg", nine),
+            "22 max 16 variables can be specified");
+  EXPECT_EQ(commandRefusal("u", "clear", "EmptyArg", ""), "");
+  EXPECT_EQ(commandRefusal("u", "add", "UpdateArg", nine), "");
+}
+
+TEST_F(StandinArguments, RandomUpdateChecksSizeReachAndRangeInThatOrder) {
+  expectCreations(
+      "RandomUpdate", "RandomUpdateArg",
+      {{R"("fields":[{"size":3,"offset":5000,"min":5}])", "22 'size' must be 1, 2, or 4"},
+       {R"("fields":[{"size":4,"offset":5000,"min":5}])", "22 too large 'offset'"},
+       {R"("fields":[{"size":4,"min":5}])", "22 'min' should not be greater than 'max'"},
+       {R"("fields":[{"size":1,"offset":-1,"min":300,"max":4294967295}])", ""}});
+}
+
+TEST_F(StandinArguments, RewriteCountsItsTemplates) {
+  const std::string forty = "\"templates\":[" + repeated(R"("AA==")", 40) + "]";
+  createModule("Rewrite", "r");
+  EXPECT_EQ(commandRefusal("r", "add", "RewriteArg", forty), "");
+  EXPECT_EQ(commandRefusal("r", "add", "RewriteArg", forty),
+            "22 max 64 packet templates can be used 40 40");
+}
+
+TEST_F(StandinArguments, MeasureLimitsBucketsAndNotTheProbability) {
+  expectCreations("Measure", "MeasureArg",
+                  {{R"("latencyNsMax":"1000000000","latencyNsResolution":100)",
+                    "7 excessive latency_ns_max / latency_ns_resolution"},
+                   {R"("jitterSampleProb":1.5)", ""}});
+  createModule("Measure", "m");
+  EXPECT_EQ(commandRefusal("m", "get_summary", "MeasureCommandGetSummaryArg",
+                           R"("latencyPercentiles":[50,20])"),
+            "22 invalid 'latency_percentiles'");
+  EXPECT_EQ(commandRefusal("m", "get_summary", "MeasureCommandGetSummaryArg",
+                           R"("jitterPercentiles":[101])"),
+            "22 invalid 'jitter_percentiles'");
+}
+
+TEST_F(StandinArguments, WildcardMatchWantsPositionsNamesAndMatchingMasks) {
+  expectCreations(
+      "WildcardMatch", "WildcardMatchArg",
+      {{R"("fields":[{"numBytes":2}])", "22 specify 'offset' or 'attr'"},
+       {R"("fields":[{"numBytes":9,"offset":0}])", "22 'size' must be 1-8"},
+       {R"("fields":[{"numBytes":1,"offset":1500}])", "22 too small 'offset'"},
+       {R"("fields":[{"numBytes":2,"attrName":""}])", "22 add_metadata_attr() failed"}});
+  EXPECT_EQ(createModule("WildcardMatch", "wm", bess::pb::WildcardMatchArg()), 0);
+  createRefusal("WildcardMatch", "WildcardMatchArg", R"("fields":[{"numBytes":2,"offset":14}])");
+  EXPECT_EQ(commandRefusal("wm0", "add", "WildcardMatchCommandAddArg",
+                           R"("values":[{"valueInt":243}],"masks":[{"valueBin":"gYE="}])"),
+            "22 idx 0: invalid pair of value 0xf300 and mask 0x8181");
+}
+
+TEST_F(StandinArguments, ExactMatchCountsTheFieldsOfARule) {
+  createRefusal("ExactMatch", "ExactMatchArg", R"("fields":[{"numBytes":1,"offset":23}])");
+  EXPECT_EQ(commandRefusal("em0", "add", "ExactMatchCommandAddArg",
+                           R"("fields":[{"valueInt":6},{"valueInt":7}])"),
+            "22 rule should have 1 fields (has 2)");
+}
+
+TEST_F(StandinArguments, HashLbGivesTheNegativeNumberForABadField) {
+  EXPECT_EQ(createRefusal("HashLB", "HashLBArg", R"("fields":[{"numBytes":9}])").substr(0, 4),
+            "-22 ");
+  expectCreations("HashLB", "HashLBArg",
+                  {{R"("mode":"l9")", "22 available LB modes: l2, l3, l4"},
+                   {R"("gates":[8192])", ""},
+                   {R"("gates":[8193])", "22 Invalid ogate 8193"}});
+}
+
+TEST_F(StandinArguments, AGateForDroppingMayBeNamed) {
+  expectCreations(
+      "RoundRobin", "RoundRobinArg",
+      {{R"("gates":[5,8192])", ""}, {R"("gates":[99999],"mode":"x")", "22 invalid gate 34463"}});
+}
+
+TEST_F(StandinArguments, ReplicateCountsItsGatesAndTakesAnyNumber) {
+  const std::string many = "\"gates\":[" + repeated("1", 33) + "]";
+  expectCreations("Replicate", "ReplicateArg",
+                  {{many.c_str(), "22 no more than 32 gates"}, {R"("gates":[99999])", ""}});
+}
+
+TEST_F(StandinArguments, WorkerSplitLimitsItsGates) {
+  expectCreations("WorkerSplit", "WorkerSplitArg",
+                  {{R"("workerGates":{"0":8192})", "22 output gate must be less than 8192"},
+                   {R"("workerGates":{"0":8191})", ""}});
+}
+
+TEST_F(StandinArguments, FlowGenChecksTemplateRatesDurationAndWordsInThatOrder) {
+  const std::string frame =
+      R"("template":"BhY+G3IyAh5nn02uCABFAAAqAAEAAEARAAAKAAABCgAAAicRJxIAFg==")";
+  const auto refusal = [&](const std::string& rest) {
+    return createRefusal("FlowGen", "FlowGenArg", frame + rest);
+  };
+  EXPECT_EQ(createRefusal("FlowGen", "FlowGenArg", R"("pps":-1)"), "22 must specify 'template'");
+  EXPECT_EQ(createRefusal("FlowGen", "FlowGenArg", R"("template":"Dg==","pps":-1)"),
+            "22 'template' is not IPv4");
+  EXPECT_EQ(refusal(R"(,"pps":-3,"flowDuration":-1)"), "22 invalid 'pps'");
+  EXPECT_EQ(refusal(R"(,"pps":1000,"flowRate":5000,"arrival":"x")"),
+            "22 flow rate cannot be more than pps");
+  EXPECT_EQ(refusal(R"(,"pps":10,"flowDuration":-1,"duration":"x")"),
+            "22 invalid 'flow_duration'");
+  EXPECT_EQ(refusal(R"(,"flowRate":1,"duration":"x")"),
+            "22 'duration' must be either 'uniform' or 'pareto'");
+  EXPECT_EQ(refusal(R"(,"pps":10)"), "");
+  EXPECT_EQ(createModule("FlowGen"), "");  // Without a template.
+  EXPECT_EQ(commandRefusal("flowgen0", "update", "FlowGenArg", R"("pps":-1)"),
+            "22 invalid 'pps'");
+}
+
+TEST_F(StandinArguments, ArpResponderWantsBothAddresses) {
+  createModule("ArpResponder", "a");
+  const auto add = [&](const char* json) {
+    return commandRefusal("a", "add", "ArpResponderArg", json);
+  };
+  EXPECT_EQ(add(R"("macAddr":"zz")"), "22 IP address is missing");
+  EXPECT_EQ(add(R"("ip":"256.1.1.1")"), "22 Invalid IP Address: 256.1.1.1");
+  EXPECT_EQ(add(R"("ip":"1.2.3.4")"), "22 Invalid MAC Address: ");
+  EXPECT_EQ(add(R"("ip":"1.2.3.4","macAddr":"2:0:0:0:0:1")"), "");
+}
+
+TEST_F(StandinArguments, VlanPushCutsItsTag) {
+  EXPECT_EQ(createRefusal("VLANPush", "VLANPushArg", R"("tci":"65543")"), "");
+  EXPECT_EQ(ask(&Stub::ListModules).modules(0).desc(), "PCP=0 DEI=0 VID=7");
+}
+
+TEST_F(StandinArguments, AclTakesAnyPrefix) {
+  expectCreations("ACL", "ACLArg", {{R"("rules":[{"srcIp":"zz"},{"srcIp":"10.0.0.0/40"}])", ""}});
+}
+
+TEST_F(StandinArguments, QueueChecksTheRangeOfItsSizeFirst) {
+  expectCreations("Queue", "QueueArg",
+                  {{R"("size":3)", "22 must be in [4, 16384]"},
+                   {R"("size":32768)", "22 must be in [4, 16384]"},
+                   {R"("size":1000)", "22 must be a power of 2"}});
+}
+
+TEST_F(StandinArguments, PortUsersSayEachInTheirWayThatThePortIsMissing) {
+  for (const char* mclass : {"PortInc", "PortOut"})
+    EXPECT_EQ(createRefusal(mclass, std::string(mclass) + "Arg", ""),
+              "22 'port' must be given as a string");
+  for (const char* mclass : {"QueueInc", "QueueOut"})
+    EXPECT_EQ(createRefusal(mclass, std::string(mclass) + "Arg", ""),
+              "22 Field 'port' must be specified");
+}
+
+TEST_F(StandinArguments, GenericEncapNamesTheField) {
+  expectCreations(
+      "GenericEncap", "GenericEncapArg",
+      {{R"("fields":[{"size":9}])", "22 idx 0: 'size' must be 1-8"},
+       {R"("fields":[{"size":4}])", "22 idx 0: must specify 'value' or 'attribute'"},
+       {R"("fields":[{"size":4,"attribute":"a"},{"size":1,"value":{"valueInt":256}}])",
+        "22 idx 1: not a correct 1-byte value"},
+       {R"("fields":[{"size":2,"attribute":""}])", "22 idx 0: add_metadata_attr() failed"}});
+}
+
+TEST_F(StandinArguments, NatChecksAllPortRangesBeforeTheFirstAddress) {
+  expectCreations("NAT", "NATArg",
+                  {{R"("extAddrs":[{"extAddr":"zz"},{"portRanges":[{"begin":9,"end":5}]}])",
+                    "22 Port range for address  is malformed"},
+                   {R"("extAddrs":[{"extAddr":"zz"}])", "22 invalid IP address zz"}});
+}
+
+TEST_F(StandinArguments, StaticNatChecksEachRange) {
+  expectCreations(
+      "StaticNAT", "StaticNATArg",
+      {{R"("pairs":[{"intRange":{"start":"10.0.0.9","end":"10.0.0.1"}}])",
+        "22 invalid internal IP address range"},
+       {R"("pairs":[{"intRange":{"start":"10.0.0.1","end":""}}])", "22 invalid IP address "}});
+}
+
+TEST_F(StandinArguments, DumpTakesNoIntervalOnlyAtCreation) {
+  EXPECT_EQ(createRefusal("Dump", "DumpArg", R"("interval":0)"), "");
+  EXPECT_EQ(createRefusal("Dump", "DumpArg", R"("interval":-1)"), "22 invalid interval");
+  EXPECT_EQ(commandRefusal("dump0", "set_interval", "DumpArg", ""), "22 invalid interval");
+  EXPECT_EQ(commandRefusal("dump0", "set_interval", "DumpArg", R"("interval":2)"), "");
+}
+
+TEST_F(StandinArguments, PopulateWantsABase) {
+  createModule("L2Forward", "l2");
+  const auto populate = [&](const char* json) {
+    return commandRefusal("l2", "populate", "L2ForwardCommandPopulateArg", json);
+  };
+  EXPECT_EQ(populate(""), "22 base must exist in gen, and must be string");
+  EXPECT_EQ(populate(R"("base":"zz","count":1,"gateCount":1)"),
+            "22  is not a proper mac address");
+}
+
+TEST_F(StandinArguments, InitialArgumentsAreAsTheClassTellsThem) {
+  createRefusal("NAT", "NATArg", R"("extAddrs":[{"extAddr":"10.0.0.1"}])");
+  bess::pb::NATArg nat;
+  ASSERT_TRUE(command("nat0", "get_initial_arg", bess::pb::EmptyArg()).data().UnpackTo(&nat));
+  ASSERT_EQ(nat.ext_addrs(0).port_ranges_size(), 1);
+  EXPECT_EQ(nat.ext_addrs(0).port_ranges(0).end(), 65535u);
+  createRefusal("UrlFilter", "UrlFilterArg", R"("blacklist":[{"host":"a","path":"/x"}])");
+  bess::pb::UrlFilterArg url;
+  ASSERT_TRUE(
+      command("url-filter0", "get_initial_arg", bess::pb::EmptyArg()).data().UnpackTo(&url));
+  EXPECT_EQ(url.blacklist_size(), 0);
+}
+
+TEST_F(StandinArguments, AClassWhoseMessageIsForeignRefusesItsDefaults) {
+  EXPECT_EQ(createRefusal("IPFrag", "EmptyArg", ""), "22 Invalid MTU size!");
+  bess::pb::CreateModuleRequest request;
+  request.set_mclass("IPFrag");
+  request.mutable_arg()->set_type_url("type.googleapis.com/bess.pb.IPFragArg");
+  request.mutable_arg()->set_value("\x08\x64");
+  EXPECT_EQ(call(&Stub::CreateModule, request).error().code(), 0);
+}
