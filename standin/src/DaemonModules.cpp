@@ -7,6 +7,7 @@
 
 #include "Daemon.h"
 #include "GateHooks.h"
+#include "NewerReplies.h"
 #include "Refusal.h"
 
 namespace Standin {
@@ -28,20 +29,21 @@ const char* modeName(Attribute::Mode mode) {
 }
 
 template <class Gate>
-void fillHooks(Gate& shown, const std::vector<GateHook>& hooks, bool report) {
+void fillHooks(Gate& shown, const std::vector<GateHook>& hooks, const Options& options) {
   const bool tracked = std::any_of(hooks.begin(), hooks.end(),
                                    [](const GateHook& hook) { return hook.className == "Track"; });
   const auto now = std::chrono::system_clock::now().time_since_epoch();
   if (tracked) shown.set_timestamp(std::chrono::duration<double>(now).count());
-  if (!report) return;
   for (const GateHook& hook : hooks) {
-    auto& entry = *shown.add_gatehooks();
+    Info::GateHook entry;
     entry.set_class_name(hook.className);
     entry.set_hook_name(hook.name);
+    if (options.newerReplies) NewerReplies::tell(entry, shown);
+    if (options.reportGateHooks) *shown.add_gatehooks() = entry;
   }
 }
 
-void fillGates(Info& response, const Module& module, bool reportHooks) {
+void fillGates(Info& response, const Module& module, const Options& options) {
   for (const auto& [number, gate] : module.inputs) {
     Info::IGate& shown = *response.add_igates();
     shown.set_igate(number);
@@ -50,14 +52,14 @@ void fillGates(Info& response, const Module& module, bool reportHooks) {
       from.set_ogate(output);
       from.set_name(source->name);
     }
-    fillHooks(shown, gate.hooks, reportHooks);
+    fillHooks(shown, gate.hooks, options);
   }
   for (const auto& [number, gate] : module.outputs) {
     Info::OGate& shown = *response.add_ogates();
     shown.set_ogate(number);
     shown.set_name(gate.target->name);
     shown.set_igate(gate.inputGate);
-    fillHooks(shown, gate.hooks, reportHooks);
+    fillHooks(shown, gate.hooks, options);
   }
 }
 
@@ -122,7 +124,7 @@ void Daemon::getModuleInfo(const bess::pb::GetModuleInfoRequest& request, Info& 
   response.set_name(module.name);
   response.set_mclass(module.moduleClass->name);
   response.set_desc(module.state->description());
-  fillGates(response, module, options_.reportGateHooks);
+  fillGates(response, module, options_);
   for (const Attribute& attribute : module.state->attributes) {
     Info::Attribute& shown = *response.add_metadata();
     shown.set_name(attribute.name);
@@ -173,8 +175,10 @@ void Daemon::moduleCommand(const bess::pb::CommandRequest& request,
 void Daemon::configureGateHook(const bess::pb::ConfigureGateHookRequest& request,
                                bess::pb::CommandResponse& response) {
   const Pause pause(*this);
-  Standin::configureGateHook(pipeline_, request);
-  if (request.enable()) response.mutable_error();
+  const std::string name = Standin::configureGateHook(pipeline_, request);
+  if (!request.enable()) return;
+  response.mutable_error();
+  if (options_.newerReplies && !name.empty()) NewerReplies::tellHookName(name, response);
 }
 
 }  // namespace Standin

@@ -4,6 +4,7 @@
 #include <chrono>
 
 #include "Daemon.h"
+#include "NewerReplies.h"
 #include "Refusal.h"
 
 namespace Standin {
@@ -46,6 +47,7 @@ void Daemon::listPorts(const bess::pb::EmptyRequest&, bess::pb::ListPortsRespons
     shown.set_name(name);
     shown.set_driver(port->driver->name);
     shown.set_mac_addr(port->conf.mac_addr());
+    if (options_.newerReplies) NewerReplies::tell(*port, shown);
   }
 }
 

@@ -53,7 +53,8 @@ std::string freeName(const std::vector<GateHook>& hooks, const std::string& pref
   }
 }
 
-void change(std::vector<GateHook>& hooks, const ConfigureGateHookRequest& request) {
+// Answers the name of a hook that was added.
+std::string change(std::vector<GateHook>& hooks, const ConfigureGateHookRequest& request) {
   const GateHookInfo& wanted = request.hook();
   if (request.enable()) {
     const GateHookClass& hookClass = existingClass(wanted.class_name());
@@ -62,47 +63,45 @@ void change(std::vector<GateHook>& hooks, const ConfigureGateHookRequest& reques
     if (taken(hooks, name)) throw Refusal(EEXIST, "Fail to Add Hook");
     hookClass.check(wanted.arg());
     hooks.push_back({wanted.class_name(), name});
-    return;
+    return name;
   }
   const auto found = std::find_if(hooks.begin(), hooks.end(), [&](const GateHook& hook) {
     return wanted.hook_name().empty() ? hook.className == wanted.class_name()
                                       : hook.name == wanted.hook_name();
   });
   if (found != hooks.end()) hooks.erase(found);
+  return "";
 }
 
 template <class Gates>
-void changeGates(const std::string& module, const char* kind, Gates& gates, std::int64_t number,
+std::string changeGates(const std::string& module, const char* kind, Gates& gates, std::int64_t number,
                  const ConfigureGateHookRequest& request) {
   if (number < 0) {
     for (auto& entry : gates) change(entry.second.hooks, request);
-    return;
+    return "";
   }
   const auto found = gates.find(gateCut(static_cast<std::uint64_t>(number)));
   if (found == gates.end())
     throw Refusal(request.enable() ? ENOENT : EINVAL,
                   "'" + module + "': " + kind + " '" + std::to_string(number) + "' does not exist");
-  change(found->second.hooks, request);
+  return change(found->second.hooks, request);
 }
 
-void changeModule(Module& module, const ConfigureGateHookRequest& request) {
+std::string changeModule(Module& module, const ConfigureGateHookRequest& request) {
   const GateHookInfo& hook = request.hook();
   if (hook.gate_case() == GateHookInfo::kIgate)
-    changeGates(module.name, "igate", module.inputs, hook.igate(), request);
-  else
-    changeGates(module.name, "ogate", module.outputs, hook.ogate(), request);
+    return changeGates(module.name, "igate", module.inputs, hook.igate(), request);
+  return changeGates(module.name, "ogate", module.outputs, hook.ogate(), request);
 }
 
 }  // namespace
 
-void configureGateHook(Pipeline& pipeline, const ConfigureGateHookRequest& request) {
+std::string configureGateHook(Pipeline& pipeline, const ConfigureGateHookRequest& request) {
   existingClass(request.hook().class_name());
   const std::string& name = request.hook().module_name();
-  if (!name.empty()) {
-    changeModule(pipeline.existing(name), request);
-    return;
-  }
+  if (!name.empty()) return changeModule(pipeline.existing(name), request);
   for (const auto& entry : pipeline.all()) changeModule(*entry.second, request);
+  return "";
 }
 
 }  // namespace Standin

@@ -16,6 +16,7 @@ namespace Standin {
 namespace {
 
 constexpr std::uint64_t maxQueueSize = 4096;
+constexpr std::uint64_t defaultQueueSize = 1024;
 constexpr std::uint64_t maxDevices = 32;
 constexpr std::uint32_t minMtu = 68;
 constexpr std::uint32_t maxMtu = 2048;
@@ -205,6 +206,9 @@ Port& Ports::create(const bess::pb::CreatePortRequest& request) {
   port->conf.set_mac_addr(randomMac());
   port->conf.set_mtu(1500);
   port->conf.set_admin_up(true);
+  port->incSize = request.size_inc_q() == 0 ? defaultQueueSize : request.size_inc_q();
+  port->outSize = request.size_out_q() == 0 ? defaultQueueSize : request.size_out_q();
+  port->arg = request.arg();
   port->incUsed.resize(inc);
   port->outUsed.resize(out);
   if (!port->device.empty()) {

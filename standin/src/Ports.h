@@ -25,6 +25,9 @@ struct Port {
   bess::pb::PortConf conf;
   bool linkUp = true;
   std::set<std::string> extraMacs;
+  std::uint64_t incSize = 0;  // Of each queue, in packets.
+  std::uint64_t outSize = 0;
+  google::protobuf::Any arg;  // As given at creation.
   std::vector<bool> incUsed;  // One mark for each queue.
   std::vector<bool> outUsed;
 

@@ -5,54 +5,21 @@
 #include <mutex>
 #include <stdexcept>
 
-#include <bess/pb/service.grpc.pb.h>
-
-#include "Daemon.h"
-#include "Refusal.h"
+#include "ControlService.h"
+#include "Service.h"
 
 namespace Standin {
 
 namespace {
 
-// The gRPC face of the daemon: one override per request, each an expansion of the table of
-// requests.
-class Service final : public bess::pb::BESSControl::Service {
- public:
-  explicit Service(const Options& options) : options_(options), daemon_(options) {}
+// gRPC's name of the address, whose port is `port` once it listens.
+std::string addressWithPort(const std::string& address, int port) {
+  if (address.empty() || address.rfind("unix:", 0) == 0) return address;
+  return address.substr(0, address.rfind(':')) + ":" + std::to_string(port);
+}
 
-#define NORV_REQUEST(number, name, rpc, request, response)                                     \
-  grpc::Status rpc(grpc::ServerContext*, const bess::pb::request* in, bess::pb::response* out) \
-      override {                                                                               \
-    return run(&Daemon::name, *in, *out);                                                      \
-  }
-#include <Norv/GrpcRequests.def>
-
- private:
-  template <class Request, class Response>
-  grpc::Status run(void (Daemon::*handler)(const Request&, Response&), const Request& in,
-                   Response& out) {
-    if constexpr (std::is_same_v<Request, bess::pb::MacAddressRequest>) {
-      if (options_.strictDaemon) return {grpc::StatusCode::UNIMPLEMENTED, ""};
-    }
-    const std::lock_guard lock(mutex_);
-    try {
-      (daemon_.*handler)(in, out);
-    } catch (const Refusal& refusal) {
-      out.Clear();
-      out.mutable_error()->set_code(refusal.code);
-      out.mutable_error()->set_errmsg(refusal.what());
-    } catch (const HandlerFailure& failure) {
-      return {grpc::StatusCode::UNKNOWN, failure.what()};
-    }
-    return grpc::Status::OK;
-  }
-
-  const Options options_;
-  std::mutex mutex_;  // Held while a handler runs; guards the daemon.
-  Daemon daemon_;
-};
-
-std::string hostOf(const std::string& address) {
+void checkAddress(const std::string& address) {
+  if (address.rfind("unix:", 0) == 0 && address.size() > 5) return;
   const std::size_t colon = address.rfind(':');
   if (colon == std::string::npos || colon == 0 ||
       address.find_first_not_of("0123456789", colon + 1) != std::string::npos ||
@@ -60,48 +27,70 @@ std::string hostOf(const std::string& address) {
       std::stoi(address.substr(colon + 1)) > 65535)
     throw std::runtime_error("'" + address +
                              "' is no address to listen at; give HOST:PORT, such as "
-                             "127.0.0.1:10514, with port 0 for any free one");
-  return address.substr(0, colon);
+                             "127.0.0.1:10514 or [::1]:10514, with port 0 for any free one, or "
+                             "unix:PATH");
+}
+
+// A server of one service at one address, or at none.
+std::unique_ptr<grpc::Server> serve(grpc::Service& service, std::string& address,
+                                    int maxRequestSize = GRPC_DEFAULT_MAX_RECV_MESSAGE_LENGTH) {
+  grpc::reflection::InitProtoReflectionServerBuilderPlugin();
+  grpc::ServerBuilder builder;
+  // Without this a second daemon at the same port would share its calls.
+  builder.AddChannelArgument(GRPC_ARG_ALLOW_REUSEPORT, 0);
+  int port = 0;
+  if (!address.empty()) {
+    checkAddress(address);
+    builder.AddListeningPort(address, grpc::InsecureServerCredentials(), &port);
+  }
+  builder.SetMaxReceiveMessageSize(maxRequestSize);
+  builder.RegisterService(&service);
+  std::unique_ptr<grpc::Server> server = builder.BuildAndStart();
+  if (!server || (!address.empty() && port == 0))
+    throw std::runtime_error("cannot listen at " + address +
+                             "; is another daemon there? Stop it, or choose another address, "
+                             "with port 0 for any free one");
+  address = addressWithPort(address, port);
+  return server;
 }
 
 }  // namespace
 
 class Server::Impl {
  public:
-  explicit Impl(const Options& options) : service_(options) {
-    grpc::reflection::InitProtoReflectionServerBuilderPlugin();
-    grpc::ServerBuilder builder;
-    // Without this a second daemon at the same port would share its calls.
-    builder.AddChannelArgument(GRPC_ARG_ALLOW_REUSEPORT, 0);
-    if (!options.listen.empty()) {
-      host_ = hostOf(options.listen);
-      builder.AddListeningPort(options.listen, grpc::InsecureServerCredentials(), &port_);
-    }
-    builder.RegisterService(&service_);
-    server_ = builder.BuildAndStart();
-    if (!server_ || (!options.listen.empty() && port_ == 0))
-      throw std::runtime_error("cannot listen at " + options.listen +
-                               "; is another daemon there? Stop it, or choose another address, "
-                               "with port 0 for any free one");
+  explicit Impl(const Options& options)
+      : address_(options.listen),
+        controlAddress_(options.control),
+        service_(options),
+        control_(service_),
+        server_(serve(service_, address_)) {
+    service_.addressIs(address_);
+    if (!controlAddress_.empty()) controlServer_ = serve(control_, controlAddress_, -1);
   }
 
   ~Impl() { shutdown(); }
 
   void shutdown() {
     std::call_once(shutdownOnce_, [this] {
-      if (server_) server_->Shutdown(std::chrono::system_clock::now() + std::chrono::seconds(1));
+      service_.stopWaiting();
+      const auto second = std::chrono::system_clock::now() + std::chrono::seconds(1);
+      if (server_) server_->Shutdown(second);
+      if (controlServer_) controlServer_->Shutdown(second);
     });
   }
 
-  const std::string& host() const { return host_; }
-  int port() const { return port_; }
+  const std::string& address() const { return address_; }
+  const std::string& controlAddress() const { return controlAddress_; }
+  Service& service() { return service_; }
   grpc::Server& server() { return *server_; }
 
  private:
-  std::string host_;
-  int port_ = 0;
-  Service service_;  // Before the server, which calls it until it is gone.
+  std::string address_;
+  std::string controlAddress_;
+  Service service_;  // Before the servers, which call the services until they are gone.
+  ControlService control_;
   std::unique_ptr<grpc::Server> server_;
+  std::unique_ptr<grpc::Server> controlServer_;
   std::once_flag shutdownOnce_;
 };
 
@@ -110,15 +99,41 @@ Server::Server(const Options& options) : impl_(std::make_unique<Impl>(options)) 
 Server::~Server() = default;
 
 int Server::port() const {
-  return impl_->port();
+  const std::string& address = impl_->address();
+  if (address.empty() || address.rfind("unix:", 0) == 0) return 0;
+  return std::stoi(address.substr(address.rfind(':') + 1));
 }
 
 std::string Server::address() const {
-  return impl_->host().empty() ? "" : impl_->host() + ":" + std::to_string(impl_->port());
+  return impl_->address();
+}
+
+std::string Server::controlAddress() const {
+  return impl_->controlAddress();
 }
 
 std::shared_ptr<grpc::Channel> Server::inProcessChannel() {
   return impl_->server().InProcessChannel(grpc::ChannelArguments());
+}
+
+void Server::addFault(const Fault& fault) {
+  impl_->service().faults().add(fault);
+}
+
+void Server::clearFaults() {
+  impl_->service().faults().clear();
+}
+
+std::vector<FaultCount> Server::faults() const {
+  return impl_->service().faults().counts();
+}
+
+std::string Server::dump() const {
+  return impl_->service().dump();
+}
+
+void Server::load(const std::string& lines) {
+  impl_->service().load(lines);
 }
 
 void Server::shutdown() {

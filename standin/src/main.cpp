@@ -4,94 +4,124 @@
 #include <pthread.h>
 #include <signal.h>
 
+#include <CLI/CLI.hpp>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <fstream>
+#include <iterator>
 #include <stdexcept>
 #include <string>
+#include <vector>
+
+#include "Ctl.h"
 
 namespace {
 
-constexpr const char* help =
-    "bessd-standin - answers like the switch daemon, without moving a packet\n"
-    "\n"
-    "Usage: bessd-standin [OPTION]...\n"
-    "  --listen HOST:PORT   listen there (127.0.0.1:10514); port 0 takes a free one\n"
-    "  --cores N            pretend to have N processor cores (2)\n"
-    "  --as-recorded        answer UNIMPLEMENTED to the two MAC address requests\n"
-    "  --report-gate-hooks  show gate hooks in the answers of getModuleInfo\n"
-    "  --help               print this and end\n"
-    "  --version            print the version and end\n"
-    "\n"
-    "Prints one line with its address once it listens. SIGINT, SIGTERM or the request killBess end "
-    "it.\n";
+struct Arguments {
+  Standin::Options options;
+  std::vector<std::string> faultFiles;
+  std::string stateFile;
+  std::string latency;
+};
 
-std::string valueOf(int argc, char** argv, int& i) {
-  if (i + 1 >= argc)
-    throw std::runtime_error(std::string("option ") + argv[i] +
-                             " needs a value; see bessd-standin --help");
-  return argv[++i];
+std::string contentOf(const std::string& path) {
+  std::ifstream file(path);
+  if (!file) throw std::runtime_error("cannot read " + path);
+  return {std::istreambuf_iterator<char>(file), {}};
 }
 
-int coreCount(const std::string& text) {
-  if (text.empty() || text.size() > 3 ||
-      text.find_first_not_of("0123456789") != std::string::npos || std::stoi(text) < 1)
-    throw std::runtime_error("'" + text + "' is no number of cores; give 1 to 999");
-  return std::stoi(text);
+// A line a rule; empty ones and those with # are passed over.
+void readFaults(const std::string& path, std::vector<std::string>& rules) {
+  std::istringstream lines(contentOf(path));
+  for (std::string line; std::getline(lines, line);)
+    if (line.find_first_not_of(" \t") != std::string::npos && line[0] != '#')
+      rules.push_back(line);
 }
 
-// Whether to go on after reading the options.
-bool parse(int argc, char** argv, Standin::Options& options) {
-  for (int i = 1; i < argc; ++i) {
-    const std::string word = argv[i];
-    if (word == "--help") {
-      std::fputs(help, stdout);
-      return false;
-    }
-    if (word == "--version") {
-      std::printf("%s\n", options.version.c_str());
-      return false;
-    }
-    if (word == "--listen") {
-      options.listen = valueOf(argc, argv, i);
-      if (options.listen.empty())
-        throw std::runtime_error("--listen needs HOST:PORT, such as 127.0.0.1:10514");
-    } else if (word == "--cores") {
-      options.cores = coreCount(valueOf(argc, argv, i));
-    } else if (word == "--as-recorded") {
-      options.strictDaemon = true;
-    } else if (word == "--report-gate-hooks") {
-      options.reportGateHooks = true;
-    } else {
-      throw std::runtime_error("unknown option '" + word + "'; see bessd-standin --help");
-    }
-  }
-  return true;
+void readLatency(const std::string& text, Standin::Options& options) {
+  if (std::sscanf(text.c_str(), "%u..%u", &options.latencyMs, &options.maxLatencyMs) < 1)
+    throw std::runtime_error("'" + text + "' is no latency; give milliseconds, as 5 or 5..20");
+}
+
+void describe(CLI::App& app, Arguments& arguments) {
+  Standin::Options& options = arguments.options;
+  app.set_version_flag("--version", options.version);
+  app.add_option("--listen", options.listen,
+                 "listen at HOST:PORT, [IPV6]:PORT or unix:PATH; port 0 takes a free one")
+      ->capture_default_str();
+  app.add_option("--control", options.control,
+                 "listen there for what `bessd-standin ctl` tells it");
+  app.add_option("--cores", options.cores, "pretend to have so many processor cores")
+      ->check(CLI::Range(1, 999))
+      ->capture_default_str();
+  app.add_flag("--as-recorded", options.strictDaemon,
+               "answer UNIMPLEMENTED to the two MAC address requests");
+  app.add_flag("--report-gate-hooks", options.reportGateHooks,
+               "show gate hooks in the answers of getModuleInfo");
+  app.add_flag("--newer", options.newerReplies, "tell what daemons of today tell");
+  app.add_option("--fault", options.faults,
+                 "a fault, such as 'kind=status rpc=createModule nth=3 code=14'; see "
+                 "docs/standin.md")
+      ->take_all();
+  app.add_option("--faults", arguments.faultFiles, "a file with a fault a line")->take_all();
+  app.add_option("--latency", arguments.latency, "milliseconds that an answer takes: 5 or 5..20");
+  app.add_option("--rate", options.rate, "answers per second, at most");
+  app.add_option("--log", options.log, "add a line of JSON for each call to this file; - is stderr");
+  app.add_option("--load", arguments.stateFile, "begin with the state in this file");
+  app.footer("It prints one line with its address once it listens. SIGINT, SIGTERM or the request "
+             "killBess end it.");
+}
+
+void serve(Arguments& arguments) {
+  Standin::Options& options = arguments.options;
+  for (const std::string& file : arguments.faultFiles) readFaults(file, options.faults);
+  if (!arguments.latency.empty()) readLatency(arguments.latency, options);
+  if (options.listen.empty())
+    throw std::runtime_error("--listen needs an address, such as 127.0.0.1:10514");
+  // What goes wrong is told in one line of our own; who wants gRPC's words, too, sets the
+  // variable.
+  setenv("GRPC_VERBOSITY", "NONE", 0);
+  // Blocked before gRPC starts threads, so that only sigwait below takes them.
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGINT);
+  sigaddset(&signals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  options.onKill = [mainThread = pthread_self()] { pthread_kill(mainThread, SIGTERM); };
+
+  Standin::Server server(options);
+  if (!arguments.stateFile.empty()) server.load(contentOf(arguments.stateFile));
+  std::printf("bessd-standin listening on %s\n", server.address().c_str());
+  if (!options.control.empty())
+    std::printf("bessd-standin controlled at %s\n", server.controlAddress().c_str());
+  std::fflush(stdout);
+  int signal = 0;
+  sigwait(&signals, &signal);
+  server.shutdown();
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
   try {
-    Standin::Options options;
-    if (!parse(argc, argv, options)) return 0;
-    // What goes wrong is told in one line of our own; who wants gRPC's words, too, sets the
-    // variable.
-    setenv("GRPC_VERBOSITY", "NONE", 0);
-    // Blocked before gRPC starts threads, so that only sigwait below takes them.
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-    options.onKill = [mainThread = pthread_self()] { pthread_kill(mainThread, SIGTERM); };
-
-    Standin::Server server(options);
-    std::printf("bessd-standin listening on %s\n", server.address().c_str());
-    std::fflush(stdout);
-    int signal = 0;
-    sigwait(&signals, &signal);
-    server.shutdown();
+    Arguments arguments;
+    CLI::App app("bessd-standin - answers like the switch daemon, without moving a packet");
+    describe(app, arguments);
+    std::string address;
+    std::vector<std::string> words;
+    CLI::App& ctl = *app.add_subcommand(
+        "ctl", "tell a running stand-in: faults, add RULE..., clear, dump [FILE], load FILE");
+    ctl.add_option("ADDRESS", address, "what it prints as `controlled at`")->required();
+    ctl.add_option("WORDS", words, "what to do; faults when there is nothing");
+    try {
+      app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+      if (error.get_exit_code() == 0) return app.exit(error);
+      throw std::runtime_error(error.what() + std::string("; see bessd-standin --help"));
+    }
+    if (ctl.parsed()) return Standin::control(address, words);
+    serve(arguments);
     return 0;
   } catch (const std::exception& error) {
     std::fprintf(stderr, "bessd-standin: %s\n", error.what());

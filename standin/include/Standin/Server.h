@@ -1,16 +1,20 @@
 #pragma once
 
+#include <Standin/Fault.h>
 #include <grpcpp/grpcpp.h>
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace Standin {
 
 // What a stand-in daemon may be told at its start.
 struct Options {
-  // HOST:PORT to listen at; port 0 takes a free one, empty listens nowhere (in-process only).
+  // HOST:PORT, [IPV6]:PORT or unix:PATH to listen at; port 0 takes a free one, empty listens
+  // nowhere (in-process only).
   std::string listen = "127.0.0.1:10514";
   // The text that getVersion answers.
   std::string version = "bessd-standin 0.1.0";
@@ -21,6 +25,23 @@ struct Options {
   // Fills the gate hooks into the answers of getModuleInfo. Off: daemons of today report them in
   // fields that our protocol does not have, so a client of ours sees none.
   bool reportGateHooks = false;
+  // Fills in what daemons of today tell beyond our protocol, under their numbers: queues, sizes and
+  // the driver's argument of a port, the hooks of gates, the name of a hook that was put on.
+  bool newerReplies = false;
+  // Where to listen for what the stand-in is told while it runs (see control.proto), as `listen`;
+  // empty listens nowhere.
+  std::string control;
+  // Faults in force from the beginning, in their text form.
+  std::vector<std::string> faults;
+  // Milliseconds that each answer takes at least and at most, and answers per second, 0 for no
+  // limit: a loaded daemon.
+  std::uint32_t latencyMs = 0;
+  std::uint32_t maxLatencyMs = 0;
+  double rate = 0;
+  // A file to add a line of JSON to for each call; - is stderr.
+  std::string log;
+  // Called in place of ending the process when a fault wants that; it may return.
+  std::function<void()> onExit;
   // Called after killBess is answered, on a thread of gRPC; must not block, shut down or throw.
   std::function<void()> onKill;
 };
@@ -32,21 +53,35 @@ struct Options {
 // construction to `shutdown`; handlers run one at a time.
 class Server {
  public:
-  // Throws std::runtime_error, with a text for the person who chose the address, when
-  // `options.listen` has no port or cannot be listened at.
+  // Throws std::runtime_error, with a text for the person who chose the options, when an address
+  // has no port or cannot be listened at or the log cannot be written; std::invalid_argument for a
+  // fault that is none.
   explicit Server(const Options& options);
   // Shuts down and waits for the handlers.
   ~Server();
   Server(const Server&) = delete;
   Server& operator=(const Server&) = delete;
 
-  // The port listened at; 0 when in-process only.
+  // The port listened at; 0 when in-process only or at a unix socket.
   int port() const;
-  // HOST:PORT to connect to; empty when in-process only.
+  // HOST:PORT or unix:PATH to connect to; empty when in-process only.
   std::string address() const;
+  // The same of the control service.
+  std::string controlAddress() const;
   // A channel that needs no network. No call may begin on it after `shutdown`: gRPC does not
   // survive that; a client that outlives its daemon connects to `address`.
   std::shared_ptr<grpc::Channel> inProcessChannel();
+
+  void addFault(const Fault& fault);
+  void clearFaults();
+  std::vector<FaultCount> faults() const;
+
+  // The whole state, as the calls that lead to it, in the form of command files. Throws
+  // std::runtime_error when too much has happened since the last resetAll.
+  std::string dump() const;
+  // Begins anew from a dump. Throws std::invalid_argument with the line that is none; the state is
+  // as before then.
+  void load(const std::string& lines);
 
   // Refuses new calls, gives running ones a second, then returns. May be repeated.
   void shutdown();

@@ -1,0 +1,80 @@
+#include "Ctl.h"
+
+#include <grpcpp/grpcpp.h>
+#include <standin/control.grpc.pb.h>
+
+#include <chrono>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <stdexcept>
+
+namespace Standin {
+
+namespace {
+
+// Calls one request of the control service and answers what it answers.
+template <class Request, class Response>
+Response ask(standin::Control::Stub& stub, const std::string& address,
+             grpc::Status (standin::Control::Stub::*rpc)(grpc::ClientContext*, const Request&,
+                                                         Response*),
+             const Request& request) {
+  grpc::ClientContext context;
+  context.set_deadline(std::chrono::system_clock::now() + std::chrono::seconds(60));
+  Response response;
+  const grpc::Status status = (stub.*rpc)(&context, request, &response);
+  if (status.error_code() == grpc::StatusCode::UNAVAILABLE)
+    throw std::runtime_error("nothing answers at " + address +
+                             "; start the stand-in with --control " + address);
+  if (!status.ok()) throw std::runtime_error(status.error_message());
+  return response;
+}
+
+void show(const standin::Faults& faults) {
+  for (const auto& fault : faults.faults())
+    std::cout << fault.injected() << " of " << fault.matched() << "  " << fault.rule() << '\n';
+}
+
+std::string contentOf(const std::string& path) {
+  std::ifstream file(path);
+  if (!file) throw std::runtime_error("cannot read " + path);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+}  // namespace
+
+int control(const std::string& address, const std::vector<std::string>& words) {
+  grpc::ChannelArguments arguments;
+  arguments.SetInt(GRPC_ARG_ENABLE_HTTP_PROXY, 0);
+  arguments.SetMaxReceiveMessageSize(-1);
+  const auto stub = standin::Control::NewStub(
+      grpc::CreateCustomChannel(address, grpc::InsecureChannelCredentials(), arguments));
+  using Stub = standin::Control::Stub;
+  const std::string command = words.empty() ? "faults" : words.front();
+  const bool file = words.size() == 2;
+  if (command == "faults" && words.size() < 2) {
+    show(ask(*stub, address, &Stub::ListFaults, standin::Nothing()));
+  } else if (command == "add" && words.size() > 1) {
+    standin::AddFaultsRequest request;
+    for (std::size_t i = 1; i < words.size(); ++i) request.add_rules(words[i]);
+    show(ask(*stub, address, &Stub::AddFaults, request));
+  } else if (command == "clear" && words.size() == 1) {
+    ask(*stub, address, &Stub::ClearFaults, standin::Nothing());
+  } else if (command == "dump" && words.size() < 3) {
+    const auto state = ask(*stub, address, &Stub::Dump, standin::Nothing());
+    std::ofstream out;
+    if (file) out.open(words[1]);
+    (file ? out : std::cout) << state.lines() << std::flush;
+    if (file && !out) throw std::runtime_error("cannot write " + words[1]);
+  } else if (command == "load" && file) {
+    standin::State state;
+    state.set_lines(contentOf(words[1]));
+    ask(*stub, address, &Stub::Load, state);
+  } else {
+    throw std::runtime_error("ctl takes ADDRESS and one of: faults, add RULE..., clear, dump [FILE], " +
+                             std::string("load FILE"));
+  }
+  return 0;
+}
+
+}  // namespace Standin

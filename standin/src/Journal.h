@@ -1,0 +1,30 @@
+#pragma once
+
+#include <google/protobuf/message.h>
+
+#include <string>
+#include <vector>
+
+namespace Standin {
+
+// The calls that the state came from, in order, since it was last empty. Refused calls are among
+// them: they may place leaves. Not thread safe.
+class Journal {
+ public:
+  // Notes a call; those that change nothing are passed over.
+  void note(const char* rpc, const google::protobuf::Message& request);
+  // A line of JSON for each call. Throws std::runtime_error when there were too many to keep.
+  std::string lines() const;
+
+ private:
+  struct Call {
+    const char* rpc;
+    std::string request;
+  };
+
+  std::vector<Call> calls_;
+  std::size_t bytes_ = 0;
+  bool full_ = false;
+};
+
+}  // namespace Standin

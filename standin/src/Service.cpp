@@ -1,0 +1,196 @@
+#include "Service.h"
+
+#include <google/protobuf/unknown_field_set.h>
+#include <google/protobuf/util/json_util.h>
+#include <google/protobuf/wrappers.pb.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <stdexcept>
+
+#include "Connections.h"
+
+namespace Standin {
+
+namespace {
+
+constexpr std::size_t tooLarge = (4u << 20) + 1;  // More bytes than a client of gRPC takes.
+constexpr int unknownField = 1000;                // No message has it.
+constexpr auto glance = std::chrono::milliseconds(20);  // Between looks at whether a client is there.
+
+template <class Message>
+void fromLine(const nlohmann::json& line, Message& message) {
+  if (line.contains("request_raw")) {
+    google::protobuf::BytesValue bytes;
+    if (google::protobuf::util::JsonStringToMessage(line["request_raw"].dump(), &bytes).ok() &&
+        message.ParseFromString(bytes.value()))
+      return;
+  } else if (!line.contains("request")) {
+    return;
+  } else {
+    google::protobuf::util::JsonParseOptions options;
+    options.ignore_unknown_fields = true;
+    if (google::protobuf::util::JsonStringToMessage(line["request"].dump(), &message, options).ok())
+      return;
+  }
+  throw std::invalid_argument("its request is not one of its type");
+}
+
+}  // namespace
+
+Service::Service(const Options& options)
+    : options_(options), daemon_(std::make_unique<Daemon>(options)) {
+  for (const std::string& rule : options.faults) faults_.add(Fault::parse(rule));
+  if (options.log.empty()) return;
+  log_ = options.log == "-" ? stderr : std::fopen(options.log.c_str(), "a");
+  if (log_ == nullptr)
+    throw std::runtime_error("cannot write the log to " + options.log + ": " +
+                             std::strerror(errno) + "; choose another file, or - for stderr");
+}
+
+Service::~Service() {
+  if (log_ != nullptr && log_ != stderr) std::fclose(log_);
+}
+
+std::string Service::dump() const {
+  const std::lock_guard lock(mutex_);
+  return journal_.lines();
+}
+
+void Service::load(const std::string& text) {
+  auto daemon = std::make_unique<Daemon>(options_);
+  Journal journal;
+  std::istringstream lines(text);
+  std::string line;
+  for (int number = 1; std::getline(lines, line); ++number) {
+    if (line.find_first_not_of(" \t\r") == std::string::npos) continue;
+    try {
+      const nlohmann::json call = nlohmann::json::parse(line);
+      const std::string type = call.value("type", "");
+      bool known = false;
+#define NORV_REQUEST(number, name, rpc, request, response) \
+  if (type == #name) {                                     \
+    bess::pb::request in;                                  \
+    bess::pb::response out;                                \
+    fromLine(call, in);                                    \
+    known = true;                                          \
+    if (std::strcmp(#name, "killBess") != 0) {             \
+      journal.note(#name, in);                             \
+      apply(*daemon, &Daemon::name, in, out);              \
+    }                                                      \
+  }
+#include <Norv/GrpcRequests.def>
+      if (!known) throw std::invalid_argument("no request is called '" + type + "'");
+    } catch (const std::exception& error) {
+      throw std::invalid_argument("line " + std::to_string(number) + " is no call: " + error.what());
+    }
+  }
+  const std::lock_guard lock(mutex_);
+  daemon_ = std::move(daemon);
+  journal_ = std::move(journal);
+}
+
+void Service::stopWaiting() {
+  const std::lock_guard lock(waitMutex_);
+  stopping_ = true;
+  waitCondition_.notify_all();
+}
+
+void Service::waitUntil(std::chrono::steady_clock::time_point end, grpc::ServerContext& context) {
+  std::unique_lock lock(waitMutex_);
+  while (!stopping_ && std::chrono::steady_clock::now() < end && !context.IsCancelled())
+    waitCondition_.wait_until(lock, std::min(end, std::chrono::steady_clock::now() + glance));
+}
+
+void Service::keepPace(grpc::ServerContext& context) {
+  if (options_.rate <= 0 && options_.latencyMs == 0 && options_.maxLatencyMs == 0) return;
+  const auto now = std::chrono::steady_clock::now();
+  auto end = now;
+  {
+    const std::lock_guard lock(waitMutex_);
+    if (options_.rate > 0) {
+      end = std::max(now, nextTurn_);
+      nextTurn_ = end + std::chrono::nanoseconds(static_cast<std::int64_t>(1e9 / options_.rate));
+    }
+    const std::uint32_t most = std::max(options_.latencyMs, options_.maxLatencyMs);
+    end += std::chrono::milliseconds(
+        std::uniform_int_distribution<std::uint32_t>(options_.latencyMs, most)(random_));
+  }
+  waitUntil(end, context);
+}
+
+void Service::hangUp(grpc::ServerContext& context) {
+  if (!Standin::hangUp(context.peer())) context.TryCancel();
+}
+
+bool Service::strikesBefore(const Faults::Strike& strike, grpc::ServerContext& context) {
+  switch (strike.fault.kind) {
+    case Fault::Kind::Delay:
+      waitUntil(std::chrono::steady_clock::now() + std::chrono::milliseconds(strike.ms), context);
+      return false;
+    case Fault::Kind::HangUp:
+      hangUp(context);
+      return true;
+    case Fault::Kind::Exit:
+      if (options_.onExit)
+        options_.onExit();
+      else
+        std::_Exit(1);
+      return true;
+    case Fault::Kind::StopAccepting:
+      stopListening(address_);
+      return false;
+    case Fault::Kind::Status:
+    case Fault::Kind::Error:
+      return true;
+    default:
+      return false;
+  }
+}
+
+grpc::Status Service::spoil(const Fault& fault, grpc::ServerContext& context,
+                            google::protobuf::Message& out, const grpc::Status& status) {
+  google::protobuf::UnknownFieldSet& extra = *out.GetReflection()->MutableUnknownFields(&out);
+  if (fault.kind == Fault::Kind::Undecodable) {
+    extra.AddLengthDelimited(1, "\xff\xff");  // Every response has a message there, and no such one.
+  } else if (fault.kind == Fault::Kind::TooLarge) {
+    extra.AddLengthDelimited(unknownField, std::string(tooLarge, 'x'));
+  } else if (fault.kind == Fault::Kind::NoReply) {
+    waitUntil(std::chrono::steady_clock::time_point::max(), context);
+    return {grpc::StatusCode::UNAVAILABLE, "no reply, on demand"};
+  } else if (fault.kind == Fault::Kind::HangUpAfter) {
+    hangUp(context);
+    return {grpc::StatusCode::UNAVAILABLE, "hung up, on demand"};
+  }
+  return status;
+}
+
+void Service::log(const char* rpc, const google::protobuf::Message& in,
+                  const bess::pb::Error& error, const grpc::Status& status,
+                  const std::optional<Faults::Strike>& strike,
+                  std::chrono::steady_clock::time_point begin) {
+  using std::chrono::duration;
+  nlohmann::ordered_json line;
+  line["time"] = duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+  line["type"] = rpc;
+  std::string request;
+  if (google::protobuf::util::MessageToJsonString(in, &request).ok())
+    line["request"] = nlohmann::ordered_json::parse(request);
+  line["status"] = static_cast<int>(status.error_code());
+  if (error.code() != 0) line["error"] = {{"code", error.code()}, {"errmsg", error.errmsg()}};
+  if (strike) line["fault"] = strike->fault.toString();
+  line["us"] =
+      duration<double, std::micro>(std::chrono::steady_clock::now() - begin).count();
+  // Texts of a client may be any bytes.
+  const std::string text =
+      line.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";
+  const std::lock_guard lock(logMutex_);
+  std::fwrite(text.data(), 1, text.size(), log_);
+  std::fflush(log_);
+}
+
+}  // namespace Standin

@@ -1,0 +1,135 @@
+#pragma once
+
+#include <Standin/Server.h>
+
+#include <condition_variable>
+#include <cstdio>
+#include <memory>
+#include <mutex>
+#include <random>
+#include <string>
+
+#include <bess/pb/service.grpc.pb.h>
+
+#include "Daemon.h"
+#include "Faults.h"
+#include "Journal.h"
+#include "Refusal.h"
+
+namespace Standin {
+
+// The gRPC face of the daemon: one override per request, each an expansion of the table of
+// requests. Around the daemon's own answer come the pace, the faults and the log.
+class Service final : public bess::pb::BESSControl::Service {
+ public:
+  explicit Service(const Options& options);
+  ~Service() override;
+
+#define NORV_REQUEST(number, name, rpc, request, response)                                  \
+  grpc::Status rpc(grpc::ServerContext* context, const bess::pb::request* in,               \
+                   bess::pb::response* out) override {                                      \
+    return answer(#name, &Daemon::name, *context, *in, *out);                               \
+  }
+#include <Norv/GrpcRequests.def>
+
+  Faults& faults() { return faults_; }
+  std::string dump() const;
+  // Throws std::invalid_argument with the line that is no call; the state is as before.
+  void load(const std::string& lines);
+  // Ends all waiting; calls are answered at once from now on.
+  void stopWaiting();
+  // Where the server listens, for faults that end that.
+  void addressIs(const std::string& address) { address_ = address; }
+
+ private:
+  template <class Request, class Response>
+  using Handler = void (Daemon::*)(const Request&, Response&);
+
+  template <class Request, class Response>
+  grpc::Status answer(const char* rpc, Handler<Request, Response> handler,
+                      grpc::ServerContext& context, const Request& in, Response& out) {
+    const auto begin = std::chrono::steady_clock::now();
+    keepPace(context);
+    const std::optional<Faults::Strike> strike = faults_.strike(rpc, in);
+    grpc::Status status;
+    if (!strike) {
+      status = run(rpc, handler, in, out);
+    } else if (strikesBefore(*strike, context)) {
+      status = refusedBy(strike->fault, out);
+    } else {
+      status = run(rpc, handler, in, out);
+      status = spoil(strike->fault, context, out, status);
+    }
+    if (log_ != nullptr) log(rpc, in, out.error(), status, strike, begin);
+    return status;
+  }
+
+  template <class Request, class Response>
+  grpc::Status run(const char* rpc, Handler<Request, Response> handler, const Request& in,
+                   Response& out) {
+    if constexpr (std::is_same_v<Request, bess::pb::MacAddressRequest>) {
+      if (options_.strictDaemon) return {grpc::StatusCode::UNIMPLEMENTED, ""};
+    }
+    const std::lock_guard lock(mutex_);
+    journal_.note(rpc, in);
+    return apply(*daemon_, handler, in, out);
+  }
+
+  template <class Request, class Response>
+  static grpc::Status apply(Daemon& daemon, Handler<Request, Response> handler, const Request& in,
+                            Response& out) {
+    try {
+      (daemon.*handler)(in, out);
+    } catch (const Refusal& refusal) {
+      out.Clear();
+      out.mutable_error()->set_code(refusal.code);
+      out.mutable_error()->set_errmsg(refusal.what());
+    } catch (const HandlerFailure& failure) {
+      return {grpc::StatusCode::UNKNOWN, failure.what()};
+    }
+    return grpc::Status::OK;
+  }
+
+  template <class Response>
+  static grpc::Status refusedBy(const Fault& fault, Response& out) {
+    if (fault.kind == Fault::Kind::Error) {
+      out.mutable_error()->set_code(fault.code == 0 ? 5 : fault.code);
+      out.mutable_error()->set_errmsg(fault.text);
+      return grpc::Status::OK;
+    }
+    const int code = fault.kind == Fault::Kind::Status && fault.code != 0 ? fault.code : 14;
+    return {static_cast<grpc::StatusCode>(code), fault.text};
+  }
+
+  // Waits as a loaded daemon makes its callers wait.
+  void keepPace(grpc::ServerContext& context);
+  // Does what a fault does before the effect; whether it takes the place of the effect.
+  bool strikesBefore(const Faults::Strike& strike, grpc::ServerContext& context);
+  // Does what a fault does to an answer.
+  grpc::Status spoil(const Fault& fault, grpc::ServerContext& context,
+                     google::protobuf::Message& out, const grpc::Status& status);
+  void hangUp(grpc::ServerContext& context);
+  // Returns early when the client gives up or the server ends.
+  void waitUntil(std::chrono::steady_clock::time_point end, grpc::ServerContext& context);
+  void log(const char* rpc, const google::protobuf::Message& in, const bess::pb::Error& error,
+           const grpc::Status& status, const std::optional<Faults::Strike>& strike,
+           std::chrono::steady_clock::time_point begin);
+
+  const Options options_;
+  std::string address_;
+  mutable std::mutex mutex_;  // Held while a handler runs; guards the daemon and the journal.
+  std::unique_ptr<Daemon> daemon_;
+  Journal journal_;
+  Faults faults_;
+
+  std::mutex waitMutex_;
+  std::condition_variable waitCondition_;
+  bool stopping_ = false;
+  std::chrono::steady_clock::time_point nextTurn_;  // Of the rate.
+  std::mt19937_64 random_{0};
+
+  std::mutex logMutex_;
+  std::FILE* log_ = nullptr;
+};
+
+}  // namespace Standin
