@@ -27,13 +27,6 @@ Module& Pipeline::existing(const std::string& name) const {
   return *module;
 }
 
-std::string Pipeline::freeName(const std::string& prefix) const {
-  for (unsigned i = 0;; ++i) {
-    const std::string name = prefix + std::to_string(i);
-    if (find(name) == nullptr) return name;
-  }
-}
-
 Module& Pipeline::create(const bess::pb::CreateModuleRequest& request) {
   if (request.mclass().empty()) throw Refusal(EINVAL, "Missing 'mclass' field");
   const ModuleClass* moduleClass = findModuleClass(request.mclass());
@@ -42,7 +35,8 @@ Module& Pipeline::create(const bess::pb::CreateModuleRequest& request) {
     throw Refusal(EEXIST, "Module " + request.name() + " exists");
 
   auto module = std::make_unique<Module>();
-  module->name = request.name().empty() ? freeName(moduleClass->namePrefix()) : request.name();
+  module->name = request.name().empty() ? names_.next(moduleClass->namePrefix(), [this](const std::string& name) { return find(name) != nullptr; })
+                     : request.name();
   module->moduleClass = moduleClass;
   module->state = moduleClass->create(request.arg(), ports_);
   module->state->initialArg = request.arg();
@@ -66,6 +60,7 @@ void Pipeline::destroy(Module& module) {
     const auto source = module.inputs.begin()->second.sources.front();
     free(*source.first, source.second);
   }
+  names_.freed(module.name);
   modules_.erase(module.name);
 }
 

@@ -10,6 +10,7 @@
 
 #include <bess/pb/service.pb.h>
 
+#include "AutomaticNames.h"
 #include "ModuleClass.h"
 
 namespace Standin {
@@ -70,11 +71,11 @@ class Pipeline {
   static void forEachReached(Module& start, const std::function<void(Module&)>& visit);
 
  private:
-  std::string freeName(const std::string& prefix) const;
   void free(Module& module, std::uint16_t outputGate);
 
   Ports& ports_;
   Modules modules_;
+  AutomaticNames names_;
 };
 
 // Gives every attribute of every module its place in the packet's metadata.

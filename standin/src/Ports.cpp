@@ -173,13 +173,6 @@ bool Ports::deviceNumberInUse(std::uint64_t number) const {
                      [number](const auto& entry) { return entry.second == number; });
 }
 
-std::string Ports::freeName(const std::string& prefix) const {
-  for (unsigned i = 0;; ++i) {
-    const std::string name = prefix + std::to_string(i);
-    if (find(name) == nullptr) return name;
-  }
-}
-
 std::string Ports::randomMac() {
   // Locally administered, not a group address.
   const auto bits = static_cast<std::int64_t>(random_() >> 16);
@@ -200,7 +193,8 @@ Port& Ports::create(const bess::pb::CreatePortRequest& request) {
     throw Refusal(EEXIST, "Port '" + request.name() + "' already exists");
 
   auto port = std::make_unique<Port>();
-  port->name = request.name().empty() ? freeName(driver->namePrefix) : request.name();
+  port->name = request.name().empty() ? names_.next(driver->namePrefix, [this](const std::string& name) { return find(name) != nullptr; })
+                   : request.name();
   port->driver = driver;
   port->device = driver->open(request, port->name, *this);
   port->conf.set_mac_addr(randomMac());
@@ -224,6 +218,7 @@ void Ports::destroy(const std::string& name) {
   const Port& port = existing(*this, name);
   if (port.busy()) throw Refusal(EBUSY, "Device or resource busy");
   devices_.erase(port.device);
+  names_.freed(name);
   ports_.erase(name);
 }
 

@@ -11,6 +11,8 @@
 
 #include <bess/pb/service.pb.h>
 
+#include "AutomaticNames.h"
+
 namespace Standin {
 
 enum class Direction { Inc, Out };
@@ -95,11 +97,11 @@ class Ports {
   bool deviceNumberInUse(std::uint64_t number) const;
 
  private:
-  std::string freeName(const std::string& prefix) const;
   std::string randomMac();
 
   std::map<std::string, std::unique_ptr<Port>> ports_;
   std::map<std::string, std::uint64_t> devices_;
+  AutomaticNames names_;
   std::mt19937_64 random_{std::random_device{}()};
 };
 

@@ -1,9 +1,12 @@
+#include <google/protobuf/unknown_field_set.h>
 #include <grpcpp/generic/generic_stub.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
 #include <fstream>
 #include <stdexcept>
+#include <vector>
 
 #include "Fixture.h"
 #include "Replay.h"
@@ -164,4 +167,156 @@ TEST_F(StandinServer, OneMemorySocketHasAPool) {
   EXPECT_EQ(pools.dumps(0).ring_bytes(), 18446744073709551594u);
   request.set_socket(1);
   EXPECT_EQ(call(&Stub::DumpMempool, request).dumps_size(), 0);
+}
+
+TEST(StandinServerListens, AtIpv6AndAtAUnixSocket) {
+  Standin::Options options;
+  options.listen = "[::1]:0";
+  Standin::Server ipv6(options);
+  EXPECT_EQ(ipv6.address(), "[::1]:" + std::to_string(ipv6.port()));
+  EXPECT_TRUE(getVersion(ipv6.address()).ok());
+  options.listen = "unix:standin-" + std::to_string(getpid()) + ".sock";
+  Standin::Server local(options);
+  EXPECT_EQ(local.address(), options.listen);
+  EXPECT_TRUE(getVersion(local.address()).ok());
+}
+
+TEST(StandinServerListens, ToAThousandConnections) {
+  Standin::Options options;
+  options.listen = "127.0.0.1:0";
+  Standin::Server server(options);
+  std::vector<std::shared_ptr<grpc::Channel>> channels;
+  for (int i = 0; i < 1000; ++i) {
+    grpc::ChannelArguments arguments;
+    arguments.SetInt(GRPC_ARG_ENABLE_HTTP_PROXY, 0);
+    arguments.SetInt(GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1);
+    channels.push_back(grpc::CreateCustomChannel(server.address(),
+                                                 grpc::InsecureChannelCredentials(), arguments));
+    const auto stub = BESSControl::NewStub(channels.back());
+    grpc::ClientContext context;
+    context.set_deadline(std::chrono::system_clock::now() + std::chrono::seconds(20));
+    VersionResponse response;
+    ASSERT_TRUE(stub->GetVersion(&context, EmptyRequest(), &response).ok()) << i;
+  }
+}
+
+TEST_F(StandinServer, SeveralInOneProcessKnowNothingOfEachOther) {
+  Standin::Options options;
+  options.listen = "";
+  Standin::Server other(options);
+  createModule("Sink", "a");
+  other.load(server_->dump());
+  createModule("Sink", "b");
+  const auto stub = BESSControl::NewStub(other.inProcessChannel());
+  grpc::ClientContext context;
+  ListModulesResponse response;
+  ASSERT_TRUE(stub->ListModules(&context, EmptyRequest(), &response).ok());
+  EXPECT_EQ(response.modules_size(), 1);
+}
+
+TEST_F(StandinServer, ADumpKeepsArgumentsThatJsonCannotShow) {
+  CreateModuleRequest request;
+  request.set_mclass("Sink");
+  request.mutable_arg()->set_type_url("type.googleapis.com/bess.pb.Nowhere");
+  request.mutable_arg()->set_value("\xff");
+  call(&Stub::CreateModule, request);
+  const std::string dump = server_->dump();
+  EXPECT_NE(dump.find("request_raw"), std::string::npos) << dump;
+  ask(&Stub::ResetModules);
+  server_->load(dump);
+  EXPECT_EQ(ask(&Stub::ListModules).modules_size(), 1);
+  EXPECT_EQ(server_->dump(), dump);
+}
+
+TEST_F(StandinServer, ALineThatIsNoCallLeavesTheStateAsItWas) {
+  createModule("Sink", "a");
+  for (const char* lines : {"{", "{\"type\":\"fly\"}", "\n{\"type\":\"createModule\",\"request\":5}"})
+    EXPECT_THROW(server_->load(lines), std::invalid_argument) << lines;
+  EXPECT_EQ(ask(&Stub::ListModules).modules_size(), 1);
+}
+
+TEST_F(StandinServer, AFaultIsCountedAndGoes) {
+  server_->addFault(Standin::Fault::parse("kind=error rpc=getVersion every=2 code=7 text=a b"));
+  EXPECT_EQ(ask(&Stub::GetVersion).error().code(), 0);
+  EXPECT_EQ(refusal(ask(&Stub::GetVersion).error()), "7 a b");
+  ASSERT_EQ(server_->faults().size(), 1u);
+  EXPECT_EQ(server_->faults()[0].matched, 2u);
+  EXPECT_EQ(server_->faults()[0].injected, 1u);
+  EXPECT_EQ(server_->faults()[0].rule, "kind=error rpc=getVersion every=2 code=7 text=a b");
+  server_->clearFaults();
+  EXPECT_TRUE(server_->faults().empty());
+}
+
+TEST(StandinFault, RefusesWhatItDoesNotKnow) {
+  for (const char* text : {"", "rpc=getVersion", "kind=nope", "kind=delay rpc=fly", "kind=delay ms=x",
+                           "kind=delay colour=red", "delay"})
+    EXPECT_THROW(Standin::Fault::parse(text), std::invalid_argument) << text;
+}
+
+TEST_F(StandinServer, AFaultFindsTheNameWhereverARequestHasIt) {
+  server_->addFault(Standin::Fault::parse("kind=error name=snk"));
+  createModule("Source", "src");
+  EXPECT_EQ(connect("src", "snk"), 5);
+  EXPECT_EQ(destroyModule("snk"), 5);
+  ConfigureGateHookRequest hook;
+  hook.mutable_hook()->set_module_name("snk");
+  EXPECT_EQ(call(&Stub::ConfigureGateHook, hook).error().code(), 5);
+  EXPECT_EQ(connect("src", "other"), ENOENT);
+}
+
+class StandinNewer : public StandinTest::StandinFixture {
+ protected:
+  StandinNewer() : StandinFixture(newer()) {}
+  static Standin::Options newer() {
+    Standin::Options options;
+    options.newerReplies = true;
+    return options;
+  }
+  static const google::protobuf::UnknownField* field(const google::protobuf::Message& message,
+                                                     int number) {
+    const auto& fields = message.GetReflection()->GetUnknownFields(message);
+    for (int i = 0; i < fields.field_count(); ++i)
+      if (fields.field(i).number() == number) return &fields.field(i);
+    return nullptr;
+  }
+};
+
+TEST_F(StandinNewer, PortsTellQueuesSizesAndArgument) {
+  createPort("p", "net_null0", 2);
+  const auto list = ask(&Stub::ListPorts);
+  ASSERT_NE(field(list.ports(0), 4), nullptr);
+  EXPECT_EQ(field(list.ports(0), 4)->varint(), 2u);
+  EXPECT_EQ(field(list.ports(0), 6)->varint(), 1024u);
+  google::protobuf::Any any;
+  PMDPortArg arg;
+  ASSERT_TRUE(any.ParseFromString(field(list.ports(0), 8)->length_delimited()));
+  ASSERT_TRUE(any.UnpackTo(&arg));
+  EXPECT_EQ(arg.vdev(), "net_null0");
+}
+
+TEST_F(StandinNewer, GatesTellTheirHooksUnderOtherNumbers) {
+  createModule("Source", "src");
+  createModule("Sink", "snk");
+  connect("src", "snk");
+  GetModuleInfoRequest request;
+  request.set_name("src");
+  const auto info = call(&Stub::GetModuleInfo, request);
+  ASSERT_NE(field(info.ogates(0), 9), nullptr);
+  GetModuleInfoResponse::GateHook hook;
+  ASSERT_TRUE(hook.ParseFromString(field(info.ogates(0), 9)->length_delimited()));
+  EXPECT_EQ(hook.class_name() + "/" + hook.hook_name(), "Track/track0");
+  EXPECT_EQ(info.ogates(0).gatehooks_size(), 0);
+}
+
+TEST_F(StandinNewer, AHookThatWasPutOnDoesNotDecode) {
+  createModule("Source", "src");
+  createModule("Sink", "snk");
+  connect("src", "snk");
+  ConfigureGateHookRequest request;
+  request.set_enable(true);
+  request.mutable_hook()->set_class_name("Track");
+  request.mutable_hook()->set_module_name("snk");
+  request.mutable_hook()->set_igate(0);
+  CommandResponse response;
+  EXPECT_FALSE(tryCall(&Stub::ConfigureGateHook, request, response).ok());
 }

@@ -1,0 +1,185 @@
+// What a call costs at the stand-in, beside a server that does nothing but answer: both in this
+// process, over the loopback, one call at a time. The stand-in holds 10,000 modules. Also what many
+// rules in one request cost, and the memory of modules and rules.
+
+#include <Standin/Server.h>
+#include <benchmark/benchmark.h>
+#include <malloc.h>
+
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+#include <bess/pb/service.grpc.pb.h>
+
+using namespace bess::pb;
+
+namespace {
+
+constexpr int modulesPresent = 10000;
+
+// The peer: generated code and an empty function.
+class Trivial final : public BESSControl::Service {
+ public:
+  grpc::Status GetVersion(grpc::ServerContext*, const EmptyRequest*, VersionResponse* out) override {
+    out->set_version("trivial");
+    return grpc::Status::OK;
+  }
+  grpc::Status CreateModule(grpc::ServerContext*, const CreateModuleRequest* in,
+                            CreateModuleResponse* out) override {
+    out->set_name(in->name());
+    return grpc::Status::OK;
+  }
+  grpc::Status DestroyModule(grpc::ServerContext*, const DestroyModuleRequest*,
+                             EmptyResponse*) override {
+    return grpc::Status::OK;
+  }
+};
+
+std::unique_ptr<BESSControl::Stub> stubOf(const std::string& address) {
+  grpc::ChannelArguments arguments;
+  arguments.SetInt(GRPC_ARG_ENABLE_HTTP_PROXY, 0);
+  arguments.SetInt(GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1);
+  arguments.SetMaxSendMessageSize(-1);
+  return BESSControl::NewStub(
+      grpc::CreateCustomChannel(address, grpc::InsecureChannelCredentials(), arguments));
+}
+
+template <class Method, class Request, class Response>
+void call(BESSControl::Stub& stub, Method method, const Request& request, Response& response) {
+  grpc::ClientContext context;
+  response.Clear();
+  const grpc::Status status = (stub.*method)(&context, request, &response);
+  if (!status.ok() || response.error().code() != 0)
+    throw std::runtime_error(status.error_message() + response.error().errmsg());
+}
+
+struct TrivialServer {
+  TrivialServer() {
+    grpc::ServerBuilder builder;
+    int port = 0;
+    builder.AddListeningPort("127.0.0.1:0", grpc::InsecureServerCredentials(), &port);
+    builder.RegisterService(&service);
+    server = builder.BuildAndStart();
+    stub = stubOf("127.0.0.1:" + std::to_string(port));
+  }
+  Trivial service;
+  std::unique_ptr<grpc::Server> server;
+  std::unique_ptr<BESSControl::Stub> stub;
+};
+
+struct StandinServer {
+  StandinServer() : server(options()), stub(stubOf(server.address())) {}
+  static Standin::Options options() {
+    Standin::Options options;
+    options.listen = "127.0.0.1:0";
+    return options;
+  }
+  void fill() {
+    CreateModuleRequest request;
+    CreateModuleResponse response;
+    request.set_mclass("Bypass");
+    for (int i = 0; i < modulesPresent; ++i)
+      call(*stub, &BESSControl::Stub::CreateModule, request, response);
+  }
+  Standin::Server server;
+  std::unique_ptr<BESSControl::Stub> stub;
+};
+
+void versions(benchmark::State& state, BESSControl::Stub& stub) {
+  VersionResponse response;
+  for (auto _ : state) call(stub, &BESSControl::Stub::GetVersion, EmptyRequest(), response);
+  state.SetItemsProcessed(state.iterations());
+}
+
+// A module comes and goes, so that there are as many at the end.
+void modules(benchmark::State& state, BESSControl::Stub& stub) {
+  CreateModuleRequest create;
+  CreateModuleResponse created;
+  DestroyModuleRequest destroy;
+  EmptyResponse destroyed;
+  create.set_name("one-more");
+  create.set_mclass("Bypass");
+  destroy.set_name("one-more");
+  for (auto _ : state) {
+    call(stub, &BESSControl::Stub::CreateModule, create, created);
+    call(stub, &BESSControl::Stub::DestroyModule, destroy, destroyed);
+  }
+  state.SetItemsProcessed(2 * state.iterations());
+}
+
+void getVersionTrivial(benchmark::State& state) {
+  TrivialServer server;
+  versions(state, *server.stub);
+}
+void getVersionStandin(benchmark::State& state) {
+  StandinServer server;
+  server.fill();
+  versions(state, *server.stub);
+}
+void createModuleTrivial(benchmark::State& state) {
+  TrivialServer server;
+  modules(state, *server.stub);
+}
+void createModuleStandin(benchmark::State& state) {
+  StandinServer server;
+  server.fill();
+  modules(state, *server.stub);
+}
+
+std::size_t allocated() {
+  return mallinfo2().uordblks;
+}
+
+CommandRequest rules(int count) {
+  ExactMatchConfig config;
+  for (int i = 0; i < count; ++i) {
+    auto& rule = *config.add_rules();
+    rule.set_gate(1);
+    rule.add_fields()->set_value_int(static_cast<std::uint64_t>(i));
+  }
+  CommandRequest request;
+  request.set_name("em0");
+  request.set_cmd("set_runtime_config");
+  request.mutable_arg()->PackFrom(config);
+  return request;
+}
+
+void hundredThousandRules(benchmark::State& state) {
+  StandinServer server;
+  CreateModuleRequest create;
+  CreateModuleResponse created;
+  ExactMatchArg arg;
+  arg.add_fields()->set_num_bytes(4);
+  create.set_mclass("ExactMatch");
+  create.mutable_arg()->PackFrom(arg);
+  call(*server.stub, &BESSControl::Stub::CreateModule, create, created);
+  const CommandRequest request = rules(100000);
+  CommandResponse response;
+  const std::size_t before = allocated();
+  for (auto _ : state) call(*server.stub, &BESSControl::Stub::ModuleCommand, request, response);
+  state.counters["bytes/rule"] = static_cast<double>(allocated() - before) / 100000 /
+                                 static_cast<double>(state.iterations());
+}
+
+void tenThousandModules(benchmark::State& state) {
+  double bytes = 0;
+  for (auto _ : state) {
+    StandinServer server;
+    const std::size_t before = allocated();
+    server.fill();
+    bytes = static_cast<double>(allocated() - before) / modulesPresent;
+  }
+  state.counters["bytes/module"] = bytes;
+}
+
+BENCHMARK(getVersionTrivial)->UseRealTime();
+BENCHMARK(getVersionStandin)->UseRealTime();
+BENCHMARK(createModuleTrivial)->UseRealTime();
+BENCHMARK(createModuleStandin)->UseRealTime();
+BENCHMARK(hundredThousandRules)->UseRealTime()->Unit(benchmark::kMillisecond)->Iterations(3);
+BENCHMARK(tenThousandModules)->UseRealTime()->Unit(benchmark::kMillisecond)->Iterations(1);
+
+}  // namespace
+
+BENCHMARK_MAIN();

@@ -1,0 +1,191 @@
+"""Every kind of fault on demand, by what becomes of norvctl's commands."""
+
+import os
+import subprocess
+import sys
+
+sys.path.insert(0, os.environ["SOURCES"] + "/tests/tools")
+
+import harness
+from harness import STANDIN, Process, command, equal, run, write_file
+
+
+class Faulty(Process):
+    """A stand-in with faults, and with its control service."""
+
+    def __init__(self, *rules, options=()):
+        faults = [word for rule in rules for word in ("--fault", rule)]
+        super().__init__(
+            STANDIN, "--listen=127.0.0.1:0", "--control=127.0.0.1:0", *faults, *options
+        )
+        self.port = self.wait_for(r"listening on 127\.0\.0\.1:(\d+)\n").group(1)
+        self.control = self.wait_for(r"controlled at (\S+)\n").group(1)
+        self.address = ("--host", "127.0.0.1", "--port", self.port)
+
+    def ctl(self, *words):
+        finished = subprocess.run(
+            [STANDIN, "ctl", self.control, *words], capture_output=True, text=True, timeout=60
+        )
+        equal(finished.returncode, 0, finished)
+        return finished.stdout
+
+    def modules(self):
+        result = run(*self.address, write_file(command("listModules"), name="list.jsonl"))
+        return [m["name"] for m in result.commands[0]["response"].get("modules", [])]
+
+
+SOURCE = command("createModule", name="src", mclass="Source")
+
+
+def outcomes(daemon, *commands, options=()):
+    result = run(*daemon.address, *options, write_file(*commands))
+    return [c["outcome"] for c in result.commands]
+
+
+def one(daemon, *options):
+    """What becomes of the creation of a module."""
+    result = run(*daemon.address, *options, write_file(SOURCE))
+    return result.commands[0]
+
+
+def test_a_delay_is_waited_for():
+    daemon = Faulty("kind=delay rpc=createModule ms=50 max-ms=60")
+    result = one(daemon)
+    equal(result["outcome"], "ok")
+    assert daemon.ctl().startswith("1 of 1  kind=delay"), daemon.ctl()
+
+
+def test_a_delay_beyond_the_patience_gives_the_command_up():
+    daemon = Faulty("kind=delay rpc=createModule ms=60000")
+    result = run(*daemon.address, "--timeout", "1", write_file(SOURCE))
+    equal(result.status, 3)
+
+
+def test_a_status_fails_the_command_without_effect():
+    daemon = Faulty("kind=status rpc=createModule code=13 text=gone for good")
+    equal(one(daemon)["outcome"], "failed")
+    equal(daemon.modules(), [])
+
+
+def test_an_error_refuses_the_command_without_effect():
+    daemon = Faulty("kind=error rpc=createModule code=28 text=no room")
+    result = one(daemon)
+    equal(result["outcome"], "refused")
+    equal(result["response"]["error"], {"code": 28, "errmsg": "no room"})
+    equal(daemon.modules(), [])
+
+
+def test_an_undecodable_reply_is_told_and_had_its_effect():
+    daemon = Faulty("kind=undecodable rpc=createModule")
+    equal(one(daemon)["outcome"], "undecodable")
+    equal(daemon.modules(), ["src"])
+
+
+def test_a_reply_that_is_too_large_fails_the_command_and_had_its_effect():
+    daemon = Faulty("kind=too-large rpc=createModule")
+    equal(one(daemon)["outcome"], "failed")
+    equal(daemon.modules(), ["src"])
+
+
+def test_no_reply_is_waited_for_in_vain():
+    daemon = Faulty("kind=no-reply rpc=createModule")
+    result = run(*daemon.address, "--timeout", "1", write_file(SOURCE))
+    equal(result.status, 3)
+    equal(daemon.modules(), ["src"])
+
+
+def test_a_hang_up_before_the_effect_fails_the_command():
+    daemon = Faulty("kind=hang-up rpc=createModule")
+    equal(one(daemon)["outcome"], "failed")
+    equal(daemon.modules(), [])
+
+
+def test_a_hang_up_after_the_effect_fails_the_command():
+    daemon = Faulty("kind=hang-up-after rpc=createModule")
+    equal(one(daemon)["outcome"], "failed")
+    equal(daemon.modules(), ["src"])
+
+
+def test_an_exit_ends_the_daemon_on_the_module_named():
+    daemon = Faulty("kind=exit rpc=createModule name=poison")
+    equal(one(daemon)["outcome"], "ok")
+    poison = command("createModule", name="poison", mclass="Source")
+    equal(outcomes(daemon, poison), ["failed"])
+    equal(daemon.popen.wait(60), 1)
+
+
+def test_a_daemon_that_stopped_accepting_serves_whom_it_has():
+    daemon = Faulty("kind=stop-accepting rpc=createModule")
+    equal(outcomes(daemon, SOURCE, command("getVersion")), ["ok", "ok"])
+    late = run(*daemon.address, "--timeout", "1", write_file(command("getVersion")))
+    equal(late.status, 3)  # norvctl waits for a daemon that is not there.
+
+
+def test_only_the_nth_call_is_struck():
+    daemon = Faulty("kind=error rpc=getVersion nth=2")
+    equal(outcomes(daemon, *[command("getVersion")] * 4), ["ok", "refused", "ok", "ok"])
+
+
+def test_every_nth_call_is_struck():
+    daemon = Faulty("kind=error rpc=* every=2")
+    equal(outcomes(daemon, *[command("getVersion")] * 4), ["ok", "refused"] * 2)
+
+
+def test_chance_repeats_itself_with_its_seed():
+    rule = "kind=error rpc=getVersion probability=0.5 seed=7"
+    first = outcomes(Faulty(rule), *[command("getVersion")] * 40)
+    equal(outcomes(Faulty(rule), *[command("getVersion")] * 40), first)
+    assert 0 < first.count("refused") < 40, first
+
+
+def test_faults_come_and_go_at_run_time():
+    daemon = Faulty()
+    equal(outcomes(daemon, command("getVersion")), ["ok"])
+    daemon.ctl("add", "kind=error rpc=getVersion")
+    equal(outcomes(daemon, command("getVersion")), ["refused"])
+    daemon.ctl("clear")
+    equal(outcomes(daemon, command("getVersion")), ["ok"])
+    equal(daemon.ctl("faults"), "")
+
+
+def test_faults_come_from_a_file():
+    file = write_file("# a comment", "", "kind=error rpc=getVersion", name="faults")
+    daemon = Faulty(options=("--faults", file))
+    equal(outcomes(daemon, command("getVersion")), ["refused"])
+
+
+def test_a_fault_that_is_none_is_refused_with_what_there_is():
+    finished = Process(STANDIN, "--listen=127.0.0.1:0", "--fault", "kind=nope").finish()
+    equal(finished.status, 1)
+    assert "stop-accepting" in finished.err, finished
+    equal(len(finished.err.splitlines()), 1)
+
+
+def test_a_dumped_state_is_loaded_by_another_daemon():
+    daemon = Faulty()
+    equal(one(daemon)["outcome"], "ok")
+    file = write_file(name="state.jsonl")
+    daemon.ctl("dump", file)
+    other = Faulty(options=("--load", file))
+    equal(other.modules(), ["src"])
+    # A dump is a command file, too.
+    third = Faulty()
+    equal(run(*third.address, file).status, 0)
+    equal(third.modules(), ["src"])
+
+
+def test_a_log_has_a_line_for_each_call():
+    file = write_file(name="log")
+    daemon = Faulty("kind=error rpc=getVersion code=7", options=("--log", file))
+    outcomes(daemon, SOURCE, command("getVersion"))
+    import json
+
+    with open(file) as log:
+        lines = [json.loads(line) for line in log]
+    equal([line["type"] for line in lines], ["createModule", "getVersion"])
+    equal(lines[0]["request"], {"name": "src", "mclass": "Source"})
+    equal(lines[1]["error"]["code"], 7)
+    assert lines[1]["fault"].startswith("kind=error"), lines
+
+
+harness.main()
