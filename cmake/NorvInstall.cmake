@@ -1,10 +1,10 @@
-# `cmake --install`: the three libraries with their headers, the CMake package `norv` and a pkg-config
+# `cmake --install`: the libraries with their headers, the CMake package `norv` and a pkg-config
 # file each.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
 # Whoever links these compiles as they were.
-foreach(library lumo bessgrpc norv agent)
+foreach(library lumo bessgrpc norv agent norv_standin)
   target_compile_features(${library} PUBLIC cxx_std_20)
 endforeach()
 
@@ -14,11 +14,11 @@ set_target_properties(norvctl bessd-standin skein PROPERTIES
   INSTALL_RPATH "$ORIGIN/${NORV_BIN_TO_LIB}")
 set_target_properties(lumo bessgrpc norv PROPERTIES INSTALL_RPATH "$ORIGIN")
 
-install(TARGETS lumo bessgrpc norv agent EXPORT norvTargets
+install(TARGETS lumo bessgrpc norv agent norv_standin EXPORT norvTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(TARGETS norvctl bessd-standin skein RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-foreach(layer framework types client manager agent)
+foreach(layer framework types client manager agent standin)
   install(DIRECTORY ${PROJECT_SOURCE_DIR}/${layer}/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 endforeach()
 install(DIRECTORY ${PROJECT_BINARY_DIR}/protocol/generated/bess DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
@@ -40,6 +40,7 @@ function(norv_pkg_config name description requires)
   set(NORV_PC_NAME ${name})
   set(NORV_PC_DESCRIPTION ${description})
   set(NORV_PC_REQUIRES ${requires})
+  set(NORV_PC_MORE ${ARGN})  # Libraries that have no such file.
   configure_file(${PROJECT_SOURCE_DIR}/cmake/library.pc.in ${PROJECT_BINARY_DIR}/${name}.pc @ONLY)
   install(FILES ${PROJECT_BINARY_DIR}/${name}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 endfunction()
@@ -47,3 +48,5 @@ norv_pkg_config(lumo "Entity framework and trace libraries" "")
 norv_pkg_config(bessgrpc "Messages and stubs of the switch daemon's control protocol"
   "grpc++ protobuf")
 norv_pkg_config(norv "${PROJECT_DESCRIPTION}" "lumo bessgrpc")
+norv_pkg_config(norv_standin "Stand-in for the switch daemon, to run inside a test"
+  "bessgrpc grpc++ protobuf" -lgrpc++_reflection)

@@ -21,7 +21,8 @@ constexpr int modulesPresent = 10000;
 // The peer: generated code and an empty function.
 class Trivial final : public BESSControl::Service {
  public:
-  grpc::Status GetVersion(grpc::ServerContext*, const EmptyRequest*, VersionResponse* out) override {
+  grpc::Status GetVersion(grpc::ServerContext*, const EmptyRequest*,
+                          VersionResponse* out) override {
     out->set_version("trivial");
     return grpc::Status::OK;
   }
@@ -158,8 +159,8 @@ void hundredThousandRules(benchmark::State& state) {
   CommandResponse response;
   const std::size_t before = allocated();
   for (auto _ : state) call(*server.stub, &BESSControl::Stub::ModuleCommand, request, response);
-  state.counters["bytes/rule"] = static_cast<double>(allocated() - before) / 100000 /
-                                 static_cast<double>(state.iterations());
+  state.counters["bytes/rule"] =
+      static_cast<double>(allocated() - before) / 100000 / static_cast<double>(state.iterations());
 }
 
 void tenThousandModules(benchmark::State& state) {

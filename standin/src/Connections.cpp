@@ -68,7 +68,8 @@ std::string withoutScheme(std::string name) {
 bool listens(int descriptor) {
   int listening = 0;
   socklen_t size = sizeof listening;
-  return getsockopt(descriptor, SOL_SOCKET, SO_ACCEPTCONN, &listening, &size) == 0 && listening != 0;
+  return getsockopt(descriptor, SOL_SOCKET, SO_ACCEPTCONN, &listening, &size) == 0 &&
+         listening != 0;
 }
 
 std::string portOf(const std::string& address) {

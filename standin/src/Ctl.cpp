@@ -71,8 +71,9 @@ int control(const std::string& address, const std::vector<std::string>& words) {
     state.set_lines(contentOf(words[1]));
     ask(*stub, address, &Stub::Load, state);
   } else {
-    throw std::runtime_error("ctl takes ADDRESS and one of: faults, add RULE..., clear, dump [FILE], " +
-                             std::string("load FILE"));
+    throw std::runtime_error(
+        "ctl takes ADDRESS and one of: faults, add RULE..., clear, dump [FILE], " +
+        std::string("load FILE"));
   }
   return 0;
 }

@@ -128,8 +128,8 @@ void Daemon::findActiveWorkers() {
     classes_.forEachLeaf(entry.first, [&](const TrafficNode& leaf) {
       Module* start = pipeline_.find(leaf.leafModule);
       if (start == nullptr) return;
-      Pipeline::forEachReached(
-          *start, [&](Module& reached) { reached.activeWorkers.insert(entry.first); });
+      Pipeline::forEachReached(*start,
+                               [&](Module& reached) { reached.activeWorkers.insert(entry.first); });
     });
 }
 
@@ -147,8 +147,9 @@ void Daemon::checkSchedulingConstraints(const bess::pb::EmptyRequest&,
     // A task that passes packets on has nothing to do while nobody hands it any.
     const bool starved = module->tasks() > 0 && moduleClass.inputGates > 0 &&
                          !module->activeWorkers.empty() && !fed(*module);
-    const bool crowded = moduleClass.maxWorkers > 0 &&
-                         module->activeWorkers.size() > static_cast<std::size_t>(moduleClass.maxWorkers);
+    const bool crowded =
+        moduleClass.maxWorkers > 0 &&
+        module->activeWorkers.size() > static_cast<std::size_t>(moduleClass.maxWorkers);
     if (starved || crowded) response.add_modules()->set_name(name);
     if (crowded) response.set_fatal(true);
   }

@@ -14,16 +14,11 @@ struct KindName {
   const char* name;
 };
 constexpr KindName kinds[] = {
-    {Fault::Kind::Delay, "delay"},
-    {Fault::Kind::Status, "status"},
-    {Fault::Kind::Error, "error"},
-    {Fault::Kind::Undecodable, "undecodable"},
-    {Fault::Kind::TooLarge, "too-large"},
-    {Fault::Kind::NoReply, "no-reply"},
-    {Fault::Kind::HangUp, "hang-up"},
-    {Fault::Kind::HangUpAfter, "hang-up-after"},
-    {Fault::Kind::Exit, "exit"},
-    {Fault::Kind::StopAccepting, "stop-accepting"},
+    {Fault::Kind::Delay, "delay"},        {Fault::Kind::Status, "status"},
+    {Fault::Kind::Error, "error"},        {Fault::Kind::Undecodable, "undecodable"},
+    {Fault::Kind::TooLarge, "too-large"}, {Fault::Kind::NoReply, "no-reply"},
+    {Fault::Kind::HangUp, "hang-up"},     {Fault::Kind::HangUpAfter, "hang-up-after"},
+    {Fault::Kind::Exit, "exit"},          {Fault::Kind::StopAccepting, "stop-accepting"},
 };
 
 constexpr const char* requests[] = {

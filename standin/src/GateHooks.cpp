@@ -74,8 +74,8 @@ std::string change(std::vector<GateHook>& hooks, const ConfigureGateHookRequest&
 }
 
 template <class Gates>
-std::string changeGates(const std::string& module, const char* kind, Gates& gates, std::int64_t number,
-                 const ConfigureGateHookRequest& request) {
+std::string changeGates(const std::string& module, const char* kind, Gates& gates,
+                        std::int64_t number, const ConfigureGateHookRequest& request) {
   if (number < 0) {
     for (auto& entry : gates) change(entry.second.hooks, request);
     return "";

@@ -10,9 +10,9 @@ namespace Standin {
 
 namespace {
 
-constexpr int maxFields = 16;                   // Of one Update or RandomUpdate.
-constexpr int maxTemplates = 64;                // Of one Rewrite.
-constexpr std::uint64_t maxMetadataSize = 32;   // Bytes of one value.
+constexpr int maxFields = 16;                  // Of one Update or RandomUpdate.
+constexpr int maxTemplates = 64;               // Of one Rewrite.
+constexpr std::uint64_t maxMetadataSize = 32;  // Bytes of one value.
 
 void checkCount(int present, int added) {
   if (present + added > maxFields)
@@ -57,8 +57,9 @@ void RandomUpdateState::add(const bess::pb::RandomUpdateArg& arg) {
 
 void RewriteState::add(const bess::pb::RewriteArg& arg) {
   if (templates_ + arg.templates_size() > maxTemplates)
-    throw Refusal(EINVAL, "max " + std::to_string(maxTemplates) + " packet templates can be used " + std::to_string(templates_) +
-                              " " + std::to_string(arg.templates_size()));
+    throw Refusal(EINVAL, "max " + std::to_string(maxTemplates) + " packet templates can be used " +
+                              std::to_string(templates_) + " " +
+                              std::to_string(arg.templates_size()));
   for (const std::string& packet : arg.templates())
     if (packet.size() > packetRoom) throw Refusal(EINVAL, "template is too big");
   templates_ += arg.templates_size();
@@ -192,8 +193,7 @@ StaticNatState::StaticNatState(const bess::pb::StaticNATArg& arg) {
   const auto size = [](const bess::pb::StaticNATArg::AddressRange& range, const char* side) {
     const std::uint32_t start = checkedAddress(range.start(), "invalid IP address ");
     const std::uint32_t end = checkedAddress(range.end(), "invalid IP address ");
-    if (end < start)
-      throw Refusal(EINVAL, std::string("invalid ") + side + " IP address range");
+    if (end < start) throw Refusal(EINVAL, std::string("invalid ") + side + " IP address range");
     return end - start;
   };
   for (const auto& pair : arg.pairs()) {

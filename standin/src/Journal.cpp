@@ -19,10 +19,9 @@ constexpr std::size_t limit = 256u << 20;  // Bytes kept.
 
 // Requests that leave everything as it is.
 constexpr const char* passive[] = {
-    "getVersion",    "listPlugins",  "listWorkers",  "listTcs",       "getTcStats",
-    "listDrivers",   "getDriverInfo", "listPorts",   "getPortConf",   "getPortStats",
-    "getLinkStatus", "listMclass",   "getMclassInfo", "listModules",  "getModuleInfo",
-    "dumpMempool",   "killBess",
+    "getVersion",    "listPlugins", "listWorkers",   "listTcs",      "getTcStats",    "listDrivers",
+    "getDriverInfo", "listPorts",   "getPortConf",   "getPortStats", "getLinkStatus", "listMclass",
+    "getMclassInfo", "listModules", "getModuleInfo", "dumpMempool",  "killBess",
 };
 
 bool changes(const char* rpc) {

@@ -35,8 +35,11 @@ Module& Pipeline::create(const bess::pb::CreateModuleRequest& request) {
     throw Refusal(EEXIST, "Module " + request.name() + " exists");
 
   auto module = std::make_unique<Module>();
-  module->name = request.name().empty() ? names_.next(moduleClass->namePrefix(), [this](const std::string& name) { return find(name) != nullptr; })
-                     : request.name();
+  module->name =
+      request.name().empty()
+          ? names_.next(moduleClass->namePrefix(),
+                        [this](const std::string& name) { return find(name) != nullptr; })
+          : request.name();
   module->moduleClass = moduleClass;
   module->state = moduleClass->create(request.arg(), ports_);
   module->state->initialArg = request.arg();

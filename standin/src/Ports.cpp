@@ -193,7 +193,9 @@ Port& Ports::create(const bess::pb::CreatePortRequest& request) {
     throw Refusal(EEXIST, "Port '" + request.name() + "' already exists");
 
   auto port = std::make_unique<Port>();
-  port->name = request.name().empty() ? names_.next(driver->namePrefix, [this](const std::string& name) { return find(name) != nullptr; })
+  port->name = request.name().empty()
+                   ? names_.next(driver->namePrefix,
+                                 [this](const std::string& name) { return find(name) != nullptr; })
                    : request.name();
   port->driver = driver;
   port->device = driver->open(request, port->name, *this);

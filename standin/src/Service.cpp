@@ -20,7 +20,8 @@ namespace {
 
 constexpr std::size_t tooLarge = (4u << 20) + 1;  // More bytes than a client of gRPC takes.
 constexpr int unknownField = 1000;                // No message has it.
-constexpr auto glance = std::chrono::milliseconds(20);  // Between looks at whether a client is there.
+constexpr auto glance =
+    std::chrono::milliseconds(20);  // Between looks at whether a client is there.
 
 template <class Message>
 void fromLine(const nlohmann::json& line, Message& message) {
@@ -86,7 +87,8 @@ void Service::load(const std::string& text) {
 #include <Norv/GrpcRequests.def>
       if (!known) throw std::invalid_argument("no request is called '" + type + "'");
     } catch (const std::exception& error) {
-      throw std::invalid_argument("line " + std::to_string(number) + " is no call: " + error.what());
+      throw std::invalid_argument("line " + std::to_string(number) +
+                                  " is no call: " + error.what());
     }
   }
   const std::lock_guard lock(mutex_);
@@ -156,7 +158,8 @@ grpc::Status Service::spoil(const Fault& fault, grpc::ServerContext& context,
                             google::protobuf::Message& out, const grpc::Status& status) {
   google::protobuf::UnknownFieldSet& extra = *out.GetReflection()->MutableUnknownFields(&out);
   if (fault.kind == Fault::Kind::Undecodable) {
-    extra.AddLengthDelimited(1, "\xff\xff");  // Every response has a message there, and no such one.
+    extra.AddLengthDelimited(1,
+                             "\xff\xff");  // Every response has a message there, and no such one.
   } else if (fault.kind == Fault::Kind::TooLarge) {
     extra.AddLengthDelimited(unknownField, std::string(tooLarge, 'x'));
   } else if (fault.kind == Fault::Kind::NoReply) {
@@ -183,8 +186,7 @@ void Service::log(const char* rpc, const google::protobuf::Message& in,
   line["status"] = static_cast<int>(status.error_code());
   if (error.code() != 0) line["error"] = {{"code", error.code()}, {"errmsg", error.errmsg()}};
   if (strike) line["fault"] = strike->fault.toString();
-  line["us"] =
-      duration<double, std::micro>(std::chrono::steady_clock::now() - begin).count();
+  line["us"] = duration<double, std::micro>(std::chrono::steady_clock::now() - begin).count();
   // Texts of a client may be any bytes.
   const std::string text =
       line.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";

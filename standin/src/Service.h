@@ -25,21 +25,25 @@ class Service final : public bess::pb::BESSControl::Service {
   explicit Service(const Options& options);
   ~Service() override;
 
-#define NORV_REQUEST(number, name, rpc, request, response)                                  \
-  grpc::Status rpc(grpc::ServerContext* context, const bess::pb::request* in,               \
-                   bess::pb::response* out) override {                                      \
-    return answer(#name, &Daemon::name, *context, *in, *out);                               \
+#define NORV_REQUEST(number, name, rpc, request, response)                    \
+  grpc::Status rpc(grpc::ServerContext* context, const bess::pb::request* in, \
+                   bess::pb::response* out) override {                        \
+    return answer(#name, &Daemon::name, *context, *in, *out);                 \
   }
 #include <Norv/GrpcRequests.def>
 
-  Faults& faults() { return faults_; }
+  Faults& faults() {
+    return faults_;
+  }
   std::string dump() const;
   // Throws std::invalid_argument with the line that is no call; the state is as before.
   void load(const std::string& lines);
   // Ends all waiting; calls are answered at once from now on.
   void stopWaiting();
   // Where the server listens, for faults that end that.
-  void addressIs(const std::string& address) { address_ = address; }
+  void addressIs(const std::string& address) {
+    address_ = address;
+  }
 
  private:
   template <class Request, class Response>

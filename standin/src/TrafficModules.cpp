@@ -150,8 +150,7 @@ MeasureState::MeasureState(const bess::pb::MeasureArg& arg)
 
 bess::pb::MeasureCommandGetSummaryResponse MeasureState::summary(
     const bess::pb::MeasureCommandGetSummaryArg& arg) const {
-  if (!ascending(arg.latency_percentiles()))
-    throw Refusal(EINVAL, "invalid 'latency_percentiles'");
+  if (!ascending(arg.latency_percentiles())) throw Refusal(EINVAL, "invalid 'latency_percentiles'");
   if (!ascending(arg.jitter_percentiles())) throw Refusal(EINVAL, "invalid 'jitter_percentiles'");
   bess::pb::MeasureCommandGetSummaryResponse answer;
   const auto now = std::chrono::system_clock::now().time_since_epoch();

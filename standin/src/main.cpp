@@ -35,8 +35,7 @@ std::string contentOf(const std::string& path) {
 void readFaults(const std::string& path, std::vector<std::string>& rules) {
   std::istringstream lines(contentOf(path));
   for (std::string line; std::getline(lines, line);)
-    if (line.find_first_not_of(" \t") != std::string::npos && line[0] != '#')
-      rules.push_back(line);
+    if (line.find_first_not_of(" \t") != std::string::npos && line[0] != '#') rules.push_back(line);
 }
 
 void readLatency(const std::string& text, Standin::Options& options) {
@@ -67,10 +66,12 @@ void describe(CLI::App& app, Arguments& arguments) {
   app.add_option("--faults", arguments.faultFiles, "a file with a fault a line")->take_all();
   app.add_option("--latency", arguments.latency, "milliseconds that an answer takes: 5 or 5..20");
   app.add_option("--rate", options.rate, "answers per second, at most");
-  app.add_option("--log", options.log, "add a line of JSON for each call to this file; - is stderr");
+  app.add_option("--log", options.log,
+                 "add a line of JSON for each call to this file; - is stderr");
   app.add_option("--load", arguments.stateFile, "begin with the state in this file");
-  app.footer("It prints one line with its address once it listens. SIGINT, SIGTERM or the request "
-             "killBess end it.");
+  app.footer(
+      "It prints one line with its address once it listens. SIGINT, SIGTERM or the request "
+      "killBess end it.");
 }
 
 void serve(Arguments& arguments) {

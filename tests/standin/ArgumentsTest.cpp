@@ -24,25 +24,23 @@ class StandinArguments : public StandinTest::StandinFixture {
 };
 
 TEST_F(StandinArguments, SetMetadataWantsAttributesWithNamesSizesAndValuesThatFit) {
-  expectCreations(
-      "SetMetadata", "SetMetadataArg",
-      {{"", "22 'attrs' must be specified"},
-       {R"("attrs":[{"size":4}])", "22 'name' field is missing"},
-       {R"("attrs":[{"name":"a","size":33}])", "22 'size' must be 1-32"},
-       {R"("attrs":[{"name":"a","size":1,"valueInt":256}])",
-        "22 'value_int' field has not a correct 1-byte value"},
-       {R"("attrs":[{"name":"a","size":4,"valueBin":"AAE="}])",
-        "22 'value_bin' field has not a correct 4-byte value"},
-       {R"("attrs":[{"name":"a","size":4,"offset":-1}])", "22 invalid packet offset"},
-       {R"("attrs":[{"name":"a","size":4,"offset":5000}])", "22 invalid packet offset"},
-       {R"("attrs":[{"name":"a","size":4},{"name":"a","size":2}])",
-        "17 add_metadata_attr() failed"},
-       {R"("attrs":[{"name":"a","size":32,"offset":14}])", ""}});
+  expectCreations("SetMetadata", "SetMetadataArg",
+                  {{"", "22 'attrs' must be specified"},
+                   {R"("attrs":[{"size":4}])", "22 'name' field is missing"},
+                   {R"("attrs":[{"name":"a","size":33}])", "22 'size' must be 1-32"},
+                   {R"("attrs":[{"name":"a","size":1,"valueInt":256}])",
+                    "22 'value_int' field has not a correct 1-byte value"},
+                   {R"("attrs":[{"name":"a","size":4,"valueBin":"AAE="}])",
+                    "22 'value_bin' field has not a correct 4-byte value"},
+                   {R"("attrs":[{"name":"a","size":4,"offset":-1}])", "22 invalid packet offset"},
+                   {R"("attrs":[{"name":"a","size":4,"offset":5000}])", "22 invalid packet offset"},
+                   {R"("attrs":[{"name":"a","size":4},{"name":"a","size":2}])",
+                    "17 add_metadata_attr() failed"},
+                   {R"("attrs":[{"name":"a","size":32,"offset":14}])", ""}});
 }
 
 TEST_F(StandinArguments, UpdateCountsItsFieldsAndLetsANegativeOffsetPass) {
-  const std::string seventeen =
-      "\"fields\":[" + repeated(R"({"size":2})", 17) + "]";
+  const std::string seventeen = "\"fields\":[" + repeated(R"({"size":2})", 17) + "]";
   expectCreations("Update", "UpdateArg",
                   {{seventeen.c_str(), "22 max 16 variables can be specified"},
                    {R"("fields":[{"size":9}])", "22 'size' must be 1-8"},
@@ -52,8 +50,7 @@ TEST_F(StandinArguments, UpdateCountsItsFieldsAndLetsANegativeOffsetPass) {
   createModule("Update", "u");
   const std::string nine = "\"fields\":[" + repeated(R"({"size":2})", 9) + "]";
   EXPECT_EQ(commandRefusal("u", "add", "UpdateArg", nine), "");
-  EXPECT_EQ(commandRefusal("u", "add", "UpdateArg", nine),
-            "22 max 16 variables can be specified");
+  EXPECT_EQ(commandRefusal("u", "add", "UpdateArg", nine), "22 max 16 variables can be specified");
   EXPECT_EQ(commandRefusal("u", "clear", "EmptyArg", ""), "");
   EXPECT_EQ(commandRefusal("u", "add", "UpdateArg", nine), "");
 }
@@ -149,14 +146,12 @@ TEST_F(StandinArguments, FlowGenChecksTemplateRatesDurationAndWordsInThatOrder) 
   EXPECT_EQ(refusal(R"(,"pps":-3,"flowDuration":-1)"), "22 invalid 'pps'");
   EXPECT_EQ(refusal(R"(,"pps":1000,"flowRate":5000,"arrival":"x")"),
             "22 flow rate cannot be more than pps");
-  EXPECT_EQ(refusal(R"(,"pps":10,"flowDuration":-1,"duration":"x")"),
-            "22 invalid 'flow_duration'");
+  EXPECT_EQ(refusal(R"(,"pps":10,"flowDuration":-1,"duration":"x")"), "22 invalid 'flow_duration'");
   EXPECT_EQ(refusal(R"(,"flowRate":1,"duration":"x")"),
             "22 'duration' must be either 'uniform' or 'pareto'");
   EXPECT_EQ(refusal(R"(,"pps":10)"), "");
   EXPECT_EQ(createModule("FlowGen"), "");  // Without a template.
-  EXPECT_EQ(commandRefusal("flowgen0", "update", "FlowGenArg", R"("pps":-1)"),
-            "22 invalid 'pps'");
+  EXPECT_EQ(commandRefusal("flowgen0", "update", "FlowGenArg", R"("pps":-1)"), "22 invalid 'pps'");
 }
 
 TEST_F(StandinArguments, ArpResponderWantsBothAddresses) {
@@ -233,8 +228,7 @@ TEST_F(StandinArguments, PopulateWantsABase) {
     return commandRefusal("l2", "populate", "L2ForwardCommandPopulateArg", json);
   };
   EXPECT_EQ(populate(""), "22 base must exist in gen, and must be string");
-  EXPECT_EQ(populate(R"("base":"zz","count":1,"gateCount":1)"),
-            "22  is not a proper mac address");
+  EXPECT_EQ(populate(R"("base":"zz","count":1,"gateCount":1)"), "22  is not a proper mac address");
 }
 
 TEST_F(StandinArguments, InitialArgumentsAreAsTheClassTellsThem) {

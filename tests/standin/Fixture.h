@@ -95,8 +95,7 @@ class StandinFixture : public testing::Test {
     request.set_name(module);
     std::vector<std::int64_t> result;
     const auto info = call(&Stub::GetModuleInfo, request);
-    for (const auto& attribute : info.metadata())
-      result.push_back(attribute.offset());
+    for (const auto& attribute : info.metadata()) result.push_back(attribute.offset());
     return result;
   }
 

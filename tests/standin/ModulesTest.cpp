@@ -145,7 +145,7 @@ TEST_F(StandinModules, ClassesHaveTheirOwnNumbersOfGates) {
   const struct {
     const char* mclass;
     std::uint64_t outputs;
-  } rows[] = {{"IPChecksum", 2}, {"L4Checksum", 2},  {"GtpuEncap", 2},   {"UrlFilter", 2},
+  } rows[] = {{"IPChecksum", 2}, {"L4Checksum", 2},   {"GtpuEncap", 2},     {"UrlFilter", 2},
               {"Replicate", 32}, {"WorkerSplit", 64}, {"RoundRobin", 8192}, {"Merge", 1}};
   createModule("Sink", "snk");
   for (const auto& row : rows) {
@@ -178,7 +178,8 @@ TEST_F(StandinModules, AttributesAreThoseOfTheClass) {
     const auto info = call(&Stub::GetModuleInfo, request);
     std::string all;
     for (const auto& attribute : info.metadata())
-      all += attribute.name() + "/" + std::to_string(attribute.size()) + "/" + attribute.mode() + " ";
+      all +=
+          attribute.name() + "/" + std::to_string(attribute.size()) + "/" + attribute.mode() + " ";
     return all;
   };
   EXPECT_EQ(names("Timestamp"), "timestamp/8/write ");

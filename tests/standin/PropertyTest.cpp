@@ -20,14 +20,17 @@ class StandinProperties : public StandinTest::StandinFixture,
     return options;
   }
 
-  unsigned draw(unsigned below) { return std::uniform_int_distribution<unsigned>(0, below - 1)(random_); }
+  unsigned draw(unsigned below) {
+    return std::uniform_int_distribution<unsigned>(0, below - 1)(random_);
+  }
   std::string module() { return "m" + std::to_string(draw(8)); }
   std::string port() { return "p" + std::to_string(draw(3)); }
   std::string trafficClass() { return "t" + std::to_string(draw(4)); }
 
   // One request that changes something, or is refused; answers the code.
   int step() {
-    static const char* const classes[] = {"Source", "Sink", "Bypass", "Queue", "Merge", "RoundRobin"};
+    static const char* const classes[] = {"Source", "Sink",  "Bypass",
+                                          "Queue",  "Merge", "RoundRobin"};
     static const char* const policies[] = {"priority", "round_robin", "weighted_fair"};
     switch (draw(12)) {
       case 0:
@@ -86,8 +89,8 @@ class StandinProperties : public StandinTest::StandinFixture,
   // Everything that the daemon tells, less what tells the time and where leaves are: a refused call
   // may place those.
   std::string told() {
-    std::string all = ask(&Stub::ListModules).ShortDebugString() +
-                      ask(&Stub::ListPorts).ShortDebugString();
+    std::string all =
+        ask(&Stub::ListModules).ShortDebugString() + ask(&Stub::ListPorts).ShortDebugString();
     for (auto& [name, info] : infos()) {
       for (auto& gate : *info.mutable_ogates()) gate.clear_timestamp();
       for (auto& gate : *info.mutable_igates()) gate.clear_timestamp();

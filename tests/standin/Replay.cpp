@@ -8,8 +8,8 @@
 
 #include <algorithm>
 #include <chrono>
-#include <fstream>
 #include <cstdio>
+#include <fstream>
 #include <map>
 #include <set>
 #include <stdexcept>
@@ -233,7 +233,9 @@ class Player {
     return status != 0 ? "status " + std::to_string(status) : std::to_string(error.code());
   }
 
-  static std::string shortened(const std::string& text) { return text.substr(0, 3000); }
+  static std::string shortened(const std::string& text) {
+    return text.substr(0, 3000);
+  }
 
   Standin::Server server_;
   std::unique_ptr<bess::pb::BESSControl::Stub> stub_;

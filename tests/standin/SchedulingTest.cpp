@@ -266,8 +266,7 @@ TEST_F(StandinScheduling, ParametersMayNameALeafWhichHasNone) {
   EXPECT_EQ(refusal(call(&Stub::UpdateTcParams, update).error()),
             "22 Only 'rate_limit' and 'weighted_fair' can be updated");
   update.mutable_class_()->set_leaf_module_taskid(1);
-  EXPECT_EQ(refusal(call(&Stub::UpdateTcParams, update).error()),
-            "2 Task src:1 does not exist");
+  EXPECT_EQ(refusal(call(&Stub::UpdateTcParams, update).error()), "2 Task src:1 does not exist");
 }
 
 TEST_F(StandinScheduling, APriorityIsCutToThirtyTwoBits) {

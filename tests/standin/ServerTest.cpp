@@ -190,8 +190,8 @@ TEST(StandinServerListens, ToAThousandConnections) {
     grpc::ChannelArguments arguments;
     arguments.SetInt(GRPC_ARG_ENABLE_HTTP_PROXY, 0);
     arguments.SetInt(GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1);
-    channels.push_back(grpc::CreateCustomChannel(server.address(),
-                                                 grpc::InsecureChannelCredentials(), arguments));
+    channels.push_back(
+        grpc::CreateCustomChannel(server.address(), grpc::InsecureChannelCredentials(), arguments));
     const auto stub = BESSControl::NewStub(channels.back());
     grpc::ClientContext context;
     context.set_deadline(std::chrono::system_clock::now() + std::chrono::seconds(20));
@@ -230,7 +230,8 @@ TEST_F(StandinServer, ADumpKeepsArgumentsThatJsonCannotShow) {
 
 TEST_F(StandinServer, ALineThatIsNoCallLeavesTheStateAsItWas) {
   createModule("Sink", "a");
-  for (const char* lines : {"{", "{\"type\":\"fly\"}", "\n{\"type\":\"createModule\",\"request\":5}"})
+  for (const char* lines :
+       {"{", "{\"type\":\"fly\"}", "\n{\"type\":\"createModule\",\"request\":5}"})
     EXPECT_THROW(server_->load(lines), std::invalid_argument) << lines;
   EXPECT_EQ(ask(&Stub::ListModules).modules_size(), 1);
 }
@@ -248,8 +249,8 @@ TEST_F(StandinServer, AFaultIsCountedAndGoes) {
 }
 
 TEST(StandinFault, RefusesWhatItDoesNotKnow) {
-  for (const char* text : {"", "rpc=getVersion", "kind=nope", "kind=delay rpc=fly", "kind=delay ms=x",
-                           "kind=delay colour=red", "delay"})
+  for (const char* text : {"", "rpc=getVersion", "kind=nope", "kind=delay rpc=fly",
+                           "kind=delay ms=x", "kind=delay colour=red", "delay"})
     EXPECT_THROW(Standin::Fault::parse(text), std::invalid_argument) << text;
 }
 
