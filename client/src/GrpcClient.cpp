@@ -85,12 +85,11 @@ void GrpcClient::sendRequestInternal(const Lumo::Ptr<GrpcCmd>& cmd) {
   }
 }
 
-// Used: every instance stays in the library, whatever the optimiser makes of its calls.
 template <class Request, class Response>
-[[gnu::used]] void GrpcClient::sendRequestCommon(
-    const Lumo::Ptr<GrpcCmd>& cmd,
-    std::unique_ptr<grpc::ClientAsyncResponseReader<Response>> (Stub::*method)(
-        grpc::ClientContext*, const Request&, grpc::CompletionQueue*)) {
+void GrpcClient::sendRequestCommon(const Lumo::Ptr<GrpcCmd>& cmd,
+                                   std::unique_ptr<grpc::ClientAsyncResponseReader<Response>> (
+                                       Stub::*method)(grpc::ClientContext*, const Request&,
+                                                      grpc::CompletionQueue*)) {
   // Owned by the completion from Finish on.
   auto* call = new AsyncClientCall<Response>();
   const Request* request = dynamic_cast<const Request*>(cmd->request());
@@ -121,7 +120,7 @@ void GrpcClient::processResponse(const Lumo::Ptr<GrpcCmd>& cmd, void* tag) {
 }
 
 template <class Response>
-[[gnu::used]] void GrpcClient::processResponseCommon(const Lumo::Ptr<GrpcCmd>& cmd, void* tag) {
+void GrpcClient::processResponseCommon(const Lumo::Ptr<GrpcCmd>& cmd, void* tag) {
   const std::unique_ptr<AsyncClientCall<Response>> call(
       static_cast<AsyncClientCall<Response>*>(tag));
   if (call->status.ok()) {

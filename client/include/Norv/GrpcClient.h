@@ -60,13 +60,15 @@ class GrpcClient {
   using Stub = bess::pb::BESSControl::Stub;
 
   // The two steps for one pair of messages; defined in the client's source. The library exports the
-  // instances for the pairs of GrpcRequests.def, all of them and no others.
+  // instances for the pairs of GrpcRequests.def, all of them and no others: not inlined, they are
+  // there whatever the optimiser makes of their calls.
   template <class Request, class Response>
-  void sendRequestCommon(const Lumo::Ptr<GrpcCmd>& cmd,
-                         std::unique_ptr<grpc::ClientAsyncResponseReader<Response>> (Stub::*method)(
-                             grpc::ClientContext*, const Request&, grpc::CompletionQueue*));
+  [[gnu::noinline]] void sendRequestCommon(
+      const Lumo::Ptr<GrpcCmd>& cmd,
+      std::unique_ptr<grpc::ClientAsyncResponseReader<Response>> (Stub::*method)(
+          grpc::ClientContext*, const Request&, grpc::CompletionQueue*));
   template <class Response>
-  void processResponseCommon(const Lumo::Ptr<GrpcCmd>& cmd, void* tag);
+  [[gnu::noinline]] void processResponseCommon(const Lumo::Ptr<GrpcCmd>& cmd, void* tag);
 
  private:
   std::unique_ptr<Stub> stub_;
