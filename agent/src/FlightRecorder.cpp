@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -80,6 +81,10 @@ std::string timeOfDay() {
 }
 
 void writeDetails(const std::string& path, const ordered_json& details) {
+  // A request may hold what only its owner should read.
+  if (const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600); fd >= 0) {
+    ::close(fd);
+  }
   std::ofstream out(path);
   // What is not UTF-8 comes out as the replacement character.
   out << details.dump(-1, ' ', false, ordered_json::error_handler_t::replace) << '\n';

@@ -86,6 +86,14 @@ TEST_F(FlightRecorderTest, FreezesTheRecordsAndWhatIsKnownOfTheCommand) {
                               {"reason", "error_code: 14"}}));
 }
 
+TEST_F(FlightRecorderTest, LetsOnlyTheOwnerReadDetails) {
+  FlightRecorder recorder(path);
+  recorder.freeze(failedCommand(), "");
+  using std::filesystem::perms;
+  EXPECT_EQ(std::filesystem::status(path + ".failure-1.json").permissions(),
+            perms::owner_read | perms::owner_write);
+}
+
 TEST_F(FlightRecorderTest, SaysWhenTheCommandFailed) {
   FlightRecorder recorder(path);
   const auto seconds = [](const std::string& text) {

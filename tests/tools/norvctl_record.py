@@ -3,6 +3,7 @@
 import base64
 import json
 import os
+import stat
 
 import harness
 from harness import ScriptedDaemon, Standin, command, equal, norvctl, run, write_file
@@ -35,6 +36,25 @@ def test_the_shape_of_a_recording():
     equal(rows[3]["queue"], "ports")
     equal(rows[3]["status"]["message"], "as the test told it")
     assert all(row["time"].endswith("Z") for row in rows), rows
+
+
+def mode_of(path):
+    return stat.S_IMODE(os.stat(path).st_mode)
+
+
+def test_a_recording_is_its_owners():
+    path = write_file(name="private.jsonl")
+    os.remove(path)
+    run("--record", path, "--standin", write_file(command("getVersion")))
+    equal(mode_of(path), 0o600)
+
+
+def test_an_update_keeps_the_mode_of_the_recording():
+    path = recorded(write_file(command("pauseAll")), *ScriptedDaemon("error=22").address)
+    os.chmod(path, 0o640)
+    norvctl("replay", "--update", *ScriptedDaemon().address, path)
+    equal(lines_of(path)[0]["response"], {})
+    equal(mode_of(path), 0o640)
 
 
 def test_a_recording_can_be_run_and_replayed():

@@ -1,6 +1,7 @@
 #include "Recording.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <google/protobuf/util/json_util.h>
 #include <grpcpp/support/status_code_enum.h>
 #include <string.h>
@@ -37,7 +38,7 @@ RecordingWriter::RecordingWriter(const std::string& path, const std::vector<std:
       throw InputError(path + " is one of the files to run; record into another");
     }
   }
-  file_ = std::fopen(path.c_str(), "w");
+  file_ = createPrivately(path);
   if (!file_) throw InputError(path + ": " + strerror(errno));
 }
 
@@ -64,6 +65,11 @@ bool RecordingWriter::close() {
   if (!failed && closed) return true;
   std::fprintf(stderr, "norvctl: cannot write %s to its end: %s\n", path_.c_str(), strerror(errno));
   return false;
+}
+
+std::FILE* createPrivately(const std::string& path) {
+  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  return fd < 0 ? nullptr : fdopen(fd, "w");
 }
 
 std::string recordedMessage(const std::string& key, const google::protobuf::Message& message) {

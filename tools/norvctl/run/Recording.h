@@ -26,6 +26,10 @@ class RecordingWriter {
   std::FILE* file_;
 };
 
+// Opens the file for writing, emptied; a new one only its owner can read, as requests and responses
+// may hold what is nobody else's. Null, with errno, if it cannot be opened.
+std::FILE* createPrivately(const std::string& path);
+
 // `"KEY":JSON`, or `"KEY_raw":"BASE64"` where JSON cannot show the message.
 std::string recordedMessage(const std::string& key, const google::protobuf::Message& message);
 

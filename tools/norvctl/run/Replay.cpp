@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -14,6 +15,7 @@
 #include "../protocol/Requests.h"
 #include "../text/Table.h"
 #include "../text/Text.h"
+#include "Recording.h"
 #include "Report.h"
 #include "RunOptions.h"
 #include "Volatile.h"
@@ -229,9 +231,11 @@ class Replay {
   // Written beside it and then put in its place.
   static void rewrite(const std::string& name, const std::string& text) {
     const std::string beside = name + ".new";
-    std::FILE* file = std::fopen(beside.c_str(), "w");
+    std::FILE* file = createPrivately(beside);
     const bool written = file && std::fwrite(text.data(), 1, text.size(), file) == text.size();
     const bool closed = file && std::fclose(file) == 0;
+    struct stat status;
+    if (stat(name.c_str(), &status) == 0) chmod(beside.c_str(), status.st_mode & 07777);
     if (!written || !closed || std::rename(beside.c_str(), name.c_str()) != 0) {
       const int error = errno;
       std::remove(beside.c_str());
