@@ -30,6 +30,13 @@ def test_nobody_listens():
     equal(finished.err.count(f"no answer from 127.0.0.1:{port}: the connection is refused"), 1, finished)
 
 
+def test_a_short_time_limit_tells_why_too():
+    port = free_port()
+    finished = norvctl("run", "--timeout", "0.2", *at(port), write_file(command("getVersion")))
+    equal(finished.status, 3)
+    assert f"no answer from 127.0.0.1:{port}: the connection is refused" in finished.err, finished
+
+
 def test_unknown_host():
     told(("--host", "nowhere.invalid"), "no answer yet from nowhere.invalid:10514: the host's name is not known")
 

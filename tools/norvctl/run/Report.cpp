@@ -345,7 +345,9 @@ void Report::explain(SessionEnd end, const std::string& complaint) {
     say("undecodable: " + std::string(undecodableText));
   }
   if (end == SessionEnd::timedOut || end == SessionEnd::interrupted) {
-    if (waiting_) say(noAnswer_.atTheEnd());
+    const bool noneCame = end == SessionEnd::timedOut && latencies_.count() != 0 &&
+                          latencies_.count() == count(Outcome::failed);
+    if (waiting_ || noneCame) say(noAnswer_.atTheEnd());
   }
   if (end == SessionEnd::timedOut) say("the time ran out; --timeout gives it longer");
   if (end == SessionEnd::stoppedByFailure) {
