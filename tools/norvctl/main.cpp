@@ -13,7 +13,21 @@ using namespace Norvctl;
 
 namespace {
 
+// The parser would only say that a verb is missing.
+bool isUnknownVerb(const char* word) {
+  return word && *word != '-' && !verb(word);
+}
+
+int tellUnknownVerb(const char* word) {
+  std::vector<std::string> names;
+  for (const Verb& one : verbs()) names.push_back(one.name);
+  std::cerr << "norvctl: unknown verb \"" << escaped(word) << "\"; the nearest is \""
+            << nearest(word, names) << "\" (`norvctl help` lists all)\n";
+  return badInput;
+}
+
 int carryOut(CLI::App& app, std::map<std::string, Action>& actions, int argc, char** argv) {
+  if (argc > 1 && isUnknownVerb(argv[1])) return tellUnknownVerb(argv[1]);
   try {
     app.parse(argc, argv);
     return actions.at(app.get_subcommands().front()->get_name())();

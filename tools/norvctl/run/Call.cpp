@@ -42,7 +42,7 @@ class OneStep : public StepSource {
 // Keeps how the one command ended, and tells while it is waited for.
 class OneReport : public SessionListener {
  public:
-  explicit OneReport(const Target& target) : noAnswer_(target.host(), target.port(), false) {}
+  OneReport(const Target& target, bool json) : noAnswer_(target.host(), target.port(), json) {}
   void ended(const CommandReport& report, const Entry& entry) override {
     report_ = report;
     if (!entry.response) return;
@@ -70,9 +70,13 @@ class OneReport : public SessionListener {
 };
 
 void print(const Message& response, const Arguments& arguments) {
-  const std::string text = arguments.yaml ? messageYaml(response, arguments.emitDefaults)
-                                          : indentedJson(response, arguments.emitDefaults);
-  Norvctl::print(text);
+  if (arguments.json) {
+    Norvctl::print(messageJson(response, arguments.emitDefaults) + "\n");
+  } else if (arguments.yaml) {
+    Norvctl::print(messageYaml(response, arguments.emitDefaults));
+  } else {
+    Norvctl::print(indentedJson(response, arguments.emitDefaults));
+  }
 }
 
 // The body from the command line, a file or standard input.
@@ -105,31 +109,12 @@ int askDirectly(const RequestInfo& info, const Message& request, const Arguments
   return error.code ? tellRefusal(error.code, error.text) : static_cast<int>(allOk);
 }
 
-[[noreturn]] void report(Step step, const Arguments& arguments) {
-  const Target target(arguments.target);
-  SessionOptions session = sessionOptions(arguments, target);
-  session.keepResponses = true;
-  OneStep source(std::move(step));
-  ReportOptions options;
-  options.json = true;
-  options.quiet = arguments.quiet;
-  options.total = 1;
-  options.host = target.host();
-  options.port = target.port();
-  Report told(options);
-  endOnSignals();
-  Session running(session, source, told);
-  const SessionEnd end = running.run();
-  told.summary(running.elapsed(), end, {});
-  leave(told.exitStatus(end));
-}
-
 [[noreturn]] void send(Step step, const Arguments& arguments) {
   const Target target(arguments.target);
   SessionOptions session = sessionOptions(arguments, target);
   session.keepResponses = true;
   OneStep source(std::move(step));
-  OneReport told(target);
+  OneReport told(target, arguments.json);
   endOnSignals();
   Session running(session, source, told);
   const SessionEnd end = running.run();
@@ -176,7 +161,6 @@ int call(const Arguments& arguments) {
     std::cerr << "norvctl: " << reason << '\n';
     return badInput;
   }
-  if (arguments.json) report(std::move(step), arguments);
   send(std::move(step), arguments);
 }
 
@@ -192,6 +176,8 @@ Action defineCall(CLI::App& command) {
   command.add_flag("--emit-defaults", arguments->emitDefaults,
                    "print the fields that have their usual value, too");
   addRunOptions(command, *arguments);
+  command.get_option("--json")->description(
+      "print the response on one line; words about the connection as JSON on standard error");
   return [arguments] { return call(*arguments); };
 }
 
@@ -202,8 +188,8 @@ Verb callVerb() {
       "call",
       "send one command and print the response",
       {"Sends a command through queue, manager and client, and prints the response alone on "
-       "standard output, indented JSON or YAML; all else goes to standard error. With --json it "
-       "prints what `norvctl run --json` does instead: an object for the command and a summary.",
+       "standard output, as indented JSON, with --json on one line, or as YAML; all else goes to "
+       "standard error.",
        "getPortConf, which ends the process of whoever sends it through the library, is asked "
        "beside it. `norvctl template TYPE` prints a body to fill in."},
       {{"norvctl call --standin getVersion", "a request without fields"},

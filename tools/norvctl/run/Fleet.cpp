@@ -231,11 +231,11 @@ int runOnEach(const std::vector<std::string>& hosts, const std::vector<std::stri
 int callOnEach(const std::vector<std::string>& hosts, bool asJson) {
   return onEach(hosts, asJson, {}, [](const Finished& finished, json& line) {
     const std::vector<json> objects = objectsOf(finished.out);
-    if (objects.empty() || !objects.front().contains("response")) {
+    if (objects.empty()) {
       line["error"] = lastWord(finished.err);
       return lastWord(finished.err);
     }
-    line["response"] = objects.front()["response"];
+    line["response"] = objects.front();
     return line["response"].dump(-1, ' ', false, json::error_handler_t::replace);
   });
 }
