@@ -42,10 +42,13 @@ int carryOut(CLI::App& app, std::map<std::string, Action>& actions, int argc, ch
   }
 }
 
+// Ahead of the initialisers of libraries, which open files of their own: those would get the
+// numbers of the missing ones.
+[[gnu::section(".preinit_array"), gnu::used]] void (*const first)() = fillStandardFiles;
+
 }  // namespace
 
 int main(int argc, char** argv) {
-  fillStandardFiles();
   signal(SIGPIPE, SIG_IGN);  // told where the output is written
   commandLineIs(argc, argv);
   std::map<std::string, Action> actions;
