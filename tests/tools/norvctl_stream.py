@@ -63,10 +63,12 @@ def test_a_named_queue_waits_for_its_announcement():
 
 
 def test_too_many_wait_for_an_announcement():
-    file = write_file(*[command("pauseAll", "a")] * 100001)
-    finished = norvctl("run", "--stream", *ScriptedDaemon().address, file)
+    daemon = ScriptedDaemon()
+    file = write_file(*[command("pauseAll", "a")] * 100099)
+    finished = norvctl("run", "--stream", *daemon.address, file)
     equal(finished.status, 1, finished)
     assert re.search('1000\\d\\d commands wait for the announcement of their queues, "a"', finished.err), finished
+    equal(daemon.calls(), [])
 
 
 def test_the_time_runs_out_while_a_stream_is_silent():
@@ -183,6 +185,15 @@ def test_output_that_is_closed():
         ["sh", "-c", f"{NORVCTL} types >&-"], stderr=subprocess.PIPE, timeout=harness.PATIENCE
     )
     equal(finished.returncode, 1, finished)
+
+
+def test_input_that_is_closed():
+    for arguments in ("run --standin -", "check -", "call --standin getVersion -"):
+        finished = subprocess.run(
+            ["sh", "-c", f"{NORVCTL} {arguments} <&-"], stderr=subprocess.PIPE, timeout=harness.PATIENCE
+        )
+        equal(finished.returncode, 1, finished)
+        assert b"standard input: cannot be read to its end: Bad file descriptor" in finished.stderr, finished
 
 
 def test_a_line_is_out_when_its_command_has_ended():

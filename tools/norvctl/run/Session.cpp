@@ -206,7 +206,7 @@ void Session::refuseTooMany() {
     bytes += one.bytes;
     queues += (queues.empty() ? "\"" : ", \"") + one.queue + "\"";
   }
-  if (commands < mostWaiting && bytes < mostWaitingBytes) return;
+  if (commands <= mostWaiting && bytes <= mostWaitingBytes) return;
   complaint_ = std::to_string(commands) + " commands wait for the announcement of their queues, " +
                queues + "; announce them more often, or leave \"queue\" out";
   fed_ = true;
