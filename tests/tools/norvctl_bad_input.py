@@ -200,6 +200,9 @@ def test_port_of_the_environment():
     finished = norvctl("call", "getVersion")
     equal(finished.status, 1, finished)
     assert "NORV_PORT" in finished.err and "'many'" in finished.err, finished
+    # Where a stand-in is driven nobody asks for the port.
+    finished = norvctl("call", "--standin", "getVersion")
+    equal(finished.status, 0, finished)
 
 
 def test_missing_file():

@@ -71,7 +71,7 @@ void addTarget(CLI::App& command, TargetOptions& options, bool several) {
       ->excludes(port);
   command.parse_complete_callback([&options, host, port, several] {
     const char* const hostSet = environment("NORV_HOST");
-    const char* const portSet = environment("NORV_PORT");
+    const char* const portSet = options.standin ? nullptr : environment("NORV_PORT");
     if (host->count() == 0) options.host = hostSet ? hostSet : "localhost";
     options.hosts = several ? partsOf(options.host) : std::vector{options.host};
     if (port->count() == 0) options.port = portSet ? portOf(portSet) : usualPort;

@@ -141,7 +141,10 @@ std::unique_ptr<Message> newResponse(Norv::GrpcRequestType type) {
 
 std::string parseRequest(const std::string& json, Message* message) {
   const auto status = google::protobuf::util::JsonStringToMessage(json, message);
-  return status.ok() ? std::string() : std::string(status.message());
+  if (status.ok()) return {};
+  // Behind the first line the parser shows where in the text it stood.
+  const std::string reason(status.message());
+  return reason.substr(0, reason.find('\n'));
 }
 
 std::string badRequest(const RequestInfo& info, const std::string& body, const std::string& error) {
