@@ -3,8 +3,10 @@
 #include <unistd.h>
 
 #include <charconv>
+#include <memory>
 #include <mutex>
 #include <utility>
+#include <vector>
 
 #include <Lumo/Trace.h>
 #include <Norv/ClientTrace.h>
@@ -59,14 +61,14 @@ class FailureSink : public Lumo::TraceSink {
 
 void followRpcFailures() {
   static std::mutex once;
-  static FailureSink* sink = nullptr;  // stays: the worker may be inside as the process ends
+  // They stay: the worker may be inside one as the process ends.
+  static auto& sinks = *new std::vector<std::unique_ptr<FailureSink>>;
   const std::lock_guard guard(once);
-  if (sink && Lumo::traceSink() == sink) {
+  if (!sinks.empty() && Lumo::traceSink() == sinks.back().get()) {
     Lumo::traceLevelIs(client, 0, true);
     return;
   }
-  sink = new FailureSink();
-  Lumo::traceSinkIs(sink);
+  Lumo::traceSinkIs(sinks.emplace_back(std::make_unique<FailureSink>()).get());
 }
 
 std::optional<RpcFailure> takeRpcFailure() {
