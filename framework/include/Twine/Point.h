@@ -64,7 +64,7 @@ namespace detail {
 // Whether `make` came to its end. The cancellation of the thread goes on its way; what is caught of
 // it is no object, which a sanitizer would mind.
 template <class Make>
-[[gnu::no_sanitize("null")]] bool made(Make&& make) {
+__attribute__((no_sanitize("null"))) bool made(Make&& make) {
   try {
     make();
     return true;
