@@ -6,6 +6,7 @@
 #include <support/Eventually.h>
 #include <support/ExpectedLeak.h>
 #include <support/FakeDaemon.h>
+#include <support/FreeHere.h>
 #include <support/TraceRecorder.h>
 
 #include <thread>
@@ -17,6 +18,7 @@ namespace {
 
 using namespace Norv;
 using support::FakeDaemon;
+using support::freeHere;
 using support::TraceRecorder;
 using testing::ElementsAre;
 
@@ -71,13 +73,6 @@ TEST_P(EveryFailure, IsTracedAndRaisesTheFlagAndReachesNoHandler) {
 
 // CANCELLED, UNKNOWN, UNIMPLEMENTED, INTERNAL, UNAVAILABLE
 INSTANTIATE_TEST_SUITE_P(Statuses, EveryFailure, testing::Values(1, 2, 12, 13, 14));
-
-// Whether this thread may take the lock, that is, does not hold it already.
-bool freeHere(Lumo::Lock* lock) LUMO_NO_THREAD_SAFETY_ANALYSIS {
-  const bool taken = lock->lock();
-  if (taken) lock->unlock();
-  return taken;
-}
 
 // Looks at the locks and the trace at the moment the flag rises.
 class FlagWitness : public GrpcErrorHandlingStatus::NotifieeConst {

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <support/Commands.h>
 #include <support/FakeDaemon.h>
+#include <support/FreeHere.h>
 
 #include <atomic>
 #include <cstdlib>
@@ -23,17 +24,10 @@ constinit std::atomic<const char*> latest{nullptr};
 constinit std::atomic<bool> freedUnderActivityLock{false};
 thread_local bool looking = false;
 
-bool activityLockIsHeldHere() LUMO_NO_THREAD_SAFETY_ANALYSIS {
-  Lumo::Lock* const lock = Lumo::ActivityLockAnchor::lock();
-  if (!lock->lock()) return true;
-  lock->unlock();
-  return false;
-}
-
 void noteFreed() {
   --live;
   if (!std::exchange(looking, true)) {
-    if (activityLockIsHeldHere()) freedUnderActivityLock = true;
+    if (!support::freeHere(Lumo::ActivityLockAnchor::lock())) freedUnderActivityLock = true;
     looking = false;
   }
 }

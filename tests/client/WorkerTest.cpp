@@ -6,6 +6,7 @@
 #include <support/Eventually.h>
 #include <support/ExpectedLeak.h>
 #include <support/FakeDaemon.h>
+#include <support/FreeHere.h>
 #include <support/TraceRecorder.h>
 
 #include <map>
@@ -21,6 +22,7 @@ namespace {
 
 using namespace Norv;
 using support::FakeDaemon;
+using support::freeHere;
 using support::TraceRecorder;
 using testing::ElementsAre;
 
@@ -245,13 +247,6 @@ TEST_F(Worker, DestroysAnIdleClientCleanly) {
   EXPECT_THAT(trace.lines(),
               ElementsAre(TraceRecorder::Line{"GrpcClient", 1, "GrpcClient.cpp", 30, "~GrpcClient",
                                               "Terminating GrpcClient"}));
-}
-
-// Whether this thread may take the lock, that is, does not hold it already.
-bool freeHere(Lumo::Lock* lock) LUMO_NO_THREAD_SAFETY_ANALYSIS {
-  const bool taken = lock->lock();
-  if (taken) lock->unlock();
-  return taken;
 }
 
 // Which locks the worker holds as it passes each of its points.
