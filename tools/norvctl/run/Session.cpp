@@ -49,12 +49,13 @@ class Session::Ticker : public Lumo::Clock::NotifieeConst {
   Session* const session_;
 };
 
-// A command that keeps its response for the report.
+// A command that keeps its response for the report. It shares the entry: an answer may still come
+// when the books are closed and the session has forgotten the command.
 class Session::Cmd : public Norv::GrpcCmd {
  public:
   // `entry` is null when the response is not wanted.
-  Cmd(google::protobuf::Message* request, Norv::GrpcRequestType type, Entry* entry)
-      : GrpcCmd(request, type), entry_(entry) {}
+  Cmd(google::protobuf::Message* request, Norv::GrpcRequestType type, std::shared_ptr<Entry> entry)
+      : GrpcCmd(request, type), entry_(std::move(entry)) {}
   void processResponse(google::protobuf::Message* response) override {
     if (!entry_) return;
     entry_->response.reset(response->New());
@@ -62,7 +63,7 @@ class Session::Cmd : public Norv::GrpcCmd {
   }
 
  private:
-  Entry* const entry_;
+  const std::shared_ptr<Entry> entry_;
 };
 
 // Passes on to standard error the lines the user asked for.
@@ -217,18 +218,19 @@ void Session::enqueue(Step step) {
     config_->cmdConfigGroupIs(Norv::CmdConfigGroup::CmdConfigGroupIs(step.queue));
   }
   ++made_;
-  Entry& entry = entries_[made_];
-  entry.queue = step.queue;
-  entry.type = step.type;
-  entry.line = step.line;
-  entry.bytes = step.bytes;
+  const auto entry = std::make_shared<Entry>();
+  entries_[made_] = entry;
+  entry->queue = step.queue;
+  entry->type = step.type;
+  entry->line = step.line;
+  entry->bytes = step.bytes;
   openBytes_ += step.bytes;
   if (options_.keepRequests) {
-    entry.request.reset(step.request->New());
-    entry.request->CopyFrom(*step.request);
+    entry->request.reset(step.request->New());
+    entry->request->CopyFrom(*step.request);
   }
   const Lumo::Ptr<Norv::GrpcCmd> cmd = Lumo::allocate<Norv::Agent::Tracked<Cmd>>(
-      kit_.ledger(), step.request.release(), step.type, options_.keepResponses ? &entry : nullptr);
+      kit_.ledger(), step.request.release(), step.type, options_.keepResponses ? entry : nullptr);
   config_->cmdConfigGroup(step.queue)->cmdBatchEnq(cmd);
   auto waiting = std::find_if(unannounced_.begin(), unannounced_.end(),
                               [&](const Unannounced& one) { return one.queue == step.queue; });
@@ -291,8 +293,8 @@ void Session::deliverAll() {
 
 void Session::tell(const CommandReport& report) {
   const auto entry = entries_.extract(report.id);
-  openBytes_ -= entry.mapped().bytes;
-  listener_.ended(report, entry.mapped());
+  openBytes_ -= entry.mapped()->bytes;
+  listener_.ended(report, *entry.mapped());
 }
 
 // The commands that the session did not come to.

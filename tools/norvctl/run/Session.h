@@ -106,8 +106,9 @@ class Session {
   Norv::Agent::Kit kit_;
   Lumo::Ptr<Norv::ConnectionsMgr> manager_;
   Lumo::Ptr<Ticker> ticker_;
-  std::unordered_map<U64, Entry> entries_;  // by ledger id, of commands that are not told yet
-  std::size_t openBytes_ = 0;               // of their lines
+  // By ledger id, of commands that are not told yet.
+  std::unordered_map<U64, std::shared_ptr<Entry>> entries_;
+  std::size_t openBytes_ = 0;  // of their lines
   U64 made_ = 0;
   bool fed_ = false;
   std::string complaint_;
