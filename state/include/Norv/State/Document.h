@@ -1,0 +1,66 @@
+#pragma once
+
+#include <map>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <Norv/State/Switch.h>
+
+// The wanted switch as a document, YAML or JSON; docs/wanted-state.md describes it.
+namespace Norv::State {
+
+// Where something stands in a file; line and column from 1.
+struct Mark {
+  std::string file;
+  std::size_t line = 0;
+  std::size_t column = 0;
+};
+// "FILE:LINE:COLUMN".
+std::string text(const Mark& mark);
+
+// What is wrong with a document, at its place.
+struct Problem {
+  Mark mark;
+  std::string text;
+};
+
+class DocumentError : public std::runtime_error {
+ public:
+  explicit DocumentError(std::vector<Problem> problems);
+  // In the order of the files; never empty.
+  const std::vector<Problem>& problems() const { return problems_; }
+
+ private:
+  const std::vector<Problem> problems_;
+};
+
+struct Document {
+  Switch wanted;
+  std::map<Object, Mark> marks;  // where each object is stated
+};
+
+struct Source {
+  std::string name;  // of the file, as a person is told
+  std::string text;
+};
+
+// Reads one document from several files. Names of classes, drivers, policies and fields, values and
+// gates are checked; what is referred to is not, see checkReferences. Throws DocumentError.
+Document readDocument(const std::vector<Source>& sources);
+// The same from files, "-" for standard input; one that cannot be read is a problem, too.
+Document readFiles(const std::vector<std::string>& files);
+
+// Everything that the document refers to and that neither it nor the live switch has. `live` is
+// null when there is none to look at, or nothing of it will stay.
+std::vector<Problem> checkReferences(const Document& document, const Switch* live);
+
+// The one canonical form: two equal switches are written with the same bytes. What is not told is
+// said in a comment beside its object; `notTold` gets the same, for a person.
+std::string yaml(const Switch& described, std::vector<std::string>* notTold = nullptr);
+std::string json(const Switch& described);
+
+// The JSON schema of documents, for editors.
+std::string jsonSchema();
+
+}  // namespace Norv::State

@@ -1,0 +1,46 @@
+#pragma once
+
+#include <grpcpp/channel.h>
+
+#include <chrono>
+#include <memory>
+#include <set>
+#include <stdexcept>
+#include <string>
+
+#include <Norv/State/Switch.h>
+
+// A live switch, read back. Beside the library's road: its client ends the process at getPortConf
+// and cannot take a reply above 4 MiB.
+namespace Norv::State {
+
+// The daemon cannot be asked, or changed while it was read; for a person.
+class ReadError : public std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+struct LiveSwitch : Switch {
+  // Whether gates tell their hooks; else only that there is a Track hook can be told, from its
+  // counters.
+  bool tellsHooks = false;
+  std::string version;
+  // Tasks whose traffic class is lost: a module in this state has to be made anew.
+  std::set<std::string> lostTasks;  // names of modules
+  // What a record says was begun and not ended: whatever of it is not told has to be set again.
+  std::set<Object> doubtful;
+  std::map<std::string, std::string>
+      descriptions;                     // of modules, where they do not change by themselves
+  std::set<std::string> moduleClasses;  // that the daemon has
+  std::set<std::string> drivers;
+};
+
+// Asks for everything, one call after the other on this thread, each with a deadline. An object
+// that goes while it is read is left out. Throws ReadError when a call fails.
+LiveSwitch readSwitch(const std::shared_ptr<grpc::Channel>& channel,
+                      std::chrono::milliseconds patience = std::chrono::seconds(5));
+
+// The switch as a document states it: without what a daemon does by itself, which is where it puts
+// a task when there is no choice.
+Switch described(const LiveSwitch& live);
+
+}  // namespace Norv::State

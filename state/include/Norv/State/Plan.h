@@ -1,0 +1,63 @@
+#pragma once
+
+#include <google/protobuf/message.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <Norv/GrpcRequestType.h>
+#include <Norv/State/Document.h>
+#include <Norv/State/LiveSwitch.h>
+
+// From the live switch to the wanted one with the least disruption. A pure function: it asks
+// nobody, and the same in gives the same out.
+namespace Norv::State {
+
+// One command.
+struct Step {
+  static constexpr std::size_t none = SIZE_MAX;
+
+  GrpcRequestType type = unknown;
+  std::shared_ptr<const google::protobuf::Message> request;
+  Kind queue = Kind::module;        // travels in the queue of this section's name
+  std::size_t change = none;        // what it belongs to; none: a pause around others
+  std::vector<std::size_t> after;   // earlier steps that must have succeeded
+  std::vector<std::size_t> behind;  // earlier steps that must have ended, in whatever way
+  std::string impossible;           // why there is no command that does it
+};
+
+// What becomes of one object.
+struct Change {
+  enum class Action { create, change, recreate, remove };
+  Action action = Action::create;
+  Object object;
+  std::vector<std::string> details;  // "arg.size: 1024 -> 2048", or why it is made anew
+};
+
+struct Plan {
+  std::vector<Change> changes;  // in the order of their first steps
+  std::vector<Step> steps;
+  std::size_t leftAlone = 0;          // objects of the switch that the document does not have
+  std::vector<std::string> assumed;   // what is stated and the daemon does not tell
+  std::vector<std::string> warnings;  // what is lost on the way
+  std::vector<std::string> pauses;    // which workers stand still, and why
+  std::size_t deletions = 0;
+  std::size_t liveObjects = 0;
+
+  std::size_t commands() const;
+  bool empty() const { return steps.empty(); }
+  // More than half of a switch that has something to lose.
+  bool deletesMuch() const { return liveObjects >= 10 && deletions * 2 > liveObjects; }
+};
+
+struct PlanOptions {
+  bool prune = false;            // delete what the document does not have
+  bool recreateUnknown = false;  // set again what the daemon does not tell
+};
+
+// What the document refers to must be there: see checkReferences.
+Plan makePlan(const LiveSwitch& live, const Switch& wanted, const PlanOptions& options = {});
+
+}  // namespace Norv::State

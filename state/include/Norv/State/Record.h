@@ -1,0 +1,62 @@
+#pragma once
+
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <Norv/State/Execution.h>
+#include <Norv/State/LiveSwitch.h>
+#include <Norv/State/Plan.h>
+
+// What was applied to one switch and its daemon does not tell again: a small file that complements
+// what is read. An entry holds as long as its object is there and tells of itself what it told when
+// the entry was made; where the addresses that a daemon makes up for its ports have changed, it is
+// another life of the daemon, and nothing holds.
+namespace Norv::State {
+
+class Record {
+ public:
+  // Of the file; empty when there is none. One that cannot be read as a record is renamed to
+  // FILE.damaged, and `said` gets a line. Throws std::runtime_error when the file cannot be read or
+  // renamed.
+  static Record load(const std::string& file, std::string* said = nullptr);
+  // Replaces the file by a whole new one that is on the disk when this returns; only its owner can
+  // read it. Throws std::runtime_error, and the old file stays.
+  void save(const std::string& file) const;
+
+  // Fills in what the daemon does not tell, and forgets what does not hold any more.
+  void complement(LiveSwitch& live);
+  // Before a plan is carried out: what it touches is in doubt until it is through.
+  void begin(const Plan& plan, const Switch& wanted);
+  // After it, with the switch read again, without complement.
+  void end(const Plan& plan, const std::vector<Execution::State>& states, const Switch& wanted,
+           const LiveSwitch& after);
+
+  bool empty() const { return entries_.empty(); }
+
+ private:
+  struct Entry {
+    std::string told;  // what the object told of itself, to know it by
+    bool doubtful = false;
+    std::optional<Any> arg;  // in force, where the daemon tells another or none
+    std::map<std::string, std::uint64_t> settings;
+    std::optional<Entries> table;
+    std::string word;  // a class's resource, a worker's scheduler
+
+    bool holdsNothing() const {
+      return !doubtful && !arg && settings.empty() && !table && word.empty();
+    }
+  };
+
+  static Entry entryOf(const Object& object, const Switch& wanted, const LiveSwitch& after);
+  static bool hidden(const Object& object, const Switch& wanted);
+
+  std::map<Object, Entry> entries_;
+  std::map<std::string, std::string> addresses_;  // of ports, as the daemon told them
+};
+
+// "switch1_10514.json" for a daemon's address.
+std::string recordName(const std::string& address);
+
+}  // namespace Norv::State

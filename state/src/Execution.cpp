@@ -1,0 +1,110 @@
+#include <Norv/State/Execution.h>
+
+namespace Norv::State {
+
+Execution::Execution(const Plan& plan)
+    : plan_(plan),
+      phases_(plan.steps.size(), Phase::waiting),
+      missing_(plan.steps.size(), 0),
+      followers_(plan.steps.size()),
+      doomed_(plan.steps.size(), false),
+      culprit_(plan.steps.size(), Step::none),
+      texts_(plan.steps.size()),
+      ends_(plan.steps.size(), StepEnd::dropped),
+      open_(plan.steps.size()) {
+  for (std::size_t i = 0; i < plan.steps.size(); ++i) {
+    const Step& step = plan.steps[i];
+    missing_[i] = step.after.size() + step.behind.size();
+    for (const std::size_t before : step.after) followers_[before].push_back(i);
+    for (const std::size_t before : step.behind) followers_[before].push_back(i);
+  }
+  for (std::size_t i = 0; i < plan.steps.size(); ++i) {
+    if (missing_[i] != 0 || phases_[i] != Phase::waiting) continue;
+    if (release(i)) settle(i, phases_[i]);
+  }
+}
+
+// Everything before it has ended; true if with that it has ended, too.
+bool Execution::release(std::size_t step) {
+  const Step& what = plan_.steps[step];
+  for (const std::size_t before : what.after) {
+    if (phases_[before] == Phase::succeeded || doomed_[step]) continue;
+    doomed_[step] = true;
+    culprit_[step] = phases_[before] == Phase::skipped ? culprit_[before] : before;
+  }
+  if (doomed_[step]) {
+    phases_[step] = Phase::skipped;
+    return true;
+  }
+  if (!what.impossible.empty()) {
+    texts_[step] = what.impossible;
+    ends_[step] = StepEnd::refused;
+    phases_[step] = Phase::failed;
+    return true;
+  }
+  phases_[step] = Phase::ready;
+  ready_.insert(step);
+  return false;
+}
+
+// What follows from it may be as long as the plan: worked through, not recursed.
+void Execution::settle(std::size_t step, Phase phase) {
+  phases_[step] = phase;
+  std::vector<std::size_t> settled{step};
+  while (!settled.empty()) {
+    const std::size_t one = settled.back();
+    settled.pop_back();
+    --open_;
+    for (const std::size_t follower : followers_[one]) {
+      if (--missing_[follower] == 0 && release(follower)) settled.push_back(follower);
+    }
+  }
+}
+
+std::optional<std::size_t> Execution::next() {
+  if (ready_.empty()) return {};
+  const std::size_t step = *ready_.begin();
+  ready_.erase(ready_.begin());
+  phases_[step] = Phase::underWay;
+  return step;
+}
+
+void Execution::ended(std::size_t step, StepEnd how, const std::string& text) {
+  ++counts_[static_cast<std::size_t>(how)];
+  ends_[step] = how;
+  texts_[step] = text;
+  // What is unclear may have been done; what comes after is tried, and the switch is read again.
+  settle(step, how == StepEnd::done || how == StepEnd::unclear ? Phase::succeeded : Phase::failed);
+}
+
+std::vector<Execution::State> Execution::states() const {
+  std::vector<State> states(plan_.changes.size());
+  const auto worse = [](State& state, State::Kind kind) {
+    if (kind <= state.kind && state.kind != State::Kind::done) return false;
+    state.kind = kind;
+    return true;
+  };
+  for (std::size_t i = 0; i < plan_.steps.size(); ++i) {
+    const std::size_t change = plan_.steps[i].change;
+    if (change == Step::none) continue;
+    State& state = states[change];
+    if (phases_[i] == Phase::failed && ends_[i] == StepEnd::refused) {
+      // The daemon's own word stands above what follows from it.
+      if (state.kind != State::Kind::refused) state = {State::Kind::refused, texts_[i], ""};
+    } else if (state.kind == State::Kind::refused) {
+      continue;
+    } else if (phases_[i] == Phase::succeeded && ends_[i] == StepEnd::unclear) {
+      if (worse(state, State::Kind::unclear)) state.text = texts_[i];
+    } else if (phases_[i] != Phase::succeeded) {
+      if (!worse(state, State::Kind::notTried)) continue;
+      const std::size_t culprit = culprit_[i];
+      const bool own = culprit != Step::none && plan_.steps[culprit].change == change;
+      if (culprit != Step::none && !own && plan_.steps[culprit].change != Step::none) {
+        state.because = Norv::State::text(plan_.changes[plan_.steps[culprit].change].object);
+      }
+    }
+  }
+  return states;
+}
+
+}  // namespace Norv::State

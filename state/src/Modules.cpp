@@ -1,0 +1,161 @@
+#include "Modules.h"
+
+#include <arpa/inet.h>
+
+#include <algorithm>
+
+namespace Norv::State {
+
+namespace {
+
+using google::protobuf::FieldDescriptor;
+
+bool allDigits(std::string_view text) {
+  return !text.empty() && text.find_first_not_of("0123456789") == std::string_view::npos;
+}
+
+std::string trimmed(const std::string& text) {
+  const std::size_t first = text.find_first_not_of(' ');
+  if (first == std::string::npos) return "";
+  return text.substr(first, text.find_last_not_of(' ') - first + 1);
+}
+
+std::uint64_t gateOf(const std::string& digits) {
+  return digits.size() > 6 ? 1000000 : std::stoull(digits);
+}
+
+// A name that needs no map around it.
+bool simple(const std::string& name) {
+  return !name.empty() && name.find(':') == std::string::npos &&
+         name.find("->") == std::string::npos && trimmed(name) == name;
+}
+
+}  // namespace
+
+std::unique_ptr<Message> newMessage(const google::protobuf::Descriptor& type) {
+  return std::unique_ptr<Message>(
+      google::protobuf::MessageFactory::generated_factory()->GetPrototype(&type)->New());
+}
+
+std::unique_ptr<Message> newEntry(const ClassRow& row) {
+  return newMessage(*entryOf(row));
+}
+
+Widths entryWidths(const ClassRow& row, const Module& module) {
+  if (row.entryTable->widths.empty() || !module.arg) return {};
+  const auto argument = unpacked(*module.arg);
+  return argument ? widthsIn(*argument) : Widths();
+}
+
+std::string entryKey(const ClassRow& row, const Message& entry) {
+  const std::unique_ptr<Message> key(entry.New());
+  key->CopyFrom(entry);
+  const auto keys = words(row.entryTable->key);
+  std::vector<const FieldDescriptor*> fields;
+  entry.GetReflection()->ListFields(entry, &fields);
+  for (const FieldDescriptor* field : fields) {
+    if (std::find(keys.begin(), keys.end(), field->name()) == keys.end()) {
+      key->GetReflection()->ClearField(key.get(), field);
+    }
+  }
+  return serialized(*key);
+}
+
+bool normaliseEntry(const ClassRow& row, Message& entry, std::string& complaint) {
+  const auto& type = *entry.GetDescriptor();
+  for (const char* name : {"addr", "mac_addr"}) {
+    const FieldDescriptor* field = type.FindFieldByName(name);
+    if (field == nullptr) continue;
+    const std::string text = entry.GetReflection()->GetString(entry, field);
+    const auto mac = macText(text);
+    if (!mac) {
+      complaint = "no MAC address: \"" + text + "\"";
+      return false;
+    }
+    entry.GetReflection()->SetString(&entry, field, *mac);
+  }
+  for (const char* name : {"prefix", "ip"}) {
+    const FieldDescriptor* field = type.FindFieldByName(name);
+    if (field == nullptr) continue;
+    const std::string text = entry.GetReflection()->GetString(entry, field);
+    char address[4];
+    if (inet_pton(AF_INET, text.c_str(), address) != 1) {
+      complaint = "no IPv4 address: \"" + text + "\"";
+      return false;
+    }
+  }
+  if (const FieldDescriptor* gate = type.FindFieldByName("gate")) {
+    const std::uint64_t number =
+        gate->cpp_type() == FieldDescriptor::CPPTYPE_INT64
+            ? static_cast<std::uint64_t>(entry.GetReflection()->GetInt64(entry, gate))
+            : entry.GetReflection()->GetUInt64(entry, gate);
+    if (number >= row.outputs && number != dropGate) {
+      complaint = "gate " + std::to_string(number) + " is above the last of a " +
+                  std::string(row.name) + ", " + std::to_string(row.outputs - 1);
+      return false;
+    }
+  }
+  return true;
+}
+
+std::string portOf(const Module& module) {
+  const ClassRow* row = classRow(module.moduleClass);
+  if (row == nullptr || row->port.empty() || !module.arg) return "";
+  const auto argument = unpacked(*module.arg);
+  if (!argument) return "";
+  const FieldDescriptor* field = argument->GetDescriptor()->FindFieldByName(std::string(row->port));
+  return field == nullptr ? "" : argument->GetReflection()->GetString(*argument, field);
+}
+
+std::unique_ptr<Message> fullArgument(const Module& module) {
+  const ClassRow* row = classRow(module.moduleClass);
+  const auto* type = row == nullptr ? nullptr : argumentOf(*row);
+  if (type == nullptr || !module.arg) return nullptr;
+  std::unique_ptr<Message> argument = unpacked(*module.arg);
+  if (!argument && module.arg->value().empty()) argument = newMessage(*type);
+  if (!argument || argument->GetDescriptor() != type) return nullptr;
+  makeCanonical(*argument);
+  if (row->fillDefaults != nullptr) row->fillDefaults(*argument);
+  return argument;
+}
+
+bool parseConnection(const std::string& text, Gate& from, Gate& to) {
+  const std::size_t arrow = text.find("->");
+  if (arrow == std::string::npos || text.find("->", arrow + 1) != std::string::npos) return false;
+  const std::string left = trimmed(text.substr(0, arrow));
+  const std::string right = trimmed(text.substr(arrow + 2));
+  from = {left, 0};
+  to = {right, 0};
+  if (const std::size_t colon = left.rfind(':'); colon != std::string::npos) {
+    const std::string gate = trimmed(left.substr(colon + 1));
+    if (!allDigits(gate)) return false;
+    from = {trimmed(left.substr(0, colon)), gateOf(gate)};
+  }
+  if (const std::size_t colon = right.find(':'); colon != std::string::npos) {
+    const std::string gate = trimmed(right.substr(0, colon));
+    if (!allDigits(gate)) return false;
+    to = {trimmed(right.substr(colon + 1)), gateOf(gate)};
+  }
+  return simple(from.module) && simple(to.module);
+}
+
+std::string connectionText(const Gate& from, const Gate& to) {
+  if (!simple(from.module) || !simple(to.module)) return "";
+  return from.module + (from.number == 0 ? "" : ":" + std::to_string(from.number)) + " -> " +
+         (to.number == 0 ? "" : std::to_string(to.number) + ":") + to.module;
+}
+
+const Bess::Taker* hookClass(const std::string& name) {
+  for (const Bess::Taker& one : Bess::gateHooks()) {
+    if (name == one.name || name == daemonHookName(one.name)) return &one;
+  }
+  return nullptr;
+}
+
+std::string daemonHookName(std::string_view name) {
+  if (name == "Pcapng") return "PcapNg";
+  if (name == "Tcpdump") return "TcpDump";
+  return std::string(name);
+}
+
+}  // namespace Norv::State

@@ -1,0 +1,271 @@
+#include "Node.h"
+
+#include <yaml-cpp/eventhandler.h>
+#include <yaml-cpp/yaml.h>
+
+#include <algorithm>
+#include <nlohmann/json.hpp>
+#include <set>
+#include <sstream>
+
+namespace Norv::State {
+
+namespace {
+
+struct Stop {};
+
+// Builds the tree as the parser goes, and ends it at the first thing that is out of bounds: the
+// parser itself recurses with the depth of what it reads.
+class Builder : public YAML::EventHandler {
+ public:
+  Builder(std::string file, std::vector<Problem>& problems, const Limits& limits)
+      : file_(std::move(file)), problems_(problems), limits_(limits) {}
+
+  Node root;
+
+  void OnDocumentStart(const YAML::Mark&) override {}
+  void OnDocumentEnd() override {}
+  void OnNull(const YAML::Mark& mark, YAML::anchor_t) override { enter(mark, Node()); }
+  void OnAlias(const YAML::Mark& mark, YAML::anchor_t) override {
+    stop(mark, "an alias; write what it stands for");
+  }
+  void OnScalar(const YAML::Mark& mark, const std::string& tag, YAML::anchor_t,
+                const std::string& value) override {
+    checkTag(mark, tag);
+    Node node = Node::text(value);
+    node.style = tag == "!" ? Node::Style::quoted : Node::Style::plain;
+    enter(mark, std::move(node));
+  }
+  void OnSequenceStart(const YAML::Mark& mark, const std::string& tag, YAML::anchor_t,
+                       YAML::EmitterStyle::value) override {
+    checkTag(mark, tag);
+    open(mark, Node::list());
+  }
+  void OnSequenceEnd() override { stack_.pop_back(); }
+  void OnMapStart(const YAML::Mark& mark, const std::string& tag, YAML::anchor_t,
+                  YAML::EmitterStyle::value) override {
+    checkTag(mark, tag);
+    open(mark, Node::map());
+  }
+  void OnMapEnd() override { stack_.pop_back(); }
+
+ private:
+  struct Open {
+    Node* node;
+    std::set<std::string> keys;  // of a map
+    bool keyNext = true;
+  };
+
+  Mark markOf(const YAML::Mark& mark) const {
+    return {file_, static_cast<std::size_t>(mark.line + 1),
+            static_cast<std::size_t>(mark.column + 1)};
+  }
+  [[noreturn]] void stop(const YAML::Mark& mark, const std::string& what) {
+    problems_.push_back({markOf(mark), what});
+    throw Stop();
+  }
+  void checkTag(const YAML::Mark& mark, const std::string& tag) {
+    if (tag != "?" && tag != "!" && !tag.empty())
+      stop(mark, "a tag, \"" + tag + "\"; leave it out");
+  }
+
+  // Where the node goes, or null when it was a key.
+  Node* enter(const YAML::Mark& mark, Node node) {
+    node.mark = markOf(mark);
+    if (stack_.empty()) {
+      root = std::move(node);
+      return &root;
+    }
+    Open& open = stack_.back();
+    if (open.node->kind == Node::Kind::list) {
+      open.node->children.push_back(std::move(node));
+      return &open.node->children.back();
+    }
+    if (open.keyNext) {
+      if (node.kind == Node::Kind::list || node.kind == Node::Kind::map) {
+        stop(mark, "a key that is no text");
+      }
+      if (!open.keys.insert(node.scalar).second) {
+        stop(mark, "\"" + node.scalar + "\" a second time in the same map");
+      }
+      open.node->keys.push_back(node.scalar);
+      open.node->keyMarks.push_back(node.mark);
+      open.keyNext = false;
+      return nullptr;
+    }
+    open.keyNext = true;
+    open.node->children.push_back(std::move(node));
+    return &open.node->children.back();
+  }
+
+  void open(const YAML::Mark& mark, Node node) {
+    if (stack_.size() == limits_.depth) {
+      stop(mark, "nested more than " + std::to_string(limits_.depth) + " deep");
+    }
+    // A parent gets no further child while one of its children is open, so the pointer stays.
+    Node* const entered = enter(mark, std::move(node));
+    if (entered == nullptr) stop(mark, "a key that is no text");
+    stack_.push_back({entered, {}, true});
+  }
+
+  const std::string file_;
+  std::vector<Problem>& problems_;
+  const Limits limits_;
+  std::vector<Open> stack_;
+};
+
+nlohmann::ordered_json jsonOf(const Node& node) {
+  using Json = nlohmann::ordered_json;
+  switch (node.kind) {
+    case Node::Kind::null:
+      return nullptr;
+    case Node::Kind::scalar: {
+      if (node.style == Node::Style::quoted) return node.scalar;
+      const Json value = Json::parse(node.scalar, nullptr, false);
+      return value.is_discarded() ? Json(node.scalar) : value;
+    }
+    case Node::Kind::list: {
+      Json list = Json::array();
+      for (const Node& child : node.children) list.push_back(jsonOf(child));
+      return list;
+    }
+    case Node::Kind::map: {
+      Json map = Json::object();
+      for (std::size_t i = 0; i < node.keys.size(); ++i)
+        map[node.keys[i]] = jsonOf(node.children[i]);
+      return map;
+    }
+  }
+  return nullptr;
+}
+
+bool plainLooking(const std::string& text) {
+  return std::all_of(text.begin(), text.end(), [](unsigned char c) { return c >= 32 && c != 127; });
+}
+
+void emitScalar(YAML::Emitter& out, const std::string& text) {
+  // Control characters are escaped only where there are double quotes.
+  if (!plainLooking(text)) out << YAML::DoubleQuoted;
+  out << text;
+}
+
+void emit(YAML::Emitter& out, const Node& node) {
+  switch (node.kind) {
+    case Node::Kind::null:
+      out << YAML::Null;
+      return;
+    case Node::Kind::scalar:
+      emitScalar(out, node.scalar);
+      return;
+    case Node::Kind::list:
+      if (node.flow || node.empty()) out << YAML::Flow;
+      out << YAML::BeginSeq;
+      for (const Node& child : node.children) {
+        emit(out, child);
+        if (!child.comment.empty()) out << YAML::Comment(child.comment);
+      }
+      out << YAML::EndSeq;
+      return;
+    case Node::Kind::map:
+      if (node.flow || node.empty()) out << YAML::Flow;
+      out << YAML::BeginMap;
+      for (std::size_t i = 0; i < node.keys.size(); ++i) {
+        const Node& child = node.children[i];
+        out << YAML::Key;
+        emitScalar(out, node.keys[i]);
+        out << YAML::Value;
+        emit(out, child);
+        if (!child.comment.empty()) out << YAML::Comment(child.comment);
+      }
+      out << YAML::EndMap;
+      return;
+  }
+}
+
+}  // namespace
+
+std::string text(const Mark& mark) {
+  return mark.file + ":" + std::to_string(mark.line) + ":" + std::to_string(mark.column);
+}
+
+const Node* Node::find(std::string_view key) const {
+  const auto found = std::find(keys.begin(), keys.end(), key);
+  return found == keys.end() ? nullptr : &children[static_cast<std::size_t>(found - keys.begin())];
+}
+
+Node& Node::at(const std::string& key) {
+  const auto found = std::find(keys.begin(), keys.end(), key);
+  if (found != keys.end()) return children[static_cast<std::size_t>(found - keys.begin())];
+  keys.push_back(key);
+  return add();
+}
+
+Node& Node::add() {
+  children.emplace_back();
+  return children.back();
+}
+
+Node Node::text(std::string_view text) {
+  Node node;
+  node.kind = Kind::scalar;
+  node.scalar = text;
+  node.style = Style::quoted;
+  return node;
+}
+
+Node Node::plain(std::string_view text) {
+  Node node = Node::text(text);
+  node.style = Style::plain;
+  return node;
+}
+
+Node Node::map(bool flow) {
+  Node node;
+  node.kind = Kind::map;
+  node.flow = flow;
+  return node;
+}
+
+Node Node::list(bool flow) {
+  Node node;
+  node.kind = Kind::list;
+  node.flow = flow;
+  return node;
+}
+
+Node readYaml(const std::string& text, const std::string& file, std::vector<Problem>& problems,
+              const Limits& limits) {
+  Builder builder(file, problems, limits);
+  if (text.size() > limits.bytes) {
+    problems.push_back(
+        {{file, 1, 1}, "more than " + std::to_string(limits.bytes >> 20) + " MiB; split it up"});
+    return builder.root;
+  }
+  try {
+    std::istringstream stream(text);
+    YAML::Parser parser(stream);
+    parser.HandleNextDocument(builder);
+    Builder second(file, problems, limits);
+    if (parser.HandleNextDocument(second) && second.root.kind != Node::Kind::null) {
+      problems.push_back({second.root.mark, "a second document in the file; join them"});
+    }
+  } catch (const Stop&) {
+  } catch (const YAML::Exception& error) {
+    problems.push_back({{file, static_cast<std::size_t>(error.mark.line + 1),
+                         static_cast<std::size_t>(error.mark.column + 1)},
+                        "not YAML: " + error.msg});
+  }
+  return builder.root;
+}
+
+std::string writeYaml(const Node& node) {
+  YAML::Emitter out;
+  emit(out, node);
+  return std::string(out.c_str()) + "\n";
+}
+
+std::string writeJson(const Node& node) {
+  return jsonOf(node).dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";
+}
+
+}  // namespace Norv::State

@@ -1,0 +1,126 @@
+#pragma once
+
+#include <map>
+
+#include <Norv/State/ClassTable.h>
+#include <Norv/State/Plan.h>
+#include <bess/pb/service.pb.h>
+
+#include "Modules.h"
+
+namespace Norv::State {
+
+// Collects changes and steps.
+class PlanBuilder {
+ public:
+  Plan plan;
+
+  // The index of the object's change, made when there is none.
+  std::size_t change(const Object& object, Change::Action action);
+  void detail(std::size_t change, const std::string& text) {
+    plan.changes[change].details.push_back(text);
+  }
+  std::size_t step(GrpcRequestType type, std::unique_ptr<Message> request, Kind queue,
+                   std::size_t change, std::vector<std::size_t> after = {},
+                   std::vector<std::size_t> behind = {});
+  // A step that cannot be taken; what comes after it is not tried either.
+  std::size_t impossible(const std::string& why, std::size_t change);
+
+ private:
+  std::map<Object, std::size_t> changeOf_;
+};
+
+// A command to a module that is still to become a step.
+struct ModuleCommand {
+  std::string command;
+  std::unique_ptr<Message> argument;
+  bool whileRunning = false;
+};
+
+// How a module gets from one state to another while it lives.
+struct ModuleDifference {
+  std::vector<std::string> details;
+  std::vector<std::string> assumed;
+  std::string recreate;  // why it has to be made anew; empty: it has not
+  std::vector<ModuleCommand> commands;
+};
+ModuleDifference difference(const Module& live, const Module& wanted, bool recreateUnknown);
+// What makes a module that was just created with its argument as it is wanted.
+std::vector<ModuleCommand> commandsForNew(const Module& wanted);
+std::unique_ptr<Message> commandRequest(const std::string& module, const ModuleCommand& command);
+
+// The steps that the traffic classes and the places of tasks take, workers included.
+struct TrafficContext {
+  const LiveSwitch& live;
+  const Switch& target;
+  const std::set<std::string>& recreated;               // modules
+  const std::map<std::string, std::size_t>& destroyed;  // the step that destroys a module
+};
+class TrafficPlanner {
+ public:
+  TrafficPlanner(PlanBuilder& builder, const TrafficContext& context);
+
+  // Modules with a task on a worker that goes, when none is left for it.
+  static std::set<std::string> withoutWorker(const LiveSwitch& live, const Switch& target);
+
+  // New workers.
+  void addWorkers();
+  // Workers that stop, go or are made anew: after modules are destroyed and before others are made.
+  void changeWorkers();
+  // Classes and tasks: after modules are made. `created`: the step that creates a module.
+  void planClasses(const std::map<std::string, std::size_t>& created);
+  // Workers that shall run and do not yet: after everything else.
+  void planRunning();
+
+  // Those that run before and shall run after, and are not touched.
+  bool runsThroughout(std::int64_t worker) const;
+
+ private:
+  struct Task {
+    std::string module;
+    std::uint64_t number;
+    Place live;
+  };
+
+  std::int64_t rootOf(const std::map<std::string, TrafficClass>& classes, const Place& place) const;
+  void findTasks();
+  void findRebuilt();
+  bool classChanges(const TrafficClass& live, const TrafficClass& target) const;
+  std::string whyChanges(const TrafficClass& live, const TrafficClass& target) const;
+  bool fresh(const std::string& name) const;
+  std::vector<std::size_t> needs(const Place& place) const;
+  void rebuild(std::int64_t worker);
+  void removeWorker(std::int64_t worker);
+  std::vector<std::size_t> moveAway(std::int64_t worker, std::int64_t to, std::size_t change,
+                                    const std::vector<std::size_t>& after);
+  std::size_t moveTask(const std::string& module, std::uint64_t number, const Place& place,
+                       std::size_t change, std::vector<std::size_t> after,
+                       std::vector<std::size_t> behind = {});
+  void addClass(const std::string& name);
+  void updateParams(const std::string& name);
+  void planTasks(const std::map<std::string, std::size_t>& created);
+  std::string crowded(const Place& place, const std::string& module, std::uint64_t number) const;
+  std::optional<Place> wantedPlace(const std::string& module, std::uint64_t number) const;
+  std::optional<Place> livePlace(const std::string& module, std::uint64_t number) const;
+  Place placeAfter(const Task& task) const;
+  std::size_t addWorker(std::int64_t worker, const Worker& as, std::size_t change,
+                        std::vector<std::size_t> after);
+  std::int64_t freeWorker() const;
+
+  PlanBuilder& builder_;
+  const TrafficContext context_;
+  const LiveSwitch& live_;
+  const Switch& target_;
+  std::set<std::int64_t> rebuilt_;
+  std::set<std::int64_t> removed_;
+  std::map<std::int64_t, std::vector<Task>> tasksOf_;  // of modules that stay, by worker
+  std::map<std::int64_t, std::size_t> workerAdded_;
+  std::map<std::string, std::size_t> classAdded_;
+  std::map<std::int64_t, std::int64_t>
+      holdingOf_;  // the worker that holds a worker's tasks meanwhile
+  std::map<std::int64_t, std::size_t> holdingChange_;
+};
+
+bool samePlace(const Place& live, const Place& wanted);
+
+}  // namespace Norv::State

@@ -1,0 +1,316 @@
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <sstream>
+
+#include <Norv/State/Record.h>
+
+#include "Modules.h"
+
+namespace Norv::State {
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+constexpr int format = 1;
+
+constexpr std::pair<Kind, const char*> kindNames[] = {
+    {Kind::worker, "worker"},
+    {Kind::port, "port"},
+    {Kind::module, "module"},
+    {Kind::hook, "hook"},
+    {Kind::trafficClass, "traffic_class"},
+};
+
+const char* kindName(Kind kind) {
+  for (const auto& [one, name] : kindNames) {
+    if (one == kind) return name;
+  }
+  return "";
+}
+
+std::optional<Kind> kindNamed(const std::string& name) {
+  for (const auto& [kind, one] : kindNames) {
+    if (one == name) return kind;
+  }
+  return {};
+}
+
+std::string bytesIn(const Json& text) {
+  auto bytes = fromBase64(text.get<std::string>());
+  if (!bytes) throw std::runtime_error("no base64");
+  return *bytes;
+}
+
+[[noreturn]] void fail(const std::string& what, const std::string& file) {
+  throw std::runtime_error(what + " " + file + ": " + std::strerror(errno));
+}
+
+// What a module tells of itself, whatever commands have changed since.
+std::string toldBy(const LiveSwitch& live, const std::string& name, const Module& module) {
+  const auto description = live.descriptions.find(name);
+  std::string told =
+      module.moduleClass + "\n" + (module.arg ? module.arg->SerializeAsString() : "");
+  return told + "\n" + (description == live.descriptions.end() ? "" : description->second);
+}
+
+}  // namespace
+
+std::string recordName(const std::string& address) {
+  std::string name;
+  for (const char c : address) {
+    const bool plain = std::isalnum(static_cast<unsigned char>(c)) || c == '.' || c == '-';
+    name += plain ? c : '_';
+  }
+  return name + ".json";
+}
+
+Record Record::load(const std::string& file, std::string* said) {
+  Record record;
+  std::ifstream stream(file, std::ios::binary);
+  if (!stream.is_open()) {
+    if (errno == ENOENT) return record;
+    fail("cannot read", file);
+  }
+  std::ostringstream text;
+  text << stream.rdbuf();
+  try {
+    const Json json = Json::parse(text.str());
+    if (json.at("format") != format) throw std::runtime_error("another format");
+    for (const auto& [port, address] : json.at("addresses").items())
+      record.addresses_[port] = address;
+    for (const Json& one : json.at("objects")) {
+      const auto kind = kindNamed(one.at("kind"));
+      if (!kind) throw std::runtime_error("an unknown kind of object");
+      Entry& entry = record.entries_[{*kind, one.at("name").get<std::string>()}];
+      entry.told = bytesIn(one.at("told"));
+      entry.doubtful = one.value("doubtful", false);
+      entry.word = one.value("word", "");
+      if (one.contains("arg") && !entry.arg.emplace().ParseFromString(bytesIn(one.at("arg")))) {
+        throw std::runtime_error("no argument");
+      }
+      if (one.contains("settings")) entry.settings = one.at("settings");
+      if (!one.contains("table")) continue;
+      entry.table.emplace();
+      for (const Json& row : one.at("table"))
+        (*entry.table)[bytesIn(row.at(0))] = bytesIn(row.at(1));
+    }
+  } catch (const std::exception& error) {
+    const std::string aside = file + ".damaged";
+    if (std::rename(file.c_str(), aside.c_str()) != 0) fail("cannot rename", file);
+    if (said != nullptr) {
+      *said = file + " is no record (" + error.what() + ") and lies aside as " + aside +
+              "; what was applied and the daemon does not tell is not known";
+    }
+    return Record();
+  }
+  return record;
+}
+
+void Record::save(const std::string& file) const {
+  Json json;
+  json["format"] = format;
+  json["addresses"] = addresses_;
+  json["objects"] = Json::array();
+  for (const auto& [object, entry] : entries_) {
+    Json one;
+    one["kind"] = kindName(object.kind);
+    one["name"] = object.name;
+    one["told"] = base64(entry.told);
+    if (entry.doubtful) one["doubtful"] = true;
+    if (!entry.word.empty()) one["word"] = entry.word;
+    if (entry.arg) one["arg"] = base64(entry.arg->SerializeAsString());
+    if (!entry.settings.empty()) one["settings"] = entry.settings;
+    if (entry.table) {
+      Json rows = Json::array();
+      for (const auto& [key, row] : *entry.table) rows.push_back({base64(key), base64(row)});
+      one["table"] = std::move(rows);
+    }
+    json["objects"].push_back(std::move(one));
+  }
+  const std::string text = json.dump(0, ' ', false, Json::error_handler_t::replace) + "\n";
+  const std::filesystem::path folder = std::filesystem::path(file).parent_path();
+  if (!folder.empty()) std::filesystem::create_directories(folder);
+  const std::string fresh = file + ".new";
+  const int descriptor = open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  if (descriptor < 0) fail("cannot write", fresh);
+  std::size_t written = 0;
+  while (written < text.size()) {
+    const ssize_t part = write(descriptor, text.data() + written, text.size() - written);
+    if (part < 0 && errno == EINTR) continue;
+    if (part < 0) {
+      const int why = errno;
+      close(descriptor);
+      unlink(fresh.c_str());
+      errno = why;
+      fail("cannot write", fresh);
+    }
+    written += static_cast<std::size_t>(part);
+  }
+  const bool synced = fsync(descriptor) == 0;
+  if (close(descriptor) != 0 || !synced) fail("cannot write", fresh);
+  if (std::rename(fresh.c_str(), file.c_str()) != 0) fail("cannot replace", file);
+  const int folderDescriptor =
+      open(folder.empty() ? "." : folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (folderDescriptor >= 0) {
+    fsync(folderDescriptor);
+    close(folderDescriptor);
+  }
+}
+
+void Record::complement(LiveSwitch& live) {
+  for (const auto& [name, address] : addresses_) {
+    const auto port = live.ports.find(name);
+    if (port == live.ports.end() || !port->second.mac || *port->second.mac == address) continue;
+    entries_.clear();
+  }
+  for (const auto& [name, address] : addresses_) {
+    if (!live.ports.contains(name)) entries_.erase({Kind::port, name});
+  }
+  std::erase_if(entries_, [&](const auto& one) {
+    const auto& [object, entry] = one;
+    switch (object.kind) {
+      case Kind::module: {
+        const auto module = live.modules.find(object.name);
+        if (module == live.modules.end()) return true;
+        // What is in doubt may be half of another.
+        return !entry.doubtful && toldBy(live, object.name, module->second) != entry.told;
+      }
+      case Kind::port:
+        return !live.ports.contains(object.name);
+      case Kind::worker:
+        return !live.workers.contains(std::atoll(object.name.c_str()));
+      case Kind::trafficClass:
+        return !live.trafficClasses.contains(object.name);
+      case Kind::hook:
+        return std::none_of(live.hooks.begin(), live.hooks.end(),
+                            [&](const auto& hook) { return objectOf(hook.first) == object; });
+      default:
+        return true;
+    }
+  });
+  for (const auto& [object, entry] : entries_) {
+    if (entry.doubtful) {
+      live.doubtful.insert(object);
+      continue;
+    }
+    if (object.kind == Kind::module) {
+      Module& module = live.modules.at(object.name);
+      if (entry.arg) module.arg = entry.arg;
+      for (const auto& setting : entry.settings) module.settings.insert(setting);
+      if (entry.table && !module.table) module.table = entry.table;
+    } else if (object.kind == Kind::port) {
+      Port& port = live.ports.at(object.name);
+      if (!port.arg) port.arg = entry.arg;
+    } else if (object.kind == Kind::worker) {
+      live.workers.at(std::atoll(object.name.c_str())).scheduler = entry.word;
+    } else if (object.kind == Kind::trafficClass) {
+      TrafficClass& one = live.trafficClasses.at(object.name);
+      if (one.resource.empty()) one.resource = entry.word;
+    } else if (object.kind == Kind::hook) {
+      for (auto& [point, arg] : live.hooks) {
+        if (objectOf(point) == object && !arg) arg = entry.arg;
+      }
+    }
+  }
+}
+
+// Whether it has something that the daemon will not tell.
+bool Record::hidden(const Object& object, const Switch& wanted) {
+  const auto module = wanted.modules.find(object.name);
+  if (object.kind != Kind::module || module == wanted.modules.end()) return false;
+  return module->second.table || !module->second.settings.empty();
+}
+
+void Record::begin(const Plan& plan, const Switch& wanted) {
+  for (const Change& change : plan.changes) {
+    const bool inPlace =
+        change.object.kind == Kind::module && change.action == Change::Action::change;
+    if (change.action == Change::Action::remove || !(inPlace || hidden(change.object, wanted)))
+      continue;
+    entries_[change.object] = {};
+    entries_[change.object].doubtful = true;
+  }
+}
+
+Record::Entry Record::entryOf(const Object& object, const Switch& wanted, const LiveSwitch& after) {
+  Entry entry;
+  if (object.kind == Kind::module) {
+    const Module& stated = wanted.modules.at(object.name);
+    const Module& told = after.modules.at(object.name);
+    entry.told = toldBy(after, object.name, told);
+    if (stated.arg) {
+      const auto one = fullArgument(stated);
+      const auto other = fullArgument(told);
+      const bool agrees = one && other ? serialized(*one) == serialized(*other)
+                                       : told.arg && same(*stated.arg, *told.arg);
+      if (!agrees) entry.arg = stated.arg;
+    }
+    for (const auto& setting : stated.settings) {
+      if (!told.settings.contains(setting.first)) entry.settings.insert(setting);
+    }
+    if (!told.table) entry.table = stated.table;
+  } else if (object.kind == Kind::port) {
+    if (!after.ports.at(object.name).arg) entry.arg = wanted.ports.at(object.name).arg;
+  } else if (object.kind == Kind::worker) {
+    entry.word = wanted.workers.at(std::atoll(object.name.c_str())).scheduler.value_or("");
+  } else if (object.kind == Kind::trafficClass) {
+    if (after.trafficClasses.at(object.name).resource.empty()) {
+      entry.word = wanted.trafficClasses.at(object.name).resource;
+    }
+  }
+  return entry;
+}
+
+void Record::end(const Plan& plan, const std::vector<Execution::State>& states,
+                 const Switch& wanted, const LiveSwitch& after) {
+  std::set<Object> failed;
+  for (std::size_t i = 0; i < plan.changes.size(); ++i) {
+    if (states[i].kind != Execution::State::Kind::done) failed.insert(plan.changes[i].object);
+  }
+  // What was assumed and not touched is not known to be so.
+  std::set<std::string> assumed;
+  for (const std::string& what : plan.assumed) assumed.insert(what.substr(0, what.rfind(": ")));
+  const auto enter = [&](const Object& object) {
+    if (failed.contains(object) || assumed.contains(text(object))) return;
+    Entry entry = entryOf(object, wanted, after);
+    if (entry.holdsNothing()) {
+      entries_.erase(object);
+    } else {
+      entries_[object] = std::move(entry);
+    }
+  };
+  for (const auto& [name, module] : wanted.modules) {
+    if (after.modules.contains(name)) enter({Kind::module, name});
+  }
+  for (const auto& [name, port] : wanted.ports) {
+    if (after.ports.contains(name)) enter({Kind::port, name});
+  }
+  for (const auto& [id, worker] : wanted.workers) {
+    if (after.workers.contains(id)) enter({Kind::worker, std::to_string(id)});
+  }
+  for (const auto& [name, one] : wanted.trafficClasses) {
+    if (after.trafficClasses.contains(name)) enter({Kind::trafficClass, name});
+  }
+  for (const auto& [point, arg] : wanted.hooks) {
+    if (!arg || arg->value().empty() || failed.contains(objectOf(point))) continue;
+    for (const auto& [there, told] : after.hooks) {
+      const bool unnamed = point.name.empty() && there.gate == point.gate &&
+                           there.output == point.output && there.hookClass == point.hookClass;
+      if (there == point || unnamed) entries_[objectOf(there)].arg = arg;
+    }
+  }
+  addresses_.clear();
+  for (const auto& [name, port] : after.ports) {
+    if (port.mac) addresses_[name] = *port.mac;
+  }
+}
+
+}  // namespace Norv::State
