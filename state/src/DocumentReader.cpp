@@ -31,6 +31,8 @@ std::vector<std::string> namesOf(const Range& range) {
 
 class Reader {
  public:
+  explicit Reader(const Offer& offer) : offer_(offer) {}
+
   Document document;
   std::vector<Problem> problems;
 
@@ -210,7 +212,10 @@ class Reader {
   }
 
   void checkDriver(const std::string& driver, const Mark& mark) {
-    if (Bess::portDriver(driver) != nullptr || !document.wanted.plugins.empty()) return;
+    if (Bess::portDriver(driver) != nullptr || offer_.drivers.contains(driver) ||
+        !document.wanted.plugins.empty()) {
+      return;
+    }
     problem(mark,
             "no port driver \"" + driver + "\"" + didYouMean(driver, namesOf(Bess::portDrivers())));
   }
@@ -242,7 +247,10 @@ class Reader {
   }
 
   void checkClass(const std::string& name, const Mark& mark) {
-    if (classRow(name) != nullptr || !document.wanted.plugins.empty()) return;
+    if (classRow(name) != nullptr || offer_.moduleClasses.contains(name) ||
+        !document.wanted.plugins.empty()) {
+      return;
+    }
     problem(mark, "no module class \"" + name + "\"" + didYouMean(name, namesOf(classRows())));
   }
 
@@ -478,6 +486,8 @@ class Reader {
       problem(mark, "weighted_fair takes no limit or max_burst");
     }
   }
+
+  const Offer& offer_;
 };
 
 class ReferenceCheck {
@@ -630,8 +640,8 @@ std::string joined(const std::vector<Problem>& problems) {
 DocumentError::DocumentError(std::vector<Problem> problems)
     : std::runtime_error(joined(problems)), problems_(std::move(problems)) {}
 
-Document readDocument(const std::vector<Source>& sources) {
-  Reader reader;
+Document readDocument(const std::vector<Source>& sources, const Offer& offer) {
+  Reader reader(offer);
   reader.document.wanted.workersStated = false;
   std::vector<Node> roots;
   for (const Source& source : sources) {
@@ -649,7 +659,7 @@ Document readDocument(const std::vector<Source>& sources) {
   return std::move(reader.document);
 }
 
-Document readFiles(const std::vector<std::string>& files) {
+Document readFiles(const std::vector<std::string>& files, const Offer& offer) {
   std::vector<Source> sources;
   std::vector<Problem> problems;
   for (const std::string& file : files) {
@@ -667,7 +677,7 @@ Document readFiles(const std::vector<std::string>& files) {
     sources.push_back({file, text.str()});
   }
   if (!problems.empty()) throw DocumentError(std::move(problems));
-  return readDocument(sources);
+  return readDocument(sources, offer);
 }
 
 std::vector<Problem> checkReferences(const Document& document, const Switch* live) {

@@ -47,9 +47,9 @@ class SwitchReader {
     const auto plugins = ask("listPlugins", &BESSControl::Stub::ListPlugins, empty_);
     live_.plugins.insert(plugins.paths().begin(), plugins.paths().end());
     const auto classes = ask("listMclass", &BESSControl::Stub::ListMclass, empty_);
-    live_.moduleClasses.insert(classes.names().begin(), classes.names().end());
+    live_.offer.moduleClasses.insert(classes.names().begin(), classes.names().end());
     const auto drivers = ask("listDrivers", &BESSControl::Stub::ListDrivers, empty_);
-    live_.drivers.insert(drivers.driver_names().begin(), drivers.driver_names().end());
+    live_.offer.drivers.insert(drivers.driver_names().begin(), drivers.driver_names().end());
     readWorkers();
     readPorts();
     readModules();
@@ -68,10 +68,11 @@ class SwitchReader {
     Response response;
     const grpc::Status status = (stub_.get()->*rpc)(&context, request, &response);
     if (!status.ok()) {
-      throw ReadError(std::string(name) + " failed: " +
-                      (status.error_message().empty()
-                           ? "status " + std::to_string(status.error_code())
-                           : status.error_message()));
+      throw ReadError(
+          status.error_code(),
+          std::string(name) + " failed: " +
+              (status.error_message().empty() ? "status " + std::to_string(status.error_code())
+                                              : status.error_message()));
     }
     return response;
   }

@@ -492,11 +492,7 @@ class Planner {
   void commandModules(const TrafficPlanner& traffic) {
     for (const auto& [name, step] : created_) {
       const std::size_t change = builder_.change({Kind::module, name}, Action::create);
-      std::size_t last = step;
-      for (const ModuleCommand& command : commandsForNew(target_.modules.at(name))) {
-        last = builder_.step(moduleCommand, commandRequest(name, command), Kind::module, change,
-                             {last});
-      }
+      sendCommands(name, commandsForNew(target_.modules.at(name)), change, {step}, {});
     }
     // By the workers that have to stand still for it.
     std::map<std::set<std::int64_t>, std::vector<std::string>> windows;
@@ -510,6 +506,20 @@ class Planner {
           .push_back(name);
     }
     for (const auto& [workers, names] : windows) window(workers, names);
+  }
+
+  // The entries of a table do not need each other, but what comes before them.
+  std::vector<std::size_t> sendCommands(const std::string& name,
+                                        const std::vector<ModuleCommand>& commands,
+                                        std::size_t change, std::vector<std::size_t> after,
+                                        const std::vector<std::size_t>& behind) {
+    std::vector<std::size_t> sent;
+    for (const ModuleCommand& command : commands) {
+      sent.push_back(builder_.step(moduleCommand, commandRequest(name, command), Kind::module,
+                                   change, after, behind));
+      if (command.command != "add" && command.command != "delete") after = {sent.back()};
+    }
+    return sent;
   }
 
   void window(const std::set<std::int64_t>& workers, const std::vector<std::string>& names) {
@@ -526,14 +536,8 @@ class Planner {
       const std::size_t change = builder_.change({Kind::module, name}, Action::change);
       const ModuleDifference& found = differences_[name];
       for (const std::string& detail : found.details) builder_.detail(change, detail);
-      std::optional<std::size_t> last;
-      for (const ModuleCommand& command : found.commands) {
-        std::vector<std::size_t> after;
-        if (last) after.push_back(*last);
-        last = builder_.step(moduleCommand, commandRequest(name, command), Kind::module, change,
-                             std::move(after), paused);
-        ended.push_back(*last);
-      }
+      const auto sent = sendCommands(name, found.commands, change, {}, paused);
+      ended.insert(ended.end(), sent.begin(), sent.end());
     }
     for (const std::int64_t worker : workers) {
       auto request = std::make_unique<bess::pb::ResumeWorkerRequest>();

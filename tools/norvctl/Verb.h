@@ -28,7 +28,7 @@ struct Verb {
 const std::vector<Verb>& verbs();
 const Verb* verb(std::string_view name);
 
-enum ExitStatus { allOk = 0, badInput = 1, refused = 2, lost = 3 };
+enum ExitStatus { allOk = 0, badInput = 1, refused = 2, lost = 3, somethingToDo = 4 };
 extern const char* const exitStatusText;
 
 // The program with all verbs; `actions` gets theirs by name.
@@ -40,13 +40,16 @@ CLI::Option* completes(CLI::Option* option, std::vector<std::string> words);
 const std::vector<std::string>& completionsOf(const CLI::Option* option);
 
 // Each in the file of its name.
+Verb applyVerb();
 Verb callVerb();
 Verb checkVerb();
 Verb completionVerb();
 Verb describeVerb();
 Verb doctorVerb();
+Verb exportVerb();
 Verb helpVerb();
 Verb manVerb();
+Verb planVerb();
 Verb replayVerb();
 Verb runVerb();
 Verb shellVerb();

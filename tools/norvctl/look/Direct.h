@@ -54,6 +54,7 @@ class Direct {
   }
 
   const std::string& address() const { return address_; }
+  std::chrono::milliseconds patience() const { return patience_; }
   // Why the host does not answer, looked up beside the channel.
   std::string whyNoAnswer() const;
   std::shared_ptr<grpc::Channel> channel() const { return channel_; }

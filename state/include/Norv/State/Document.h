@@ -45,11 +45,17 @@ struct Source {
   std::string text;
 };
 
+// What a daemon has beyond what is known here, from plugins.
+struct Offer {
+  std::set<std::string> moduleClasses;
+  std::set<std::string> drivers;
+};
+
 // Reads one document from several files. Names of classes, drivers, policies and fields, values and
 // gates are checked; what is referred to is not, see checkReferences. Throws DocumentError.
-Document readDocument(const std::vector<Source>& sources);
+Document readDocument(const std::vector<Source>& sources, const Offer& offer = {});
 // The same from files, "-" for standard input; one that cannot be read is a problem, too.
-Document readFiles(const std::vector<std::string>& files);
+Document readFiles(const std::vector<std::string>& files, const Offer& offer = {});
 
 // Everything that the document refers to and that neither it nor the live switch has. `live` is
 // null when there is none to look at, or nothing of it will stay.

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <grpcpp/channel.h>
+#include <grpcpp/grpcpp.h>
 
 #include <chrono>
 #include <memory>
@@ -8,7 +8,7 @@
 #include <stdexcept>
 #include <string>
 
-#include <Norv/State/Switch.h>
+#include <Norv/State/Document.h>
 
 // A live switch, read back. Beside the library's road: its client ends the process at getPortConf
 // and cannot take a reply above 4 MiB.
@@ -16,7 +16,13 @@ namespace Norv::State {
 
 // The daemon cannot be asked, or changed while it was read; for a person.
 class ReadError : public std::runtime_error {
-  using std::runtime_error::runtime_error;
+ public:
+  ReadError(grpc::StatusCode status, const std::string& text)
+      : std::runtime_error(text), status_(status) {}
+  grpc::StatusCode status() const { return status_; }
+
+ private:
+  const grpc::StatusCode status_;
 };
 
 struct LiveSwitch : Switch {
@@ -29,9 +35,8 @@ struct LiveSwitch : Switch {
   // What a record says was begun and not ended: whatever of it is not told has to be set again.
   std::set<Object> doubtful;
   std::map<std::string, std::string>
-      descriptions;                     // of modules, where they do not change by themselves
-  std::set<std::string> moduleClasses;  // that the daemon has
-  std::set<std::string> drivers;
+      descriptions;  // of modules, where they do not change by themselves
+  Offer offer;       // all classes and drivers that the daemon has
 };
 
 // Asks for everything, one call after the other on this thread, each with a deadline. An object

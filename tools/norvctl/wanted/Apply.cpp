@@ -1,0 +1,347 @@
+// The verb apply.
+
+#include <unistd.h>
+
+#include <iostream>
+#include <set>
+
+#include "../Verb.h"
+#include "../run/RunOptions.h"
+#include "../text/ProgressBar.h"
+#include "../text/Terminal.h"
+#include "../text/Text.h"
+#include "PlanSource.h"
+#include "Wanted.h"
+
+namespace Norvctl {
+
+namespace {
+
+using Norv::Agent::CommandReport;
+using Norv::Agent::Outcome;
+using Norv::State::Execution;
+using Norv::State::LiveSwitch;
+using Norv::State::Object;
+using Norv::State::Plan;
+using Norv::State::StepEnd;
+
+struct Arguments : WantedOptions {
+  SessionOptions session;
+  bool yes = false;
+  bool dryRun = false;
+  bool rollback = false;
+  bool allowMassDelete = false;
+};
+
+StepEnd endOf(Outcome outcome) {
+  switch (outcome) {
+    case Outcome::ok:
+      return StepEnd::done;
+    case Outcome::refused:
+      return StepEnd::refused;
+    case Outcome::dropped:
+      return StepEnd::dropped;
+    default:
+      return StepEnd::unclear;
+  }
+}
+
+// Passes ends on to the plan, and shows how far it is.
+class Progress : public SessionListener {
+ public:
+  Progress(PlanSource& source, const Target& target, std::size_t total, const Arguments& arguments)
+      : source_(source),
+        noAnswer_(target.host(), target.port(), arguments.json),
+        bar_(isatty(STDERR_FILENO) && !arguments.json && !arguments.quiet, total) {}
+
+  void ended(const CommandReport& report, const Entry& entry) override {
+    if (report.outcome != Outcome::dropped) noAnswer_.answered();
+    bar_.step();
+    const std::string text = report.outcome == Outcome::refused
+                                 ? refusalText(report.errorCode, report.errorText)
+                                 : report.errorText;
+    source_.ended(entry.line, endOf(report.outcome), text);
+  }
+  bool told() override { return true; }
+  bool wantsUnread() const override { return false; }
+  void progress(const Norv::Agent::Kit& kit) override {
+    const auto oldest = kit.ledger()->oldestOpen();
+    const auto usual = std::chrono::seconds(5);
+    if (oldest && !kit.stopped() && kit.ledger()->now() - oldest->started > usual) {
+      bar_.clear();
+      noAnswer_.waiting();
+    }
+    bar_.show();
+  }
+  void clear() { bar_.clear(); }
+
+ private:
+  PlanSource& source_;
+  NoAnswer noAnswer_;
+  ProgressBar bar_;
+};
+
+class Apply {
+ public:
+  explicit Apply(const Arguments& arguments)
+      : arguments_(arguments), target_(arguments.target), known_(arguments, target_) {}
+
+  int run() {
+    const LiveSwitch live = known_.read();
+    const auto document = usableDocument(arguments_, &live);
+    if (!document) return badInput;
+    wanted_ = document->wanted;
+    plan_ = makePlan(live, wanted_, arguments_.plan);
+    if (!arguments_.json && !arguments_.quiet) {
+      print(planText(plan_, coloursAt(STDOUT_FILENO)));
+      flushOutput();
+    }
+    if (plan_.empty()) {
+      if (arguments_.json) tellJson({});
+      return allOk;
+    }
+    if (arguments_.dryRun) return somethingToDo;
+    if (!agreed()) return badInput;
+    known_.record().begin(plan_, wanted_);
+    known_.saveRecord();
+    carryOut(live);
+  }
+
+ private:
+  bool terminal() const { return isatty(STDIN_FILENO) && isatty(STDERR_FILENO); }
+
+  static std::string answer(const std::string& question) {
+    std::cerr << question << std::flush;
+    std::string line;
+    std::getline(std::cin, line);
+    return line;
+  }
+
+  bool agreed() const {
+    const bool empties = arguments_.plan.prune && wanted_.objects() == 0 && plan_.deletions != 0;
+    if ((plan_.deletesMuch() || empties) && !arguments_.allowMassDelete) {
+      const std::string what = "this deletes " + grouped(plan_.deletions) + " of " +
+                               grouped(plan_.liveObjects) + " objects";
+      if (!terminal()) {
+        std::cerr << "norvctl: " << what << "; --allow-mass-delete lets it\n";
+        return false;
+      }
+      if (answer("norvctl: " + what + "; type their number to go on: ") ==
+          std::to_string(plan_.deletions)) {
+        return true;
+      }
+      std::cerr << "norvctl: nothing was changed\n";
+      return false;
+    }
+    if (arguments_.yes) return true;
+    if (!terminal()) {
+      std::cerr << "norvctl: nobody to ask here; --yes goes on without\n";
+      return false;
+    }
+    const std::string line = answer("Carry it out? [y/N] ");
+    if (line == "y" || line == "Y" || line == "yes") return true;
+    std::cerr << "norvctl: nothing was changed\n";
+    return false;
+  }
+
+  // Every change by the session; then the switch is read again, and says what has become of it.
+  [[noreturn]] void carryOut(const LiveSwitch& before) {
+    PlanSource source(plan_, [&] { return followingPlan(source, before); });
+    Progress progress(source, target_, plan_.commands(), arguments_);
+    SessionOptions options = arguments_.session;
+    options.host = target_.host();
+    options.port = target_.port();
+    options.timeout = durationOf(arguments_.timeoutSeconds);
+    options.stream = true;
+    endOnSignals();
+    Session session(options, source, progress);  // stays to the end of the process
+    const SessionEnd end = session.run();
+    source.stop();
+    progress.clear();
+    leave(conclude(source, end));
+  }
+
+  // What returns to the state before, when not all was done and that is wanted.
+  const Plan* followingPlan(const PlanSource& source, const LiveSwitch& before) {
+    if (!arguments_.rollback || rollback_ || allDone(source.execution(0).states())) return nullptr;
+    try {
+      LiveSwitch now = known_.read();
+      Norv::State::Switch former = before;
+      former.workersStated = true;
+      rollback_ = std::make_unique<Plan>(makePlan(now, former, {.prune = true}));
+    } catch (const DirectError& error) {
+      std::cerr << "norvctl: no way back: " << error.what() << '\n';
+      return nullptr;
+    }
+    return rollback_.get();
+  }
+
+  static bool allDone(const std::vector<Execution::State>& states) {
+    return std::all_of(states.begin(), states.end(), [](const Execution::State& state) {
+      return state.kind == Execution::State::Kind::done;
+    });
+  }
+
+  int conclude(const PlanSource& source, SessionEnd end) {
+    std::vector<Execution::State> states = source.execution(0).states();
+    std::string reading;
+    std::optional<Plan> rest;
+    try {
+      const LiveSwitch bare = known_.readBare();
+      LiveSwitch after = bare;
+      settle(states, after);
+      known_.record().end(plan_, states, wanted_, bare);
+      if (rollback_) known_.record() = Norv::State::Record();
+      known_.saveRecord();
+      known_.record().complement(after);
+      rest = makePlan(after, wanted_, arguments_.plan);
+    } catch (const std::exception& error) {
+      reading = error.what();
+    }
+    if (arguments_.json) {
+      tellJson(states);
+    } else {
+      tell(states, rest, end, reading);
+    }
+    return statusOf(states, rest, end);
+  }
+
+  // What failed or did not decode may have been done: the switch says.
+  void settle(std::vector<Execution::State>& states, const LiveSwitch& after) const {
+    std::set<Object> open;
+    for (const auto& change : makePlan(after, wanted_, arguments_.plan).changes) {
+      open.insert(change.object);
+    }
+    for (std::size_t i = 0; i < states.size(); ++i) {
+      if (states[i].kind == Execution::State::Kind::unclear &&
+          !open.contains(plan_.changes[i].object)) {
+        states[i] = {};
+      }
+    }
+  }
+
+  static const char* stateName(Execution::State::Kind kind) {
+    switch (kind) {
+      case Execution::State::Kind::done:
+        return "done";
+      case Execution::State::Kind::refused:
+        return "refused";
+      case Execution::State::Kind::unclear:
+        return "unclear";
+      case Execution::State::Kind::notTried:
+        return "not tried";
+    }
+    return "";
+  }
+
+  void tell(const std::vector<Execution::State>& states, const std::optional<Plan>& rest,
+            SessionEnd end, const std::string& reading) const {
+    const Colours colours(coloursAt(STDOUT_FILENO));
+    std::size_t done = 0;
+    for (std::size_t i = 0; i < states.size(); ++i) {
+      const Execution::State& state = states[i];
+      if (state.kind == Execution::State::Kind::done) {
+        ++done;
+        continue;
+      }
+      print(colours.bad() + std::string(stateName(state.kind)) + colours.end() + "  " +
+            escaped(text(plan_.changes[i].object)) +
+            (state.because.empty() ? "" : "  because of " + escaped(state.because)) +
+            (state.text.empty() ? "" : "  " + escaped(state.text)) + "\n");
+    }
+    print(grouped(done) + " of " + grouped(states.size()) + " changes done");
+    if (end == SessionEnd::interrupted) print(", interrupted");
+    if (end == SessionEnd::timedOut) print(", the time ran out");
+    if (end == SessionEnd::stoppedByFailure) print(", stopped after a failure");
+    if (rollback_) print("; what was before is back as far as it could be");
+    if (!reading.empty()) {
+      print("; the switch cannot be read again\n");
+      std::cerr << "norvctl: " << reading << '\n';
+    } else if (rest->empty()) {
+      print(". The switch is as wanted.\n");
+    } else {
+      print(". The switch is not as wanted; `norvctl plan` shows the rest.\n");
+    }
+  }
+
+  void tellJson(const std::vector<Execution::State>& states) const {
+    for (std::size_t i = 0; i < states.size(); ++i) {
+      static constexpr const char* actions[] = {"create", "change", "recreate", "delete"};
+      const auto& change = plan_.changes[i];
+      std::string line = "{\"object\":" + jsonText(text(change.object)) + ",\"action\":\"" +
+                         actions[static_cast<int>(change.action)] + "\",\"state\":\"" +
+                         stateName(states[i].kind) + "\"";
+      if (!states[i].text.empty()) line += ",\"text\":" + jsonText(states[i].text);
+      if (!states[i].because.empty()) line += ",\"because\":" + jsonText(states[i].because);
+      print(line + "}\n");
+    }
+    const auto done = std::count_if(
+        states.begin(), states.end(),
+        [](const Execution::State& state) { return state.kind == Execution::State::Kind::done; });
+    print("{\"summary\":{\"changes\":" + std::to_string(states.size()) + ",\"done\":" +
+          std::to_string(done) + ",\"commands\":" + std::to_string(plan_.commands()) +
+          ",\"rolled_back\":" + (rollback_ ? "true" : "false") + "}}\n");
+  }
+
+  int statusOf(const std::vector<Execution::State>& states, const std::optional<Plan>& rest,
+               SessionEnd end) const {
+    if (end == SessionEnd::interrupted) return 128 + endingSignal();
+    if (!rest || end != SessionEnd::complete) return lost;
+    return allDone(states) && rest->empty() ? allOk : refused;
+  }
+
+  const Arguments& arguments_;
+  const Target target_;
+  KnownSwitch known_;
+  Norv::State::Switch wanted_;
+  Plan plan_;
+  std::unique_ptr<Plan> rollback_;
+};
+
+int apply(const Arguments& arguments) {
+  if (const std::string reason = simulationReason(); !reason.empty()) {
+    std::cerr << "norvctl: " << reason << '\n';
+    return badInput;
+  }
+  return Apply(arguments).run();
+}
+
+Action defineApply(CLI::App& command) {
+  const auto arguments = std::make_shared<Arguments>();
+  addWanted(command, *arguments);
+  addTarget(command, arguments->target);
+  addTimeout(command, arguments->timeoutSeconds, "give up after so many SECONDS; 0 is for ever");
+  command.add_flag("--yes", arguments->yes, "do not ask");
+  command.add_flag("--dry-run", arguments->dryRun, "show the plan and end there");
+  command.add_flag("--rollback", arguments->rollback,
+                   "when not all can be done, return to what was before");
+  command.add_flag(
+      "--allow-mass-delete", arguments->allowMassDelete,
+      "delete more than half of a switch, or all of it, without asking for the number");
+  command.add_flag("--json", arguments->json, "one JSON object per change, and a summary object");
+  command.add_flag("--quiet", arguments->quiet, "only what was not done, and the end");
+  command
+      .add_option("--flight-recorder", arguments->session.flightRecorder,
+                  "keep the last trace records in this FILE, and freeze them when an RPC fails")
+      ->type_name("FILE");
+  addStateDir(command, *arguments);
+  return [arguments] { return apply(*arguments); };
+}
+
+}  // namespace
+
+Verb applyVerb() {
+  return {
+      "apply",
+      "make the switch as wanted",
+      {"Shows the plan, asks on a terminal unless --yes, sends its commands through named "
+       "queues, connection manager and client, reads the switch again and says whether it is as "
+       "wanted. A refusal stops what needs the refused object and nothing else; at the end each "
+       "change is done, refused, unclear or not tried. What is interrupted goes on with the "
+       "next apply."},
+      {{"norvctl apply --standin --yes examples/first-light.yaml", "onto an empty switch"},
+       {"norvctl apply --host switch1 --prune switch1.yaml", "what is not in the file goes"}},
+      &defineApply};
+}
+
+}  // namespace Norvctl

@@ -1,0 +1,62 @@
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <string>
+#include <vector>
+
+#include <Norv/State/Document.h>
+#include <Norv/State/LiveSwitch.h>
+#include <Norv/State/Plan.h>
+#include <Norv/State/Record.h>
+
+#include "../Options.h"
+#include "../look/Direct.h"
+
+// What the verbs export, plan and apply share.
+namespace Norvctl {
+
+struct WantedOptions {
+  TargetOptions target;
+  std::vector<std::string> files;
+  Norv::State::PlanOptions plan;
+  std::string stateDir;  // empty: the usual one
+  double timeoutSeconds = 0;
+  bool json = false;
+  bool quiet = false;
+};
+void addStateDir(CLI::App& command, WantedOptions& options);
+// The files and what the plan goes by.
+void addWanted(CLI::App& command, WantedOptions& options);
+
+// A switch and what is known of it beyond what it tells.
+class KnownSwitch {
+ public:
+  // Of a stand-in inside this process nothing is kept. Tells on standard error of a record that is
+  // damaged.
+  KnownSwitch(const WantedOptions& options, const Target& target);
+
+  // The live switch, complemented. Throws DirectError with the address and the reason.
+  Norv::State::LiveSwitch read();
+  // As it tells itself.
+  Norv::State::LiveSwitch readBare();
+  Norv::State::Record& record() { return record_; }
+  // Throws std::runtime_error.
+  void saveRecord() const;
+
+ private:
+  Direct direct_;
+  std::string file_;  // empty: none
+  Norv::State::Record record_;
+};
+
+// The document of the files, with all that it refers to; nullopt, and told on standard error what
+// is wrong, when it cannot be used. `live` is null when there is no switch to look at.
+std::optional<Norv::State::Document> usableDocument(const WantedOptions& options,
+                                                    const Norv::State::LiveSwitch* live);
+
+// A line for each change, with the counts below.
+std::string planText(const Norv::State::Plan& plan, bool colour);
+// The commands of the plan, as a command file.
+std::string planCommands(const Norv::State::Plan& plan);
+
+}  // namespace Norvctl
