@@ -4,10 +4,10 @@
 #include <google/protobuf/wrappers.pb.h>
 
 #include <algorithm>
-#include <cstring>
 #include <iterator>
 #include <memory>
 #include <stdexcept>
+#include <string_view>
 
 #include <bess/pb/service.pb.h>
 
@@ -18,23 +18,39 @@ namespace {
 constexpr std::size_t limit = 256u << 20;  // Bytes kept.
 
 // Requests that leave everything as it is.
-constexpr const char* passive[] = {
+constexpr std::string_view passive[] = {
     "getVersion",    "listPlugins", "listWorkers",   "listTcs",      "getTcStats",    "listDrivers",
     "getDriverInfo", "listPorts",   "getPortConf",   "getPortStats", "getLinkStatus", "listMclass",
     "getMclassInfo", "listModules", "getModuleInfo", "dumpMempool",  "killBess",
 };
 
-bool changes(const char* rpc) {
-  return std::none_of(std::begin(passive), std::end(passive),
-                      [rpc](const char* name) { return std::strcmp(name, rpc) == 0; });
+enum Number {
+#define NORV_REQUEST(number, name, rpc, request, response) name = number,
+#include <Norv/GrpcRequests.def>
+};
+
+struct Request {
+  const char* name;
+  bool changes;
+  std::unique_ptr<google::protobuf::Message> (*make)();
+};
+
+constexpr bool changes(std::string_view name) {
+  return std::find(std::begin(passive), std::end(passive), name) == std::end(passive);
 }
 
-std::unique_ptr<google::protobuf::Message> emptyRequest(const char* rpcName) {
-#define NORV_REQUEST(number, name, rpc, request, response) \
-  if (std::strcmp(rpcName, #name) == 0) return std::make_unique<bess::pb::request>();
-#include <Norv/GrpcRequests.def>
-  return nullptr;
+template <class Message>
+std::unique_ptr<google::protobuf::Message> make() {
+  return std::make_unique<Message>();
 }
+
+// By number, which begins with 1.
+constexpr Request requests[] = {
+    {"", false, nullptr},
+#define NORV_REQUEST(number, name, rpc, request, response) \
+  {#name, changes(#name), make<bess::pb::request>},
+#include <Norv/GrpcRequests.def>
+};
 
 std::string json(const google::protobuf::Message& message) {
   std::string text;
@@ -43,15 +59,15 @@ std::string json(const google::protobuf::Message& message) {
 
 }  // namespace
 
-void Journal::note(const char* rpc, const google::protobuf::Message& request) {
-  if (std::strcmp(rpc, "resetAll") == 0) {
+void Journal::note(int number, const google::protobuf::Message& request) {
+  if (number == Number::resetAll) {
     // What goes on beyond a reset is little: plugins, and whose turn it is. It is kept so long as
     // there is room.
     if (full_) *this = Journal();
-  } else if (full_ || !changes(rpc)) {
+  } else if (full_ || !requests[number].changes) {
     return;
   }
-  calls_.push_back({rpc, request.SerializeAsString()});
+  calls_.push_back({number, request.SerializeAsString()});
   bytes_ += sizeof(Call) + calls_.back().request.size();
   if (bytes_ <= limit) return;
   full_ = true;
@@ -64,10 +80,10 @@ std::string Journal::lines() const {
         "more has happened than can be dumped (256 MiB); the next resetAll begins anew");
   std::string lines;
   for (const Call& call : calls_) {
-    const auto request = emptyRequest(call.rpc);
+    const auto request = requests[call.number].make();
     request->ParseFromString(call.request);
     const std::string text = json(*request);
-    lines += std::string("{\"type\":\"") + call.rpc + "\",";
+    lines += std::string("{\"type\":\"") + requests[call.number].name + "\",";
     if (!text.empty()) {
       lines += "\"request\":" + text + "}\n";
     } else {  // An argument that JSON cannot show.

@@ -2,8 +2,8 @@
 
 #include <google/protobuf/message.h>
 
+#include <deque>
 #include <string>
-#include <vector>
 
 namespace Standin {
 
@@ -11,18 +11,18 @@ namespace Standin {
 // them: they may place leaves. Not thread safe.
 class Journal {
  public:
-  // Notes a call; those that change nothing are passed over.
-  void note(const char* rpc, const google::protobuf::Message& request);
+  // Notes a call by the request's number; those that change nothing are passed over.
+  void note(int number, const google::protobuf::Message& request);
   // A line of JSON for each call. Throws std::runtime_error when there were too many to keep.
   std::string lines() const;
 
  private:
   struct Call {
-    const char* rpc;
-    std::string request;
+    int number;
+    std::string request;  // Serialised.
   };
 
-  std::vector<Call> calls_;
+  std::deque<Call> calls_;
   std::size_t bytes_ = 0;
   bool full_ = false;
 };

@@ -147,7 +147,7 @@ std::string ExactMatchState::description() const {
 void ExactMatchState::add(const bess::pb::ExactMatchCommandAddArg& arg) {
   checkGate(arg.gate());
   if (arg.fields_size() == 0) throw Refusal(EINVAL, "'fields' must be a list");
-  rules_[fields_.key(arg.fields())] = arg;
+  rules_.insert(fields_.key(arg.fields()));
 }
 
 void ExactMatchState::remove(const bess::pb::ExactMatchCommandDeleteArg& arg) {
@@ -167,10 +167,10 @@ bess::pb::ExactMatchConfig ExactMatchState::config() const {
 }
 
 void ExactMatchState::setConfig(const bess::pb::ExactMatchConfig& config) {
-  std::map<std::string, bess::pb::ExactMatchCommandAddArg> rules;
+  std::unordered_set<std::string> rules;
   for (const auto& rule : config.rules()) {
     checkGate(rule.gate());
-    rules[fields_.key(rule.fields())] = rule;
+    rules.insert(fields_.key(rule.fields()));
   }
   rules_ = std::move(rules);
   defaultGate_ = gateCut(config.default_gate());

@@ -3,6 +3,7 @@
 #include <map>
 #include <set>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include <bess/pb/service.pb.h>
@@ -50,7 +51,7 @@ class ExactMatchState : public ModuleState {
 
  private:
   MatchFields fields_;
-  std::map<std::string, bess::pb::ExactMatchCommandAddArg> rules_;
+  std::unordered_set<std::string> rules_;  // Their keys: nothing asks for a rule's gate.
   std::uint64_t defaultGate_ = gateLimit;
 };
 

@@ -67,7 +67,7 @@ void Service::load(const std::string& text) {
   Journal journal;
   std::istringstream lines(text);
   std::string line;
-  for (int number = 1; std::getline(lines, line); ++number) {
+  for (int at = 1; std::getline(lines, line); ++at) {
     if (line.find_first_not_of(" \t\r") == std::string::npos) continue;
     try {
       const nlohmann::json call = nlohmann::json::parse(line);
@@ -80,15 +80,14 @@ void Service::load(const std::string& text) {
     fromLine(call, in);                                    \
     known = true;                                          \
     if (std::strcmp(#name, "killBess") != 0) {             \
-      journal.note(#name, in);                             \
+      journal.note(number, in);                            \
       apply(*daemon, &Daemon::name, in, out);              \
     }                                                      \
   }
 #include <Norv/GrpcRequests.def>
       if (!known) throw std::invalid_argument("no request is called '" + type + "'");
     } catch (const std::exception& error) {
-      throw std::invalid_argument("line " + std::to_string(number) +
-                                  " is no call: " + error.what());
+      throw std::invalid_argument("line " + std::to_string(at) + " is no call: " + error.what());
     }
   }
   const std::lock_guard lock(mutex_);

@@ -28,7 +28,7 @@ class Service final : public bess::pb::BESSControl::Service {
 #define NORV_REQUEST(number, name, rpc, request, response)                    \
   grpc::Status rpc(grpc::ServerContext* context, const bess::pb::request* in, \
                    bess::pb::response* out) override {                        \
-    return answer(#name, &Daemon::name, *context, *in, *out);                 \
+    return answer(number, #name, &Daemon::name, *context, *in, *out);         \
   }
 #include <Norv/GrpcRequests.def>
 
@@ -50,18 +50,18 @@ class Service final : public bess::pb::BESSControl::Service {
   using Handler = void (Daemon::*)(const Request&, Response&);
 
   template <class Request, class Response>
-  grpc::Status answer(const char* rpc, Handler<Request, Response> handler,
+  grpc::Status answer(int number, const char* rpc, Handler<Request, Response> handler,
                       grpc::ServerContext& context, const Request& in, Response& out) {
     const auto begin = std::chrono::steady_clock::now();
     keepPace(context);
     const std::optional<Faults::Strike> strike = faults_.strike(rpc, in);
     grpc::Status status;
     if (!strike) {
-      status = run(rpc, handler, in, out);
+      status = run(number, handler, in, out);
     } else if (strikesBefore(*strike, context)) {
       status = refusedBy(strike->fault, out);
     } else {
-      status = run(rpc, handler, in, out);
+      status = run(number, handler, in, out);
       status = spoil(strike->fault, context, out, status);
     }
     if (log_ != nullptr) log(rpc, in, out.error(), status, strike, begin);
@@ -69,13 +69,13 @@ class Service final : public bess::pb::BESSControl::Service {
   }
 
   template <class Request, class Response>
-  grpc::Status run(const char* rpc, Handler<Request, Response> handler, const Request& in,
+  grpc::Status run(int number, Handler<Request, Response> handler, const Request& in,
                    Response& out) {
     if constexpr (std::is_same_v<Request, bess::pb::MacAddressRequest>) {
       if (options_.strictDaemon) return {grpc::StatusCode::UNIMPLEMENTED, ""};
     }
     const std::lock_guard lock(mutex_);
-    journal_.note(rpc, in);
+    journal_.note(number, in);
     return apply(*daemon_, handler, in, out);
   }
 
