@@ -8,6 +8,7 @@
 
 #include <bess/pb/service.pb.h>
 
+#include "ActiveWorkers.h"
 #include "Pipeline.h"
 #include "Ports.h"
 #include "TrafficClasses.h"
@@ -55,9 +56,6 @@ class Daemon {
   void place(TrafficNode& node, const bess::pb::TrafficClass& wanted);
   // The class that a request names by its name or by module and task.
   TrafficNode& trafficClassNamed(const bess::pb::TrafficClass& wanted) const;
-  // Finds out for each module which workers' tasks reach it. The daemon does not do so at each
-  // change, and goes by what it found last.
-  void findActiveWorkers();
   bool activeInRunningWorker(const Module& module) const;
   Port& portForStatus(const std::string& name) const;
 
@@ -66,6 +64,7 @@ class Daemon {
   Pipeline pipeline_{ports_};
   Workers workers_;
   TrafficClasses classes_;
+  ActiveWorkers active_;
   std::set<std::string> plugins_;
   std::set<std::string> unloadedPlugins_;
 };

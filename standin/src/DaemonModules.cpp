@@ -107,6 +107,7 @@ void Daemon::createModule(const bess::pb::CreateModuleRequest& request,
 
 void Daemon::destroyModuleNamed(const std::string& name) {
   Module& module = pipeline_.existing(name);
+  if (module.tasks() > 0 || !module.inputs.empty() || !module.outputs.empty()) active_.takenAway();
   classes_.removeLeaves(module.name);
   pipeline_.destroy(module);
 }
@@ -136,20 +137,22 @@ void Daemon::getModuleInfo(const bess::pb::GetModuleInfoRequest& request, Info& 
 
 void Daemon::connectModules(const bess::pb::ConnectModulesRequest& request,
                             bess::pb::EmptyResponse&) {
-  const Module& from = pipeline_.existing(request.m1());
-  const Module& to = pipeline_.existing(request.m2());
+  Module& from = pipeline_.existing(request.m1());
+  Module& to = pipeline_.existing(request.m2());
   std::optional<Pause> pause;
   if (workers_.anyRunning()) {
-    findActiveWorkers();
+    active_.find(pipeline_, classes_);
     if (activeInRunningWorker(from) || activeInRunningWorker(to)) pause.emplace(*this);
   }
   pipeline_.connect(request);
+  active_.connected(from, to);
 }
 
 void Daemon::disconnectModules(const bess::pb::DisconnectModulesRequest& request,
                                bess::pb::EmptyResponse&) {
   const Pause pause(*this);
   pipeline_.disconnect(request);
+  active_.takenAway();
 }
 
 void Daemon::moduleCommand(const bess::pb::CommandRequest& request,
@@ -170,6 +173,7 @@ void Daemon::moduleCommand(const bess::pb::CommandRequest& request,
     throw Refusal(EBUSY,
                   "There is a running worker and command '" + request.cmd() + "' is not MT safe");
   command->handler(*module.state, request.arg(), response);
+  pipeline_.attributesChanged(module);
 }
 
 void Daemon::configureGateHook(const bess::pb::ConfigureGateHookRequest& request,

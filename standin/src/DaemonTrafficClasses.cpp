@@ -38,7 +38,7 @@ void fill(bess::pb::ListTcsResponse::TrafficClassStatus& status, const TrafficNo
 bool fed(const Module& module) {
   for (const auto& [number, gate] : module.inputs)
     for (const auto& source : gate.sources)
-      if (source.first != &module && !source.first->activeWorkers.empty()) return true;
+      if (source.first != &module && source.first->activeWorkers.any()) return true;
   return false;
 }
 
@@ -110,6 +110,7 @@ void Daemon::updateTcParent(const bess::pb::UpdateTcParentRequest& request,
   TrafficNode& node = trafficClassNamed(request.class_());
   const int formerWorker = node.worker;
   classes_.detach(node);
+  active_.takenAway();
   place(node, request.class_());
   if (formerWorker >= 0) classes_.dropNeedlessTop(formerWorker);
 }
@@ -122,34 +123,22 @@ void Daemon::getTcStats(const bess::pb::GetTcStatsRequest& request,
   response.set_timestamp(now());
 }
 
-void Daemon::findActiveWorkers() {
-  for (const auto& [name, module] : pipeline_.all()) module->activeWorkers.clear();
-  for (const auto& entry : workers_.all())
-    classes_.forEachLeaf(entry.first, [&](const TrafficNode& leaf) {
-      Module* start = pipeline_.find(leaf.leafModule);
-      if (start == nullptr) return;
-      Pipeline::forEachReached(*start,
-                               [&](Module& reached) { reached.activeWorkers.insert(entry.first); });
-    });
-}
-
 bool Daemon::activeInRunningWorker(const Module& module) const {
-  return std::any_of(module.activeWorkers.begin(), module.activeWorkers.end(),
-                     [this](int worker) { return workers_.running(worker); });
+  return (module.activeWorkers & workers_.running()).any();
 }
 
 void Daemon::checkSchedulingConstraints(const bess::pb::EmptyRequest&,
                                         bess::pb::CheckSchedulingConstraintsResponse& response) {
   if (!workers_.anyRunning()) attachLeaves();
-  findActiveWorkers();
+  active_.find(pipeline_, classes_);
   for (const auto& [name, module] : pipeline_.all()) {
     const ModuleClass& moduleClass = *module->moduleClass;
     // A task that passes packets on has nothing to do while nobody hands it any.
     const bool starved = module->tasks() > 0 && moduleClass.inputGates > 0 &&
-                         !module->activeWorkers.empty() && !fed(*module);
+                         module->activeWorkers.any() && !fed(*module);
     const bool crowded =
         moduleClass.maxWorkers > 0 &&
-        module->activeWorkers.size() > static_cast<std::size_t>(moduleClass.maxWorkers);
+        module->activeWorkers.count() > static_cast<std::size_t>(moduleClass.maxWorkers);
     if (starved || crowded) response.add_modules()->set_name(name);
     if (crowded) response.set_fatal(true);
   }

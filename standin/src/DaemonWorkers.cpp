@@ -12,11 +12,12 @@ void Daemon::launchFirstWorker() {
 }
 
 void Daemon::attachLeaves() {
-  classes_.attachWaiting([this] {
+  const auto anyWorker = [this] {
     if (!workers_.empty()) return workers_.next();
     launchFirstWorker();  // It is nobody's turn yet.
     return 0;
-  });
+  };
+  classes_.attachWaiting(anyWorker, [this](const TrafficNode& leaf) { active_.attached(leaf); });
 }
 
 void Daemon::pauseAll(const bess::pb::EmptyRequest&, bess::pb::EmptyResponse&) {
@@ -40,6 +41,7 @@ void Daemon::resumeAll(const bess::pb::EmptyRequest&, bess::pb::EmptyResponse&) 
 void Daemon::resetWorkers(const bess::pb::EmptyRequest&, bess::pb::EmptyResponse&) {
   for (const auto& entry : workers_.all()) classes_.dropTree(entry.first);
   workers_.clear();
+  active_.takenAway();
 }
 
 void Daemon::listWorkers(const bess::pb::EmptyRequest&, bess::pb::ListWorkersResponse& response) {

@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <string_view>
+#include <unordered_set>
 
 #include "Arg.h"
 #include "Refusal.h"
@@ -47,9 +49,11 @@ bool taken(const std::vector<GateHook>& hooks, const std::string& name) {
 }
 
 std::string freeName(const std::vector<GateHook>& hooks, const std::string& prefix) {
+  std::unordered_set<std::string_view> names;
+  for (const GateHook& hook : hooks) names.insert(hook.name);
   for (unsigned i = 0;; ++i) {
-    const std::string name = prefix + std::to_string(i);
-    if (!taken(hooks, name)) return name;
+    std::string name = prefix + std::to_string(i);
+    if (names.count(name) == 0) return name;
   }
 }
 

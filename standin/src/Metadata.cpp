@@ -128,11 +128,11 @@ void store(const Scope& scope) {
 }  // namespace
 
 void assignMetadata(const Pipeline& pipeline) {
-  for (const auto& [name, module] : pipeline.all())
+  for (const auto& [name, module] : pipeline.withMetadata())
     for (Attribute& attribute : module->state->attributes) attribute.offset = readFromNobody;
 
   std::vector<Scope> placed;
-  for (const auto& [name, module] : pipeline.all())
+  for (const auto& [name, module] : pipeline.withMetadata())
     for (const Attribute& attribute : module->state->attributes) {
       // A writer whose attribute an earlier scope has settled is done.
       if (!writes(attribute) || attribute.offset != readFromNobody) continue;

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <set>
 
 #include "Refusal.h"
 
@@ -43,6 +42,7 @@ Module& Pipeline::create(const bess::pb::CreateModuleRequest& request) {
   module->moduleClass = moduleClass;
   module->state = moduleClass->create(request.arg(), ports_);
   module->state->initialArg = request.arg();
+  attributesChanged(*module);
   return *(modules_[module->name] = std::move(module));
 }
 
@@ -64,6 +64,7 @@ void Pipeline::destroy(Module& module) {
     free(*source.first, source.second);
   }
   names_.freed(module.name);
+  withMetadata_.erase(module.name);
   modules_.erase(module.name);
 }
 
@@ -91,19 +92,6 @@ void Pipeline::disconnect(const bess::pb::DisconnectModulesRequest& request) {
   if (output >= module.moduleClass->outputGates)
     throw Refusal(EINVAL, "Disconnection " + module.name + ":" + gateText(output) + " failed");
   free(module, output);
-}
-
-void Pipeline::forEachReached(Module& start, const std::function<void(Module&)>& visit) {
-  std::set<Module*> seen = {&start};
-  std::vector<Module*> open = {&start};
-  while (!open.empty()) {
-    Module& module = *open.back();
-    open.pop_back();
-    visit(module);
-    if (&module != &start && module.tasks() > 0) continue;
-    for (const auto& [number, gate] : module.outputs)
-      if (seen.insert(gate.target).second) open.push_back(gate.target);
-  }
 }
 
 }  // namespace Standin

@@ -1,10 +1,8 @@
 #pragma once
 
 #include <cstdint>
-#include <functional>
 #include <map>
 #include <memory>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -12,6 +10,7 @@
 
 #include "AutomaticNames.h"
 #include "ModuleClass.h"
+#include "Workers.h"
 
 namespace Standin {
 
@@ -43,7 +42,7 @@ struct Module {
   std::unique_ptr<ModuleState> state;
   std::map<std::uint16_t, InputGate> inputs;
   std::map<std::uint16_t, OutputGate> outputs;
-  std::set<int> activeWorkers;  // Whose tasks reached it when the daemon last looked.
+  WorkerSet activeWorkers;  // Whose tasks reached it when the daemon last looked.
 
   int tasks() const { return state->tasks() >= 0 ? state->tasks() : moduleClass->tasks; }
 };
@@ -62,19 +61,23 @@ class Pipeline {
   void disconnect(const bess::pb::DisconnectModulesRequest& request);
 
   const Modules& all() const { return modules_; }
+  // Those that read or write metadata, by name.
+  const std::map<std::string, Module*>& withMetadata() const { return withMetadata_; }
+  // To be told of a module that may have got attributes.
+  void attributesChanged(Module& module) {
+    if (!module.state->attributes.empty()) withMetadata_[module.name] = &module;
+  }
   // Null when there is none of that name.
   Module* find(const std::string& name) const;
   // Refuses with ENOENT when there is none of that name.
   Module& existing(const std::string& name) const;
-  // Calls `visit` once for each module that a task of `start` reaches, `start` included; a module
-  // with tasks of its own is reached, and what is behind it is not.
-  static void forEachReached(Module& start, const std::function<void(Module&)>& visit);
 
  private:
   void free(Module& module, std::uint16_t outputGate);
 
   Ports& ports_;
   Modules modules_;
+  std::map<std::string, Module*> withMetadata_;
   AutomaticNames names_;
 };
 

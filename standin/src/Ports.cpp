@@ -168,11 +168,6 @@ Port* Ports::find(const std::string& name) const {
   return found == ports_.end() ? nullptr : found->second.get();
 }
 
-bool Ports::deviceNumberInUse(std::uint64_t number) const {
-  return std::any_of(devices_.begin(), devices_.end(),
-                     [number](const auto& entry) { return entry.second == number; });
-}
-
 std::string Ports::randomMac() {
   // Locally administered, not a group address.
   const auto bits = static_cast<std::int64_t>(random_() >> 16);
@@ -208,9 +203,9 @@ Port& Ports::create(const bess::pb::CreatePortRequest& request) {
   port->incUsed.resize(inc);
   port->outUsed.resize(out);
   if (!port->device.empty()) {
-    std::uint64_t number = 0;
-    while (deviceNumberInUse(number)) ++number;
-    devices_[port->device] = number;
+    while (deviceNumberInUse(lowestNumber_)) ++lowestNumber_;
+    devices_[port->device] = lowestNumber_;
+    deviceNumbers_.insert(lowestNumber_);
   }
   return *(ports_[port->name] = std::move(port));
 }
@@ -219,7 +214,12 @@ void Ports::destroy(const std::string& name) {
   if (name.empty()) throw Refusal(EINVAL, "Argument must be a name in str");
   const Port& port = existing(*this, name);
   if (port.busy()) throw Refusal(EBUSY, "Device or resource busy");
-  devices_.erase(port.device);
+  const auto device = devices_.find(port.device);
+  if (device != devices_.end()) {
+    lowestNumber_ = std::min(lowestNumber_, device->second);
+    deviceNumbers_.erase(device->second);
+    devices_.erase(device);
+  }
   names_.freed(name);
   ports_.erase(name);
 }

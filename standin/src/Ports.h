@@ -94,13 +94,15 @@ class Ports {
 
   // For the drivers: devices by name, with a number that stays while the port lives.
   bool deviceInUse(const std::string& device) const { return devices_.count(device) > 0; }
-  bool deviceNumberInUse(std::uint64_t number) const;
+  bool deviceNumberInUse(std::uint64_t number) const { return deviceNumbers_.count(number) > 0; }
 
  private:
   std::string randomMac();
 
   std::map<std::string, std::unique_ptr<Port>> ports_;
   std::map<std::string, std::uint64_t> devices_;
+  std::set<std::uint64_t> deviceNumbers_;
+  std::uint64_t lowestNumber_ = 0;  // None below it is free.
   AutomaticNames names_;
   std::mt19937_64 random_{std::random_device{}()};
 };

@@ -36,17 +36,14 @@ void setLimits(TrafficNode& node, const bess::pb::TrafficClass& wanted) {
 }
 
 // Sets what the parent's policy wants of a child; refuses when the parent cannot take it.
-void placeBelow(const TrafficNode& parent, TrafficNode& node,
-                const bess::pb::TrafficClass& wanted) {
+void placeBelow(TrafficNode& parent, TrafficNode& node, const bess::pb::TrafficClass& wanted) {
   if (parent.leaf()) throw Refusal(EPERM, "Parent tc doesn't support children");
   if (parent.policy == "priority") {
     if (wanted.arg_case() != bess::pb::TrafficClass::kPriority)
       throw Refusal(EINVAL, "No priority specified");
     const auto priority = static_cast<std::uint32_t>(wanted.priority());
     if (priority == reservedPriority) throw Refusal(EINVAL, "Priority -1 is reserved");
-    if (std::any_of(parent.children.begin(), parent.children.end(),
-                    [&](const TrafficNode* child) { return child->priority == priority; }))
-      throw Refusal(EINVAL, "AddChild() failed");
+    if (!parent.priorities.insert(priority).second) throw Refusal(EINVAL, "AddChild() failed");
     node.priority = priority;
   } else if (parent.policy == "weighted_fair") {
     if (wanted.arg_case() != bess::pb::TrafficClass::kShare)
@@ -67,6 +64,12 @@ template <class Node, class Visit>
 void forEachNode(Node& node, const Visit& visit) {
   visit(node);
   for (TrafficNode* child : node.children) forEachNode<Node>(*child, visit);
+}
+
+void forEachLeaf(const TrafficNode& top, const std::function<void(const TrafficNode&)>& visit) {
+  forEachNode(top, [&](const TrafficNode& node) {
+    if (node.leaf()) visit(node);
+  });
 }
 
 void setWorker(TrafficNode& node, int worker) {
@@ -94,6 +97,7 @@ void TrafficClasses::leavePlace(TrafficNode& node) {
   if (node.row != nullptr) node.row->erase(node.place);
   const auto root = roots_.find(node.worker);
   if (root != roots_.end() && root->second == &node) roots_.erase(root);
+  if (node.parent != nullptr) node.parent->priorities.erase(node.priority);
   node.row = nullptr;
   node.parent = nullptr;
   setWorker(node, -1);
@@ -211,11 +215,13 @@ void TrafficClasses::leaveWaiting(TrafficNode& node, int wantedWorker) {
   enter(node, waiting_);
 }
 
-void TrafficClasses::attachWaiting(const std::function<int()>& anyWorker) {
+void TrafficClasses::attachWaiting(const std::function<int()>& anyWorker,
+                                   const std::function<void(const TrafficNode&)>& attached) {
   while (!waiting_.empty()) {
     TrafficNode& node = *waiting_.front();
     leavePlace(node);
     attachToWorker(node, node.wantedWorker >= 0 ? node.wantedWorker : anyWorker());
+    forEachLeaf(node, attached);
   }
 }
 
@@ -262,7 +268,9 @@ const TrafficNode* TrafficClasses::leafIn(int worker) const {
   for (const auto& [name, node] : listed_)
     if (node->leaf() && node->worker == worker) return node;
   const TrafficNode* any = nullptr;  // It may be one that reset has taken the name from.
-  forEachLeaf(worker, [&](const TrafficNode& leaf) { any = &leaf; });
+  const auto root = roots_.find(worker);
+  if (root != roots_.end())
+    forEachLeaf(*root->second, [&](const TrafficNode& leaf) { any = &leaf; });
   return any;
 }
 
@@ -273,13 +281,18 @@ std::int64_t TrafficClasses::count(int worker) const {
   return nodes;
 }
 
-void TrafficClasses::forEachLeaf(int worker,
-                                 const std::function<void(const TrafficNode&)>& visit) const {
-  const auto root = roots_.find(worker);
-  if (root == roots_.end()) return;
-  forEachNode(*root->second, [&](const TrafficNode& node) {
-    if (node.leaf()) visit(node);
-  });
+void TrafficClasses::forEachAttachedLeaf(
+    const std::function<void(const TrafficNode&)>& visit) const {
+  for (const auto& [worker, root] : roots_) forEachLeaf(*root, visit);
+}
+
+WorkerSet TrafficClasses::workersOf(const std::string& module) const {
+  WorkerSet workers;
+  const auto leaves = tasks_.find(module);
+  if (leaves == tasks_.end()) return workers;
+  for (const TrafficNode* leaf : leaves->second)
+    if (leaf != nullptr && leaf->worker >= 0) workers.set(static_cast<std::size_t>(leaf->worker));
+  return workers;
 }
 
 void TrafficClasses::forEachListed(int worker,

@@ -6,9 +6,12 @@
 #include <map>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include <bess/pb/service.pb.h>
+
+#include "Workers.h"
 
 namespace Standin {
 
@@ -28,6 +31,7 @@ struct TrafficNode {
 
   TrafficNode* parent = nullptr;
   std::list<TrafficNode*> children;
+  std::unordered_set<std::int64_t> priorities;  // Of the children of a priority node.
   // The list that the node stands in, its parent's children or those that wait, and where; null
   // when it is a root or in no place.
   std::list<TrafficNode*>* row = nullptr;
@@ -64,8 +68,9 @@ class TrafficClasses {
   void lose(TrafficNode& node);
   bool anyWaiting() const { return !waiting_.empty(); }
   // Gives each waiting node to the worker that it wants, or else to the one that `anyWorker`
-  // answers.
-  void attachWaiting(const std::function<int()>& anyWorker);
+  // answers; calls `attached` for each leaf that so gets a worker.
+  void attachWaiting(const std::function<int()>& anyWorker,
+                     const std::function<void(const TrafficNode&)>& attached);
   // Ends the round robin that was put on top of a worker's roots when it has one child left, which
   // takes its place, or none.
   void dropNeedlessTop(int worker);
@@ -81,7 +86,9 @@ class TrafficClasses {
   // Nodes in a worker's tree.
   std::int64_t count(int worker) const;
   // Calls `visit` for every leaf in a worker's tree.
-  void forEachLeaf(int worker, const std::function<void(const TrafficNode&)>& visit) const;
+  void forEachAttachedLeaf(const std::function<void(const TrafficNode&)>& visit) const;
+  // The workers that the module's tasks are with.
+  WorkerSet workersOf(const std::string& module) const;
   // Calls `visit` for every listed node of the worker, or of all when it is negative: siblings
   // stand together in their order, and a node without parent stands after its children.
   void forEachListed(int worker, const std::function<void(const TrafficNode&)>& visit) const;

@@ -45,6 +45,12 @@ bool Workers::anyRunning() const {
                      [](const auto& entry) { return entry.second.running; });
 }
 
+std::bitset<Workers::limit> Workers::running() const {
+  std::bitset<limit> ids;
+  for (const auto& [id, worker] : workers_) ids.set(static_cast<std::size_t>(id), worker.running);
+  return ids;
+}
+
 int Workers::next() {
   while (!exists(turn_)) turn_ = (turn_ + 1) % limit;
   const int id = turn_;

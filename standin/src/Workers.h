@@ -1,5 +1,6 @@
 #pragma once
 
+#include <bitset>
 #include <cstdint>
 #include <map>
 #include <string>
@@ -31,15 +32,19 @@ class Workers {
   bool empty() const { return workers_.empty(); }
   bool exists(std::int64_t id) const { return workers_.count(static_cast<int>(id)) > 0; }
   bool anyRunning() const;
-  bool running(int id) const { return exists(id) && workers_.at(id).running; }
   const std::map<int, Worker>& all() const { return workers_; }
   // Whose turn it is; the turn goes on, whatever happens to the workers. There must be one.
   int next();
+  // Those that run.
+  std::bitset<limit> running() const;
 
  private:
   int cores_;
   int turn_ = 0;
   std::map<int, Worker> workers_;
 };
+
+// Workers by their ids.
+using WorkerSet = std::bitset<Workers::limit>;
 
 }  // namespace Standin

@@ -32,7 +32,7 @@ class StandinProperties : public StandinTest::StandinFixture,
     static const char* const classes[] = {"Source", "Sink",  "Bypass",
                                           "Queue",  "Merge", "RoundRobin"};
     static const char* const policies[] = {"priority", "round_robin", "weighted_fair"};
-    switch (draw(12)) {
+    switch (draw(14)) {
       case 0:
       case 1: {
         CreateModuleRequest request;
@@ -74,6 +74,13 @@ class StandinProperties : public StandinTest::StandinFixture,
         request.mutable_class_()->set_priority(draw(3));
         request.mutable_class_()->set_wid(static_cast<std::int64_t>(draw(4)) - 1);
         return call(&Stub::AddTc, request).error().code();
+      }
+      case 11:
+        return ask(&Stub::ResumeAll).error().code();
+      case 12: {
+        PauseWorkerRequest request;
+        request.set_wid(draw(4));
+        return call(&Stub::PauseWorker, request).error().code();
       }
       default: {
         UpdateTcParentRequest request;
@@ -151,6 +158,49 @@ class StandinProperties : public StandinTest::StandinFixture,
     for (const auto& [worker, rest] : counted) EXPECT_EQ(rest, 0) << "worker " << worker;
   }
 
+  // A command that is not for running workers is refused just where the tasks of one lead. The
+  // daemon finds that out when it is asked to check.
+  void expectCommandsRefusedWhereWorkersRun() {
+    ask(&Stub::CheckSchedulingConstraints);
+    std::set<std::int64_t> running;
+    const auto workers = ask(&Stub::ListWorkers);
+    for (const auto& worker : workers.workers_status())
+      if (worker.running()) running.insert(worker.wid());
+    const auto all = infos();
+    std::set<std::string> withTasks, reached;
+    for (const auto& [name, info] : all)
+      if (info.mclass() == "Source" || info.mclass() == "Queue") withTasks.insert(name);
+    for (const auto& status : trafficClasses()) {
+      const std::string& start = status.class_().leaf_module_name();
+      if (start.empty() || running.count(status.class_().wid()) == 0) continue;
+      std::vector<std::string> open = {start};
+      std::set<std::string> seen = {start};
+      while (!open.empty()) {
+        const std::string name = open.back();
+        open.pop_back();
+        reached.insert(name);
+        if (name != start && withTasks.count(name) > 0) continue;
+        for (const auto& gate : all.at(name).ogates())
+          if (seen.insert(gate.name()).second) open.push_back(gate.name());
+      }
+    }
+    for (const auto& [name, info] : all) {
+      CommandRequest request;
+      request.set_name(name);
+      request.set_cmd(info.mclass() == "Queue" ? "set_size" : "set_gates");
+      if (info.mclass() == "Queue") {
+        QueueCommandSetSizeArg size;
+        size.set_size(64);
+        request.mutable_arg()->PackFrom(size);
+      } else if (info.mclass() != "RoundRobin") {
+        continue;
+      }
+      EXPECT_EQ(call(&Stub::ModuleCommand, request).error().code(),
+                reached.count(name) > 0 ? EBUSY : 0)
+          << name;
+    }
+  }
+
   // A port that a module uses cannot go, and one that no module uses can.
   void expectBusyPorts() {
     std::set<std::string> used;
@@ -179,6 +229,7 @@ TEST_P(StandinProperties, HoldAfterEachOfManyRandomCalls) {
     const auto all = infos();
     expectSymmetry(all);
     expectPlaces(all);
+    if (i % 10 == 9) expectCommandsRefusedWhereWorkersRun();
   }
   expectBusyPorts();
 }
