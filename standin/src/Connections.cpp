@@ -72,32 +72,39 @@ bool listens(int descriptor) {
          listening != 0;
 }
 
+bool isUnix(const std::string& name) {
+  return name.rfind("unix:", 0) == 0;
+}
+
+// unix:///PATH is another way to write unix:/PATH.
+std::string unixName(const std::string& address) {
+  return address.rfind("unix:///", 0) == 0 ? "unix:" + address.substr(7) : address;
+}
+
 std::string portOf(const std::string& address) {
   return address.substr(address.rfind(':') + 1);
 }
 
 }  // namespace
 
-bool hangUp(const std::string& peer) {
-  const std::string name = withoutScheme(peer);
+bool hangUp(const std::string& peer, const std::string& address) {
+  const bool unixSocket = isUnix(peer);
+  const std::string name = unixSocket ? unixName(address) : withoutScheme(peer);
   bool found = false;
   forEachSocket([&](int descriptor) {
-    if (listens(descriptor) || name.empty()) return;
-    // The other end of a unix socket has no name; all of the socket's clients go.
-    const bool unixSocket = name.rfind("unix:", 0) == 0;
-    const std::string other = nameOf(descriptor, unixSocket ? getsockname : getpeername);
-    if (other.empty() || (unixSocket ? other.rfind("unix:", 0) != 0 : other != name)) return;
+    if (listens(descriptor)) return;
+    if (nameOf(descriptor, unixSocket ? getsockname : getpeername) != name) return;
     found = shutdown(descriptor, SHUT_RDWR) == 0 || found;
   });
   return found;
 }
 
 void stopListening(const std::string& address) {
-  const bool unixSocket = address.rfind("unix:", 0) == 0;
+  const bool unixSocket = isUnix(address);
   forEachSocket([&](int descriptor) {
     if (!listens(descriptor)) return;
     const std::string name = nameOf(descriptor, getsockname);
-    if (unixSocket ? name == address : portOf(name) == portOf(address))
+    if (unixSocket ? name == unixName(address) : portOf(name) == portOf(address))
       shutdown(descriptor, SHUT_RD);
   });
 }

@@ -7,9 +7,10 @@
 
 namespace Standin {
 
-// Closes the connection whose other end is `peer`, in gRPC's form. False when there is none, as
-// with a client in this process.
-bool hangUp(const std::string& peer);
+// Closes the connection whose other end is `peer`, in gRPC's form; clients of a unix socket have no
+// names, so that all connections go that were made at `address`. False when there is none, as with
+// a client in this process.
+bool hangUp(const std::string& peer, const std::string& address);
 // Closes what listens at the address, in gRPC's form; connections stay.
 void stopListening(const std::string& address);
 

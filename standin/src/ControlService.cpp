@@ -35,6 +35,23 @@ grpc::Status ControlService::ClearFaults(grpc::ServerContext*, const standin::No
   return grpc::Status::OK;
 }
 
+grpc::Status ControlService::SetPace(grpc::ServerContext*, const standin::Pace* wanted,
+                                     standin::Pace* answer) {
+  Pace pace = service_.pace();
+  try {
+    if (wanted->has_latency()) pace.latencyIs(wanted->latency());
+    if (wanted->has_rate()) pace.rateIs(wanted->rate());
+  } catch (const std::invalid_argument& error) {
+    return {grpc::StatusCode::INVALID_ARGUMENT, error.what()};
+  }
+  if (wanted->has_latency() || wanted->has_rate()) service_.paceIs(pace);
+  answer->set_latency(
+      std::to_string(pace.latencyMs) +
+      (pace.maxLatencyMs > pace.latencyMs ? ".." + std::to_string(pace.maxLatencyMs) : ""));
+  answer->set_rate(pace.rate);
+  return grpc::Status::OK;
+}
+
 grpc::Status ControlService::Dump(grpc::ServerContext*, const standin::Nothing*,
                                   standin::State* state) {
   try {

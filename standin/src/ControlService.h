@@ -17,6 +17,8 @@ class ControlService final : public standin::Control::Service {
                           standin::Faults* answer) override;
   grpc::Status ClearFaults(grpc::ServerContext*, const standin::Nothing*,
                            standin::Nothing*) override;
+  grpc::Status SetPace(grpc::ServerContext*, const standin::Pace* wanted,
+                       standin::Pace* answer) override;
   grpc::Status Dump(grpc::ServerContext*, const standin::Nothing*, standin::State* state) override;
   grpc::Status Load(grpc::ServerContext*, const standin::State* state, standin::Nothing*) override;
 

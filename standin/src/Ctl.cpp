@@ -3,6 +3,7 @@
 #include <grpcpp/grpcpp.h>
 #include <standin/control.grpc.pb.h>
 
+#include <charconv>
 #include <chrono>
 #include <fstream>
 #include <iostream>
@@ -35,6 +36,22 @@ void show(const standin::Faults& faults) {
     std::cout << fault.injected() << " of " << fault.matched() << "  " << fault.rule() << '\n';
 }
 
+void show(const standin::Pace& pace) {
+  std::cout << "latency " << pace.latency() << " ms, rate ";
+  if (pace.rate() == 0)
+    std::cout << "unlimited\n";
+  else
+    std::cout << pace.rate() << " per second\n";
+}
+
+double number(const std::string& text) {
+  double value = 0;
+  const auto [at, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (error != std::errc() || at != text.data() + text.size())
+    throw std::runtime_error("'" + text + "' is no number");
+  return value;
+}
+
 std::string contentOf(const std::string& path) {
   std::ifstream file(path);
   if (!file) throw std::runtime_error("cannot read " + path);
@@ -60,6 +77,16 @@ int control(const std::string& address, const std::vector<std::string>& words) {
     show(ask(*stub, address, &Stub::AddFaults, request));
   } else if (command == "clear" && words.size() == 1) {
     ask(*stub, address, &Stub::ClearFaults, standin::Nothing());
+  } else if (command == "pace" && words.size() == 1) {
+    show(ask(*stub, address, &Stub::SetPace, standin::Pace()));
+  } else if (command == "latency" && words.size() == 2) {
+    standin::Pace pace;
+    pace.set_latency(words[1]);
+    show(ask(*stub, address, &Stub::SetPace, pace));
+  } else if (command == "rate" && words.size() == 2) {
+    standin::Pace pace;
+    pace.set_rate(number(words[1]));
+    show(ask(*stub, address, &Stub::SetPace, pace));
   } else if (command == "dump" && words.size() < 3) {
     const auto state = ask(*stub, address, &Stub::Dump, standin::Nothing());
     std::ofstream out;
@@ -72,8 +99,8 @@ int control(const std::string& address, const std::vector<std::string>& words) {
     ask(*stub, address, &Stub::Load, state);
   } else {
     throw std::runtime_error(
-        "ctl takes ADDRESS and one of: faults, add RULE..., clear, dump [FILE], " +
-        std::string("load FILE"));
+        "ctl takes ADDRESS and one of: faults, add RULE..., clear, pace, latency MS|MS..MS, " +
+        std::string("rate N, dump [FILE], load FILE"));
   }
   return 0;
 }

@@ -52,6 +52,12 @@ constexpr Request requests[] = {
 #include <Norv/GrpcRequests.def>
 };
 
+// Whether a module command only asks for something, as one does that a program repeats for ever.
+bool asks(const google::protobuf::Message& request) {
+  const std::string& command = static_cast<const bess::pb::CommandRequest&>(request).cmd();
+  return command.starts_with("get_") || command == "lookup";
+}
+
 std::string json(const google::protobuf::Message& message) {
   std::string text;
   return google::protobuf::util::MessageToJsonString(message, &text).ok() ? text : "";
@@ -64,7 +70,8 @@ void Journal::note(int number, const google::protobuf::Message& request) {
     // What goes on beyond a reset is little: plugins, and whose turn it is. It is kept so long as
     // there is room.
     if (full_) *this = Journal();
-  } else if (full_ || !requests[number].changes) {
+  } else if (full_ || !requests[number].changes ||
+             (number == Number::moduleCommand && asks(request))) {
     return;
   }
   calls_.push_back({number, request.SerializeAsString()});

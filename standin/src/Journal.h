@@ -11,7 +11,8 @@ namespace Standin {
 // them: they may place leaves. Not thread safe.
 class Journal {
  public:
-  // Notes a call by the request's number; those that change nothing are passed over.
+  // Notes a call by the request's number; those that change nothing, module commands that
+  // only ask among them, are passed over.
   void note(int number, const google::protobuf::Message& request);
   // A line of JSON for each call. Throws std::runtime_error when there were too many to keep.
   std::string lines() const;

@@ -352,7 +352,7 @@ constexpr ModuleClass classTable[] = {
     {"MetadataTest",       "mt_test",    gateLimit, gateLimit, 0, 1, make<MetadataTestState, MetadataTestArg>,
      noCommands, "reads and writes the metadata it is told, for tests"},  // outputs seen, inputs assumed
     {"NAT",                nullptr,      2,         2,         0, 2, make<NatState, NATArg>,
-     natCommands, "translates addresses and ports of IPv4 flows as they appear"},  // assumed
+     natCommands, "translates addresses and ports of IPv4 flows as they appear"},  // assumed, workers too
     {"NoOP",               "noop",       0,         0,         1, 0, plain,
      noCommands, "has a task that has nothing to do"},  // seen
     {"PortInc",            nullptr,      0,         1,         1, 0, makePortUser<PortIncArg, Direction::Inc>,
@@ -376,7 +376,7 @@ constexpr ModuleClass classTable[] = {
     {"Rewrite",            nullptr,      1,         1,         0, 0, make<RewriteState, RewriteArg>,
      rewriteCommands, "exchanges the whole content of packets for given ones"},  // assumed
     {"RoundRobin",         "rr",         1,         gateLimit, 0, 1, make<RoundRobinState, RoundRobinArg>,
-     roundRobinCommands, "sends to one gate after the other in turn"},  // outputs seen, inputs assumed
+     roundRobinCommands, "sends to one gate after the other in turn"},  // outputs seen, inputs assumed, workers too
     {"SetMetadata",        "setattr",    1,         1,         0, 0, make<SetMetadataState, SetMetadataArg>,
      setMetadataCommands, "gives packets metadata, fixed or copied from their bytes"},  // assumed
     {"Sink",               nullptr,      1,         0,         0, 0, plain,

@@ -241,7 +241,8 @@ void Ports::configure(Port& port, const bess::pb::PortConf& conf) {
     throw Refusal(
         EINVAL, "mtu should be >= " + std::to_string(minMtu) + " and <= " + std::to_string(maxMtu));
   if (!port.driver->configurable) throw Refusal(EOPNOTSUPP, "Operation not supported");
-  // The device stops for the change; one that fails leaves it so, with what was changed before.
+  // The device stops for the change; one that fails leaves it so (assumed), with what was changed
+  // before (seen). That the link follows the administration is assumed.
   port.linkUp = false;
   if (conf.mtu() != 0) port.conf.set_mtu(conf.mtu());
   const std::int64_t mac = macNumber(conf.mac_addr());

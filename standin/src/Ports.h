@@ -104,7 +104,7 @@ class Ports {
   std::set<std::uint64_t> deviceNumbers_;
   std::uint64_t lowestNumber_ = 0;  // None below it is free.
   AutomaticNames names_;
-  std::mt19937_64 random_{std::random_device{}()};
+  std::mt19937_64 random_;  // Not seeded: the same calls lead to the same addresses.
 };
 
 }  // namespace Standin

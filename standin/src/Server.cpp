@@ -128,6 +128,14 @@ std::vector<FaultCount> Server::faults() const {
   return impl_->service().faults().counts();
 }
 
+Pace Server::pace() const {
+  return impl_->service().pace();
+}
+
+void Server::paceIs(const Pace& pace) {
+  impl_->service().paceIs(pace);
+}
+
 std::string Server::dump() const {
   return impl_->service().dump();
 }

@@ -46,6 +46,7 @@ void fromLine(const nlohmann::json& line, Message& message) {
 Service::Service(const Options& options)
     : options_(options), daemon_(std::make_unique<Daemon>(options)) {
   for (const std::string& rule : options.faults) faults_.add(Fault::parse(rule));
+  paceIs(options.pace);
   if (options.log.empty()) return;
   log_ = options.log == "-" ? stderr : std::fopen(options.log.c_str(), "a");
   if (log_ == nullptr)
@@ -101,31 +102,49 @@ void Service::stopWaiting() {
   waitCondition_.notify_all();
 }
 
-void Service::waitUntil(std::chrono::steady_clock::time_point end, grpc::ServerContext& context) {
+void Service::waitUntil(std::chrono::steady_clock::time_point end, grpc::ServerContext& context,
+                        const std::function<bool()>& over) {
   std::unique_lock lock(waitMutex_);
-  while (!stopping_ && std::chrono::steady_clock::now() < end && !context.IsCancelled())
+  while (!stopping_ && !over() && std::chrono::steady_clock::now() < end && !context.IsCancelled())
     waitCondition_.wait_until(lock, std::min(end, std::chrono::steady_clock::now() + glance));
 }
 
+Pace Service::pace() const {
+  const std::lock_guard lock(waitMutex_);
+  return pace_;
+}
+
+void Service::paceIs(const Pace& pace) {
+  const std::lock_guard lock(waitMutex_);
+  pace_ = pace;
+  paced_.store(pace.rate > 0 || pace.latencyMs > 0 || pace.maxLatencyMs > 0,
+               std::memory_order_relaxed);
+  nextTurn_ = {};
+  ++paces_;
+  waitCondition_.notify_all();
+}
+
 void Service::keepPace(grpc::ServerContext& context) {
-  if (options_.rate <= 0 && options_.latencyMs == 0 && options_.maxLatencyMs == 0) return;
+  if (!paced_.load(std::memory_order_relaxed)) return;
   const auto now = std::chrono::steady_clock::now();
   auto end = now;
+  int set = 0;
   {
     const std::lock_guard lock(waitMutex_);
-    if (options_.rate > 0) {
+    set = paces_;
+    if (pace_.rate > 0) {
       end = std::max(now, nextTurn_);
-      nextTurn_ = end + std::chrono::nanoseconds(static_cast<std::int64_t>(1e9 / options_.rate));
+      nextTurn_ = end + std::chrono::nanoseconds(static_cast<std::int64_t>(1e9 / pace_.rate));
     }
-    const std::uint32_t most = std::max(options_.latencyMs, options_.maxLatencyMs);
+    const std::uint32_t most = std::max(pace_.latencyMs, pace_.maxLatencyMs);
     end += std::chrono::milliseconds(
-        std::uniform_int_distribution<std::uint32_t>(options_.latencyMs, most)(random_));
+        std::uniform_int_distribution<std::uint32_t>(pace_.latencyMs, most)(random_));
   }
-  waitUntil(end, context);
+  waitUntil(end, context, [&] { return set != paces_; });
 }
 
 void Service::hangUp(grpc::ServerContext& context) {
-  if (!Standin::hangUp(context.peer())) context.TryCancel();
+  if (!Standin::hangUp(context.peer(), address_)) context.TryCancel();
 }
 
 bool Service::strikesBefore(const Faults::Strike& strike, grpc::ServerContext& context) {

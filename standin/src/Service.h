@@ -2,10 +2,14 @@
 
 #include <Standin/Server.h>
 
+#include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdio>
+#include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <random>
 #include <string>
 
@@ -35,6 +39,8 @@ class Service final : public bess::pb::BESSControl::Service {
   Faults& faults() {
     return faults_;
   }
+  Pace pace() const;
+  void paceIs(const Pace& pace);
   std::string dump() const;
   // Throws std::invalid_argument with the line that is no call; the state is as before.
   void load(const std::string& lines);
@@ -113,8 +119,11 @@ class Service final : public bess::pb::BESSControl::Service {
   grpc::Status spoil(const Fault& fault, grpc::ServerContext& context,
                      google::protobuf::Message& out, const grpc::Status& status);
   void hangUp(grpc::ServerContext& context);
-  // Returns early when the client gives up or the server ends.
-  void waitUntil(std::chrono::steady_clock::time_point end, grpc::ServerContext& context);
+  // Returns early when the client gives up, the server ends, or `over` says so, with waitMutex_
+  // held.
+  void waitUntil(
+      std::chrono::steady_clock::time_point end, grpc::ServerContext& context,
+      const std::function<bool()>& over = [] { return false; });
   void log(const char* rpc, const google::protobuf::Message& in, const bess::pb::Error& error,
            const grpc::Status& status, const std::optional<Faults::Strike>& strike,
            std::chrono::steady_clock::time_point begin);
@@ -126,9 +135,12 @@ class Service final : public bess::pb::BESSControl::Service {
   Journal journal_;
   Faults faults_;
 
-  std::mutex waitMutex_;
+  mutable std::mutex waitMutex_;
   std::condition_variable waitCondition_;
   bool stopping_ = false;
+  std::atomic<bool> paced_ = false;  // Relaxed: a call that races with a change may miss it.
+  Pace pace_;
+  int paces_ = 0;                                   // How often it was set.
   std::chrono::steady_clock::time_point nextTurn_;  // Of the rate.
   std::mt19937_64 random_{0};
 

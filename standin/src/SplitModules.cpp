@@ -82,7 +82,8 @@ void HashLbState::setFields(const google::protobuf::RepeatedPtrField<bess::pb::F
     fields_ = MatchFields(fields, read, MatchFields::Wording::Exact);
     attributes = read;
   } catch (const Refusal& refusal) {
-    throw Refusal(-refusal.code, refusal.what());  // This class gives the number as it gets it.
+    // This class gives the number as it gets it. The texts are assumed.
+    throw Refusal(-refusal.code, refusal.what());
   }
 }
 

@@ -10,6 +10,7 @@
 #include <exception>
 #include <fstream>
 #include <iterator>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -22,7 +23,8 @@ struct Arguments {
   Standin::Options options;
   std::vector<std::string> faultFiles;
   std::string stateFile;
-  std::string latency;
+  std::string latency = "0";
+  double rate = 0;
 };
 
 std::string contentOf(const std::string& path) {
@@ -36,11 +38,6 @@ void readFaults(const std::string& path, std::vector<std::string>& rules) {
   std::istringstream lines(contentOf(path));
   for (std::string line; std::getline(lines, line);)
     if (line.find_first_not_of(" \t") != std::string::npos && line[0] != '#') rules.push_back(line);
-}
-
-void readLatency(const std::string& text, Standin::Options& options) {
-  if (std::sscanf(text.c_str(), "%u..%u", &options.latencyMs, &options.maxLatencyMs) < 1)
-    throw std::runtime_error("'" + text + "' is no latency; give milliseconds, as 5 or 5..20");
 }
 
 void describe(CLI::App& app, Arguments& arguments) {
@@ -65,7 +62,7 @@ void describe(CLI::App& app, Arguments& arguments) {
       ->take_all();
   app.add_option("--faults", arguments.faultFiles, "a file with a fault a line")->take_all();
   app.add_option("--latency", arguments.latency, "milliseconds that an answer takes: 5 or 5..20");
-  app.add_option("--rate", options.rate, "answers per second, at most");
+  app.add_option("--rate", arguments.rate, "answers per second, at most");
   app.add_option("--log", options.log,
                  "add a line of JSON for each call to this file; - is stderr");
   app.add_option("--load", arguments.stateFile, "begin with the state in this file");
@@ -77,7 +74,8 @@ void describe(CLI::App& app, Arguments& arguments) {
 void serve(Arguments& arguments) {
   Standin::Options& options = arguments.options;
   for (const std::string& file : arguments.faultFiles) readFaults(file, options.faults);
-  if (!arguments.latency.empty()) readLatency(arguments.latency, options);
+  options.pace.latencyIs(arguments.latency);
+  options.pace.rateIs(arguments.rate);
   if (options.listen.empty())
     throw std::runtime_error("--listen needs an address, such as 127.0.0.1:10514");
   // What goes wrong is told in one line of our own; who wants gRPC's words, too, sets the
@@ -112,7 +110,9 @@ int main(int argc, char** argv) {
     std::string address;
     std::vector<std::string> words;
     CLI::App& ctl = *app.add_subcommand(
-        "ctl", "tell a running stand-in: faults, add RULE..., clear, dump [FILE], load FILE");
+        "ctl",
+        "tell a running stand-in: faults, add RULE..., clear, pace, latency MS, rate N, "
+        "dump [FILE], load FILE");
     ctl.add_option("ADDRESS", address, "what it prints as `controlled at`")->required();
     ctl.add_option("WORDS", words, "what to do; faults when there is nothing");
     try {

@@ -198,9 +198,11 @@ class Player {
     ++result.codes;
     mask(response);
     mask(expected);
-    // Some recorders write the error of every answer, an empty one where the daemon sent none.
+    // A daemon sends no error when it takes a hook off; the recorder that keeps no bytes wrote the
+    // error of every answer to this request, an empty one there.
     if constexpr (std::is_same_v<Request, bess::pb::ConfigureGateHookRequest>)
-      if (expected.error().code() == 0) response.clear_error(), expected.clear_error();
+      if (!request.enable() && expected.error().code() == 0 && !line.has("response_raw"))
+        expected.clear_error();
     if (!google::protobuf::util::MessageDifferencer::Equals(expected, response)) return note();
     ++result.bodies;
   }

@@ -1,9 +1,9 @@
 #pragma once
 
 #include <Standin/Fault.h>
+#include <Standin/Pace.h>
 #include <grpcpp/grpcpp.h>
 
-#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
@@ -33,11 +33,7 @@ struct Options {
   std::string control;
   // Faults in force from the beginning, in their text form.
   std::vector<std::string> faults;
-  // Milliseconds that each answer takes at least and at most, and answers per second, 0 for no
-  // limit: a loaded daemon.
-  std::uint32_t latencyMs = 0;
-  std::uint32_t maxLatencyMs = 0;
-  double rate = 0;
+  Pace pace;  // From the beginning.
   // A file to add a line of JSON to for each call; - is stderr.
   std::string log;
   // Called in place of ending the process when a fault wants that; it may return.
@@ -75,6 +71,10 @@ class Server {
   void addFault(const Fault& fault);
   void clearFaults();
   std::vector<FaultCount> faults() const;
+
+  Pace pace() const;
+  // Calls that wait for their turn are answered at once, those that come keep the new pace.
+  void paceIs(const Pace& pace);
 
   // The whole state, as the calls that lead to it, in the form of command files. Throws
   // std::runtime_error when too much has happened since the last resetAll.
