@@ -89,11 +89,15 @@ std::string Journal::lines() const {
   for (const Call& call : calls_) {
     const auto request = requests[call.number].make();
     request->ParseFromString(call.request);
-    const std::string text = json(*request);
+    std::string text = json(*request);
+    const auto again = requests[call.number].make();
+    if (!google::protobuf::util::JsonStringToMessage(text, again.get()).ok() ||
+        again->SerializeAsString() != call.request)
+      text.clear();
     lines += std::string("{\"type\":\"") + requests[call.number].name + "\",";
     if (!text.empty()) {
       lines += "\"request\":" + text + "}\n";
-    } else {  // An argument that JSON cannot show.
+    } else {  // Something that JSON cannot show.
       google::protobuf::BytesValue bytes;
       bytes.set_value(call.request);
       lines += "\"request_raw\":" + json(bytes) + "}\n";

@@ -23,6 +23,14 @@ constexpr int unknownField = 1000;                // No message has it.
 constexpr auto glance =
     std::chrono::milliseconds(20);  // Between looks at whether a client is there.
 
+// Whether the line is of a recording and its call did not come to the daemon: one that could not be
+// decoded, or that it did not have.
+bool neverArrived(const nlohmann::json& line) {
+  if (!line.contains("status")) return false;
+  const int code = line["status"].value("code", 0);
+  return code == grpc::StatusCode::INTERNAL || code == grpc::StatusCode::UNIMPLEMENTED;
+}
+
 template <class Message>
 void fromLine(const nlohmann::json& line, Message& message) {
   if (line.contains("request_raw")) {
@@ -72,6 +80,7 @@ void Service::load(const std::string& text) {
     if (line.find_first_not_of(" \t\r") == std::string::npos) continue;
     try {
       const nlohmann::json call = nlohmann::json::parse(line);
+      if (neverArrived(call)) continue;
       const std::string type = call.value("type", "");
       bool known = false;
 #define NORV_REQUEST(number, name, rpc, request, response) \
