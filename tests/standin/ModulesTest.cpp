@@ -1,4 +1,8 @@
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cerrno>
+#include <filesystem>
 
 #include "Fixture.h"
 
@@ -195,4 +199,84 @@ TEST_F(StandinModules, AttributesAreThoseOfTheClass) {
 TEST_F(StandinModules, AMarkAtAFixedOffsetIsNoMetadata) {
   EXPECT_EQ(createRefusal("Timestamp", "TimestampArg", R"("offset":14)"), "");
   EXPECT_TRUE(offsets("timestamp0").empty());
+}
+
+TEST_F(StandinModules, ADisconnectedGateIsFreeAgain) {
+  createModule("Source", "src");
+  createModule("Sink", "snk");
+  connect("src", "snk");
+  DisconnectModulesRequest request;
+  request.set_name("src");
+  EXPECT_EQ(call(&Stub::DisconnectModules, request).error().code(), 0);
+  GetModuleInfoRequest info;
+  info.set_name("src");
+  EXPECT_EQ(call(&Stub::GetModuleInfo, info).ogates_size(), 0);
+  info.set_name("snk");
+  EXPECT_EQ(call(&Stub::GetModuleInfo, info).igates_size(), 0);
+  EXPECT_EQ(connect("src", "snk"), 0);
+}
+
+TEST_F(StandinModules, RequestsThatNameNoModuleAreToldSo) {
+  EXPECT_EQ(refusal(call(&Stub::GetModuleInfo, GetModuleInfoRequest()).error()),
+            "22 Argument must be a name in str");
+  EXPECT_EQ(refusal(call(&Stub::DestroyModule, DestroyModuleRequest()).error()),
+            "22 Argument must be a name in str");
+  EXPECT_EQ(refusal(call(&Stub::DisconnectModules, DisconnectModulesRequest()).error()),
+            "22 Missing 'name' field");
+  EXPECT_EQ(refusal(call(&Stub::ModuleCommand, CommandRequest()).error()),
+            "22 Missing module name field 'name'");
+}
+
+TEST_F(StandinModules, ASuccessfulCreationBringsAnEmptyError) {
+  CreateModuleRequest request;
+  request.set_mclass("Sink");
+  const auto created = call(&Stub::CreateModule, request);
+  EXPECT_TRUE(created.has_error());
+  EXPECT_EQ(created.error().code(), 0);
+  EXPECT_FALSE(ask(&Stub::ResetModules).has_error());
+}
+
+TEST_F(StandinModules, AGateTellsTheTimeWhileItIsTracked) {
+  createModule("Source", "src");
+  createModule("Sink", "snk");
+  ConnectModulesRequest connection;
+  connection.set_m1("src");
+  connection.set_m2("snk");
+  connection.set_skip_default_hooks(true);
+  EXPECT_EQ(call(&Stub::ConnectModules, connection).error().code(), 0);
+  GetModuleInfoRequest request;
+  request.set_name("src");
+  EXPECT_EQ(call(&Stub::GetModuleInfo, request).ogates(0).timestamp(), 0);
+  ConfigureGateHookRequest hook;
+  hook.set_enable(true);
+  hook.mutable_hook()->set_class_name("Track");
+  hook.mutable_hook()->set_module_name("src");
+  hook.mutable_hook()->set_ogate(0);
+  EXPECT_EQ(call(&Stub::ConfigureGateHook, hook).error().code(), 0);
+  EXPECT_GT(call(&Stub::GetModuleInfo, request).ogates(0).timestamp(), 0);
+  hook.set_enable(false);
+  EXPECT_FALSE(call(&Stub::ConfigureGateHook, hook).has_error());
+  EXPECT_EQ(call(&Stub::GetModuleInfo, request).ogates(0).timestamp(), 0);
+}
+
+TEST_F(StandinModules, ACaptureWantsAFifoUnlessItMayWaitForOne) {
+  createModule("Source", "src");
+  createModule("Sink", "snk");
+  connect("src", "snk");
+  const std::string path = "fifo-" + std::to_string(getpid());
+  ConfigureGateHookRequest hook;
+  hook.set_enable(true);
+  hook.mutable_hook()->set_class_name("TcpDump");
+  hook.mutable_hook()->set_module_name("src");
+  hook.mutable_hook()->set_ogate(0);
+  TcpdumpArg arg;
+  arg.set_fifo(path);
+  hook.mutable_hook()->mutable_arg()->PackFrom(arg);
+  EXPECT_EQ(refusal(call(&Stub::ConfigureGateHook, hook).error()), "-2 Failed to open FIFO");
+  ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+  EXPECT_EQ(refusal(call(&Stub::ConfigureGateHook, hook).error()), "");
+  std::filesystem::remove(path);
+  arg.set_defer(true);
+  hook.mutable_hook()->mutable_arg()->PackFrom(arg);
+  EXPECT_EQ(refusal(call(&Stub::ConfigureGateHook, hook).error()), "");
 }

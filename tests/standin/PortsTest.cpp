@@ -158,3 +158,92 @@ TEST_F(StandinPorts, AConfigurationThatNamesNoPortOrAddressPausesNothing) {
   EXPECT_EQ(configure("p", keepMac, 67), EINVAL);
   EXPECT_FALSE(ask(&Stub::ListWorkers).workers_status().empty());
 }
+
+TEST_F(StandinPorts, QueuesAreCountedAndMeasuredForEachDirection) {
+  CreatePortRequest request;
+  request.set_driver("PMDPort");
+  PMDPortArg arg;
+  int device = 0;
+  const auto create = [&](std::uint64_t inc, std::uint64_t out, std::uint64_t incSize,
+                          std::uint64_t outSize) {
+    arg.set_vdev("net_null" + std::to_string(device++));
+    request.mutable_arg()->PackFrom(arg);
+    request.set_num_inc_q(inc);
+    request.set_num_out_q(out);
+    request.set_size_inc_q(incSize);
+    request.set_size_out_q(outSize);
+    return refusal(call(&Stub::CreatePort, request).error());
+  };
+  EXPECT_EQ(create(128, 128, 4096, 4096), "");
+  EXPECT_EQ(create(129, 1, 0, 0), "22 Invalid number of queues");
+  EXPECT_EQ(create(1, 129, 0, 0), "22 Invalid number of queues");
+  EXPECT_EQ(create(1, 1, 4097, 0), "22 Invalid queue size");
+  EXPECT_EQ(create(1, 1, 0, 4097), "22 Invalid queue size");
+}
+
+TEST_F(StandinPorts, AnAbstractSocketBelongsToOnePort) {
+  CreatePortRequest request;
+  request.set_driver("UnixSocketPort");
+  UnixSocketPortArg arg;
+  arg.set_path("@here");
+  request.mutable_arg()->PackFrom(arg);
+  EXPECT_EQ(call(&Stub::CreatePort, request).error().code(), 0);
+  EXPECT_EQ(refusal(call(&Stub::CreatePort, request).error()),
+            std::to_string(EADDRINUSE) + " bind() failed");
+  arg.set_path("/nowhere/at/all");
+  request.mutable_arg()->PackFrom(arg);
+  EXPECT_EQ(call(&Stub::CreatePort, request).error().code(), ENOENT);
+}
+
+TEST_F(StandinPorts, APciAddressHasThreeNumbersOrFour) {
+  CreatePortRequest request;
+  request.set_driver("PMDPort");
+  PMDPortArg arg;
+  const auto create = [&](const std::string& pci) {
+    arg.set_pci(pci);
+    request.mutable_arg()->PackFrom(arg);
+    return refusal(call(&Stub::CreatePort, request).error());
+  };
+  EXPECT_EQ(create("1:02:03.4"), "19 Cannot attach PCI device 00000001:02:03.04");
+  EXPECT_EQ(create("02:03.4"), "19 Cannot attach PCI device 00000000:02:03.04");
+  EXPECT_EQ(create("02"), "22 PCI address must be like dddd:bb:dd.ff or bb:dd.ff");
+}
+
+TEST_F(StandinPorts, AFreedNameIsGivenAgain) {
+  CreatePortRequest request;
+  request.set_driver("UnixSocketPort");
+  EXPECT_EQ(call(&Stub::CreatePort, request).name(), "unix_port0");
+  EXPECT_EQ(call(&Stub::CreatePort, request).name(), "unix_port1");
+  EXPECT_EQ(destroy("unix_port0"), 0);
+  EXPECT_EQ(call(&Stub::CreatePort, request).name(), "unix_port0");
+}
+
+TEST_F(StandinPorts, AFreedDeviceNumberIsGivenAgain) {
+  CreatePortRequest request;
+  request.set_driver("PMDPort");
+  PMDPortArg arg;
+  const auto create = [&](std::uint64_t id) {
+    arg.set_port_id(id);
+    request.mutable_arg()->PackFrom(arg);
+    return call(&Stub::CreatePort, request).error().code();
+  };
+  createPort("a", "net_null0");
+  createPort("b", "net_null1");
+  EXPECT_EQ(create(0), EBUSY);
+  EXPECT_EQ(create(1), EBUSY);
+  EXPECT_EQ(create(2), ENODEV);
+  EXPECT_EQ(create(32), EINVAL);
+  destroy("a");
+  EXPECT_EQ(create(0), ENODEV);
+  createPort("c", "net_null2");
+  EXPECT_EQ(create(0), EBUSY);
+}
+
+TEST_F(StandinPorts, RequestsThatNameNoPortAreToldSo) {
+  EXPECT_EQ(refusal(call(&Stub::SetPortConf, SetPortConfRequest()).error()),
+            "22 Port name is not given");
+  EXPECT_EQ(refusal(call(&Stub::GetPortConf, GetPortConfRequest()).error()),
+            "22 Port name is not given");
+  EXPECT_EQ(refusal(call(&Stub::DestroyPort, DestroyPortRequest()).error()),
+            "22 Argument must be a name in str");
+}

@@ -311,3 +311,189 @@ TEST_F(StandinScheduling, AResumeDoesNotFindOutWhatTheWorkersReachAndAConnection
   EXPECT_EQ(setQuantum(),
             "16 There is a running worker and command 'set_quantum_size' is not MT safe");
 }
+
+TEST_F(StandinScheduling, AListOfOneWorkerHasItsClassesOnly) {
+  addWorker(0);
+  addWorker(1);
+  for (int worker : {0, 1}) {
+    AddTcRequest add;
+    add.mutable_class_()->set_name("t" + std::to_string(worker));
+    add.mutable_class_()->set_policy("round_robin");
+    add.mutable_class_()->set_wid(worker);
+    EXPECT_EQ(call(&Stub::AddTc, add).error().code(), 0);
+  }
+  ListTcsRequest request;
+  request.set_wid(1);
+  const auto listed = call(&Stub::ListTcs, request);
+  ASSERT_EQ(listed.classes_status_size(), 1);
+  EXPECT_EQ(listed.classes_status(0).class_().name(), "t1");
+  request.set_wid(64);
+  EXPECT_EQ(call(&Stub::ListTcs, request).error().code(), EINVAL);
+}
+
+TEST_F(StandinScheduling, AListTellsParentAndShare) {
+  AddTcRequest add;
+  add.mutable_class_()->set_name("w");
+  add.mutable_class_()->set_policy("weighted_fair");
+  add.mutable_class_()->set_resource("count");
+  EXPECT_EQ(call(&Stub::AddTc, add).error().code(), 0);
+  add.mutable_class_()->set_name("c");
+  add.mutable_class_()->set_parent("w");
+  add.mutable_class_()->set_wid(-1);
+  EXPECT_EQ(refusal(call(&Stub::AddTc, add).error()), "22 No share specified");
+  add.mutable_class_()->set_share(0);
+  EXPECT_EQ(refusal(call(&Stub::AddTc, add).error()), "22 AddChild() failed");
+  add.mutable_class_()->set_share(3);
+  EXPECT_EQ(call(&Stub::AddTc, add).error().code(), 0);
+  EXPECT_EQ(find("c")->share(), 3);
+  for (const auto& status : trafficClasses())
+    EXPECT_EQ(status.parent(), status.class_().name() == "c" ? "w" : "");
+}
+
+TEST_F(StandinScheduling, ARateLimitKeepsTheLimitsItIsMadeWithAndTakesOneChild) {
+  AddTcRequest add;
+  add.mutable_class_()->set_name("r");
+  add.mutable_class_()->set_policy("rate_limit");
+  add.mutable_class_()->set_resource("bit");
+  (*add.mutable_class_()->mutable_limit())["bit"] = 5;
+  (*add.mutable_class_()->mutable_max_burst())["bit"] = 7;
+  call(&Stub::AddTc, add);
+  EXPECT_EQ(find("r")->limit().at("bit"), 5);
+  EXPECT_EQ(find("r")->max_burst().at("bit"), 7);
+  EXPECT_EQ(addTc("a", "round_robin", "r"), 0);
+  EXPECT_EQ(addTc("b", "round_robin", "r"), EINVAL);
+}
+
+TEST_F(StandinScheduling, APriorityIsTakenByOneChildAndFreeWhenItLeaves) {
+  createModule("Source", "a");
+  createModule("Source", "b");
+  addTc("p", "priority");
+  const auto move = [this](const std::string& module) {
+    UpdateTcParentRequest request;
+    request.mutable_class_()->set_leaf_module_name(module);
+    request.mutable_class_()->set_parent("p");
+    request.mutable_class_()->set_wid(-1);
+    request.mutable_class_()->set_priority(4);
+    return call(&Stub::UpdateTcParent, request).error().code();
+  };
+  EXPECT_EQ(move("a"), 0);
+  EXPECT_EQ(move("b"), EINVAL);
+  destroyModule("a");
+  createModule("Source", "c");
+  EXPECT_EQ(move("c"), 0);
+}
+
+TEST_F(StandinScheduling, WhatTheTopRoundRobinLeavesBehindIsWithItsWorker) {
+  createModule("Source", "src");
+  addTc("rr", "round_robin");
+  EXPECT_EQ(moveLeaf("src", "rr"), "");
+  EXPECT_EQ(workerOf("rr"), 0);
+  EXPECT_EQ(workerOf("!leaf_src:0"), 0);
+  EXPECT_EQ(ask(&Stub::ListWorkers).workers_status(0).num_tcs(), 2);
+}
+
+TEST_F(StandinScheduling, AWorkersTreeGoesWithIt) {
+  addWorker(0);
+  addTc("rr", "round_robin");
+  EXPECT_EQ(call(&Stub::DestroyWorker, DestroyWorkerRequest()).error().code(), 0);
+  EXPECT_TRUE(trafficClasses().empty());
+  addWorker(0);
+  EXPECT_EQ(ask(&Stub::ListWorkers).workers_status(0).num_tcs(), 0);
+  EXPECT_EQ(addTc("rr", "round_robin"), 0);
+}
+
+TEST_F(StandinScheduling, AWorkerToDestroyHasAnIdInRange) {
+  DestroyWorkerRequest request;
+  for (std::int64_t id : {-1, 64}) {
+    request.set_wid(id);
+    EXPECT_EQ(refusal(call(&Stub::DestroyWorker, request).error()), "22 Invalid worker id");
+  }
+}
+
+TEST_F(StandinScheduling, AWorkerPausesAndResumesAloneAndByItsWholeId) {
+  addWorker(0);
+  addWorker(1);
+  ask(&Stub::ResumeAll);
+  PauseWorkerRequest pause;
+  pause.set_wid(1);
+  call(&Stub::PauseWorker, pause);
+  pause.set_wid(std::int64_t{1} << 32);
+  call(&Stub::PauseWorker, pause);
+  const auto workers = ask(&Stub::ListWorkers);
+  EXPECT_TRUE(workers.workers_status(0).running());
+  EXPECT_FALSE(workers.workers_status(1).running());
+  ResumeWorkerRequest resume;
+  resume.set_wid(1);
+  call(&Stub::ResumeWorker, resume);
+  EXPECT_TRUE(ask(&Stub::ListWorkers).workers_status(1).running());
+}
+
+TEST_F(StandinScheduling, AWorkerHasNoSchedulerOrTheExperimentalOne) {
+  AddWorkerRequest request;
+  request.set_scheduler("other");
+  EXPECT_EQ(refusal(call(&Stub::AddWorker, request).error()), "22 Invalid scheduler other");
+  request.set_scheduler("experimental");
+  EXPECT_EQ(call(&Stub::AddWorker, request).error().code(), 0);
+}
+
+TEST_F(StandinScheduling, AChainThatGrowsWhileAWorkerRunsIsReachedLinkByLink) {
+  createModule("Source", "src");
+  ask(&Stub::ResumeAll);
+  for (const char* name : {"a", "b", "drr"})
+    createModule(name == std::string("drr") ? "DRR" : "Bypass", name);
+  connect("a", "b");
+  connect("b", "drr");
+  const auto setQuantum = [this] {
+    return commandRefusal("drr", "set_quantum_size", "DRRQuantumArg", R"("quantum":5)");
+  };
+  ask(&Stub::PauseAll);
+  ask(&Stub::CheckSchedulingConstraints);  // Places the task of drr.
+  ask(&Stub::ResumeAll);
+  EXPECT_NE(setQuantum(), "");  // Its own worker runs.
+  createModule("RoundRobin", "rr");
+  const auto setGates = [this] {
+    return commandRefusal("rr", "set_gates", "RoundRobinCommandSetGatesArg", "");
+  };
+  connect("a", "rr", 1);
+  EXPECT_EQ(setGates(), "");
+  connect("src", "a");
+  EXPECT_EQ(setGates(), "");  // The daemon looked before it connected.
+  connect("src", "a", 7);     // Refused; it looked all the same.
+  EXPECT_NE(setGates(), "");
+  createModule("RoundRobin", "rr2");
+  connect("a", "rr2", 2);
+  connect("nope", "a");  // No module, no look.
+  EXPECT_EQ(commandRefusal("rr2", "set_gates", "RoundRobinCommandSetGatesArg", ""), "");
+  connect("src", "a", 7);
+  EXPECT_NE(commandRefusal("rr2", "set_gates", "RoundRobinCommandSetGatesArg", ""), "");
+}
+
+TEST_F(StandinScheduling, AnAttributeKeepsItsPlaceOnTheWholeWayToItsReader) {
+  // Two attributes on one way get places of their own, though one is only passing by.
+  createModule("Timestamp", "t");
+  createModule("Bypass", "b1");
+  createModule("Bypass", "b2");
+  createModule("Measure", "m");
+  SetMetadataArg arg;
+  auto& attribute = *arg.add_attrs();
+  attribute.set_name("x");
+  attribute.set_size(8);
+  attribute.set_value_int(1);
+  createModule("SetMetadata", "s", arg);
+  createModule("MetadataTest", "r", [] {
+    MetadataTestArg reads;
+    (*reads.mutable_read())["x"] = 8;
+    return reads;
+  }());
+  connect("t", "b1");
+  connect("b1", "s");
+  connect("s", "b2");
+  connect("b2", "r");
+  connect("r", "m");
+  ask(&Stub::ResumeAll);
+  ASSERT_GE(offsets("t").at(0), 0);
+  ASSERT_GE(offsets("s").at(0), 0);
+  EXPECT_NE(offsets("s").at(0), offsets("t").at(0));
+  EXPECT_EQ(offsets("r").at(0), offsets("s").at(0));
+  EXPECT_EQ(offsets("m").at(0), offsets("t").at(0));
+}

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cerrno>
 #include <fstream>
+#include <limits>
 #include <stdexcept>
 #include <vector>
 
@@ -320,4 +321,155 @@ TEST_F(StandinNewer, AHookThatWasPutOnDoesNotDecode) {
   request.mutable_hook()->set_igate(0);
   CommandResponse response;
   EXPECT_FALSE(tryCall(&Stub::ConfigureGateHook, request, response).ok());
+}
+
+class StandinPace : public StandinTest::StandinFixture {
+ protected:
+  static Standin::Pace pace(const std::string& latency, double rate) {
+    Standin::Pace pace;
+    pace.latencyIs(latency);
+    pace.rateIs(rate);
+    return pace;
+  }
+  // How long so many calls take, one after the other.
+  std::chrono::steady_clock::duration timed(int calls) {
+    const auto begin = std::chrono::steady_clock::now();
+    for (int i = 0; i < calls; ++i) ask(&Stub::GetVersion);
+    return std::chrono::steady_clock::now() - begin;
+  }
+};
+
+TEST_F(StandinPace, NoAnswerComesBeforeItsLatency) {
+  server_->paceIs(pace("30", 0));
+  EXPECT_GE(timed(3), std::chrono::milliseconds(90));
+  server_->paceIs(pace("10..20", 0));
+  EXPECT_GE(timed(3), std::chrono::milliseconds(30));
+}
+
+TEST_F(StandinPace, NoMoreAnswersComeThanTheRate) {
+  server_->paceIs(pace("0", 50));
+  EXPECT_GE(timed(6), std::chrono::milliseconds(100));
+}
+
+TEST_F(StandinPace, ACallThatWaitsGoesOnWhenThePaceChanges) {
+  server_->paceIs(pace("600000", 0));
+  grpc::CompletionQueue queue;
+  grpc::ClientContext context;
+  context.set_deadline(std::chrono::system_clock::now() + std::chrono::seconds(20));
+  const auto call = stub_->AsyncGetVersion(&context, EmptyRequest(), &queue);
+  VersionResponse response;
+  grpc::Status status;
+  call->Finish(&response, &status, nullptr);
+  void* tag = nullptr;
+  bool ok = false;
+  // Gives the call time to come; if it comes later, it is not kept either.
+  EXPECT_EQ(
+      queue.AsyncNext(&tag, &ok, std::chrono::system_clock::now() + std::chrono::milliseconds(50)),
+      grpc::CompletionQueue::TIMEOUT);
+  server_->paceIs(pace("0", 0));
+  ASSERT_TRUE(queue.Next(&tag, &ok));
+  EXPECT_TRUE(status.ok()) << status.error_message();
+  queue.Shutdown();
+}
+
+TEST_F(StandinPace, RefusesWhatIsNone) {
+  Standin::Pace pace;
+  for (const char* text : {"", "x", "-1", "5..", "5..x", "5x", "20..5", "5...6", "99999999999"})
+    EXPECT_THROW(pace.latencyIs(text), std::invalid_argument) << text;
+  for (double rate : {-1.0, 1e-9, 1e9, std::numeric_limits<double>::quiet_NaN()})
+    EXPECT_THROW(pace.rateIs(rate), std::invalid_argument) << rate;
+  pace.latencyIs("5..20");
+  EXPECT_EQ(pace.latencyMs, 5u);
+  EXPECT_EQ(pace.maxLatencyMs, 20u);
+}
+
+// A connection of the test's own to the server, which stays until it is hung up.
+class Connection {
+ public:
+  explicit Connection(const std::string& address) {
+    grpc::ChannelArguments arguments;
+    arguments.SetInt(GRPC_ARG_ENABLE_HTTP_PROXY, 0);
+    arguments.SetInt(GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1);
+    channel_ = grpc::CreateCustomChannel(address, grpc::InsecureChannelCredentials(), arguments);
+    stub_ = BESSControl::NewStub(channel_);
+  }
+  grpc::StatusCode getVersion() {
+    grpc::ClientContext context;
+    context.set_deadline(std::chrono::system_clock::now() + std::chrono::seconds(20));
+    VersionResponse response;
+    return stub_->GetVersion(&context, EmptyRequest(), &response).error_code();
+  }
+  bool connected() { return channel_->GetState(false) == GRPC_CHANNEL_READY; }
+  // Waits until the client has seen the end of the connection.
+  bool lost() {
+    return channel_->WaitForStateChange(
+        GRPC_CHANNEL_READY, std::chrono::system_clock::now() + std::chrono::seconds(20));
+  }
+
+ private:
+  std::shared_ptr<grpc::Channel> channel_;
+  std::unique_ptr<BESSControl::Stub> stub_;
+};
+
+class StandinHangsUp : public testing::TestWithParam<const char*> {
+ protected:
+  static std::string listen(const std::string& pattern, const std::string& name) {
+    return pattern == "unix:" ? "unix:" + name + std::to_string(getpid()) + ".sock" : pattern;
+  }
+};
+
+TEST_P(StandinHangsUp, OnOneServersClientAndStopsListeningThere) {
+  Standin::Options options;
+  options.listen = listen(GetParam(), "one-");
+  Standin::Server server(options);
+  options.listen = listen(GetParam(), "other-");
+  Standin::Server other(options);
+  Connection client(server.address()), bystander(other.address());
+  ASSERT_EQ(client.getVersion(), grpc::StatusCode::OK);
+  ASSERT_EQ(bystander.getVersion(), grpc::StatusCode::OK);
+  server.addFault(Standin::Fault::parse("kind=hang-up nth=1"));
+  EXPECT_EQ(client.getVersion(), grpc::StatusCode::UNAVAILABLE);
+  EXPECT_TRUE(client.lost());
+  EXPECT_TRUE(bystander.connected());
+  EXPECT_EQ(client.getVersion(), grpc::StatusCode::OK);  // It connects again.
+  server.clearFaults();
+  server.addFault(Standin::Fault::parse("kind=stop-accepting nth=1"));
+  EXPECT_EQ(client.getVersion(), grpc::StatusCode::OK);
+  EXPECT_EQ(Connection(server.address()).getVersion(), grpc::StatusCode::UNAVAILABLE);
+  EXPECT_EQ(client.getVersion(), grpc::StatusCode::OK);
+  EXPECT_EQ(Connection(other.address()).getVersion(), grpc::StatusCode::OK);
+}
+
+INSTANTIATE_TEST_SUITE_P(Addresses, StandinHangsUp,
+                         testing::Values("127.0.0.1:0", "[::1]:0", "unix:"));
+
+TEST(StandinServerListens, ToIpv4AtAnIpv6AddressAndHangsUpThere) {
+  Standin::Options options;
+  options.listen = "[::]:0";
+  Standin::Server server(options);
+  Connection client("127.0.0.1:" + std::to_string(server.port()));
+  ASSERT_EQ(client.getVersion(), grpc::StatusCode::OK);
+  server.addFault(Standin::Fault::parse("kind=hang-up nth=1"));
+  EXPECT_EQ(client.getVersion(), grpc::StatusCode::UNAVAILABLE);
+  EXPECT_TRUE(client.lost());
+}
+
+TEST_F(StandinServer, ADumpIsRefusedAfterTooMuchUntilAReset) {
+  createModule("Sink", "k");
+  CommandRequest request;
+  request.set_name("k");
+  request.set_cmd("none");
+  request.mutable_arg()->set_value(std::string(4000000, 'x'));
+  for (int i = 0; i < 68; ++i) call(&Stub::ModuleCommand, request);
+  EXPECT_THROW(server_->dump(), std::runtime_error);
+  ask(&Stub::ResetAll);
+  EXPECT_EQ(server_->dump(), "{\"type\":\"resetAll\",\"request\":{}}\n");
+}
+
+TEST_F(StandinServer, QuestionsAreNotKeptForADump) {
+  createModule("Queue", "q");
+  const std::string dump = server_->dump();
+  ask(&Stub::ListModules);
+  command("q", "get_status", EmptyArg());
+  EXPECT_EQ(server_->dump(), dump);
 }

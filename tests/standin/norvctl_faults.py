@@ -61,6 +61,16 @@ def test_a_delay_beyond_the_patience_gives_the_command_up():
     equal(result.status, 3)
 
 
+def test_the_pace_changes_while_it_runs():
+    daemon = Faulty(options=("--latency", "60000"))
+    equal(daemon.ctl("pace"), "latency 60000 ms, rate unlimited\n")
+    result = run(*daemon.address, "--timeout", "1", write_file(SOURCE))
+    equal(result.status, 3)
+    equal(daemon.ctl("latency", "0..1"), "latency 0..1 ms, rate unlimited\n")
+    equal(daemon.ctl("rate", "500"), "latency 0..1 ms, rate 500 per second\n")
+    equal(run(*daemon.address, write_file(command("getVersion"))).status, 0)
+
+
 def test_a_status_fails_the_command_without_effect():
     daemon = Faulty("kind=status rpc=createModule code=13 text=gone for good")
     equal(one(daemon)["outcome"], "failed")

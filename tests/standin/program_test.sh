@@ -11,6 +11,9 @@ fail() { echo "FAILED: $*"; exit 1; }
 "$program" --version | grep -q '^bessd-standin ' || fail "--version does not name the program"
 "$program" --listen nowhere 2>"$folder/err" && fail "a bad address is taken"
 [ "$(wc -l <"$folder/err")" -eq 1 ] || fail "not one line about a bad address: $(cat "$folder/err")"
+"$program" --latency 5..x 2>"$folder/err" && fail "a latency that is none is taken"
+grep -q "5..20" "$folder/err" || fail "no word about what a latency is: $(cat "$folder/err")"
+"$program" --rate -1 2>/dev/null && fail "a negative rate is taken"
 "$program" --fly 2>/dev/null && fail "an unknown option is taken"
 
 # The first line comes through the pipe as soon as the daemon listens.
