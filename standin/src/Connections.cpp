@@ -4,6 +4,7 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <unistd.h>
 
 #include <charconv>
 #include <filesystem>
@@ -72,10 +73,6 @@ bool listens(int descriptor) {
          listening != 0;
 }
 
-bool isUnix(const std::string& name) {
-  return name.rfind("unix:", 0) == 0;
-}
-
 // unix:///PATH is another way to write unix:/PATH.
 std::string unixName(const std::string& address) {
   return address.rfind("unix:///", 0) == 0 ? "unix:" + address.substr(7) : address;
@@ -86,6 +83,23 @@ std::string portOf(const std::string& address) {
 }
 
 }  // namespace
+
+bool isUnix(const std::string& name) {
+  return name.rfind("unix:", 0) == 0;
+}
+
+bool someoneListens(const std::string& address) {
+  const std::string path = unixName(address).substr(5);
+  sockaddr_un name{};
+  name.sun_family = AF_UNIX;
+  if (path.size() >= sizeof name.sun_path) return false;
+  path.copy(name.sun_path, path.size());
+  const int descriptor = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const bool connected =
+      connect(descriptor, reinterpret_cast<const sockaddr*>(&name), sizeof name) == 0;
+  close(descriptor);
+  return connected;
+}
 
 bool hangUp(const std::string& peer, const std::string& address) {
   const bool unixSocket = isUnix(peer);

@@ -7,8 +7,9 @@
 #include <chrono>
 #include <fstream>
 #include <iostream>
-#include <iterator>
 #include <stdexcept>
+
+#include "ContentOf.h"
 
 namespace Standin {
 
@@ -27,6 +28,10 @@ Response ask(standin::Control::Stub& stub, const std::string& address,
   if (status.error_code() == grpc::StatusCode::UNAVAILABLE)
     throw std::runtime_error("nothing answers at " + address +
                              "; start the stand-in with --control " + address);
+  if (status.error_code() == grpc::StatusCode::UNIMPLEMENTED)
+    throw std::runtime_error("what answers at " + address +
+                             " cannot be controlled; give the address that the stand-in prints "
+                             "as `controlled at`");
   if (!status.ok()) throw std::runtime_error(status.error_message());
   return response;
 }
@@ -50,12 +55,6 @@ double number(const std::string& text) {
   if (error != std::errc() || at != text.data() + text.size())
     throw std::runtime_error("'" + text + "' is no number");
   return value;
-}
-
-std::string contentOf(const std::string& path) {
-  std::ifstream file(path);
-  if (!file) throw std::runtime_error("cannot read " + path);
-  return {std::istreambuf_iterator<char>(file), {}};
 }
 
 }  // namespace

@@ -54,6 +54,14 @@ void read(const std::string& key, const std::string& value, Number& number) {
   if (error != std::errc() || at != end) complain("'" + value + "' is no value for " + key);
 }
 
+// What each word allows alone, and they do not together.
+void check(const Fault& fault) {
+  if (!(fault.probability >= 0 && fault.probability <= 1)) complain("a probability is from 0 to 1");
+  if (fault.maxMs != 0 && fault.maxMs < fault.ms) complain("max-ms is less than ms");
+  if (fault.kind == Fault::Kind::Status && (fault.code < 0 || fault.code > 16))
+    complain("a gRPC status code is from 1 to 16");
+}
+
 template <class Number>
 void write(std::ostream& out, const char* key, Number value, Number usual) {
   if (value != usual) out << ' ' << key << '=' << value;
@@ -99,6 +107,7 @@ Fault Fault::parse(const std::string& text) {
     }
   }
   if (!kindGiven) complain("'" + text + "' has no kind");
+  check(fault);
   return fault;
 }
 

@@ -5,6 +5,7 @@
 #include <mutex>
 #include <stdexcept>
 
+#include "Connections.h"
 #include "ControlService.h"
 #include "Service.h"
 
@@ -14,12 +15,12 @@ namespace {
 
 // gRPC's name of the address, whose port is `port` once it listens.
 std::string addressWithPort(const std::string& address, int port) {
-  if (address.empty() || address.rfind("unix:", 0) == 0) return address;
+  if (address.empty() || isUnix(address)) return address;
   return address.substr(0, address.rfind(':')) + ":" + std::to_string(port);
 }
 
 void checkAddress(const std::string& address) {
-  if (address.rfind("unix:", 0) == 0 && address.size() > 5) return;
+  if (isUnix(address) && address.size() > 5) return;
   const std::size_t colon = address.rfind(':');
   if (colon == std::string::npos || colon == 0 ||
       address.find_first_not_of("0123456789", colon + 1) != std::string::npos ||
@@ -41,15 +42,21 @@ std::unique_ptr<grpc::Server> serve(grpc::Service& service, std::string& address
   int port = 0;
   if (!address.empty()) {
     checkAddress(address);
+    // gRPC would take the path over from whoever listens there.
+    if (isUnix(address) && someoneListens(address))
+      throw std::runtime_error("cannot listen at " + address +
+                               "; another daemon is there. Stop it, or choose another path");
     builder.AddListeningPort(address, grpc::InsecureServerCredentials(), &port);
   }
   builder.SetMaxReceiveMessageSize(maxRequestSize);
   builder.RegisterService(&service);
   std::unique_ptr<grpc::Server> server = builder.BuildAndStart();
   if (!server || (!address.empty() && port == 0))
-    throw std::runtime_error("cannot listen at " + address +
-                             "; is another daemon there? Stop it, or choose another address, "
-                             "with port 0 for any free one");
+    throw std::runtime_error(
+        "cannot listen at " + address +
+        (isUnix(address) ? "; may you write in its folder, and is the path below 108 bytes?"
+                         : "; is another daemon there? Stop it, or choose another address, "
+                           "with port 0 for any free one"));
   address = addressWithPort(address, port);
   return server;
 }
@@ -100,7 +107,7 @@ Server::~Server() = default;
 
 int Server::port() const {
   const std::string& address = impl_->address();
-  if (address.empty() || address.rfind("unix:", 0) == 0) return 0;
+  if (address.empty() || isUnix(address)) return 0;
   return std::stoi(address.substr(address.rfind(':') + 1));
 }
 

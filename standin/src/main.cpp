@@ -8,13 +8,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
-#include <fstream>
-#include <iterator>
 #include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "ContentOf.h"
 #include "Ctl.h"
 
 namespace {
@@ -27,15 +26,9 @@ struct Arguments {
   double rate = 0;
 };
 
-std::string contentOf(const std::string& path) {
-  std::ifstream file(path);
-  if (!file) throw std::runtime_error("cannot read " + path);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
-
 // A line a rule; empty ones and those with # are passed over.
 void readFaults(const std::string& path, std::vector<std::string>& rules) {
-  std::istringstream lines(contentOf(path));
+  std::istringstream lines(Standin::contentOf(path));
   for (std::string line; std::getline(lines, line);)
     if (line.find_first_not_of(" \t") != std::string::npos && line[0] != '#') rules.push_back(line);
 }
@@ -90,7 +83,7 @@ void serve(Arguments& arguments) {
   options.onKill = [mainThread = pthread_self()] { pthread_kill(mainThread, SIGTERM); };
 
   Standin::Server server(options);
-  if (!arguments.stateFile.empty()) server.load(contentOf(arguments.stateFile));
+  if (!arguments.stateFile.empty()) server.load(Standin::contentOf(arguments.stateFile));
   std::printf("bessd-standin listening on %s\n", server.address().c_str());
   if (!options.control.empty())
     std::printf("bessd-standin controlled at %s\n", server.controlAddress().c_str());

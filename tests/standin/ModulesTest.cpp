@@ -217,6 +217,10 @@ TEST_F(StandinModules, ADisconnectedGateIsFreeAgain) {
 }
 
 TEST_F(StandinModules, RequestsThatNameNoModuleAreToldSo) {
+  EXPECT_EQ(refusal(call(&Stub::GetMclassInfo, GetMclassInfoRequest()).error()),
+            "22 Argument must be a name in str");
+  EXPECT_EQ(refusal(call(&Stub::GetDriverInfo, GetDriverInfoRequest()).error()),
+            "22 Argument must be a name in str");
   EXPECT_EQ(refusal(call(&Stub::GetModuleInfo, GetModuleInfoRequest()).error()),
             "22 Argument must be a name in str");
   EXPECT_EQ(refusal(call(&Stub::DestroyModule, DestroyModuleRequest()).error()),

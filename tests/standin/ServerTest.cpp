@@ -180,6 +180,8 @@ TEST(StandinServerListens, AtIpv6AndAtAUnixSocket) {
   Standin::Server local(options);
   EXPECT_EQ(local.address(), options.listen);
   EXPECT_TRUE(getVersion(local.address()).ok());
+  EXPECT_THROW(Standin::Server{options}, std::runtime_error) << "two at one socket";
+  EXPECT_TRUE(getVersion(local.address()).ok());
 }
 
 TEST(StandinServerListens, ToAThousandConnections) {
@@ -251,7 +253,8 @@ TEST_F(StandinServer, AFaultIsCountedAndGoes) {
 
 TEST(StandinFault, RefusesWhatItDoesNotKnow) {
   for (const char* text : {"", "rpc=getVersion", "kind=nope", "kind=delay rpc=fly",
-                           "kind=delay ms=x", "kind=delay colour=red", "delay"})
+                           "kind=delay ms=x", "kind=delay ms=5 max-ms=4", "kind=exit probability=2",
+                           "kind=status code=17", "kind=delay colour=red", "delay"})
     EXPECT_THROW(Standin::Fault::parse(text), std::invalid_argument) << text;
 }
 
