@@ -83,7 +83,12 @@ void serve(Arguments& arguments) {
   options.onKill = [mainThread = pthread_self()] { pthread_kill(mainThread, SIGTERM); };
 
   Standin::Server server(options);
-  if (!arguments.stateFile.empty()) server.load(Standin::contentOf(arguments.stateFile));
+  if (!arguments.stateFile.empty()) {
+    // A signal ends it at once so long as it is busy with this.
+    pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+    server.load(Standin::contentOf(arguments.stateFile));
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  }
   std::printf("bessd-standin listening on %s\n", server.address().c_str());
   if (!options.control.empty())
     std::printf("bessd-standin controlled at %s\n", server.controlAddress().c_str());
