@@ -185,6 +185,7 @@ class Reader {
     if (node.kind == Node::Kind::scalar) {
       port.driver = node.scalar;
       port.arg = Any();
+      port.adminUp = true;
       return checkDriver(port.driver, node.mark);
     }
     if (node.kind != Node::Kind::map) {
@@ -204,7 +205,7 @@ class Reader {
     port.incSize = number(node, "size_inc_q", UINT32_MAX);
     port.outSize = number(node, "size_out_q", UINT32_MAX);
     if (const auto mtu = number(node, "mtu", 65535)) port.mtu = static_cast<std::uint32_t>(*mtu);
-    port.adminUp = truth(node, "admin_up");
+    port.adminUp = truth(node, "admin_up").value_or(true);
     if (const auto mac = scalar(node, "mac_addr")) {
       port.mac = macText(*mac);
       if (!port.mac) problem(node.find("mac_addr")->mark, "no MAC address: \"" + *mac + "\"");
@@ -645,7 +646,10 @@ Document readDocument(const std::vector<Source>& sources, const Offer& offer) {
   reader.document.wanted.workersStated = false;
   std::vector<Node> roots;
   for (const Source& source : sources) {
-    roots.push_back(readYaml(source.text, source.name, reader.problems));
+    const std::size_t before = reader.problems.size();
+    Node root = readYaml(source.text, source.name, reader.problems);
+    // What was read of a file that is no document would only lead to more problems.
+    if (reader.problems.size() == before) roots.push_back(std::move(root));
   }
   // Plugins first: with one, classes and drivers that are not known here may be right.
   for (const Node& root : roots) {

@@ -118,7 +118,7 @@ class SwitchReader {
     const auto reply = ask("getPortConf", &BESSControl::Stub::GetPortConf, request);
     if (reply.error().code() != 0) return;
     // The address is the device's own or made up, unless it was set; nobody tells which.
-    if (reply.conf().mtu() != 0 && reply.conf().mtu() != usualMtu) port.mtu = reply.conf().mtu();
+    if (reply.conf().mtu() != 0) port.mtu = reply.conf().mtu();
     port.adminUp = reply.conf().admin_up();
   }
 
@@ -302,8 +302,6 @@ class SwitchReader {
       if (row != nullptr && row->tasks && module.tasks.empty()) live_.lostTasks.insert(name);
     }
   }
-
-  static constexpr std::uint32_t usualMtu = 1500;
 
   const std::unique_ptr<BESSControl::Stub> stub_;
   const std::chrono::milliseconds patience_;

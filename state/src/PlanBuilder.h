@@ -106,6 +106,7 @@ class TrafficPlanner {
   std::size_t addWorker(std::int64_t worker, const Worker& as, std::size_t change,
                         std::vector<std::size_t> after);
   std::int64_t freeWorker() const;
+  bool anyRunning() const;
 
   PlanBuilder& builder_;
   const TrafficContext context_;

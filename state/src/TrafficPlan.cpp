@@ -14,6 +14,7 @@ using Action = Change::Action;
 constexpr std::int64_t workerLimit = 64;
 
 std::string placeText(const Place& place) {
+  if (!place.stated()) return "any worker";
   std::string text = place.parent.empty() ? "worker " + std::to_string(place.worker) : place.parent;
   if (place.priority) text += " at priority " + std::to_string(*place.priority);
   if (place.share) text += " with share " + std::to_string(*place.share);
@@ -57,7 +58,13 @@ void TrafficPlanner::findTasks() {
     if (context_.destroyed.contains(name)) continue;
     for (std::size_t i = 0; i < module.tasks.size(); ++i) {
       if (!module.tasks[i]) continue;
-      const std::int64_t worker = rootOf(live_.trafficClasses, *module.tasks[i]);
+      std::int64_t worker = rootOf(live_.trafficClasses, *module.tasks[i]);
+      // One that waits may come to a worker that goes, with any call that pauses before.
+      if (worker < 0 && !removed_.empty()) {
+        worker = *removed_.begin();
+      } else if (worker < 0 && !rebuilt_.empty()) {
+        worker = *rebuilt_.begin();
+      }
       if (worker >= 0) tasksOf_[worker].push_back({name, i, *module.tasks[i]});
     }
   }
@@ -375,6 +382,14 @@ Place TrafficPlanner::placeAfter(const Task& task) const {
   return top;
 }
 
+bool TrafficPlanner::anyRunning() const {
+  return std::any_of(target_.workers.begin(), target_.workers.end(), [&](const auto& one) {
+    const auto live = live_.workers.find(one.first);
+    const bool before = live != live_.workers.end() && live->second.running.value_or(false);
+    return one.second.running.value_or(before);
+  });
+}
+
 // Why the place has no room: a daemon that refuses loses the task's class.
 std::string TrafficPlanner::crowded(const Place& place, const std::string& module,
                                     std::uint64_t number) const {
@@ -418,6 +433,8 @@ void TrafficPlanner::planTasks(const std::map<std::string, std::size_t>& created
   const auto modify = [&](const std::string& name) {
     return builder_.change({Kind::module, name}, Action::change);
   };
+  // A task that waits for a place is not worked on: on a switch that runs it gets one.
+  const bool running = anyRunning();
   std::set<std::pair<std::string, std::uint64_t>> seen;
   for (const std::int64_t worker : rebuilt_) {
     for (const Task& task : tasksOf_[worker]) {
@@ -462,6 +479,16 @@ void TrafficPlanner::planTasks(const std::map<std::string, std::size_t>& created
                       placeText(*wanted));
       moves.push_back({name, i, *wanted, change, {}, before});
     }
+  }
+  // The daemon gives all that wait a place with the first call that does for one.
+  for (const auto& [name, step] : created) {
+    const ClassRow* row = classRow(target_.modules.at(name).moduleClass);
+    const bool moved = std::any_of(moves.begin(), moves.end(),
+                                   [&](const Move& move) { return move.module == name; });
+    if (!running || row == nullptr || !row->tasks || moved) continue;
+    moves.push_back(
+        {name, 0, {}, builder_.change({Kind::module, name}, Action::create), {step}, {}});
+    break;
   }
   // Tasks that make room for others go to their worker's top first.
   std::vector<std::size_t> out;

@@ -16,11 +16,21 @@ struct EndState {
   std::string document;
   bool unplaced = false;  // a task in no place, which the next call that pauses would give it
   bool whole = true;      // told whole
+  bool waits = false;     // a task waits, and there is no worker at all
 };
+
+bool waitsForAWorker(const LiveSwitch& live) {
+  return live.workers.empty() &&
+         std::any_of(live.modules.begin(), live.modules.end(),
+                     [](const auto& one) { return !one.second.tasks.empty(); });
+}
 
 bool unplacedTask(const LiveSwitch& live) {
   if (!live.lostTasks.empty()) return true;
-  if (live.workers.size() < 2) return false;
+  const bool running = std::any_of(live.workers.begin(), live.workers.end(), [](const auto& one) {
+    return one.second.running.value_or(false);
+  });
+  if (live.workers.size() < 2 && !running) return false;
   for (const auto& [name, module] : live.modules) {
     for (const auto& place : module.tasks) {
       if (place && !place->stated()) return true;
@@ -44,6 +54,7 @@ const std::vector<EndState>& endStates() {
         std::vector<std::string> notTold;
         const LiveSwitch live = daemon.read();
         states.push_back({file.stem(), yaml(described(live), &notTold), unplacedTask(live)});
+        states.back().waits = waitsForAWorker(live);
         states.back().whole = states.back().document.find("unknown") == std::string::npos;
       }
     }
@@ -75,7 +86,7 @@ TEST(Recordings, AreAppliedToEachOther) {
   if (endStates().empty()) GTEST_SKIP() << "no recordings at " NORV_RECORDINGS;
   std::vector<EndState> states;
   for (const EndState& state : endStates()) {
-    if (!state.unplaced && state.whole) states.push_back(state);
+    if (!state.unplaced && state.whole && !state.waits) states.push_back(state);
   }
   std::mt19937 random(1);
   std::shuffle(states.begin(), states.end(), random);

@@ -340,7 +340,7 @@ Verb applyVerb() {
        "change is done, refused, unclear or not tried. What is interrupted goes on with the "
        "next apply."},
       {{"norvctl apply --standin --yes examples/first-light.yaml", "onto an empty switch"},
-       {"norvctl apply --host switch1 --prune switch1.yaml", "what is not in the file goes"}},
+       {"norvctl apply --host switch1 --prune --yes switch1.yaml", "what is not in the file goes"}},
       &defineApply};
 }
 

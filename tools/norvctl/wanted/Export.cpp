@@ -15,6 +15,7 @@ namespace {
 
 struct Arguments : WantedOptions {
   bool check = false;
+  bool schema = false;
 };
 
 int exportSwitch(const Arguments& arguments) {
@@ -49,6 +50,14 @@ int check(const Arguments& arguments) {
 }
 
 int plan(const Arguments& arguments) {
+  if (arguments.schema) {
+    print(Norv::State::jsonSchema());
+    return allOk;
+  }
+  if (arguments.files.empty()) {
+    std::cerr << "norvctl: plan needs a FILE\n";
+    return badInput;
+  }
   if (arguments.check) return check(arguments);
   const Target target(arguments.target);
   KnownSwitch known(arguments, target);
@@ -70,6 +79,8 @@ Action definePlan(CLI::App& command) {
   addTarget(command, arguments->target);
   addTimeout(command, arguments->timeoutSeconds,
              "give up when an answer takes so many SECONDS (5)");
+  command.get_option("FILE")->required(false);
+  command.add_flag("--schema", arguments->schema, "print the JSON schema of documents");
   command.add_flag("--check", arguments->check, "check the document alone; needs no switch");
   command.add_flag("--json", arguments->json, "print the commands, as `norvctl run` takes them");
   command.add_flag("--quiet", arguments->quiet, "tell by the exit status alone");

@@ -1,0 +1,234 @@
+#include "SwitchFixture.h"
+
+// What is wrong with a document, and where; and what is right in it.
+
+namespace Norv::State {
+
+namespace {
+
+struct Wrong {
+  const char* document;
+  const char* problem;
+};
+
+// So that a failing row names itself.
+void PrintTo(const Wrong& wrong, std::ostream* out) {
+  *out << wrong.document;
+}
+
+class WrongDocument : public testing::TestWithParam<Wrong> {};
+
+TEST_P(WrongDocument, IsToldWithItsPlace) {
+  EXPECT_EQ(problems(GetParam().document), GetParam().problem);
+}
+
+constexpr Wrong form[] = {
+    {"modules: [", "f:1:1: not YAML: end of sequence flow not found"},
+    {"- a", "f:1:1: a map of sections belongs here"},
+    {"module: {}", "f:1:1: no section \"module\"; did you mean \"modules\"?"},
+    {"ports: 5", "f:1:8: a map belongs here"},
+    {"connections: {}", "f:1:14: a list belongs here"},
+    {"modules: {a: Sink, a: Sink}", "f:1:20: \"a\" a second time in the same map"},
+    {"modules: {a: &x Sink, b: *x}", "f:1:26: an alias; write what it stands for"},
+    {"modules: {a: !!str Sink}", "f:1:14: a tag, \"tag:yaml.org,2002:str\"; leave it out"},
+    {"modules: {[a]: Sink}", "f:1:11: a key that is no text"},
+    {"a: 1\n---\nb: 2", "f:3:1: a second document in the file; join them"},
+};
+INSTANTIATE_TEST_SUITE_P(Form, WrongDocument, testing::ValuesIn(form));
+
+constexpr Wrong modules[] = {
+    {"modules: {a: Sinc}", "f:1:14: no module class \"Sinc\"; did you mean \"Sink\"?"},
+    {"modules: {a: {clas: Sink}}", "f:1:11: module a needs a \"class\""},
+    {"modules: {a: [Sink]}",
+     "f:1:11: module a needs a class: \"a: Sink\", or {class: Source, arg: {pkt_size: 60}}"},
+    {"modules: {a: {class: Sink, burst: 3}}", "f:1:28: no \"burst\" in a module of class Sink"},
+    {"modules: {a: {class: Source, arg: {pkt_sise: 60}}}",
+     "f:1:36: no field \"pkt_sise\" in SourceArg; did you mean \"pkt_size\"?"},
+    {"modules: {a: {class: Source, arg: {pkt_size: many}}}",
+     "f:1:46: no number that fits field \"pkt_size\": many"},
+    {"modules: {a: {class: Source, arg: {pkt_size: -1}}}",
+     "f:1:46: no number that fits field \"pkt_size\": -1"},
+    {"modules: {a: {class: Source, arg: {pkt_size: 60, pktSize: 61}}}",
+     "f:1:50: field \"pkt_size\" a second time"},
+    {"modules: {a: {class: Source, arg: 5}}",
+     "f:1:35: a map of the fields of SourceArg belongs here"},
+    {"modules: {a: {class: Source, burst: x}}", "f:1:37: \"burst\" is a number, not \"x\""},
+    {"modules: {a: {class: Sink, tasks: x}}", "f:1:35: a Sink has no tasks"},
+    {"modules: {a: {class: Source, tasks: {}}}", "f:1:37: a task needs a \"parent\" or a \"wid\""},
+    {"modules: {a: {class: Source, tasks: {parent: x, wid: 0}}}",
+     "f:1:54: \"wid\" beside \"parent\"; one of them"},
+    {"modules: {a: {class: Split, arg: {attribute: x, offset: 3}}}",
+     "f:1:49: \"offset\" beside \"attribute\"; one of them"},
+    {"modules: {a: {class: Queue, arg: {prefetch: yes}}}", "f:1:45: true or false belongs here"},
+    {"modules: {a: {class: Qos, arg: {x: 1}}}",
+     "f:1:32: what argument Qos takes is not known here; leave it out"},
+    {"modules: {\"\": Sink}", "f:1:11: a module needs a name"},
+};
+INSTANTIATE_TEST_SUITE_P(Modules, WrongDocument, testing::ValuesIn(modules));
+
+constexpr Wrong values[] = {
+    {"modules: {a: {class: ExactMatch, arg: {fields: [{num_bytes: 4}]}, rules: [{fields: "
+     "[10.0.0]}]}}",
+     "f:1:85: \"10.0.0\" is no value of 4 bytes: an address, a number, 0x... or base64 belongs "
+     "here"},
+    {"modules: {a: {class: ExactMatch, arg: {fields: [{num_bytes: 1}]}, rules: [{fields: [256]}]}}",
+     "f:1:85: \"256\" is no value of 1 bytes: an address, a number, 0x... or base64 belongs here"},
+    {"modules: {a: {class: ExactMatch, arg: {fields: [{num_bytes: 2}]}, "
+     "rules: [{fields: [1]}, {gate: 2, fields: [0x0001]}]}}",
+     "f:1:90: this entry is stated a second time; first at f:1:75"},
+    {"modules: {a: {class: ExactMatch, rules: [{gate: 8193}]}}",
+     "f:1:42: gate 8193 is above the last of a ExactMatch, 8191"},
+    {"modules: {a: {class: ExactMatch, default_gate: 65536}}",
+     "f:1:48: \"default_gate\" is a number up to 65535, not 65536"},
+    {"modules: {a: {class: IPLookup, rules: [{prefix: 10.0.0/8}]}}",
+     "f:1:40: no IPv4 address: \"10.0.0\""},
+    {"modules: {a: {class: L2Forward, entries: [{addr: \"1:2:3\"}]}}",
+     "f:1:43: no MAC address: \"1:2:3\""},
+    {"modules: {a: {class: Rewrite, arg: {templates: [\"?\"]}}}",
+     "f:1:49: \"?\" is no base64, and no address or 0x number"},
+};
+INSTANTIATE_TEST_SUITE_P(Values, WrongDocument, testing::ValuesIn(values));
+
+constexpr Wrong others[] = {
+    {"ports: {p: {}}", "f:1:9: port p needs a \"driver\""},
+    {"ports: {p: PMDport}", "f:1:12: no port driver \"PMDport\"; did you mean \"PMDPort\"?"},
+    {"ports: {p: {driver: PMDPort, mac_addr: x}}", "f:1:40: no MAC address: \"x\""},
+    {"ports: {p: {driver: PMDPort, mtu: 70000}}",
+     "f:1:35: \"mtu\" is a number up to 65535, not \"70000\""},
+    {"workers: {64: {core: 0}}", "f:1:11: a worker is a number from 0 to 63, not \"64\""},
+    {"workers: {0: {cor: 0}}", "f:1:15: no \"cor\" in a worker; did you mean \"core\"?"},
+    {"connections: [a b]",
+     "f:1:15: \"a b\" is no connection; as in \"in -> fib\" or \"fib:1 -> 0:drop\""},
+    {"connections: [a -> b -> c]",
+     "f:1:15: \"a -> b -> c\" is no connection; as in \"in -> fib\" or \"fib:1 -> 0:drop\""},
+    {"connections: [{from: a}]", "f:1:15: a connection needs \"from\" and \"to\""},
+    {"modules: {a: Merge, b: Sink}\nconnections: [a -> b, \"a:0 -> b\"]",
+     "f:2:23: connection a:0 is stated a second time; first at f:2:15"},
+    {"traffic_classes: {\"!x\": {policy: priority}}",
+     "f:1:19: a traffic class needs a name that does not begin with \"!\""},
+    {"traffic_classes: {x: prority}", "f:1:22: no policy \"prority\"; did you mean \"priority\"?"},
+    {"traffic_classes: {x: {policy: rate_limit, wid: 0}}",
+     "f:1:22: rate_limit needs a \"resource\": count, cycle, packet or bit"},
+    {"traffic_classes: {x: {policy: rate_limit, limit: {packets: 1}}}",
+     "f:1:22: no resource \"packets\"; did you mean \"packet\"?"},
+    {"traffic_classes: {x: {policy: round_robin, limit: {packet: 1}}}",
+     "f:1:22: round_robin takes no resource, limit or max_burst"},
+    {"hooks: [{class: Trac, module: a, ogate: 0}]",
+     "f:1:17: no hook class \"Trac\"; did you mean \"Track\"?"},
+    {"hooks: [{class: Track, module: a}]",
+     "f:1:9: a hook needs either an \"igate\" or an \"ogate\""},
+};
+INSTANTIATE_TEST_SUITE_P(Others, WrongDocument, testing::ValuesIn(others));
+
+constexpr Wrong references[] = {
+    {"modules: {fib: Merge}\nconnections: [fib -> fob]",
+     "f:2:15: no module \"fob\" here; did you mean \"fib\"?"},
+    {"modules: {a: Sink, b: Sink}\nconnections: [a -> b]",
+     "f:2:15: module a has no output 0: a Sink has none"},
+    {"modules: {a: Source, b: NAT}\nconnections: [a -> 2:b]",
+     "f:2:15: module b has no input 2: a NAT has 2, the last is 1"},
+    {"modules: {a: {class: PortInc, arg: {port: p}}}", "f:1:11: module a: no port \"p\" here"},
+    {"modules: {a: {class: Source, tasks: slow}}",
+     "f:1:11: module a: no traffic class \"slow\" here"},
+    {"workers: {}\nmodules: {a: {class: Source, tasks: {wid: 3}}}",
+     "f:2:11: module a: no worker 3 here"},
+    {"traffic_classes: {x: {policy: round_robin, parent: y}, y: {policy: round_robin, parent: x}}",
+     "f:1:19: traffic class x is below itself\nf:1:56: traffic class y is below itself"},
+    {"traffic_classes: {p: {policy: priority, wid: 0}, x: {policy: round_robin, parent: p}}",
+     "f:1:50: traffic class x needs a \"priority\" below p"},
+    {"modules: {a: Merge, b: Sink}\nhooks: [{class: Track, module: b, igate: 0}]",
+     "f:2:9: a hook needs a connection: nothing is connected to input b:0"},
+};
+INSTANTIATE_TEST_SUITE_P(References, WrongDocument, testing::ValuesIn(references));
+
+}  // namespace
+
+TEST(Document, TooDeepIsRefusedBeforeTheParserGoesThere) {
+  EXPECT_EQ(problems("a: " + std::string(1000, '[') + std::string(1000, ']')),
+            "f:1:35: nested more than 32 deep");
+  EXPECT_NE(problems(std::string(100000, '[')), "");
+  EXPECT_NE(problems(std::string(100000, '{')), "");
+}
+
+TEST(Document, AllProblemsAreToldAtOnce) {
+  EXPECT_EQ(
+      problems("modules: {a: Sinc}\nports: {p: {}}"),
+      "f:1:14: no module class \"Sinc\"; did you mean \"Sink\"?\nf:2:9: port p needs a \"driver\"");
+}
+
+TEST(Document, ObjectsOfSeveralFilesAreJoinedAndStatedOnce) {
+  const Document document =
+      readDocument({{"a.yaml", "modules: {x: Sink}"}, {"b.yaml", "modules: {y: Sink}"}});
+  EXPECT_EQ(document.wanted.modules.size(), 2u);
+  try {
+    readDocument({{"a.yaml", "modules: {x: Sink}"}, {"b.yaml", "\nmodules: {x: Sink}"}});
+    FAIL() << "no error";
+  } catch (const DocumentError& error) {
+    EXPECT_STREQ(error.what(),
+                 "b.yaml:2:11: module x is stated a second time; first at a.yaml:1:11");
+  }
+}
+
+TEST(Document, JsonIsTakenToo) {
+  const Switch one =
+      wanted(R"({"modules": {"a": {"class": "Rewrite", "arg": {"templates": ["AAEC"]}}}})");
+  EXPECT_EQ(yaml(one), "modules:\n  a: {class: Rewrite, arg: {templates: [AAEC]}}\n");
+}
+
+TEST(Document, OfAPluginMayHaveUnknownClasses) {
+  EXPECT_EQ(problems("plugins: [x.so]\nmodules: {a: Mine}"), "");
+}
+
+TEST(Document, ValuesAreWrittenAsPeopleWriteThem) {
+  const std::string written =
+      "modules:\n"
+      "  em:\n"
+      "    class: ExactMatch\n"
+      "    arg: {fields: [{offset: 26, num_bytes: 4}, {offset: 0, num_bytes: 6}, {offset: 36, "
+      "num_bytes: 2}]}\n"
+      "    rules:\n"
+      "      - {gate: 1, fields: [10.0.0.1, \"2:0:0:0:0:1\", 0x50]}\n"
+      "      - {gate: 2, fields: [0x0a000002, 0x020000000002, 443]}\n"
+      "      - {gate: 3, fields: [{value_int: 167772163}, {value_bin: AgAAAAAD}, {valueInt: "
+      "\"8080\"}]}\n";
+  EXPECT_EQ(yaml(wanted(written)),
+            "modules:\n"
+            "  em:\n"
+            "    class: ExactMatch\n"
+            "    arg: {fields: [{offset: 26, num_bytes: 4}, {offset: 0, num_bytes: 6}, {offset: "
+            "36, num_bytes: 2}]}\n"
+            "    rules:\n"
+            "      - {gate: 1, fields: [10.0.0.1, 02:00:00:00:00:01, 80]}\n"
+            "      - {gate: 2, fields: [10.0.0.2, 02:00:00:00:00:02, 443]}\n"
+            "      - {gate: 3, fields: [10.0.0.3, 02:00:00:00:00:03, 8080]}\n");
+}
+
+TEST(Document, PrefixesAreWrittenWithTheirLength) {
+  const std::string text =
+      "modules:\n"
+      "  fib:\n"
+      "    class: IPLookup\n"
+      "    rules:\n"
+      "      - {prefix: 10.0.0.0/8, gate: 1}\n"
+      "      - {prefix: 10.1.0.0/16, gate: 2}\n";
+  EXPECT_EQ(yaml(wanted(text)), text);
+}
+
+TEST(Document, NamesThatNeedItAreQuotedOrInMaps) {
+  const std::string text =
+      "modules:\n"
+      "  \"a:b\": Merge\n"
+      "  x -> y: Merge\n"
+      "connections:\n"
+      "  - {from: \"a:b\", to: x -> y}\n";
+  const Switch one = wanted(text);
+  EXPECT_EQ(one.connections.at({"a:b", 0}).module, "x -> y");
+  EXPECT_EQ(yaml(wanted(yaml(one))), yaml(one));
+}
+
+TEST(Document, IsTheSameFromYamlAndFromJson) {
+  const Switch one = wanted(contents(NORV_EXAMPLE));
+  EXPECT_EQ(yaml(wanted(json(one))), yaml(one));
+}
+
+}  // namespace Norv::State

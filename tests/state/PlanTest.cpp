@@ -1,0 +1,254 @@
+#include <gmock/gmock.h>
+
+#include <algorithm>
+
+#include "SwitchFixture.h"
+
+// What a plan does, and what it leaves alone.
+
+namespace Norv::State {
+
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+const char* const fib =
+    "workers: {0: {core: 0}}\n"
+    "modules:\n"
+    "  src: Source\n"
+    "  fib: {class: ExactMatch, arg: {fields: [{offset: 26, num_bytes: 4}]}, default_gate: 0,\n"
+    "        rules: [{gate: 1, fields: [10.0.0.1]}, {gate: 1, fields: [10.0.0.2]}]}\n"
+    "  a: Sink\n"
+    "  b: Sink\n"
+    "connections: [src -> fib, fib -> a, \"fib:1 -> b\"]\n";
+
+class PlanTest : public testing::Test {
+ protected:
+  // The document with a part of it exchanged.
+  static std::string changed(std::string text, const std::string& from, const std::string& to) {
+    const std::size_t at = text.find(from);
+    EXPECT_NE(at, std::string::npos) << from;
+    return text.replace(at, from.size(), to);
+  }
+  void SetUp() override { EXPECT_THAT(daemon_.apply(std::string(fib)).refusals, IsEmpty()); }
+
+  TestSwitch daemon_;
+};
+
+}  // namespace
+
+TEST_F(PlanTest, WhatIsRightIsNotTouched) {
+  EXPECT_EQ(summary(daemon_.plan(fib)), "");
+  EXPECT_TRUE(daemon_.plan(fib).empty());
+}
+
+TEST_F(PlanTest, AChangedRuleSendsThatRuleWhileTheWorkerThatReachesItPauses) {
+  const Plan plan = daemon_.plan(changed(fib, "10.0.0.2", "10.0.0.3"));
+  EXPECT_EQ(summary(plan), "~ module fib; rules: 1 added, 1 removed, 0 changed\n");
+  EXPECT_THAT(commands(plan), ElementsAre("pauseWorker 0", "moduleCommand fib delete",
+                                          "moduleCommand fib add", "resumeWorker 0"));
+  EXPECT_THAT(plan.pauses, ElementsAre("worker 0 while fib is changed"));
+}
+
+TEST_F(PlanTest, AChangedDefaultGateNeedsNoPause) {
+  const Plan plan = daemon_.plan(changed(fib, "default_gate: 0", "default_gate: 1"));
+  EXPECT_THAT(commands(plan), ElementsAre("moduleCommand fib set_default_gate"));
+  EXPECT_EQ(summary(plan), "~ module fib; default_gate: 0 -> 1\n");
+}
+
+TEST_F(PlanTest, AChangedGateMovesOneConnection) {
+  const Plan plan = daemon_.plan(changed(fib, "fib:1 -> b", "fib:1 -> a"));
+  EXPECT_THAT(commands(plan), ElementsAre("disconnectModules fib", "connectModules fib"));
+  EXPECT_EQ(summary(plan), "~ connection fib:1; -> b becomes -> a\n");
+}
+
+TEST_F(PlanTest, AnArgumentWithACommandIsChangedInPlace) {
+  const std::string document =
+      changed(fib, "src: Source", "src: {class: Source, arg: {pkt_size: 100}}");
+  const Plan plan = daemon_.plan(document);
+  EXPECT_THAT(commands(plan), ElementsAre("moduleCommand src set_pkt_size"));
+  daemon_.apply(document);
+  EXPECT_EQ(summary(daemon_.plan(document)), "");
+  // There is no command that sets it back to the daemon's own.
+  EXPECT_EQ(summary(daemon_.plan(fib)).substr(0, 66),
+            "-/+ module src; no command of a Source can clear pkt_size; arg.pkt");
+}
+
+TEST_F(PlanTest, AModuleMadeAnewGetsItsConnectionsTableAndTaskBack) {
+  const std::string document =
+      changed(fib, "num_bytes: 4", "num_bytes: 4}, {offset: 30, num_bytes: 1");
+  const std::string with =
+      changed(changed(document, "[10.0.0.1]", "[10.0.0.1, 1]"), "[10.0.0.2]", "[10.0.0.2, 2]");
+  const auto applied = daemon_.apply(with);
+  EXPECT_THAT(applied.refusals, IsEmpty());
+  EXPECT_EQ(summary(applied.plan).substr(0, 63),
+            "-/+ module fib; no command of a ExactMatch changes fields; arg.");
+  EXPECT_EQ(daemon_.read().connections.size(), 3u);
+  EXPECT_EQ(summary(daemon_.plan(with)), "");
+  const auto back = daemon_.apply(
+      changed(fib, "src: Source",
+              "src: {class: FlowGen, arg: {template: 0x0000000000000000000000000800}}"));
+  EXPECT_THAT(back.refusals, IsEmpty());
+  EXPECT_EQ(daemon_.read().modules.at("src").tasks.at(0)->worker, 0);
+}
+
+TEST_F(PlanTest, WhatIsNotInTheDocumentIsLeftAloneAndCounted) {
+  const Plan plan = daemon_.plan("modules: {a: Sink}");
+  EXPECT_TRUE(plan.empty());
+  EXPECT_EQ(plan.leftAlone, 6u);  // three modules, three connections; workers are not spoken of
+}
+
+TEST_F(PlanTest, PruneDeletesWhatIsNotInTheDocument) {
+  const Plan plan = daemon_.plan("workers: {0: {core: 0}}\nmodules: {a: Sink}", {.prune = true});
+  EXPECT_THAT(commands(plan),
+              ElementsAre("destroyModule b", "destroyModule fib", "destroyModule src"));
+  EXPECT_EQ(plan.deletions, 6u);
+  EXPECT_EQ(plan.leftAlone, 0u);
+}
+
+TEST_F(PlanTest, WorkersThatAreNotSpokenOfStayWithPrune) {
+  daemon_.apply("modules: {src: Source}", {.prune = true});
+  EXPECT_EQ(daemon_.read().workers.size(), 1u);
+}
+
+TEST_F(PlanTest, ARefusalStopsWhatNeedsItAndNothingElse) {
+  const auto applied = daemon_.apply(
+      "ports: {p: {driver: PMDPort, arg: {vdev: nothing}}}\n"
+      "modules: {in: {class: PortInc, arg: {port: p}}, c: Sink, d: Sink}\n"
+      "connections: [in -> c]\n");
+  std::map<std::string, Execution::State> states;
+  for (std::size_t i = 0; i < applied.states.size(); ++i) {
+    states[text(applied.plan.changes[i].object)] = applied.states[i];
+  }
+  using enum Execution::State::Kind;
+  EXPECT_EQ(states["port p"].kind, refused);
+  EXPECT_EQ(states["port p"].text, "Cannot attach vdev nothing");
+  EXPECT_EQ(states["module in"].kind, notTried);
+  EXPECT_EQ(states["module in"].because, "port p");
+  EXPECT_EQ(states["connection in:0"].because, "port p");
+  EXPECT_EQ(states["module d"].kind, done);
+}
+
+TEST_F(PlanTest, AChangedPolicyRebuildsItsWorkerAndLosesNoTask) {
+  const std::string classes =
+      "workers: {0: {core: 0}}\n"
+      "modules: {src: {class: Source, tasks: slow}}\n"
+      "traffic_classes: {slow: {policy: rate_limit, limit: {packet: 5}, wid: 0}}\n";
+  EXPECT_THAT(daemon_.apply(classes).refusals, IsEmpty());
+  const std::string fair = changed(classes, "rate_limit, limit: {packet: 5}", "round_robin");
+  const auto applied = daemon_.apply(fair);
+  EXPECT_THAT(applied.refusals, IsEmpty());
+  EXPECT_THAT(applied.plan.pauses, ElementsAre("worker 0 while its traffic classes are made anew"));
+  const LiveSwitch live = daemon_.read();
+  EXPECT_EQ(live.trafficClasses.at("slow").policy, "round_robin");
+  EXPECT_EQ(live.modules.at("src").tasks.at(0)->parent, "slow");
+  EXPECT_TRUE(live.workers.at(0).running.value());
+  EXPECT_EQ(live.workers.size(), 1u);
+}
+
+TEST_F(PlanTest, TasksChangePlacesWithoutALoss) {
+  const std::string document =
+      "workers: {0: {core: 0}}\n"
+      "modules:\n"
+      "  x: {class: Source, tasks: one}\n"
+      "  y: {class: Source, tasks: two}\n"
+      "traffic_classes:\n"
+      "  one: {policy: rate_limit, resource: packet, wid: 0}\n"
+      "  two: {policy: rate_limit, resource: packet, wid: 0}\n";
+  EXPECT_THAT(daemon_.apply(document).refusals, IsEmpty());
+  const std::string exchanged =
+      changed(changed(changed(document, "tasks: one", "tasks: 2"), "tasks: two", "tasks: one"),
+              "tasks: 2", "tasks: two");
+  EXPECT_THAT(daemon_.apply(exchanged).refusals, IsEmpty());
+  EXPECT_TRUE(daemon_.read().lostTasks.empty());
+  EXPECT_EQ(summary(daemon_.plan(exchanged)), "");
+}
+
+TEST_F(PlanTest, ATaskIsNotSentWhereThereIsNoRoom) {
+  const auto applied = daemon_.apply(
+      "modules: {x: {class: Source, tasks: one}, y: {class: Source, tasks: one}}\n"
+      "traffic_classes: {one: {policy: rate_limit, resource: packet, wid: 0}}\n");
+  EXPECT_TRUE(daemon_.read().lostTasks.empty());
+  const auto refused = std::count_if(
+      applied.states.begin(), applied.states.end(), [](const Execution::State& state) {
+        return state.kind == Execution::State::Kind::refused &&
+               state.text.find("there is no room for it below one") == 0;
+      });
+  EXPECT_EQ(refused, 2);
+}
+
+TEST_F(PlanTest, ALostTaskIsRepairedByMakingItsModuleAnew) {
+  daemon_.load(
+      R"({"type":"createModule","request":{"name":"x","mclass":"Source"}})"
+      "\n"
+      R"({"type":"updateTcParent","request":{"class":{"leafModuleName":"x","parent":"nowhere","wid":"-1"}}})"
+      "\n");
+  EXPECT_EQ(summary(daemon_.plan("workers: {}\nmodules: {x: Source}")),
+            "-/+ module x; its task has lost its traffic class\n");
+}
+
+TEST_F(PlanTest, WhatADaemonDoesNotTellIsAssumedWithoutARecord) {
+  TestSwitch other;
+  other.load(daemon_.server().dump());
+  const Plan plan = other.plan(fib);
+  EXPECT_THAT(plan.assumed, ElementsAre("module fib: rules"));
+  EXPECT_TRUE(plan.empty());
+  EXPECT_THAT(
+      commands(other.plan(fib, {.recreateUnknown = true})),
+      ElementsAre("pauseWorker 0", "moduleCommand fib set_runtime_config", "resumeWorker 0"));
+}
+
+TEST_F(PlanTest, AnOlderDaemonsPortIsNotMadeElsewhere) {
+  TestSwitch older(TestSwitch::older());
+  older.apply(
+      "ports: {p: {driver: PMDPort, arg: {vdev: net_null0}}}\nmodules: {s: Sink, i: {class: "
+      "PortInc, arg: {port: p}}}");
+  LiveSwitch live = older.read();
+  live.ports.at("p").arg.reset();  // as without a record
+  const std::string document = yaml(described(live));
+  EXPECT_EQ(document,
+            "workers:\n"
+            "  0: {core: 0}\n"
+            "ports:\n"
+            "  p: {driver: PMDPort, arg: unknown, mtu: 1500}  # the daemon does not tell the "
+            "driver's argument; "
+            "state it before this is applied elsewhere\n"
+            "modules:\n"
+            "  i: {class: PortInc, arg: {port: p}}\n"
+            "  s: Sink\n");
+  EXPECT_TRUE(older.plan(document).empty());
+  TestSwitch elsewhere;
+  const auto applied = elsewhere.apply(document);
+  EXPECT_EQ(applied.states[1].text, "the argument of its driver PMDPort is not known; state it");
+  EXPECT_EQ(elsewhere.read().modules.size(), 1u);
+}
+
+TEST_F(PlanTest, APortMadeAnewTakesItsUsersAlong) {
+  const std::string document =
+      "ports: {p: {driver: PMDPort, arg: {vdev: net_null0}}}\n"
+      "modules: {in: {class: PortInc, arg: {port: p}}, a: Sink}\n"
+      "connections: [in -> a]\n";
+  daemon_.apply(document);
+  const auto applied = daemon_.apply(changed(document, "net_null0", "net_null1"));
+  EXPECT_THAT(applied.refusals, IsEmpty());
+  EXPECT_EQ(summary(applied.plan),
+            "-/+ module in; port p is made anew\n-/+ port p; another argument\n");
+  EXPECT_EQ(daemon_.read().connections.count({"in", 0}), 1u);
+}
+
+TEST_F(PlanTest, ALargeTableIsSetInOneRequest) {
+  std::string document =
+      "modules:\n  t:\n    class: ExactMatch\n    arg: {fields: [{num_bytes: 4}]}\n    rules:\n";
+  for (int i = 0; i < 1000; ++i) {
+    document += "      - {gate: 1, fields: [" + std::to_string(i) + "]}\n";
+  }
+  const auto applied = daemon_.apply(document);
+  EXPECT_THAT(applied.refusals, IsEmpty());
+  EXPECT_THAT(commands(applied.plan),
+              ElementsAre("createModule t", "moduleCommand t set_runtime_config"));
+  const Plan plan = daemon_.plan(changed(document, "fields: [7]}", "fields: [7000]}"));
+  EXPECT_THAT(commands(plan), ElementsAre("moduleCommand t delete", "moduleCommand t add"));
+}
+
+}  // namespace Norv::State

@@ -1,0 +1,277 @@
+"""export, plan and apply against the stand-in daemon."""
+
+import glob
+import json
+import os
+import random
+import re
+import subprocess
+import tempfile
+
+import harness
+from harness import NORVCTL, Process, Standin, equal, norvctl, run, write_file
+from terminal import Terminal
+
+SMALL = """\
+workers: {0: {core: 0}}
+modules:
+  src: Source
+  em:
+    class: ExactMatch
+    arg: {fields: [{offset: 26, num_bytes: 4}]}
+    rules: [{gate: 1, fields: [10.0.0.1]}, {gate: 2, fields: [10.0.0.2]}]
+  out: Sink
+connections: [src -> em, "em:1 -> out"]
+"""
+
+
+class Switch:
+    """A stand-in and a state directory of its own."""
+
+    def __init__(self, *options):
+        self.standin = Standin()
+        self.folder = tempfile.mkdtemp(dir=os.getcwd())
+        self.options = [*self.standin.address, "--state-dir", self.folder]
+
+    def document(self, text, name="wanted.yaml"):
+        path = os.path.join(self.folder, name)
+        with open(path, "w") as file:
+            file.write(text)
+        return path
+
+    def apply(self, text, *options, status=0):
+        finished = norvctl("apply", "--yes", *self.options, *options, self.document(text))
+        equal(finished.status, status, finished)
+        return finished
+
+    def plan(self, text, *options):
+        return norvctl("plan", *self.options, *options, self.document(text))
+
+    def export(self):
+        finished = norvctl("export", *self.options)
+        equal(finished.status, 0, finished)
+        return finished.out
+
+
+def test_an_empty_switch_is_made_as_wanted():
+    switch = Switch()
+    planned = switch.plan(SMALL)
+    equal(planned.status, 4, planned)
+    assert "  + module em\n" in planned.out, planned
+    assert "9 commands: 6 to create, 0 to change, 0 to recreate, 0 to delete." in planned.out, planned
+    finished = switch.apply(SMALL)
+    assert finished.out.endswith("6 of 6 changes done. The switch is as wanted.\n"), finished
+    again = switch.plan(SMALL)
+    equal((again.status, again.out), (0, "The switch is as wanted.\n"))
+
+
+def test_an_export_is_the_same_bytes_and_nothing_to_do():
+    switch = Switch()
+    switch.apply(SMALL)
+    document = switch.export()
+    equal(switch.export(), document)
+    equal(switch.plan(document).status, 0)
+    as_json = norvctl("export", "--json", *switch.options)
+    equal(json.loads(as_json.out)["modules"]["em"]["rules"][0]["fields"], ["10.0.0.1"])
+    equal(switch.plan(as_json.out).status, 0)
+
+
+def test_what_is_not_told_is_said():
+    switch = Switch()
+    run(*switch.standin.address, write_file({"type": "createModule", "request": {"name": "m", "mclass": "WildcardMatch"}}))
+    finished = norvctl("export", *switch.options)
+    assert "m: WildcardMatch  # the daemon does not tell its rules" in finished.out, finished
+    equal(finished.err, "norvctl: module m: the daemon does not tell its rules\n")
+    equal(norvctl("export", "--quiet", *switch.options).err, "")
+
+
+def test_the_commands_of_a_plan_run_to_the_same_end():
+    switch, other = Switch(), Switch()
+    commands = switch.plan(SMALL, "--json")
+    equal(commands.status, 4)
+    equal(run(*other.standin.address, other.document(commands.out, "commands.jsonl")).status, 0)
+    switch.apply(SMALL)
+    connections = [line for line in switch.export().splitlines() if "->" in line]
+    equal([line for line in other.export().splitlines() if "->" in line], connections)
+    equal(other.plan(SMALL).status, 0)
+
+
+def test_a_document_that_is_wrong_changes_nothing():
+    switch = Switch()
+    finished = switch.apply("modules: {a: Sinc}\nconnections: [a -> b]\n", status=1)
+    assert re.search(r'wanted\.yaml:1:14: no module class "Sinc"; did you mean "Sink"\?\n', finished.err), finished
+    assert "norvctl: 1 problem in the document; nothing was sent\n" in finished.err, finished
+    finished = switch.apply("modules: {a: Merge}\nconnections: [a -> b]\n", status=1)
+    assert 'no module "b" here or on the switch; did you mean "a"?' in finished.err, finished
+    equal(switch.export(), "workers: {}\n")
+    finished = norvctl("plan", *switch.options, "nowhere.yaml")
+    equal((finished.status, finished.err.splitlines()[0]),
+          (1, "nowhere.yaml:1:1: cannot be read: No such file or directory"))
+
+
+def test_a_document_is_checked_without_a_switch():
+    switch = Switch()
+    path = switch.document(SMALL)
+    equal(norvctl("plan", "--check", path).out, "8 objects, all good\n")
+    equal(norvctl("plan", "--check", switch.document("ports: {p: X}")).status, 1)
+
+
+def test_a_refusal_stops_what_needs_it():
+    switch = Switch()
+    finished = switch.apply(
+        "ports: {p: {driver: PMDPort, arg: {vdev: none}}}\n"
+        "modules: {in: {class: PortInc, arg: {port: p}}, a: Sink}\n"
+        "connections: [in -> a]\n", status=2)
+    assert "refused  port p  ENODEV: Cannot attach vdev none\n" in finished.out, finished
+    assert "not tried  module in  because of port p\n" in finished.out, finished
+    assert "not tried  connection in:0  because of port p\n" in finished.out, finished
+    assert "2 of 5 changes done. The switch is not as wanted" in finished.out, finished
+
+
+def test_json_has_an_object_for_each_change():
+    switch = Switch()
+    finished = switch.apply("modules: {a: Sink, b: {class: Queue, arg: {size: 3}}}", "--json", status=2)
+    rows = [json.loads(line) for line in finished.out.splitlines()]
+    states = {row["object"]: row["state"] for row in rows[:-1]}
+    equal((states["module a"], states["module b"]), ("done", "refused"))
+    equal(rows[-1]["summary"]["done"], len(states) - 1)
+
+
+def test_rollback_returns_to_what_was():
+    switch = Switch()
+    switch.apply(SMALL)
+    before = switch.export()
+    finished = switch.apply(
+        "modules: {out: Sink, more: Sink, bad: {class: Queue, arg: {size: 3}}}\nconnections: [\"em:2 -> more\"]",
+        "--rollback", status=2)
+    assert "what was before is back" in finished.out, finished
+    equal("more" in switch.export(), False)
+    equal([line for line in switch.export().splitlines() if "->" in line],
+          [line for line in before.splitlines() if "->" in line])
+
+
+def many(number):
+    return "workers: {}\nmodules: {" + ", ".join(f"m{i}: Sink" for i in range(number)) + "}\n"
+
+
+def test_much_is_not_deleted_without_a_word():
+    switch = Switch()
+    switch.apply(many(12))
+    finished = switch.apply(many(5), "--prune", status=1)
+    assert "this deletes 7 of 12 objects; --allow-mass-delete lets it" in finished.err, finished
+    finished = switch.apply("", "--prune", status=1)
+    assert "this deletes 12 of 12 objects" in finished.err, finished
+    switch.apply(many(7), "--prune")  # less than half
+    switch.apply("", "--prune", "--allow-mass-delete")
+    equal(switch.export(), "workers: {}\n")
+
+
+def test_a_terminal_is_asked():
+    switch = Switch()
+    path = switch.document(many(12))
+    for answer, status in (("n", 1), ("y", 0)):
+        terminal = Terminal("apply", *switch.options, path, input=True)
+        terminal.wait_for(r"Carry it out\? \[y/N\] ")
+        os.write(terminal.end, answer.encode() + b"\n")
+        equal(terminal.finish(), status)
+    terminal = Terminal("apply", "--prune", *switch.options, switch.document(many(2)), input=True)
+    terminal.wait_for("type their number to go on: ")
+    os.write(terminal.end, b"10\n")
+    equal(terminal.finish(), 0)
+
+
+def test_nobody_to_ask():
+    switch = Switch()
+    finished = norvctl("apply", *switch.options, switch.document(SMALL))
+    equal((finished.status, finished.err), (1, "norvctl: nobody to ask here; --yes goes on without\n"))
+    equal(norvctl("apply", "--dry-run", *switch.options, switch.document(SMALL)).status, 4)
+    equal(switch.export(), "workers: {}\n")
+
+
+def test_nobody_listens():
+    finished = norvctl("export", "--host", "127.0.0.1", "--port", str(harness.free_port()))
+    equal(finished.status, 3)
+    assert "no answer from 127.0.0.1:" in finished.err, finished
+
+
+def large(seed):
+    """Different documents with tables, classes and a place for each task."""
+    pick = random.Random(seed)
+    rules = ", ".join(f"{{gate: {pick.randrange(4)}, fields: [10.0.0.{i}]}}" for i in range(20))
+    return (
+        "workers: {0: {core: 0}, 1: {core: 1}}\n"
+        f"ports: {{p: {{driver: PMDPort, arg: {{vdev: net_null{seed % 2}}}}}}}\n"
+        "modules:\n"
+        "  in: {class: PortInc, arg: {port: p}, tasks: slow}\n"
+        f"  src: {{class: Source, arg: {{pkt_size: {60 + seed}}}, tasks: {{wid: 1}}}}\n"
+        f"  em: {{class: ExactMatch, arg: {{fields: [{{num_bytes: 4}}]}}, default_gate: {seed % 3}, rules: [{rules}]}}\n"
+        + "".join(f"  s{i}: Sink\n" for i in range(20))
+        + "connections: [in -> em, "
+        + ", ".join(f'"em:{i} -> s{(i + seed) % 20}"' for i in range(20))
+        + "]\n"
+        f"traffic_classes: {{slow: {{policy: rate_limit, limit: {{packet: {1000 + seed}}}, wid: 0}}}}\n"
+    )
+
+
+def test_killed_at_any_step_it_goes_on_with_the_next_apply():
+    switch = Switch()
+    pick = random.Random(7)
+    for seed in range(12):
+        path = switch.document(large(seed))
+        process = subprocess.Popen(
+            [NORVCTL, "apply", "--yes", "--quiet", *switch.options, path],
+            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        try:
+            process.wait(0.02 + pick.random() * 0.25)
+        except subprocess.TimeoutExpired:
+            process.kill()
+        process.wait()
+        switch.apply(large(seed), "--prune", "--allow-mass-delete")
+        equal(switch.plan(large(seed)).status, 0)
+
+
+def test_a_daemon_that_starts_anew_gets_everything_again():
+    switch = Switch()
+    switch.apply(large(1))
+    port = switch.standin.port
+    switch.standin.end()
+    switch.standin = Standin(port)
+    finished = switch.apply(large(1))
+    assert "The switch is as wanted" in finished.out, finished
+    equal(switch.plan(large(1)).status, 0)
+
+
+def test_a_daemon_that_dies_in_the_middle():
+    switch = Switch()
+    controlled = Process(harness.STANDIN, "--listen", "127.0.0.1:0", "--fault", "kind=exit rpc=createModule nth=10")
+    port = controlled.wait_for(r"listening on 127\.0\.0\.1:(\d+)\n").group(1)
+    options = ["--host", "127.0.0.1", "--port", port, "--state-dir", switch.folder]
+    finished = norvctl("apply", "--yes", *options, switch.document(large(1)))
+    equal(finished.status, 3, finished)
+    assert "stopped after a failure" in finished.out, finished
+    standin = Standin(port)
+    finished = norvctl("apply", "--yes", *options, switch.document(large(1)))
+    equal(finished.status, 0, finished)
+
+
+def test_a_damaged_record_lies_aside():
+    switch = Switch()
+    switch.apply(SMALL)
+    [record] = glob.glob(switch.folder + "/*.json")
+    equal(os.stat(record).st_mode & 0o777, 0o600)
+    with open(record, "w") as file:
+        file.write("{")
+    finished = switch.plan(SMALL)
+    assert "is no record" in finished.err and os.path.exists(record + ".damaged"), finished
+    assert "assumed to be right, as the daemon does not tell: module em: rules" in finished.out, finished
+    equal(finished.status, 0)
+    equal(switch.plan(SMALL, "--recreate-unknown").status, 4)
+
+
+def test_the_schema_is_json_and_knows_every_class():
+    schema = json.loads(norvctl("plan", "--schema").out)
+    classes = schema["properties"]["modules"]["additionalProperties"]["anyOf"][-1]["enum"]
+    assert "ExactMatch" in classes and len(classes) > 60, classes
+
+
+harness.main()
