@@ -132,7 +132,9 @@ std::string planText(const Plan& plan, bool colour) {
     all += shade + std::string(3 - sign.size(), ' ') + sign + colours.end() + " " +
            escaped(text(change.object));
     for (std::size_t i = 0; i < change.details.size(); ++i) {
-      all += (i == 0 ? "  " : "; ") + escaped(change.details[i]);
+      // A connection reads on with where it leads.
+      const bool leads = change.details[i].starts_with("->");
+      all += (i != 0 ? "; " : leads ? " " : "  ") + escaped(change.details[i]);
     }
     all += "\n";
   }
