@@ -1,7 +1,7 @@
-#include <Norv/State/Document.h>
-
 #include <cstdint>
 #include <cstdlib>
+
+#include <Norv/State/Document.h>
 
 // A document is refused with what is wrong, or it is written so that it reads back as it is.
 
