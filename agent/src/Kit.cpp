@@ -162,8 +162,17 @@ bool Kit::moving() const {
 
 // The first tracked command in the pending queue. Under threadLock.
 std::optional<U64> Kit::firstPending() const {
+  const U64 announced = ledger_->announcedCount();
+  if (found_.id == 0 && found_.announcedCount == announced) return std::nullopt;
+  const U32 ahead = found_.index - pendingQueue_->cmdBatchMetadata().headIndex;
+  const bool stillThere = found_.id != 0 && ahead < pendingQueue_->cmdBatchs();
+  if (stillThere && ledger_->isOpen(found_.id)) return found_.id;
+  found_ = {0, 0, announced};
   for (auto entry = pendingQueue_->cmdBatchIteratorConst(); entry; ++entry) {
-    if (const TrackedEntry* found = tracked(entry.cmdBatch())) return found->id();
+    if (const TrackedEntry* found = tracked(entry.cmdBatch())) {
+      found_ = {entry.key(), found->id(), announced};
+      return found_.id;
+    }
   }
   return std::nullopt;
 }

@@ -191,6 +191,16 @@ U64 Ledger::ended() const {
   return sum;
 }
 
+U64 Ledger::announcedCount() const {
+  Lumo::LockAnchor anchor(&lock_);
+  return lastSeq_;
+}
+
+bool Ledger::isOpen(U64 id) const {
+  Lumo::LockAnchor anchor(&lock_);
+  return seqOf_.contains(id);
+}
+
 U64 Ledger::openAnnounced() const {
   Lumo::LockAnchor anchor(&lock_);
   return open_.size();

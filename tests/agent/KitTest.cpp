@@ -150,6 +150,39 @@ TEST_F(Kit, CommandsThatAreNotTrackedPassByItsBooks) {
   EXPECT_EQ(kit.ledger()->count(Outcome::ok), 2u);
 }
 
+TEST_F(Kit, SeesWhichOneIsUnderWayPastCommandsThatAreNotTracked) {
+  daemon.hold();
+  connect();
+  enqueue(1);
+  announce();
+  ASSERT_TRUE(ticking([&] { return daemon.calls().size() == 1; }));
+  const auto untracked = [&](int count) {
+    Lumo::ActivityLockAnchor activity;
+    for (int i = 0; i < count; ++i) agent.enqueue();
+  };
+  untracked(3);
+  announce();
+  ASSERT_TRUE(status().inFlight);
+  EXPECT_EQ(status().inFlight->id, 1u) << "nothing tracked waits";
+  enqueue(1);
+  untracked(1);
+  enqueue(1);
+  announce();
+  ASSERT_TRUE(status().inFlight);
+  EXPECT_EQ(status().inFlight->id, 1u) << "the second waits";
+  {
+    Lumo::ActivityLockAnchor activity;
+    Lumo::LockAnchor anchor(agent.manager->threadLock());
+    agent.pending->cmdBatchDel(agent.pending->cmdBatchMetadata().headIndex + 3);
+  }
+  EXPECT_THAT(ends(), ElementsAre(Pair(2, Outcome::dropped)));
+  ASSERT_TRUE(status().inFlight);
+  EXPECT_EQ(status().inFlight->id, 1u) << "the third waits";
+  daemon.release();
+  EXPECT_TRUE(ticking([&] { return ends().size() == 3; }));
+  EXPECT_EQ(kit.ledger()->count(Outcome::ok), 2u);
+}
+
 TEST_F(Kit, ATickMakesUpForALostWakeUp) {
   support::TraceRecorder recorder("GrpcClient/*");
   connect();

@@ -88,6 +88,8 @@ class Ledger {
 
   U64 count(Outcome outcome) const;
   U64 ended() const;
+  U64 announcedCount() const;  // of those that were ever announced
+  bool isOpen(U64 id) const;   // announced and not ended
   U64 openAnnounced() const;
   U64 openAnnouncedMaximum() const;
   // The announced command that is under way or next.
