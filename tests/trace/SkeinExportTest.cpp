@@ -154,8 +154,13 @@ std::vector<Rect> rectsIn(const std::string& svg) {
   return rects;
 }
 
+// By more than the rounding of the numbers in the picture: bars stand side by side.
 bool overlap(const Rect& a, const Rect& b) {
-  return a.x < b.x + b.w && b.x < a.x + a.w && a.y < b.y + b.h && b.y < a.y + a.h;
+  constexpr double rounding = 0.01;
+  const auto over = [](double from, double size, double otherFrom, double otherSize) {
+    return from + rounding < otherFrom + otherSize && otherFrom + rounding < from + size;
+  };
+  return over(a.x, a.w, b.x, b.w) && over(a.y, a.h, b.y, b.h);
 }
 
 }  // namespace
