@@ -175,6 +175,13 @@ def test_raw_request_that_is_none():
     refuse_line('{"type":"destroyPort","request_raw":"Cn8="}', "no DestroyPortRequest")
 
 
+def test_raw_request_that_is_another():
+    # The bytes of a name "a".
+    refuse_line('{"type":"destroyPort","request":{"name":"b"},"request_raw":"CgFh"}', ":3:46:", "different things")
+    refuse_line('{"type":"destroyPort","request":{},"request_raw":"CgFh"}', "different things")
+    refuse_line('{"type":"destroyPort","request_raw":"CgFh","request":{"nme":"a"}}', ":3:44:", "nme")
+
+
 def test_standard_input_that_is_closed():
     read_end, write_end = harness.os.pipe()
     harness.os.close(write_end)
@@ -193,6 +200,17 @@ def test_host_beside_the_standin():
         finished = norvctl("run", "--standin", *option, file)
         equal(finished.status, 1, finished)
         assert "excludes" in finished.err, finished
+
+
+def test_several_hosts_where_one_is_asked():
+    for verb in (["show"], ["watch"], ["doctor"], ["shell"]):
+        finished = norvctl(*verb, "--host", "a,b")
+        equal(finished.status, 1, finished)
+        assert "--host: 'a,b' is a list; this verb takes one host" in finished.err, finished
+    harness.os.environ["NORV_HOST"] = "a,b"
+    finished = norvctl("show")
+    equal(finished.status, 1, finished)
+    assert "NORV_HOST: 'a,b' is a list" in finished.err, finished
 
 
 def test_port_of_the_environment():
@@ -235,6 +253,7 @@ def test_template_of_unknown_type():
 
 def test_unknown_option():
     refuse(["run", "--fly", write_file(GOOD)], "--fly")
+    refuse(["call", "--quiet", "getVersion"], "--quiet")
 
 
 def test_options_with_bad_values():

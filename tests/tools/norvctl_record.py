@@ -94,6 +94,44 @@ def test_differences_are_told():
     equal(rows[-1]["summary"]["different"], 2)
 
 
+def test_counters_of_a_port_may_differ_and_their_number_may_not():
+    made = command("createPort", name="p", driver="UnixSocketPort", arg={"@type": "type.googleapis.com/bess.pb.UnixSocketPortArg", "path": "@norvctl-test"})
+    path = recorded(write_file(made, command("getPortStats", name="p")), "--standin")
+    rows = lines_of(path)
+    equal(rows[0]["status"]["code"], 0)
+    stats = rows[1]["response"]
+    equal(len(stats["inc"]["actualHist"]), 65, stats)
+    stats["inc"].update(packets="7", dropped="8", bytes="9", actualHist=["3"] * 65)
+    stats["timestamp"] = 1
+    del stats["out"]["diffHist"][64]
+
+    def differences():
+        with open(path, "w") as file:
+            file.write("".join(json.dumps(row) + "\n" for row in rows))
+        finished = norvctl("replay", "--json", "--standin", path)
+        return [row["differences"] for row in map(json.loads, finished.out.splitlines()) if "differences" in row]
+
+    told = differences()
+    equal(len(told), 1, told)
+    equal([text.split(":")[0] for text in told[0]], ["response.out.diffHist"])
+    stats["out"]["diffHist"].append("5")
+    equal(differences(), [])
+
+
+def test_a_replay_to_several_hosts():
+    path = recorded(write_file(command("getVersion"), command("pauseAll")), "--standin")
+    daemon = ScriptedDaemon("ok", "error=22")
+    hosts = ["--host", "127.0.0.1,localhost", "--port", daemon.port]
+    finished = norvctl("replay", *hosts, "--timeout", "20", path)
+    equal(finished.status, 2, finished)
+    assert "2 calls, " in finished.out and "different" in finished.out, finished
+    rows = [json.loads(line) for line in norvctl("replay", "--json", *hosts, path).out.splitlines()]
+    equal([(row["host"], row["summary"]["calls"]) for row in rows], [("127.0.0.1", 2), ("localhost", 2)])
+    finished = norvctl("replay", "--update", *hosts, path)
+    equal(finished.status, 1, finished)
+    assert "--update takes over the answers of one host" in finished.err, finished
+
+
 def test_update_takes_the_answers_over():
     path = write_file(
         {"type": "getVersion", "request": {}, "response": {"version": "another"}, "status": {"code": 0, "message": ""}},

@@ -60,7 +60,7 @@ void addTarget(CLI::App& command, TargetOptions& options, bool several) {
   CLI::Option* host = command.add_option(
       "--host", options.host,
       std::string("the daemon's host; without it that of NORV_HOST, else localhost") +
-          (several ? "; a list, as in a,b,c, does the same on each" : ""));
+          (several ? "; a list, as in a,b,c, does the same on each" : "; one, not a list"));
   host->type_name("HOST");
   CLI::Option* port = command.add_option(
       "--port", options.port, "the daemon's port; without it that of NORV_PORT, else 10514");
@@ -74,6 +74,12 @@ void addTarget(CLI::App& command, TargetOptions& options, bool several) {
     const char* const portSet = options.standin ? nullptr : environment("NORV_PORT");
     if (host->count() == 0) options.host = hostSet ? hostSet : "localhost";
     options.hosts = several ? partsOf(options.host) : std::vector{options.host};
+    if (!several && options.host.find(',') != std::string::npos) {
+      throw CLI::ValidationError(host->count() ? "--host" : "NORV_HOST",
+                                 "'" + options.host +
+                                     "' is a list; this verb takes one host (run, call and replay "
+                                     "take several)");
+    }
     if (port->count() == 0) options.port = portSet ? portOf(portSet) : usualPort;
   });
 }

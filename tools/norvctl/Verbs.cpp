@@ -7,10 +7,8 @@ namespace Norvctl {
 
 const char* const exitStatusText =
     "Exit status: 0 all ok; 1 bad usage or bad input, or the output could not be written; 2 a "
-    "command "
-    "was refused; 3 one failed, was undecodable or dropped, the time ran out, or the daemon could "
-    "not "
-    "be asked; 128 + N ended by signal N.";
+    "command was refused; 3 one failed, was undecodable or dropped, the time ran out, or the "
+    "daemon could not be asked; 128 + N ended by signal N.";
 
 namespace {
 

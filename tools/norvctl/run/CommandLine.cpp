@@ -107,7 +107,7 @@ void refuseUnknownKeys(const json& object, const std::string& line) {
   }
 }
 
-// The bytes of a recording, which carry also what its JSON cannot show.
+// The bytes of a recording, which carry also what JSON cannot show.
 void fillFromRaw(const json& object, const std::string& line, const RequestInfo& info,
                  google::protobuf::Message* request) {
   std::string bytes;
@@ -117,6 +117,15 @@ void fillFromRaw(const json& object, const std::string& line, const RequestInfo&
   if (!request->ParseFromString(bytes)) {
     throw Complaint{columnOf(line, "request_raw"),
                     "the bytes of \"request_raw\" are no " + std::string(info.requestMessage)};
+  }
+}
+
+void fillFromJson(const json& object, const std::string& line, const RequestInfo& info,
+                  google::protobuf::Message* request) {
+  const std::string body = object.at("request").dump();
+  const std::string error = parseRequest(body, request);
+  if (!error.empty()) {
+    throw Complaint{columnOf(line, "request"), badRequest(info, body, error)};
   }
 }
 
@@ -133,13 +142,13 @@ Step command(const json& object, const std::string& line, const CommandLineOptio
   }
   if (options.withoutRequest) return step;
   step.request = newRequest(step.type);
+  if (object.contains("request")) fillFromJson(object, line, *info, step.request.get());
   if (object.contains("request_raw")) {
+    const std::string shown = messageJson(*step.request);
     fillFromRaw(object, line, *info, step.request.get());
-  } else if (object.contains("request")) {
-    const json& request = object.at("request");
-    const std::string error = parseRequest(request.dump(), step.request.get());
-    if (!error.empty()) {
-      throw Complaint{columnOf(line, "request"), badRequest(*info, request.dump(), error)};
+    if (object.contains("request") && messageJson(*step.request) != shown) {
+      throw Complaint{columnOf(line, "request_raw"),
+                      "\"request\" and \"request_raw\" say different things; leave one out"};
     }
   }
   return step;

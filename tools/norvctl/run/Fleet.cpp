@@ -143,14 +143,21 @@ std::string lastWord(const std::string& text) {
   return escaped(last.starts_with("norvctl: ") ? last.substr(9) : last);
 }
 
-const char* statusWord(int status) {
+// What is told of one that printed nothing to go by.
+std::string withoutAnswer(const Finished& finished, json& line) {
+  line["error"] = lastWord(finished.err);
+  return lastWord(finished.err);
+}
+
+// `two`: what that exit status says.
+const char* statusWord(int status, const char* two) {
   switch (status) {
     case allOk:
       return "ok";
     case badInput:
       return "bad input";
     case refused:
-      return "refused";
+      return two;
     case lost:
       return "lost";
     default:
@@ -179,10 +186,16 @@ Table::Tone toneOf(int status) {
                              : Table::Tone::bad;
 }
 
+// The last of the lines, with a summary in it; null if there is none.
+json summaryOf(const Finished& finished) {
+  const std::vector<json> objects = objectsOf(finished.out);
+  return objects.empty() ? json() : objects.back().value("summary", json());
+}
+
 // A line per host, with what `tell` makes of its lines.
 template <class Tell>
 int onEach(const std::vector<std::string>& hosts, bool asJson, const std::vector<std::string>& more,
-           Tell tell) {
+           const char* two, Tell tell) {
   std::vector<std::vector<std::string>> lists;
   for (const std::string& host : hosts) {
     lists.push_back(repeated(host));
@@ -199,7 +212,7 @@ int onEach(const std::vector<std::string>& hosts, bool asJson, const std::vector
     if (asJson) {
       std::printf("%s\n", line.dump(-1, ' ', false, json::error_handler_t::replace).c_str());
     }
-    table.add({escaped(hosts[i]), {statusWord(status), toneOf(status)}, text});
+    table.add({escaped(hosts[i]), {statusWord(status, two), toneOf(status)}, text});
   }
   if (!asJson) std::fputs(table.text(Colours(coloursAt(STDOUT_FILENO))).c_str(), stdout);
   return worst;
@@ -217,24 +230,33 @@ int runOnEach(const std::vector<std::string>& hosts, const std::vector<std::stri
     std::fputs("norvctl: standard input can be sent to one host only; give a file\n", stderr);
     return badInput;
   }
-  return onEach(hosts, asJson, {"--quiet"}, [](const Finished& finished, json& line) {
-    const std::vector<json> objects = objectsOf(finished.out);
-    if (objects.empty() || !objects.back().contains("summary")) {
-      line["error"] = lastWord(finished.err);
-      return lastWord(finished.err);
+  return onEach(hosts, asJson, {"--quiet"}, "refused", [](const Finished& finished, json& line) {
+    const json summary = summaryOf(finished);
+    if (summary.is_null()) return withoutAnswer(finished, line);
+    line["summary"] = summary;
+    return summaryText(summary);
+  });
+}
+
+int replayOnEach(const std::vector<std::string>& hosts, bool asJson) {
+  return onEach(hosts, asJson, {"--quiet"}, "different", [](const Finished& finished, json& line) {
+    const json summary = summaryOf(finished);
+    if (summary.is_null()) return withoutAnswer(finished, line);
+    line["summary"] = summary;
+    std::string text = std::to_string(summary.value("calls", 0u)) + " calls";
+    for (const auto& [key, words] : {std::pair{"as_recorded", " as recorded"},
+                                     std::pair{"different", " different"},
+                                     std::pair{"left_out", " left out"}}) {
+      text += ", " + std::to_string(summary.value(key, 0u)) + words;
     }
-    line["summary"] = objects.back()["summary"];
-    return summaryText(line["summary"]);
+    return text;
   });
 }
 
 int callOnEach(const std::vector<std::string>& hosts, bool asJson) {
-  return onEach(hosts, asJson, {}, [](const Finished& finished, json& line) {
+  return onEach(hosts, asJson, {}, "refused", [](const Finished& finished, json& line) {
     const std::vector<json> objects = objectsOf(finished.out);
-    if (objects.empty()) {
-      line["error"] = lastWord(finished.err);
-      return lastWord(finished.err);
-    }
+    if (objects.empty()) return withoutAnswer(finished, line);
     line["response"] = objects.front();
     return line["response"].dump(-1, ' ', false, json::error_handler_t::replace);
   });

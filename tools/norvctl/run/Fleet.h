@@ -14,6 +14,8 @@ int runOnEach(const std::vector<std::string>& hosts, const std::vector<std::stri
               bool json);
 // The same for a single call: the line has the response.
 int callOnEach(const std::vector<std::string>& hosts, bool json);
+// The same for a replay: the line has its counts.
+int replayOnEach(const std::vector<std::string>& hosts, bool json);
 
 // A program that has ended.
 struct Finished {

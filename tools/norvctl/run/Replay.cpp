@@ -15,6 +15,7 @@
 #include "../protocol/Requests.h"
 #include "../text/Table.h"
 #include "../text/Text.h"
+#include "Fleet.h"
 #include "Recording.h"
 #include "Report.h"
 #include "RunOptions.h"
@@ -251,6 +252,13 @@ class Replay {
 };
 
 int replay(const Arguments& arguments) {
+  if (arguments.target.hosts.size() > 1) {
+    if (arguments.update) {
+      std::cerr << "norvctl: --update takes over the answers of one host; give one\n";
+      return badInput;
+    }
+    return replayOnEach(arguments.target.hosts, arguments.asJson);
+  }
   const Target target(arguments.target);
   const auto patience = durationOf(arguments.timeoutSeconds);
   Direct direct(target.host(), target.port(),
@@ -269,7 +277,7 @@ Action defineReplay(CLI::App& command) {
                    "put the answers of now into the files where they differ");
   command.add_flag("--json", arguments->asJson, "one JSON object per difference, and a summary");
   command.add_flag("--quiet", arguments->quiet, "the summary alone");
-  addTarget(command, arguments->target);
+  addTarget(command, arguments->target, true);
   addTimeout(command, arguments->timeoutSeconds, "SECONDS to wait for each answer; 0 is for ever");
   return [arguments] { return replay(*arguments); };
 }
@@ -284,6 +292,8 @@ Verb replayVerb() {
        "each status and response with the recorded one. Counters, times, random addresses and "
        "the daemon's version are not compared. Lines without an answer, and those that the "
        "daemon did not live to answer, are not sent.",
+       "With several hosts, each is asked by a process of its own, and a line tells how many of its "
+       "replies differ.",
        "Exit status 0: all as recorded; 2: some replies differ."},
       {{"norvctl replay --standin talk.jsonl", "against a fresh stand-in daemon"},
        {"norvctl replay --update talk.jsonl", "takes over what has changed"}},

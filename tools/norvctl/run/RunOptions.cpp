@@ -13,7 +13,6 @@ void addRunOptions(CLI::App& command, RunOptions& options) {
   command.add_flag("--json", options.json,
                    "one JSON object per command, and a summary object; words about the connection "
                    "as JSON on standard error");
-  command.add_flag("--quiet", options.quiet, "only what did not end ok, and the summary");
   command.add_flag("--allow-abort", options.allowAbort,
                    "send getPortConf too, which ends this process");
   completes(command.add_option("--on-failure", options.onFailure,

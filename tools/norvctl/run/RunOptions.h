@@ -17,7 +17,6 @@ struct RunOptions {
   double timeoutSeconds = 0;
   std::string onFailure = "stop";
   bool json = false;
-  bool quiet = false;
   bool allowAbort = false;
 };
 void addRunOptions(CLI::App& command, RunOptions& options);

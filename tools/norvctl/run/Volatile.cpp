@@ -8,7 +8,8 @@ namespace {
 
 using nlohmann::json;
 
-// A field of a response; `*` stands for every element of a list. Where `key` is given, only in
+// A field of a response; `*` stands for every element of a list, and at the end of a path for the
+// elements themselves, of which the number stays. Where `key` is given, only in
 // objects whose field of that name has the value, or (ofRequest) in answers to requests of which
 // that is so.
 struct Rule {
@@ -27,8 +28,18 @@ constexpr Rule rules[] = {
     {"getTcStats", "packets"},
     {"getTcStats", "bits"},
     {"getPortStats", "timestamp"},
-    {"getPortStats", "inc"},
-    {"getPortStats", "out"},
+    {"getPortStats", "inc/packets"},
+    {"getPortStats", "inc/dropped"},
+    {"getPortStats", "inc/bytes"},
+    {"getPortStats", "inc/requestedHist/*"},
+    {"getPortStats", "inc/actualHist/*"},
+    {"getPortStats", "inc/diffHist/*"},
+    {"getPortStats", "out/packets"},
+    {"getPortStats", "out/dropped"},
+    {"getPortStats", "out/bytes"},
+    {"getPortStats", "out/requestedHist/*"},
+    {"getPortStats", "out/actualHist/*"},
+    {"getPortStats", "out/diffHist/*"},
     {"getModuleInfo", "igates/*/timestamp"},
     {"getModuleInfo", "igates/*/cnt"},
     {"getModuleInfo", "igates/*/pkts"},
@@ -67,7 +78,13 @@ void remove(json& value, std::string_view path, const Rule& rule) {
   const std::size_t end = path.find('/');
   const std::string name(path.substr(0, end));
   if (name == "*" && value.is_array()) {
-    for (json& element : value) remove(element, path.substr(end + 1), rule);
+    for (json& element : value) {
+      if (end == std::string_view::npos) {
+        element = nullptr;
+      } else {
+        remove(element, path.substr(end + 1), rule);
+      }
+    }
   } else if (!value.is_object() || !value.contains(name)) {
     return;
   } else if (end != std::string_view::npos) {
