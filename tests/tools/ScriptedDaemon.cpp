@@ -8,11 +8,14 @@
 //   garbage        bytes that are no message
 //   big=BYTES      a getVersion response with a version of so many letters
 //   hold           no answer until the daemon ends
+//   wait           an empty response once a line has come on standard input, one for each such call
+//   wait-status=CODE, wait-garbage     the same with these answers
 //
 // Writes "port N", then "call TYPE" for each call as it arrives. Ends when its standard input does.
 
 #include <support/FakeDaemon.h>
 
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
@@ -31,12 +34,38 @@ using support::FakeDaemon;
 struct Instruction {
   std::string word;
   int number = 0;
+  bool waits = false;
+};
+
+// The lines that have come on standard input and have not been waited for.
+class Lines {
+ public:
+  void wait() {
+    std::unique_lock lock(mutex_);
+    came_.wait(lock, [this] { return count_ != 0; });
+    --count_;
+  }
+  void add() {
+    const std::lock_guard guard(mutex_);
+    ++count_;
+    came_.notify_all();
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable came_;
+  int count_ = 0;
 };
 
 Instruction parse(const std::string& text) {
   const std::size_t sign = text.find('=');
   Instruction instruction{text.substr(0, sign)};
   if (sign != std::string::npos) instruction.number = std::stoi(text.substr(sign + 1));
+  if (instruction.word.starts_with("wait")) {
+    instruction.waits = true;
+    instruction.word.erase(0, std::string_view("wait-").size());
+    if (instruction.word.empty()) instruction.word = "ok";
+  }
   for (const char* known : {"ok", "error", "status", "garbage", "big", "hold"}) {
     if (instruction.word == known) return instruction;
   }
@@ -72,6 +101,8 @@ void say(const std::string& line) {
 
 int serve(const std::vector<Instruction>& script) {
   FakeDaemon daemon;
+  Lines lines;
+  Lines never;
   std::mutex mutex;
   std::size_t next = 0;
   daemon.handlerIs([&](Norv::GrpcRequestType type, const Message&, Message* response) {
@@ -81,15 +112,12 @@ int serve(const std::vector<Instruction>& script) {
       say(std::string("call ") + stringValue(type).charPtr());
       if (next < script.size()) instruction = script[next++];
     }
-    if (instruction.word == "hold") {
-      std::cin.get();
-      std::quick_exit(0);
-    }
+    if (instruction.word == "hold") never.wait();
+    if (instruction.waits) lines.wait();
     return carryOut(instruction, response);
   });
   say("port " + std::to_string(daemon.port()));
-  while (std::cin.get() != std::char_traits<char>::eof()) {
-  }
+  for (std::string line; std::getline(std::cin, line);) lines.add();
   std::quick_exit(0);  // A held call is never answered, so the server has no orderly end.
 }
 

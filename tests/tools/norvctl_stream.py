@@ -71,6 +71,81 @@ def test_too_many_wait_for_an_announcement():
     equal(daemon.calls(), [])
 
 
+# More than are read ahead, and not so many that the daemon waits for somebody to read what it says.
+MANY = 3800
+
+
+def many(type, name):
+    """A file with so many commands, of which the last are not in the blocks that are read ahead."""
+    return write_file(*[json.dumps(command(type)) + " " * 200] * MANY, name=name)
+
+
+def changed_while_it_is_run(change):
+    """What a run of a long file sends when the file becomes another under its hands."""
+    file = many("getVersion", "long.jsonl")
+    daemon = ScriptedDaemon("wait")
+    process = Process(NORVCTL, "run", "--quiet", *daemon.address, file)
+    daemon.wait_for("call getVersion\n")
+    change(file)
+    daemon.go_on()
+    finished = process.finish()
+    return file, finished, daemon.calls()
+
+
+def test_a_file_that_changes_is_not_sent_any_further():
+    def other_commands(file):
+        with open(file, "r+") as open_file:
+            text = open_file.read()
+            open_file.seek(0)
+            open_file.write(text.replace("getVersion", "resumeAll "))  # of the same length
+
+    file, finished, calls = changed_while_it_is_run(other_commands)
+    equal(finished.status, 1, finished)
+    assert file + " has changed since it was checked" in finished.err, finished
+    equal(set(calls), {"getVersion"})
+    assert len(calls) < MANY, "those that were read before"
+
+    file, finished, calls = changed_while_it_is_run(lambda file: os.truncate(file, 1000))
+    equal(finished.status, 1, finished)
+    assert " has changed " in finished.err and set(calls) == {"getVersion"}, finished
+
+
+def test_what_is_appended_to_a_file_is_not_sent():
+    def append(file):
+        with open(file, "a") as open_file:
+            open_file.write('{"type":"resetAll"}\n' * 10)
+
+    _, finished, calls = changed_while_it_is_run(append)
+    equal(finished.status, 0, finished)
+    equal(calls, ["getVersion"] * MANY)
+
+
+def test_a_file_that_is_replaced_is_sent_as_it_was_checked():
+    def replace(file):
+        other = many("resetAll", "other.jsonl")
+        harness.written.remove(other)
+        os.rename(other, file)
+
+    file, finished, calls = changed_while_it_is_run(replace)
+    # The one that was checked is still open, and is sent to its end.
+    equal(finished.status, 0, finished)
+    equal(calls, ["getVersion"] * MANY)
+
+
+def test_an_answer_after_the_end_is_left():
+    """The books are closed, and the process is about to end; the worker is not."""
+    for answer in ("wait", "wait-status=13", "wait-garbage"):
+        daemon = ScriptedDaemon("ok", answer)
+        process = Process(NORVCTL, "run", "--json", *daemon.address, write_file(*[command("getVersion")] * 4))
+        daemon.wait_for("(call getVersion\n){2}")
+        process.signal(signal.SIGINT)
+        daemon.go_on()
+        result = Result(process.finish())
+        assert result.status in (0, 3, 130), result.finished
+        equal(len(result.commands), 4)
+        daemon.calls()
+
+
 def test_the_time_runs_out_while_a_stream_is_silent():
     process = Piped("--json", "--timeout", "1", *Standin().address)
     process.write(VERSION)

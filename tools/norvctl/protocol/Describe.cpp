@@ -188,6 +188,20 @@ std::string overview() {
   return text;
 }
 
+// What to say where nothing is called `name`: the names that have it in them, else the nearest.
+std::string unknownName(const std::string& name) {
+  constexpr std::size_t shown = 12;
+  const std::string nothing = "nothing is called \"" + escaped(name) + "\"; ";
+  std::vector<std::string> having = namesWith(name, describedNames());
+  const std::size_t more = having.size() > shown ? having.size() - shown : 0;
+  having.resize(having.size() - more);
+  if (having.empty()) {
+    return nothing + "the nearest are " + listed(nearestNames(name, describedNames(), 3)) + "\n";
+  }
+  if (more != 0) having.push_back(std::to_string(more) + " more");
+  return nothing + "there is " + listed(having) + " (`norvctl describe` lists all)\n";
+}
+
 }  // namespace
 
 std::vector<std::string> describedNames() {
@@ -213,8 +227,7 @@ bool describe(const std::string& name, std::string& text) {
   } else if (const Descriptor* message = Bess::message(name)) {
     text = ofMessage(message);
   } else {
-    text = "nothing is called \"" + escaped(name) + "\"; the nearest are " +
-           listed(nearestNames(name, describedNames(), 3)) + "\n";
+    text = unknownName(name);
     return false;
   }
   return true;

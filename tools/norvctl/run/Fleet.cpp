@@ -244,9 +244,9 @@ int replayOnEach(const std::vector<std::string>& hosts, bool asJson) {
     if (summary.is_null()) return withoutAnswer(finished, line);
     line["summary"] = summary;
     std::string text = std::to_string(summary.value("calls", 0u)) + " calls";
-    for (const auto& [key, words] : {std::pair{"as_recorded", " as recorded"},
-                                     std::pair{"different", " different"},
-                                     std::pair{"left_out", " left out"}}) {
+    for (const auto& [key, words] :
+         {std::pair{"as_recorded", " as recorded"}, std::pair{"different", " different"},
+          std::pair{"left_out", " left out"}}) {
       text += ", " + std::to_string(summary.value(key, 0u)) + words;
     }
     return text;

@@ -292,7 +292,8 @@ Verb replayVerb() {
        "each status and response with the recorded one. Counters, times, random addresses and "
        "the daemon's version are not compared. Lines without an answer, and those that the "
        "daemon did not live to answer, are not sent.",
-       "With several hosts, each is asked by a process of its own, and a line tells how many of its "
+       "With several hosts, each is asked by a process of its own, and a line tells how many of "
+       "its "
        "replies differ.",
        "Exit status 0: all as recorded; 2: some replies differ."},
       {{"norvctl replay --standin talk.jsonl", "against a fresh stand-in daemon"},

@@ -26,8 +26,14 @@ double latencyUs(const CommandReport& report) {
   return std::chrono::duration<double, std::micro>(report.ended - report.started).count();
 }
 
+// Under way when the session ended. Whether it has reached the daemon is not known.
+bool isUnanswered(const CommandReport& report) {
+  return report.outcome == Outcome::failed && report.rpcCode == 0;
+}
+
+// Its RPC has come to an end.
 bool wasSent(const CommandReport& report) {
-  return report.outcome != Outcome::dropped;
+  return report.outcome != Outcome::dropped && !isUnanswered(report);
 }
 
 const char* endName(SessionEnd end) {
@@ -142,6 +148,7 @@ void Report::ended(const CommandReport& report, const Entry& entry) {
   ++counts_[static_cast<std::size_t>(report.outcome)];
   ++done_;
   if (wasSent(report)) latencies_.add(latencyUs(report));
+  unanswered_ += isUnanswered(report);
   if (report.outcome == Outcome::failed) {
     if (!failure_) failure_ = {report, entry.line};
   } else if (wasSent(report)) {
@@ -301,6 +308,7 @@ void Report::printJsonSummary(double seconds, double rate, SessionEnd end) const
   for (std::size_t i = 0; i < counts_.size(); ++i) {
     std::printf(",\"%s\":%zu", outcomeName(static_cast<Outcome>(i)), counts_[i]);
   }
+  std::printf(",\"unanswered\":%zu", unanswered_);
   std::printf(",\"seconds\":%.6f,\"rate\":%.1f,\"ended\":\"%s\",\"target\":%s", seconds, rate,
               endName(end), jsonText(options_.host + ":" + std::to_string(options_.port)).c_str());
   if (failure_) {
@@ -324,6 +332,7 @@ void Report::printSummaryLine(double seconds, double rate) {
     std::printf(", median %.1f us, 99th percentile %.1f us", latencies_.quantile(0.5),
                 latencies_.quantile(0.99));
   }
+  if (unanswered_ != 0) std::printf(", %zu unanswered", unanswered_);
   std::printf("\n");
 }
 
@@ -345,8 +354,8 @@ void Report::explain(SessionEnd end, const std::string& complaint) {
     say("undecodable: " + std::string(undecodableText));
   }
   if (end == SessionEnd::timedOut || end == SessionEnd::interrupted) {
-    const bool noneCame = end == SessionEnd::timedOut && latencies_.count() != 0 &&
-                          latencies_.count() == count(Outcome::failed);
+    const bool noneCame = end == SessionEnd::timedOut && unanswered_ != 0 &&
+                          latencies_.count() + unanswered_ == count(Outcome::failed);
     if (waiting_ || noneCame) say(noAnswer_.atTheEnd());
   }
   if (end == SessionEnd::timedOut) say("the time ran out; --timeout gives it longer");

@@ -111,7 +111,7 @@ class Report : public SessionListener {
     std::size_t line = 0;
   };
   std::optional<Failure> failure_;  // the first
-  std::size_t undecodableLine_ = 0;
+  std::size_t unanswered_ = 0;
   const std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
   std::chrono::steady_clock::time_point barAt_ = start_;
   std::size_t done_ = 0;

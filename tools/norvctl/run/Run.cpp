@@ -19,6 +19,7 @@ namespace {
 struct Arguments : RunOptions {
   std::vector<std::string> files;
   bool stream = false;
+  bool quiet = false;
   std::string record;
 };
 
@@ -115,6 +116,7 @@ Action defineRun(CLI::App& command) {
                   "write what crosses the wire into this FILE, which it replaces")
       ->type_name("FILE");
   addRunOptions(command, *arguments);
+  command.add_flag("--quiet", arguments->quiet, "only what did not end ok, and the summary");
   return [arguments] { return run(*arguments); };
 }
 
@@ -164,9 +166,12 @@ Verb runVerb() {
        "Any number of commands takes the same memory: two thousand are under way at a time.",
        "With --json, each command is an object {seq, queue, type, outcome, latency_us, response "
        "or reason, line}, dropped ones after each other are one with --quiet, and the last line "
-       "is {\"summary\": {sent, ok, refused, failed, undecodable, dropped, seconds, rate, ended, "
-       "target, failure}}, where `ended` is complete, failed, timed out, interrupted, bad input "
-       "or output lost.",
+       "is {\"summary\": {sent, ok, refused, failed, undecodable, dropped, unanswered, seconds, "
+       "rate, "
+       "ended, target, failure}}, where `ended` is complete, failed, timed out, interrupted, bad "
+       "input or output lost.",
+       "A command that was under way when the run ended has failed and is counted as unanswered, "
+       "not as sent: whether it reached the daemon is not known. It has no latency.",
        "With several hosts, each gets all commands from a process of its own, and a line tells "
        "how it went."},
       {{"norvctl run --standin examples/first-light.jsonl", "needs no daemon"},

@@ -7,6 +7,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <functional>
+#include <utility>
+
+#include <Lumo/Assert.h>
 
 #include "../text/Text.h"
 
@@ -17,6 +21,9 @@ namespace {
 const char* const neverUsed =
     ": this queue is announced and never gets a command; leave the line out, or is its name "
     "misspelled?";
+
+// What is read, and compared, at once.
+constexpr std::size_t blockSize = 64 * 1024;
 
 std::string placeText(const std::string& file, std::size_t line) {
   return file + ":" + std::to_string(line);
@@ -35,25 +42,58 @@ LineReader::LineReader(const std::string& fileName)
   }
 }
 
+LineReader::LineReader(const std::string& fileName, Contents& noted) : LineReader(fileName) {
+  noted_ = &noted;
+}
+
+LineReader::LineReader(const std::string& fileName, const Contents& expected)
+    : LineReader(fileName) {
+  expected_ = &expected;
+}
+
 LineReader::~LineReader() {
   close(fd_);
 }
 
+// What a stream has now; of a file whose contents matter, as much as there is. 0 at the end.
+std::size_t LineReader::read(char* at, std::size_t most) {
+  std::size_t taken = 0;
+  do {
+    const ssize_t length = ::read(fd_, at + taken, most - taken);
+    if (length < 0 && errno == EINTR) continue;
+    if (length < 0) throw InputError(name_ + ": cannot be read to its end: " + strerror(errno));
+    if (length == 0) break;
+    taken += static_cast<std::size_t>(length);
+  } while (taken == 0 || ((noted_ || expected_) && taken < most));
+  return taken;
+}
+
 // Reads more into the buffer; false at the end of the file.
 bool LineReader::fill() {
-  constexpr std::size_t portion = 64 * 1024;
   buffer_.erase(0, at_);
   at_ = 0;
   const std::size_t before = buffer_.size();
-  buffer_.resize(before + portion);
-  ssize_t length;
-  do {
-    length = read(fd_, buffer_.data() + before, portion);
-  } while (length < 0 && errno == EINTR);
-  const int error = errno;
-  buffer_.resize(before + static_cast<std::size_t>(std::max<ssize_t>(length, 0)));
-  if (length < 0) throw InputError(name_ + ": cannot be read to its end: " + strerror(error));
+  std::size_t wanted = blockSize;
+  if (expected_) {
+    const auto rest = expected_->size - static_cast<off_t>(block_ * blockSize);
+    wanted = std::min(wanted, static_cast<std::size_t>(std::max<off_t>(rest, 0)));
+    if (wanted == 0) return false;
+  }
+  buffer_.resize(before + wanted);
+  const std::size_t length = read(buffer_.data() + before, wanted);
+  buffer_.resize(before + length);
+  checkBlock(std::string_view(buffer_).substr(before));
   return length > 0;
+}
+
+void LineReader::checkBlock(std::string_view block) {
+  const std::size_t value = std::hash<std::string_view>()(block);
+  if (noted_ && !block.empty()) {
+    noted_->blocks.push_back(value);
+    noted_->size += static_cast<off_t>(block.size());
+  } else if (expected_ && expected_->blocks[block_++] != value) {
+    throw InputError(name_ + " has changed since it was checked, so the rest of it is not sent");
+  }
 }
 
 bool LineReader::next(std::string& line) {
@@ -74,9 +114,13 @@ bool LineReader::next(std::string& line) {
 }
 
 void LineReader::seek(off_t offset, std::size_t linesBefore) {
-  if (lseek(fd_, offset, SEEK_SET) < 0) throw InputError(name_ + ": " + strerror(errno));
+  block_ = static_cast<std::size_t>(offset) / blockSize;
+  const off_t begin = static_cast<off_t>(block_ * blockSize);
+  if (lseek(fd_, begin, SEEK_SET) < 0) throw InputError(name_ + ": " + strerror(errno));
   buffer_.clear();
   at_ = 0;
+  fill();
+  at_ = static_cast<std::size_t>(offset - begin);
   offset_ = offset;
   number_ = linesBefore;
 }
@@ -89,7 +133,7 @@ std::string LineReader::complaint(const Complaint& complaint) const {
 
 CheckedFiles::CheckedFiles(const std::vector<std::string>& files, const InputOptions& options,
                            std::vector<std::string>& complaints)
-    : files_(files), allowAbort_(options.allowAbort) {
+    : files_(files), contents_(files.size()), allowAbort_(options.allowAbort) {
   for (std::size_t file = 0; file < files_.size(); ++file) {
     try {
       check(file, complaints);
@@ -104,7 +148,7 @@ CheckedFiles::CheckedFiles(const std::vector<std::string>& files, const InputOpt
 }
 
 void CheckedFiles::check(std::size_t file, std::vector<std::string>& complaints) {
-  LineReader reader(files_[file]);
+  LineReader reader(files_[file], contents_[file]);
   std::string line;
   std::size_t index = 0;
   for (off_t offset = 0; reader.next(line); offset = reader.offset()) {
@@ -169,28 +213,26 @@ std::optional<Step> CheckedFiles::next() {
 
 std::optional<Step> CheckedFiles::nextOfSlice() {
   const Slice& slice = batches_[batch_].slices[slice_];
-  if (!reader_ || readerFile_ != slice.first.file) {
-    reader_ = std::make_unique<LineReader>(files_[slice.first.file]);
-    readerFile_ = slice.first.file;
+  const std::size_t file = slice.first.file;
+  if (!reader_ || readerFile_ != file) {
+    reader_ = std::make_unique<LineReader>(files_[file], std::as_const(contents_[file]));
+    readerFile_ = file;
   }
   if (taken_ == 0 && reader_->offset() != slice.first.offset) {
     reader_->seek(slice.first.offset, slice.first.linesBefore);
   }
   std::string line;
   do {
-    if (!reader_->next(line)) throw InputError(reader_->name() + " changed while it was run");
+    const bool another = reader_->next(line);
+    LUMO_ASSERT(another, "a slice's lines are where they were");
   } while (blankLine(line));
-  try {
-    Step step = parseCommandLine(line, {allowAbort_, requestsSkipped_});
-    step.line = reader_->number();
-    if (++taken_ == slice.steps) {
-      taken_ = 0;
-      ++slice_;
-    }
-    return step;
-  } catch (const Complaint& complaint) {
-    throw InputError(reader_->complaint(complaint) + " (it was good before: the file has changed)");
+  Step step = parseCommandLine(line, {allowAbort_, requestsSkipped_});
+  step.line = reader_->number();
+  if (++taken_ == slice.steps) {
+    taken_ = 0;
+    ++slice_;
   }
+  return step;
 }
 
 StreamedFiles::StreamedFiles(const std::vector<std::string>& files, const InputOptions& options)

@@ -7,6 +7,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "CommandLine.h"
@@ -38,11 +39,23 @@ struct InputOptions {
   bool stream = false;  // take files as they come, too
 };
 
+// What a file held when it was read through: a number for each of its blocks. It tells a file that
+// has changed by mistake, not one that was forged.
+struct Contents {
+  std::vector<std::size_t> blocks;
+  off_t size = 0;
+};
+
 // Lines of a file, counted.
 class LineReader {
  public:
   // "-" is standard input. Throws InputError when it cannot be opened.
   explicit LineReader(const std::string& fileName);
+  // Notes what the file holds.
+  LineReader(const std::string& fileName, Contents& noted);
+  // Reads what was noted, and throws InputError for a block that is another now. What has been
+  // appended since is left.
+  LineReader(const std::string& fileName, const Contents& expected);
   ~LineReader();
   LineReader(const LineReader&) = delete;
   LineReader& operator=(const LineReader&) = delete;
@@ -58,6 +71,8 @@ class LineReader {
 
  private:
   bool fill();
+  std::size_t read(char* at, std::size_t most);
+  void checkBlock(std::string_view block);
 
   // Not a stream of the standard library: a thread that waits in one would keep the process from
   // flushing all of them at its end.
@@ -67,10 +82,14 @@ class LineReader {
   std::size_t at_ = 0;  // in the buffer, where the next line begins
   std::size_t number_ = 0;
   off_t offset_ = 0;
+  Contents* noted_ = nullptr;
+  const Contents* expected_ = nullptr;
+  std::size_t block_ = 0;  // the next that is expected
 };
 
 // The commands of files in the order of sending: a queue's commands go when it is announced, and
-// what is not announced at the end, queue by queue in the order of appearance.
+// what is not announced at the end, queue by queue in the order of appearance. The files are read
+// again for it; `next` throws where they do not hold any more what was checked.
 class CheckedFiles : public StepSource {
  public:
   // Reads all files through. What is wrong goes into `complaints`.
@@ -111,6 +130,7 @@ class CheckedFiles : public StepSource {
   std::optional<Step> nextOfSlice();
 
   const std::vector<std::string> files_;
+  std::vector<Contents> contents_;  // of the files
   const bool allowAbort_;
   std::atomic<bool> requestsSkipped_{false};
   std::map<std::string, Queue> queues_;

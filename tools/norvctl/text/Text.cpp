@@ -84,6 +84,18 @@ std::string nearest(std::string_view name, const std::vector<std::string>& names
   return found.empty() ? std::string() : found.front();
 }
 
+std::vector<std::string> namesWith(std::string_view word, const std::vector<std::string>& names) {
+  const std::string wanted = lower(word);
+  std::vector<std::string> result;
+  for (const std::string& name : names) {
+    if (lower(name).find(wanted) == std::string::npos) continue;
+    if (std::find(result.begin(), result.end(), name) == result.end()) result.push_back(name);
+  }
+  std::stable_sort(result.begin(), result.end(),
+                   [](const std::string& a, const std::string& b) { return a.size() < b.size(); });
+  return result;
+}
+
 std::string listed(const std::vector<std::string>& words) {
   std::string text;
   for (std::size_t i = 0; i < words.size(); ++i) {

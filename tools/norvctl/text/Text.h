@@ -20,6 +20,8 @@ std::string nearest(std::string_view name, const std::vector<std::string>& names
 // The names that contain or resemble `name`, the best first, at most `most`.
 std::vector<std::string> nearestNames(std::string_view name, const std::vector<std::string>& names,
                                       std::size_t most);
+// The names that have `word` in them, letter case apart, each once, the shortest first.
+std::vector<std::string> namesWith(std::string_view word, const std::vector<std::string>& names);
 // "a, b and c".
 std::string listed(const std::vector<std::string>& words);
 

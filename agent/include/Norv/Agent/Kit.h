@@ -138,9 +138,9 @@ class Kit {
   std::map<Lumo::Name, Lumo::Ptr<QueueWatcher>> queues_;
   Lumo::Ptr<ConfigWatcher> configWatcher_;
   Lumo::Ptr<StatusWatcher> statusWatcher_;
-  // What firstPending has found. It stays the first until it is taken, and while there was none, none
-  // comes but by an announcement: so commands that are not tracked are passed over once, however
-  // many wait. Under threadLock.
+  // What firstPending has found. It stays the first until it is taken, and while there was none,
+  // none comes but by an announcement: so commands that are not tracked are passed over once,
+  // however many wait. Under threadLock.
   struct Found {
     U32 index = 0;  // in the pending queue
     U64 id = 0;     // 0: none
