@@ -48,7 +48,8 @@ UnnamedFile makeUnnamedFile(const std::string& path) {
   while (true) {
     UnnamedFile file;
     file.path = path + mark + std::to_string(::getpid()) + "-" + std::to_string(++made);
-    file.descriptor = ::open(file.path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    // Records hold arguments, and those what only the owner of the process should read.
+    file.descriptor = ::open(file.path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
     if (file.descriptor < 0 && errno == EEXIST) continue;  // a living process has it
     if (file.descriptor < 0) return file;
     ::flock(file.descriptor, LOCK_SH);  // where there are no such locks, nobody asks for them
