@@ -36,8 +36,8 @@ MainLoop::MainLoop()
     return;
   }
   const int error = errno;
-  if (wakeFd_ >= 0) close(wakeFd_);
-  if (timerFd_ >= 0) close(timerFd_);
+  close(wakeFd_);  // of the two, the one that there is
+  close(timerFd_);
   throw ErrnoException("The main loop's event descriptors could not be made", error);
 }
 

@@ -381,6 +381,33 @@ TEST_F(ConnectionsMgrTest, LeavesNothingBehindWhenAProducerThrowsWhileItIsMade) 
   EXPECT_TRUE(agent.eventually([&] { return daemon.calls().size() == 1; }));
 }
 
+// One that keeps what the manager follows the collection of queues with.
+class KeepingThrower : public Thrower {
+ public:
+  KeepingThrower(const Lumo::Ptr<CmdConfigGroup>& queue,
+                 const Lumo::Ptr<GrpcGlobalCmdConfig>& config)
+      : Thrower(queue), config_(config) {}
+  void onCmdBatch(U32 index) override {
+    config_->notifieeList()->doVisit([&](Lumo::NotifieeConst* notifiee) {
+      kept = dynamic_cast<ConnectionsMgr::LumoGlobalCmdConfig*>(notifiee);
+    });
+    Thrower::onCmdBatch(index);
+  }
+  Lumo::Ptr<ConnectionsMgr::LumoGlobalCmdConfig> kept;
+
+ private:
+  const Lumo::Ptr<GrpcGlobalCmdConfig> config_;
+};
+
+TEST_F(ConnectionsMgrTest, NobodyReachesItWhenAProducerHasThrownWhileItWasMade) {
+  agent.enqueue();
+  const auto thrower = Lumo::allocate<KeepingThrower>(agent.queue(), agent.config);
+  EXPECT_THROW(agent.connect(daemon.port()), std::runtime_error);
+  ASSERT_TRUE(thrower->kept);
+  EXPECT_TRUE(thrower->kept->lumoMarkedForDeletion());
+  EXPECT_EQ(thrower->kept->connectionsMgr(), nullptr);
+}
+
 TEST_F(ConnectionsMgrTest, StartsOverAfterAProducerHasThrown) {
   std::optional<Environment> simulation;
   simulation.emplace("SIMULATION_NORV", "1");

@@ -626,6 +626,17 @@ TEST_F(Reactors, AreLeftAloneByAStateTheirOwnerIsInAlready) {
   onQueue->hasNotificationActiveIs(false);
   watched->hasNotificationActiveIs(true);
   EXPECT_FALSE(onQueue->hasNotificationActive());
+  watched->hasNotificationActiveIs(false);
+  agent.manager->hasNotificationActiveIs(true);
+  EXPECT_FALSE(watched->hasNotificationActive());
+}
+
+TEST_F(Reactors, ThatOfTheManagerIsAZombieWithoutItOnceItIsGone) {
+  const auto onConfig = reactorOn<ConnectionsMgr::LumoGlobalCmdConfig>(*agent.config);
+  EXPECT_EQ(onConfig->connectionsMgr(), agent.manager.ptr());
+  agent.dropManager();
+  EXPECT_TRUE(onConfig->lumoMarkedForDeletion());
+  EXPECT_EQ(onConfig->connectionsMgr(), nullptr);
 }
 
 TEST_F(Reactors, HandleNothingWhenToldToFollowWhatTheyFollowAlready) {
