@@ -86,12 +86,17 @@ TEST_F(FlightRecorderTest, FreezesTheRecordsAndWhatIsKnownOfTheCommand) {
                               {"reason", "error_code: 14"}}));
 }
 
-TEST_F(FlightRecorderTest, LetsOnlyTheOwnerReadDetails) {
+TEST_F(FlightRecorderTest, LetsOnlyTheOwnerReadWhatItWrites) {
+  const mode_t before = umask(0);
   FlightRecorder recorder(path);
   recorder.freeze(failedCommand(), "");
+  umask(before);
   using std::filesystem::perms;
-  EXPECT_EQ(std::filesystem::status(path + ".failure-1.json").permissions(),
-            perms::owner_read | perms::owner_write);
+  for (const char* file : {"", ".failure-1", ".failure-1.json"}) {
+    EXPECT_EQ(std::filesystem::status(path + file).permissions(),
+              perms::owner_read | perms::owner_write)
+        << file;
+  }
 }
 
 TEST_F(FlightRecorderTest, SaysWhenTheCommandFailed) {

@@ -1,5 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <protocol/Requests.h>
 #include <run/Session.h>
 #include <support/Eventually.h>
 #include <support/FakeDaemon.h>
@@ -10,7 +11,6 @@
 #include <thread>
 
 #include <Norv/ClientTrace.h>
-#include <protocol/Requests.h>
 
 namespace {
 
@@ -160,6 +160,7 @@ INSTANTIATE_TEST_SUITE_P(Kinds, AnswerAfterTheEnd,
                                          FakeDaemon::Answer{13, "too late", ""},
                                          FakeDaemon::Answer{0, "", "\x0a\x7f"}),
                          [](const auto& kind) {
-                           return kind.param.code ? "Failure"
-                                  : kind.param.rawResponse.empty() ? "Success" : "Garbage";
+                           return kind.param.code                  ? "Failure"
+                                  : kind.param.rawResponse.empty() ? "Success"
+                                                                   : "Garbage";
                          });

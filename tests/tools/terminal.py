@@ -11,9 +11,10 @@ import harness
 
 
 class Terminal:
-    """norvctl with a terminal as its output and its errors, and as its input where that is wanted."""
+    """norvctl, or another program, with a terminal as its output and its errors, and as its input
+    where that is wanted."""
 
-    def __init__(self, *arguments, input=False, columns=None):
+    def __init__(self, *arguments, input=False, columns=None, program=harness.NORVCTL):
         self.end, other = pty.openpty()
         if columns:
             import fcntl
@@ -22,7 +23,7 @@ class Terminal:
 
             fcntl.ioctl(other, termios.TIOCSWINSZ, struct.pack("HHHH", 24, columns, 0, 0))
         self.popen = subprocess.Popen(
-            [harness.NORVCTL, *arguments],
+            [program, *arguments],
             stdin=other if input else subprocess.DEVNULL,
             stdout=other,
             stderr=other,
@@ -59,6 +60,9 @@ class Terminal:
                 self.seen += found.end()
                 return found
             assert self._read(until), f"ended without {pattern!r}:\n{self.text!r}"
+
+    def type(self, text):
+        os.write(self.end, text.encode())
 
     seen = 0
 

@@ -147,8 +147,9 @@ Verb completionVerb() {
   return {
       "completion",
       "print a completion script",
-      {"Prints a script that completes verbs, options and names in a shell; an installation has "
-       "them where the shells look."},
+      {"Prints a script that completes verbs, options, files, and the names of types, classes and "
+       "drivers in a shell; an installation has them where the shells look. What a daemon has is "
+       "completed by `norvctl shell`."},
       {{"source <(norvctl completion bash)", "for this bash"},
        {"norvctl completion zsh > ~/.zfunc/_norvctl", "for zsh, with ~/.zfunc in fpath"}},
       &defineCompletion};
