@@ -150,6 +150,16 @@ def test_help_of_command_files():
         assert word in text, text
 
 
+def test_describe_of_a_part_of_names():
+    finished = norvctl("describe", "port")
+    equal((finished.status, finished.out), (1, ""), finished)
+    for name in ("VPort", "PMDPort", "createPort", "listPorts"):
+        assert name in finished.err, finished
+    assert " more (`norvctl describe` lists all)" in finished.err, finished
+    finished = norvctl("describe", "PMDprt")
+    assert "the nearest are PMDPort" in finished.err, finished
+
+
 def completed(line):
     """What bash completes at the end of the line."""
     words = line.split(" ")
