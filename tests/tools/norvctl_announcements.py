@@ -1,5 +1,7 @@
 """Queues and their announcements: what is sent in which order."""
 
+import json
+
 import harness
 from harness import ScriptedDaemon, command, equal, norvctl, run, write_file
 
@@ -75,6 +77,15 @@ def test_many_queues_in_turns():
         lines += [command("pauseAll", "a"), command("resetAll", "b"), command("resumeAll", "a")]
         lines += ["", announce("b"), announce("a")]
     equal(sent(*lines), ["resetAll", "pauseAll", "resumeAll"] * 50)
+
+
+def test_many_queues_in_a_long_file():
+    """The commands of a queue stand far from each other, and are looked up in blocks of the file."""
+    types = ["pauseAll", "resumeAll", "resetAll", "getVersion", "listPorts"]
+    lines = [command(types[i % 5], "abc"[i % 3]) for i in range(3000)]
+    expected = [lines[i]["type"] for queue in "cab" for i in range(3000) if lines[i]["queue"] == queue]
+    padded = [json.dumps(line) + " " * 100 for line in lines]
+    equal(sent(*padded, announce("c")), expected)
 
 
 def test_blank_lines_and_line_ends_of_other_systems():

@@ -114,12 +114,15 @@ bool LineReader::next(std::string& line) {
 }
 
 void LineReader::seek(off_t offset, std::size_t linesBefore) {
-  block_ = static_cast<std::size_t>(offset) / blockSize;
-  const off_t begin = static_cast<off_t>(block_ * blockSize);
-  if (lseek(fd_, begin, SEEK_SET) < 0) throw InputError(name_ + ": " + strerror(errno));
-  buffer_.clear();
-  at_ = 0;
-  fill();
+  off_t begin = offset_ - static_cast<off_t>(at_);  // of what is in the buffer
+  if (offset < begin || offset >= begin + static_cast<off_t>(buffer_.size())) {
+    block_ = static_cast<std::size_t>(offset) / blockSize;
+    begin = static_cast<off_t>(block_ * blockSize);
+    if (lseek(fd_, begin, SEEK_SET) < 0) throw InputError(name_ + ": " + strerror(errno));
+    buffer_.clear();
+    at_ = 0;
+    fill();
+  }
   at_ = static_cast<std::size_t>(offset - begin);
   offset_ = offset;
   number_ = linesBefore;
