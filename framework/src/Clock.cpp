@@ -91,7 +91,6 @@ Clock::NotifieeConst::NotifieeConst(Ptr<Clock const> const& clock) : NotifieeCon
 }
 
 Clock::NotifieeConst::~NotifieeConst() {
-  doZombieReactor(true);
   NotifieeConst::isRegisteredNotifieeIs(false);  // leaves the schedule as well
 }
 

@@ -218,6 +218,9 @@ TEST(MainLoop, LeavesItsClockUsable) {
   const auto alarm = Lumo::allocate<Alarm>(clock, [&] { ++calls; });
   clock->timeIs(1);
   EXPECT_EQ(calls, 1);
+  alarm->timeoutIs(2);  // the first request of all, of which the loop would be told
+  clock->timeIs(2);
+  EXPECT_EQ(calls, 2);
 }
 
 TEST_F(MainLoopTest, AnExceptionOfATaskLeavesTheRestPosted) {
