@@ -202,6 +202,13 @@ def test_host_beside_the_standin():
         assert "excludes" in finished.err, finished
 
 
+def test_hosts_without_a_name():
+    for hosts in ("", "a,,b", "a,"):
+        finished = norvctl("run", "--host", hosts, write_file(GOOD))
+        equal(finished.status, 1, finished)
+        assert "--host: a host's name is empty" in finished.err, finished
+
+
 def test_several_hosts_where_one_is_asked():
     for verb in (["show"], ["watch"], ["doctor"], ["shell"]):
         finished = norvctl(*verb, "--host", "a,b")

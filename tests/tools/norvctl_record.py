@@ -118,6 +118,15 @@ def test_counters_of_a_port_may_differ_and_their_number_may_not():
     equal(differences(), [])
 
 
+def test_a_line_that_is_no_recordings():
+    for line in ('{"type":"getVersion","status":3}', '{"type":"getVersion","status":{"code":"x"}}',
+                 '{"type":"getVersion","response_raw":3,"status":{}}', "x"):
+        path = write_file('{"type":"getVersion"}', line)
+        finished = norvctl("replay", "--standin", path)
+        equal(finished.status, 1, finished)
+        assert finished.err.startswith(f"norvctl: {path}:2:"), finished
+
+
 def test_a_replay_to_several_hosts():
     path = recorded(write_file(command("getVersion"), command("pauseAll")), "--standin")
     daemon = ScriptedDaemon("ok", "error=22")

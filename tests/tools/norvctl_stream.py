@@ -303,6 +303,16 @@ def test_several_hosts():
     equal(sorted(row["status"] for row in rows), [0, 2], finished)
 
 
+def test_several_hosts_that_are_not_there():
+    hosts = ["--host", "127.0.0.1,nowhere.invalid", "--port", str(harness.free_port()), "--timeout", "2"]
+    for arguments in (["run", *hosts, write_file(command("getVersion"))], ["call", *hosts, "getVersion"]):
+        finished = norvctl(*arguments)
+        equal(finished.status, 3, finished)
+        refused, unknown = finished.out.splitlines()[1:]
+        assert "the connection is refused" in refused, finished
+        assert "the host's name is not known" in unknown, finished
+
+
 def test_several_hosts_and_standard_input():
     finished = norvctl("run", "--host", "a,b", "-", input=VERSION)
     equal(finished.status, 1)

@@ -2,6 +2,7 @@
 
 #include <Standin/Server.h>
 
+#include <algorithm>
 #include <cstdlib>
 
 #include "Verb.h"
@@ -74,6 +75,9 @@ void addTarget(CLI::App& command, TargetOptions& options, bool several) {
     const char* const portSet = options.standin ? nullptr : environment("NORV_PORT");
     if (host->count() == 0) options.host = hostSet ? hostSet : "localhost";
     options.hosts = several ? partsOf(options.host) : std::vector{options.host};
+    if (std::find(options.hosts.begin(), options.hosts.end(), "") != options.hosts.end()) {
+      throw CLI::ValidationError("--host", "a host's name is empty");
+    }
     if (!several && options.host.find(',') != std::string::npos) {
       throw CLI::ValidationError(host->count() ? "--host" : "NORV_HOST",
                                  "'" + options.host +

@@ -143,10 +143,17 @@ std::string lastWord(const std::string& text) {
   return escaped(last.starts_with("norvctl: ") ? last.substr(9) : last);
 }
 
+// Why no answer came, if that was said.
+std::string whyNoAnswer(const std::string& text) {
+  const std::size_t at = text.find("no answer from ");
+  return at == std::string::npos ? "" : escaped(text.substr(at, text.find('\n', at) - at));
+}
+
 // What is told of one that printed nothing to go by.
 std::string withoutAnswer(const Finished& finished, json& line) {
-  line["error"] = lastWord(finished.err);
-  return lastWord(finished.err);
+  const std::string why = whyNoAnswer(finished.err);
+  line["error"] = why.empty() ? lastWord(finished.err) : why;
+  return line["error"];
 }
 
 // `two`: what that exit status says.
@@ -234,7 +241,9 @@ int runOnEach(const std::vector<std::string>& hosts, const std::vector<std::stri
     const json summary = summaryOf(finished);
     if (summary.is_null()) return withoutAnswer(finished, line);
     line["summary"] = summary;
-    return summaryText(summary);
+    const std::string why = whyNoAnswer(finished.err);
+    if (!why.empty()) line["error"] = why;
+    return summaryText(summary) + (why.empty() ? "" : "; " + why);
   });
 }
 

@@ -172,14 +172,20 @@ class Replay {
   void replayLine(const LineReader& reader, std::string& line) {
     Step step;
     json recorded;
+    Answer was;
     try {
       step = parseCommandLine(line, {true});
       recorded = json::parse(line);
+      was = recordedAnswer(recorded, step.type);
     } catch (const Complaint& complaint) {
       throw InputError(reader.complaint(complaint));
+    } catch (const json::type_error&) {
+      throw InputError(reader.complaint(
+          {0,
+           "no line of a recording: \"status\" is {\"code\": a number, \"message\": a text}, "
+           "and \"response_raw\" a text"}));
     }
     const bool answered = recorded.contains("status") || recorded.contains("response");
-    const Answer was = recordedAnswer(recorded, step.type);
     if (step.announcement() || !answered || was.status == grpc::StatusCode::UNAVAILABLE) {
       ++leftOut_;
       return;
