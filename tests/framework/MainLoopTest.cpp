@@ -167,6 +167,18 @@ TEST_F(MainLoopTest, CallsTheReactorsOfItsClockWhenTheyAreDue) {
   EXPECT_GE(times[2], times[1] + 0.005);
 }
 
+// A handler's request is for the next round, be it for the time at which the clock began.
+TEST_F(MainLoopTest, DoesNotWaitForWhatIsDueLongSince) {
+  Ptr<Alarm> alarm;
+  int calls = 0;
+  alarm = Lumo::allocate<Alarm>(loop.clock(), [&] {
+    if (++calls == 3) return loop.stop();
+    alarm->timeoutIs(0);
+  });
+  loop.run();
+  EXPECT_EQ(calls, 3);
+}
+
 // run() has nothing else to wake it: it sleeps for good if a request of another thread is missed.
 TEST_F(MainLoopTest, WakesForATimerThatAnotherThreadSets) {
   std::counting_semaphore<> calls(0);
