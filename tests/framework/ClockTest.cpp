@@ -291,18 +291,16 @@ TEST_F(ClockTest, ThoseOfTheSameTimeKeepTheirOrderHoweverOftenTheyAskAgain) {
   EXPECT_THAT(log, ElementsAre(3, 2, 1));
 }
 
+// It is the last of its time again, so its new request stands where the withdrawn one stood.
 TEST_F(ClockTest, ARequestMadeInPlaceOfAWithdrawnOneWaitsForTheNextEvent) {
-  const auto first = alarm(1, 5);
-  const auto second = alarm(2, 5);
-  first->then = [&] {
-    second->isRegisteredNotifieeIs(false);
-    first->timeoutIs(5);  // under the key that the second one had
-  };
-  clock->timeIs(5);
-  EXPECT_THAT(log, ElementsAre(1));
-  first->then = nullptr;
-  clock->timeIs(5);
-  EXPECT_THAT(log, ElementsAre(1, 1));
+  const auto first = alarm(1, 1);
+  const auto second = alarm(2, 1);
+  const auto third = alarm(3, 1);
+  first->then = [&] { third->timeoutIs(1); };
+  clock->timeIs(1);
+  EXPECT_THAT(log, ElementsAre(1, 2));
+  clock->timeIs(1);
+  EXPECT_THAT(log, ElementsAre(1, 2, 3));
 }
 
 TEST_F(ClockTest, MayBeDroppedByAHandlerOfItsOwn) {
