@@ -92,6 +92,20 @@ TEST_F(NotifieeTest, IsActiveEnabledAndRegisteredOnceMade) {
   EXPECT_EQ(followed->notifieeList()->members(), 1u);
 }
 
+TEST_F(NotifieeTest, IsActiveEnabledAndRegisteredAsSoonAsItsBaseIsMade) {
+  struct Curious : Thing::NotifieeConst {
+    explicit Curious(const Ptr<Thing const>& notifier)
+        : NotifieeConst(notifier),
+          active(hasNotificationActive()),
+          ready(enabled() && isRegisteredNotifiee()) {}
+    const bool active;
+    const bool ready;
+  };
+  const auto curious = Lumo::allocate<Curious>(followed);
+  EXPECT_TRUE(curious->active);
+  EXPECT_TRUE(curious->ready);
+}
+
 TEST_F(NotifieeTest, CountsItsNotifierAndIsNotCountedByIt) {
   EXPECT_EQ(followed->references(), 2u);
   EXPECT_EQ(reactor->references(), 1u);
