@@ -300,6 +300,20 @@ TEST_F(MainLoopTest, ARequestFarAwayDoesNotKeepItBusyOrWakeIt) {
   EXPECT_EQ(turns(std::numeric_limits<double>::infinity()), 0U);
 }
 
+TEST(MainLoop, RunsWhereStandardInputIsClosed) {
+  const int kept = dup(STDIN_FILENO);
+  close(STDIN_FILENO);
+  {
+    MainLoop loop;  // one of its descriptors is 0
+    loop.post([&] { loop.stop(); });
+    loop.run();
+    EXPECT_NE(fcntl(STDIN_FILENO, F_GETFD), -1);
+  }
+  EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1);
+  dup2(kept, STDIN_FILENO);
+  close(kept);
+}
+
 TEST(MainLoop, GivesItsDescriptorsBack) {
   const auto open = [] {
     return std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
