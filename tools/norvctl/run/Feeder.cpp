@@ -62,6 +62,11 @@ Feeder::Feeder(StepSource& source, std::function<void()> wake)
 }
 
 Feeder::~Feeder() {
+  stop();
+}
+
+void Feeder::stop() {
+  if (!thread_.joinable()) return;
   bool done = false;
   {
     const std::lock_guard guard(shared_->mutex);

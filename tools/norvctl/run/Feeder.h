@@ -17,11 +17,13 @@ class Feeder {
   // `wake` is called on the reading thread when there is something to take after there was nothing,
   // and at the end.
   Feeder(StepSource& source, std::function<void()> wake);
-  // Ends the reading; where the source waits for a stream, the thread is left behind in it and
-  // `source` must stay.
   ~Feeder();
   Feeder(const Feeder&) = delete;
   Feeder& operator=(const Feeder&) = delete;
+
+  // Ends the reading, once and for all; where the source waits for a stream, the thread is left
+  // behind in it and `source` must stay.
+  void stop();
 
   // What is there now.
   std::optional<Step> take();

@@ -136,6 +136,7 @@ SessionEnd Session::run() {
                                               : "interrupted before an answer came");
   deliverAll();
   if (how != SessionEnd::complete) tellUnread();
+  feeder_.stop();
   listener_.told();
   return how;
 }
