@@ -175,7 +175,8 @@ void Record::complement(LiveSwitch& live) {
     if (!live.ports.contains(name)) entries_.erase({Kind::port, name});
   }
   std::erase_if(entries_, [&](const auto& one) {
-    const auto& [object, entry] = one;
+    const Object& object = one.first;
+    const Entry& entry = one.second;
     switch (object.kind) {
       case Kind::module: {
         const auto module = live.modules.find(object.name);

@@ -481,7 +481,9 @@ void TrafficPlanner::planTasks(const std::map<std::string, std::size_t>& created
     }
   }
   // The daemon gives all that wait a place with the first call that does for one.
-  for (const auto& [name, step] : created) {
+  for (const auto& one : created) {
+    const std::string& name = one.first;
+    const std::size_t step = one.second;
     const ClassRow* row = classRow(target_.modules.at(name).moduleClass);
     const bool moved = std::any_of(moves.begin(), moves.end(),
                                    [&](const Move& move) { return move.module == name; });

@@ -1,0 +1,251 @@
+// What the wanted state costs: reading, planning and applying 1,000 modules with 2,000 connections,
+// and a table of 100,000 rules, beside hand-written calls for the same commands; how planning
+// grows. The stand-in runs in a process of its own. One run; the process ends with its session.
+
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <string>
+
+#include <Norv/State/Document.h>
+#include <Norv/State/Execution.h>
+#include <Norv/State/LiveSwitch.h>
+#include <Norv/State/Plan.h>
+#include <bess/pb/service.grpc.pb.h>
+
+#include "run/RunOptions.h"
+#include "run/Session.h"
+#include "wanted/PlanSource.h"
+
+namespace {
+
+using namespace Norv::State;
+using Clock = std::chrono::steady_clock;
+
+double since(Clock::time_point start) {
+  return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+// A stand-in in a process of its own.
+class Daemon {
+ public:
+  Daemon() {
+    int ends[2];
+    if (pipe(ends) != 0) std::abort();
+    const auto program =
+        std::filesystem::read_symlink("/proc/self/exe").parent_path() / "bessd-standin";
+    pid_ = fork();
+    if (pid_ == 0) {
+      dup2(ends[1], STDOUT_FILENO);
+      close(ends[0]);
+      execl(program.c_str(), program.c_str(), "--newer", "--listen", "127.0.0.1:0", nullptr);
+      _exit(127);
+    }
+    close(ends[1]);
+    char text[200] = "";
+    const ssize_t size = read(ends[0], text, sizeof text - 1);
+    close(ends[0]);
+    const std::string line(text, size > 0 ? static_cast<std::size_t>(size) : 0);
+    port = static_cast<U16>(std::atoi(line.substr(line.rfind(':') + 1).c_str()));
+    grpc::ChannelArguments arguments;
+    arguments.SetInt(GRPC_ARG_ENABLE_HTTP_PROXY, 0);
+    arguments.SetMaxReceiveMessageSize(-1);
+    channel = grpc::CreateCustomChannel("127.0.0.1:" + std::to_string(port),
+                                        grpc::InsecureChannelCredentials(), arguments);
+    stub = bess::pb::BESSControl::NewStub(channel);
+  }
+  ~Daemon() {
+    kill(pid_, SIGTERM);
+    waitpid(pid_, nullptr, 0);
+  }
+
+  U16 port = 0;
+  std::shared_ptr<grpc::Channel> channel;
+  std::unique_ptr<bess::pb::BESSControl::Stub> stub;
+
+ private:
+  pid_t pid_;
+};
+
+std::string pipeline(int modules) {
+  std::string text = "modules:\n";
+  for (int i = 0; i < modules; ++i) text += "  m" + std::to_string(i) + ": Bypass\n";
+  text += "connections:\n";
+  for (int i = 0; i < modules; ++i) {
+    text += "  - m" + std::to_string(i) + " -> m" + std::to_string((i + 1) % modules) + "\n";
+    text += "  - m" + std::to_string(i) + ":1 -> m" + std::to_string((i * 7 + 3) % modules) + "\n";
+  }
+  return text;
+}
+
+std::string table(int rules) {
+  std::string text =
+      "modules:\n  t:\n    class: ExactMatch\n    arg: {fields: [{num_bytes: 4}]}\n    rules:\n";
+  for (int i = 0; i < rules; ++i) {
+    text += "      - {gate: " + std::to_string(i % 4) + ", fields: [" + std::to_string(i) + "]}\n";
+  }
+  return text;
+}
+
+template <class Method, class Request, class Response>
+void call(bess::pb::BESSControl::Stub& stub, Method method, const Request& request,
+          Response& response) {
+  grpc::ClientContext context;
+  if (!(stub.*method)(&context, request, &response).ok() || response.error().code() != 0) {
+    std::fprintf(stderr, "a call failed\n");
+    std::exit(1);
+  }
+}
+
+// The same commands as the plan of `pipeline` has.
+double byHand(Daemon& daemon, int modules) {
+  using Stub = bess::pb::BESSControl::Stub;
+  const auto start = Clock::now();
+  for (int i = 0; i < modules; ++i) {
+    bess::pb::CreateModuleRequest request;
+    request.set_name("m" + std::to_string(i));
+    request.set_mclass("Bypass");
+    bess::pb::CreateModuleResponse response;
+    call(*daemon.stub, &Stub::CreateModule, request, response);
+  }
+  for (int i = 0; i < 2 * modules; ++i) {
+    bess::pb::ConnectModulesRequest request;
+    const int from = i / 2;
+    request.set_m1("m" + std::to_string(from));
+    request.set_m2("m" +
+                   std::to_string(i % 2 == 0 ? (from + 1) % modules : (from * 7 + 3) % modules));
+    request.set_ogate(static_cast<std::uint64_t>(i % 2));
+    bess::pb::EmptyResponse response;
+    call(*daemon.stub, &Stub::ConnectModules, request, response);
+  }
+  return since(start);
+}
+
+double oneByOne(Daemon& daemon, int rules) {
+  using Stub = bess::pb::BESSControl::Stub;
+  const auto start = Clock::now();
+  bess::pb::CreateModuleRequest create;
+  create.set_name("t");
+  create.set_mclass("ExactMatch");
+  bess::pb::ExactMatchArg argument;
+  argument.add_fields()->set_num_bytes(4);
+  create.mutable_arg()->PackFrom(argument);
+  bess::pb::CreateModuleResponse created;
+  call(*daemon.stub, &Stub::CreateModule, create, created);
+  for (int i = 0; i < rules; ++i) {
+    bess::pb::ExactMatchCommandAddArg rule;
+    rule.set_gate(static_cast<std::uint64_t>(i % 4));
+    rule.add_fields()->set_value_int(static_cast<std::uint64_t>(i));
+    bess::pb::CommandRequest request;
+    request.set_name("t");
+    request.set_cmd("add");
+    request.mutable_arg()->PackFrom(rule);
+    bess::pb::CommandResponse response;
+    call(*daemon.stub, &Stub::ModuleCommand, request, response);
+  }
+  return since(start);
+}
+
+// Ends steps as the session tells.
+class Listener : public Norvctl::SessionListener {
+ public:
+  explicit Listener(Norvctl::PlanSource& source) : source_(source) {}
+  void ended(const Norv::Agent::CommandReport& report, const Norvctl::Entry& entry) override {
+    const bool ok = report.outcome == Norv::Agent::Outcome::ok;
+    source_.ended(entry.line, ok ? StepEnd::done : StepEnd::refused, report.errorText);
+  }
+  bool told() override { return true; }
+  bool wantsUnread() const override { return false; }
+  void progress(const Norv::Agent::Kit&) override {}
+
+ private:
+  Norvctl::PlanSource& source_;
+};
+
+double planning(const LiveSwitch& live, const Switch& wanted) {
+  double best = 1e9;
+  for (int round = 0; round < 5; ++round) {
+    const auto start = Clock::now();
+    const Plan plan = makePlan(live, wanted);
+    best = std::min(best, since(start));
+  }
+  return best;
+}
+
+Switch document(const std::string& text) {
+  return readDocument({{"bench", text}}).wanted;
+}
+
+}  // namespace
+
+int main() {
+  constexpr int modules = 1000;
+  constexpr int rules = 100000;
+  const Switch small = document(pipeline(modules));
+  const Switch large = document(pipeline(10 * modules));
+  const LiveSwitch nothing;
+  const double planSmall = planning(nothing, small);
+  const double planLarge = planning(nothing, large);
+  std::printf(
+      "plan onto nothing, 1,000 and 10,000 modules: %.1f and %.1f ms, ratio %.1f (goal 12)\n",
+      planSmall * 1e3, planLarge * 1e3, planLarge / planSmall);
+
+  Daemon peer;
+  const double adds = oneByOne(peer, rules);
+  Daemon tables;
+  const Switch withTable = document(table(rules));
+  const auto startTable = Clock::now();
+  const Plan tablePlan = makePlan(readSwitch(tables.channel), withTable);
+  for (const Step& step : tablePlan.steps) {
+    bess::pb::CreateModuleResponse created;
+    bess::pb::CommandResponse response;
+    using Stub = bess::pb::BESSControl::Stub;
+    if (step.type == Norv::createModule) {
+      call(*tables.stub, &Stub::CreateModule,
+           static_cast<const bess::pb::CreateModuleRequest&>(*step.request), created);
+    } else {
+      call(*tables.stub, &Stub::ModuleCommand,
+           static_cast<const bess::pb::CommandRequest&>(*step.request), response);
+    }
+  }
+  const double whole = since(startTable);
+  std::printf(
+      "100,000 rules onto an empty table: %.3f s in %zu commands, one by one %.1f s, %.0f times "
+      "(goal 20)\n",
+      whole, tablePlan.steps.size(), adds, adds / whole);
+
+  Daemon byHandDaemon;
+  const double hand = byHand(byHandDaemon, modules);
+  Daemon daemon;
+  const Plan plan = makePlan(readSwitch(daemon.channel), small);
+  Norvctl::PlanSource source(plan, [] { return nullptr; });
+  Listener listener(source);
+  Norvctl::SessionOptions options;
+  options.host = "127.0.0.1";
+  options.port = daemon.port;
+  options.stream = true;
+  Norvctl::Session session(options, source, listener);
+  const auto start = Clock::now();
+  session.run();
+  const double applied = since(start);
+  std::printf(
+      "apply of 1,000 modules and 2,000 connections: %.3f s, by hand %.3f s, ratio %.2f (goal "
+      "1.1)\n",
+      applied, hand, applied / hand);
+
+  const auto startRead = Clock::now();
+  const LiveSwitch live = readSwitch(daemon.channel);
+  const std::string exported = yaml(described(live));
+  std::printf("export of that: %.3f s, %zu bytes\n", since(startRead), exported.size());
+  std::printf("plan of it against itself: %.1f ms\n", planning(live, small) * 1e3);
+  std::fflush(stdout);
+  daemon.~Daemon();
+  byHandDaemon.~Daemon();
+  tables.~Daemon();
+  peer.~Daemon();
+  Norvctl::leave(0);
+}
