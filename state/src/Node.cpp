@@ -182,6 +182,33 @@ void emit(YAML::Emitter& out, const Node& node) {
   }
 }
 
+// Where the first byte stands that is no UTF-8; the size of the text when all of it is.
+std::size_t badUtf8(const std::string& text) {
+  std::size_t at = 0;
+  while (at < text.size()) {
+    const auto byte = [&](std::size_t i) {
+      return i < text.size() ? static_cast<unsigned char>(text[i]) : 0u;
+    };
+    const unsigned lead = byte(at);
+    const std::size_t length = lead < 0x80   ? 1
+                               : lead < 0xc2 ? 0
+                               : lead < 0xe0 ? 2
+                               : lead < 0xf0 ? 3
+                               : lead < 0xf5 ? 4
+                                             : 0;
+    if (length == 0) return at;
+    for (std::size_t i = 1; i < length; ++i) {
+      if ((byte(at + i) & 0xc0) != 0x80) return at;
+    }
+    const unsigned second = byte(at + 1);
+    const bool overlong = (lead == 0xe0 && second < 0xa0) || (lead == 0xf0 && second < 0x90);
+    const bool outside = (lead == 0xed && second > 0x9f) || (lead == 0xf4 && second > 0x8f);
+    if (overlong || outside) return at;
+    at += length;
+  }
+  return at;
+}
+
 }  // namespace
 
 std::string text(const Mark& mark) {
@@ -239,6 +266,15 @@ Node readYaml(const std::string& text, const std::string& file, std::vector<Prob
   if (text.size() > limits.bytes) {
     problems.push_back(
         {{file, 1, 1}, "more than " + std::to_string(limits.bytes >> 20) + " MiB; split it up"});
+    return builder.root;
+  }
+  if (const std::size_t bad = badUtf8(text); bad != text.size()) {
+    const std::size_t lineStart =
+        text.rfind('\n', bad) == std::string::npos || bad == 0 ? 0 : text.rfind('\n', bad) + 1;
+    const auto line =
+        std::count(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(bad), '\n');
+    problems.push_back(
+        {{file, static_cast<std::size_t>(line) + 1, bad - lineStart + 1}, "no UTF-8"});
     return builder.root;
   }
   try {

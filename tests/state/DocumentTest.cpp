@@ -32,6 +32,8 @@ constexpr Wrong form[] = {
     {"modules: {a: &x Sink, b: *x}", "f:1:26: an alias; write what it stands for"},
     {"modules: {a: !!str Sink}", "f:1:14: a tag, \"tag:yaml.org,2002:str\"; leave it out"},
     {"modules: {[a]: Sink}", "f:1:11: a key that is no text"},
+    {"modules:\n  a\xff: Sink", "f:2:4: no UTF-8"},
+    {"a: \xed\xa0\x80", "f:1:4: no UTF-8"},
     {"a: 1\n---\nb: 2", "f:3:1: a second document in the file; join them"},
 };
 INSTANTIATE_TEST_SUITE_P(Form, WrongDocument, testing::ValuesIn(form));

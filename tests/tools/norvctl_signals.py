@@ -5,6 +5,7 @@ import socket
 
 import harness
 from harness import (
+    norvctl,
     NORVCTL,
     OUTCOMES,
     Process,
@@ -51,7 +52,9 @@ def unreachable(host, port):
 
 
 def test_empty_host():
-    unreachable("", 10514)
+    finished = norvctl("run", "--host", "", versions(3))
+    equal(finished.status, 1, finished)
+    assert "a host's name is empty" in finished.err, finished
 
 
 def test_port_zero():
