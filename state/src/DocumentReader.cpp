@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <iterator>
@@ -312,7 +313,7 @@ class Reader {
     length.scalar = prefix->scalar.substr(slash + 1);
     split.at("prefix").scalar.resize(slash);
     split.at("prefix_len") = length;
-    split.keyMarks.push_back(length.mark);
+    split.keyMarks.back() = length.mark;
     return split;
   }
 
@@ -671,6 +672,11 @@ Document readFiles(const std::vector<std::string>& files, const Offer& offer) {
     if (file == "-") {
       text << std::cin.rdbuf();
       sources.push_back({"standard input", text.str()});
+      continue;
+    }
+    std::error_code unknown;
+    if (std::filesystem::is_directory(file, unknown)) {  // which opens, and seems to be empty
+      problems.push_back({{file, 1, 1}, "cannot be read: it is a folder; name its files"});
       continue;
     }
     std::ifstream stream(file, std::ios::binary);

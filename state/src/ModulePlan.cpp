@@ -48,7 +48,6 @@ std::unique_ptr<Message> settingArgument(const ClassRow& row, const Setting& set
     const Node* value = values.find(from[i]);
     if (value == nullptr) continue;
     node.at(to[i]) = *value;
-    node.keyMarks.emplace_back();
   }
   auto message = newMessage(*argumentOf(row, setting.command));
   std::vector<Problem> problems;
@@ -59,7 +58,6 @@ std::unique_ptr<Message> settingArgument(const ClassRow& row, const Setting& set
 ModuleCommand numberCommand(const ClassRow& row, const Setting& setting, std::uint64_t value) {
   Node node = Node::map();
   node.at(std::string(setting.commandFields)) = Node::plain(std::to_string(value));
-  node.keyMarks.emplace_back();
   auto message = newMessage(*argumentOf(row, setting.command));
   std::vector<Problem> problems;
   readMessage(node, *message, problems);
@@ -352,10 +350,7 @@ class TableDifference {
       const Node values = nodeOf(*entry);
       Node node = Node::map();
       for (const std::string& key : keys) {
-        if (const Node* value = values.find(key)) {
-          node.at(key) = *value;
-          node.keyMarks.emplace_back();
-        }
+        if (const Node* value = values.find(key)) node.at(key) = *value;
       }
       auto message = newMessage(*argumentOf(row_, table_.remove));
       std::vector<Problem> problems;

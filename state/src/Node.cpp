@@ -224,6 +224,7 @@ Node& Node::at(const std::string& key) {
   const auto found = std::find(keys.begin(), keys.end(), key);
   if (found != keys.end()) return children[static_cast<std::size_t>(found - keys.begin())];
   keys.push_back(key);
+  keyMarks.emplace_back();
   return add();
 }
 

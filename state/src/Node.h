@@ -20,7 +20,7 @@ struct Node {
   Style style = Style::plain;
   std::vector<std::string> keys;  // of a map
   std::vector<Node> children;     // of a list, or beside the keys
-  std::vector<Mark> keyMarks;     // beside the keys, when it was read
+  std::vector<Mark> keyMarks;     // beside the keys, when it was read or made by at()
   Mark mark;
   // When it is written: on one line, and with a comment behind it.
   bool flow = false;

@@ -511,6 +511,14 @@ void TrafficPlanner::planTasks(const std::map<std::string, std::size_t>& created
   }
   std::map<std::int64_t, std::vector<std::size_t>> leftHolding;
   for (Move& move : moves) {
+    const bool nowhere = move.place.parent.empty() && move.place.worker >= 0 &&
+                         !target_.workers.contains(move.place.worker);
+    if (nowhere) {  // a daemon that refuses loses the task's class
+      builder_.impossible("no worker " + std::to_string(move.place.worker) +
+                              " is there for its task; state one under \"workers\"",
+                          move.change);
+      continue;
+    }
     if (const std::string who = crowded(move.place, move.module, move.number); !who.empty()) {
       builder_.impossible("there is no room for it below " + move.place.parent + ": " + who +
                               " is there; state its place, too",

@@ -256,12 +256,14 @@ class MessageReader {
                              " bytes: an address, a number, 0x... or base64 belongs here");
   }
 
-  // Quoted text is base64 first, as in JSON; plain text is an address or a number first.
+  // Quoted text is base64 first, as in JSON, which pads it; all other text is an address or a
+  // number first, which a JSON export quotes as well.
   static std::optional<std::string> bytesValue(const Node& node, std::size_t width) {
     auto coded = fromBase64(node.scalar);
     if (coded && width != 0 && coded->size() != width) coded.reset();
     const auto spoken = bytesOf(node.scalar, width);
-    if (node.style == Node::Style::quoted) return coded ? coded : spoken;
+    const bool padded = node.scalar.size() % 4 == 0;
+    if (node.style == Node::Style::quoted && padded) return coded ? coded : spoken;
     return spoken ? spoken : coded;
   }
 

@@ -205,6 +205,20 @@ TEST(Document, ValuesAreWrittenAsPeopleWriteThem) {
             "      - {gate: 3, fields: [10.0.0.3, 02:00:00:00:00:03, 8080]}\n");
 }
 
+TEST(Document, ShortNumbersInJsonAreNoBase64UnlessPadded) {
+  const Switch one = wanted(
+      "modules:\n"
+      "  m:\n"
+      "    class: SetMetadata\n"
+      "    arg: {attrs: [{name: a, size: 1, value_bin: 12}, {name: b, size: 2, value_bin: "
+      "100}]}\n");
+  EXPECT_EQ(yaml(wanted(json(one))), yaml(one));
+  const std::string coded = R"({"modules": {"m": {"class": "SetMetadata", "arg":
+      {"attrs": [{"name": "a", "size": 1, "value_bin": "DA=="},
+                 {"name": "b", "size": 2, "value_bin": "AGQ="}]}}}})";
+  EXPECT_EQ(yaml(wanted(coded)), yaml(one));
+}
+
 TEST(Document, PrefixesAreWrittenWithTheirLength) {
   const std::string text =
       "modules:\n"

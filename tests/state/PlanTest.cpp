@@ -75,6 +75,16 @@ TEST_F(PlanTest, AnArgumentWithACommandIsChangedInPlace) {
             "-/+ module src; no command of a Source can clear pkt_size; arg.pkt");
 }
 
+TEST_F(PlanTest, AMapInAnArgumentIsChangedInPlace) {
+  const std::string document =
+      "workers: {0: {core: 0}}\nmodules: {w: {class: WorkerSplit, arg: {worker_gates: {0: 1}}}}\n";
+  daemon_.apply(document);
+  const std::string more = changed(document, "{0: 1}", "{0: 2, 1: 1}");
+  EXPECT_THAT(commands(daemon_.plan(more)), ElementsAre("moduleCommand w reset"));
+  EXPECT_THAT(daemon_.apply(more).refusals, IsEmpty());
+  EXPECT_EQ(summary(daemon_.plan(more)), "");
+}
+
 TEST_F(PlanTest, AModuleMadeAnewGetsItsConnectionsTableAndTaskBack) {
   const std::string document =
       changed(fib, "num_bytes: 4", "num_bytes: 4}, {offset: 30, num_bytes: 1");
@@ -176,6 +186,13 @@ TEST_F(PlanTest, ATaskIsNotSentWhereThereIsNoRoom) {
                state.text.find("there is no room for it below one") == 0;
       });
   EXPECT_EQ(refused, 2);
+}
+
+TEST_F(PlanTest, ATaskIsNotSentToAWorkerThatIsNotThere) {
+  const auto applied = daemon_.apply("modules: {src: {class: Source, tasks: {wid: 5}}}");
+  EXPECT_EQ(applied.states.at(0).text,
+            "no worker 5 is there for its task; state one under \"workers\"");
+  EXPECT_TRUE(daemon_.read().lostTasks.empty());
 }
 
 TEST_F(PlanTest, ALostTaskIsRepairedByMakingItsModuleAnew) {
