@@ -97,6 +97,11 @@ class Planner {
     if (!options_.prune || !wanted_.workersStated) {
       target_.workers.insert(live_.workers.begin(), live_.workers.end());
     }
+    // What ran before a change that was cut short runs again.
+    for (auto& [id, worker] : target_.workers) {
+      const bool cutShort = live_.doubtful.contains({Kind::worker, std::to_string(id)});
+      if (cutShort && !wanted_.workers.contains(id)) worker.running = true;
+    }
     if (!wanted_.workersStated && target_.workers.empty() && anyTask()) {
       target_.workers[0] = {0, true, {}};  // the one that the daemon would launch
     }

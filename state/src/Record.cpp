@@ -10,6 +10,7 @@
 #include <sstream>
 
 #include <Norv/State/Record.h>
+#include <bess/pb/service.pb.h>
 
 #include "Modules.h"
 
@@ -197,7 +198,12 @@ void Record::complement(LiveSwitch& live) {
         return true;
     }
   });
-  for (const auto& [object, entry] : entries_) {
+  for (auto& [object, entry] : entries_) {
+    if (object.kind == Kind::worker) {
+      Worker& worker = live.workers.at(std::atoll(object.name.c_str()));
+      if (!entry.word.empty()) worker.scheduler = entry.word;
+      entry.doubtful = entry.doubtful && !worker.running.value_or(false);
+    }
     if (entry.doubtful) {
       live.doubtful.insert(object);
       continue;
@@ -210,8 +216,6 @@ void Record::complement(LiveSwitch& live) {
     } else if (object.kind == Kind::port) {
       Port& port = live.ports.at(object.name);
       if (!port.arg) port.arg = entry.arg;
-    } else if (object.kind == Kind::worker) {
-      live.workers.at(std::atoll(object.name.c_str())).scheduler = entry.word;
     } else if (object.kind == Kind::trafficClass) {
       TrafficClass& one = live.trafficClasses.at(object.name);
       if (one.resource.empty()) one.resource = entry.word;
@@ -238,6 +242,29 @@ void Record::begin(const Plan& plan, const Switch& wanted) {
       continue;
     entries_[change.object] = {};
     entries_[change.object].doubtful = true;
+  }
+  // Workers that only pause meanwhile.
+  for (const Step& step : plan.steps) {
+    if (step.type != pauseWorker || step.change != Step::none || !step.request) continue;
+    const auto id = static_cast<const bess::pb::PauseWorkerRequest&>(*step.request).wid();
+    entries_[{Kind::worker, std::to_string(id)}].doubtful = true;
+  }
+}
+
+// A worker that was paused for a change that was cut short is in doubt until it runs again, or
+// shall not.
+void Record::keepDoubtOfWorkers(const std::set<Object>& doubtful, const Switch& wanted,
+                                const LiveSwitch& after) {
+  for (const Object& object : doubtful) {
+    const auto id = std::atoll(object.name.c_str());
+    const auto live = after.workers.find(id);
+    const auto stated = wanted.workers.find(id);
+    const bool shallPause =
+        stated != wanted.workers.end() && !stated->second.running.value_or(true);
+    const bool stands = live != after.workers.end() && !live->second.running.value_or(false);
+    Entry& entry = entries_[object];
+    entry.doubtful = stands && !shallPause;
+    if (entry.holdsNothing()) entries_.erase(object);
   }
 }
 
@@ -272,6 +299,10 @@ Record::Entry Record::entryOf(const Object& object, const Switch& wanted, const 
 
 void Record::end(const Plan& plan, const std::vector<Execution::State>& states,
                  const Switch& wanted, const LiveSwitch& after) {
+  std::set<Object> pausedWorkers;
+  for (const auto& [object, entry] : entries_) {
+    if (object.kind == Kind::worker && entry.doubtful) pausedWorkers.insert(object);
+  }
   std::set<Object> failed;
   for (std::size_t i = 0; i < plan.changes.size(); ++i) {
     if (states[i].kind != Execution::State::Kind::done) failed.insert(plan.changes[i].object);
@@ -297,6 +328,7 @@ void Record::end(const Plan& plan, const std::vector<Execution::State>& states,
   for (const auto& [id, worker] : wanted.workers) {
     if (after.workers.contains(id)) enter({Kind::worker, std::to_string(id)});
   }
+  keepDoubtOfWorkers(pausedWorkers, wanted, after);
   for (const auto& [name, one] : wanted.trafficClasses) {
     if (after.trafficClasses.contains(name)) enter({Kind::trafficClass, name});
   }

@@ -107,6 +107,9 @@ def test_a_document_that_is_wrong_changes_nothing():
     finished = norvctl("plan", *switch.options, "nowhere.yaml")
     equal((finished.status, finished.err.splitlines()[0]),
           (1, "nowhere.yaml:1:1: cannot be read: No such file or directory"))
+    finished = norvctl("plan", *switch.options, switch.folder)
+    equal((finished.status, finished.err.splitlines()[0]),
+          (1, switch.folder + ":1:1: cannot be read: it is a folder; name its files"))
 
 
 def test_a_document_is_checked_without_a_switch():
@@ -252,6 +255,26 @@ def test_a_daemon_that_dies_in_the_middle():
     standin = Standin(port)
     finished = norvctl("apply", "--yes", *options, switch.document(large(1)))
     equal(finished.status, 0, finished)
+
+
+def test_a_worker_paused_for_what_was_cut_short_runs_with_the_next_apply():
+    switch = Switch()
+    failing = Process(harness.STANDIN, "--listen", "127.0.0.1:0", "--fault", "kind=status code=13 rpc=resumeWorker nth=2")
+    port = failing.wait_for(r"listening on 127\.0\.0\.1:(\d+)\n").group(1)
+    switch.options = ["--host", "127.0.0.1", "--port", port, "--state-dir", switch.folder]
+    switch.apply(SMALL)
+    # Of workers it says nothing.
+    changed = SMALL.replace("workers: {0: {core: 0}}\n", "").replace("10.0.0.2", "10.0.0.3")
+    finished = switch.apply(changed, status=3)
+    assert "paused  worker 0  as what it stood still for was cut short" in finished.out, finished
+    planned = switch.plan(changed)
+    equal(planned.status, 4, planned)
+    assert "  ~ worker 0  running: false -> true\n" in planned.out, planned
+    switch.apply(changed)
+    assert "running: false" not in switch.export()
+    # What a person pauses then stays so.
+    run("--host", "127.0.0.1", "--port", port, write_file({"type": "pauseWorker", "request": {"wid": 0}}))
+    equal(switch.plan(changed).status, 0)
 
 
 def test_a_damaged_record_lies_aside():

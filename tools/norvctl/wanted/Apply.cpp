@@ -195,6 +195,9 @@ class Apply {
       known_.saveRecord();
       known_.record().complement(after);
       rest = makePlan(after, wanted_, arguments_.plan);
+      for (const Object& object : after.doubtful) {
+        if (object.kind == Norv::State::Kind::worker) stillPaused_.push_back(object);
+      }
     } catch (const std::exception& error) {
       reading = error.what();
     }
@@ -249,6 +252,10 @@ class Apply {
             (state.because.empty() ? "" : "  because of " + escaped(state.because)) +
             (state.text.empty() ? "" : "  " + escaped(state.text)) + "\n");
     }
+    for (const Object& worker : stillPaused_) {
+      print(colours.bad() + std::string("paused") + colours.end() + "  " + text(worker) +
+            "  as what it stood still for was cut short; the next apply lets it run\n");
+    }
     print(grouped(done) + " of " + grouped(states.size()) + " changes done");
     if (end == SessionEnd::interrupted) print(", interrupted");
     if (end == SessionEnd::timedOut) print(", the time ran out");
@@ -296,6 +303,7 @@ class Apply {
   Norv::State::Switch wanted_;
   Plan plan_;
   std::unique_ptr<Plan> rollback_;
+  std::vector<Object> stillPaused_;  // workers, after what was cut short
 };
 
 int apply(const Arguments& arguments) {

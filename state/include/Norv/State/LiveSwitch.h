@@ -32,7 +32,8 @@ struct LiveSwitch : Switch {
   std::string version;
   // Tasks whose traffic class is lost: a module in this state has to be made anew.
   std::set<std::string> lostTasks;  // names of modules
-  // What a record says was begun and not ended: whatever of it is not told has to be set again.
+  // What a record says was begun and not ended: whatever of it is not told has to be set again. A
+  // worker is one that was paused meanwhile, and stands still yet.
   std::set<Object> doubtful;
   std::map<std::string, std::string>
       descriptions;  // of modules, where they do not change by themselves

@@ -2,6 +2,7 @@
 
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -50,6 +51,8 @@ class Record {
   };
 
   static Entry entryOf(const Object& object, const Switch& wanted, const LiveSwitch& after);
+  void keepDoubtOfWorkers(const std::set<Object>& doubtful, const Switch& wanted,
+                          const LiveSwitch& after);
   static bool hidden(const Object& object, const Switch& wanted);
 
   std::map<Object, Entry> entries_;
