@@ -232,6 +232,7 @@ void TrafficPlanner::rebuild(std::int64_t worker) {
   request->set_wid(worker);
   const std::size_t destroyed =
       builder_.step(destroyWorker, std::move(request), Kind::worker, change, gone);
+  workerDestroyed_[worker] = destroyed;
   workerAdded_[worker] = addWorker(worker, target, change, {destroyed});
   builder_.plan.pauses.push_back("worker " + std::to_string(worker) +
                                  " while its traffic classes are made anew");
@@ -260,7 +261,8 @@ void TrafficPlanner::removeWorker(std::int64_t worker) {
   }
   auto request = std::make_unique<bess::pb::DestroyWorkerRequest>();
   request->set_wid(worker);
-  builder_.step(destroyWorker, std::move(request), Kind::worker, change, gone);
+  workerDestroyed_[worker] =
+      builder_.step(destroyWorker, std::move(request), Kind::worker, change, gone);
 }
 
 std::size_t TrafficPlanner::moveTask(const std::string& module, std::uint64_t number,
@@ -315,8 +317,13 @@ void TrafficPlanner::addClass(const std::string& name) {
   message.set_policy(placed.policy);
   fill(message, placed.place);
   if (!placed.resource.empty()) fillLimits(message, placed);
+  std::vector<std::size_t> after = needs(placed.place);
+  if (!isNew) {  // its name is free when the worker that it was below is gone
+    const auto gone = workerDestroyed_.find(rootOf(live_.trafficClasses, live->second.place));
+    if (gone != workerDestroyed_.end()) after.push_back(gone->second);
+  }
   classAdded_[name] =
-      builder_.step(addTc, std::move(request), Kind::trafficClass, change, needs(placed.place));
+      builder_.step(addTc, std::move(request), Kind::trafficClass, change, std::move(after));
 }
 
 void TrafficPlanner::updateParams(const std::string& name) {

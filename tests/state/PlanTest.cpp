@@ -157,6 +157,20 @@ TEST_F(PlanTest, AChangedPolicyRebuildsItsWorkerAndLosesNoTask) {
   EXPECT_EQ(live.workers.size(), 1u);
 }
 
+TEST_F(PlanTest, AClassGoesToAnotherWorkerWhenItsNameIsFree) {
+  const std::string below0 =
+      "workers: {0: {core: 0}, 1: {core: 1}}\n"
+      "modules: {src: {class: Source, tasks: x}}\n"
+      "traffic_classes: {x: {policy: round_robin, wid: 0}}\n";
+  EXPECT_THAT(daemon_.apply(below0).refusals, IsEmpty());
+  const std::string below1 = changed(below0, "wid: 0", "wid: 1");
+  EXPECT_THAT(daemon_.apply(below1).refusals, IsEmpty());
+  EXPECT_EQ(summary(daemon_.plan(below1)), "");
+  const std::string without0 = changed(below0, "0: {core: 0}, 1: {core: 1}", "0: {core: 0}");
+  EXPECT_THAT(daemon_.apply(without0, {.prune = true}).refusals, IsEmpty());
+  EXPECT_EQ(summary(daemon_.plan(without0, {.prune = true})), "");
+}
+
 TEST_F(PlanTest, TasksChangePlacesWithoutALoss) {
   const std::string document =
       "workers: {0: {core: 0}}\n"
