@@ -446,7 +446,13 @@ void TrafficPlanner::planTasks(const std::map<std::string, std::size_t>& created
   for (const std::int64_t worker : rebuilt_) {
     for (const Task& task : tasksOf_[worker]) {
       seen.insert({task.module, task.number});
-      moves.push_back({task.module, task.number, placeAfter(task), holdingChange_[worker], {}, {}});
+      // Not before it was moved away, which would take it back.
+      std::vector<std::size_t> after;
+      if (const auto gone = workerDestroyed_.find(worker); gone != workerDestroyed_.end()) {
+        after.push_back(gone->second);
+      }
+      moves.push_back(
+          {task.module, task.number, placeAfter(task), holdingChange_[worker], after, {}});
     }
   }
   for (const auto& [name, module] : target_.modules) {

@@ -277,6 +277,14 @@ def test_a_worker_paused_for_what_was_cut_short_runs_with_the_next_apply():
     equal(switch.plan(changed).status, 0)
 
 
+def test_a_task_of_a_worker_made_anew_may_go_to_another():
+    switch = Switch()
+    document = "workers: {0: {core: 0}, 1: {core: 1}}\nmodules: {a: {class: Source, tasks: %s}}\n"
+    switch.apply(document % "x" + "traffic_classes: {x: {policy: round_robin, wid: 0}}\n")
+    switch.apply(document % "{wid: 1}", "--prune")
+    equal(switch.plan(document % "{wid: 1}", "--prune").status, 0)
+
+
 def test_a_damaged_record_lies_aside():
     switch = Switch()
     switch.apply(SMALL)
