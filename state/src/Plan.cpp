@@ -61,7 +61,7 @@ class Planner {
     removeLaunchedWorker();
     traffic.changeWorkers();
     createPorts();
-    createModules();
+    createModules(traffic.workersDestroyed());
     commandModules(traffic);
     connect();
     addHooks();
@@ -461,7 +461,8 @@ class Planner {
     builder_.step(setPortConf, std::move(request), Kind::port, change, std::move(after));
   }
 
-  void createModules() {
+  // `workersDestroyed`: a task that waits would come to a worker that is about to go.
+  void createModules(const std::vector<std::size_t>& workersDestroyed) {
     for (const auto& [name, module] : target_.modules) {
       if (stays(name)) continue;
       const std::size_t change = builder_.change({Kind::module, name}, Action::create);
@@ -481,6 +482,7 @@ class Planner {
         after.push_back(made->second);
       }
       std::vector<std::size_t> behind = imported_;
+      behind.insert(behind.end(), workersDestroyed.begin(), workersDestroyed.end());
       // One of them may use the queue that this one takes.
       if (!port.empty()) {
         for (const auto& [other, step] : destroyed_) {

@@ -67,6 +67,8 @@ class TrafficPlanner {
   void addWorkers();
   // Workers that stop, go or are made anew: after modules are destroyed and before others are made.
   void changeWorkers();
+  // The steps that destroy workers.
+  std::vector<std::size_t> workersDestroyed() const;
   // Classes and tasks: after modules are made. `created`: the step that creates a module.
   void planClasses(const std::map<std::string, std::size_t>& created);
   // Workers that shall run and do not yet: after everything else.

@@ -238,6 +238,12 @@ void TrafficPlanner::rebuild(std::int64_t worker) {
                                  " while its traffic classes are made anew");
 }
 
+std::vector<std::size_t> TrafficPlanner::workersDestroyed() const {
+  std::vector<std::size_t> steps;
+  for (const auto& [worker, step] : workerDestroyed_) steps.push_back(step);
+  return steps;
+}
+
 void TrafficPlanner::removeWorker(std::int64_t worker) {
   const std::size_t change =
       builder_.change({Kind::worker, std::to_string(worker)}, Action::remove);

@@ -282,4 +282,26 @@ TEST_F(PlanTest, ALargeTableIsSetInOneRequest) {
   EXPECT_THAT(commands(plan), ElementsAre("moduleCommand t delete", "moduleCommand t add"));
 }
 
+TEST_F(PlanTest, ANewTaskDoesNotComeToAWorkerThatGoes) {
+  TestSwitch daemon;
+  // The plan of one document after the other, as steps that may go together go together.
+  daemon.apply("workers: {0: {core: 0}, 1: {core: 1}}\nmodules: {a: Source}\n");
+  daemon.apply("modules: {a: Source}\n");
+  const Plan plan = daemon.plan(
+      "workers: {3: {core: 0}}\n"
+      "modules: {a: Source, b: {class: Source, tasks: z}}\n"
+      "traffic_classes: {z: {policy: round_robin, wid: 3}}\n",
+      {.prune = true});
+  std::size_t made = 0;
+  std::set<std::size_t> gone;
+  for (std::size_t i = 0; i < plan.steps.size(); ++i) {
+    if (plan.steps[i].type == createModule) made = i;
+    if (plan.steps[i].type == destroyWorker) gone.insert(i);
+  }
+  ASSERT_EQ(gone.size(), 2u);
+  const auto& behind = plan.steps[made].behind;
+  for (const std::size_t step : gone) EXPECT_THAT(behind, testing::Contains(step));
+  EXPECT_THAT(daemon.carryOut(plan).refusals, IsEmpty());
+}
+
 }  // namespace Norv::State
