@@ -289,11 +289,14 @@ class Reader {
              std::map<std::string, Mark>& first) {
     const std::unique_ptr<Message> message = newEntry(row);
     const std::size_t before = problems.size();
-    readMessage(withPrefix(item), *message, problems, entryWidths(row, module));
+    const Widths widths = entryWidths(row, module);
+    readMessage(withPrefix(item), *message, problems, widths);
     if (problems.size() != before) return;
-    makeCanonical(*message, entryWidths(row, module));
+    makeCanonical(*message, widths);
     std::string complaint;
-    if (!normaliseEntry(row, *message, complaint)) return problem(item.mark, complaint);
+    if (!normaliseEntry(row, *message, widths.size(), complaint)) {
+      return problem(item.mark, complaint);
+    }
     const std::string key = entryKey(row, *message);
     const auto [earlier, isFirst] = first.emplace(key, item.mark);
     if (!isFirst) {

@@ -4,6 +4,8 @@
 
 #include <algorithm>
 
+#include <bess/pb/module_arg.pb.h>
+
 namespace Norv::State {
 
 namespace {
@@ -22,6 +24,33 @@ std::string trimmed(const std::string& text) {
 
 std::uint64_t gateOf(const std::string& digits) {
   return digits.size() > 6 ? 1000000 : std::stoull(digits);
+}
+
+// An entry has one value for each field that the module looks at.
+std::string wrongCount(const Message& entry, std::size_t values) {
+  const auto& type = *entry.GetDescriptor();
+  for (int i = 0; values != 0 && i < type.field_count(); ++i) {
+    const FieldDescriptor& list = *type.field(i);
+    if (list.message_type() != bess::pb::FieldData::descriptor()) continue;
+    const int size = entry.GetReflection()->FieldSize(entry, &list);
+    if (static_cast<std::size_t>(size) == values) continue;
+    return "\"" + list.name() + "\" has " + std::to_string(size) +
+           (size == 1 ? " value" : " values") + ", and the module looks at " +
+           std::to_string(values) + (values == 1 ? " field" : " fields");
+  }
+  return "";
+}
+
+std::string wrongPrefix(const Message& entry) {
+  const auto* route = dynamic_cast<const bess::pb::IPLookupCommandAddArg*>(&entry);
+  in_addr address{};
+  if (route == nullptr || inet_pton(AF_INET, route->prefix().c_str(), &address) != 1) return "";
+  if (route->prefix_len() > 32) {
+    return "a prefix is at most 32 bits long, not " + std::to_string(route->prefix_len());
+  }
+  const std::uint64_t bits = ntohl(address.s_addr);
+  if ((bits << route->prefix_len() & 0xffffffffu) == 0) return "";
+  return route->prefix() + " has bits behind the first " + std::to_string(route->prefix_len());
 }
 
 // A name that needs no map around it.
@@ -61,8 +90,12 @@ std::string entryKey(const ClassRow& row, const Message& entry) {
   return serialized(*key);
 }
 
-bool normaliseEntry(const ClassRow& row, Message& entry, std::string& complaint) {
+bool normaliseEntry(const ClassRow& row, Message& entry, std::size_t values,
+                    std::string& complaint) {
   const auto& type = *entry.GetDescriptor();
+  complaint = wrongCount(entry, values);
+  if (complaint.empty()) complaint = wrongPrefix(entry);
+  if (!complaint.empty()) return false;
   for (const char* name : {"addr", "mac_addr"}) {
     const FieldDescriptor* field = type.FindFieldByName(name);
     if (field == nullptr) continue;

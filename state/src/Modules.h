@@ -19,8 +19,10 @@ std::unique_ptr<Message> newEntry(const ClassRow& row);
 Widths entryWidths(const ClassRow& row, const Module& module);
 // Serialized fields that tell an entry from others.
 std::string entryKey(const ClassRow& row, const Message& entry);
-// Writes addresses in their one form; false, and why, when the entry cannot be.
-bool normaliseEntry(const ClassRow& row, Message& entry, std::string& complaint);
+// Writes addresses in their one form; false, and why, when the entry cannot be. `values`: how many
+// an entry has; 0: not known.
+bool normaliseEntry(const ClassRow& row, Message& entry, std::size_t values,
+                    std::string& complaint);
 
 // The port that the module holds; empty: none.
 std::string portOf(const Module& module);
