@@ -72,12 +72,6 @@ ModuleCommand clearCommand(std::string_view command) {
 // Entries of a repeated field, serialized each as the message with that entry alone.
 std::vector<std::string> entriesOf(const Message& argument, const FieldDescriptor& field) {
   std::vector<std::string> entries;
-  const std::unique_ptr<Message> only(argument.New());
-  only->CopyFrom(argument);
-  for (int i = 0; i < argument.GetDescriptor()->field_count(); ++i) {
-    const FieldDescriptor* other = argument.GetDescriptor()->field(i);
-    if (other != &field) only->GetReflection()->ClearField(only.get(), other);
-  }
   const int size = argument.GetReflection()->FieldSize(argument, &field);
   for (int i = 0; i < size; ++i) {
     const std::unique_ptr<Message> alone(argument.New());

@@ -48,7 +48,7 @@ class Planner {
     builder_.plan.liveObjects = live_.objects();
     countLeftAlone();
 
-    const TrafficContext context{live_, target_, recreated_, destroyed_};
+    const TrafficContext context{live_, target_, destroyed_};
     TrafficPlanner traffic(builder_, context);
     // Before anything pauses: a task that waits for a place would make the daemon launch worker 0.
     traffic.addWorkers();
@@ -568,7 +568,7 @@ class Planner {
     for (const auto& [name, module] : live_.modules) {
       std::set<std::int64_t> workers;
       for (const auto& place : module.tasks) {
-        const std::int64_t worker = place ? workerOf(*place) : -1;
+        const std::int64_t worker = place ? rootOf(live_, *place) : -1;
         if (worker >= 0 && traffic.runsThroughout(worker)) workers.insert(worker);
       }
       if (workers.empty()) continue;
@@ -585,17 +585,6 @@ class Planner {
       }
     }
     return reached;
-  }
-
-  std::int64_t workerOf(const Place& place) const {
-    std::set<std::string> seen;
-    const Place* at = &place;
-    while (!at->parent.empty() && seen.insert(at->parent).second) {
-      const auto parent = live_.trafficClasses.find(at->parent);
-      if (parent == live_.trafficClasses.end()) return -1;
-      at = &parent->second.place;
-    }
-    return at->parent.empty() ? at->worker : -1;
   }
 
   // --- connections and hooks --------------------------------------------------------------------

@@ -53,7 +53,6 @@ std::unique_ptr<Message> commandRequest(const std::string& module, const ModuleC
 struct TrafficContext {
   const LiveSwitch& live;
   const Switch& target;
-  const std::set<std::string>& recreated;               // modules
   const std::map<std::string, std::size_t>& destroyed;  // the step that destroys a module
 };
 class TrafficPlanner {
@@ -84,10 +83,8 @@ class TrafficPlanner {
     Place live;
   };
 
-  std::int64_t rootOf(const std::map<std::string, TrafficClass>& classes, const Place& place) const;
   void findTasks();
   void findRebuilt();
-  bool classChanges(const TrafficClass& live, const TrafficClass& target) const;
   std::string whyChanges(const TrafficClass& live, const TrafficClass& target) const;
   bool fresh(const std::string& name) const;
   std::vector<std::size_t> needs(const Place& place) const;
@@ -103,7 +100,6 @@ class TrafficPlanner {
   void planTasks(const std::map<std::string, std::size_t>& created);
   std::string crowded(const Place& place, const std::string& module, std::uint64_t number) const;
   std::optional<Place> wantedPlace(const std::string& module, std::uint64_t number) const;
-  std::optional<Place> livePlace(const std::string& module, std::uint64_t number) const;
   Place placeAfter(const Task& task) const;
   std::size_t addWorker(std::int64_t worker, const Worker& as, std::size_t change,
                         std::vector<std::size_t> after);
@@ -125,6 +121,7 @@ class TrafficPlanner {
   std::map<std::int64_t, std::size_t> holdingChange_;
 };
 
-bool samePlace(const Place& live, const Place& wanted);
+// The worker that a place of the switch belongs to, through the classes above it; -1 for none.
+std::int64_t rootOf(const Switch& live, const Place& place);
 
 }  // namespace Norv::State

@@ -34,8 +34,6 @@ void fillLimits(bess::pb::TrafficClass& message, const TrafficClass& one) {
   if (one.maxBurst) (*message.mutable_max_burst())[one.resource] = *one.maxBurst;
 }
 
-}  // namespace
-
 // What the wanted place leaves open agrees.
 bool samePlace(const Place& live, const Place& wanted) {
   if (!wanted.stated()) return true;
@@ -43,6 +41,19 @@ bool samePlace(const Place& live, const Place& wanted) {
   if (wanted.parent.empty() && live.worker != wanted.worker) return false;
   if (wanted.priority && live.priority != wanted.priority) return false;
   return !wanted.share || live.share == wanted.share;
+}
+
+}  // namespace
+
+std::int64_t rootOf(const Switch& live, const Place& place) {
+  std::set<std::string> seen;
+  const Place* at = &place;
+  while (!at->parent.empty()) {
+    const auto parent = live.trafficClasses.find(at->parent);
+    if (parent == live.trafficClasses.end() || !seen.insert(at->parent).second) return -1;
+    at = &parent->second.place;
+  }
+  return at->worker;
 }
 
 TrafficPlanner::TrafficPlanner(PlanBuilder& builder, const TrafficContext& context)
@@ -58,7 +69,7 @@ void TrafficPlanner::findTasks() {
     if (context_.destroyed.contains(name)) continue;
     for (std::size_t i = 0; i < module.tasks.size(); ++i) {
       if (!module.tasks[i]) continue;
-      std::int64_t worker = rootOf(live_.trafficClasses, *module.tasks[i]);
+      std::int64_t worker = rootOf(live_, *module.tasks[i]);
       // One that waits may come to a worker that goes, with any call that pauses before.
       if (worker < 0 && !removed_.empty()) {
         worker = *removed_.begin();
@@ -81,18 +92,6 @@ std::set<std::string> TrafficPlanner::withoutWorker(const LiveSwitch& live, cons
   return names;
 }
 
-std::int64_t TrafficPlanner::rootOf(const std::map<std::string, TrafficClass>& classes,
-                                    const Place& place) const {
-  std::set<std::string> seen;
-  const Place* at = &place;
-  while (!at->parent.empty()) {
-    const auto parent = classes.find(at->parent);
-    if (parent == classes.end() || !seen.insert(at->parent).second) return -1;
-    at = &parent->second.place;
-  }
-  return at->worker;
-}
-
 std::string TrafficPlanner::whyChanges(const TrafficClass& live, const TrafficClass& target) const {
   if (live.policy != target.policy) return "policy: " + live.policy + " -> " + target.policy;
   if (!samePlace(live.place, target.place)) {
@@ -103,7 +102,7 @@ std::string TrafficPlanner::whyChanges(const TrafficClass& live, const TrafficCl
 
 void TrafficPlanner::findRebuilt() {
   for (const auto& [name, one] : live_.trafficClasses) {
-    const std::int64_t worker = rootOf(live_.trafficClasses, one.place);
+    const std::int64_t worker = rootOf(live_, one.place);
     const auto target = target_.trafficClasses.find(name);
     const bool goes = target == target_.trafficClasses.end();
     if (worker < 0 || removed_.contains(worker)) continue;
@@ -119,7 +118,7 @@ void TrafficPlanner::findRebuilt() {
 bool TrafficPlanner::fresh(const std::string& name) const {
   const auto live = live_.trafficClasses.find(name);
   if (live == live_.trafficClasses.end()) return true;
-  const std::int64_t worker = rootOf(live_.trafficClasses, live->second.place);
+  const std::int64_t worker = rootOf(live_, live->second.place);
   return worker >= 0 && (rebuilt_.contains(worker) || removed_.contains(worker));
 }
 
@@ -187,7 +186,7 @@ std::vector<std::size_t> TrafficPlanner::moveAway(std::int64_t worker, std::int6
   }
   for (const auto& [name, step] : context_.destroyed) {
     for (const auto& task : live_.modules.at(name).tasks) {
-      if (task && rootOf(live_.trafficClasses, *task) == worker) steps.push_back(step);
+      if (task && rootOf(live_, *task) == worker) steps.push_back(step);
     }
   }
   return steps;
@@ -202,7 +201,7 @@ void TrafficPlanner::rebuild(std::int64_t worker) {
                                 std::to_string(target.core));
   }
   for (const auto& [name, one] : live_.trafficClasses) {
-    if (rootOf(live_.trafficClasses, one.place) != worker) continue;
+    if (rootOf(live_, one.place) != worker) continue;
     const auto now = target_.trafficClasses.find(name);
     if (now == target_.trafficClasses.end()) {
       builder_.detail(change,
@@ -248,8 +247,7 @@ void TrafficPlanner::removeWorker(std::int64_t worker) {
   const std::size_t change =
       builder_.change({Kind::worker, std::to_string(worker)}, Action::remove);
   for (const auto& [name, one] : live_.trafficClasses) {
-    if (rootOf(live_.trafficClasses, one.place) == worker &&
-        !target_.trafficClasses.contains(name)) {
+    if (rootOf(live_, one.place) == worker && !target_.trafficClasses.contains(name)) {
       builder_.change({Kind::trafficClass, name}, Action::remove);
     }
   }
@@ -325,7 +323,7 @@ void TrafficPlanner::addClass(const std::string& name) {
   if (!placed.resource.empty()) fillLimits(message, placed);
   std::vector<std::size_t> after = needs(placed.place);
   if (!isNew) {  // its name is free when the worker that it was below is gone
-    const auto gone = workerDestroyed_.find(rootOf(live_.trafficClasses, live->second.place));
+    const auto gone = workerDestroyed_.find(rootOf(live_, live->second.place));
     if (gone != workerDestroyed_.end()) after.push_back(gone->second);
   }
   classAdded_[name] =
@@ -387,7 +385,7 @@ Place TrafficPlanner::placeAfter(const Task& task) const {
   if (const auto wanted = wantedPlace(task.module, task.number)) return *wanted;
   if (!task.live.parent.empty() && target_.trafficClasses.contains(task.live.parent))
     return task.live;
-  const std::int64_t worker = rootOf(live_.trafficClasses, task.live);
+  const std::int64_t worker = rootOf(live_, task.live);
   Place top;
   top.worker = target_.workers.contains(worker) || target_.workers.empty()
                    ? worker
@@ -469,8 +467,7 @@ void TrafficPlanner::planTasks(const std::map<std::string, std::size_t>& created
     for (std::size_t i = 0; i < tasks; ++i) {
       if (seen.contains({name, i})) continue;
       auto before = there && i < live->second.tasks.size() ? live->second.tasks[i] : std::nullopt;
-      if (before && removed_.contains(rootOf(live_.trafficClasses, *before)) &&
-          !target_.workers.empty()) {
+      if (before && removed_.contains(rootOf(live_, *before)) && !target_.workers.empty()) {
         before = Place{"", target_.workers.begin()->first, {}, {}};  // where it was moved to
       }
       if (made != created.end()) {
@@ -488,9 +485,9 @@ void TrafficPlanner::planTasks(const std::map<std::string, std::size_t>& created
                          {}});
         continue;
       }
-      const auto wanted = wantedPlace(name, i);
-      if (!wanted || (before && samePlace(*before, *wanted) && !removed_.contains(before->worker)))
-        continue;
+      auto wanted = wantedPlace(name, i);
+      if (!wanted && before && !before->stated() && running) wanted = Place();
+      if (!wanted || (before && before->stated() && samePlace(*before, *wanted))) continue;
       const std::size_t change = modify(name);
       builder_.detail(
           change, "task " + std::to_string(i) + ": " +
@@ -521,7 +518,7 @@ void TrafficPlanner::planTasks(const std::map<std::string, std::size_t>& created
     const bool awaited = std::any_of(moves.begin(), moves.end(), [&](const Move& other) {
       return &other != &move && other.place.parent == move.from->parent;
     });
-    const std::int64_t worker = rootOf(live_.trafficClasses, *move.from);
+    const std::int64_t worker = rootOf(live_, *move.from);
     if (!awaited || worker < 0) continue;
     Place top;
     top.worker = worker;

@@ -304,4 +304,20 @@ TEST_F(PlanTest, ANewTaskDoesNotComeToAWorkerThatGoes) {
   EXPECT_THAT(daemon.carryOut(plan).refusals, IsEmpty());
 }
 
+TEST_F(PlanTest, ATaskThatWaitsOnASwitchThatRunsGetsAPlace) {
+  TestSwitch daemon;
+  daemon.load(R"({"type":"addWorker","request":{"wid":"0","core":"0"}})"
+              "\n"
+              R"({"type":"resumeWorker","request":{"wid":"0"}})"
+              "\n"
+              R"({"type":"createModule","request":{"name":"x","mclass":"Source"}})"
+              "\n");
+  ASSERT_FALSE(daemon.read().modules.at("x").tasks.at(0)->stated());
+  const Plan plan = daemon.plan("modules: {x: Source}");
+  EXPECT_EQ(summary(plan), "~ module x; task 0: nowhere yet -> any worker\n");
+  daemon.carryOut(plan);
+  EXPECT_EQ(daemon.read().modules.at("x").tasks.at(0)->worker, 0);
+  EXPECT_TRUE(daemon.plan("modules: {x: Source}").empty());
+}
+
 }  // namespace Norv::State
