@@ -103,8 +103,7 @@ Session::Session(const SessionOptions& options, StepSource& source, SessionListe
       pending_(Norv::CmdGroup::CmdGroupIs()),
       status_(Norv::GrpcErrorHandlingStatus::GrpcErrorHandlingStatusIs()),
       trace_(std::make_unique<Trace>(options)),
-      kit_(config_, pending_, status_),
-      feeder_(source, [this] { loop_.post([this] { feed(); }); }) {
+      kit_(config_, pending_, status_) {
   if (!options.flightRecorder.empty()) {
     kit_.flightRecorderIs(options.flightRecorder, options.flightRecorderSize,
                           options.flightRecorderCopies);
@@ -114,6 +113,8 @@ Session::Session(const SessionOptions& options, StepSource& source, SessionListe
     Lumo::LockAnchor anchor(&endedLock_);
     ended_.push_back(report);
   });
+  // Not before all that may throw: its thread reads the source, which would be gone.
+  feeder_.emplace(source, [this] { loop_.post([this] { feed(); }); });
 }
 
 Session::~Session() = default;
@@ -136,7 +137,7 @@ SessionEnd Session::run() {
                                               : "interrupted before an answer came");
   deliverAll();
   if (how != SessionEnd::complete) tellUnread();
-  feeder_.stop();
+  feeder_->stop();
   listener_.told();
   return how;
 }
@@ -165,7 +166,7 @@ void Session::feed() {
   if (!manager_ || fed_ || kit_.stopped()) return;
   std::size_t taken = 0;
   for (; taken < stepsAtOnce && room(); ++taken) {
-    std::optional<Step> step = feeder_.take();
+    std::optional<Step> step = feeder_->take();
     if (!step) break;
     if (step->announcement()) {
       announce(step->queue);
@@ -176,8 +177,8 @@ void Session::feed() {
   announceEarly();
   refuseTooMany();
   if (fed_) return;
-  if (feeder_.ended()) {
-    complaint_ = feeder_.complaint();
+  if (feeder_->ended()) {
+    complaint_ = feeder_->complaint();
     if (complaint_.empty() || options_.stream) announceRest();
     fed_ = true;
   } else if (taken == stepsAtOnce) {
@@ -302,7 +303,7 @@ void Session::tell(const CommandReport& report) {
 void Session::tellUnread() {
   if (!source_.bounded() || !listener_.wantsUnread()) return;
   source_.skipRequests();
-  while (const std::optional<Step> step = feeder_.takeNext()) {
+  while (const std::optional<Step> step = feeder_->takeNext()) {
     if (step->announcement()) continue;
     CommandReport report;
     report.type = step->type;

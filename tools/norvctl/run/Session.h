@@ -126,7 +126,7 @@ class Session {
   std::map<U64, Norv::Agent::CommandReport> toTell_;      // by seq, ended before its turn
   std::map<U64, Norv::Agent::CommandReport> toTellLast_;  // by id, never announced
   std::chrono::duration<double> elapsed_{0};
-  Feeder feeder_;  // last: its thread calls in here
+  std::optional<Feeder> feeder_;  // made last: its thread calls in here
 };
 
 // SIGINT, SIGTERM and SIGHUP end the running session early; the same a second time ends the
