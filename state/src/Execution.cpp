@@ -1,12 +1,15 @@
+#include <algorithm>
+
 #include <Norv/State/Execution.h>
 
 namespace Norv::State {
 
-Execution::Execution(const Plan& plan)
+Execution::Execution(const Plan& plan, const std::set<std::size_t>& held)
     : plan_(plan),
       phases_(plan.steps.size(), Phase::waiting),
       missing_(plan.steps.size(), 0),
       followers_(plan.steps.size()),
+      idle_(plan.steps.size(), false),
       doomed_(plan.steps.size(), false),
       culprit_(plan.steps.size(), Step::none),
       texts_(plan.steps.size()),
@@ -18,15 +21,49 @@ Execution::Execution(const Plan& plan)
     for (const std::size_t before : step.after) followers_[before].push_back(i);
     for (const std::size_t before : step.behind) followers_[before].push_back(i);
   }
+  std::vector<bool> stuck(plan.steps.size(), false);
+  if (!held.empty()) stuck = findIdle(held);
+  for (std::size_t i = 0; i < plan.steps.size(); ++i) {
+    if (!stuck[i] && plan.steps[i].impossible.empty()) ++commands_;
+  }
   for (std::size_t i = 0; i < plan.steps.size(); ++i) {
     if (missing_[i] != 0 || phases_[i] != Phase::waiting) continue;
     if (release(i)) settle(i, phases_[i]);
   }
 }
 
+// Steps refer to earlier ones, so one pass finds all that cannot go; what is left of pauses is the
+// one that nothing needs any more, and the end of it. Returns all that cannot go.
+std::vector<bool> Execution::findIdle(const std::set<std::size_t>& held) {
+  std::vector<bool> needed(plan_.steps.size(), false);
+  std::vector<bool> stuck(plan_.steps.size(), false);
+  for (std::size_t i = 0; i < plan_.steps.size(); ++i) {
+    const Step& step = plan_.steps[i];
+    const auto isStuck = [&](std::size_t before) { return stuck[before]; };
+    idle_[i] = held.contains(step.change);
+    stuck[i] = idle_[i] || std::any_of(step.after.begin(), step.after.end(), isStuck);
+    if (stuck[i] || step.change == Step::none) continue;
+    for (const std::size_t before : step.after) needed[before] = true;
+  }
+  for (std::size_t i = 0; i < plan_.steps.size(); ++i) {
+    const Step& step = plan_.steps[i];
+    if (step.change != Step::none) continue;
+    const auto isStuck = [&](std::size_t before) { return stuck[before]; };
+    idle_[i] = step.behind.empty() ? !needed[i]
+                                   : std::all_of(step.behind.begin(), step.behind.end(), isStuck);
+    stuck[i] = stuck[i] || idle_[i];
+  }
+  return stuck;
+}
+
 // Everything before it has ended; true if with that it has ended, too.
 bool Execution::release(std::size_t step) {
   const Step& what = plan_.steps[step];
+  if (idle_[step]) {
+    culprit_[step] = step;
+    phases_[step] = Phase::skipped;
+    return true;
+  }
   for (const std::size_t before : what.after) {
     if (phases_[before] == Phase::succeeded || doomed_[step]) continue;
     doomed_[step] = true;

@@ -212,6 +212,9 @@ class SwitchReader {
     }
     for (const auto& gate : info.ogates()) {
       live_.connections[{info.name(), gate.ogate()}] = {gate.name(), gate.igate()};
+      if (gate.timestamp() != 0) {
+        live_.traffic[{info.name(), gate.ogate()}] = {gate.pkts(), gate.bytes(), gate.timestamp()};
+      }
       readHooks(gate, {info.name(), gate.ogate()}, true, newer::outputHook);
     }
   }

@@ -1,14 +1,10 @@
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <sstream>
 
+#include <Norv/State/Files.h>
 #include <Norv/State/Record.h>
 #include <bess/pb/service.pb.h>
 
@@ -50,10 +46,6 @@ std::string bytesIn(const Json& text) {
   return *bytes;
 }
 
-[[noreturn]] void fail(const std::string& what, const std::string& file) {
-  throw std::runtime_error(what + " " + file + ": " + std::strerror(errno));
-}
-
 // What a module tells of itself, whatever commands have changed since.
 std::string toldBy(const LiveSwitch& live, const std::string& name, const Module& module) {
   const auto description = live.descriptions.find(name);
@@ -78,7 +70,7 @@ Record Record::load(const std::string& file, std::string* said) {
   std::ifstream stream(file, std::ios::binary);
   if (!stream.is_open()) {
     if (errno == ENOENT) return record;
-    fail("cannot read", file);
+    failFile("cannot read", file);
   }
   std::ostringstream text;
   text << stream.rdbuf();
@@ -105,7 +97,7 @@ Record Record::load(const std::string& file, std::string* said) {
     }
   } catch (const std::exception& error) {
     const std::string aside = file + ".damaged";
-    if (std::rename(file.c_str(), aside.c_str()) != 0) fail("cannot rename", file);
+    if (std::rename(file.c_str(), aside.c_str()) != 0) failFile("cannot rename", file);
     if (said != nullptr) {
       *said = file + " is no record (" + error.what() + ") and lies aside as " + aside +
               "; what was applied and the daemon does not tell is not known";
@@ -137,33 +129,7 @@ void Record::save(const std::string& file) const {
     json["objects"].push_back(std::move(one));
   }
   const std::string text = json.dump(0, ' ', false, Json::error_handler_t::replace) + "\n";
-  const std::filesystem::path folder = std::filesystem::path(file).parent_path();
-  if (!folder.empty()) std::filesystem::create_directories(folder);
-  const std::string fresh = file + ".new";
-  const int descriptor = open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-  if (descriptor < 0) fail("cannot write", fresh);
-  std::size_t written = 0;
-  while (written < text.size()) {
-    const ssize_t part = write(descriptor, text.data() + written, text.size() - written);
-    if (part < 0 && errno == EINTR) continue;
-    if (part < 0) {
-      const int why = errno;
-      close(descriptor);
-      unlink(fresh.c_str());
-      errno = why;
-      fail("cannot write", fresh);
-    }
-    written += static_cast<std::size_t>(part);
-  }
-  const bool synced = fsync(descriptor) == 0;
-  if (close(descriptor) != 0 || !synced) fail("cannot write", fresh);
-  if (std::rename(fresh.c_str(), file.c_str()) != 0) fail("cannot replace", file);
-  const int folderDescriptor =
-      open(folder.empty() ? "." : folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (folderDescriptor >= 0) {
-    fsync(folderDescriptor);
-    close(folderDescriptor);
-  }
+  replaceFile(file, text);
 }
 
 void Record::complement(LiveSwitch& live) {

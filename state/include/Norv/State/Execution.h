@@ -20,21 +20,24 @@ enum class StepEnd {
 
 class Execution {
  public:
-  explicit Execution(const Plan& plan);
+  // `plan` must stay. `held`: changes, by their index, that wait for something outside the plan:
+  // they are not tried, nor what needs them, nor a pause around nothing else.
+  explicit Execution(const Plan& plan, const std::set<std::size_t>& held = {});
 
   // The next step whose turn it is, in the order of the plan; none while others have to end first,
   // or all are under way or ended.
   std::optional<std::size_t> next();
   // `text`: the daemon's, or what is known.
   void ended(std::size_t step, StepEnd how, const std::string& text = "");
-  // What an unclear step did turns out: the switch was read again.
   bool finished() const { return open_ == 0; }
+  // Commands that go if all goes well.
+  std::size_t commands() const { return commands_; }
 
   struct State {
     enum class Kind { done, refused, unclear, notTried };
     Kind kind = Kind::done;
     std::string text;     // of a refusal or a failure
-    std::string because;  // not tried: the object that it needs
+    std::string because;  // not tried: the object that it needs, where that is another
   };
   // Of each change, in the order of the plan.
   std::vector<State> states() const;
@@ -44,6 +47,7 @@ class Execution {
  private:
   enum class Phase { waiting, ready, underWay, succeeded, failed, skipped };
 
+  std::vector<bool> findIdle(const std::set<std::size_t>& held);
   void settle(std::size_t step, Phase phase);
   bool release(std::size_t step);
 
@@ -51,12 +55,14 @@ class Execution {
   std::vector<Phase> phases_;
   std::vector<std::size_t> missing_;  // steps that have to end before
   std::vector<std::vector<std::size_t>> followers_;
+  std::vector<bool> idle_;            // held, or a pause around nothing that goes
   std::vector<bool> doomed_;          // a step that it needs did not succeed
   std::vector<std::size_t> culprit_;  // which
   std::vector<std::string> texts_;
   std::vector<StepEnd> ends_;
   std::set<std::size_t> ready_;
   std::size_t open_;
+  std::size_t commands_ = 0;
   std::size_t counts_[4] = {};
 };
 

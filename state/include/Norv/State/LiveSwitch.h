@@ -25,6 +25,14 @@ class ReadError : public std::runtime_error {
   const grpc::StatusCode status_;
 };
 
+// What has passed an output gate since it was connected, and when, in seconds of the daemon's
+// clock.
+struct Traffic {
+  std::uint64_t packets = 0;
+  std::uint64_t bytes = 0;
+  double time = 0;
+};
+
 struct LiveSwitch : Switch {
   // Whether gates tell their hooks; else only that there is a Track hook can be told, from its
   // counters.
@@ -36,8 +44,9 @@ struct LiveSwitch : Switch {
   // worker is one that was paused meanwhile, and stands still yet.
   std::set<Object> doubtful;
   std::map<std::string, std::string>
-      descriptions;  // of modules, where they do not change by themselves
-  Offer offer;       // all classes and drivers that the daemon has
+      descriptions;                 // of modules, where they do not change by themselves
+  std::map<Gate, Traffic> traffic;  // of the gates that are counted
+  Offer offer;                      // all classes and drivers that the daemon has
 };
 
 // Asks for everything, one call after the other on this thread, each with a deadline. An object

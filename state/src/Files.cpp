@@ -1,0 +1,48 @@
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <stdexcept>
+
+#include <Norv/State/Files.h>
+
+namespace Norv::State {
+
+void failFile(const std::string& what, const std::string& file) {
+  throw std::runtime_error(what + " " + file + ": " + std::strerror(errno));
+}
+
+void replaceFile(const std::string& file, const std::string& text) {
+  const std::filesystem::path folder = std::filesystem::path(file).parent_path();
+  if (!folder.empty()) std::filesystem::create_directories(folder);
+  const std::string fresh = file + ".new";
+  const int descriptor = open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  if (descriptor < 0) failFile("cannot write", fresh);
+  std::size_t written = 0;
+  while (written < text.size()) {
+    const ssize_t part = write(descriptor, text.data() + written, text.size() - written);
+    if (part < 0 && errno == EINTR) continue;
+    if (part < 0) {
+      const int why = errno;
+      close(descriptor);
+      unlink(fresh.c_str());
+      errno = why;
+      failFile("cannot write", fresh);
+    }
+    written += static_cast<std::size_t>(part);
+  }
+  const bool synced = fsync(descriptor) == 0;
+  if (close(descriptor) != 0 || !synced) failFile("cannot write", fresh);
+  if (std::rename(fresh.c_str(), file.c_str()) != 0) failFile("cannot replace", file);
+  const int folderDescriptor =
+      open(folder.empty() ? "." : folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (folderDescriptor >= 0) {
+    fsync(folderDescriptor);
+    close(folderDescriptor);
+  }
+}
+
+}  // namespace Norv::State
