@@ -32,8 +32,16 @@ template <class Gate>
 void fillHooks(Gate& shown, const std::vector<GateHook>& hooks, const Options& options) {
   const bool tracked = std::any_of(hooks.begin(), hooks.end(),
                                    [](const GateHook& hook) { return hook.className == "Track"; });
-  const auto now = std::chrono::system_clock::now().time_since_epoch();
-  if (tracked) shown.set_timestamp(std::chrono::duration<double>(now).count());
+  if (tracked) {
+    const std::chrono::duration<double> now = std::chrono::system_clock::now().time_since_epoch();
+    shown.set_timestamp(now.count());
+    constexpr std::uint64_t packetBytes = 60, batch = 32;
+    const std::chrono::duration<double> running = std::chrono::steady_clock::now() - options.began;
+    const auto packets = static_cast<std::uint64_t>(running.count() * options.traffic);
+    shown.set_pkts(packets);
+    shown.set_bytes(packets * packetBytes);
+    shown.set_cnt(packets / batch);
+  }
   for (const GateHook& hook : hooks) {
     Info::GateHook entry;
     entry.set_class_name(hook.className);

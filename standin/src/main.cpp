@@ -56,6 +56,9 @@ void describe(CLI::App& app, Arguments& arguments) {
   app.add_option("--faults", arguments.faultFiles, "a file with a fault a line")->take_all();
   app.add_option("--latency", arguments.latency, "milliseconds that an answer takes: 5 or 5..20");
   app.add_option("--rate", arguments.rate, "answers per second, at most");
+  app.add_option("--traffic", options.traffic,
+                 "pretend that so many packets pass each counted gate in a second")
+      ->check(CLI::Range(0.0, 1e9));
   app.add_option("--log", options.log,
                  "add a line of JSON for each call to this file; - is stderr");
   app.add_option("--load", arguments.stateFile, "begin with the state in this file");

@@ -4,6 +4,7 @@
 #include <Standin/Pace.h>
 #include <grpcpp/grpcpp.h>
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
@@ -34,6 +35,9 @@ struct Options {
   // Faults in force from the beginning, in their text form.
   std::vector<std::string> faults;
   Pace pace;  // From the beginning.
+  // Packets of 60 bytes that each counted gate pretends to pass in a second, since `began`.
+  double traffic = 0;
+  std::chrono::steady_clock::time_point began = std::chrono::steady_clock::now();
   // A file to add a line of JSON to for each call; - is stderr.
   std::string log;
   // Called in place of ending the process when a fault wants that; it may return.
