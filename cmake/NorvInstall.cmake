@@ -10,14 +10,14 @@ endforeach()
 
 # Installed programs and libraries find each other wherever the prefix is moved.
 file(RELATIVE_PATH NORV_BIN_TO_LIB /${CMAKE_INSTALL_BINDIR} /${CMAKE_INSTALL_LIBDIR})
-set_target_properties(norvctl bessd-standin skein PROPERTIES
+set_target_properties(norvctl norvd bessd-standin skein PROPERTIES
   INSTALL_RPATH "$ORIGIN/${NORV_BIN_TO_LIB}")
 set_target_properties(lumo bessgrpc norv PROPERTIES INSTALL_RPATH "$ORIGIN")
 
 install(TARGETS lumo bessgrpc norv agent norv_standin EXPORT norvTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
-install(TARGETS norvctl bessd-standin skein RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(TARGETS norvctl norvd bessd-standin skein RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 foreach(layer framework types client manager agent standin)
   install(DIRECTORY ${PROJECT_SOURCE_DIR}/${layer}/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 endforeach()

@@ -20,10 +20,11 @@ std::map<const CLI::Option*, std::vector<std::string>>& completions() {
 }  // namespace
 
 const std::vector<Verb>& verbs() {
-  static const std::vector<Verb> all{
-      runVerb(),   checkVerb(),    replayVerb(), exportVerb(), planVerb(),      applyVerb(),
-      callVerb(),  showVerb(),     watchVerb(),  shellVerb(),  doctorVerb(),    describeVerb(),
-      typesVerb(), templateVerb(), helpVerb(),   manVerb(),    completionVerb()};
+  static const std::vector<Verb> all{runVerb(),    checkVerb(),    replayVerb(),    exportVerb(),
+                                     planVerb(),   applyVerb(),    statusVerb(),    retryVerb(),
+                                     callVerb(),   showVerb(),     watchVerb(),     shellVerb(),
+                                     doctorVerb(), describeVerb(), typesVerb(),     templateVerb(),
+                                     helpVerb(),   manVerb(),      completionVerb()};
   return all;
 }
 

@@ -20,7 +20,5 @@ std::string pipelineText(const std::vector<bess::pb::GetModuleInfoResponse>& mod
 // For graphviz.
 std::string pipelineDot(const std::vector<bess::pb::GetModuleInfoResponse>& modules,
                         const ConnectionTexts& rates);
-// What graphviz's dot makes of it; throws std::runtime_error, with advice, when it cannot be run.
-std::string svgOf(const std::string& dot);
 
 }  // namespace Norvctl

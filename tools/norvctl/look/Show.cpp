@@ -11,6 +11,7 @@
 #include "../protocol/Requests.h"
 #include "../text/Terminal.h"
 #include "../text/Text.h"
+#include "Graphviz.h"
 #include "Live.h"
 #include "Pipeline.h"
 #include "Tables.h"

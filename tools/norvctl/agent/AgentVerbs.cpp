@@ -1,0 +1,212 @@
+// The verbs status and retry, which speak to norvd.
+
+#include <httplib.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <iostream>
+#include <nlohmann/json.hpp>
+
+#include <Norv/State/Files.h>
+#include <Norv/State/Record.h>
+
+#include "../Options.h"
+#include "../Verb.h"
+#include "../run/Session.h"
+#include "../text/Table.h"
+#include "../text/Text.h"
+
+namespace Norvctl {
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+constexpr int patience = 5;  // seconds
+
+struct StatusArguments {
+  std::string agent = "127.0.0.1:9514";
+  bool watch = false;
+  bool json = false;
+};
+
+// What is at /status.json; throws std::runtime_error.
+std::string fetch(const std::string& agent) {
+  const bool local = agent.rfind("unix:", 0) == 0;
+  httplib::Client client(local ? agent.substr(5) : "http://" + agent);
+  if (local) client.set_address_family(AF_UNIX);
+  client.set_connection_timeout(patience);
+  client.set_read_timeout(patience);
+  const auto answer = client.Get("/status.json");
+  if (!answer) {
+    throw std::runtime_error("no norvd answers at " + agent + ": " + to_string(answer.error()) +
+                             "; is it running, and with this --http?");
+  }
+  if (answer->status != 200) {
+    throw std::runtime_error(agent + " answers with status " + std::to_string(answer->status) +
+                             "; is that norvd?");
+  }
+  return answer->body;
+}
+
+std::string field(const Json& json, const char* name) {
+  return escaped(json.value(name, ""));
+}
+
+Table objectsOf(const Json& json) {
+  Table table({{"object"}, {"state"}, {"since"}, {"why"}});
+  for (const auto& [name, one] : json.at("objects").items()) {
+    const std::string state = one.at("state");
+    if (state == "in sync") continue;
+    const bool waits = state == "pending" || state == "blocked" || state == "differs";
+    table.add({escaped(name),
+               {state, waits ? Table::Tone::warning : Table::Tone::bad},
+               {field(one, "since"), Table::Tone::faint},
+               field(one, "text")});
+  }
+  return table;
+}
+
+// The sentence first.
+std::string textOf(const Json& json, const Colours& colours, std::size_t width) {
+  const bool good = json.at("in_sync");
+  std::string out = std::string(colours.strong()) + (good ? colours.good() : colours.bad()) +
+                    field(json, "state") + colours.end() + "\n";
+  for (const Json& notice : json.at("notices")) {
+    out += colours.bad() + escaped(notice.get<std::string>()) + colours.end() + "\n";
+  }
+  out += colours.faint() + ("since " + field(json, "since")) + "; daemon " +
+         field(json.at("daemon"), "address") + "; document " + field(json, "document") +
+         "; restarts " + std::to_string(json.value("restarts", 0)) + colours.end() + "\n";
+  const Table objects = objectsOf(json);
+  if (!objects.empty()) out += "\n" + objects.text(colours, width);
+  Table queues({{"queue"}, {"waiting", Table::Align::right}, {"most", Table::Align::right}});
+  const auto addQueue = [&](const std::string& name, const Json& queue) {
+    queues.add({escaped(name), grouped(queue.at("depth")), grouped(queue.at("maximum"))});
+  };
+  for (const auto& [name, queue] : json.at("queues").items()) addQueue(name, queue);
+  addQueue("(pending)", json.at("pending"));
+  out += "\n" + queues.text(colours, width) + "\n";
+  std::string outcomes;
+  for (const auto& [name, count] : json.at("outcomes").items()) {
+    outcomes += (outcomes.empty() ? "" : ", ") + grouped(count) + " " + name;
+  }
+  out += "commands: " + outcomes + "\n";
+  if (json.at("failures").empty()) return out;
+  Table failures({{"failed at"}, {"what"}});
+  for (const Json& one : json.at("failures")) {
+    failures.add({field(one, "time"), field(one, "text")});
+  }
+  return out + "\n" + failures.text(colours, width);
+}
+
+int tell(const StatusArguments& arguments, const std::string& body) {
+  const Json json = Json::parse(body, nullptr, false);
+  if (!json.is_object()) {
+    throw std::runtime_error(arguments.agent + " answers what is no status; is that norvd?");
+  }
+  if (arguments.json) {
+    print(arguments.watch ? json.dump() + "\n" : body);
+  } else {
+    const std::size_t width = isatty(STDOUT_FILENO) ? columnsAt(STDOUT_FILENO) : 0;
+    print(textOf(json, Colours(coloursAt(STDOUT_FILENO)), width));
+  }
+  flushOutput();
+  return json.at("in_sync") ? allOk : somethingToDo;
+}
+
+int status(const StatusArguments& arguments) {
+  if (arguments.watch) endOnSignals();
+  while (true) {
+    int how = lost;
+    std::string trouble;
+    try {
+      const std::string body = fetch(arguments.agent);
+      // Home, and away with what was there.
+      if (arguments.watch && !arguments.json && isatty(STDOUT_FILENO)) print("\033[H\033[2J");
+      how = tell(arguments, body);
+    } catch (const std::runtime_error& error) {
+      trouble = error.what();
+      std::cerr << "norvctl: " << escaped(trouble) << '\n';
+    }
+    if (!arguments.watch) return how;
+    if (endingSignal() == 0) poll(nullptr, 0, 1000);
+    if (endingSignal() != 0) return how;
+  }
+}
+
+Action defineStatus(CLI::App& command) {
+  const auto arguments = std::make_shared<StatusArguments>();
+  command
+      .add_option("--agent", arguments->agent,
+                  "where norvd serves its pages, HOST:PORT or unix:PATH")
+      ->type_name("ADDR")
+      ->capture_default_str();
+  command.add_flag("--watch", arguments->watch, "again each second, until Ctrl-C");
+  command.add_flag("--json", arguments->json, "as JSON; with --watch a line each time");
+  return [arguments] { return status(*arguments); };
+}
+
+struct RetryArguments {
+  TargetOptions target;
+  std::string object;
+  std::string stateDir = "/var/lib/norvd";
+};
+
+int retry(const RetryArguments& arguments) {
+  const Target target(arguments.target);
+  const std::filesystem::path record =
+      std::filesystem::path(arguments.stateDir) / Norv::State::recordName(target.address());
+  std::filesystem::path lock = record;
+  lock.replace_extension("lock");
+  if (!std::filesystem::exists(lock)) {
+    throw std::runtime_error("no norvd for " + target.address() + " has its state in " +
+                             arguments.stateDir + "; --state-dir, --host and --port say which");
+  }
+  std::filesystem::path file = record;
+  file.replace_extension("retry");
+  Norv::State::replaceFile(file, arguments.object + "\n");
+  print("norvd for " + target.address() + " tries " + escaped(arguments.object) + " again\n");
+  return allOk;
+}
+
+Action defineRetry(CLI::App& command) {
+  const auto arguments = std::make_shared<RetryArguments>();
+  command
+      .add_option("OBJECT", arguments->object,
+                  "as in the status, \"module fib\", or its name alone")
+      ->required();
+  addTarget(command, arguments->target);
+  command.add_option("--state-dir", arguments->stateDir, "that of norvd")
+      ->type_name("DIR")
+      ->capture_default_str();
+  return [arguments] { return retry(*arguments); };
+}
+
+}  // namespace
+
+Verb statusVerb() {
+  return {
+      "status",
+      "say what norvd does and why",
+      {"Asks norvd, at the address of its --http. The first line says why nothing is moving, or "
+       "what is; below are the objects that are not as wanted, the queues, the commands by "
+       "outcome and the last failures.",
+       "Exit status: 0 the switch is as wanted; 4 it is not; 3 no norvd answers."},
+      {{"norvctl status", "the norvd of this machine"},
+       {"norvctl status --watch", "refreshed each second"}},
+      &defineStatus};
+}
+
+Verb retryVerb() {
+  return {"retry",
+          "have norvd try an object again",
+          {"Lifts the quarantine of an object, and the pause after a refusal, by a word in norvd's "
+           "state directory."},
+          {{"norvctl retry \"module fib\"", "for the norvd of this machine"}},
+          &defineRetry};
+}
+
+}  // namespace Norvctl

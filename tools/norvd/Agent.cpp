@@ -1,0 +1,551 @@
+#include "Agent.h"
+
+#include <signal.h>
+#include <systemd/sd-daemon.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <filesystem>
+#include <nlohmann/json.hpp>
+
+#include <Norv/GrpcRequestType.h>
+
+#include "Values.h"
+
+namespace Norvd {
+
+using namespace std::chrono_literals;
+using Norv::Agent::Outcome;
+using Norv::State::Change;
+using Norv::State::Execution;
+using Norv::State::Kind;
+using Norv::State::LiveSwitch;
+using Norv::State::Object;
+using Norv::State::Plan;
+
+namespace {
+
+constexpr double busyTick = 0.005, idleTick = 0.05;  // seconds
+constexpr auto betweenAttempts = 100ms;
+constexpr auto betweenPublications = 250ms;
+constexpr auto unusuallyLong = 300ms;  // for a command
+constexpr std::size_t mostSamples = 600;
+
+std::atomic<int> ending{0};
+std::atomic<bool> hangUp{false};
+UnderWay* deathNote = nullptr;
+
+Time now() {
+  return std::chrono::steady_clock::now();
+}
+WallTime wallNow() {
+  return std::chrono::system_clock::now();
+}
+
+std::string nameOf(Norv::GrpcRequestType type) {
+  return stringValue(type).stdString();
+}
+
+}  // namespace
+
+void installSignals(UnderWay& underWay) {
+  deathNote = &underWay;
+  const auto handle = [](int number, void (*handler)(int), int flags) {
+    struct sigaction action {};
+    action.sa_handler = handler;
+    action.sa_flags = flags;
+    sigaction(number, &action, nullptr);
+  };
+  handle(
+      SIGTERM, [](int number) { ending = number; }, SA_RESTART);
+  handle(
+      SIGINT, [](int number) { ending = number; }, SA_RESTART);
+  handle(
+      SIGHUP, [](int) { hangUp = true; }, SA_RESTART);
+  handle(SIGPIPE, SIG_IGN, 0);
+  handle(SIGXFSZ, SIG_IGN, 0);  // a limit on files is a write that fails
+  for (const int number : {SIGABRT, SIGSEGV, SIGBUS}) {
+    handle(
+        number, [](int) { deathNote->died(); }, static_cast<int>(SA_RESETHAND));
+  }
+}
+
+// Drives the agent from the loop's clock.
+class Agent::Ticker : public Lumo::Clock::NotifieeConst {
+ public:
+  explicit Ticker(Agent* agent) : NotifieeConst(agent->loop_.clock()), agent_(agent) {}
+  void onTime() override {
+    agent_->tick();
+    timeoutIs(notifier()->time() + (agent_->road_.open() != 0 ? busyTick : idleTick));
+  }
+
+ private:
+  Agent* const agent_;
+};
+
+Agent::Agent(const Options& options, Memory& memory, UnderWay& underWay, Board& board,
+             Metrics& metrics)
+    : options_(options),
+      memory_(memory),
+      underWay_(underWay),
+      board_(board),
+      metrics_(metrics),
+      road_(underWay, [this] { loop_.post([this] { takeEnded(); }); }),
+      reader_(
+          options.address(), options.stuckAfter,
+          [this](const Reading& reading) { loop_.post([this, reading] { onReading(reading); }); }),
+      documents_(options_, memory),
+      holds_(options.interval) {}
+
+Agent::~Agent() = default;
+
+void Agent::run() {
+  installSignals(underWay_);
+  if (memory_.kept()) {
+    memory_.attempt(
+        [&] { recorder_ = std::make_unique<Norv::Agent::FlightRecorder>(memory_.file("trace")); });
+    memory_.attempt([&] { underWay_.fileIs(memory_.file("underway")); });
+    memory_.attempt([&] {
+      std::string said;
+      record_ = Norv::State::Record::load(memory_.file("json"), &said);
+      if (!said.empty()) log(Level::warning, "memory: " + said);
+    });
+  }
+  takeDeath();
+  ++memory_.starts;
+  memory_.save();
+  log(Level::notice, "start: keeping the switch at " + options_.address() + " as wanted, start " +
+                         std::to_string(memory_.starts));
+  sd_notify(0, "READY=1");
+  loop_.post([this] { ticker_ = Lumo::allocate<Ticker>(this); });
+  loop_.run();
+  leave();
+}
+
+void Agent::noticeIs(const std::string& about, const std::string& text) {
+  const std::lock_guard guard(noticesMutex_);
+  if (text.empty()) {
+    notices_.erase(about);
+  } else {
+    notices_[about] = text;
+  }
+}
+
+// --- what happens -------------------------------------------------------------------------------
+
+void Agent::tick() {
+  takeSignals();
+  if (road_.connected()) road_.kit().tick();
+  takeEnded();
+  watchConnection();
+  if (documents_.stirred()) lookAgain_ = true;
+  retryAsked();
+  if (lookAgain_ && carrying_) carrying_->stop();
+  if (carrying_) {
+    carrying_->feed(road_);
+    if (!looking_ && carrying_->finished(road_)) look();
+  } else if (!looking_ && (lookAgain_ || now() >= nextLook_)) {
+    look();
+  }
+  if (now() >= nextPublish_) publish();
+}
+
+void Agent::takeSignals() {
+  if (ending != 0) leave();
+  if (!hangUp.exchange(false)) return;
+  log(Level::notice, "signal: reading the wanted document again");
+  documents_.readAgain();
+  lookAgain_ = true;
+}
+
+// The library has no deadline and does not connect again.
+void Agent::watchConnection() {
+  if (!road_.connected()) return;
+  const Norv::Agent::Status status = road_.kit().status();
+  if (road_.kit().stopped()) {
+    takeEnded();
+    die(failure_.empty() ? "the connection's error flag is up" : failure_);
+  }
+  if (status.inFlight && now() - status.inFlight->started > options_.stuckAfter) {
+    underWay_.died();
+    die(whatIs(*status.inFlight) + " is without an answer for " +
+        duration(now() - status.inFlight->started));
+  }
+  // One that was killed while nothing was under way.
+  if (!looking_ && !carrying_ && reader_.lost()) lookAgain_ = true;
+}
+
+std::string Agent::whatIs(const Norv::Agent::CommandReport& report) const {
+  const auto step = road_.stepOf(report.id);
+  return step && carrying_ ? carrying_->what(*step) : nameOf(report.type);
+}
+
+// `norvctl retry` puts the name of an object there.
+void Agent::retryAsked() {
+  const std::string file = memory_.file("retry");
+  if (file.empty() || !std::filesystem::exists(file)) return;
+  const std::string object = takeLine(file);
+  if (object.empty()) return;
+  holds_.lift(object);
+  std::erase_if(memory_.deaths, [&](const auto& one) {
+    return one.first == object || one.first.ends_with(" " + object);
+  });
+  memory_.save();
+  log(Level::notice, "retry: " + object + " is tried again");
+  lookAgain_ = true;
+}
+
+void Agent::look() {
+  looking_ = true;
+  lookAgain_ = false;
+  looked_ = now();
+  reader_.start();
+}
+
+void Agent::onReading(const Reading& reading) {
+  looking_ = false;
+  if (!reading.live) {
+    onSilence(reading.error);
+    return;
+  }
+  if (!silence_.empty()) log(Level::notice, "daemon: answers at " + options_.address());
+  silence_.clear();
+  nextLook_ = looked_ + options_.interval;
+  if (!road_.connected()) road_.connect(options_.host, options_.port);
+  if (carrying_) concludeCarrying(*reading.live);
+  decide(reading);
+  publish();
+}
+
+void Agent::onSilence(const std::string& error) {
+  if (road_.connected()) die("the daemon does not answer any more: " + error);
+  if (silence_.empty()) {
+    log(Level::warning, "daemon: no answer at " + options_.address() + " (" + error +
+                            "); trying again until there is one");
+  }
+  silence_ = error;
+  nextLook_ = now() + betweenAttempts;
+}
+
+// --- carrying out -------------------------------------------------------------------------------
+
+void Agent::decide(const Reading& reading) {
+  const auto live = std::make_shared<LiveSwitch>(*reading.live);
+  record_.complement(*live);
+  documents_.refresh(*live);
+  const auto* document = documents_.inForce();
+  std::shared_ptr<const Plan> plan;
+  std::set<std::size_t> waiting;
+  refusedPlan_.clear();
+  if (document != nullptr) {
+    const auto missing = checkReferences(*document, options_.prune ? nullptr : live.get());
+    if (missing.empty()) {
+      plan = std::make_shared<Plan>(makePlan(*live, document->wanted, documents_.planOptions()));
+      refusedPlan_ = documents_.deletesTooMuch(*plan, document->wanted);
+    } else {
+      refusedPlan_ = missing.front().text;
+    }
+  }
+  if (plan) {
+    std::set<Object> differing;
+    for (const Change& change : plan->changes) differing.insert(change.object);
+    values_ = valuesOf(document->wanted, differing);
+    for (std::size_t i = 0; i < plan->changes.size(); ++i) {
+      bool waits = false;
+      if (held(plan->changes[i].object, &waits) && waits) waiting.insert(i);
+    }
+    holds_.seen(differing, now());
+    if (!options_.observe && refusedPlan_.empty()) carryOut(plan, document->wanted, waiting);
+  }
+  picture_ = picture(reading, live, plan, waiting);
+}
+
+void Agent::carryOut(const std::shared_ptr<const Plan>& plan, const Norv::State::Switch& wanted,
+                     const std::set<std::size_t>& held) {
+  std::vector<std::string> notes;
+  for (const Change& change : plan->changes) {
+    notes.push_back(deathNoteOf(text(change.object), valueOf(change.object)));
+  }
+  auto carrying = std::make_unique<Carrying>(plan, wanted, held, std::move(notes));
+  if (!carrying->anythingToDo()) return;
+  record_.begin(*plan, wanted);
+  if (memory_.kept()) memory_.attempt([&] { record_.save(memory_.file("json")); });
+  log(Level::info, "apply: " + std::to_string(plan->changes.size() - held.size()) +
+                       " objects differ, " + std::to_string(carrying->total()) + " commands");
+  carrying_ = std::move(carrying);
+  carryingSince_ = wallNow();
+  carrying_->feed(road_);
+}
+
+void Agent::takeEnded() {
+  for (const Road::Ended& end : road_.takeEnded()) {
+    metrics_.commandEnded(end.report);
+    if (!carrying_) continue;
+    if (end.report.outcome == Outcome::failed) {
+      failure_ = carrying_->what(end.step) + " failed: " + end.text;
+    }
+    if (end.how == Norv::State::StepEnd::refused) {
+      const std::string line = carrying_->what(end.step) + " was refused: " + end.text;
+      log(Level::warning, "refused: " + line);
+      memory_.failureIs(line);
+    }
+    if (end.report.outcome == Outcome::undecodable) {
+      log(Level::info, "unclear: the reply to " + carrying_->what(end.step) +
+                           " does not decode; looking what it did");
+    }
+    carrying_->ended(end);
+  }
+  if (carrying_) carrying_->feed(road_);
+  if (carrying_ && !looking_ && carrying_->finished(road_)) look();
+}
+
+// With the switch read again: what became of each object.
+void Agent::concludeCarrying(const LiveSwitch& bare) {
+  std::vector<Execution::State> states = carrying_->states();
+  const Plan& plan = carrying_->plan();
+  std::set<Object> open;
+  const Plan rest = makePlan(bare, carrying_->wanted(), documents_.planOptions());
+  for (const Change& change : rest.changes) open.insert(change.object);
+  std::size_t done = 0;
+  for (std::size_t i = 0; i < states.size(); ++i) {
+    const Object& object = plan.changes[i].object;
+    if (states[i].kind == Execution::State::Kind::unclear && !open.contains(object)) states[i] = {};
+    switch (states[i].kind) {
+      case Execution::State::Kind::done:
+        ++done;
+        holds_.done(object, valueOf(object), now());
+        memory_.deaths.erase(text(object));
+        break;
+      case Execution::State::Kind::refused:
+      case Execution::State::Kind::unclear:
+        holds_.refused(object, valueOf(object), states[i].text, now());
+        break;
+      case Execution::State::Kind::notTried:
+        break;
+    }
+  }
+  record_.end(plan, states, carrying_->wanted(), bare);
+  if (memory_.kept()) memory_.attempt([&] { record_.save(memory_.file("json")); });
+  memory_.save();
+  log(Level::info, "applied: " + std::to_string(done) + " of " + std::to_string(states.size()) +
+                       " objects, " + std::to_string(carrying_->done()) + " commands");
+  carrying_ = nullptr;
+}
+
+// --- who has to wait ----------------------------------------------------------------------------
+
+std::string Agent::valueOf(const Object& object) const {
+  const auto value = values_.find(object);
+  return value == values_.end() ? "absent" : value->second;
+}
+
+std::optional<ObjectStatus> Agent::held(const Object& object, bool* waits) const {
+  const std::string value = valueOf(object);
+  const auto death = memory_.deaths.find(text(object));
+  if (death != memory_.deaths.end() && death->second.quarantined() &&
+      death->second.value == value) {
+    *waits = true;
+    return ObjectStatus{
+        Standing::quarantined,
+        "the daemon died " + std::to_string(death->second.times) + " times: " + death->second.text,
+        death->second.last};
+  }
+  const auto hold = holds_.hold(object, value, now());
+  if (!hold) return {};
+  *waits = hold->waits;
+  const bool refused = hold->why == Holds::Hold::Why::refused;
+  return ObjectStatus{refused ? Standing::refused : Standing::contested, hold->text, hold->since};
+}
+
+std::shared_ptr<const Picture> Agent::picture(const Reading& reading,
+                                              std::shared_ptr<LiveSwitch> live,
+                                              std::shared_ptr<const Plan> plan,
+                                              const std::set<std::size_t>& held) const {
+  auto picture = std::make_shared<Picture>();
+  picture->time = wallNow();
+  picture->ports = reading.ports;
+  picture->rates = ratesOf(picture_ ? picture_->live.get() : nullptr, *live);
+  picture->live = std::move(live);
+  picture->plan = plan;
+  if (const auto* document = documents_.inForce()) {
+    picture->wanted = std::make_shared<Norv::State::Switch>(document->wanted);
+    for (const Object& object : objectsOf(document->wanted)) picture->objects[object];
+  }
+  if (plan) {
+    const auto states = Execution(*plan, held).states();
+    for (std::size_t i = 0; i < plan->changes.size(); ++i) {
+      const Object& object = plan->changes[i].object;
+      ObjectStatus status{options_.observe ? Standing::differs : Standing::pending, "",
+                          picture->time};
+      if (!plan->changes[i].details.empty()) status.text = plan->changes[i].details.front();
+      bool waits = false;
+      if (const auto why = this->held(object, &waits)) {
+        status = *why;
+      } else if (!states[i].because.empty()) {
+        status = {Standing::blocked, "by " + states[i].because, picture->time};
+      }
+      // It is so since it first was.
+      if (picture_ && status.standing != Standing::refused) {
+        const auto before = picture_->objects.find(object);
+        if (before != picture_->objects.end() && before->second.standing == status.standing) {
+          status.since = before->second.since;
+        }
+      }
+      picture->objects[object] = status;
+    }
+  }
+  for (const auto& [object, status] : picture->objects) {
+    ++picture->counts[static_cast<std::size_t>(status.standing)];
+  }
+  return picture;
+}
+
+// --- what is told -------------------------------------------------------------------------------
+
+void Agent::publish() {
+  nextPublish_ = now() + betweenPublications;
+  auto status = std::make_shared<Status>();
+  status->published = wallNow();
+  status->address = options_.address();
+  const auto [kind, text] = sentence();
+  if (kind != sentenceKind_) sentenceSince_ = wallNow();
+  sentenceKind_ = kind;
+  status->sentence = text;
+  status->since = sentenceSince_;
+  status->picture = picture_;
+  status->observes = options_.observe;
+  status->ready = picture_ && picture_->plan && silence_.empty();
+  status->inSync = status->ready && picture_->plan->empty() && !carrying_ &&
+                   documents_.complaint().empty() && refusedPlan_.empty();
+  wasInSync_ = wasInSync_ || status->inSync;
+  status->started = started_;
+  status->restarts = memory_.starts - 1;
+  if (picture_) status->version = picture_->live->version;
+  status->document = documents_.from();
+  if (!documents_.complaint().empty()) status->notices.push_back(documents_.complaint());
+  if (!refusedPlan_.empty()) status->notices.push_back("not carried out: " + refusedPlan_);
+  if (!memory_.trouble().empty()) status->notices.push_back(memory_.trouble());
+  {
+    const std::lock_guard guard(noticesMutex_);
+    for (const auto& [about, notice] : notices_) status->notices.push_back(notice);
+  }
+  const Norv::Agent::Status kit = road_.kit().status();
+  for (const auto& [name, depth] : kit.queues)
+    status->queues[name.stringValue().stdString()] = {depth.now, depth.maximum};
+  status->pending = {kit.pending.now, kit.pending.maximum};
+  for (std::size_t i = 0; i < Norv::Agent::outcomes; ++i) {
+    status->outcomes[i] = road_.kit().ledger()->count(static_cast<Outcome>(i));
+  }
+  status->failures = memory_.failures();
+  if (wallNow() - lastSample_ >= 1s) {
+    lastSample_ = wallNow();
+    samples_.push_back({lastSample_, road_.open(), status->outcomes});
+    if (samples_.size() > mostSamples) samples_.pop_front();
+  }
+  status->samples = samples_;
+  board_.statusIs(std::move(status));
+  tellSupervisor();
+}
+
+// Its kind, which stays while its numbers change, and itself.
+std::pair<std::string, std::string> Agent::sentence() const {
+  if (!silence_.empty() || !picture_) return {"waiting", waitingSentence()};
+  if (carrying_) {
+    const Norv::Agent::Status kit = road_.kit().status();
+    const auto age = kit.inFlight ? now() - kit.inFlight->started : 0s;
+    if (age > unusuallyLong) {
+      return {"under way",
+              "one command (" + whatIs(*kit.inFlight) + ") is under way for " + duration(age)};
+    }
+    return {"applying", "applying: " + std::to_string(carrying_->done()) + " of " +
+                            std::to_string(carrying_->total()) + " commands"};
+  }
+  const std::string trouble = troubleSentence();
+  if (!trouble.empty()) return {trouble, trouble};
+  return {"in sync",
+          "nothing to do: " + std::to_string(picture_->objects.size()) + " objects are as wanted"};
+}
+
+std::string Agent::waitingSentence() const {
+  if (silence_.empty()) return "looking at the daemon at " + options_.address();
+  const std::string since =
+      sentenceKind_ == "waiting" ? " since " + text(sentenceSince_) : std::string();
+  return "waiting for the daemon at " + options_.address() + since + ": " + silence_;
+}
+
+std::string Agent::troubleSentence() const {
+  if (documents_.inForce() == nullptr) {
+    return "there is no document to go by: " + documents_.complaint();
+  }
+  if (!refusedPlan_.empty()) return "not carried out: " + refusedPlan_;
+  for (const Standing standing : {Standing::quarantined, Standing::refused, Standing::contested,
+                                  Standing::blocked, Standing::differs, Standing::pending}) {
+    const std::size_t count = picture_->counts[static_cast<std::size_t>(standing)];
+    if (count == 0) continue;
+    for (const auto& [object, status] : picture_->objects) {
+      if (status.standing != standing) continue;
+      return std::string(standingName(standing)) + ": " + text(object) +
+             (status.text.empty() ? "" : ": " + status.text) +
+             (count > 1 ? " (and " + std::to_string(count - 1) + " more)" : "");
+    }
+  }
+  if (!documents_.complaint().empty()) {
+    return "as wanted by " + documents_.from() +
+           ", but the document was not taken: " + documents_.complaint();
+  }
+  return "";
+}
+
+void Agent::tellSupervisor() {
+  const std::string& text = board_.status()->sentence;
+  if (text != told_) sd_notify(0, ("STATUS=" + text).c_str());
+  told_ = text;
+  if (sentenceKind_ != loggedKind_ && !carrying_) log(Level::info, "state: " + text);
+  if (!carrying_) loggedKind_ = sentenceKind_;
+  std::uint64_t microseconds = 0;
+  if (sd_watchdog_enabled(0, &microseconds) > 0 && now() >= nextWatchdog_) {
+    sd_notify(0, "WATCHDOG=1");
+    nextWatchdog_ = now() + std::chrono::microseconds(microseconds / 3);
+  }
+}
+
+// --- the end ------------------------------------------------------------------------------------
+
+// The last process noted what it died of.
+void Agent::takeDeath() {
+  const auto note = underWay_.takeDeath();
+  const auto [object, value] =
+      note ? parsedDeathNote(*note) : std::pair<std::string, std::string>();
+  if (object.empty()) return;
+  Death& death = memory_.deaths[object];
+  if (death.value != value) death.times = 0;
+  death.value = value;
+  ++death.times;
+  death.last = wallNow();
+  death.text =
+      memory_.failures().empty() ? "the process was aborted" : memory_.failures().back().text;
+  log(Level::warning, "death: " + std::to_string(death.times) + " of " +
+                          std::to_string(Death::most) + " under " + object +
+                          (death.quarantined() ? "; quarantined until it is wanted otherwise, or "
+                                                 "`norvctl retry` is told"
+                                               : ""));
+}
+
+void Agent::die(const std::string& why) {
+  log(Level::error, "lost: " + why + "; ending, the next process goes on");
+  memory_.failureIs(why);
+  memory_.save();
+  if (recorder_) recorder_->freeze(road_.kit().ledger()->lastFailure(), why);
+  sd_notify(0, ("STATUS=" + why).c_str());
+  Norv::Agent::Kit::leaveProcess(wasInSync_ ? again : early);
+}
+
+void Agent::leave() {
+  sd_notify(0, "STOPPING=1");
+  if (!underWay_.dead()) underWay_.noteIs("");
+  memory_.save();
+  log(Level::notice, "end: on signal " + std::to_string(ending));
+  Norv::Agent::Kit::leaveProcess(ended);
+}
+
+}  // namespace Norvd

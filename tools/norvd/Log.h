@@ -1,0 +1,21 @@
+#pragma once
+
+#include <chrono>
+#include <string>
+
+namespace Norvd {
+
+using WallTime = std::chrono::system_clock::time_point;
+
+// "2026-03-01T12:00:00Z", in UTC.
+std::string text(WallTime time);
+// "12.1 s", "3 min", "2 h".
+std::string duration(std::chrono::duration<double> time);
+
+// One line to standard error for each thing that happens, with the time, or with the journal's
+// level where standard error is the journal. What a switch or a document told is escaped. Any
+// thread.
+enum class Level { error = 3, warning = 4, notice = 5, info = 6 };
+void log(Level level, const std::string& line);
+
+}  // namespace Norvd

@@ -1,0 +1,104 @@
+#include "Supervisor.h"
+
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "Log.h"
+#include "Options.h"
+
+namespace Norvd {
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr std::chrono::milliseconds shortest = 50ms, longest = 5s;
+
+constexpr int passedOn[] = {SIGTERM, SIGINT, SIGHUP, SIGCHLD};
+
+pid_t startChild(const std::vector<char*>& arguments, const sigset_t& before) {
+  const pid_t parent = getpid();
+  const pid_t child = fork();
+  if (child != 0) return child;
+  // The child does not outlive its supervisor.
+  prctl(PR_SET_PDEATHSIG, SIGTERM);
+  if (getppid() != parent) _exit(ended);
+  sigprocmask(SIG_SETMASK, &before, nullptr);
+  execv("/proc/self/exe", arguments.data());
+  _exit(unusable);
+}
+
+std::string howEnded(int status) {
+  return WIFSIGNALED(status) ? "on signal " + std::to_string(WTERMSIG(status))
+                             : "with status " + std::to_string(WEXITSTATUS(status));
+}
+
+// Waits for the signals, which are blocked. Passes on what is for the child; true when it has
+// ended, its status in `status`.
+bool waitForChild(pid_t child, const sigset_t& signals, bool* stop, int* status) {
+  const int number = sigwaitinfo(&signals, nullptr);
+  if (number == SIGTERM || number == SIGINT) *stop = true;
+  if (number > 0 && number != SIGCHLD) kill(child, number);
+  return waitpid(child, status, WNOHANG) == child;
+}
+
+// False when a signal to end came meanwhile.
+bool pauseFor(std::chrono::milliseconds time, const sigset_t& signals) {
+  const auto until = std::chrono::steady_clock::now() + time;
+  while (true) {
+    const auto left = std::chrono::duration_cast<std::chrono::nanoseconds>(
+        until - std::chrono::steady_clock::now());
+    if (left.count() <= 0) return true;
+    const timespec rest{left.count() / 1000000000, left.count() % 1000000000};
+    const int number = sigtimedwait(&signals, nullptr, &rest);
+    if (number == SIGTERM || number == SIGINT) return false;
+  }
+}
+
+}  // namespace
+
+int supervise(int argc, char** argv) {
+  std::vector<char*> arguments;
+  for (int i = 0; i < argc; ++i) {
+    if (std::strcmp(argv[i], "--supervise") != 0) arguments.push_back(argv[i]);
+  }
+  arguments.push_back(nullptr);
+  sigset_t signals, before;
+  sigemptyset(&signals);
+  for (const int number : passedOn) sigaddset(&signals, number);
+  sigprocmask(SIG_BLOCK, &signals, &before);
+  std::minstd_rand random(static_cast<unsigned>(getpid()));
+  auto pause = shortest;
+  bool stop = false;
+  while (true) {
+    const pid_t child = startChild(arguments, before);
+    int status = 0;
+    if (child < 0) {
+      log(Level::error, std::string("supervisor: cannot start: ") + std::strerror(errno));
+    } else {
+      while (!waitForChild(child, signals, &stop, &status)) {
+      }
+      if (stop) return WIFEXITED(status) ? WEXITSTATUS(status) : ended;
+      // To start it again would not help.
+      if (WIFEXITED(status) && WEXITSTATUS(status) == unusable) return unusable;
+    }
+    if (WIFEXITED(status) && WEXITSTATUS(status) == again) pause = shortest;
+    // Between half of the pause and all of it, so that many do not come at once.
+    const auto jittered = pause / 2 + pause * (random() % 500) / 1000;
+    log(Level::warning, "supervisor: norvd ended " + howEnded(status) + "; starting it again in " +
+                            std::to_string(jittered.count()) + " ms");
+    if (!pauseFor(jittered, signals)) return ended;
+    pause = std::min(pause * 2, longest);
+  }
+}
+
+}  // namespace Norvd

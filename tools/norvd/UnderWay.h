@@ -1,0 +1,39 @@
+#pragma once
+
+#include <atomic>
+#include <mutex>
+#include <optional>
+#include <string>
+
+namespace Norvd {
+
+// The change that a command is under way for, in a small file of its own: if daemon or process dies
+// of it, the next process knows of what. Written in place and not synced, so that it costs a
+// microsecond for each command: it has to outlive the process, not the machine. Any thread.
+class UnderWay {
+ public:
+  UnderWay() = default;
+  UnderWay(const UnderWay&) = delete;
+  UnderWay& operator=(const UnderWay&) = delete;
+  ~UnderWay();
+
+  // Keeps the note in that file; throws std::runtime_error. Without it nothing is kept.
+  void fileIs(const std::string& file);
+  // What an earlier process died of, if it did: the note as it was, once.
+  std::optional<std::string> takeDeath();
+
+  // A line, at most `most` bytes; empty: nothing is under way.
+  static constexpr std::size_t most = 4000;
+  void noteIs(const std::string& note);
+  // The connection died under what is noted, and that stays so: later notes are not taken. Safe in
+  // a signal handler.
+  void died();
+  bool dead() const { return dead_; }
+
+ private:
+  int file_ = -1;
+  std::mutex mutex_;
+  std::atomic<bool> dead_{false};
+};
+
+}  // namespace Norvd

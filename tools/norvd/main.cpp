@@ -1,0 +1,26 @@
+#include <iostream>
+
+#include "Agent.h"
+#include "Supervisor.h"
+#include "Web.h"
+#include "look/Diagnosis.h"
+
+int main(int argc, char** argv) {
+  const Norvd::Options options = Norvd::optionsOf(argc, argv);
+  if (options.supervise) return Norvd::supervise(argc, argv);
+  Norvctl::exemptLoopbackFromProxies();
+  Norvd::Memory memory(options.stateDir, options.address());
+  if (!memory.lock()) {
+    std::cerr << "norvd: another norvd keeps the switch at " << options.address() << ": it holds "
+              << memory.file("lock") << "; end that one first, or choose another --state-dir\n";
+    return Norvd::unusable;
+  }
+  memory.load();
+  Norvd::UnderWay underWay;
+  Norvd::Board board;
+  Norvd::Metrics metrics;
+  Norvd::Agent agent(options, memory, underWay, board, metrics);
+  const Norvd::Web web(options.http, board, metrics,
+                       [&](const std::string& notice) { agent.noticeIs("pages", notice); });
+  agent.run();
+}
