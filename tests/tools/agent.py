@@ -101,12 +101,13 @@ class Bed:
     def kill_daemon(self):
         self.daemon.end()
 
-    def start(self, *options, supervise=True, interval=0.2, http=None, state=None):
+    def start(self, *options, supervise=True, interval=0.2, http=None, state=None,
+              env=None):
         self.agent = Background(
             os.path.join(self.folder, "norvd.log"), NORVD, "--wanted", self.wanted, "--host",
             "127.0.0.1", "--port", str(self.port), "--state-dir", state or self.state, "--http",
             http or "unix:" + self.socket, "--interval", str(interval),
-            *(["--supervise"] if supervise else []), *options)
+            *(["--supervise"] if supervise else []), *options, env=env)
 
     def get(self, path):
         """Status and body of a page; None when nobody serves it."""

@@ -7,7 +7,7 @@ import subprocess
 import tempfile
 
 import harness
-from harness import Standin, equal, norvctl
+from harness import Process, Standin, equal, norvctl
 
 PROGRAMS = os.path.dirname(harness.NORVCTL)
 
@@ -40,7 +40,15 @@ class Place:
         self.write("127.0.0.1.yaml", "modules: {a: Sink}\n")
         os.mkdir(self.folder + "/.zfunc")
         self.standin = Standin()
+        pages = f"unix:{self.folder}/pages"
+        state = f"{self.folder}/state"
+        agent = Process(
+            os.environ["NORVD"], "--wanted", f"{self.folder}/127.0.0.1.yaml", "--host", "127.0.0.1",
+            "--port", self.standin.port, "--http", pages, "--state-dir", state)
+        agent.wait_for("pages: served at", err=True)
         self.environment = {
+            "NORV_AGENT": pages,
+            "NORV_AGENT_STATE": state,
             **os.environ,
             "PATH": PROGRAMS + ":" + os.environ["PATH"],
             "HOME": self.folder,

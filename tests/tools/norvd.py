@@ -4,7 +4,7 @@ import json
 import os
 import random
 import re
-import resource
+import shutil
 import signal
 import time
 
@@ -205,6 +205,45 @@ def test_bad_options():
         finished = process.finish()
         equal(finished.status, 2, finished)
         assert text in finished.err, finished
+
+
+def test_its_unit_is_in_order():
+    if not shutil.which("systemd-analyze"):
+        harness.skip("no systemd-analyze here")
+    built = os.path.dirname(os.path.dirname(agent.NORVD))
+    with open(f"{built}/tools/norvd/norvd.service", encoding="utf-8") as file:
+        text = file.read()
+    # Nothing is installed here.
+    text = re.sub(r"^ExecStart=\S+", "ExecStart=" + agent.NORVD, text, flags=re.M)
+    text = re.sub(r"^Documentation=.*\n", "", text, flags=re.M)
+    bed = Bed(PIPELINE)
+    unit = f"{bed.folder}/norvd.service"
+    with open(unit, "w", encoding="utf-8") as file:
+        file.write(text)
+    finished = harness.Process("systemd-analyze", "verify", unit).finish()
+    equal((finished.status, finished.err), (0, ""), finished)
+    finished = harness.Process("systemd-analyze", "security", "--offline=true", "--threshold=20",
+                               unit).finish()
+    equal(finished.status, 0, finished)
+
+
+def test_it_tells_its_supervisor():
+    import socket
+
+    bed = Bed(PIPELINE)
+    bed.start_daemon()
+    with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as listener:
+        listener.bind(f"{bed.folder}/notify")
+        listener.settimeout(harness.PATIENCE)
+        bed.start(supervise=False, env={**os.environ, "NOTIFY_SOCKET": f"{bed.folder}/notify",
+                                        "WATCHDOG_USEC": "300000"})
+        told = []
+        while not ("READY=1" in told and "WATCHDOG=1" in told and
+                   any(text.startswith("STATUS=nothing to do") for text in told)):
+            told += listener.recv(65536).decode().splitlines()
+        bed.agent.signal(signal.SIGTERM)
+        while "STOPPING=1" not in told:
+            told += listener.recv(65536).decode().splitlines()
 
 
 # --- the document ---------------------------------------------------------------------------------

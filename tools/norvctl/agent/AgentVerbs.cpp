@@ -141,7 +141,9 @@ Action defineStatus(CLI::App& command) {
   const auto arguments = std::make_shared<StatusArguments>();
   command
       .add_option("--agent", arguments->agent,
-                  "where norvd serves its pages, HOST:PORT or unix:PATH")
+                  "where norvd serves its pages, HOST:PORT or unix:PATH; without it that of "
+                  "NORV_AGENT")
+      ->envname("NORV_AGENT")
       ->type_name("ADDR")
       ->capture_default_str();
   command.add_flag("--watch", arguments->watch, "again each second, until Ctrl-C");
@@ -179,7 +181,10 @@ Action defineRetry(CLI::App& command) {
                   "as in the status, \"module fib\", or its name alone")
       ->required();
   addTarget(command, arguments->target);
-  command.add_option("--state-dir", arguments->stateDir, "that of norvd")
+  command
+      .add_option("--state-dir", arguments->stateDir,
+                  "that of norvd; without it that of NORV_AGENT_STATE")
+      ->envname("NORV_AGENT_STATE")
       ->type_name("DIR")
       ->capture_default_str();
   return [arguments] { return retry(*arguments); };
