@@ -22,6 +22,8 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr std::chrono::milliseconds shortest = 50ms, longest = 5s;
+// After a connection that was lost early: the daemon may be back within a second.
+constexpr std::chrono::milliseconds longestAfterLoss = 800ms;
 
 constexpr int passedOn[] = {SIGTERM, SIGINT, SIGHUP, SIGCHLD};
 
@@ -97,7 +99,8 @@ int supervise(int argc, char** argv) {
     log(Level::warning, "supervisor: norvd ended " + howEnded(status) + "; starting it again in " +
                             std::to_string(jittered.count()) + " ms");
     if (!pauseFor(jittered, signals)) return ended;
-    pause = std::min(pause * 2, longest);
+    const bool loss = WIFEXITED(status) && WEXITSTATUS(status) == early;
+    pause = std::min(pause * 2, loss ? longestAfterLoss : longest);
   }
 }
 
