@@ -32,9 +32,10 @@ def test_nobody_listens():
 
 def test_a_short_time_limit_tells_why_too():
     port = free_port()
-    finished = norvctl("run", "--timeout", "0.2", *at(port), write_file(command("getVersion")))
-    equal(finished.status, 3)
-    assert f"no answer from 127.0.0.1:{port}: the connection is refused" in finished.err, finished
+    for arguments in (["run", write_file(command("getVersion"))], ["call", "getVersion"]):
+        finished = norvctl(*arguments, "--timeout", "0.2", *at(port))
+        equal(finished.status, 3)
+        assert f"no answer from 127.0.0.1:{port}: the connection is refused" in finished.err, finished
 
 
 def test_a_command_without_an_answer_is_not_called_sent():

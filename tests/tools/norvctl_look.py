@@ -103,6 +103,11 @@ def test_names_are_made_safe():
     for arguments in (["modules"], ["pipeline"], ["pipeline", "--dot"]):
         text = show(standin, *arguments)
         assert "\x1b" not in text, text
+    finished = norvctl("watch", *standin.address, name, "--interval", "0.05", "--count", "1")
+    assert finished.out.startswith("\\x1b[2J") and "\x1b" not in finished.out, finished
+    refused = norvctl("call", *standin.address, "destroyModule", json.dumps({"name": "\x1b[31m"}))
+    equal(refused.status, 2, refused)
+    assert "\\x1b[31m" in refused.err and "\x1b" not in refused.out + refused.err, refused
     equal(json.loads(show(standin, "modules", "--json"))[0]["name"], name)
 
 
@@ -191,10 +196,33 @@ def test_doctor_of_a_daemon_that_fits():
     equal({row["health"] for row in rows}, {"ok"})
 
 
+def test_doctor_changes_nothing():
+    """A task without a place gets one at the end of a call that pauses the workers, refused or not."""
+    standin = Standin()
+    equal(norvctl("call", *standin.address, "createModule", '{"mclass":"Source"}').status, 0)
+    norvctl("doctor", *standin.address)
+    listed = json.loads(norvctl("call", *standin.address, "listTcs", '{"wid":"-1"}').out)
+    equal([one["class"]["wid"] for one in listed["classesStatus"]], ["-1"])
+    equal(json.loads(norvctl("call", *standin.address, "listWorkers").out), {})
+
+
 def test_doctor_without_reflection():
     daemon = ScriptedDaemon()
     finished = norvctl("doctor", *daemon.address)
     assert "all 45 are there, by calls without effect" in finished.out, finished
+    assert re.search("note +gate hooks +whether the reply to a hook that is put on decodes", finished.out), finished
+    assert "getModuleInfo shows whether the hook is there" in finished.out, finished
+
+
+def test_doctor_of_a_newer_daemon():
+    process = Process(harness.STANDIN, "--listen", "127.0.0.1:0", "--newer")
+    port = process.wait_for(r"listening on 127\.0\.0\.1:(\d+)\n").group(1)
+    address = ("--host", "127.0.0.1", "--port", port)
+    equal(norvctl("call", *address, "createPort", '{"driver":"UnixSocketPort"}').status, 0)
+    finished = norvctl("doctor", *address)
+    equal(finished.status, 0, finished)
+    assert "note  replies     of listPorts carry fields that this protocol does not have" in finished.out, finished
+    assert "The daemon is newer than this protocol." in finished.out, finished
 
 
 def test_doctor_of_a_daemon_that_lacks_calls():

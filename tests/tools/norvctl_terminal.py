@@ -42,6 +42,18 @@ def test_a_bar_while_it_takes_long():
     assert re.search(r"\r\x1b\[K +2 ", terminal.text), repr(terminal.text)
 
 
+def test_the_bar_stays_while_the_lines_go_elsewhere():
+    standin = Standin()
+    file = write_file(*[command("getVersion")] * 200000)
+    line = '"$0" "$@" >/dev/null'
+    terminal = Terminal("-c", line, harness.NORVCTL, "run", *standin.address, file, program="sh")
+    # One after the other, and nothing wiped between them.
+    terminal.wait_for(r"\r\[[= ]+\] \d+/200000  \d+/s \r\[[= ]+\] \d+/200000")
+    os.killpg(terminal.popen.pid, signal.SIGINT)
+    terminal.finish()
+    assert terminal.text.endswith("\r\x1b[K"), repr(terminal.text[-200:])
+
+
 def test_the_bar_fits_a_narrow_terminal():
     daemon = ScriptedDaemon("ok", "hold")
     terminal = Terminal("run", *daemon.address, write_file(*[command("getVersion")] * 4), columns=30)

@@ -1,7 +1,6 @@
 // The verb doctor.
 
 #include <google/protobuf/descriptor.pb.h>
-#include <google/protobuf/empty.pb.h>
 #include <google/protobuf/unknown_field_set.h>
 #include <unistd.h>
 
@@ -50,6 +49,9 @@ const char* healthName(Health health) {
   return health == Health::well ? "ok" : health == Health::note ? "note" : "bad";
 }
 
+const char* const hookAdvice =
+    "Where configureGateHook ends as undecodable, getModuleInfo shows whether the hook is there.";
+
 class Doctor {
  public:
   explicit Doctor(Direct& direct) : direct_(direct) {}
@@ -58,7 +60,6 @@ class Doctor {
     add(Health::well, "reach", direct_.address() + " answers");
     version();
     calls();
-    gateHook();
     newerFields();
     roundTrip();
     return std::move(findings_);
@@ -101,6 +102,7 @@ class Doctor {
               ": the RPC fails, and the library stops at a failed RPC.");
     }
     if (described) differingReplies(*described);
+    gateHook(described.has_value());
   }
 
   bool answersAtAll(const RequestInfo& info) {
@@ -126,6 +128,7 @@ class Doctor {
       for (const auto& field : theirs->second.field()) {
         const auto* own = ours->GetDescriptor()->FindFieldByNumber(field.number());
         if (!own || own->type() == static_cast<int>(field.type())) continue;
+        hookReplyDiffers_ = hookReplyDiffers_ || info.type == Norv::configureGateHook;
         add(Health::unwell, "replies",
             std::string(info.name) + " answers " + escaped(method->second.response) +
                 ", whose field " + std::to_string(field.number()) + " is another than ours",
@@ -135,37 +138,19 @@ class Doctor {
     }
   }
 
-  // A hook is taken off a module that is not there. Daemons of today repeat the hook's name in the
-  // reply, where ours has data.
-  void gateHook() {
-    pb::ConfigureGateHookRequest request;
-    request.mutable_hook()->set_class_name("Track");
-    request.mutable_hook()->set_hook_name("norvctl");
-    request.mutable_hook()->set_module_name("norvctl doctor: no such module");
-    request.mutable_hook()->set_igate(0);
-    const Direct::Reply reply = direct_.call("ConfigureGateHook", request.SerializeAsString());
-    if (reply.status == grpc::StatusCode::UNIMPLEMENTED) return;  // told already
-    pb::CommandResponse decoded;
-    const bool decodes =
-        reply.status == grpc::StatusCode::OK && decoded.ParseFromString(reply.bytes);
-    google::protobuf::Empty fields;
-    bool named = false;
-    if (fields.ParseFromString(reply.bytes)) {
-      const auto& unknown = fields.GetReflection()->GetUnknownFields(fields);
-      for (int i = 0; i < unknown.field_count(); ++i) {
-        named = named ||
-                (unknown.field(i).number() == 2 &&
-                 unknown.field(i).type() == google::protobuf::UnknownField::TYPE_LENGTH_DELIMITED &&
-                 unknown.field(i).length_delimited() == "norvctl");
-      }
+  // Daemons of today answer a hook that is put on with its name, where our reply has data. Nothing
+  // is sent to find that out: even a refused configureGateHook pauses the workers, and tasks
+  // without a place get one then.
+  void gateHook(bool described) {
+    if (hookReplyDiffers_) return;  // told already
+    if (described) {
+      add(Health::well, "gate hooks",
+          "the reply of configureGateHook is this protocol's, as the daemon describes itself");
+    } else {
+      add(Health::note, "gate hooks",
+          "whether the reply to a hook that is put on decodes here shows when one is put on",
+          hookAdvice);
     }
-    if (decodes && !named) {
-      add(Health::well, "gate hooks", "the reply of configureGateHook decodes");
-      return;
-    }
-    add(Health::unwell, "gate hooks",
-        "the reply of configureGateHook is a newer daemon's; a success does not decode here",
-        "Take an undecodable configureGateHook for done only after getModuleInfo shows the hook.");
   }
 
   // Replies of harmless calls that carry what our protocol does not have.
@@ -190,7 +175,8 @@ class Doctor {
     if (!names.empty()) {
       add(Health::note, "replies",
           "of " + listed(names) +
-              " carry fields that this protocol does not have; they are skipped");
+              " carry fields that this protocol does not have; they are skipped",
+          std::string("The daemon is newer than this protocol. ") + hookAdvice);
     }
   }
 
@@ -237,6 +223,7 @@ class Doctor {
 
   Direct& direct_;
   std::vector<Finding> findings_;
+  bool hookReplyDiffers_ = false;
 };
 
 void print(const std::vector<Finding>& findings, bool asJson) {

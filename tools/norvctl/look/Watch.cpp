@@ -135,7 +135,7 @@ int watch(const Arguments& arguments) {
   const Colours colours(coloursAt(STDOUT_FILENO));
   Screen screen;
   std::vector<Flow> before = readFlows(direct, arguments.what);
-  const std::string head = arguments.what + " at " + escaped(target.address());
+  const std::string head = escaped(arguments.what) + " at " + escaped(target.address());
   for (std::size_t round = 0; arguments.count == 0 || round < arguments.count; ++round) {
     if (!wait(durationOf(arguments.interval))) break;
     std::vector<Flow> now;

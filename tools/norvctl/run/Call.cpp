@@ -60,7 +60,9 @@ class OneReport : public SessionListener {
   const CommandReport& report() const { return report_; }
   const Message* response() const { return response_.get(); }
   // What there is to say about an answer that did not come; empty if one did.
-  std::string whyNoAnswer() { return waiting_ ? noAnswer_.atTheEnd() : std::string(); }
+  std::string whyNoAnswer(SessionEnd end) {
+    return waiting_ || end == SessionEnd::timedOut ? noAnswer_.atTheEnd() : std::string();
+  }
 
  private:
   CommandReport report_;
@@ -126,7 +128,7 @@ int askDirectly(const RequestInfo& info, const Message& request, const Arguments
     }
     leave(allOk);
   }
-  if (const std::string why = told.whyNoAnswer(); !why.empty()) {
+  if (const std::string why = told.whyNoAnswer(end); !why.empty()) {
     std::cerr << "norvctl: " << why << '\n';
   }
   std::cerr << "norvctl: " << outcomeName(report.outcome) << " at " << escaped(target.address())

@@ -142,7 +142,9 @@ std::string NoAnswer::atTheEnd() {
 }
 
 Report::Report(const ReportOptions& options)
-    : options_(options), noAnswer_(options.host, options.port, options.json) {}
+    : options_(options),
+      linesBesideBar_(isatty(STDOUT_FILENO)),
+      noAnswer_(options.host, options.port, options.json) {}
 
 void Report::ended(const CommandReport& report, const Entry& entry) {
   ++counts_[static_cast<std::size_t>(report.outcome)];
@@ -193,7 +195,7 @@ void Report::printRun() {
   } else if (run.commands == 1 && run.lastLine != 0) {
     printLine(run.first, run.queue);
   } else {
-    clearBar();
+    makeRoom();
     const Colours colours(options_.colour);
     std::printf("%6s  %s%-11s%s  %zu commands", "", colours.bad(), "dropped", colours.end(),
                 run.commands);
@@ -223,7 +225,7 @@ void Report::printJson(const CommandReport& report, const Entry& entry) const {
 }
 
 void Report::printLine(const CommandReport& report, const std::string& queue) {
-  clearBar();
+  makeRoom();
   const Colours colours(options_.colour);
   const char* colour = "";
   if (report.outcome == Outcome::refused) colour = colours.warning();
@@ -274,6 +276,11 @@ void Report::showBar(std::chrono::steady_clock::time_point now) {
   const std::string line = (bar + numbers).substr(0, columns > 1 ? columns - 1 : 0);
   std::fprintf(stderr, "\r%s", line.c_str());
   barShown_ = true;
+}
+
+// For a line on standard output.
+void Report::makeRoom() {
+  if (linesBesideBar_) clearBar();
 }
 
 void Report::clearBar() {

@@ -97,10 +97,12 @@ class Report : public SessionListener {
   void printSummaryLine(double seconds, double rate);
   void explain(SessionEnd end, const std::string& complaint);
   void showBar(std::chrono::steady_clock::time_point now);
+  void makeRoom();
   void clearBar();
   std::string failureText() const;
 
   const ReportOptions options_;
+  const bool linesBesideBar_;  // standard output is a terminal, too
   std::array<std::size_t, Norv::Agent::outcomes> counts_{};
   Latencies latencies_;
   Run run_;
