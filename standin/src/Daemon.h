@@ -9,6 +9,7 @@
 #include <bess/pb/service.pb.h>
 
 #include "ActiveWorkers.h"
+#include "Metadata.h"
 #include "Pipeline.h"
 #include "Ports.h"
 #include "TrafficClasses.h"
@@ -32,10 +33,12 @@ class Daemon {
   // refused or not, and leaves that wait for a place get one then.
   class Pause {
    public:
-    explicit Pause(Daemon& daemon) : daemon_(daemon) {}
+    explicit Pause(Daemon& daemon) : daemon_(daemon) {
+      if (!daemon_.workers_.anyRunning()) daemon_.metadata_.settle();
+    }
     ~Pause() {
       daemon_.attachLeaves();
-      if (daemon_.workers_.anyRunning()) assignMetadata(daemon_.pipeline_);
+      if (daemon_.workers_.anyRunning()) daemon_.metadata_.resumed();
     }
     Pause(const Pause&) = delete;
     Pause& operator=(const Pause&) = delete;
@@ -62,6 +65,7 @@ class Daemon {
   Options options_;
   Ports ports_;  // Before the pipeline: modules hold queues of ports.
   Pipeline pipeline_{ports_};
+  Metadata metadata_{pipeline_};
   Workers workers_;
   TrafficClasses classes_;
   ActiveWorkers active_;

@@ -29,7 +29,7 @@ const char* modeName(Attribute::Mode mode) {
 }
 
 template <class Gate>
-void fillHooks(Gate& shown, const std::vector<GateHook>& hooks, const Options& options) {
+void fillHooks(Gate& shown, const HookList& hooks, const Options& options) {
   const bool tracked = std::any_of(hooks.begin(), hooks.end(),
                                    [](const GateHook& hook) { return hook.className == "Track"; });
   if (tracked) {
@@ -107,7 +107,8 @@ void Daemon::listModules(const bess::pb::EmptyRequest&, bess::pb::ListModulesRes
 
 void Daemon::createModule(const bess::pb::CreateModuleRequest& request,
                           bess::pb::CreateModuleResponse& response) {
-  const Module& module = pipeline_.create(request);
+  Module& module = pipeline_.create(request);
+  metadata_.made(module);
   classes_.addLeaves(module.name, module.tasks());
   response.mutable_error();
   response.set_name(module.name);
@@ -134,6 +135,7 @@ void Daemon::getModuleInfo(const bess::pb::GetModuleInfoRequest& request, Info& 
   response.set_mclass(module.moduleClass->name);
   response.set_desc(module.state->description());
   fillGates(response, module, options_);
+  if (!module.state->attributes.empty()) metadata_.settle();
   for (const Attribute& attribute : module.state->attributes) {
     Info::Attribute& shown = *response.add_metadata();
     shown.set_name(attribute.name);
@@ -152,6 +154,7 @@ void Daemon::connectModules(const bess::pb::ConnectModulesRequest& request,
     active_.find(pipeline_, classes_);
     if (activeInRunningWorker(from) || activeInRunningWorker(to)) pause.emplace(*this);
   }
+  if (!pause) metadata_.beforeConnecting(from, to);
   pipeline_.connect(request);
   active_.connected(from, to);
 }
@@ -180,6 +183,7 @@ void Daemon::moduleCommand(const bess::pb::CommandRequest& request,
   if (!command->threadSafe && activeInRunningWorker(module))
     throw Refusal(EBUSY,
                   "There is a running worker and command '" + request.cmd() + "' is not MT safe");
+  if (module.state->commandsChangeAttributes()) metadata_.settle();
   command->handler(*module.state, request.arg(), response);
   pipeline_.attributesChanged(module);
 }

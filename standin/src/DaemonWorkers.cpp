@@ -34,7 +34,7 @@ void Daemon::resumeWorker(const bess::pb::ResumeWorkerRequest& request, bess::pb
 
 void Daemon::resumeAll(const bess::pb::EmptyRequest&, bess::pb::EmptyResponse&) {
   if (!workers_.anyRunning()) attachLeaves();
-  assignMetadata(pipeline_);
+  metadata_.resumed();
   workers_.setRunning(true);
 }
 

@@ -2,10 +2,7 @@
 
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <string_view>
-#include <unordered_set>
 
 #include "Arg.h"
 #include "Refusal.h"
@@ -43,37 +40,22 @@ const GateHookClass& existingClass(const std::string& name) {
   throw Refusal(ENOENT, "No such gate hook: " + name);
 }
 
-bool taken(const std::vector<GateHook>& hooks, const std::string& name) {
-  return std::any_of(hooks.begin(), hooks.end(),
-                     [&](const GateHook& hook) { return hook.name == name; });
-}
-
-std::string freeName(const std::vector<GateHook>& hooks, const std::string& prefix) {
-  std::unordered_set<std::string_view> names;
-  for (const GateHook& hook : hooks) names.insert(hook.name);
-  for (unsigned i = 0;; ++i) {
-    std::string name = prefix + std::to_string(i);
-    if (names.count(name) == 0) return name;
-  }
-}
-
 // Answers the name of a hook that was added.
-std::string change(std::vector<GateHook>& hooks, const ConfigureGateHookRequest& request) {
+std::string change(HookList& hooks, const ConfigureGateHookRequest& request) {
   const GateHookInfo& wanted = request.hook();
   if (request.enable()) {
     const GateHookClass& hookClass = existingClass(wanted.class_name());
     const std::string name =
-        wanted.hook_name().empty() ? freeName(hooks, hookClass.namePrefix) : wanted.hook_name();
-    if (taken(hooks, name)) throw Refusal(EEXIST, "Fail to Add Hook");
+        wanted.hook_name().empty() ? hooks.freeName(hookClass.namePrefix) : wanted.hook_name();
+    if (hooks.has(name)) throw Refusal(EEXIST, "Fail to Add Hook");
     hookClass.check(wanted.arg());
-    hooks.push_back({wanted.class_name(), name});
+    hooks.add(wanted.class_name(), name);
     return name;
   }
-  const auto found = std::find_if(hooks.begin(), hooks.end(), [&](const GateHook& hook) {
-    return wanted.hook_name().empty() ? hook.className == wanted.class_name()
-                                      : hook.name == wanted.hook_name();
-  });
-  if (found != hooks.end()) hooks.erase(found);
+  if (wanted.hook_name().empty())
+    hooks.removeFirst(wanted.class_name());
+  else
+    hooks.remove(wanted.hook_name());
   return "";
 }
 

@@ -2,10 +2,14 @@
 // that write it, those that read what was written, and all on the way between them: a scope. Scopes
 // that meet in a module get bytes of their own; others may use the same bytes.
 
-#include <bit>
-#include <set>
+#include "Metadata.h"
 
-#include "Pipeline.h"
+#include <bit>
+#include <bitset>
+#include <set>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
 
 namespace Standin {
 
@@ -19,14 +23,23 @@ constexpr std::int64_t writtenForNobody = -1;
 constexpr std::int64_t readFromNobody = -2;
 constexpr std::int64_t noRoom = -3;
 
+using Modules = std::unordered_set<Module*>;
+using Bytes = std::bitset<metadataSize>;
+
 struct Scope {
   std::string name;
   std::uint64_t size = 0;
-  std::set<Module*> writers;
-  std::set<Module*> readers;
-  std::set<Module*> members;  // Writers, readers and what lies between.
-  bool complete = true;       // No way leads to a reader without passing a writer.
+  Modules writers;
+  Modules readers;
+  Modules members;       // Writers, readers and what lies between.
+  bool complete = true;  // No way leads to a reader without passing a writer.
   std::int64_t offset = 0;
+
+  // What was looked at forwards from its writers, and backwards from its readers.
+  Modules seenBehind;
+  Modules seenBefore;
+
+  bool used() const { return !readers.empty() && complete; }
 };
 
 bool writes(const Attribute& attribute) {
@@ -43,14 +56,13 @@ Attribute* findAttribute(Module& module, const Scope& scope, bool writing) {
 
 // Adds what reads after `writer`, up to the next writers.
 void follow(Module& writer, Scope& scope, std::vector<Module*>& newReaders) {
-  std::set<Module*> seen;
   std::vector<Module*> open = {&writer};
   while (!open.empty()) {
     Module& module = *open.back();
     open.pop_back();
     for (const auto& [number, gate] : module.outputs) {
       Module& next = *gate.target;
-      if (!seen.insert(&next).second) continue;
+      if (!scope.seenBehind.insert(&next).second) continue;
       if (findAttribute(next, scope, false) != nullptr && scope.readers.insert(&next).second)
         newReaders.push_back(&next);
       if (findAttribute(next, scope, true) == nullptr) open.push_back(&next);
@@ -60,7 +72,6 @@ void follow(Module& writer, Scope& scope, std::vector<Module*>& newReaders) {
 
 // Adds what lies before `reader`, back to the last writers.
 void traceBack(Module& reader, Scope& scope, std::vector<Module*>& newWriters) {
-  std::set<Module*> seen;
   std::vector<Module*> open = {&reader};
   while (!open.empty()) {
     Module& module = *open.back();
@@ -70,7 +81,7 @@ void traceBack(Module& reader, Scope& scope, std::vector<Module*>& newWriters) {
     for (const auto& [number, gate] : module.inputs)
       for (const auto& source : gate.sources) {
         Module& previous = *source.first;
-        if (!seen.insert(&previous).second) continue;
+        if (!scope.seenBefore.insert(&previous).second) continue;
         if (findAttribute(previous, scope, true) == nullptr) {
           open.push_back(&previous);
         } else if (scope.writers.insert(&previous).second) {
@@ -96,53 +107,87 @@ Scope scopeOf(Module& writer, const Attribute& attribute) {
   return scope;
 }
 
-bool meet(const Scope& a, const Scope& b) {
-  for (Module* module : a.members)
-    if (b.members.count(module) > 0) return true;
-  return false;
-}
-
 // The first place that no scope placed before and met somewhere has taken.
-std::int64_t firstFit(const Scope& scope, const std::vector<Scope>& placed) {
+std::int64_t firstFit(const Scope& scope, const Bytes& taken) {
   const std::uint64_t alignment = std::min(std::bit_ceil(scope.size), maxAlignment);
-  for (std::uint64_t at = 0; at + scope.size <= metadataSize; at += alignment) {
-    bool free = true;
-    for (const Scope& other : placed) {
-      const auto begin = static_cast<std::uint64_t>(other.offset);
-      if (other.offset >= 0 && at < begin + other.size && begin < at + scope.size)
-        free = free && !meet(scope, other);
-    }
-    if (free) return static_cast<std::int64_t>(at);
-  }
+  const Bytes wanted = ~Bytes() >> (metadataSize - scope.size);
+  for (std::uint64_t at = 0; at + scope.size <= metadataSize; at += alignment)
+    if ((taken & wanted << at).none()) return static_cast<std::int64_t>(at);
   return noRoom;
 }
 
+// Places scopes, one after the other, so that those that meet stand apart.
+class Places {
+ public:
+  void place(Scope& scope) {
+    Bytes taken;
+    for (Module* module : scope.members) taken |= taken_[module];
+    scope.offset = firstFit(scope, taken);
+    if (scope.offset < 0) return;
+    const Bytes own = ~Bytes() >> (metadataSize - scope.size)
+                                      << static_cast<std::size_t>(scope.offset);
+    for (Module* module : scope.members) taken_[module] |= own;
+  }
+
+ private:
+  std::unordered_map<Module*, Bytes> taken_;
+};
+
 void store(const Scope& scope) {
-  const bool used = !scope.readers.empty() && scope.complete;
   for (Module* module : scope.writers)
-    findAttribute(*module, scope, true)->offset = used ? scope.offset : writtenForNobody;
+    findAttribute(*module, scope, true)->offset = scope.used() ? scope.offset : writtenForNobody;
   for (Module* module : scope.readers)
-    findAttribute(*module, scope, false)->offset = used ? scope.offset : readFromNobody;
+    findAttribute(*module, scope, false)->offset = scope.used() ? scope.offset : readFromNobody;
+}
+
+// Names and sizes of what any module reads.
+std::set<std::pair<std::string, std::uint64_t>> readAnywhere(const Pipeline& pipeline) {
+  std::set<std::pair<std::string, std::uint64_t>> read;
+  for (const auto& [name, module] : pipeline.withMetadata())
+    for (const Attribute& attribute : module->state->attributes)
+      if (!writes(attribute)) read.emplace(attribute.name, attribute.size);
+  return read;
+}
+
+// Gives every attribute of every module its place.
+void assign(const Pipeline& pipeline) {
+  const auto read = readAnywhere(pipeline);
+  for (const auto& [name, module] : pipeline.withMetadata())
+    for (Attribute& attribute : module->state->attributes) {
+      const bool useless = read.count({attribute.name, attribute.size}) == 0;
+      attribute.offset = useless ? writtenForNobody : readFromNobody;
+    }
+
+  Places places;
+  for (const auto& [name, module] : pipeline.withMetadata())
+    for (const Attribute& attribute : module->state->attributes) {
+      // A writer whose attribute is settled, alone or by an earlier scope, is done.
+      if (!writes(attribute) || attribute.offset != readFromNobody) continue;
+      Scope scope = scopeOf(*module, attribute);
+      if (scope.used()) places.place(scope);
+      store(scope);
+    }
 }
 
 }  // namespace
 
-void assignMetadata(const Pipeline& pipeline) {
-  for (const auto& [name, module] : pipeline.withMetadata())
-    for (Attribute& attribute : module->state->attributes) attribute.offset = readFromNobody;
+void Metadata::resumed() {
+  ++resumes_;
+  due_ = true;
+}
 
-  std::vector<Scope> placed;
-  for (const auto& [name, module] : pipeline.withMetadata())
-    for (const Attribute& attribute : module->state->attributes) {
-      // A writer whose attribute an earlier scope has settled is done.
-      if (!writes(attribute) || attribute.offset != readFromNobody) continue;
-      Scope scope = scopeOf(*module, attribute);
-      if (!scope.readers.empty() && scope.complete) {
-        scope.offset = firstFit(scope, placed);
-        placed.push_back(scope);
-      }
-      store(scope);
-    }
+void Metadata::beforeConnecting(const Module& from, const Module& to) {
+  // What lies among modules that are new since the resume was no part of what it found.
+  if (!newcomer(from) || !newcomer(to)) settle();
+}
+
+void Metadata::settle() {
+  if (!due_) return;
+  due_ = false;
+  assign(pipeline_);
+  for (const auto& [name, module] : pipeline_.withMetadata())
+    if (newcomer(*module))
+      for (Attribute& attribute : module->state->attributes) attribute.offset = 0;
 }
 
 }  // namespace Standin

@@ -37,6 +37,8 @@ class ModuleState {
   virtual std::string description() const { return {}; }
   // Tasks of this module; -1 leaves it to the class.
   virtual int tasks() const { return -1; }
+  // Whether a command may give this module other attributes.
+  virtual bool commandsChangeAttributes() const { return false; }
 
   std::vector<Attribute> attributes;
   // The argument of the creating request; set by the pipeline.

@@ -81,7 +81,7 @@ void Pipeline::connect(const bess::pb::ConnectModulesRequest& request) {
   OutputGate& gate = from.outputs[output];
   gate.target = &to;
   gate.inputGate = input;
-  if (!request.skip_default_hooks()) gate.hooks.push_back({"Track", "track0"});
+  if (!request.skip_default_hooks()) gate.hooks.add("Track", "track0");
   to.inputs[input].sources.emplace_back(&from, output);
 }
 

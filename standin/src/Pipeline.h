@@ -9,6 +9,7 @@
 #include <bess/pb/service.pb.h>
 
 #include "AutomaticNames.h"
+#include "HookList.h"
 #include "ModuleClass.h"
 #include "Workers.h"
 
@@ -16,23 +17,17 @@ namespace Standin {
 
 struct Module;
 
-// A hook that watches the packets of a gate.
-struct GateHook {
-  std::string className;
-  std::string name;  // Unique at its gate.
-};
-
 // An input gate that at least one output gate leads to.
 struct InputGate {
   std::vector<std::pair<Module*, std::uint16_t>> sources;  // In the order of connecting.
-  std::vector<GateHook> hooks;
+  HookList hooks;
 };
 
 // A connected output gate.
 struct OutputGate {
-  Module* target;
-  std::uint16_t inputGate;
-  std::vector<GateHook> hooks;
+  Module* target = nullptr;
+  std::uint16_t inputGate = 0;
+  HookList hooks;
 };
 
 // A module with its connected gates.
@@ -42,7 +37,8 @@ struct Module {
   std::unique_ptr<ModuleState> state;
   std::map<std::uint16_t, InputGate> inputs;
   std::map<std::uint16_t, OutputGate> outputs;
-  WorkerSet activeWorkers;  // Whose tasks reached it when the daemon last looked.
+  WorkerSet activeWorkers;          // Whose tasks reached it when the daemon last looked.
+  std::uint64_t resumesBefore = 0;  // Its making; see Metadata.
 
   int tasks() const { return state->tasks() >= 0 ? state->tasks() : moduleClass->tasks; }
 };
@@ -80,8 +76,5 @@ class Pipeline {
   std::map<std::string, Module*> withMetadata_;
   AutomaticNames names_;
 };
-
-// Gives every attribute of every module its place in the packet's metadata.
-void assignMetadata(const Pipeline& pipeline);
 
 }  // namespace Standin

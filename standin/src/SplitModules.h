@@ -38,6 +38,7 @@ class HashLbState : public ModuleState {
  public:
   explicit HashLbState(const bess::pb::HashLBArg& arg);
   std::string description() const override;
+  bool commandsChangeAttributes() const override { return true; }
   void setMode(const bess::pb::HashLBCommandSetModeArg& arg);
   void setGates(const bess::pb::HashLBCommandSetGatesArg& arg);
 

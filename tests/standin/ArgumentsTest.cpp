@@ -114,6 +114,12 @@ TEST_F(StandinArguments, HashLbGivesTheNegativeNumberForABadField) {
                   {{R"("mode":"l9")", "22 available LB modes: l2, l3, l4"},
                    {R"("gates":[8192])", ""},
                    {R"("gates":[8193])", "22 Invalid ogate 8193"}});
+  createModule("HashLB", "h");
+  const auto setGates = [this](const char* json) {
+    return commandRefusal("h", "set_gates", "HashLBCommandSetGatesArg", json);
+  };
+  EXPECT_EQ(setGates(R"("gates":[0,8192,65536])"), "");
+  EXPECT_EQ(setGates(R"("gates":[0,8193])"), "22 Invalid ogate 8193");
 }
 
 TEST_F(StandinArguments, AGateForDroppingMayBeNamed) {
@@ -126,11 +132,18 @@ TEST_F(StandinArguments, ReplicateCountsItsGatesAndTakesAnyNumber) {
   const std::string many = "\"gates\":[" + repeated("1", 33) + "]";
   expectCreations("Replicate", "ReplicateArg",
                   {{many.c_str(), "22 no more than 32 gates"}, {R"("gates":[99999])", ""}});
+  createModule("Replicate", "r");
+  EXPECT_EQ(commandRefusal("r", "set_gates", "ReplicateCommandSetGatesArg", many),
+            "22 no more than 32 gates");
+  EXPECT_EQ(
+      commandRefusal("r", "set_gates", "ReplicateCommandSetGatesArg", R"("gates":[5,5,99999])"),
+      "");
 }
 
 TEST_F(StandinArguments, WorkerSplitLimitsItsGates) {
   expectCreations("WorkerSplit", "WorkerSplitArg",
-                  {{R"("workerGates":{"0":8192})", "22 output gate must be less than 8192"},
+                  {{R"("workerGates":{"64":0})", "22 worker id must be less than 64"},
+                   {R"("workerGates":{"0":8192})", "22 output gate must be less than 8192"},
                    {R"("workerGates":{"0":8191})", ""}});
 }
 
@@ -147,11 +160,25 @@ TEST_F(StandinArguments, FlowGenChecksTemplateRatesDurationAndWordsInThatOrder) 
   EXPECT_EQ(refusal(R"(,"pps":1000,"flowRate":5000,"arrival":"x")"),
             "22 flow rate cannot be more than pps");
   EXPECT_EQ(refusal(R"(,"pps":10,"flowDuration":-1,"duration":"x")"), "22 invalid 'flow_duration'");
+  EXPECT_EQ(refusal(R"(,"flowRate":-1,"flowDuration":-1)"), "22 invalid 'flow_rate'");
+  EXPECT_EQ(refusal(R"(,"flowRate":1,"arrival":"x","duration":"x")"),
+            "22 'arrival' must be either 'uniform' or 'exponential'");
   EXPECT_EQ(refusal(R"(,"flowRate":1,"duration":"x")"),
             "22 'duration' must be either 'uniform' or 'pareto'");
   EXPECT_EQ(refusal(R"(,"pps":10)"), "");
+  const std::string big = R"("template":")" + std::string(2736, 'A') + R"(")";  // 2052 bytes
+  EXPECT_EQ(createRefusal("FlowGen", "FlowGenArg", big), "22 'template' is too big");
   EXPECT_EQ(createModule("FlowGen"), "");  // Without a template.
-  EXPECT_EQ(commandRefusal("flowgen0", "update", "FlowGenArg", R"("pps":-1)"), "22 invalid 'pps'");
+  const auto update = [&](const char* json) {
+    return commandRefusal("flowgen0", "update", "FlowGenArg", json);
+  };
+  EXPECT_EQ(update(R"("pps":-1)"), "22 invalid 'pps'");
+  EXPECT_EQ(update(""), "");
+  // A refused update keeps the rates: 10 packets a second, and 10 flows.
+  EXPECT_EQ(update(R"("pps":1000,"flowRate":1001)"), "22 flow rate cannot be more than pps");
+  EXPECT_EQ(update(R"("flowRate":11)"), "22 flow rate cannot be more than pps");
+  EXPECT_EQ(update(R"("pps":11,"flowRate":11)"), "");
+  EXPECT_EQ(update(R"("pps":10)"), "22 flow rate cannot be more than pps");
 }
 
 TEST_F(StandinArguments, ArpResponderWantsBothAddresses) {
@@ -171,14 +198,18 @@ TEST_F(StandinArguments, VlanPushCutsItsTag) {
 }
 
 TEST_F(StandinArguments, AclTakesAnyPrefix) {
-  expectCreations("ACL", "ACLArg", {{R"("rules":[{"srcIp":"zz"},{"srcIp":"10.0.0.0/40"}])", ""}});
+  const char* rules = R"("rules":[{"srcIp":"zz"},{"srcIp":"10.0.0.0/40","dstPort":70000}])";
+  expectCreations("ACL", "ACLArg", {{rules, ""}});
+  EXPECT_EQ(commandRefusal("acl0", "add", "ACLArg", rules), "");
 }
 
 TEST_F(StandinArguments, QueueChecksTheRangeOfItsSizeFirst) {
   expectCreations("Queue", "QueueArg",
                   {{R"("size":3)", "22 must be in [4, 16384]"},
                    {R"("size":32768)", "22 must be in [4, 16384]"},
-                   {R"("size":1000)", "22 must be a power of 2"}});
+                   {R"("size":1000)", "22 must be a power of 2"},
+                   {R"("size":4)", ""},
+                   {R"("size":16384)", ""}});
 }
 
 TEST_F(StandinArguments, PortUsersSayEachInTheirWayThatThePortIsMissing) {
@@ -212,6 +243,15 @@ TEST_F(StandinArguments, StaticNatChecksEachRange) {
       "StaticNAT", "StaticNATArg",
       {{R"("pairs":[{"intRange":{"start":"10.0.0.9","end":"10.0.0.1"}}])",
         "22 invalid internal IP address range"},
+       {R"("pairs":[{"intRange":{"start":"10.0.0.1","end":"10.0.0.1"},
+                     "extRange":{"start":"10.0.0.9","end":"10.0.0.1"}}])",
+        "22 invalid external IP address range"},
+       {R"("pairs":[{"intRange":{"start":"10.0.0.1","end":"10.0.0.1"},
+                     "extRange":{"start":"10.1.0.1","end":"10.1.0.2"}}])",
+        "22 internal and external IP address ranges must have the same size"},
+       {R"("pairs":[{"intRange":{"start":"10.0.0.1","end":"10.0.0.2"},
+                     "extRange":{"start":"10.1.0.1","end":"10.1.0.2"}}])",
+        ""},
        {R"("pairs":[{"intRange":{"start":"10.0.0.1","end":""}}])", "22 invalid IP address "}});
 }
 

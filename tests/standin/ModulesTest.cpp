@@ -107,30 +107,6 @@ TEST_F(StandinModules, ALookupAnswersWhatWasAdded) {
   EXPECT_EQ(answer.gates(0), 7u);
 }
 
-TEST_F(StandinModules, MetadataThatMeetsStandsApart) {
-  SetMetadataArg foo, bar;
-  foo.add_attrs()->set_name("foo");
-  foo.mutable_attrs(0)->set_size(2);
-  bar.add_attrs()->set_name("bar");
-  bar.mutable_attrs(0)->set_size(2);
-  MetadataTestArg reads;
-  (*reads.mutable_read())["foo"] = 2;
-  (*reads.mutable_read())["bar"] = 2;
-  createModule("SetMetadata", "a", foo);
-  createModule("SetMetadata", "b", bar);
-  createModule("MetadataTest", "c", reads);
-  connect("a", "b");
-  connect("b", "c");
-  ask(&Stub::ResumeAll);
-  GetModuleInfoRequest request;
-  request.set_name("c");
-  const auto info = call(&Stub::GetModuleInfo, request);
-  ASSERT_EQ(info.metadata_size(), 2);
-  EXPECT_EQ(info.metadata(0).name(), "bar");
-  EXPECT_EQ(info.metadata(0).offset(), 2);
-  EXPECT_EQ(info.metadata(1).offset(), 0);
-}
-
 TEST_F(StandinModules, AHookNameIsTakenOnce) {
   createModule("Source", "src");
   createModule("Sink", "snk");
@@ -157,6 +133,13 @@ TEST_F(StandinModules, ClassesHaveTheirOwnNumbersOfGates) {
     EXPECT_EQ(connect(row.mclass, "snk", row.outputs - 1), 0) << row.mclass;
     EXPECT_EQ(connect(row.mclass, "snk", row.outputs), EINVAL) << row.mclass;
   }
+  CreateModuleRequest echo;  // Its message is not of our protocol.
+  echo.set_mclass("GtpuEcho");
+  echo.mutable_arg()->set_type_url("type.googleapis.com/bess.pb.GtpuEchoArg");
+  echo.mutable_arg()->set_value("\x08\x01");
+  EXPECT_EQ(call(&Stub::CreateModule, echo).name(), "gtpu_echo0");
+  EXPECT_EQ(connect("gtpu_echo0", "snk", 1), 0);
+  EXPECT_EQ(connect("gtpu_echo0", "snk", 2), EINVAL);
 }
 
 TEST_F(StandinModules, ClassesSayHowManyWorkersMayReachThem) {
@@ -175,30 +158,22 @@ TEST_F(StandinModules, ClassesSayHowManyWorkersMayReachThem) {
   EXPECT_EQ(check.modules(0).name(), "rr");
 }
 
-TEST_F(StandinModules, AttributesAreThoseOfTheClass) {
-  const auto names = [this](const std::string& mclass) {
-    GetModuleInfoRequest request;
-    request.set_name(createModule(mclass));
-    const auto info = call(&Stub::GetModuleInfo, request);
-    std::string all;
-    for (const auto& attribute : info.metadata())
-      all +=
-          attribute.name() + "/" + std::to_string(attribute.size()) + "/" + attribute.mode() + " ";
-    return all;
-  };
-  EXPECT_EQ(names("Timestamp"), "timestamp/8/write ");
-  EXPECT_EQ(names("Measure"), "timestamp/8/read ");
-  EXPECT_EQ(names("IPEncap"),
-            "ip_src/4/read ip_dst/4/read ip_proto/1/read ip_nexthop/4/write ether_type/2/write ");
-  EXPECT_EQ(names("VXLANDecap"), "tun_ip_src/4/write tun_ip_dst/4/write tun_id/4/write ");
-  EXPECT_EQ(names("VXLANEncap"),
-            "tun_ip_src/4/read tun_ip_dst/4/read tun_id/4/read ip_src/4/write ip_dst/4/write "
-            "ip_proto/1/write ");
-}
-
-TEST_F(StandinModules, AMarkAtAFixedOffsetIsNoMetadata) {
-  EXPECT_EQ(createRefusal("Timestamp", "TimestampArg", R"("offset":14)"), "");
-  EXPECT_TRUE(offsets("timestamp0").empty());
+TEST_F(StandinModules, TwoWorkersMayReachANatAndAThirdIsTooMany) {
+  for (int worker = 0; worker < 3; ++worker) addWorker(worker);
+  EXPECT_EQ(createRefusal("NAT", "NATArg", R"("extAddrs":[{"extAddr":"10.0.0.1"}])"), "");
+  createModule("Merge", "m");
+  connect("m", "nat0");
+  for (int source = 0; source < 2; ++source) {
+    createModule("Source", "s" + std::to_string(source));
+    connect("s" + std::to_string(source), "m", 0, static_cast<std::uint64_t>(source));
+  }
+  EXPECT_FALSE(ask(&Stub::CheckSchedulingConstraints).fatal());
+  createModule("Source", "s2");
+  connect("s2", "m", 0, 2);
+  const auto check = ask(&Stub::CheckSchedulingConstraints);
+  EXPECT_TRUE(check.fatal());
+  ASSERT_EQ(check.modules_size(), 1);
+  EXPECT_EQ(check.modules(0).name(), "nat0");
 }
 
 TEST_F(StandinModules, ADisconnectedGateIsFreeAgain) {
@@ -283,4 +258,80 @@ TEST_F(StandinModules, ACaptureWantsAFifoUnlessItMayWaitForOne) {
   arg.set_defer(true);
   hook.mutable_hook()->mutable_arg()->PackFrom(arg);
   EXPECT_EQ(refusal(call(&Stub::ConfigureGateHook, hook).error()), "");
+}
+
+class StandinHooks : public StandinTest::StandinFixture {
+ protected:
+  StandinHooks() : StandinFixture(shown()) {
+    createModule("Source", "src");
+    createModule("Sink", "snk");
+    connect("src", "snk");
+  }
+  static Standin::Options shown() {
+    Standin::Options options;
+    options.reportGateHooks = true;
+    return options;
+  }
+
+  std::string configure(bool enable, const std::string& hookClass, const std::string& name = "") {
+    ConfigureGateHookRequest request;
+    request.set_enable(enable);
+    request.mutable_hook()->set_class_name(hookClass);
+    request.mutable_hook()->set_hook_name(name);
+    request.mutable_hook()->set_module_name("src");
+    request.mutable_hook()->set_ogate(0);
+    TcpdumpArg arg;
+    arg.set_defer(true);
+    if (hookClass == "TcpDump") request.mutable_hook()->mutable_arg()->PackFrom(arg);
+    return refusal(call(&Stub::ConfigureGateHook, request).error());
+  }
+
+  std::string hooks() {
+    GetModuleInfoRequest request;
+    request.set_name("src");
+    std::string all;
+    const auto info = call(&Stub::GetModuleInfo, request);
+    for (const auto& hook : info.ogates(0).gatehooks()) all += hook.hook_name() + " ";
+    return all;
+  }
+};
+
+TEST_F(StandinHooks, HaveTheLowestFreeNumberOfTheirClassAndStayInOrder) {
+  EXPECT_EQ(hooks(), "track0 ");
+  EXPECT_EQ(configure(true, "Track"), "");
+  EXPECT_EQ(configure(true, "TcpDump"), "");
+  EXPECT_EQ(configure(true, "Track", "track3"), "");
+  EXPECT_EQ(configure(true, "Track"), "");
+  EXPECT_EQ(configure(true, "Track"), "");
+  EXPECT_EQ(hooks(), "track0 track1 tcpdump0 track3 track2 track4 ");
+  EXPECT_EQ(configure(false, "Track", "track1"), "");
+  EXPECT_EQ(configure(true, "Track"), "");
+  EXPECT_EQ(hooks(), "track0 tcpdump0 track3 track2 track4 track1 ");
+}
+
+TEST_F(StandinHooks, GoByTheirNameOrElseTheFirstOfTheClass) {
+  configure(true, "TcpDump");
+  configure(true, "Track");
+  EXPECT_EQ(configure(false, "TcpDump", "track1"), "");  // The name alone counts.
+  EXPECT_EQ(hooks(), "track0 tcpdump0 ");
+  EXPECT_EQ(configure(false, "TcpDump"), "");
+  EXPECT_EQ(hooks(), "track0 ");
+  EXPECT_EQ(configure(false, "TcpDump"), "");
+  EXPECT_EQ(configure(false, "Track", "nope"), "");
+  EXPECT_EQ(hooks(), "track0 ");
+}
+
+TEST_F(StandinHooks, TensOfThousandsComeAndGoAtOneGate) {
+  // This does not end if each looks at all others.
+  constexpr int count = 30000;
+  const auto line = [](const char* enable, const std::string& name) {
+    return std::string("{\"type\":\"configureGateHook\",\"request\":{\"enable\":") + enable +
+           ",\"hook\":{\"className\":\"Track\",\"moduleName\":\"src\",\"ogate\":0,\"hookName\":\"" +
+           name + "\"}}}\n";
+  };
+  std::string lines = server_->dump();
+  for (int i = 1; i <= count; ++i) lines += line("true", "");
+  for (int i = count - 1; i >= 0; --i) lines += line("false", "track" + std::to_string(i));
+  server_->load(lines);
+  EXPECT_EQ(hooks(), "track" + std::to_string(count) + " ");
 }

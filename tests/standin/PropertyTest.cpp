@@ -1,6 +1,7 @@
 // Random sequences of requests, and what must hold after each, whatever they were. The statements
 // are made from outside, by what the daemon tells of itself, and not from its own structures.
 
+#include <cerrno>
 #include <map>
 #include <random>
 #include <set>
@@ -28,20 +29,73 @@ class StandinProperties : public StandinTest::StandinFixture,
   std::string trafficClass() { return "t" + std::to_string(draw(4)); }
 
   // One request that changes something, or is refused; answers the code.
-  int step() {
+  int step() { return draw(3) == 0 ? rarerStep() : commonStep(); }
+
+  int rarerStep() {
+    switch (draw(7)) {
+      case 0: {
+        DestroyWorkerRequest request;
+        request.set_wid(draw(4));
+        return call(&Stub::DestroyWorker, request).error().code();
+      }
+      case 1: {
+        SetPortConfRequest request;
+        request.set_name(port());
+        request.mutable_conf()->set_mac_addr(draw(4) == 0 ? "zz" : "00:00:00:00:00:00");
+        request.mutable_conf()->set_mtu(draw(3) * 1000);  // 0 keeps it.
+        request.mutable_conf()->set_admin_up(draw(2) == 0);
+        return call(&Stub::SetPortConf, request).error().code();
+      }
+      case 2: {
+        ConfigureGateHookRequest request;
+        request.set_enable(draw(2) == 0);
+        request.mutable_hook()->set_class_name("Track");
+        request.mutable_hook()->set_hook_name(draw(2) == 0 ? "" : "mine");
+        request.mutable_hook()->set_module_name(module());
+        request.mutable_hook()->set_ogate(draw(3));
+        CommandResponse response;
+        // A hook that was put on is answered with something that does not decode.
+        tryCall(&Stub::ConfigureGateHook, request, response);
+        return response.error().code();
+      }
+      case 3: {
+        AddTcRequest request;
+        request.mutable_class_()->set_name("below" + std::to_string(draw(4)));
+        request.mutable_class_()->set_policy("round_robin");
+        request.mutable_class_()->set_parent(trafficClass());
+        request.mutable_class_()->set_wid(draw(8) == 0 ? 0 : -1);
+        if (draw(2) == 0)
+          request.mutable_class_()->set_priority(draw(3));
+        else
+          request.mutable_class_()->set_share(draw(3));
+        return call(&Stub::AddTc, request).error().code();
+      }
+      case 4: {
+        UpdateTcParamsRequest request;
+        request.mutable_class_()->set_name(trafficClass());
+        request.mutable_class_()->set_resource(draw(4) == 0 ? "fun" : "bit");
+        return call(&Stub::UpdateTcParams, request).error().code();
+      }
+      case 5:
+        return ask(&Stub::ResetPorts).error().code();
+      default:
+        return ask(&Stub::CheckSchedulingConstraints).error().code();
+    }
+  }
+
+  int commonStep() {
     static const char* const classes[] = {"Source", "Sink",  "Bypass",
                                           "Queue",  "Merge", "RoundRobin"};
     static const char* const policies[] = {"priority", "round_robin", "weighted_fair"};
     switch (draw(14)) {
       case 0:
-      case 1: {
-        CreateModuleRequest request;
-        request.set_mclass(classes[draw(6)]);
-        request.set_name(draw(4) == 0 ? "" : module());
-        return call(&Stub::CreateModule, request).error().code();
+      case 1:
+        return createOne(classes[draw(6)], draw(4) == 0 ? "" : module());
+      case 2: {
+        const std::string name = module();
+        lost_.erase(name);
+        return destroyModule(name);
       }
-      case 2:
-        return destroyModule(module());
       case 3:
       case 4:
         return connect(module(), module(), draw(3), draw(3));
@@ -84,20 +138,53 @@ class StandinProperties : public StandinTest::StandinFixture,
       }
       default: {
         UpdateTcParentRequest request;
-        request.mutable_class_()->set_leaf_module_name(module());
+        const std::string name = module();
+        request.mutable_class_()->set_leaf_module_name(name);
         request.mutable_class_()->set_parent(trafficClass());
         request.mutable_class_()->set_wid(-1);
         request.mutable_class_()->set_priority(draw(3));
-        return call(&Stub::UpdateTcParent, request).error().code();
+        const int code = call(&Stub::UpdateTcParent, request).error().code();
+        if (code != 0) lost_.insert(name);  // If it is one that has a task.
+        return code;
       }
     }
   }
 
+  // An automatic name has the lowest number that is free.
+  int createOne(const std::string& mclass, const std::string& name) {
+    std::set<std::string> taken;
+    const auto list = ask(&Stub::ListModules);
+    for (const auto& shown : list.modules()) taken.insert(shown.name());
+    CreateModuleRequest request;
+    request.set_mclass(mclass);
+    request.set_name(name);
+    const auto created = call(&Stub::CreateModule, request);
+    EXPECT_EQ(created.error().code(), taken.count(name) > 0 ? EEXIST : 0) << name;
+    if (created.error().code() == 0) lost_.erase(created.name());
+    if (name.empty()) {
+      const std::size_t digits = created.name().find_last_not_of("0123456789") + 1;
+      const std::string prefix = created.name().substr(0, digits);
+      int lowest = 0;
+      while (taken.count(prefix + std::to_string(lowest)) > 0) ++lowest;
+      EXPECT_EQ(created.name(), prefix + std::to_string(lowest));
+    }
+    return created.error().code();
+  }
+
   // Everything that the daemon tells, less what tells the time and where leaves are: a refused call
-  // may place those.
+  // may place those, and make a class for them.
   std::string told() {
-    std::string all =
-        ask(&Stub::ListModules).ShortDebugString() + ask(&Stub::ListPorts).ShortDebugString();
+    const auto ports = ask(&Stub::ListPorts);
+    std::string all = ask(&Stub::ListModules).ShortDebugString() + ports.ShortDebugString();
+    for (const auto& shown : ports.ports()) {
+      GetPortConfRequest request;
+      request.set_name(shown.name());
+      all += call(&Stub::GetPortConf, request).ShortDebugString();
+    }
+    std::set<std::string> classes;
+    for (const auto& status : trafficClasses())
+      if (status.class_().name()[0] != '!') classes.insert(status.class_().ShortDebugString());
+    for (const std::string& shown : classes) all += shown;
     for (auto& [name, info] : infos()) {
       for (auto& gate : *info.mutable_ogates()) gate.clear_timestamp();
       for (auto& gate : *info.mutable_igates()) gate.clear_timestamp();
@@ -136,8 +223,9 @@ class StandinProperties : public StandinTest::StandinFixture,
     EXPECT_EQ(forward, backward);
   }
 
-  // Each leaf is listed once and belongs to a module; classes have one place; what has a parent has
-  // one that is listed; a worker that is named exists and counts what stands below it.
+  // Each task has one leaf, which belongs to a module, unless a refused move has lost it; classes
+  // have one place; what has a parent has one that is listed; a worker that is named exists and
+  // counts what stands below it.
   void expectPlaces(const std::map<std::string, GetModuleInfoResponse>& infos) {
     std::map<std::int64_t, std::int64_t> counted;
     const auto workers = ask(&Stub::ListWorkers);
@@ -152,6 +240,11 @@ class StandinProperties : public StandinTest::StandinFixture,
       if (status.class_().wid() < 0) continue;
       ASSERT_EQ(counted.count(status.class_().wid()), 1u) << status.class_().name();
       --counted[status.class_().wid()];
+    }
+    for (const auto& [name, info] : infos) {
+      const bool task = info.mclass() == "Source" || info.mclass() == "Queue";
+      EXPECT_EQ(names.count("!leaf_" + name + ":0"), task && lost_.count(name) == 0 ? 1u : 0u)
+          << name;
     }
     for (const auto& status : listed)
       EXPECT_TRUE(status.parent().empty() || names.count(status.parent()) == 1) << status.parent();
@@ -218,6 +311,7 @@ class StandinProperties : public StandinTest::StandinFixture,
   }
 
   std::mt19937 random_;
+  std::set<std::string> lost_;  // Modules whose leaf a refused move has lost, if they had one.
 };
 
 TEST_P(StandinProperties, HoldAfterEachOfManyRandomCalls) {

@@ -155,24 +155,6 @@ TEST_F(StandinScheduling, ResetAllLeavesNothing) {
   EXPECT_TRUE(trafficClasses().empty());
 }
 
-TEST_F(StandinScheduling, ARefusedPausingCallAttachesLeavesAndLaunchesAWorker) {
-  createModule("Source", "src");
-  EXPECT_TRUE(ask(&Stub::ListWorkers).workers_status().empty());
-  DisconnectModulesRequest nobody;
-  nobody.set_name("nope");
-  EXPECT_EQ(call(&Stub::DisconnectModules, nobody).error().code(), ENOENT);
-  ASSERT_EQ(ask(&Stub::ListWorkers).workers_status_size(), 1);
-  EXPECT_EQ(trafficClasses().at(0).class_().wid(), 0);
-}
-
-TEST_F(StandinScheduling, ResumingOneWorkerAttachesAndLaunchesNothing) {
-  createModule("Source", "src");
-  ResumeWorkerRequest request;
-  call(&Stub::ResumeWorker, request);
-  EXPECT_TRUE(ask(&Stub::ListWorkers).workers_status().empty());
-  EXPECT_EQ(trafficClasses().at(0).class_().wid(), -1);
-}
-
 TEST_F(StandinScheduling, ANewClassWaitsBehindTheLeavesThatWaitAlready) {
   createModule("Source", "src");
   EXPECT_EQ(addTc("v", "priority"), 0);
@@ -211,6 +193,47 @@ TEST_F(StandinScheduling, TheTopRoundRobinStaysWhenADestructionLeavesItOneChildO
   EXPECT_NE(find("!default_rr_0"), nullptr);
   destroyModule("b");
   EXPECT_NE(find("!default_rr_0"), nullptr);
+}
+
+TEST_F(StandinScheduling, TheTopRoundRobinEndsWhenItsLastChildMovesAway) {
+  addWorker(0);
+  createModule("Source", "a");
+  createModule("Source", "b");
+  ask(&Stub::CheckSchedulingConstraints);
+  destroyModule("a");
+  addWorker(1);
+  AddTcRequest add;
+  add.mutable_class_()->set_name("other");
+  add.mutable_class_()->set_policy("round_robin");
+  add.mutable_class_()->set_wid(1);
+  EXPECT_EQ(call(&Stub::AddTc, add).error().code(), 0);
+  ASSERT_NE(find("!default_rr_0"), nullptr);
+  EXPECT_EQ(moveLeaf("b", "other"), "");
+  EXPECT_EQ(find("!default_rr_0"), nullptr);
+  EXPECT_EQ(workerOf("!leaf_b:0"), 1);
+  EXPECT_EQ(ask(&Stub::ListWorkers).workers_status(0).num_tcs(), 0);
+}
+
+TEST_F(StandinScheduling, AWorkerThatCannotBeIsToldWithWhatCould) {
+  createModule("Source", "src");
+  const std::string range = "22 'wid' must be -1 or between 0 and 63";
+  for (const auto& [wid, text] : std::initializer_list<std::pair<std::int64_t, std::string>>{
+           {-2, range}, {64, range}, {5, "22 worker:5 does not exist"}}) {
+    AddTcRequest add;
+    add.mutable_class_()->set_name("t");
+    add.mutable_class_()->set_policy("round_robin");
+    add.mutable_class_()->set_wid(wid);
+    EXPECT_EQ(refusal(call(&Stub::AddTc, add).error()), text) << wid;
+    destroyModule("src");
+    createModule("Source", "src");  // A refused move loses the leaf.
+    UpdateTcParentRequest move;
+    move.mutable_class_()->set_leaf_module_name("src");
+    move.mutable_class_()->set_wid(wid);
+    EXPECT_EQ(refusal(call(&Stub::UpdateTcParent, move).error()), text) << wid;
+  }
+  ListTcsRequest list;
+  list.set_wid(64);
+  EXPECT_EQ(refusal(call(&Stub::ListTcs, list).error()), "22 'wid' must be between 0 and 63");
 }
 
 TEST_F(StandinScheduling, ALeafThatWasLostIsNotFoundAgain) {
@@ -290,15 +313,6 @@ TEST_F(StandinScheduling, ACoreIsCutToThirtyTwoBits) {
   EXPECT_EQ(ask(&Stub::ListWorkers).workers_status(0).core(), 0);
 }
 
-TEST_F(StandinScheduling, OffsetsAreComputedAtAResumeAndNotWhenAskedFor) {
-  createModule("Timestamp", "t");
-  EXPECT_EQ(offsets("t"), (std::vector<std::int64_t>{0}));
-  ask(&Stub::CheckSchedulingConstraints);
-  EXPECT_EQ(offsets("t"), (std::vector<std::int64_t>{0}));
-  ask(&Stub::ResumeAll);
-  EXPECT_EQ(offsets("t"), (std::vector<std::int64_t>{-1}));
-}
-
 TEST_F(StandinScheduling, AResumeDoesNotFindOutWhatTheWorkersReachAndAConnectionDoes) {
   createModule("Sink", "snk");
   createModule("DRR", "drr");
@@ -310,6 +324,24 @@ TEST_F(StandinScheduling, AResumeDoesNotFindOutWhatTheWorkersReachAndAConnection
   EXPECT_EQ(connect("snk", "drr"), EINVAL);
   EXPECT_EQ(setQuantum(),
             "16 There is a running worker and command 'set_quantum_size' is not MT safe");
+}
+
+TEST_F(StandinScheduling, ACommandIsTakenUntilTheDaemonHasFoundItsModuleReached) {
+  const char* frame = R"("template":"BhY+G3IyAh5nn02uCABFAAAqAAEAAEARAAAKAAABCgAAAicRJxIAFg==")";
+  EXPECT_EQ(createRefusal("FlowGen", "FlowGenArg", frame), "");
+  createModule("Queue", "q");
+  ask(&Stub::ResumeAll);
+  const auto tried = [this] {
+    return commandRefusal("flowgen0", "update", "FlowGenArg", R"("pps":500)") +
+           commandRefusal("q", "set_runtime_config", "QueueArg", R"("size":64)");
+  };
+  EXPECT_EQ(tried(), "");
+  ask(&Stub::CheckSchedulingConstraints);
+  EXPECT_EQ(tried(),
+            "16 There is a running worker and command 'update' is not MT safe"
+            "16 There is a running worker and command 'set_runtime_config' is not MT safe");
+  ask(&Stub::PauseAll);
+  EXPECT_EQ(tried(), "");
 }
 
 TEST_F(StandinScheduling, AListOfOneWorkerHasItsClassesOnly) {
@@ -466,34 +498,4 @@ TEST_F(StandinScheduling, AChainThatGrowsWhileAWorkerRunsIsReachedLinkByLink) {
   EXPECT_EQ(commandRefusal("rr2", "set_gates", "RoundRobinCommandSetGatesArg", ""), "");
   connect("src", "a", 7);
   EXPECT_NE(commandRefusal("rr2", "set_gates", "RoundRobinCommandSetGatesArg", ""), "");
-}
-
-TEST_F(StandinScheduling, AnAttributeKeepsItsPlaceOnTheWholeWayToItsReader) {
-  // Two attributes on one way get places of their own, though one is only passing by.
-  createModule("Timestamp", "t");
-  createModule("Bypass", "b1");
-  createModule("Bypass", "b2");
-  createModule("Measure", "m");
-  SetMetadataArg arg;
-  auto& attribute = *arg.add_attrs();
-  attribute.set_name("x");
-  attribute.set_size(8);
-  attribute.set_value_int(1);
-  createModule("SetMetadata", "s", arg);
-  createModule("MetadataTest", "r", [] {
-    MetadataTestArg reads;
-    (*reads.mutable_read())["x"] = 8;
-    return reads;
-  }());
-  connect("t", "b1");
-  connect("b1", "s");
-  connect("s", "b2");
-  connect("b2", "r");
-  connect("r", "m");
-  ask(&Stub::ResumeAll);
-  ASSERT_GE(offsets("t").at(0), 0);
-  ASSERT_GE(offsets("s").at(0), 0);
-  EXPECT_NE(offsets("s").at(0), offsets("t").at(0));
-  EXPECT_EQ(offsets("r").at(0), offsets("s").at(0));
-  EXPECT_EQ(offsets("m").at(0), offsets("t").at(0));
 }

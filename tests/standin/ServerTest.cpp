@@ -26,6 +26,39 @@ grpc::Status getVersion(const std::string& address) {
   return stub->GetVersion(&context, EmptyRequest(), &response);
 }
 
+// What a generic client asks first. Its messages are written out by hand, as no header of Debian's
+// has them: field 7 of the request, empty, asks for the services; their names come back as text.
+std::string servicesAt(const std::string& address) {
+  grpc::GenericStub stub(StandinTest::directChannel(address));
+  grpc::ClientContext context;
+  context.set_deadline(std::chrono::system_clock::now() + std::chrono::seconds(20));
+  grpc::CompletionQueue queue;
+  const auto expectDone = [&queue] {
+    void* tag = nullptr;
+    bool ok = false;
+    EXPECT_TRUE(queue.Next(&tag, &ok) && ok);
+  };
+  const auto call = stub.PrepareCall(
+      &context, "/grpc.reflection.v1alpha.ServerReflection/ServerReflectionInfo", &queue);
+  call->StartCall(nullptr);
+  expectDone();
+  const grpc::Slice request(std::string("\x3a\x00", 2));
+  call->Write(grpc::ByteBuffer(&request, 1), nullptr);
+  expectDone();
+  grpc::ByteBuffer answer;
+  call->Read(&answer, nullptr);
+  expectDone();
+  grpc::Slice bytes;
+  EXPECT_TRUE(answer.DumpToSingleSlice(&bytes).ok());
+  call->WritesDone(nullptr);
+  expectDone();
+  grpc::Status status;
+  call->Finish(&status, nullptr);
+  expectDone();
+  EXPECT_TRUE(status.ok()) << status.error_message();
+  return {reinterpret_cast<const char*>(bytes.begin()), bytes.size()};
+}
+
 }  // namespace
 
 TEST_F(StandinServer, ListensAtAFreePort) {
@@ -37,41 +70,17 @@ TEST_F(StandinServer, ListensAtAFreePort) {
   EXPECT_TRUE(getVersion(server.address()).ok());
 }
 
-// What a generic client asks first. Its messages are written out by hand, as no header of Debian's
-// has them: field 7 of the request, empty, asks for the services; their names come back as text.
 TEST_F(StandinServer, TellsAGenericClientItsServices) {
   Standin::Options options;
   options.listen = "127.0.0.1:0";
+  options.control = "127.0.0.1:0";
   Standin::Server server(options);
-  grpc::GenericStub stub(StandinTest::directChannel(server.address()));
-  grpc::ClientContext context;
-  context.set_deadline(std::chrono::system_clock::now() + std::chrono::seconds(20));
-  grpc::CompletionQueue queue;
-  const auto done = [&queue] {
-    void* tag = nullptr;
-    bool ok = false;
-    return queue.Next(&tag, &ok) && ok;
-  };
-  const auto call = stub.PrepareCall(
-      &context, "/grpc.reflection.v1alpha.ServerReflection/ServerReflectionInfo", &queue);
-  call->StartCall(nullptr);
-  ASSERT_TRUE(done());
-  const grpc::Slice request(std::string("\x3a\x00", 2));
-  call->Write(grpc::ByteBuffer(&request, 1), nullptr);
-  ASSERT_TRUE(done());
-  grpc::ByteBuffer answer;
-  call->Read(&answer, nullptr);
-  ASSERT_TRUE(done());
-  grpc::Slice bytes;
-  ASSERT_TRUE(answer.DumpToSingleSlice(&bytes).ok());
-  const std::string text(reinterpret_cast<const char*>(bytes.begin()), bytes.size());
-  EXPECT_NE(text.find("bess.pb.BESSControl"), std::string::npos);
-  call->WritesDone(nullptr);
-  ASSERT_TRUE(done());
-  grpc::Status status;
-  call->Finish(&status, nullptr);
-  ASSERT_TRUE(done());
-  EXPECT_TRUE(status.ok()) << status.error_message();
+  const std::string daemon = servicesAt(server.address());
+  EXPECT_NE(daemon.find("bess.pb.BESSControl"), std::string::npos);
+  EXPECT_EQ(daemon.find("standin.Control"), std::string::npos);
+  const std::string control = servicesAt(server.controlAddress());
+  EXPECT_NE(control.find("standin.Control"), std::string::npos);
+  EXPECT_EQ(control.find("bess.pb.BESSControl"), std::string::npos);
 }
 
 TEST_F(StandinServer, AnAddressInUseIsRefusedWithItsName) {
@@ -272,6 +281,12 @@ TEST_F(StandinServer, AFaultFindsTheNameWhereverARequestHasIt) {
   hook.mutable_hook()->set_module_name("snk");
   EXPECT_EQ(call(&Stub::ConfigureGateHook, hook).error().code(), 5);
   EXPECT_EQ(connect("src", "other"), ENOENT);
+  server_->addFault(Standin::Fault::parse("kind=error name=p"));
+  EXPECT_EQ(createPort("p", "net_null0"), 5);
+  EXPECT_EQ(createPort("q", "net_null0"), 0);
+  GetPortStatsRequest stats;
+  stats.set_name("p");
+  EXPECT_EQ(call(&Stub::GetPortStats, stats).error().code(), 5);
 }
 
 class StandinNewer : public StandinTest::StandinFixture {

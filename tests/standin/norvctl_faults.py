@@ -61,6 +61,12 @@ def test_a_delay_beyond_the_patience_gives_the_command_up():
     equal(result.status, 3)
 
 
+def test_a_delay_is_spread_up_to_its_longest():
+    daemon = Faulty("kind=delay rpc=createModule ms=0 max-ms=4000000000 seed=1")
+    result = run(*daemon.address, "--timeout", "1", write_file(SOURCE))
+    equal(result.status, 3)
+
+
 def test_the_pace_changes_while_it_runs():
     daemon = Faulty(options=("--latency", "60000"))
     equal(daemon.ctl("pace"), "latency 60000 ms, rate unlimited\n")
@@ -73,7 +79,8 @@ def test_the_pace_changes_while_it_runs():
 
 def test_a_status_fails_the_command_without_effect():
     daemon = Faulty("kind=status rpc=createModule code=13 text=gone for good")
-    equal(one(daemon)["outcome"], "failed")
+    result = one(daemon)
+    equal([result[key] for key in ("outcome", "status", "reason")], ["failed", "INTERNAL", "gone for good"])
     equal(daemon.modules(), [])
 
 
@@ -93,7 +100,8 @@ def test_an_undecodable_reply_is_told_and_had_its_effect():
 
 def test_a_reply_that_is_too_large_fails_the_command_and_had_its_effect():
     daemon = Faulty("kind=too-large rpc=createModule")
-    equal(one(daemon)["outcome"], "failed")
+    result = one(daemon)
+    equal([result[key] for key in ("outcome", "status")], ["failed", "RESOURCE_EXHAUSTED"])
     equal(daemon.modules(), ["src"])
 
 
@@ -106,7 +114,8 @@ def test_no_reply_is_waited_for_in_vain():
 
 def test_a_hang_up_before_the_effect_fails_the_command():
     daemon = Faulty("kind=hang-up rpc=createModule")
-    equal(one(daemon)["outcome"], "failed")
+    result = one(daemon)
+    equal([result[key] for key in ("outcome", "status")], ["failed", "UNAVAILABLE"])
     equal(daemon.modules(), [])
 
 
@@ -182,6 +191,11 @@ def test_a_dumped_state_is_loaded_by_another_daemon():
     third = Faulty()
     equal(run(*third.address, file).status, 0)
     equal(third.modules(), ["src"])
+    # At run time it takes the place of what was there.
+    fourth = Faulty()
+    run(*fourth.address, write_file(command("createModule", name="gone", mclass="Sink"), name="other.jsonl"))
+    fourth.ctl("load", file)
+    equal(fourth.modules(), ["src"])
 
 
 def test_a_log_has_a_line_for_each_call():
