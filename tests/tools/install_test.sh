@@ -1,7 +1,7 @@
 #!/bin/sh
 # install_test.sh CMAKE BUILD SOURCES: an installation in a folder of its own: its programs start, the
-# manual and the completions are there, and a program of a few lines builds against it, with the
-# compiler's usual standard.
+# manual and the completions are there, and programs of a few lines build against it, with the
+# compiler's usual standard: an agent, and a test with a stand-in in it.
 set -eu
 cmake=$1
 build=$2
@@ -31,11 +31,31 @@ project(agent CXX)
 find_package(norv REQUIRED)
 add_executable(agent embed.cpp)
 target_link_libraries(agent norv::norv)
+add_executable(with_standin with_standin.cpp)
+target_link_libraries(with_standin norv::standin)
 LISTS
 cp "$sources/examples/embed.cpp" "$folder/agent"
+cat >"$folder/agent/with_standin.cpp" <<'PROGRAM'
+#include <Standin/Server.h>
+int main() {
+  Standin::Options options;
+  options.listen = "127.0.0.1:0";
+  Standin::Server server(options);
+  server.addFault(Standin::Fault::parse("kind=error rpc=createModule"));
+  return server.port() > 0 && server.faults().size() == 1 ? 0 : 1;
+}
+PROGRAM
 "$cmake" -S "$folder/agent" -B "$folder/agent/build" -DCMAKE_PREFIX_PATH="$folder/moved" >"$folder/log"
 "$cmake" --build "$folder/agent/build" >"$folder/log" || {
   tail -n 20 "$folder/log" >&2
   exit 1
 }
+"$folder/agent/build/with_standin"
+
+PKG_CONFIG_PATH=$(dirname "$(find "$folder/moved" -name norv_standin.pc)")
+export PKG_CONFIG_PATH
+# shellcheck disable=SC2046 # several words are wanted
+c++ -std=c++20 "$folder/agent/with_standin.cpp" -o "$folder/with_standin" \
+  $(pkg-config --cflags --libs norv_standin)
+LD_LIBRARY_PATH="$(dirname "$PKG_CONFIG_PATH")" "$folder/with_standin"
 echo "installed, moved, and built against"
