@@ -215,6 +215,44 @@ TEST_F(StandinMetadata, WritersOfOneReaderShareAPlace) {
   for (const char* name : {"t", "u", "m", "n"}) EXPECT_EQ(offsets(name), Offsets{0}) << name;
 }
 
+TEST_F(StandinMetadata, AScopeEndsAtTheNextWriter) {
+  createWriterAndReader();
+  createModule("Timestamp", "again");
+  createModule("Source", "src");
+  createModule("Merge", "join");
+  createModule("Measure", "last");
+  connect("t", "m");
+  connect("m", "again");
+  connect("again", "join", 0, 0);
+  connect("src", "join", 0, 1);  // Past the second writer.
+  connect("join", "last");
+  ask(&Stub::ResumeAll);
+  EXPECT_EQ(offsets("t"), Offsets{0});
+  EXPECT_EQ(offsets("m"), Offsets{0});
+  EXPECT_EQ(offsets("again"), Offsets{writtenForNobody});
+  EXPECT_EQ(offsets("last"), Offsets{readFromNobody});
+}
+
+TEST_F(StandinMetadata, ScopesThatMeetInTheirWriterStandApart) {
+  const auto attribute = [](const std::string& name) {
+    MetadataTestArg arg;
+    (*arg.mutable_read())[name] = 4;
+    return arg;
+  };
+  MetadataTestArg both;
+  (*both.mutable_write())["a"] = 4;
+  (*both.mutable_write())["b"] = 4;
+  createModule("MetadataTest", "w", both);
+  createModule("MetadataTest", "ra", attribute("a"));
+  createModule("MetadataTest", "rb", attribute("b"));
+  connect("w", "ra", 0);
+  connect("w", "rb", 1);
+  ask(&Stub::ResumeAll);
+  EXPECT_EQ(offsets("w"), (Offsets{0, 4}));
+  EXPECT_EQ(offsets("ra"), Offsets{0});
+  EXPECT_EQ(offsets("rb"), Offsets{4});
+}
+
 TEST_F(StandinMetadata, ALoopIsGoneThroughOnce) {
   createWriterAndReader();
   createModule("Merge", "join");
@@ -246,11 +284,13 @@ TEST_F(StandinMetadata, ScopesThatDoNotMeetShareTheirBytesAndThereAreNinetySix) 
   };
   chain("one", {{'a', 32}, {'b', 3}, {'c', 32}, {'d', 1}, {'e', 32}});
   chain("two", {{'x', 4}});
+  chain("full", {{'a', 32}, {'b', 32}, {'c', 32}});
   ask(&Stub::ResumeAll);
   // By the writers' names: a at 0; b behind it; c on the next eight; d between b and c; no room for
   // e.
   EXPECT_EQ(offsets("one"), (Offsets{0, 32, 40, 35, -3}));
   EXPECT_EQ(offsets("two"), Offsets{0});
+  EXPECT_EQ(offsets("full"), (Offsets{0, 32, 64}));
 }
 
 TEST_F(StandinMetadata, TensOfThousandsOfModulesAreConnectedWhileWorkersRun) {

@@ -123,6 +123,21 @@ def test_one_bad_file_of_two():
     refuse(["run", good, bad], bad + ":1:")
 
 
+def test_a_check_sends_nothing():
+    daemon = ScriptedDaemon()
+    harness.os.environ["NORV_HOST"] = "127.0.0.1"
+    harness.os.environ["NORV_PORT"] = daemon.port
+    good = write_file(GOOD, '{"announce":"main"}', GOOD, name="good.jsonl")
+    equal(norvctl("check", good).out, "2 commands and 1 announcements, all good\n")
+    equal(norvctl("check", "-", input=GOOD).status, 0)
+    bad = write_file(GOOD, '{"type":"createPrt"}', '{"announce":"man"}', name="bad.jsonl")
+    finished = norvctl("check", good, bad)
+    equal((finished.status, finished.out), (1, ""), finished)
+    for words in (bad + ":2:", 'nearest is "createPort"', bad + ":3: this queue is announced"):
+        assert words in finished.err, finished
+    equal(daemon.calls(), [])
+
+
 def test_standard_input_is_sent_up_to_the_bad_line():
     daemon = ScriptedDaemon()
     finished = norvctl("run", *daemon.address, "-", input=GOOD + "\nx\n" + GOOD + "\n")

@@ -50,6 +50,16 @@ def test_every_table():
         equal(len(things), len(rows) - 1, what)
 
 
+def test_plugins():
+    standin = Standin()
+    equal(show(standin, "plugins", "--json"), "[]\n")
+    with open("/proc/self/maps") as maps:  # any shared object will do
+        path = next(line.split()[-1] for line in maps if ".so" in line)
+    equal(norvctl("call", *standin.address, "importPlugin", json.dumps({"path": path})).status, 0)
+    assert path in show(standin, "plugins").splitlines()[1], show(standin, "plugins")
+    equal(json.loads(show(standin, "plugins", "--json")), [path])
+
+
 def test_tables_have_what_the_daemon_lists():
     standin = switch()
     names = {one["name"] for one in live(standin, "listModules", "modules")}

@@ -104,9 +104,20 @@ def test_completion_of_verbs_types_and_fields():
 def test_completion_of_live_names():
     home()
     standin = Standin()
-    equal(norvctl("call", *standin.address, "createModule", '{"name":"firewall","mclass":"Sink"}').status, 0)
+    for type, request in (
+        ("createModule", '{"name":"firewall","mclass":"Source"}'),
+        ("createPort", '{"name":"uplink","driver":"UnixSocketPort"}'),
+        ("addWorker", '{"wid":"37"}'),
+        ("addTc", '{"class":{"name":"slices","policy":"round_robin","wid":"37"}}'),
+    ):
+        equal(norvctl("call", *standin.address, type, request).status, 0)
     session = Session(*standin.address)
-    session.command('getModuleInfo {"name":"fire\t"}', '"mclass": "Sink"')
+    session.command('getPortStats {"name":"upl\t"}', "actualHist")
+    session.command('getTcStats {"name":"sli\t"}', "timestamp")
+    session.command('getMclassInfo {"name":"ExactM\t"}', "set_default_gate")
+    session.command('updateTcParams {"class":{"leafModuleName":"fire\t"}}', "Only 'rate_limit'")
+    session.command('destroyWorker {"wid":"3\t"}', "Worker 37 has active tasks")
+    session.command('getModuleInfo {"name":"fire\t"}', '"mclass": "Source"')
     equal(leave(session), 0)
 
 

@@ -149,8 +149,10 @@ std::vector<std::string> Completer::valuesOf(const std::string& key) {
   if (key == "driver" || key == "driverName") return live("drivers", &readDriverNames);
   if (key == "wid") return live("workers", &workerIds);
   if (key == "port") return live("ports", &portNames);
-  if (key == "parent" || key == "leafModuleName") return live("tcs", &tcNames);
-  if (key == "m1" || key == "m2" || key == "moduleName") return live("modules", &readModuleNames);
+  if (key == "parent") return live("tcs", &tcNames);
+  if (key == "m1" || key == "m2" || key == "moduleName" || key == "leafModuleName") {
+    return live("modules", &readModuleNames);
+  }
   if (key == "@type") {
     std::vector<std::string> all;
     for (const auto* message : Bess::messages()) {
@@ -164,6 +166,7 @@ std::vector<std::string> Completer::valuesOf(const std::string& key) {
     append(all, live("modules", &readModuleNames));
     append(all, live("ports", &portNames));
     append(all, live("classes", &readClassNames));
+    append(all, live("tcs", &tcNames));
   }
   return all;
 }
