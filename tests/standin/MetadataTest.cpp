@@ -264,6 +264,28 @@ TEST_F(StandinMetadata, ALoopIsGoneThroughOnce) {
   EXPECT_EQ(offsets("m"), Offsets{0});
 }
 
+TEST_F(StandinMetadata, WritersFoundFromAReaderBringTheirReadersWithThem) {
+  // From t forwards to m, back to u, and forwards to n, which t does not lead to.
+  createWriterAndReader();
+  createModule("Merge", "join");
+  createModule("Replicate", "fork");
+  createModule("Measure", "n");
+  createModule("Timestamp", "u");
+  createModule("Source", "src");
+  createModule("Merge", "other");
+  connect("t", "join", 0, 0);
+  connect("u", "fork");
+  connect("fork", "join", 0, 1);
+  connect("join", "m");
+  connect("fork", "other", 1, 0);
+  connect("src", "other", 0, 1);  // Past the writers, so that nobody has a place.
+  connect("other", "n");
+  ask(&Stub::ResumeAll);
+  EXPECT_EQ(offsets("t"), Offsets{writtenForNobody});
+  EXPECT_EQ(offsets("m"), Offsets{readFromNobody});
+  EXPECT_EQ(offsets("n"), Offsets{readFromNobody});
+}
+
 TEST_F(StandinMetadata, ScopesThatDoNotMeetShareTheirBytesAndThereAreNinetySix) {
   const auto chain = [this](const std::string& prefix,
                             const std::vector<std::pair<char, int>>& all) {
