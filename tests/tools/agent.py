@@ -25,7 +25,8 @@ class Background:
         self.log = log
         with open(log, "ab") as file:
             self.popen = subprocess.Popen(
-                command, stdin=subprocess.DEVNULL, stdout=file, stderr=file, **options
+                command, stdin=subprocess.DEVNULL, stdout=file, stderr=file,
+                start_new_session=True, **options
             )
         harness.running.append(self)
 
@@ -37,8 +38,9 @@ class Background:
         self.popen.send_signal(number)
 
     def end(self):
+        """Ends it, and what it has started."""
         if self.popen.poll() is None:
-            self.popen.kill()
+            os.killpg(self.popen.pid, signal.SIGKILL)
         self.popen.wait()
 
     def finish(self):
