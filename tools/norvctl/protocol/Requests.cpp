@@ -7,6 +7,7 @@
 #include <nlohmann/json.hpp>
 
 #include <Bess/Facts.h>
+#include <Bess/Text.h>
 #include <bess/pb/service.pb.h>
 
 #include "../text/Text.h"
@@ -43,7 +44,7 @@ bool removeUnshowable(Message* message, int depth = 0) {
       auto* any = dynamic_cast<google::protobuf::Any*>(inner);
       if (any && !showable(*any)) {
         google::protobuf::StringValue shown;
-        shown.set_value(any->type_url() + " " + base64(any->value()));
+        shown.set_value(any->type_url() + " " + Bess::base64(any->value()));
         any->PackFrom(shown);
         removed = true;
       } else {

@@ -6,6 +6,8 @@
 #include <set>
 #include <vector>
 
+#include <Bess/Text.h>
+
 #include "../protocol/Requests.h"
 #include "../text/Text.h"
 
@@ -110,11 +112,12 @@ void refuseUnknownKeys(const json& object, const std::string& line) {
 // The bytes of a recording, which carry also what JSON cannot show.
 void fillFromRaw(const json& object, const std::string& line, const RequestInfo& info,
                  google::protobuf::Message* request) {
-  std::string bytes;
-  if (!fromBase64(text(object, line, "request_raw"), &bytes)) {
+  const std::string coded = text(object, line, "request_raw");
+  const auto bytes = Bess::fromBase64(coded);
+  if (!bytes || Bess::base64(*bytes) != coded) {  // as a recording has it, and nothing like it
     throw Complaint{columnOf(line, "request_raw"), "\"request_raw\" is no base64"};
   }
-  if (!request->ParseFromString(bytes)) {
+  if (!request->ParseFromString(*bytes)) {
     throw Complaint{columnOf(line, "request_raw"),
                     "the bytes of \"request_raw\" are no " + std::string(info.requestMessage)};
   }

@@ -7,6 +7,8 @@
 #include <string.h>
 #include <sys/stat.h>
 
+#include <Bess/Text.h>
+
 #include "../text/Text.h"
 
 namespace Norvctl {
@@ -77,7 +79,7 @@ std::string recordedMessage(const std::string& key, const google::protobuf::Mess
   if (google::protobuf::util::MessageToJsonString(message, &json).ok()) {
     return jsonText(key) + ":" + json;
   }
-  return jsonText(key + "_raw") + ":\"" + base64(message.SerializeAsString()) + "\"";
+  return jsonText(key + "_raw") + ":\"" + Bess::base64(message.SerializeAsString()) + "\"";
 }
 
 }  // namespace Norvctl

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <iostream>
 
+#include <Bess/Text.h>
 #include <bess/pb/service.pb.h>
 
 #include "../Verb.h"
@@ -56,7 +57,7 @@ std::unique_ptr<Message> replyMessage(Norv::GrpcRequestType type) {
 void readReply(Norv::GrpcRequestType type, const std::string& bytes, Answer& answer) {
   const std::unique_ptr<Message> message = replyMessage(type);
   if (!message->ParseFromString(bytes)) {
-    answer.responseRaw = base64(bytes);
+    answer.responseRaw = Bess::base64(bytes);
     return;
   }
   message->DiscardUnknownFields();
@@ -64,7 +65,7 @@ void readReply(Norv::GrpcRequestType type, const std::string& bytes, Answer& ans
   answer.response = json::parse(text);
   if (!answer.response.is_object()) {
     answer.response = nullptr;
-    answer.responseRaw = base64(bytes);
+    answer.responseRaw = Bess::base64(bytes);
   }
 }
 
@@ -76,8 +77,8 @@ Answer recordedAnswer(const json& line, Norv::GrpcRequestType type) {
   if (line.contains("response")) {
     answer.response = line["response"];
   } else if (line.contains("response_raw")) {
-    std::string bytes;
-    fromBase64(line["response_raw"].get<std::string>(), &bytes);
+    const std::string bytes =
+        Bess::fromBase64(line["response_raw"].get<std::string>()).value_or("");
     readReply(type, bytes, answer);
   }
   return answer;

@@ -8,8 +8,8 @@
 #include <cstdio>
 #include <ctime>
 #include <nlohmann/json.hpp>
-#include <numeric>
 
+#include <Bess/Text.h>
 #include <Lumo/TraceSink.h>
 
 namespace Norvctl {
@@ -21,24 +21,6 @@ std::string lower(std::string_view text) {
   for (char& c : result) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
   return result;
 }
-
-// How many letters to insert, delete or exchange to make one name of the other.
-std::size_t editDistance(std::string_view a, std::string_view b) {
-  std::vector<std::size_t> row(b.size() + 1);
-  std::iota(row.begin(), row.end(), std::size_t{0});
-  for (std::size_t i = 1; i <= a.size(); ++i) {
-    std::size_t diagonal = row[0]++;
-    for (std::size_t j = 1; j <= b.size(); ++j) {
-      const std::size_t exchange = diagonal + (a[i - 1] != b[j - 1]);
-      diagonal = row[j];
-      row[j] = std::min({row[j] + 1, row[j - 1] + 1, exchange});
-    }
-  }
-  return row.back();
-}
-
-constexpr std::string_view base64Digits =
-    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
 }  // namespace
 
@@ -61,13 +43,11 @@ std::string refusalText(int code, const std::string& text) {
 
 std::vector<std::string> nearestNames(std::string_view name, const std::vector<std::string>& names,
                                       std::size_t most) {
-  // Nobody's name is longer; the distance takes time with the product of the lengths.
-  const std::string wanted = lower(name.substr(0, 100));
+  const std::string wanted = lower(name);
   std::vector<std::pair<std::size_t, std::string>> ranked;
   for (const std::string& candidate : names) {
-    const std::string other = lower(candidate);
-    const bool part = wanted.size() > 2 && other.find(wanted) != std::string::npos;
-    ranked.emplace_back(part ? 1 : editDistance(wanted, other), candidate);
+    const bool part = wanted.size() > 2 && lower(candidate).find(wanted) != std::string::npos;
+    ranked.emplace_back(part ? 1 : Bess::unlikeness(wanted, candidate), candidate);
   }
   std::stable_sort(ranked.begin(), ranked.end(),
                    [](const auto& a, const auto& b) { return a.first < b.first; });
@@ -122,42 +102,6 @@ std::string scaled(double value) {
   const int decimals = prefix == 0 ? 0 : value < 9.995 ? 2 : value < 99.95 ? 1 : 0;
   std::snprintf(text, sizeof text, "%.*f%s", decimals, value, prefixes[prefix]);
   return text;
-}
-
-std::string base64(std::string_view bytes) {
-  std::string text;
-  for (std::size_t at = 0; at < bytes.size(); at += 3) {
-    unsigned group = 0;
-    const std::size_t have = std::min<std::size_t>(3, bytes.size() - at);
-    for (std::size_t i = 0; i < 3; ++i) {
-      group = group << 8 | (i < have ? static_cast<unsigned char>(bytes[at + i]) : 0u);
-    }
-    for (std::size_t i = 0; i < 4; ++i) {
-      text += i <= have ? base64Digits[group >> (18 - 6 * i) & 63] : '=';
-    }
-  }
-  return text;
-}
-
-bool fromBase64(std::string_view text, std::string* bytes) {
-  bytes->clear();
-  if (text.size() % 4 != 0) return false;
-  for (std::size_t at = 0; at < text.size(); at += 4) {
-    unsigned group = 0;
-    std::size_t padding = 0;
-    for (std::size_t i = 0; i < 4; ++i) {
-      const char c = text[at + i];
-      const std::size_t digit = base64Digits.find(c);
-      const bool pad = c == '=' && at + 4 == text.size() && i >= 2;
-      if (pad ? false : digit == std::string_view::npos || padding != 0) return false;
-      padding += pad;
-      group = group << 6 | (pad ? 0u : static_cast<unsigned>(digit));
-    }
-    for (std::size_t i = 0; i + padding < 3; ++i) {
-      bytes->push_back(static_cast<char>(group >> (16 - 8 * i) & 255));
-    }
-  }
-  return true;
 }
 
 std::string timeOfDay() {

@@ -29,10 +29,6 @@ std::string listed(const std::vector<std::string>& words);
 std::string grouped(unsigned long long number);
 std::string scaled(double value);
 
-// Base64 with padding. Decoding takes nothing else than its output; false when it is none.
-std::string base64(std::string_view bytes);
-bool fromBase64(std::string_view text, std::string* bytes);
-
 // As in 2026-01-31T12:00:00.123456Z.
 std::string timeOfDay();
 
