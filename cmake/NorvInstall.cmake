@@ -4,7 +4,7 @@ include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
 # Whoever links these compiles as they were.
-foreach(library lumo bessgrpc norv agent norv_standin)
+foreach(library lumo bessgrpc norv agent state norv_standin)
   target_compile_features(${library} PUBLIC cxx_std_20)
 endforeach()
 
@@ -14,11 +14,11 @@ set_target_properties(norvctl norvd bessd-standin skein PROPERTIES
   INSTALL_RPATH "$ORIGIN/${NORV_BIN_TO_LIB}")
 set_target_properties(lumo bessgrpc norv PROPERTIES INSTALL_RPATH "$ORIGIN")
 
-install(TARGETS lumo bessgrpc norv agent norv_standin EXPORT norvTargets
+install(TARGETS lumo bessgrpc bess_facts norv agent state norv_standin EXPORT norvTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(TARGETS norvctl norvd bessd-standin skein RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-foreach(layer framework types client manager agent standin)
+foreach(layer framework types client manager agent state standin)
   install(DIRECTORY ${PROJECT_SOURCE_DIR}/${layer}/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 endforeach()
 install(DIRECTORY ${PROJECT_BINARY_DIR}/protocol/generated/bess DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
@@ -48,5 +48,7 @@ norv_pkg_config(lumo "Entity framework and trace libraries" "")
 norv_pkg_config(bessgrpc "Messages and stubs of the switch daemon's control protocol"
   "grpc++ protobuf")
 norv_pkg_config(norv "${PROJECT_DESCRIPTION}" "lumo bessgrpc")
+norv_pkg_config(norv_state "The wanted switch as a document, and the plan towards it"
+  "norv grpc++ protobuf yaml-cpp" -lnorv_facts)
 norv_pkg_config(norv_standin "Stand-in for the switch daemon, to run inside a test"
   "bessgrpc grpc++ protobuf" -lgrpc++_reflection)

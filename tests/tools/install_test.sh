@@ -1,7 +1,7 @@
 #!/bin/sh
 # install_test.sh CMAKE BUILD SOURCES: an installation in a folder of its own: its programs start, the
 # manual and the completions are there, and programs of a few lines build against it, with the
-# compiler's usual standard: an agent, and a test with a stand-in in it.
+# compiler's usual standard: an agent, a test with a stand-in in it, and one with the wanted state.
 set -eu
 cmake=$1
 build=$2
@@ -17,7 +17,8 @@ env -u LD_LIBRARY_PATH "$folder/norv/bin/skein" --help >"$folder/log"
 mv "$folder/norv" "$folder/moved"
 "$folder/moved/bin/norvctl" run --standin --quiet "$sources/examples/first-light.jsonl" || [ $? -eq 2 ]
 for file in share/man/man8/norvd.8 lib/systemd/system/norvd.service share/man/man1/norvctl.1 share/man/man1/norvctl-run.1 \
-  share/bash-completion/completions/norvctl share/zsh/site-functions/_norvctl; do
+  share/bash-completion/completions/norvctl share/zsh/site-functions/_norvctl \
+  share/norv/wanted-state.schema.json; do
   [ -s "$folder/moved/$file" ] || {
     echo "there is no $file" >&2
     exit 1
@@ -33,8 +34,10 @@ add_executable(agent embed.cpp)
 target_link_libraries(agent norv::norv)
 add_executable(with_standin with_standin.cpp)
 target_link_libraries(with_standin norv::standin)
+add_executable(plan plan.cpp)
+target_link_libraries(plan norv::state)
 LISTS
-cp "$sources/examples/embed.cpp" "$folder/agent"
+cp "$sources/examples/embed.cpp" "$sources/examples/plan.cpp" "$folder/agent"
 cat >"$folder/agent/with_standin.cpp" <<'PROGRAM'
 #include <Standin/Server.h>
 int main() {
@@ -58,4 +61,22 @@ export PKG_CONFIG_PATH
 c++ -std=c++20 "$folder/agent/with_standin.cpp" -o "$folder/with_standin" \
   $(pkg-config --cflags --libs norv_standin)
 LD_LIBRARY_PATH="$(dirname "$PKG_CONFIG_PATH")" "$folder/with_standin"
+
+# shellcheck disable=SC2046 # several words are wanted
+c++ -std=c++20 "$sources/examples/plan.cpp" -o "$folder/plan" $(pkg-config --cflags --libs norv_state)
+LD_LIBRARY_PATH=$(pkg-config --variable=libdir norv_state)
+export LD_LIBRARY_PATH
+
+"$folder/moved/bin/bessd-standin" --listen 127.0.0.1:0 >"$folder/address" &
+daemon=$!
+trap 'kill $daemon; rm -rf "$folder"' EXIT
+until [ -s "$folder/address" ]; do kill -0 $daemon; done
+port=$(sed 's/.*://' "$folder/address")
+for plan in "$folder/agent/build/plan" "$folder/plan"; do
+  "$plan" "$sources/examples/first-light.yaml" "$port" >"$folder/log"
+  grep -q '^14 commands$' "$folder/log" || {
+    cat "$folder/log" >&2
+    exit 1
+  }
+done
 echo "installed, moved, and built against"
