@@ -165,6 +165,19 @@ constexpr ClassRow rows[] = {
 };
 // clang-format on
 
+// Text fields that take a few words alone, as their comments in the protocol say.
+struct WordRow {
+  const char* message;
+  const char* field;
+  const char* words;
+};
+constexpr WordRow wordRows[] = {
+    {"FlowGenArg", "arrival", "uniform,exponential"},
+    {"FlowGenArg", "duration", "uniform,pareto"},
+    {"HashLBArg", "mode", "l2,l3,l4"},
+    {"RoundRobinArg", "mode", "packet,batch"},
+};
+
 }  // namespace
 
 const ClassRow* classRow(std::string_view name) {
@@ -185,6 +198,14 @@ std::vector<std::string> words(std::string_view list) {
     list = comma == std::string_view::npos ? std::string_view() : list.substr(comma + 1);
   }
   return found;
+}
+
+std::vector<std::string> wordsFor(const google::protobuf::FieldDescriptor& field) {
+  const std::string name = Bess::shortName(*field.containing_type());
+  for (const WordRow& row : wordRows) {
+    if (name == row.message && field.name() == row.field) return words(row.words);
+  }
+  return {};
 }
 
 const google::protobuf::Descriptor* argumentOf(const ClassRow& row) {

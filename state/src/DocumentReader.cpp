@@ -177,6 +177,10 @@ class Reader {
     worker.core = static_cast<std::int64_t>(number(node, "core", INT32_MAX).value_or(0));
     worker.running = truth(node, "running").value_or(true);
     worker.scheduler = scalar(node, "scheduler");
+    if (worker.scheduler && !worker.scheduler->empty() && *worker.scheduler != "experimental") {
+      problem(node.find("scheduler")->mark, "no scheduler is called \"" + *worker.scheduler +
+                                                "\"; there is experimental, or leave it out");
+    }
   }
 
   void port(const std::string& name, const Node& node, const Mark& mark) {

@@ -116,11 +116,6 @@ void Execution::ended(std::size_t step, StepEnd how, const std::string& text) {
 
 std::vector<Execution::State> Execution::states() const {
   std::vector<State> states(plan_.changes.size());
-  const auto worse = [](State& state, State::Kind kind) {
-    if (kind <= state.kind && state.kind != State::Kind::done) return false;
-    state.kind = kind;
-    return true;
-  };
   for (std::size_t i = 0; i < plan_.steps.size(); ++i) {
     const std::size_t change = plan_.steps[i].change;
     if (change == Step::none) continue;
@@ -131,9 +126,9 @@ std::vector<Execution::State> Execution::states() const {
     } else if (state.kind == State::Kind::refused) {
       continue;
     } else if (phases_[i] == Phase::succeeded && ends_[i] == StepEnd::unclear) {
-      if (worse(state, State::Kind::unclear)) state.text = texts_[i];
-    } else if (phases_[i] != Phase::succeeded) {
-      if (!worse(state, State::Kind::notTried)) continue;
+      if (state.kind != State::Kind::unclear) state = {State::Kind::unclear, texts_[i], ""};
+    } else if (phases_[i] != Phase::succeeded && state.kind == State::Kind::done) {
+      state.kind = State::Kind::notTried;
       const std::size_t culprit = culprit_[i];
       const bool own = culprit != Step::none && plan_.steps[culprit].change == change;
       if (culprit != Step::none && !own && plan_.steps[culprit].change != Step::none) {

@@ -193,14 +193,9 @@ class SwitchReader {
                         const google::protobuf::FieldDescriptor& field) {
     const auto* into = argument.GetDescriptor()->FindFieldByName(field.name());
     argument.GetReflection()->ClearField(&argument, into);
-    // A message of that field alone, which has the same number in both.
-    const std::unique_ptr<Message> alone(config.New());
-    alone->CopyFrom(config);
-    for (int i = 0; i < config.GetDescriptor()->field_count(); ++i) {
-      const auto* other = config.GetDescriptor()->field(i);
-      if (other != &field) alone->GetReflection()->ClearField(alone.get(), other);
-    }
-    if (into->number() == field.number()) argument.MergeFromString(alone->SerializeAsString());
+    // It has the same number in both.
+    if (into->number() != field.number()) return;
+    argument.MergeFromString(only({field.name()}, config)->SerializeAsString());
   }
 
   void readGates(const bess::pb::GetModuleInfoResponse& info) {

@@ -17,13 +17,7 @@ constexpr std::size_t manyEntries = 32;
 
 // The message with that field alone, in bytes that compare.
 std::string fieldBytes(const Message& message, const FieldDescriptor& field) {
-  const std::unique_ptr<Message> alone(message.New());
-  alone->CopyFrom(message);
-  for (int i = 0; i < message.GetDescriptor()->field_count(); ++i) {
-    const FieldDescriptor* other = message.GetDescriptor()->field(i);
-    if (other != &field) alone->GetReflection()->ClearField(alone.get(), other);
-  }
-  return serialized(*alone);
+  return serialized(*only({field.name()}, message));
 }
 
 std::string shown(const Message& message, const FieldDescriptor& field) {
@@ -93,15 +87,8 @@ std::string removalKey(const ArgumentTable& table, const Message& prototype,
                        const FieldDescriptor& field, const std::string& entry) {
   const std::unique_ptr<Message> message(prototype.New());
   message->ParseFromString(entry);
-  Message& inner = *message->GetReflection()->MutableRepeatedMessage(message.get(), &field, 0);
-  const auto keys = words(table.key);
-  for (int i = 0; i < inner.GetDescriptor()->field_count(); ++i) {
-    const FieldDescriptor* part = inner.GetDescriptor()->field(i);
-    if (std::find(keys.begin(), keys.end(), part->name()) == keys.end()) {
-      inner.GetReflection()->ClearField(&inner, part);
-    }
-  }
-  return serialized(inner);
+  return serialized(
+      *only(words(table.key), message->GetReflection()->GetRepeatedMessage(*message, &field, 0)));
 }
 
 class ArgumentDifference {

@@ -53,6 +53,42 @@ std::string wrongPrefix(const Message& entry) {
   return route->prefix() + " has bits behind the first " + std::to_string(route->prefix_len());
 }
 
+std::int64_t numberIn(const Message& message, const FieldDescriptor& field, int index) {
+  const auto& reflection = *message.GetReflection();
+  const bool one = index < 0;
+  switch (field.cpp_type()) {
+    case FieldDescriptor::CPPTYPE_INT64:
+      return one ? reflection.GetInt64(message, &field)
+                 : reflection.GetRepeatedInt64(message, &field, index);
+    case FieldDescriptor::CPPTYPE_UINT32:
+      return one ? reflection.GetUInt32(message, &field)
+                 : reflection.GetRepeatedUInt32(message, &field, index);
+    default:
+      return 0;
+  }
+}
+
+void collectGates(const Message& message, std::set<std::int64_t>& gates) {
+  const auto& reflection = *message.GetReflection();
+  std::vector<const FieldDescriptor*> fields;
+  reflection.ListFields(message, &fields);
+  for (const FieldDescriptor* field : fields) {
+    const int size = field->is_repeated() ? reflection.FieldSize(message, field) : 0;
+    const bool named = field->name() == "gate" || field->name() == "gates";
+    if (named && !field->is_repeated()) gates.insert(numberIn(message, *field, -1));
+    for (int i = 0; i < size; ++i) {
+      if (named) gates.insert(numberIn(message, *field, i));
+      if (field->cpp_type() != FieldDescriptor::CPPTYPE_MESSAGE) continue;
+      const Message& inner = reflection.GetRepeatedMessage(message, field, i);
+      if (field->name() == "worker_gates") {
+        gates.insert(numberIn(inner, *field->message_type()->map_value(), -1));
+      } else if (!field->is_map()) {
+        collectGates(inner, gates);
+      }
+    }
+  }
+}
+
 // A name that needs no map around it.
 bool simple(const std::string& name) {
   return !name.empty() && name.find(':') == std::string::npos &&
@@ -70,6 +106,19 @@ std::unique_ptr<Message> newEntry(const ClassRow& row) {
   return newMessage(*entryOf(row));
 }
 
+std::unique_ptr<Message> only(const std::vector<std::string>& fields, const Message& message) {
+  std::unique_ptr<Message> copy(message.New());
+  copy->CopyFrom(message);
+  std::vector<const FieldDescriptor*> set;
+  message.GetReflection()->ListFields(message, &set);
+  for (const FieldDescriptor* field : set) {
+    if (std::find(fields.begin(), fields.end(), field->name()) == fields.end()) {
+      copy->GetReflection()->ClearField(copy.get(), field);
+    }
+  }
+  return copy;
+}
+
 Widths entryWidths(const ClassRow& row, const Module& module) {
   if (row.entryTable->widths.empty() || !module.arg) return {};
   const auto argument = unpacked(*module.arg);
@@ -77,17 +126,7 @@ Widths entryWidths(const ClassRow& row, const Module& module) {
 }
 
 std::string entryKey(const ClassRow& row, const Message& entry) {
-  const std::unique_ptr<Message> key(entry.New());
-  key->CopyFrom(entry);
-  const auto keys = words(row.entryTable->key);
-  std::vector<const FieldDescriptor*> fields;
-  entry.GetReflection()->ListFields(entry, &fields);
-  for (const FieldDescriptor* field : fields) {
-    if (std::find(keys.begin(), keys.end(), field->name()) == keys.end()) {
-      key->GetReflection()->ClearField(key.get(), field);
-    }
-  }
-  return serialized(*key);
+  return serialized(*only(words(row.entryTable->key), entry));
 }
 
 bool normaliseEntry(const ClassRow& row, Message& entry, std::size_t values,
@@ -129,6 +168,17 @@ bool normaliseEntry(const ClassRow& row, Message& entry, std::size_t values,
     }
   }
   return true;
+}
+
+std::set<std::int64_t> gatesBeyond(const Module& module) {
+  const ClassRow* row = classRow(module.moduleClass);
+  std::set<std::int64_t> gates;
+  if (row == nullptr || !module.arg || module.arg->value().empty()) return gates;
+  if (const auto argument = unpacked(*module.arg)) collectGates(*argument, gates);
+  std::erase_if(gates, [&](std::int64_t gate) {
+    return (gate >= 0 && gate < row->outputs) || gate == static_cast<std::int64_t>(dropGate);
+  });
+  return gates;
 }
 
 std::string portOf(const Module& module) {

@@ -3,6 +3,7 @@
 #include <google/protobuf/message.h>
 
 #include <memory>
+#include <set>
 
 #include <Bess/Facts.h>
 #include <Norv/State/ClassTable.h>
@@ -15,6 +16,8 @@ namespace Norv::State {
 
 std::unique_ptr<Message> newMessage(const google::protobuf::Descriptor& type);
 std::unique_ptr<Message> newEntry(const ClassRow& row);
+// A copy with these fields alone.
+std::unique_ptr<Message> only(const std::vector<std::string>& fields, const Message& message);
 // The widths of the values in an entry, as the module's argument tells them.
 Widths entryWidths(const ClassRow& row, const Module& module);
 // Serialized fields that tell an entry from others.
@@ -23,6 +26,10 @@ std::string entryKey(const ClassRow& row, const Message& entry);
 // an entry has; 0: not known.
 bool normaliseEntry(const ClassRow& row, Message& entry, std::size_t values,
                     std::string& complaint);
+
+// Gates that the module's argument names and its class does not have: a daemon refuses them, or
+// cuts them to 16 bits and takes another.
+std::set<std::int64_t> gatesBeyond(const Module& module);
 
 // The port that the module holds; empty: none.
 std::string portOf(const Module& module);

@@ -143,6 +143,30 @@ bool plainLooking(const std::string& text) {
   return std::all_of(text.begin(), text.end(), [](unsigned char c) { return c >= 32 && c != 127; });
 }
 
+// A parser looks for the colon of a key no further than 1,024 characters, of which a character
+// takes up to ten when it is escaped; what is longer needs a "?" before it.
+constexpr std::size_t longKey = 100;
+
+// JSON with a "?" before its long keys.
+std::string withLongKeysMarked(const std::string& text) {
+  const std::size_t first = text.find_first_not_of(" \t\r\n");
+  if (first == std::string::npos || text[first] != '{') return text;
+  std::string marked;
+  std::size_t copied = 0;
+  for (std::size_t at = text.find('"'); at != std::string::npos; at = text.find('"', at)) {
+    const std::size_t begin = at++;
+    while (at < text.size() && text[at] != '"') at += text[at] == '\\' ? 2 : 1;
+    if (at >= text.size()) break;
+    const std::size_t behind = text.find_first_not_of(" \t\r\n", ++at);
+    if (at - begin <= longKey || behind == std::string::npos || text[behind] != ':') continue;
+    marked.append(text, copied, begin - copied).append("? ");
+    copied = begin;
+  }
+  // In YAML a quote may be a letter among others.
+  if (marked.empty() || !nlohmann::json::accept(text)) return text;
+  return marked.append(text, copied);
+}
+
 void emitScalar(YAML::Emitter& out, const std::string& text) {
   // Control characters are escaped only where there are double quotes.
   if (!plainLooking(text)) out << YAML::DoubleQuoted;
@@ -171,6 +195,7 @@ void emit(YAML::Emitter& out, const Node& node) {
       out << YAML::BeginMap;
       for (std::size_t i = 0; i < node.keys.size(); ++i) {
         const Node& child = node.children[i];
+        if (node.keys[i].size() > longKey) out << YAML::LongKey;
         out << YAML::Key;
         emitScalar(out, node.keys[i]);
         out << YAML::Value;
@@ -279,7 +304,7 @@ Node readYaml(const std::string& text, const std::string& file, std::vector<Prob
     return builder.root;
   }
   try {
-    std::istringstream stream(text);
+    std::istringstream stream(withLongKeysMarked(text));
     YAML::Parser parser(stream);
     parser.HandleNextDocument(builder);
     Builder second(file, problems, limits);

@@ -25,6 +25,17 @@ std::size_t PlanBuilder::step(GrpcRequestType type, std::unique_ptr<Message> req
   return plan.steps.size() - 1;
 }
 
+std::size_t PlanBuilder::reachingStep(GrpcRequestType type, std::unique_ptr<Message> request,
+                                      Kind queue, std::size_t change,
+                                      std::vector<std::size_t> after,
+                                      std::vector<std::size_t> behind) {
+  behind.insert(behind.end(), standing.begin(), standing.end());
+  const std::size_t made =
+      step(type, std::move(request), queue, change, std::move(after), std::move(behind));
+  if (standing.size() > 1) standing = {made};
+  return made;
+}
+
 std::size_t PlanBuilder::impossible(const std::string& why, std::size_t change) {
   Step step;
   step.change = change;
@@ -47,6 +58,7 @@ class Planner {
     findRecreated();
     builder_.plan.liveObjects = live_.objects();
     countLeftAlone();
+    warnOfGates();
 
     const TrafficContext context{live_, target_, destroyed_};
     TrafficPlanner traffic(builder_, context);
@@ -119,12 +131,11 @@ class Planner {
   static const std::optional<Any>* matches(const std::map<HookPoint, std::optional<Any>>& hooks,
                                            const HookPoint& point) {
     if (const auto found = hooks.find(point); found != hooks.end()) return &found->second;
-    for (const auto& [other, arg] : hooks) {
-      const bool unnamed = other.name.empty() || point.name.empty();
-      if (unnamed && other.gate == point.gate && other.output == point.output &&
-          other.hookClass == point.hookClass) {
-        return &arg;
-      }
+    auto other = hooks.lower_bound({point.gate, point.output, point.hookClass, ""});
+    for (; other != hooks.end() && other->first.gate == point.gate &&
+           other->first.output == point.output && other->first.hookClass == point.hookClass;
+         ++other) {
+      if (other->first.name.empty() || point.name.empty()) return &other->second;
     }
     return nullptr;
   }
@@ -192,13 +203,14 @@ class Planner {
     }
   }
 
-  template <class Value>
-  static void compare(std::string& why, const char* what, const std::optional<Value>& live,
-                      const std::optional<Value>& target) {
-    if (!live || !target || *live == *target) return;
-    if constexpr (std::is_same_v<Value, std::uint64_t>) {
-      why += (why.empty() ? "" : ", ") + std::string(what) + ": " + std::to_string(*live) + " -> " +
-             std::to_string(*target);
+  void warnOfGates() {
+    for (const auto& [name, module] : wanted_.modules) {
+      for (const std::int64_t gate : gatesBeyond(module)) {
+        const std::uint32_t outputs = classRow(module.moduleClass)->outputs;
+        builder_.plan.warnings.push_back("module " + name + ": its argument names gate " +
+                                         std::to_string(gate) + ", and the last of a " +
+                                         module.moduleClass + " is " + std::to_string(outputs - 1));
+      }
     }
   }
 
@@ -211,10 +223,20 @@ class Planner {
     } else if (target.arg && !same(*live.arg, *target.arg)) {
       why = "another argument";
     }
-    compare(why, "num_inc_q", live.incQueues, target.incQueues);
-    compare(why, "num_out_q", live.outQueues, target.outQueues);
-    compare(why, "size_inc_q", live.incSize, target.incSize);
-    compare(why, "size_out_q", live.outSize, target.outSize);
+    const auto compare = [&](const std::string& what, const std::optional<std::uint64_t>& told,
+                             const std::optional<std::uint64_t>& stated) {
+      if (!stated || (told && *told == *stated)) return;
+      if (!told && !options_.recreateUnknown) {
+        builder_.plan.assumed.push_back("port " + name + ": " + what);
+        return;
+      }
+      why += (why.empty() ? "" : ", ") + what + ": " + (told ? std::to_string(*told) : "not told") +
+             " -> " + std::to_string(*stated);
+    };
+    compare("num_inc_q", live.incQueues, target.incQueues);
+    compare("num_out_q", live.outQueues, target.outQueues);
+    compare("size_inc_q", live.incSize, target.incSize);
+    compare("size_out_q", live.outSize, target.outSize);
     return why;
   }
 
@@ -278,9 +300,10 @@ class Planner {
   // Whether the connection is there and need not be touched.
   bool connectionStays(const Gate& from) const {
     const auto live = live_.connections.find(from);
+    if (live == live_.connections.end()) return false;
     const auto target = target_.connections.find(from);
-    return live != live_.connections.end() && target != target_.connections.end() &&
-           live->second == target->second && stays(from.module) && stays(live->second.module);
+    return target != target_.connections.end() && live->second == target->second &&
+           stays(from.module) && stays(live->second.module);
   }
 
   void disconnect() {
@@ -503,16 +526,40 @@ class Planner {
     }
     // By the workers that have to stand still for it.
     std::map<std::set<std::int64_t>, std::vector<std::string>> windows;
-    const auto reached = reachedBy(traffic);
+    const auto reached = reachedByRunning();
     for (const auto& [name, found] : differences_) {
       if (found.commands.empty() || recreated_.contains(name)) continue;
       const bool pause = std::any_of(found.commands.begin(), found.commands.end(),
                                      [](const ModuleCommand& one) { return !one.whileRunning; });
       const auto workers = reached.find(name);
-      windows[pause && workers != reached.end() ? workers->second : std::set<std::int64_t>()]
-          .push_back(name);
+      std::set<std::int64_t> standing;
+      if (pause && workers != reached.end()) {
+        for (const std::int64_t worker : workers->second) {
+          if (traffic.runsThroughout(worker)) standing.insert(worker);
+          // One that stops anyway has to have stopped.
+          if (const auto step = traffic.stopped(worker)) stops_[name].push_back(*step);
+        }
+      }
+      if (pause && othersRun(standing, traffic)) findReached(stops_[name]);
+      windows[standing].push_back(name);
     }
     for (const auto& [workers, names] : windows) window(workers, names);
+  }
+
+  bool othersRun(const std::set<std::int64_t>& standing, const TrafficPlanner& traffic) const {
+    return std::any_of(live_.workers.begin(), live_.workers.end(), [&](const auto& one) {
+      return traffic.runsThroughout(one.first) && !standing.contains(one.first);
+    });
+  }
+
+  // A daemon goes by what it found last when it refuses: a worker that was cut off from a module
+  // still counts until it is told to look again.
+  void findReached(std::vector<std::size_t>& before) {
+    if (!found_) {
+      found_ = builder_.step(checkSchedulingConstraints, std::make_unique<bess::pb::EmptyRequest>(),
+                             Kind::worker, Step::none);
+    }
+    before.push_back(*found_);
   }
 
   // The entries of a table do not need each other, but what comes before them.
@@ -524,6 +571,7 @@ class Planner {
     for (const ModuleCommand& command : commands) {
       sent.push_back(builder_.step(moduleCommand, commandRequest(name, command), Kind::module,
                                    change, after, behind));
+      if (!command.whileRunning) builder_.standing.push_back(sent.back());
       if (command.command != "add" && command.command != "delete") after = {sent.back()};
     }
     return sent;
@@ -535,7 +583,8 @@ class Planner {
     for (const std::int64_t worker : workers) {
       auto request = std::make_unique<bess::pb::PauseWorkerRequest>();
       request->set_wid(worker);
-      paused.push_back(builder_.step(pauseWorker, std::move(request), Kind::worker, Step::none));
+      paused.push_back(
+          builder_.step(pauseWorker, std::move(request), Kind::worker, Step::none, {}, resumed_));
       who += (who.empty() ? "" : ", ") + std::to_string(worker);
     }
     std::vector<std::size_t> ended = paused;
@@ -543,15 +592,19 @@ class Planner {
       const std::size_t change = builder_.change({Kind::module, name}, Action::change);
       const ModuleDifference& found = differences_[name];
       for (const std::string& detail : found.details) builder_.detail(change, detail);
-      const auto sent = sendCommands(name, found.commands, change, {}, paused);
+      std::vector<std::size_t> behind = stops_[name];
+      behind.insert(behind.end(), paused.begin(), paused.end());
+      const auto sent = sendCommands(name, found.commands, change, {}, behind);
       ended.insert(ended.end(), sent.begin(), sent.end());
     }
+    if (workers.empty()) return;
+    resumed_.clear();  // the next window comes behind this one, which would end it
     for (const std::int64_t worker : workers) {
       auto request = std::make_unique<bess::pb::ResumeWorkerRequest>();
       request->set_wid(worker);
-      builder_.step(resumeWorker, std::move(request), Kind::worker, Step::none, {}, ended);
+      resumed_.push_back(
+          builder_.step(resumeWorker, std::move(request), Kind::worker, Step::none, {}, ended));
     }
-    if (workers.empty()) return;
     std::string what;
     for (const std::string& name : names) what += (what.empty() ? "" : ", ") + name;
     builder_.plan.pauses.push_back((workers.size() == 1 ? "worker " : "workers ") + who +
@@ -559,17 +612,24 @@ class Planner {
                                    " changed");
   }
 
-  // The workers that run throughout and come to a module, as the daemon finds them: along the
-  // connections from a task's module, up to modules with a task of their own.
-  std::map<std::string, std::set<std::int64_t>> reachedBy(const TrafficPlanner& traffic) const {
+  // The workers that run and come to a module, as the daemon finds them: along the connections from
+  // a task's module, up to modules with a task of their own.
+  std::map<std::string, std::set<std::int64_t>> reachedByRunning() const {
     std::map<std::string, std::set<std::string>> next;
     for (const auto& [from, to] : live_.connections) next[from.module].insert(to.module);
     std::map<std::string, std::set<std::int64_t>> reached;
     for (const auto& [name, module] : live_.modules) {
       std::set<std::int64_t> workers;
       for (const auto& place : module.tasks) {
-        const std::int64_t worker = place ? rootOf(live_, *place) : -1;
-        if (worker >= 0 && traffic.runsThroughout(worker)) workers.insert(worker);
+        if (!place) continue;
+        const std::int64_t at = rootOf(live_, *place);
+        const bool goes = !target_.workers.contains(at) && !target_.workers.empty();
+        for (const auto& [worker, live] : live_.workers) {
+          // One that waits may come to any, and one whose worker goes comes to the first.
+          const bool here =
+              worker == at || at < 0 || (goes && worker == target_.workers.begin()->first);
+          if (here && live.running.value_or(false)) workers.insert(worker);
+        }
       }
       if (workers.empty()) continue;
       std::set<std::string> seen{name};
@@ -592,7 +652,13 @@ class Planner {
   void connect() {
     for (const auto& [from, to] : target_.connections) {
       if (connectionStays(from)) continue;
-      if (!target_.modules.contains(from.module) || !target_.modules.contains(to.module)) continue;
+      std::vector<std::size_t> after;
+      const auto there = [&](const std::string& module) {
+        const auto made = created_.find(module);
+        if (made != created_.end()) after.push_back(made->second);
+        return made != created_.end() || target_.modules.contains(module);
+      };
+      if (!there(from.module) || !there(to.module)) continue;
       auto request = std::make_unique<bess::pb::ConnectModulesRequest>();
       request->set_m1(from.module);
       request->set_m2(to.module);
@@ -600,16 +666,13 @@ class Planner {
       request->set_igate(to.number);
       const bool withDefault = matches(target_.hooks, defaultHook(from)) != nullptr;
       request->set_skip_default_hooks(!withDefault);
-      std::vector<std::size_t> after;
-      for (const std::string& end : {from.module, to.module}) {
-        if (const auto made = created_.find(end); made != created_.end())
-          after.push_back(made->second);
-      }
       if (const auto before = disconnected_.find(from); before != disconnected_.end()) {
         after.push_back(before->second);
       }
-      connected_[from] = builder_.step(connectModules, std::move(request), Kind::connection,
-                                       changeOfConnection(from, to), std::move(after));
+      connected_.emplace_hint(
+          connected_.end(), from,
+          builder_.reachingStep(connectModules, std::move(request), Kind::connection,
+                                changeOfConnection(from, to), std::move(after)));
     }
   }
 
@@ -687,6 +750,9 @@ class Planner {
   std::map<std::string, std::size_t> destroyed_, created_, portDestroyed_, portCreated_;
   std::map<Gate, std::size_t> disconnected_, connected_;
   std::vector<std::size_t> hookRemoved_;
+  std::map<std::string, std::vector<std::size_t>> stops_;  // of workers that come to a module
+  std::optional<std::size_t> found_;                       // the daemon has looked who does
+  std::vector<std::size_t> resumed_;                       // by the last window
 };
 
 }  // namespace

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <map>
+#include <unordered_map>
 
 #include <Norv/State/ClassTable.h>
 #include <Norv/State/Plan.h>
@@ -23,11 +24,22 @@ class PlanBuilder {
   std::size_t step(GrpcRequestType type, std::unique_ptr<Message> request, Kind queue,
                    std::size_t change, std::vector<std::size_t> after = {},
                    std::vector<std::size_t> behind = {});
+  // Commands for which no running worker may come to their module. What lets workers come to more
+  // modules waits for these: the first such step for all of them, the others for that one.
+  std::vector<std::size_t> standing;
+  std::size_t reachingStep(GrpcRequestType type, std::unique_ptr<Message> request, Kind queue,
+                           std::size_t change, std::vector<std::size_t> after,
+                           std::vector<std::size_t> behind = {});
   // A step that cannot be taken; what comes after it is not tried either.
   std::size_t impossible(const std::string& why, std::size_t change);
 
  private:
-  std::map<Object, std::size_t> changeOf_;
+  struct Hash {
+    std::size_t operator()(const Object& object) const {
+      return std::hash<std::string>()(object.name) * 8 + static_cast<std::size_t>(object.kind);
+    }
+  };
+  std::unordered_map<Object, std::size_t, Hash> changeOf_;
 };
 
 // A command to a module that is still to become a step.
@@ -73,6 +85,8 @@ class TrafficPlanner {
   // Workers that shall run and do not yet: after everything else.
   void planRunning();
 
+  // The step after which it does not run as before, where there is one.
+  std::optional<std::size_t> stopped(std::int64_t worker) const;
   // Those that run before and shall run after, and are not touched.
   bool runsThroughout(std::int64_t worker) const;
 
@@ -115,6 +129,7 @@ class TrafficPlanner {
   std::map<std::int64_t, std::vector<Task>> tasksOf_;  // of modules that stay, by worker
   std::map<std::int64_t, std::size_t> workerAdded_;
   std::map<std::int64_t, std::size_t> workerDestroyed_;  // with its classes; before it is made anew
+  std::map<std::int64_t, std::size_t> workerPaused_;     // for good
   std::map<std::string, std::size_t> classAdded_;
   std::map<std::int64_t, std::int64_t>
       holdingOf_;  // the worker that holds a worker's tasks meanwhile

@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
+#include <Bess/Text.h>
 #include <Norv/State/Files.h>
 #include <Norv/State/Record.h>
 #include <bess/pb/service.pb.h>
@@ -41,7 +42,7 @@ std::optional<Kind> kindNamed(const std::string& name) {
 }
 
 std::string bytesIn(const Json& text) {
-  auto bytes = fromBase64(text.get<std::string>());
+  auto bytes = Bess::fromBase64(text.get<std::string>());
   if (!bytes) throw std::runtime_error("no base64");
   return *bytes;
 }
@@ -58,7 +59,10 @@ std::string toldBy(const LiveSwitch& live, const std::string& name, const Module
 
 std::string recordName(const std::string& address) {
   std::string name;
-  for (const char c : address) {
+  const std::size_t colon = std::min(address.rfind(':'), address.size());
+  const std::string host = address.substr(0, colon);
+  const bool here = host == "localhost" || host == "127.0.0.1" || host == "[::1]";
+  for (const char c : (here ? "localhost" : host) + address.substr(colon)) {
     const bool plain = std::isalnum(static_cast<unsigned char>(c)) || c == '.' || c == '-';
     name += plain ? c : '_';
   }
@@ -116,14 +120,15 @@ void Record::save(const std::string& file) const {
     Json one;
     one["kind"] = kindName(object.kind);
     one["name"] = object.name;
-    one["told"] = base64(entry.told);
+    one["told"] = Bess::base64(entry.told);
     if (entry.doubtful) one["doubtful"] = true;
     if (!entry.word.empty()) one["word"] = entry.word;
-    if (entry.arg) one["arg"] = base64(entry.arg->SerializeAsString());
+    if (entry.arg) one["arg"] = Bess::base64(entry.arg->SerializeAsString());
     if (!entry.settings.empty()) one["settings"] = entry.settings;
     if (entry.table) {
       Json rows = Json::array();
-      for (const auto& [key, row] : *entry.table) rows.push_back({base64(key), base64(row)});
+      for (const auto& [key, row] : *entry.table)
+        rows.push_back({Bess::base64(key), Bess::base64(row)});
       one["table"] = std::move(rows);
     }
     json["objects"].push_back(std::move(one));
@@ -209,12 +214,37 @@ void Record::begin(const Plan& plan, const Switch& wanted) {
     entries_[change.object] = {};
     entries_[change.object].doubtful = true;
   }
+  for (const Change& change : plan.changes) {
+    // A class that is made anew is so for its policy or place, which the daemon tells.
+    const bool classAnew =
+        change.object.kind == Kind::trafficClass && change.action == Change::Action::recreate;
+    if (change.action == Change::Action::create || classAnew) enterMade(change.object, wanted);
+    // Another address of a port that is made anew is no sign of another life.
+    const bool inPlace = change.action == Change::Action::change;
+    if (change.object.kind == Kind::port && !inPlace) addresses_.erase(change.object.name);
+  }
   // Workers that only pause meanwhile.
   for (const Step& step : plan.steps) {
     if (step.type != pauseWorker || step.change != Step::none || !step.request) continue;
     const auto id = static_cast<const bess::pb::PauseWorkerRequest&>(*step.request).wid();
     entries_[{Kind::worker, std::to_string(id)}].doubtful = true;
   }
+}
+
+// What an object is made with in one command holds if it is there afterwards.
+void Record::enterMade(const Object& object, const Switch& wanted) {
+  Entry entry;
+  if (object.kind == Kind::port) {
+    const auto port = wanted.ports.find(object.name);
+    if (port != wanted.ports.end()) entry.arg = port->second.arg;
+  } else if (object.kind == Kind::trafficClass) {
+    const auto one = wanted.trafficClasses.find(object.name);
+    if (one != wanted.trafficClasses.end()) entry.word = one->second.resource;
+  } else if (object.kind == Kind::worker) {
+    const auto worker = wanted.workers.find(std::atoll(object.name.c_str()));
+    if (worker != wanted.workers.end()) entry.word = worker->second.scheduler.value_or("");
+  }
+  if (!entry.holdsNothing()) entries_[object] = std::move(entry);
 }
 
 // A worker that was paused for a change that was cut short is in doubt until it runs again, or

@@ -48,6 +48,7 @@ Json valueSchema(const FieldDescriptor& field) {
     case FieldDescriptor::CPPTYPE_DOUBLE:
       return {{"type", "number"}};
     case FieldDescriptor::CPPTYPE_STRING:
+      if (const auto allowed = wordsFor(field); !allowed.empty()) return {{"enum", allowed}};
       if (field.type() == FieldDescriptor::TYPE_STRING) return anyText;
       return {{"type", {"string", "integer"}}};
     default:

@@ -130,6 +130,13 @@ bool TrafficPlanner::runsThroughout(std::int64_t worker) const {
          target->second.running.value_or(true);
 }
 
+std::optional<std::size_t> TrafficPlanner::stopped(std::int64_t worker) const {
+  for (const auto* steps : {&workerPaused_, &workerDestroyed_}) {
+    if (const auto step = steps->find(worker); step != steps->end()) return step->second;
+  }
+  return {};
+}
+
 std::int64_t TrafficPlanner::freeWorker() const {
   for (std::int64_t id = workerLimit - 1; id >= 0; --id) {
     const bool held = std::any_of(holdingOf_.begin(), holdingOf_.end(),
@@ -167,7 +174,7 @@ void TrafficPlanner::changeWorkers() {
     builder_.detail(change, "running: true -> false");
     auto request = std::make_unique<bess::pb::PauseWorkerRequest>();
     request->set_wid(id);
-    builder_.step(pauseWorker, std::move(request), Kind::worker, change);
+    workerPaused_[id] = builder_.step(pauseWorker, std::move(request), Kind::worker, change);
   }
   for (const std::int64_t worker : rebuilt_) rebuild(worker);
   for (const std::int64_t worker : removed_) removeWorker(worker);
@@ -278,8 +285,8 @@ std::size_t TrafficPlanner::moveTask(const std::string& module, std::uint64_t nu
   message.set_leaf_module_name(module);
   message.set_leaf_module_taskid(number);
   fill(message, place);
-  return builder_.step(updateTcParent, std::move(request), Kind::trafficClass, change,
-                       std::move(after), std::move(behind));
+  return builder_.reachingStep(updateTcParent, std::move(request), Kind::trafficClass, change,
+                               std::move(after), std::move(behind));
 }
 
 // The steps that make what the place names.

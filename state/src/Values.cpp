@@ -8,6 +8,8 @@
 #include <limits>
 
 #include <Bess/Facts.h>
+#include <Bess/Text.h>
+#include <Norv/State/ClassTable.h>
 #include <bess/pb/service.pb.h>
 
 namespace Norv::State {
@@ -180,6 +182,7 @@ class MessageReader {
           if (!bytes) return problem(node, notBytes(text, width));
           value = *bytes;
         }
+        checkWord(node, field);
         add ? reflection.AddString(&message, &field, value)
             : reflection.SetString(&message, &field, value);
         return;
@@ -202,6 +205,16 @@ class MessageReader {
       default:
         return readInteger(node, message, field, width);
     }
+  }
+
+  void checkWord(const Node& node, const FieldDescriptor& field) {
+    const auto allowed = wordsFor(field);
+    if (allowed.empty() || node.scalar.empty()) return;
+    if (std::find(allowed.begin(), allowed.end(), node.scalar) != allowed.end()) return;
+    std::string all;
+    for (const std::string& word : allowed) all += (all.empty() ? "" : ", ") + word;
+    problem(node,
+            "no \"" + field.name() + "\" is called \"" + node.scalar + "\"; there are " + all);
   }
 
   void readInteger(const Node& node, Message& message, const FieldDescriptor& field,
@@ -259,7 +272,7 @@ class MessageReader {
   // Quoted text is base64 first, as in JSON, which pads it; all other text is an address or a
   // number first, which a JSON export quotes as well.
   static std::optional<std::string> bytesValue(const Node& node, std::size_t width) {
-    auto coded = fromBase64(node.scalar);
+    auto coded = Bess::fromBase64(node.scalar);
     if (coded && width != 0 && coded->size() != width) coded.reset();
     const auto spoken = bytesOf(node.scalar, width);
     const bool padded = node.scalar.size() % 4 == 0;
@@ -328,7 +341,8 @@ Node valueNode(const Message& message, const FieldDescriptor& field, int index, 
       const std::string value = one ? reflection.GetString(message, &field)
                                     : reflection.GetRepeatedString(message, &field, index);
       if (field.type() != FieldDescriptor::TYPE_BYTES) return Node::text(value);
-      return Node::text(width != 0 && value.size() == width ? textOfBytes(value) : base64(value));
+      return Node::text(width != 0 && value.size() == width ? textOfBytes(value)
+                                                            : Bess::base64(value));
     }
     case FieldDescriptor::CPPTYPE_BOOL:
       return Node::plain((one ? reflection.GetBool(message, &field)
@@ -442,41 +456,6 @@ std::string textOfBytes(const std::string& bytes) {
   return written;
 }
 
-constexpr std::string_view base64Digits =
-    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-
-std::string base64(const std::string& bytes) {
-  std::string text;
-  std::size_t bits = 0;
-  unsigned held = 0;
-  for (const char byte : bytes) {
-    held = held << 8 | static_cast<unsigned char>(byte);
-    for (bits += 8; bits >= 6; bits -= 6) text += base64Digits[held >> (bits - 6) & 63];
-  }
-  if (bits > 0) text += base64Digits[held << (6 - bits) & 63];
-  while (text.size() % 4 != 0) text += '=';
-  return text;
-}
-
-// With or without padding, in both alphabets, as the JSON form of messages has it.
-std::optional<std::string> fromBase64(const std::string& text) {
-  std::string bytes;
-  std::size_t bits = 0;
-  unsigned held = 0;
-  const std::size_t end = std::min(text.find('='), text.size());
-  if (text.size() - end > 2 || text.find_first_not_of('=', end) != std::string::npos) return {};
-  if (end % 4 == 1) return {};
-  for (std::size_t at = 0; at < end; ++at) {
-    const char c = text[at] == '-' ? '+' : text[at] == '_' ? '/' : text[at];
-    const std::size_t digit = base64Digits.find(c);
-    if (digit == std::string_view::npos) return {};
-    held = held << 6 | static_cast<unsigned>(digit);
-    bits += 6;
-    if (bits >= 8) bytes += static_cast<char>(held >> (bits -= 8) & 255);
-  }
-  return bytes;
-}
-
 void readMessage(const Node& node, Message& message, std::vector<Problem>& problems,
                  const Widths& widths) {
   MessageReader(problems).read(node, message, widths);
@@ -548,30 +527,13 @@ void makeCanonical(Message& message, const Widths& given) {
 }
 
 std::string didYouMean(const std::string& name, const std::vector<std::string>& names) {
-  const auto lower = [](std::string text) {
-    for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    return text;
-  };
-  // The distance takes time with the product of the lengths, and no name of ours is that long.
-  const std::string wanted = lower(name.substr(0, 100));
   std::string best;
-  std::size_t least = wanted.size() / 2 + 2;
+  std::size_t least = std::min<std::size_t>(name.size(), 100) / 2 + 2;
   for (const std::string& candidate : names) {
-    const std::string other = lower(candidate.substr(0, 100));
-    std::vector<std::size_t> row(other.size() + 1);
-    for (std::size_t i = 0; i < row.size(); ++i) row[i] = i;
-    for (std::size_t i = 0; i < wanted.size(); ++i) {
-      std::size_t diagonal = row[0]++;
-      for (std::size_t j = 0; j < other.size(); ++j) {
-        const std::size_t changed = diagonal + (wanted[i] != other[j]);
-        diagonal = row[j + 1];
-        row[j + 1] = std::min({row[j] + 1, row[j + 1] + 1, changed});
-      }
-    }
-    if (row.back() < least) {
-      least = row.back();
-      best = candidate;
-    }
+    const std::size_t unlike = Bess::unlikeness(name, candidate);
+    if (unlike >= least) continue;
+    least = unlike;
+    best = candidate;
   }
   return best.empty() ? "" : "; did you mean \"" + best + "\"?";
 }

@@ -19,8 +19,6 @@ std::optional<std::uint64_t> numberOf(const std::string& text);
 std::optional<std::string> bytesOf(const std::string& text, std::size_t width);
 // The shortest form that bytesOf reads back.
 std::string textOfBytes(const std::string& bytes);
-std::string base64(const std::string& bytes);
-std::optional<std::string> fromBase64(const std::string& text);
 // "2:0:0:0:0:1" as "02:00:00:00:00:01"; none if it is no MAC address.
 std::optional<std::string> macText(const std::string& text);
 

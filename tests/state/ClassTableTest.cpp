@@ -1,5 +1,8 @@
+#include <regex>
+
 #include <Bess/Facts.h>
 #include <Norv/State/ClassTable.h>
+#include <bess/pb/module_arg.pb.h>
 #include <bess/pb/service.grpc.pb.h>
 
 #include "SwitchFixture.h"
@@ -49,6 +52,26 @@ TEST(ClassTable, NamesFieldsAndCommandsThatAreThere) {
       EXPECT_NE(argument->FindFieldByName(std::string(row.port)), nullptr);
     }
   }
+}
+
+// A comment that lists words in quotes is of a field that takes no others.
+TEST(ClassTable, WordsAreThoseOfTheComments) {
+  int seen = 0;
+  const auto* file = bess::pb::FlowGenArg::descriptor()->file();
+  const std::regex quoted("\"([^\"]+)\"");
+  for (int i = 0; i < file->message_type_count(); ++i) {
+    for (int j = 0; j < file->message_type(i)->field_count(); ++j) {
+      const auto& field = *file->message_type(i)->field(j);
+      if (field.cpp_type() != google::protobuf::FieldDescriptor::CPPTYPE_STRING) continue;
+      const std::string comment = Bess::comment(field);
+      const std::vector<std::string> listed(
+          std::sregex_token_iterator(comment.begin(), comment.end(), quoted, 1),
+          std::sregex_token_iterator());
+      EXPECT_EQ(wordsFor(field), listed) << field.full_name() << ": " << comment;
+      seen += !listed.empty();
+    }
+  }
+  EXPECT_EQ(seen, 4);
 }
 
 // The last gate of each can be connected, and none behind it.

@@ -65,6 +65,13 @@ constexpr Wrong modules[] = {
     {"modules: {a: {class: Qos, arg: {x: 1}}}",
      "f:1:32: what argument Qos takes is not known here; leave it out"},
     {"modules: {\"\": Sink}", "f:1:11: a module needs a name"},
+    {"modules: {a: {class: HashLB, arg: {mode: l5}}}",
+     "f:1:42: no \"mode\" is called \"l5\"; there are l2, l3, l4"},
+    {"modules: {a: {class: RoundRobin, arg: {mode: Packet}}}",
+     "f:1:46: no \"mode\" is called \"Packet\"; there are packet, batch"},
+    {"modules: {a: {class: FlowGen, arg: {template: 0x00, arrival: poisson, duration: normal}}}",
+     "f:1:62: no \"arrival\" is called \"poisson\"; there are uniform, exponential\n"
+     "f:1:81: no \"duration\" is called \"normal\"; there are uniform, pareto"},
 };
 INSTANTIATE_TEST_SUITE_P(Modules, WrongDocument, testing::ValuesIn(modules));
 
@@ -107,6 +114,8 @@ constexpr Wrong others[] = {
     {"ports: {p: {driver: PMDPort, mtu: 70000}}",
      "f:1:35: \"mtu\" is a number up to 65535, not \"70000\""},
     {"workers: {64: {core: 0}}", "f:1:11: a worker is a number from 0 to 63, not \"64\""},
+    {"workers: {0: {scheduler: fast}}",
+     "f:1:26: no scheduler is called \"fast\"; there is experimental, or leave it out"},
     {"workers: {0: {cor: 0}}", "f:1:15: no \"cor\" in a worker; did you mean \"core\"?"},
     {"connections: [a b]",
      "f:1:15: \"a b\" is no connection; as in \"in -> fib\" or \"fib:1 -> 0:drop\""},
@@ -184,6 +193,27 @@ TEST(Document, JsonIsTakenToo) {
   const Switch one =
       wanted(R"({"modules": {"a": {"class": "Rewrite", "arg": {"templates": ["AAEC"]}}}})");
   EXPECT_EQ(yaml(one), "modules:\n  a: {class: Rewrite, arg: {templates: [AAEC]}}\n");
+}
+
+// A parser of YAML looks for the colon behind a key no further than 1,024 characters.
+TEST(Document, NamesMayBeOfAnyLength) {
+  const std::string longName(3000, 'n'), escapedName = std::string(300, '\x01');
+  Switch described;
+  described.modules[longName].moduleClass = "Sink";
+  described.modules[escapedName].moduleClass = "Sink";
+  for (auto& [name, module] : described.modules) module.arg = Any();
+  described.workersStated = false;
+  for (const std::string& text : {yaml(described), json(described)}) {
+    const Switch again = wanted(text);
+    EXPECT_EQ(again.modules.count(longName), 1u);
+    EXPECT_EQ(again.modules.count(escapedName), 1u);
+    EXPECT_EQ(yaml(again), yaml(described));
+  }
+  // The same in one line, as people write it, with a quote that begins nothing.
+  EXPECT_EQ(wanted("{modules: {a\": Sink, b: Sink}}").modules.count("a\""), 1u);
+  EXPECT_EQ(wanted("{\"modules\":{\"" + longName + "\":\"Sink\",\"b\\\"\":\"Sink\"}}")
+                .modules.count("b\""),
+            1u);
 }
 
 TEST(Document, OfAPluginMayHaveUnknownClasses) {

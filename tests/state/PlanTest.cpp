@@ -80,7 +80,8 @@ TEST_F(PlanTest, AMapInAnArgumentIsChangedInPlace) {
       "workers: {0: {core: 0}}\nmodules: {w: {class: WorkerSplit, arg: {worker_gates: {0: 1}}}}\n";
   daemon_.apply(document);
   const std::string more = changed(document, "{0: 1}", "{0: 2, 1: 1}");
-  EXPECT_THAT(commands(daemon_.plan(more)), ElementsAre("moduleCommand w reset"));
+  EXPECT_THAT(commands(daemon_.plan(more)),
+              ElementsAre("checkSchedulingConstraints ", "moduleCommand w reset"));
   EXPECT_THAT(daemon_.apply(more).refusals, IsEmpty());
   EXPECT_EQ(summary(daemon_.plan(more)), "");
 }
@@ -268,6 +269,56 @@ TEST_F(PlanTest, APortMadeAnewTakesItsUsersAlong) {
   EXPECT_EQ(daemon_.read().connections.count({"in", 0}), 1u);
 }
 
+TEST_F(PlanTest, GatesThatAClassDoesNotHaveAreWarnedOf) {
+  const Plan plan = daemon_.plan(
+      "modules:\n"
+      "  rr: {class: RoundRobin, arg: {gates: [0, 8191, 8192, 8193]}}\n"
+      "  bpf: {class: BPF, arg: {filters: [{gate: 70000, filter: ip}, {gate: 2, filter: udp}]}}\n"
+      "  ws: {class: WorkerSplit, arg: {worker_gates: {0: 63, 1: 64}}}\n"
+      "  good: {class: HashLB, arg: {mode: l4, gates: [0, 1, 2]}}\n");
+  EXPECT_THAT(
+      plan.warnings,
+      ElementsAre("module bpf: its argument names gate 70000, and the last of a BPF is 8191",
+                  "module rr: its argument names gate 8193, and the last of a RoundRobin is 8191",
+                  "module ws: its argument names gate 64, and the last of a WorkerSplit is 63"));
+}
+
+TEST_F(PlanTest, QueuesThatAnOlderDaemonDoesNotTellAreAssumed) {
+  TestSwitch older(TestSwitch::older());
+  const std::string document =
+      "ports: {p: {driver: PMDPort, arg: {vdev: net_null0}, num_inc_q: 2, size_out_q: 64}}\n";
+  older.apply(document);
+  const Plan plan = older.plan(document);
+  EXPECT_THAT(plan.assumed, ElementsAre("port p: num_inc_q", "port p: size_out_q"));
+  EXPECT_TRUE(plan.empty());
+  EXPECT_EQ(summary(older.plan(document, {.recreateUnknown = true})),
+            "-/+ port p; num_inc_q: not told -> 2, size_out_q: not told -> 64\n");
+}
+
+TEST_F(PlanTest, WhatIsUnclearOfAChangeStandsAboveWhatWasNotTriedOfIt) {
+  const Plan plan = daemon_.plan(
+      "modules:\n  t:\n    class: IPLookup\n    rules:\n"
+      "      - {prefix: 10.0.0.0/8, gate: 1}\n      - {prefix: 11.0.0.0/8, gate: 2}\n");
+  ASSERT_THAT(commands(plan),
+              ElementsAre("createModule t", "moduleCommand t add", "moduleCommand t add"));
+  Execution execution(plan);
+  execution.ended(execution.next().value(), StepEnd::done);
+  execution.ended(execution.next().value(), StepEnd::unclear, "the line went dead");
+  execution.ended(execution.next().value(), StepEnd::dropped);
+  ASSERT_EQ(execution.states().size(), 1u);
+  EXPECT_EQ(execution.states()[0].kind, Execution::State::Kind::unclear);
+  EXPECT_EQ(execution.states()[0].text, "the line went dead");
+}
+
+TEST(RecordName, IsOfTheAddressAndOneForTheLoopback) {
+  EXPECT_EQ(recordName("switch1:10514"), "switch1_10514.json");
+  EXPECT_EQ(recordName("[fe80::1]:10514"), "_fe80__1__10514.json");
+  for (const char* address : {"localhost:10514", "127.0.0.1:10514", "[::1]:10514"}) {
+    EXPECT_EQ(recordName(address), "localhost_10514.json");
+  }
+  EXPECT_EQ(recordName("localhost"), "localhost.json");
+}
+
 TEST_F(PlanTest, ALargeTableIsSetInOneRequest) {
   std::string document =
       "modules:\n  t:\n    class: ExactMatch\n    arg: {fields: [{num_bytes: 4}]}\n    rules:\n";
@@ -279,7 +330,9 @@ TEST_F(PlanTest, ALargeTableIsSetInOneRequest) {
   EXPECT_THAT(commands(applied.plan),
               ElementsAre("createModule t", "moduleCommand t set_runtime_config"));
   const Plan plan = daemon_.plan(changed(document, "fields: [7]}", "fields: [7000]}"));
-  EXPECT_THAT(commands(plan), ElementsAre("moduleCommand t delete", "moduleCommand t add"));
+  // The worker that runs does not come to it, which the daemon has to see.
+  EXPECT_THAT(commands(plan), ElementsAre("checkSchedulingConstraints ", "moduleCommand t delete",
+                                          "moduleCommand t add"));
 }
 
 TEST_F(PlanTest, ANewTaskDoesNotComeToAWorkerThatGoes) {

@@ -100,20 +100,27 @@ TestSwitch::Applied TestSwitch::carryOut(const Plan& plan) {
   Applied applied;
   applied.plan = plan;
   Execution execution(applied.plan);
-  while (const auto next = execution.next()) {
-    const Step& step = applied.plan.steps[*next];
+  const auto carryOutOne = [&](std::size_t number) {
+    const Step& step = applied.plan.steps[number];
     const bess::pb::Error error = send(*stub, step);
     const std::string text = error.errmsg();
     if (error.code() >= 1000) {
-      execution.ended(*next, StepEnd::unclear, text);
+      execution.ended(number, StepEnd::unclear, text);
     } else {
-      execution.ended(*next, error.code() == 0 ? StepEnd::done : StepEnd::refused, text);
+      execution.ended(number, error.code() == 0 ? StepEnd::done : StepEnd::refused, text);
     }
     if (error.code() != 0 && error.code() < 1000) {
       applied.refusals.push_back(commandText(step) + ": " + std::to_string(error.code()) + " " +
                                  text);
     }
-  }
+  };
+  // All that may go go together, as they do in a queue: none knows how those before it end.
+  std::vector<std::size_t> together;
+  do {
+    together.clear();
+    while (const auto next = execution.next()) together.push_back(*next);
+    for (const std::size_t number : together) carryOutOne(number);
+  } while (!together.empty());
   EXPECT_TRUE(execution.finished());
   applied.states = execution.states();
   return applied;

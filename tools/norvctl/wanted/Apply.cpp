@@ -3,7 +3,10 @@
 #include <unistd.h>
 
 #include <iostream>
+#include <map>
 #include <set>
+
+#include <bess/pb/service.pb.h>
 
 #include "../Verb.h"
 #include "../run/RunOptions.h"
@@ -187,7 +190,8 @@ class Apply {
     std::string reading;
     std::optional<Plan> rest;
     try {
-      const LiveSwitch bare = known_.readBare();
+      LiveSwitch bare = known_.readBare();
+      letRun(bare);
       LiveSwitch after = bare;
       settle(states, after);
       known_.record().end(plan_, states, wanted_, bare);
@@ -196,10 +200,11 @@ class Apply {
       known_.record().complement(after);
       rest = makePlan(after, wanted_, arguments_.plan);
       for (const Object& object : after.doubtful) {
-        if (object.kind == Norv::State::Kind::worker) stillPaused_.push_back(object);
+        if (object.kind == Norv::State::Kind::worker) stillPaused_.emplace(object.name, "");
       }
     } catch (const std::exception& error) {
       reading = error.what();
+      for (const std::int64_t id : pausedMeanwhile()) mayStand_.insert(std::to_string(id));
     }
     if (arguments_.json) {
       tellJson(states);
@@ -207,6 +212,37 @@ class Apply {
       tell(states, rest, end, reading);
     }
     return statusOf(states, rest, end);
+  }
+
+  // Workers that were to stand still only while something else was done.
+  std::set<std::int64_t> pausedMeanwhile() const {
+    std::set<std::int64_t> ids;
+    const auto collect = [&](const Plan& plan) {
+      for (const auto& step : plan.steps) {
+        const bool meanwhile = step.change == Norv::State::Step::none && step.request;
+        if (!meanwhile || step.type != Norv::pauseWorker) continue;
+        ids.insert(static_cast<const bess::pb::PauseWorkerRequest&>(*step.request).wid());
+      }
+    };
+    collect(plan_);
+    if (rollback_) collect(*rollback_);
+    return ids;
+  }
+
+  // Those that stand still yet, as what was to wake them failed or was never sent, run again;
+  // beside the session, which sends nothing any more.
+  void letRun(LiveSwitch& now) {
+    for (const std::int64_t id : pausedMeanwhile()) {
+      const auto worker = now.workers.find(id);
+      if (worker == now.workers.end() || worker->second.running.value_or(true)) continue;
+      const std::string why = known_.resume(id);
+      if (why.empty()) {
+        worker->second.running = true;
+        resumed_.insert(std::to_string(id));
+      } else {
+        stillPaused_[std::to_string(id)] = why;
+      }
+    }
   }
 
   // What failed or did not decode may have been done: the switch says.
@@ -252,10 +288,7 @@ class Apply {
             (state.because.empty() ? "" : "  because of " + escaped(state.because)) +
             (state.text.empty() ? "" : "  " + escaped(state.text)) + "\n");
     }
-    for (const Object& worker : stillPaused_) {
-      print(colours.bad() + std::string("paused") + colours.end() + "  " + text(worker) +
-            "  as what it stood still for was cut short; the next apply lets it run\n");
-    }
+    tellOfWorkers(colours);
     print(grouped(done) + " of " + grouped(states.size()) + " changes done");
     if (end == SessionEnd::interrupted) print(", interrupted");
     if (end == SessionEnd::timedOut) print(", the time ran out");
@@ -268,6 +301,26 @@ class Apply {
       print(". The switch is as wanted.\n");
     } else {
       print(". The switch is not as wanted; `norvctl plan` shows the rest.\n");
+    }
+  }
+
+  void tellOfWorkers(const Colours& colours) const {
+    const std::string shortly = "  as what it stood still for was cut short";
+    const auto wake = [&](const std::string& id) {
+      return "`norvctl call --host " + target_.host() + " --port " +
+             std::to_string(target_.port()) + " resumeWorker '{\"wid\":" + id + "}'` lets it run\n";
+    };
+    for (const std::string& id : resumed_) {
+      print(colours.warning() + std::string("resumed") + colours.end() + "  worker " + id +
+            shortly + "\n");
+    }
+    for (const auto& [id, why] : stillPaused_) {
+      print(colours.bad() + std::string("paused") + colours.end() + "  worker " + id + shortly +
+            (why.empty() ? "" : ", and cannot be resumed: " + why) + "; " + wake(id));
+    }
+    for (const std::string& id : mayStand_) {
+      print(colours.bad() + std::string("unclear") + colours.end() + "  worker " + id +
+            "  may stand still; " + wake(id));
     }
   }
 
@@ -285,9 +338,13 @@ class Apply {
     const auto done = std::count_if(
         states.begin(), states.end(),
         [](const Execution::State& state) { return state.kind == Execution::State::Kind::done; });
+    std::string paused;
+    for (const auto& [id, why] : stillPaused_) paused += (paused.empty() ? "" : ",") + id;
+    for (const std::string& id : mayStand_) paused += (paused.empty() ? "" : ",") + id;
     print("{\"summary\":{\"changes\":" + std::to_string(states.size()) + ",\"done\":" +
           std::to_string(done) + ",\"commands\":" + std::to_string(plan_.commands()) +
-          ",\"rolled_back\":" + (rollback_ ? "true" : "false") + "}}\n");
+          ",\"rolled_back\":" + (rollback_ ? "true" : "false") + ",\"still_paused\":[" + paused +
+          "]}}\n");
   }
 
   int statusOf(const std::vector<Execution::State>& states, const std::optional<Plan>& rest,
@@ -303,7 +360,10 @@ class Apply {
   Norv::State::Switch wanted_;
   Plan plan_;
   std::unique_ptr<Plan> rollback_;
-  std::vector<Object> stillPaused_;  // workers, after what was cut short
+  // Workers after what was cut short, by their numbers.
+  std::set<std::string> resumed_;
+  std::map<std::string, std::string> stillPaused_;  // and why they cannot be resumed
+  std::set<std::string> mayStand_;                  // the switch cannot be read
 };
 
 int apply(const Arguments& arguments) {

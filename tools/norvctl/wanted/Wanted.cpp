@@ -3,6 +3,8 @@
 #include <cstdlib>
 #include <iostream>
 
+#include <bess/pb/service.pb.h>
+
 #include "../protocol/Requests.h"
 #include "../text/Terminal.h"
 #include "../text/Text.h"
@@ -93,6 +95,18 @@ Norv::State::LiveSwitch KnownSwitch::readBare() {
                       silent
                           ? "no answer from " + address + ": " + direct_.whyNoAnswer()
                           : "cannot read the switch at " + address + ": " + escaped(error.what()));
+  }
+}
+
+std::string KnownSwitch::resume(std::int64_t worker) {
+  bess::pb::ResumeWorkerRequest request;
+  request.set_wid(worker);
+  try {
+    const auto reply = direct_.ask<bess::pb::EmptyResponse>(Norv::resumeWorker, request);
+    if (reply.error().code() == 0) return "";
+    return refusalText(reply.error().code(), reply.error().errmsg());
+  } catch (const DirectError& error) {
+    return error.what();
   }
 }
 

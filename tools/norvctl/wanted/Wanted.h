@@ -39,6 +39,8 @@ class KnownSwitch {
   Norv::State::LiveSwitch read();
   // As it tells itself.
   Norv::State::LiveSwitch readBare();
+  // Lets the worker run, by a call beside the library; why it does not, empty when it does.
+  std::string resume(std::int64_t worker);
   Norv::State::Record& record() { return record_; }
   // Throws std::runtime_error.
   void saveRecord() const;

@@ -79,6 +79,8 @@ std::span<const ClassRow> classRows();
 
 // The parts of "a,b".
 std::vector<std::string> words(std::string_view list);
+// The words that a text field of an argument takes; none: it takes any.
+std::vector<std::string> wordsFor(const google::protobuf::FieldDescriptor& field);
 // The argument of a class, or of one of its commands; null when the protocol has none.
 const google::protobuf::Descriptor* argumentOf(const ClassRow& row);
 const google::protobuf::Descriptor* argumentOf(const ClassRow& row, std::string_view command);

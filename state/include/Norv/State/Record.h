@@ -51,6 +51,7 @@ class Record {
   };
 
   static Entry entryOf(const Object& object, const Switch& wanted, const LiveSwitch& after);
+  void enterMade(const Object& object, const Switch& wanted);
   void keepDoubtOfWorkers(const std::set<Object>& doubtful, const Switch& wanted,
                           const LiveSwitch& after);
   static bool hidden(const Object& object, const Switch& wanted);
@@ -59,7 +60,7 @@ class Record {
   std::map<std::string, std::string> addresses_;  // of ports, as the daemon told them
 };
 
-// "switch1_10514.json" for a daemon's address.
+// "switch1_10514.json" for a daemon's address; the same for the names of the loopback.
 std::string recordName(const std::string& address);
 
 }  // namespace Norv::State
