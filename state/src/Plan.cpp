@@ -1,4 +1,6 @@
 #include <algorithm>
+#include <string_view>
+#include <unordered_map>
 
 #include <Norv/State/Plan.h>
 
@@ -55,6 +57,9 @@ class Planner {
 
   Plan plan() {
     findTarget();
+    // As many as there are when all is made: what grows is copied.
+    builder_.plan.steps.reserve(target_.objects() - target_.hooks.size());
+    builder_.plan.changes.reserve(target_.objects() - target_.hooks.size());
     findRecreated();
     builder_.plan.liveObjects = live_.objects();
     countLeftAlone();
@@ -650,13 +655,16 @@ class Planner {
   // --- connections and hooks --------------------------------------------------------------------
 
   void connect() {
+    // Both ends of each are looked for, in no order that a tree could keep near.
+    const std::unordered_map<std::string_view, std::size_t> makers(created_.begin(),
+                                                                   created_.end());
     for (const auto& [from, to] : target_.connections) {
       if (connectionStays(from)) continue;
       std::vector<std::size_t> after;
       const auto there = [&](const std::string& module) {
-        const auto made = created_.find(module);
-        if (made != created_.end()) after.push_back(made->second);
-        return made != created_.end() || target_.modules.contains(module);
+        const auto made = makers.find(module);
+        if (made != makers.end()) after.push_back(made->second);
+        return made != makers.end() || target_.modules.contains(module);
       };
       if (!there(from.module) || !there(to.module)) continue;
       auto request = std::make_unique<bess::pb::ConnectModulesRequest>();
@@ -669,10 +677,10 @@ class Planner {
       if (const auto before = disconnected_.find(from); before != disconnected_.end()) {
         after.push_back(before->second);
       }
-      connected_.emplace_hint(
-          connected_.end(), from,
+      const std::size_t step =
           builder_.reachingStep(connectModules, std::move(request), Kind::connection,
-                                changeOfConnection(from, to), std::move(after)));
+                                changeOfConnection(from, to), std::move(after));
+      connected_.emplace_back(&from, step);
     }
   }
 
@@ -684,17 +692,17 @@ class Planner {
           {Kind::module, recreated_.contains(from.module) ? from.module : to.module},
           Action::recreate);
     }
-    const bool isNew = live == live_.connections.end();
-    const std::size_t change =
-        builder_.change(objectOf(from), isNew ? Action::create : Action::change);
-    if (isNew) builder_.detail(change, targetText(to));
+    if (live != live_.connections.end()) return builder_.change(objectOf(from), Action::change);
+    const std::size_t change = builder_.newChange(objectOf(from), Action::create);
+    builder_.detail(change, targetText(to));
     return change;
   }
 
   void addHooks() {
     for (const auto& [point, arg] : target_.hooks) {
       const bool stayed = gateStays(point);
-      const bool isDefault = point == defaultHook(point.gate);
+      const bool isDefault =
+          point.output && point.hookClass == defaultHookClass && point.name == defaultHookName;
       if (stayed && (matches(live_.hooks, point) != nullptr || !canBeTold(point))) continue;
       if (!stayed && isDefault) continue;  // comes with its connection
       const bool comesBack = matches(live_.hooks, point) != nullptr;
@@ -726,13 +734,14 @@ class Planner {
   std::vector<std::size_t> connectionsTo(const HookPoint& point) const {
     std::vector<std::size_t> after;
     if (point.output) {
-      if (const auto made = connected_.find(point.gate); made != connected_.end()) {
-        after.push_back(made->second);
-      }
+      const auto made =
+          std::lower_bound(connected_.begin(), connected_.end(), point.gate,
+                           [](const auto& one, const Gate& gate) { return *one.first < gate; });
+      if (made != connected_.end() && *made->first == point.gate) after.push_back(made->second);
       return after;
     }
     for (const auto& [from, step] : connected_) {
-      if (target_.connections.at(from) == point.gate) after.push_back(step);
+      if (target_.connections.at(*from) == point.gate) after.push_back(step);
     }
     return after;
   }
@@ -748,7 +757,8 @@ class Planner {
   std::map<std::string, ModuleDifference> differences_;
   std::vector<std::size_t> imported_;
   std::map<std::string, std::size_t> destroyed_, created_, portDestroyed_, portCreated_;
-  std::map<Gate, std::size_t> disconnected_, connected_;
+  std::map<Gate, std::size_t> disconnected_;
+  std::vector<std::pair<const Gate*, std::size_t>> connected_;  // in the order of the gates
   std::vector<std::size_t> hookRemoved_;
   std::map<std::string, std::vector<std::size_t>> stops_;  // of workers that come to a module
   std::optional<std::size_t> found_;                       // the daemon has looked who does

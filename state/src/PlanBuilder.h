@@ -18,6 +18,11 @@ class PlanBuilder {
 
   // The index of the object's change, made when there is none.
   std::size_t change(const Object& object, Change::Action action);
+  // Of an object that has none yet and that nothing asks for again.
+  std::size_t newChange(Object object, Change::Action action) {
+    plan.changes.push_back({action, std::move(object), {}});
+    return plan.changes.size() - 1;
+  }
   void detail(std::size_t change, const std::string& text) {
     plan.changes[change].details.push_back(text);
   }
