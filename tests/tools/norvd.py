@@ -449,7 +449,7 @@ def test_a_full_disk_does_not_stop_it():
 def test_a_damaged_memory_lies_aside():
     bed = Bed(PIPELINE)
     os.mkdir(bed.state)
-    name = f"{bed.state}/127.0.0.1_{bed.port}"
+    name = f"{bed.state}/localhost_{bed.port}"
     for purpose in ("norvd", "json"):
         with open(f"{name}.{purpose}", "w", encoding="utf-8") as file:
             file.write("{ nothing")
