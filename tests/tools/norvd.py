@@ -364,7 +364,7 @@ def test_observing_only_reports():
 def test_a_rival_is_not_fought():
     bed = Bed(PIPELINE)
     bed.start_daemon()
-    bed.start(interval=0.05)
+    bed.start(interval=0.3)
     bed.wait_in_sync()
 
     def contested():
