@@ -4,6 +4,7 @@
 #include <systemd/sd-daemon.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <filesystem>
 #include <nlohmann/json.hpp>
@@ -18,7 +19,6 @@ using namespace std::chrono_literals;
 using Norv::Agent::Outcome;
 using Norv::State::Change;
 using Norv::State::Execution;
-using Norv::State::Kind;
 using Norv::State::LiveSwitch;
 using Norv::State::Object;
 using Norv::State::Plan;
@@ -139,7 +139,6 @@ void Agent::tick() {
   takeEnded();
   watchConnection();
   if (documents_.stirred()) lookAgain_ = true;
-  retryAsked();
   if (lookAgain_ && carrying_) carrying_->stop();
   if (carrying_) {
     carrying_->feed(road_);
@@ -147,7 +146,9 @@ void Agent::tick() {
   } else if (!looking_ && (lookAgain_ || now() >= nextLook_)) {
     look();
   }
-  if (now() >= nextPublish_) publish();
+  if (now() < nextPublish_) return;
+  retryAsked();
+  publish();
 }
 
 void Agent::takeSignals() {
@@ -273,7 +274,6 @@ void Agent::carryOut(const std::shared_ptr<const Plan>& plan, const Norv::State:
   log(Level::info, "apply: " + std::to_string(plan->changes.size() - held.size()) +
                        " objects differ, " + std::to_string(carrying->total()) + " commands");
   carrying_ = std::move(carrying);
-  carryingSince_ = wallNow();
   carrying_->feed(road_);
 }
 
@@ -303,24 +303,28 @@ void Agent::takeEnded() {
 void Agent::concludeCarrying(const LiveSwitch& bare) {
   std::vector<Execution::State> states = carrying_->states();
   const Plan& plan = carrying_->plan();
+  using StateKind = Execution::State::Kind;
   std::set<Object> open;
-  const Plan rest = makePlan(bare, carrying_->wanted(), documents_.planOptions());
-  for (const Change& change : rest.changes) open.insert(change.object);
+  const auto unclear = [](const auto& state) { return state.kind == StateKind::unclear; };
+  if (std::any_of(states.begin(), states.end(), unclear)) {
+    const Plan rest = makePlan(bare, carrying_->wanted(), documents_.planOptions());
+    for (const Change& change : rest.changes) open.insert(change.object);
+  }
   std::size_t done = 0;
   for (std::size_t i = 0; i < states.size(); ++i) {
     const Object& object = plan.changes[i].object;
-    if (states[i].kind == Execution::State::Kind::unclear && !open.contains(object)) states[i] = {};
+    if (unclear(states[i]) && !open.contains(object)) states[i] = {};
     switch (states[i].kind) {
-      case Execution::State::Kind::done:
+      case StateKind::done:
         ++done;
         holds_.done(object, valueOf(object), now());
         memory_.deaths.erase(text(object));
         break;
-      case Execution::State::Kind::refused:
-      case Execution::State::Kind::unclear:
+      case StateKind::refused:
+      case StateKind::unclear:
         holds_.refused(object, valueOf(object), states[i].text, now());
         break;
-      case Execution::State::Kind::notTried:
+      case StateKind::notTried:
         break;
     }
   }

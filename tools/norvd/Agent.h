@@ -98,7 +98,6 @@ class Agent {
   std::string failure_;      // of a command: the connection is lost
   std::string refusedPlan_;  // why the plan is not carried out at all
   std::unique_ptr<Carrying> carrying_;
-  WallTime carryingSince_{};
   std::map<Object, std::string> values_;  // of the objects of the plan at hand
 
   WallTime started_ = std::chrono::system_clock::now();

@@ -38,15 +38,6 @@ Graph graphOf(const Picture& picture) {
   return graph;
 }
 
-std::string quoted(const std::string& text) {
-  std::string out;
-  for (const char c : Norvctl::escaped(text)) {
-    if (c == '"' || c == '\\') out += '\\';
-    out += c;
-  }
-  return out;
-}
-
 // Stands for the rate of a connection until one is filled in; as wide as it.
 std::string placeholder(std::size_t number) {
   const std::string digits = std::to_string(number);
@@ -65,7 +56,7 @@ std::string dotOf(const Graph& graph) {
     const std::size_t number = numbers.size();
     numbers[name] = number;
     out += "n" + std::to_string(number) + " [id=\"m" + std::to_string(number) + "\", label=\"" +
-           quoted(name) + "\\n" + quoted(moduleClass) + "\", tooltip=\" \"];\n";
+           Norvctl::dotText(name) + "\\n" + Norvctl::dotText(moduleClass) + "\", tooltip=\" \"];\n";
   }
   std::size_t number = 0;
   for (const auto& [from, to] : graph.connections) {

@@ -18,7 +18,6 @@ class Page::Drawing {
   std::string html(const Picture& picture);
 
  private:
-  struct Layout;
   void layOut(const std::string& dot);
 
   std::mutex mutex_;

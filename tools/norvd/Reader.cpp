@@ -41,7 +41,6 @@ void Reader::watch() {
 }
 
 Reading Reader::read() {
-  const auto start = std::chrono::steady_clock::now();
   Reading reading;
   try {
     reading.live =
@@ -63,7 +62,6 @@ Reading Reader::read() {
   }
   failed_ = !reading.live;
   if (!failed_ && !lost_) watch();
-  reading.took = std::chrono::steady_clock::now() - start;
   return reading;
 }
 

@@ -1,27 +1,11 @@
 #include "Road.h"
 
+#include "wanted/StepEnds.h"
+
 namespace Norvd {
 
 using Norv::Agent::CommandReport;
 using Norv::Agent::Outcome;
-using Norv::State::StepEnd;
-
-namespace {
-
-StepEnd endOf(Outcome outcome) {
-  switch (outcome) {
-    case Outcome::ok:
-      return StepEnd::done;
-    case Outcome::refused:
-      return StepEnd::refused;
-    case Outcome::dropped:
-      return StepEnd::dropped;
-    default:
-      return StepEnd::unclear;
-  }
-}
-
-}  // namespace
 
 // The answers are read again from the switch.
 class Road::Cmd : public Norv::GrpcCmd {
@@ -103,7 +87,7 @@ std::vector<Road::Ended> Road::takeEnded() {
     if (report.outcome == Outcome::refused && text.empty()) {
       text = "error " + std::to_string(report.errorCode);
     }
-    result.push_back({step->second, endOf(report.outcome), text, report});
+    result.push_back({step->second, Norvctl::stepEndOf(report.outcome), text, report});
     stepOf_.erase(step);
   }
   return result;

@@ -7,7 +7,18 @@
 #include <cstdlib>
 #include <stdexcept>
 
+#include "../text/Text.h"
+
 namespace Norvctl {
+
+std::string dotText(const std::string& text) {
+  std::string out;
+  for (const char c : escaped(text)) {
+    if (c == '"' || c == '\\') out += '\\';
+    out += c;
+  }
+  return out;
+}
 
 std::string svgOf(const std::string& dot) {
   // By way of a file: dot reads all before it writes, but need not.

@@ -4,6 +4,7 @@
 #include <set>
 
 #include "../text/Text.h"
+#include "Graphviz.h"
 #include "Live.h"
 
 namespace Norvctl {
@@ -44,12 +45,7 @@ std::vector<const Module*> inOrder(const std::vector<Module>& modules) {
 }
 
 std::string quoted(const std::string& text) {
-  std::string out = "\"";
-  for (const char c : escaped(text)) {
-    if (c == '"' || c == '\\') out += '\\';
-    out += c;
-  }
-  return out + "\"";
+  return "\"" + dotText(text) + "\"";
 }
 
 }  // namespace

@@ -14,6 +14,7 @@
 #include "../text/Terminal.h"
 #include "../text/Text.h"
 #include "PlanSource.h"
+#include "StepEnds.h"
 #include "Wanted.h"
 
 namespace Norvctl {
@@ -36,19 +37,6 @@ struct Arguments : WantedOptions {
   bool allowMassDelete = false;
 };
 
-StepEnd endOf(Outcome outcome) {
-  switch (outcome) {
-    case Outcome::ok:
-      return StepEnd::done;
-    case Outcome::refused:
-      return StepEnd::refused;
-    case Outcome::dropped:
-      return StepEnd::dropped;
-    default:
-      return StepEnd::unclear;
-  }
-}
-
 // Passes ends on to the plan, and shows how far it is.
 class Progress : public SessionListener {
  public:
@@ -63,7 +51,7 @@ class Progress : public SessionListener {
     const std::string text = report.outcome == Outcome::refused
                                  ? refusalText(report.errorCode, report.errorText)
                                  : report.errorText;
-    source_.ended(entry.line, endOf(report.outcome), text);
+    source_.ended(entry.line, stepEndOf(report.outcome), text);
   }
   bool told() override { return true; }
   bool wantsUnread() const override { return false; }
