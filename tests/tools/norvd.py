@@ -285,6 +285,7 @@ def test_a_broken_document_leaves_the_last_good_one_in_force():
     equal(bed.call("destroyModule", '{"name": "drop"}').status, 0)
     wait_until(lambda: "  drop: Sink" in bed.live(), "the drift is repaired", bed.agent.text)
     bed.kill_daemon()
+    bed.wait_for(lambda one: one["state"].startswith("waiting"), "the loss is seen")
     bed.start_daemon()
     status = bed.wait_for(lambda one: one["restarts"] > 0 and "the last good one" in one["document"],
                           "a fresh process has it, too")

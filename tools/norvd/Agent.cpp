@@ -138,6 +138,7 @@ void Agent::tick() {
   if (road_.connected()) road_.kit().tick();
   takeEnded();
   watchConnection();
+  retryAsked();
   if (documents_.stirred()) lookAgain_ = true;
   if (lookAgain_ && carrying_) carrying_->stop();
   if (carrying_) {
@@ -146,9 +147,7 @@ void Agent::tick() {
   } else if (!looking_ && (lookAgain_ || now() >= nextLook_)) {
     look();
   }
-  if (now() < nextPublish_) return;
-  retryAsked();
-  publish();
+  if (now() >= nextPublish_) publish();
 }
 
 void Agent::takeSignals() {
