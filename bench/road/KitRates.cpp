@@ -1,7 +1,7 @@
 // What the agent's kit adds to a command. First the CPU time of a command on the whole road with
 // the kit around the manager, beside the same without it: the same server, taken in turns. Then a
 // batch announced at once and taken from the pending queue, without the RPC, in growing sizes: the
-// time per command must stay. Usage: road_kit [ROUNDS [COMMANDS [LARGEST BATCH]]].
+// time per command must stay.
 
 #include <unistd.h>
 
@@ -11,6 +11,7 @@
 
 #include <Norv/Agent/Kit.h>
 
+#include "../Pair.h"
 #include "Road.h"
 
 namespace {
@@ -66,17 +67,12 @@ void compare(U16 port, U64 rounds, U64 commands) {
   // Their workers go on to the end of the process.
   auto& bare = *new road::Agent(port);
   auto& with = *new KitAgent(port);
-  std::vector<double> bareCpu;
-  std::vector<double> kitCpu;
   cpuOfBatch(bare, commands / 10 + 1);
   cpuOfBatch(with, commands / 10 + 1);
   for (U64 i = 0; i < rounds; ++i) {
-    bareCpu.push_back(cpuOfBatch(bare, commands));
-    kitCpu.push_back(cpuOfBatch(with, commands));
+    const double peer = cpuOfBatch(bare, commands);
+    bench::pair("kit_cpu", cpuOfBatch(with, commands), peer);
   }
-  std::printf("CPU of a command: %.2f us without the kit, %.2f us with it; ratio %.3f\n",
-              road::median(bareCpu), road::median(kitCpu),
-              road::median(kitCpu) / road::median(bareCpu));
   std::fflush(stdout);
 }
 
@@ -104,31 +100,23 @@ double secondsOfBatch(U64 commands) {
   return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-void grow(U64 largest) {
+void grow(U64 few) {
   setenv("SIMULATION_NORV", "1", 1);
   Lumo::ActivityLockAnchor activity;
   secondsOfBatch(1000);
-  double before = 0;
-  for (U64 commands = largest / 100; commands <= largest; commands *= 10) {
-    const double seconds = secondsOfBatch(commands);
-    std::printf("%8llu queued, announced and answered: %8.3f s, %6.0f ns each%s", commands, seconds,
-                seconds * 1e9 / static_cast<double>(commands), before == 0 ? "\n" : "");
-    if (before != 0) std::printf("; %.2f times the tenth of it\n", seconds / before);
-    before = seconds;
+  for (int turn = 0; turn < 5; ++turn) {
+    const double peer = secondsOfBatch(few);
+    bench::pair("kit_growth", secondsOfBatch(10 * few) * 1e3, peer * 1e3);
   }
-}
-
-U64 argument(int argc, char** argv, int index, U64 fallback) {
-  return argc > index ? std::strtoull(argv[index], nullptr, 10) : fallback;
 }
 
 }  // namespace
 
 // The workers cannot be told to stop: leave without destructors.
-int main(int argc, char** argv) {
+int main() {
   const U16 port = road::startServer();
-  compare(port, argument(argc, argv, 1, 15), argument(argc, argv, 2, 5000));
-  grow(argument(argc, argv, 3, 1000000));
+  compare(port, bench::quick() ? 5 : 21, bench::quick() ? 1000 : 5000);
+  grow(bench::quick() ? 10000 : 100000);
   std::fflush(nullptr);
   _exit(0);
 }

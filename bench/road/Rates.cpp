@@ -2,7 +2,7 @@
 // pending queue, worker and handler, beside a hand-written loop of asynchronous stub calls and
 // beside the synchronous stub: the same server, the same kind of channel, the same request, taken
 // in turns. Then the rate at which a long queue drains beside short ones, and the memory of a
-// waiting command. Usage: road_rates [ROUNDS [COMMANDS [LONG QUEUE]]].
+// waiting command.
 
 #include <malloc.h>
 #include <unistd.h>
@@ -13,6 +13,7 @@
 #include <functional>
 #include <vector>
 
+#include "../Pair.h"
 #include "Road.h"
 
 namespace {
@@ -52,14 +53,14 @@ void synchronousLoop(pb::BESSControl::Stub& stub, U64 commands) {
 struct Way {
   const char* name;
   std::function<void(U64)> send;
-  std::vector<double> rates;
+  std::vector<double> times;  // microseconds of a command
   std::vector<double> cpus;
 
   void round(U64 commands) {
     const double cpu = cpuSeconds();
     const Clock::time_point start = Clock::now();
     send(commands);
-    rates.push_back(static_cast<double>(commands) / secondsSince(start));
+    times.push_back(secondsSince(start) * 1e6 / static_cast<double>(commands));
     cpus.push_back((cpuSeconds() - cpu) * 1e6 / static_cast<double>(commands));
   }
 };
@@ -68,53 +69,45 @@ void compare(Agent& agent, U16 port, U64 rounds, U64 commands) {
   const auto asynchronous = pb::BESSControl::NewStub(channelTo(port));
   const auto synchronous = pb::BESSControl::NewStub(channelTo(port));
   Way ways[] = {
-      {"through the manager",
+      {"manager",
        [&](U64 count) {
          agent.send(count);
          agent.wait();
        },
        {},
        {}},
-      {"asynchronous stub loop",
-       [&](U64 count) { asynchronousLoop(*asynchronous, count); },
-       {},
-       {}},
-      {"synchronous stub loop", [&](U64 count) { synchronousLoop(*synchronous, count); }, {}, {}}};
+      {"asynchronous", [&](U64 count) { asynchronousLoop(*asynchronous, count); }, {}, {}},
+      {"synchronous", [&](U64 count) { synchronousLoop(*synchronous, count); }, {}, {}}};
   for (Way& way : ways) way.send(commands / 10 + 1);
   for (U64 i = 0; i < rounds; ++i) {
     for (U64 turn = 0; turn < std::size(ways); ++turn) {
       ways[(i + turn) % std::size(ways)].round(commands);
     }
-    std::printf("\rround %llu of %llu", i + 1, rounds);
-    std::fflush(stdout);
   }
-  std::printf("\r%-24s %12s %16s\n", "median of the rounds", "commands/s", "CPU us/command");
-  for (const Way& way : ways) {
-    std::printf("%-24s %12.0f %16.2f\n", way.name, median(way.rates), median(way.cpus));
+  const Way& better = median(ways[1].times) < median(ways[2].times) ? ways[1] : ways[2];
+  std::printf("the better stub loop: %s\n", better.name);
+  for (U64 i = 0; i < rounds; ++i) {
+    bench::pair("road", ways[0].times[i], better.times[i]);
+    bench::pair("road_cpu", ways[0].cpus[i], better.cpus[i]);
   }
-  const Way& better = median(ways[1].rates) > median(ways[2].rates) ? ways[1] : ways[2];
-  std::printf("rate beside the better one (%s): %.3f; CPU time: %.3f\n", better.name,
-              median(ways[0].rates) / median(better.rates),
-              median(ways[0].cpus) / median(better.cpus));
 }
 
-// Commands per second from when all are queued to the last answer.
-double drainRate(Agent& agent, U64 commands) {
+// Microseconds of each command from when all are queued to the last answer.
+double drainTime(Agent& agent, U64 commands) {
   const U64 end = agent.done + commands;
   agent.send(commands);
   const Clock::time_point start = Clock::now();
   const U64 left = end - agent.done;
   agent.wait();
-  return static_cast<double>(left) / secondsSince(start);
+  return secondsSince(start) * 1e6 / static_cast<double>(left);
 }
 
 void drain(Agent& agent, U64 longQueue) {
-  std::vector<double> rates;
-  for (int i = 0; i < 101; ++i) rates.push_back(drainRate(agent, 1000));
-  const double many = drainRate(agent, longQueue);
-  for (int i = 0; i < 100; ++i) rates.push_back(drainRate(agent, 1000));
-  std::printf("drain rate of %llu queued at once: %.0f/s; of 1000: %.0f/s; ratio %.3f\n", longQueue,
-              many, median(rates), many / median(rates));
+  std::vector<double> few;
+  for (int i = 0; i < 101; ++i) few.push_back(drainTime(agent, 1000));
+  const double many = drainTime(agent, longQueue);
+  for (int i = 0; i < 100; ++i) few.push_back(drainTime(agent, 1000));
+  bench::pair("drain", many, median(few));
 }
 
 // Heap bytes of a waiting command and its place in the pending queue, its request not counted.
@@ -132,19 +125,15 @@ void memory() {
               static_cast<double>(bytes) / count);
 }
 
-U64 argument(int argc, char** argv, int index, U64 fallback) {
-  return argc > index ? std::strtoull(argv[index], nullptr, 10) : fallback;
-}
-
 }  // namespace
 
 // The worker cannot be told to stop: leave without destructors.
-int main(int argc, char** argv) {
+int main() {
   const U16 port = startServer();
   memory();
   Agent agent(port);
-  compare(agent, port, argument(argc, argv, 1, 15), argument(argc, argv, 2, 5000));
-  drain(agent, argument(argc, argv, 3, 1000000));
+  compare(agent, port, bench::quick() ? 5 : 21, bench::quick() ? 1000 : 5000);
+  drain(agent, bench::quick() ? 20000 : 1000000);
   std::fflush(nullptr);
   _exit(0);
 }

@@ -13,6 +13,7 @@
 
 #include <Norv/CmdGroup.h>
 #include <Norv/ConnectionsMgr.h>
+#include <bess/pb/service.pb.h>
 
 namespace {
 
@@ -81,23 +82,30 @@ void DequeBatch(benchmark::State& state) {
 }
 BENCHMARK(DequeBatch)->Arg(100)->Arg(1000)->Arg(100000);
 
-// The whole life of a waiting command: made, appended, taken, destroyed.
+// The whole life of a waiting command and its request: made, appended, taken, destroyed.
 void QueueLifeOfACommand(benchmark::State& state) {
+  const auto make = [] { return grpcCmdFactory(new bess::pb::EmptyRequest(), getVersion); };
   const auto queue = CmdGroup::CmdGroupIs();
-  for (int64_t i = 0; i < state.range(0); ++i) queue->cmdBatchEnq(command());
+  for (int64_t i = 0; i < state.range(0); ++i) queue->cmdBatchEnq(make());
   for (auto _ : state) {
-    queue->cmdBatchEnq(command());
+    queue->cmdBatchEnq(make());
     benchmark::DoNotOptimize(queue->cmdBatchDeq());
   }
 }
 BENCHMARK(QueueLifeOfACommand)->Arg(10)->Arg(1000000);
 
+struct CmdWithRequest {
+  virtual ~CmdWithRequest() = default;
+  std::unique_ptr<google::protobuf::Message> request = std::make_unique<bess::pb::EmptyRequest>();
+  GrpcRequestType type = getVersion;
+};
 void DequeLifeOfACommand(benchmark::State& state) {
-  std::deque<std::shared_ptr<Cmd>> queue;
-  for (int64_t i = 0; i < state.range(0); ++i) queue.push_back(std::make_shared<Cmd>());
+  const auto make = [] { return std::make_shared<CmdWithRequest>(); };
+  std::deque<std::shared_ptr<CmdWithRequest>> queue;
+  for (int64_t i = 0; i < state.range(0); ++i) queue.push_back(make());
   for (auto _ : state) {
-    queue.push_back(std::make_shared<Cmd>());
-    benchmark::DoNotOptimize(std::shared_ptr<Cmd>(std::move(queue.front())));
+    queue.push_back(make());
+    benchmark::DoNotOptimize(std::shared_ptr<CmdWithRequest>(std::move(queue.front())));
     queue.pop_front();
   }
 }

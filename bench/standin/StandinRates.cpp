@@ -3,7 +3,6 @@
 // rules in one request cost, and the memory of modules and rules.
 
 #include <Standin/Server.h>
-#include <benchmark/benchmark.h>
 #include <malloc.h>
 
 #include <algorithm>
@@ -14,6 +13,8 @@
 #include <vector>
 
 #include <bess/pb/service.grpc.pb.h>
+
+#include "../Pair.h"
 
 using namespace bess::pb;
 
@@ -120,27 +121,15 @@ double timed(BESSControl::Stub& stub, Operation operation) {
   return took.count() / operationsPerRound;
 }
 
-double median(std::vector<double> values) {
-  const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-  std::nth_element(values.begin(), middle, values.end());
-  return *middle;
-}
-
-// The two by turns, so that what else the machine does strikes both; `ratio` is the stand-in's rate
-// in that of the trivial server, the median of the rounds.
-void besideTrivial(benchmark::State& state, Operation operation) {
+// The two by turns, so that what else the machine does strikes both.
+void besideTrivial(const char* key, Operation operation) {
   TrivialServer trivial;
   StandinServer standin;
   standin.fill();
-  std::vector<double> ratios, trivials, standins;
-  for (auto _ : state) {
-    trivials.push_back(timed(*trivial.stub, operation));
-    standins.push_back(timed(*standin.stub, operation));
-    ratios.push_back(trivials.back() / standins.back());
+  for (int turn = 0; turn < (bench::quick() ? 10 : 40); ++turn) {
+    const double peer = timed(*trivial.stub, operation);
+    bench::pair(key, timed(*standin.stub, operation), peer);
   }
-  state.counters["ratio"] = median(ratios);
-  state.counters["standin_us"] = median(standins);
-  state.counters["trivial_us"] = median(trivials);
 }
 
 // Bytes of the heap in use.
@@ -163,7 +152,7 @@ CommandRequest rules(int count) {
   return request;
 }
 
-void hundredThousandRules(benchmark::State& state) {
+void hundredThousandRules() {
   StandinServer server;
   CreateModuleRequest create;
   CreateModuleResponse created;
@@ -176,26 +165,27 @@ void hundredThousandRules(benchmark::State& state) {
   CommandResponse response;
   const std::size_t before = allocated();
   call(*server.stub, &BESSControl::Stub::ModuleCommand, request, response);
-  state.counters["bytes/rule"] = static_cast<double>(allocated() - before) / 100000;
-  for (auto _ : state) call(*server.stub, &BESSControl::Stub::ModuleCommand, request, response);
+  const auto bytes = static_cast<double>(allocated() - before) / 100000;
+  const auto begin = std::chrono::steady_clock::now();
+  call(*server.stub, &BESSControl::Stub::ModuleCommand, request, response);
+  const std::chrono::duration<double, std::milli> took = std::chrono::steady_clock::now() - begin;
+  std::printf("100,000 rules in one request to the stand-in: %.0f ms, %.0f bytes each\n",
+              took.count(), bytes);
 }
 
-void tenThousandModules(benchmark::State& state) {
-  double bytes = 0;
-  for (auto _ : state) {
-    StandinServer server;
-    const std::size_t before = allocated();
-    server.fill();
-    bytes = static_cast<double>(allocated() - before) / modulesPresent;
-  }
-  state.counters["bytes/module"] = bytes;
+void tenThousandModules() {
+  StandinServer server;
+  const std::size_t before = allocated();
+  server.fill();
+  std::printf("a module in the stand-in: %.0f bytes\n",
+              static_cast<double>(allocated() - before) / modulesPresent);
 }
-
-BENCHMARK_CAPTURE(besideTrivial, getVersion, getVersion)->UseRealTime()->Iterations(40);
-BENCHMARK_CAPTURE(besideTrivial, createModule, createModule)->UseRealTime()->Iterations(40);
-BENCHMARK(hundredThousandRules)->UseRealTime()->Unit(benchmark::kMillisecond)->Iterations(3);
-BENCHMARK(tenThousandModules)->UseRealTime()->Unit(benchmark::kMillisecond)->Iterations(1);
 
 }  // namespace
 
-BENCHMARK_MAIN();
+int main() {
+  besideTrivial("get_version", getVersion);
+  besideTrivial("create_module", createModule);
+  hundredThousandRules();
+  tenThousandModules();
+}

@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
 """From the moment that the daemon listens again to a switch as wanted: norvd, which repairs the first-light
 pipeline of examples/ after each of 100 restarts of a stand-in, beside a person who types `norvctl apply` at
-that very moment. Median and worst, in milliseconds. Argument: the folder of the programs."""
+that very moment. Prints the pairs, in milliseconds, then median and worst. Argument: the folder of the
+programs."""
 
 import os
 import socket
@@ -12,7 +13,7 @@ import tempfile
 import time
 
 PROGRAMS = os.path.abspath(sys.argv[1])
-ROUNDS = int(os.environ.get("BENCH_ROUNDS", "100"))
+ROUNDS = 10 if "BENCH_QUICK" in os.environ else 100
 DOCUMENT = os.path.join(os.path.dirname(__file__), "../../examples/first-light.yaml")
 
 
@@ -66,13 +67,13 @@ def main():
                     stdout=subprocess.DEVNULL)
                 peer.append((time.monotonic() - daemon.listening) * 1000)
                 daemon.end()
+                print("pair restart", mine[-1], peer[-1])
         finally:
             agent.terminate()
             agent.wait()
     print(f"from listening to as wanted, {ROUNDS} restarts: norvd median "
           f"{statistics.median(mine):.0f} ms, worst {max(mine):.0f} ms; norvctl apply typed at "
-          f"once: median {statistics.median(peer):.0f} ms, worst {max(peer):.0f} ms; ratio "
-          f"{statistics.median(mine) / statistics.median(peer):.2f}")
+          f"once: median {statistics.median(peer):.0f} ms, worst {max(peer):.0f} ms")
 
 
 main()

@@ -1,0 +1,90 @@
+"""The rows of the table: what is measured, beside which peer, and how far ahead of it we want to be."""
+
+from dataclasses import dataclass
+from typing import Optional
+
+
+@dataclass(frozen=True)
+class Row:
+    name: str
+    program: str  # in the build folder, or a script beside this file
+    here: str  # a benchmark of the program, or the key of the pairs that it prints
+    peer: Optional[str]  # a benchmark of the program; None where it prints pairs
+    peer_name: str
+    goal: Optional[float]  # the highest ratio of costs that is good enough; None: only shown
+    unit: str = "ns"
+    per: int = 1  # operations of an iteration
+
+
+def benchmark(program, name, here, peer, peer_name, goal, per=1):
+    return Row(name, program, here, peer, peer_name, goal, per=per)
+
+
+def pairs(program, name, key, peer_name, goal, unit):
+    return Row(name, program, key, None, peer_name, goal, unit)
+
+
+def notifications():
+    for number in (1, 10, 100, 1000):
+        reactors = "1 reactor" if number == 1 else f"{number:,} reactors"
+        yield benchmark("framework_bench", f"a change told to {reactors}", f"Notify/{number}",
+                        f"SignalsEmit/{number}", "boost::signals2", 1.0)
+        yield benchmark("framework_bench", f"the same, {reactors}, beside one that locks nothing",
+                        f"Notify/{number}", f"SigcEmit/{number}", "sigc++", 2.0)
+
+
+ROWS = [
+    *notifications(),
+    benchmark("framework_bench", "an integer attribute read by its id", "GenericRead", "MappedRead",
+              "map of std::function", 2.5),
+    benchmark("framework_bench", "an object made and destroyed", "PtrLife", "BoostLife",
+              "boost::intrusive_ptr", 1.2),
+    benchmark("framework_bench", "a counted pointer copied and released, atomic", "PtrCopyAtomic",
+              "BoostCopyAtomic", "boost::intrusive_ptr", 1.1),
+    benchmark("framework_bench", "a lock anchor", "Anchor", "BareMutex", "error-checking mutex", 1.1),
+    benchmark("types_bench", "a command appended and one taken, 10 waiting", "QueueAppendAndTake/10",
+              "DequeAppendAndTake/10", "deque of shared_ptr", 1.0),
+    benchmark("types_bench", "the same, 10,000,000 waiting", "QueueAppendAndTake/10000000",
+              "DequeAppendAndTake/10000000", "deque of shared_ptr", 1.0),
+    benchmark("types_bench", "1,000 appended, then all taken, each", "QueueBatch/1000",
+              "DequeBatch/1000", "deque of shared_ptr", 1.3, per=1000),
+    benchmark("types_bench", "100,000 appended, then all taken, each", "QueueBatch/100000",
+              "DequeBatch/100000", "deque of shared_ptr", 1.3, per=100000),
+    benchmark("types_bench", "a command made, appended, taken and destroyed",
+              "QueueLifeOfACommand/10", "DequeLifeOfACommand/10",
+              "the same work: object and request on the heap", 1.2),
+    benchmark("trace_bench", "a text line to a null sink", "TextLineToNullSink", "SpdlogSyncToNull",
+              "spdlog", 0.8),
+    benchmark("trace_bench", "a ring record with two integers, one thread",
+              "RingRecordSingleThreaded", "MonotonicClock", "the monotonic clock read", 0.6),
+    pairs("trace/reader.py", "a record of a trace file printed", "reader", "babeltrace2", 0.2, "ns"),
+    pairs("road_rates", "a command on the whole road", "road", "the better stub loop", 1.0, "us"),
+    pairs("road_rates", "CPU time of that", "road_cpu", "the better stub loop", 1.03, "us"),
+    pairs("road_rates", "1,000,000 commands queued at once, each", "drain", "of 1,000 queued", None,
+          "us"),
+    pairs("road_kit", "CPU time of a command with the kit around", "kit_cpu", "without the kit", 1.5,
+          "us"),
+    pairs("road_kit", "1,000,000 commands in one announcement", "kit_growth", "100,000 of them", 11,
+          "ms"),
+    pairs("road_managers", "a command of 1 manager to its server", "managers_1", "1 thread with a stub", 1.0,
+          "us"),
+    pairs("road_managers", "a command of 8 managers to 8 servers", "managers_8",
+          "8 threads with stubs", 1.0, "us"),
+    pairs("road_managers", "a command of 64 managers to 64 servers", "managers_64",
+          "64 threads with stubs", 1.0, "us"),
+    pairs("road_managers", "a command through 10 named queues", "producers", "through one", 1.05, "us"),
+    pairs("start/startup.py", "from exec to the first response", "startup", "a bare stub program", 1.1,
+          "ms"),
+    pairs("start/startup.py", "CPU time of a program that only loads the library", "load",
+          "gRPC and the messages alone", 1.1, "ms"),
+    pairs("standin_rates", "the stand-in's getVersion, 10,000 modules there", "get_version",
+          "a server of empty functions", None, "us"),
+    pairs("standin_rates", "its createModule and destroyModule", "create_module",
+          "a server of empty functions", None, "us"),
+    pairs("state_rates", "1,000 modules, 2,000 connections applied", "apply", "stub calls by hand", 1.1,
+          "ms"),
+    pairs("state_rates", "the plan of 10,000 modules onto nothing", "plan_growth", "of 1,000", 12, "ms"),
+    pairs("state_rates", "100,000 rules onto an empty table", "rules", "one add for each", 0.05, "ms"),
+    pairs("norvd/restarts.py", "first-light as wanted again after a restart of the daemon", "restart",
+          "norvctl apply, typed at once", None, "ms"),
+]
