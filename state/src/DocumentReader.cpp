@@ -674,6 +674,11 @@ Document readDocument(const std::vector<Source>& sources, const Offer& offer) {
 Document readFiles(const std::vector<std::string>& files, const Offer& offer) {
   std::vector<Source> sources;
   std::vector<Problem> problems;
+  const auto unreadable = [&](const std::string& file, const std::string& why) {
+    Problem& problem = problems.emplace_back();
+    problem.mark = {file, 1, 1};
+    problem.text = "cannot be read: " + why;
+  };
   for (const std::string& file : files) {
     std::ostringstream text;
     if (file == "-") {
@@ -683,14 +688,12 @@ Document readFiles(const std::vector<std::string>& files, const Offer& offer) {
     }
     std::error_code unknown;
     if (std::filesystem::is_directory(file, unknown)) {  // which opens, and seems to be empty
-      problems.push_back({{file, 1, 1}, "cannot be read: it is a folder; name its files"});
+      unreadable(file, "it is a folder; name its files");
       continue;
     }
     std::ifstream stream(file, std::ios::binary);
     if (stream) text << stream.rdbuf();
-    if (!stream.is_open() || stream.bad()) {
-      problems.push_back({{file, 1, 1}, std::string("cannot be read: ") + std::strerror(errno)});
-    }
+    if (!stream.is_open() || stream.bad()) unreadable(file, std::strerror(errno));
     sources.push_back({file, text.str()});
   }
   if (!problems.empty()) throw DocumentError(std::move(problems));
