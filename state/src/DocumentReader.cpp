@@ -675,9 +675,7 @@ Document readFiles(const std::vector<std::string>& files, const Offer& offer) {
   std::vector<Source> sources;
   std::vector<Problem> problems;
   const auto unreadable = [&](const std::string& file, const std::string& why) {
-    Problem& problem = problems.emplace_back();
-    problem.mark = {file, 1, 1};
-    problem.text = "cannot be read: " + why;
+    problems.push_back({{file, 1, 1}, "cannot be read: " + why});
   };
   for (const std::string& file : files) {
     std::ostringstream text;

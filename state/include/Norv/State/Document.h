@@ -21,6 +21,7 @@ std::string text(const Mark& mark);
 
 // What is wrong with a document, at its place.
 struct Problem {
+  Problem(Mark place, std::string what) : mark(std::move(place)), text(std::move(what)) {}
   Mark mark;
   std::string text;
 };
