@@ -130,6 +130,18 @@ def test_an_address_of_ip_version_6():
         equal(run("--host", host, "--port", port, "--timeout", "20", write_file(command("getVersion"))).status, 0)
 
 
+def test_the_environment_says_how_long_to_wait():
+    file = write_file(command("getVersion"))
+    os.environ["NORV_TIMEOUT"] = "0.2"
+    equal(norvctl("run", *at(free_port()), file).status, 3)
+    os.environ["NORV_TIMEOUT"] = "1000"
+    equal(norvctl("run", *at(free_port()), "--timeout", "0.2", file).status, 3)
+    os.environ["NORV_TIMEOUT"] = "soon"
+    finished = norvctl("run", "--standin", file)
+    equal(finished.status, 1)
+    assert "NORV_TIMEOUT" in finished.err and "soon" in finished.err, finished
+
+
 def test_the_environment_names_the_daemon():
     standin = Standin()
     os.environ["NORV_HOST"] = "127.0.0.1"

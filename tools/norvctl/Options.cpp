@@ -106,6 +106,7 @@ Target::~Target() = default;
 
 void addTimeout(CLI::App& command, double& seconds, const std::string& what) {
   command.add_option("--timeout", seconds, what)
+      ->envname("NORV_TIMEOUT")
       ->check(CLI::Validator(checkTimeout, ""))
       ->type_name("SECONDS")
       ->capture_default_str();

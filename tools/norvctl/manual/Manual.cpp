@@ -106,7 +106,8 @@ std::string mainPage(const CLI::App& app) {
   page +=
       ".SH ENVIRONMENT\n.TP\n\\fBNORV_HOST\\fR, \\fBNORV_PORT\\fR\nthe daemon's host and port "
       "where "
-      "\\-\\-host and \\-\\-port are not given\n.TP\n\\fBNO_COLOR\\fR\nif set and not empty, "
+      "\\-\\-host and \\-\\-port are not given\n.TP\n\\fBNORV_TIMEOUT\\fR\nseconds, where "
+      "\\-\\-timeout is not given\n.TP\n\\fBNO_COLOR\\fR\nif set and not empty, "
       "nothing "
       "is coloured\n.TP\n\\fBhttp_proxy\\fR, \\fBno_proxy\\fR\nas gRPC takes them; the loopback "
       "never "
