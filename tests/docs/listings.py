@@ -1,0 +1,25 @@
+#!/usr/bin/env python3
+"""Writes the C++ listings of a document to a folder, each under the name in its first line, `// name: ...`.
+Prints the names. Arguments: document, folder."""
+
+import os
+import re
+import sys
+
+
+def main():
+    document, folder = sys.argv[1:]
+    with open(document, encoding="utf-8") as file:
+        listings = re.findall(r"^```cpp\n(// (\w+): .*?)^```", file.read(), flags=re.M | re.S)
+    os.makedirs(folder, exist_ok=True)
+    for text, name in listings:
+        path = os.path.join(folder, name + ".cpp")
+        # An unchanged one is not built again.
+        if os.path.exists(path) and open(path, encoding="utf-8").read() == text:
+            continue
+        with open(path, "w", encoding="utf-8") as file:
+            file.write(text)
+    print(";".join(name for _, name in listings), end="")
+
+
+main()
