@@ -5,7 +5,6 @@
 #include <fstream>
 #include <iostream>
 #include <iterator>
-#include <sstream>
 
 #include <Bess/Facts.h>
 #include <Norv/State/ClassTable.h>
@@ -269,7 +268,8 @@ class Reader {
       names.push_back(key);
       const auto text = scalar(node, key.c_str());
       if (!text) continue;
-      const auto value = *text == "drop" ? dropGate : numberOf(*text);
+      const bool drops = key == "default_gate" && *text == "drop";
+      const auto value = drops ? dropGate : numberOf(*text);
       if (value) {
         module.settings[key] = *value;
       } else {
@@ -334,7 +334,7 @@ class Reader {
     }
     const ClassRow* row = classRow(module.moduleClass);
     if (row != nullptr && !row->tasks) {
-      problem(tasks->mark, "a " + module.moduleClass + " has no tasks");
+      problem(tasks->mark, "class " + module.moduleClass + " has no tasks");
     }
   }
 
@@ -365,6 +365,13 @@ class Reader {
     }
     if (!place.parent.empty() && place.worker >= 0) {
       problem(node.find("wid")->mark, "\"wid\" beside \"parent\"; one of them");
+    }
+    for (const char* key : {"priority", "share"}) {
+      const bool meant = place.parent.empty() && node.find(key) != nullptr;
+      if (meant) {
+        problem(node.find(key)->mark,
+                std::string("a \"") + key + "\" counts only below a \"parent\"");
+      }
     }
   }
 
@@ -499,142 +506,16 @@ class Reader {
   const Offer& offer_;
 };
 
-class ReferenceCheck {
- public:
-  ReferenceCheck(const Document& document, const Switch* live)
-      : document_(document), wanted_(document.wanted), live_(live) {}
-
-  std::vector<Problem> problems;
-
-  void run() {
-    for (const auto& [name, module] : wanted_.modules) checkModule(name, module);
-    for (const auto& [from, to] : wanted_.connections) checkConnection(from, to);
-    for (const auto& [name, entered] : wanted_.trafficClasses) {
-      const Mark& mark = document_.marks.at({Kind::trafficClass, name});
-      checkPlace("traffic class " + name, entered.place, mark);
-      checkCycle(name, mark);
-    }
-    for (const auto& [point, arg] : wanted_.hooks) checkHook(point);
+// No more than shows that it is too much.
+std::string textOf(std::istream& stream) {
+  const std::size_t most = Limits().bytes + 1;
+  std::string text;
+  char part[1 << 16];
+  while (text.size() < most && (stream.read(part, sizeof part) || stream.gcount() > 0)) {
+    text.append(part, static_cast<std::size_t>(stream.gcount()));
   }
-
- private:
-  const Module* module(const std::string& name) const { return find(name, &Switch::modules); }
-  const TrafficClass* trafficClass(const std::string& name) const {
-    return find(name, &Switch::trafficClasses);
-  }
-
-  template <class Map>
-  const typename Map::mapped_type* find(const typename Map::key_type& name,
-                                        Map Switch::*member) const {
-    const auto found = (wanted_.*member).find(name);
-    if (found != (wanted_.*member).end()) return &found->second;
-    if (live_ == nullptr) return nullptr;
-    const auto there = (live_->*member).find(name);
-    return there == (live_->*member).end() ? nullptr : &there->second;
-  }
-
-  template <class Map>
-  std::string missing(const std::string& what, const std::string& name, Map Switch::*member) const {
-    std::vector<std::string> names;
-    for (const auto& one : wanted_.*member) names.push_back(one.first);
-    if (live_ != nullptr) {
-      for (const auto& one : live_->*member) names.push_back(one.first);
-    }
-    return "no " + what + " \"" + name + "\"" + (live_ ? " here or on the switch" : " here") +
-           didYouMean(name, names);
-  }
-
-  void checkModule(const std::string& name, const Module& entered) {
-    const Mark& mark = document_.marks.at({Kind::module, name});
-    const std::string port = portOf(entered);
-    if (!port.empty() && find(port, &Switch::ports) == nullptr) {
-      problems.push_back({mark, "module " + name + ": " + missing("port", port, &Switch::ports)});
-    }
-    for (const auto& place : entered.tasks) {
-      if (place) checkPlace("module " + name, *place, mark);
-    }
-  }
-
-  void checkGate(const Gate& gate, bool output, const Mark& mark) {
-    const Module* entered = module(gate.module);
-    if (entered == nullptr) {
-      problems.push_back({mark, missing("module", gate.module, &Switch::modules)});
-      return;
-    }
-    const ClassRow* row = classRow(entered->moduleClass);
-    if (row == nullptr || gate.number < (output ? row->outputs : row->inputs)) return;
-    const std::uint32_t limit = output ? row->outputs : row->inputs;
-    problems.push_back(
-        {mark,
-         "module " + gate.module + " has no " + (output ? "output " : "input ") +
-             std::to_string(gate.number) + ": a " + entered->moduleClass + " has " +
-             (limit == 0 ? "none"
-                         : std::to_string(limit) + ", the last is " + std::to_string(limit - 1))});
-  }
-
-  void checkConnection(const Gate& from, const Gate& to) {
-    const Mark& mark = document_.marks.at(objectOf(from));
-    checkGate(from, true, mark);
-    checkGate(to, false, mark);
-  }
-
-  void checkHook(const HookPoint& point) {
-    const auto mark = document_.marks.find(objectOf(point));
-    if (mark == document_.marks.end()) return;  // a connection's own
-    if (module(point.gate.module) == nullptr) {
-      problems.push_back({mark->second, missing("module", point.gate.module, &Switch::modules)});
-      return;
-    }
-    const auto leads = [&](const auto& connections) {
-      return std::any_of(connections.begin(), connections.end(), [&](const auto& one) {
-        return (point.output ? one.first : one.second) == point.gate;
-      });
-    };
-    if (leads(wanted_.connections) || (live_ != nullptr && leads(live_->connections))) return;
-    problems.push_back({mark->second, "a hook needs a connection: nothing is connected to " +
-                                          std::string(point.output ? "output " : "input ") +
-                                          point.gate.module + ":" +
-                                          std::to_string(point.gate.number)});
-  }
-
-  void checkPlace(const std::string& what, const Place& place, const Mark& mark) {
-    if (place.worker >= 0 && wanted_.workersStated &&
-        find(place.worker, &Switch::workers) == nullptr) {
-      problems.push_back({mark, what + ": no worker " + std::to_string(place.worker) + " here" +
-                                    (live_ ? " or on the switch" : "")});
-    }
-    if (place.parent.empty()) return;
-    const TrafficClass* parent = trafficClass(place.parent);
-    if (parent == nullptr) {
-      problems.push_back(
-          {mark, what + ": " + missing("traffic class", place.parent, &Switch::trafficClasses)});
-      return;
-    }
-    if (parent->policy == "priority" && !place.priority) {
-      problems.push_back({mark, what + " needs a \"priority\" below " + place.parent});
-    }
-    if (parent->policy == "weighted_fair" && !place.share) {
-      problems.push_back({mark, what + " needs a \"share\" below " + place.parent});
-    }
-  }
-
-  void checkCycle(const std::string& name, const Mark& mark) {
-    std::set<std::string> seen;
-    std::string at = name;
-    while (!at.empty()) {
-      if (!seen.insert(at).second) {
-        if (at == name) problems.push_back({mark, "traffic class " + name + " is below itself"});
-        return;
-      }
-      const auto found = wanted_.trafficClasses.find(at);
-      at = found == wanted_.trafficClasses.end() ? "" : found->second.place.parent;
-    }
-  }
-
-  const Document& document_;
-  const Switch& wanted_;
-  const Switch* const live_;
-};
+  return text;
+}
 
 std::string joined(const std::vector<Problem>& problems) {
   std::string text;
@@ -678,10 +559,8 @@ Document readFiles(const std::vector<std::string>& files, const Offer& offer) {
     problems.push_back({{file, 1, 1}, "cannot be read: " + why});
   };
   for (const std::string& file : files) {
-    std::ostringstream text;
     if (file == "-") {
-      text << std::cin.rdbuf();
-      sources.push_back({"standard input", text.str()});
+      sources.push_back({"standard input", textOf(std::cin)});
       continue;
     }
     std::error_code unknown;
@@ -690,18 +569,13 @@ Document readFiles(const std::vector<std::string>& files, const Offer& offer) {
       continue;
     }
     std::ifstream stream(file, std::ios::binary);
-    if (stream) text << stream.rdbuf();
+    std::string text;
+    if (stream) text = textOf(stream);
     if (!stream.is_open() || stream.bad()) unreadable(file, std::strerror(errno));
-    sources.push_back({file, text.str()});
+    sources.push_back({file, std::move(text)});
   }
   if (!problems.empty()) throw DocumentError(std::move(problems));
   return readDocument(sources, offer);
-}
-
-std::vector<Problem> checkReferences(const Document& document, const Switch* live) {
-  ReferenceCheck check(document, live);
-  check.run();
-  return std::move(check.problems);
 }
 
 }  // namespace Norv::State

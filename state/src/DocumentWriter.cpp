@@ -56,7 +56,8 @@ class Writer {
     for (const auto& [id, worker] : described_.workers) {
       Node node = Node::map(true);
       put(node, "core", number(worker.core));
-      if (worker.scheduler) put(node, "scheduler", Node::text(*worker.scheduler));
+      if (worker.scheduler && !worker.scheduler->empty())
+        put(node, "scheduler", Node::text(*worker.scheduler));
       if (worker.running && !*worker.running) put(node, "running", Node::plain("false"));
       put(map, std::to_string(id), std::move(node));
     }

@@ -106,6 +106,8 @@ class SwitchReader {
         Any arg;
         if (arg.ParseFromString(field.length_delimited())) port.arg = arg;
       }
+      // One that tells these tells hooks, too, where there are any.
+      live_.tellsHooks = live_.tellsHooks || port.incQueues.has_value();
       // A daemon that tells queues tells an argument that is empty by leaving it out.
       if (port.incQueues && !port.arg) port.arg = Any();
       readPortConf(shown.name(), port);
@@ -230,8 +232,8 @@ class SwitchReader {
       auto& arg = live_.hooks[{gate, output, hook.class_name(), hook.hook_name()}];
       if (hook.class_name() == defaultHookClass) arg = Any();  // its argument only adds counters
     }
-    // Its counters have a time.
-    if (hooks.empty() && shown.timestamp() != 0) {
+    // The counters of the default one have a time.
+    if (output && hooks.empty() && shown.timestamp() != 0) {
       live_.hooks[{gate, output, defaultHookClass, defaultHookName}] = Any();
     }
   }

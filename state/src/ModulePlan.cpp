@@ -111,7 +111,7 @@ class ArgumentDifference {
       const Setting* setting = settingOf(field);
       if (setting == nullptr || !canSet(*setting, field)) {
         if (result_.recreate.empty()) {
-          result_.recreate = "no command of a " + std::string(row_.name) +
+          result_.recreate = "no command of class " + std::string(row_.name) +
                              (setting == nullptr ? " changes " : " can clear ") + field.name();
         }
       } else if (used.insert(setting).second) {

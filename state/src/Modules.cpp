@@ -162,7 +162,7 @@ bool normaliseEntry(const ClassRow& row, Message& entry, std::size_t values,
             ? static_cast<std::uint64_t>(entry.GetReflection()->GetInt64(entry, gate))
             : entry.GetReflection()->GetUInt64(entry, gate);
     if (number >= row.outputs && number != dropGate) {
-      complaint = "gate " + std::to_string(number) + " is above the last of a " +
+      complaint = "gate " + std::to_string(number) + " is above the last of class " +
                   std::string(row.name) + ", " + std::to_string(row.outputs - 1);
       return false;
     }

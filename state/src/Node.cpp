@@ -4,7 +4,9 @@
 #include <yaml-cpp/yaml.h>
 
 #include <algorithm>
+#include <map>
 #include <nlohmann/json.hpp>
+#include <regex>
 #include <set>
 #include <sstream>
 
@@ -22,6 +24,19 @@ class Builder : public YAML::EventHandler {
       : file_(std::move(file)), problems_(problems), limits_(limits) {}
 
   Node root;
+
+  // Where in the text two characters were put in that are not in the file.
+  void insertedAt(const std::string& text, const std::vector<std::size_t>& places) {
+    std::size_t line = 1, lineStart = 0, at = 0;
+    for (const std::size_t place : places) {
+      for (; at < place; ++at) {
+        if (text[at] != '\n') continue;
+        ++line;
+        lineStart = at + 1;
+      }
+      inserted_[line].push_back(place - lineStart + 1);
+    }
+  }
 
   void OnDocumentStart(const YAML::Mark&) override {}
   void OnDocumentEnd() override {}
@@ -57,8 +72,14 @@ class Builder : public YAML::EventHandler {
   };
 
   Mark markOf(const YAML::Mark& mark) const {
-    return {file_, static_cast<std::size_t>(mark.line + 1),
-            static_cast<std::size_t>(mark.column + 1)};
+    const auto line = static_cast<std::size_t>(mark.line + 1);
+    auto column = static_cast<std::size_t>(mark.column + 1);
+    const auto inserted = inserted_.find(line);
+    if (inserted == inserted_.end()) return {file_, line, column};
+    std::size_t before = 0;  // characters that are not in the file
+    for (const std::size_t at : inserted->second)
+      before += at + before < column ? insertedLength : 0;
+    return {file_, line, column - before};
   }
   [[noreturn]] void stop(const YAML::Mark& mark, const std::string& what) {
     problems_.push_back({markOf(mark), what});
@@ -112,6 +133,8 @@ class Builder : public YAML::EventHandler {
   std::vector<Problem>& problems_;
   const Limits limits_;
   std::vector<Open> stack_;
+  static constexpr std::size_t insertedLength = 2;
+  std::map<std::size_t, std::vector<std::size_t>> inserted_;  // columns, by their line
 };
 
 nlohmann::ordered_json jsonOf(const Node& node) {
@@ -147,8 +170,8 @@ bool plainLooking(const std::string& text) {
 // takes up to ten when it is escaped; what is longer needs a "?" before it.
 constexpr std::size_t longKey = 100;
 
-// JSON with a "?" before its long keys.
-std::string withLongKeysMarked(const std::string& text) {
+// JSON with a "?" before its long keys; `marks` gets where, in the text as it was.
+std::string withLongKeysMarked(const std::string& text, std::vector<std::size_t>& marks) {
   const std::size_t first = text.find_first_not_of(" \t\r\n");
   if (first == std::string::npos || text[first] != '{') return text;
   std::string marked;
@@ -160,11 +183,37 @@ std::string withLongKeysMarked(const std::string& text) {
     const std::size_t behind = text.find_first_not_of(" \t\r\n", ++at);
     if (at - begin <= longKey || behind == std::string::npos || text[behind] != ':') continue;
     marked.append(text, copied, begin - copied).append("? ");
+    marks.push_back(begin);
     copied = begin;
   }
   // In YAML a quote may be a letter among others.
-  if (marked.empty() || !nlohmann::json::accept(text)) return text;
+  if (marked.empty() || !nlohmann::json::accept(text)) {
+    marks.clear();
+    return text;
+  }
   return marked.append(text, copied);
+}
+
+// JSON with the two halves of a character, as in "\ud83d\ude00", as that character: a parser of
+// YAML takes each for one of its own.
+std::string withHalvesJoined(const std::string& text) {
+  static const std::regex halves("\\\\u[dD][89abAB][0-9a-fA-F]{2}\\\\u[dD][c-fC-F][0-9a-fA-F]{2}");
+  if (text.find("\\ud") == std::string::npos && text.find("\\uD") == std::string::npos) return text;
+  if (!nlohmann::json::accept(text)) return text;
+  std::string joined;
+  std::size_t copied = 0;
+  for (std::size_t at = text.find('\\'); at != std::string::npos; at = text.find('\\', at)) {
+    if (std::regex_search(text.begin() + static_cast<std::ptrdiff_t>(at), text.end(), halves,
+                          std::regex_constants::match_continuous)) {
+      constexpr std::size_t length = 12;
+      joined.append(text, copied, at - copied);
+      joined += nlohmann::json::parse('"' + text.substr(at, length) + '"').get<std::string>();
+      at = copied = at + length;
+    } else {
+      at += 2;
+    }
+  }
+  return joined.append(text, copied);
 }
 
 void emitScalar(YAML::Emitter& out, const std::string& text) {
@@ -304,12 +353,18 @@ Node readYaml(const std::string& text, const std::string& file, std::vector<Prob
     return builder.root;
   }
   try {
-    std::istringstream stream(withLongKeysMarked(text));
+    const std::string joined = withHalvesJoined(text);
+    std::vector<std::size_t> marks;
+    std::istringstream stream(withLongKeysMarked(joined, marks));
+    builder.insertedAt(joined, marks);
     YAML::Parser parser(stream);
     parser.HandleNextDocument(builder);
-    Builder second(file, problems, limits);
-    if (parser.HandleNextDocument(second) && second.root.kind != Node::Kind::null) {
-      problems.push_back({second.root.mark, "a second document in the file; join them"});
+    for (bool more = true; more;) {
+      Builder other(file, problems, limits);
+      more = parser.HandleNextDocument(other);
+      if (!more || other.root.kind == Node::Kind::null) continue;
+      problems.push_back({other.root.mark, "a second document in the file; join them"});
+      more = false;
     }
   } catch (const Stop&) {
   } catch (const YAML::Exception& error) {

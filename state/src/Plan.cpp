@@ -4,7 +4,10 @@
 
 #include <Norv/State/Plan.h>
 
+#include "CommandPlan.h"
+#include "HookPlan.h"
 #include "PlanBuilder.h"
+#include "Target.h"
 
 namespace Norv::State {
 
@@ -53,25 +56,29 @@ using Action = Change::Action;
 class Planner {
  public:
   Planner(const LiveSwitch& live, const Switch& wanted, const PlanOptions& options)
-      : live_(live), wanted_(wanted), options_(options) {}
+      : live_(live),
+        wanted_(wanted),
+        options_(options),
+        target_(targetOf(live, wanted, options)),
+        context_{live_, target_, recreated_, options},
+        hooks_(builder_, context_) {}
 
   Plan plan() {
-    findTarget();
     // As many as there are when all is made: what grows is copied.
     builder_.plan.steps.reserve(target_.objects() - target_.hooks.size());
     builder_.plan.changes.reserve(target_.objects() - target_.hooks.size());
-    findRecreated();
     builder_.plan.liveObjects = live_.objects();
     countLeftAlone();
-    warnOfGates();
+    builder_.plan.warnings = gateWarnings(wanted_);
+    findRecreated();
 
-    const TrafficContext context{live_, target_, destroyed_};
+    const TrafficContext context{live_, target_, destroyed_, options_.recreateUnknown};
     TrafficPlanner traffic(builder_, context);
     // Before anything pauses: a task that waits for a place would make the daemon launch worker 0.
     traffic.addWorkers();
     importPlugins();
     disconnect();
-    removeHooks();
+    hooks_.remove();
     destroyModules();
     destroyPorts();
     unloadPlugins();
@@ -79,11 +86,14 @@ class Planner {
     traffic.changeWorkers();
     createPorts();
     createModules(traffic.workersDestroyed());
-    commandModules(traffic);
+    CommandPlanner commands(builder_, live_, target_, traffic);
+    commands.fillNew(created_);
+    commands.change(differences_);
     connect();
-    addHooks();
+    hooks_.add(connected_);
     traffic.planClasses(created_);
     traffic.planRunning();
+    findUnfinished(traffic);
     for (const Change& change : builder_.plan.changes) {
       builder_.plan.deletions += change.action == Action::remove;
     }
@@ -91,67 +101,6 @@ class Planner {
   }
 
  private:
-  // --- what the switch shall be -----------------------------------------------------------------
-
-  // The wanted switch, and of the live one what it does not speak of.
-  void findTarget() {
-    target_ = wanted_;
-    for (auto& [name, module] : target_.modules) {
-      const auto live = live_.modules.find(name);
-      if (live == live_.modules.end() || live->second.moduleClass != module.moduleClass) continue;
-      for (const auto& setting : live->second.settings) module.settings.insert(setting);
-      if (!module.table) module.table = live->second.table;
-      if (!module.arg) module.arg = live->second.arg;
-    }
-    if (!options_.prune) {
-      target_.plugins.insert(live_.plugins.begin(), live_.plugins.end());
-      target_.ports.insert(live_.ports.begin(), live_.ports.end());
-      target_.modules.insert(live_.modules.begin(), live_.modules.end());
-      target_.connections.insert(live_.connections.begin(), live_.connections.end());
-      target_.trafficClasses.insert(live_.trafficClasses.begin(), live_.trafficClasses.end());
-      for (const auto& [point, arg] : live_.hooks) keepHook(point, arg);
-    }
-    if (!options_.prune || !wanted_.workersStated) {
-      target_.workers.insert(live_.workers.begin(), live_.workers.end());
-    }
-    // What ran before a change that was cut short runs again.
-    for (auto& [id, worker] : target_.workers) {
-      const bool cutShort = live_.doubtful.contains({Kind::worker, std::to_string(id)});
-      if (cutShort && !wanted_.workers.contains(id)) worker.running = true;
-    }
-    if (!wanted_.workersStated && target_.workers.empty() && anyTask()) {
-      target_.workers[0] = {0, true, {}};  // the one that the daemon would launch
-    }
-  }
-
-  // A hook that the document does not speak of stays, but not the default hook of a connection that
-  // is stated without.
-  void keepHook(const HookPoint& point, const std::optional<Any>& arg) {
-    const bool statedWithout =
-        point == defaultHook(point.gate) && wanted_.connections.contains(point.gate);
-    if (!statedWithout && !matches(target_.hooks, point)) target_.hooks[point] = arg;
-  }
-
-  // The hook of the same point, under the same name or under none.
-  static const std::optional<Any>* matches(const std::map<HookPoint, std::optional<Any>>& hooks,
-                                           const HookPoint& point) {
-    if (const auto found = hooks.find(point); found != hooks.end()) return &found->second;
-    auto other = hooks.lower_bound({point.gate, point.output, point.hookClass, ""});
-    for (; other != hooks.end() && other->first.gate == point.gate &&
-           other->first.output == point.output && other->first.hookClass == point.hookClass;
-         ++other) {
-      if (other->first.name.empty() || point.name.empty()) return &other->second;
-    }
-    return nullptr;
-  }
-
-  bool anyTask() const {
-    return std::any_of(target_.modules.begin(), target_.modules.end(), [](const auto& one) {
-      const ClassRow* row = classRow(one.second.moduleClass);
-      return row != nullptr && row->tasks;
-    });
-  }
-
   // --- what cannot stay as it is ----------------------------------------------------------------
 
   void findRecreated() {
@@ -164,8 +113,10 @@ class Planner {
     for (const auto& [name, module] : live_.modules) {
       const auto target = target_.modules.find(name);
       if (target == target_.modules.end()) continue;
-      const bool sure = options_.recreateUnknown || live_.doubtful.contains({Kind::module, name});
-      ModuleDifference found = difference(doubted(name, module), target->second, sure);
+      const bool doubtful = live_.doubtful.contains({Kind::module, name});
+      ModuleDifference found = doubtful
+                                   ? difference(doubted(module), target->second, true)
+                                   : difference(module, target->second, options_.recreateUnknown);
       for (const std::string& what : found.assumed) {
         builder_.plan.assumed.push_back("module " + name + ": " + what);
       }
@@ -176,19 +127,21 @@ class Planner {
       differences_[name] = std::move(found);
     }
     for (const std::string& name : TrafficPlanner::withoutWorker(live_, target_)) {
-      if (!recreated_.contains(name)) remake(name, "no worker is left for its task", {});
+      if (recreated_.contains(name)) continue;
+      differences_[name].recreate = "no worker is left for its task";
+      remake(name, differences_[name].recreate, {});
     }
   }
 
   // What was begun and not ended may have changed the argument that the daemon tells.
-  Module doubted(const std::string& name, const Module& module) const {
+  static Module doubted(const Module& module) {
     Module known = module;
     const ClassRow* row = classRow(module.moduleClass);
     const bool changeable = row != nullptr && !row->readsBack &&
                             (row->argumentTable != nullptr ||
                              std::any_of(row->settings.begin(), row->settings.end(),
                                          [](const Setting& one) { return one.inArgument(); }));
-    if (live_.doubtful.contains({Kind::module, name}) && changeable) known.arg.reset();
+    if (changeable) known.arg.reset();
     return known;
   }
 
@@ -208,22 +161,13 @@ class Planner {
     }
   }
 
-  void warnOfGates() {
-    for (const auto& [name, module] : wanted_.modules) {
-      for (const std::int64_t gate : gatesBeyond(module)) {
-        const std::uint32_t outputs = classRow(module.moduleClass)->outputs;
-        builder_.plan.warnings.push_back("module " + name + ": its argument names gate " +
-                                         std::to_string(gate) + ", and the last of a " +
-                                         module.moduleClass + " is " + std::to_string(outputs - 1));
-      }
-    }
-  }
-
   std::string whyPortIsRemade(const std::string& name, const Port& live, const Port& target) {
     if (live.driver != target.driver) return "driver: " + live.driver + " -> " + target.driver;
     std::string why;
     if (target.arg && !live.arg) {
-      if (options_.recreateUnknown) return "the daemon does not tell its argument";
+      if (options_.recreateUnknown || live_.doubtful.contains({Kind::port, name})) {
+        return "the daemon does not tell its argument";
+      }
       builder_.plan.assumed.push_back("port " + name + ": arg");
     } else if (target.arg && !same(*live.arg, *target.arg)) {
       why = "another argument";
@@ -259,14 +203,8 @@ class Planner {
     count(live_.connections, wanted_.connections);
     count(live_.trafficClasses, wanted_.trafficClasses);
     for (const auto& [point, arg] : live_.hooks) {
-      builder_.plan.leftAlone +=
-          point != defaultHook(point.gate) && matches(wanted_.hooks, point) == nullptr;
+      builder_.plan.leftAlone += point != defaultHook(point.gate) && !matches(wanted_.hooks, point);
     }
-  }
-
-  bool stays(const std::string& module) const {
-    return live_.modules.contains(module) && target_.modules.contains(module) &&
-           !recreated_.contains(module);
   }
 
   // --- steps, in their order --------------------------------------------------------------------
@@ -302,15 +240,6 @@ class Planner {
     return "-> " + (to.number == 0 ? "" : std::to_string(to.number) + ":") + to.module;
   }
 
-  // Whether the connection is there and need not be touched.
-  bool connectionStays(const Gate& from) const {
-    const auto live = live_.connections.find(from);
-    if (live == live_.connections.end()) return false;
-    const auto target = target_.connections.find(from);
-    return target != target_.connections.end() && live->second == target->second &&
-           stays(from.module) && stays(live->second.module);
-  }
-
   void disconnect() {
     for (const auto& [from, to] : live_.connections) {
       const auto target = target_.connections.find(from);
@@ -322,46 +251,12 @@ class Planner {
       builder_.detail(change,
                       targetText(to) + (remove ? "" : " becomes " + targetText(target->second)));
       // With a module its connections go.
-      if (!stays(from.module) || !stays(to.module)) continue;
+      if (!context_.stays(from.module) || !context_.stays(to.module)) continue;
       auto request = std::make_unique<bess::pb::DisconnectModulesRequest>();
       request->set_name(from.module);
       request->set_ogate(from.number);
       disconnected_[from] =
           builder_.step(disconnectModules, std::move(request), Kind::connection, change);
-    }
-  }
-
-  std::unique_ptr<Message> hookRequest(const HookPoint& point, const std::optional<Any>& arg,
-                                       bool enable) const {
-    auto request = std::make_unique<bess::pb::ConfigureGateHookRequest>();
-    request->set_enable(enable);
-    auto& hook = *request->mutable_hook();
-    hook.set_class_name(point.hookClass);
-    hook.set_module_name(point.gate.module);
-    hook.set_hook_name(point.name);
-    const auto gate = static_cast<std::int64_t>(point.gate.number);
-    point.output ? hook.set_ogate(gate) : hook.set_igate(gate);
-    if (arg && enable) *hook.mutable_arg() = *arg;
-    return request;
-  }
-
-  // Whether something stays connected to the gate of the hook.
-  bool gateStays(const HookPoint& point) const {
-    if (point.output) return connectionStays(point.gate);
-    return std::any_of(live_.connections.begin(), live_.connections.end(), [&](const auto& one) {
-      return one.second == point.gate && connectionStays(one.first);
-    });
-  }
-
-  void removeHooks() {
-    for (const auto& [point, arg] : live_.hooks) {
-      if (matches(target_.hooks, point) != nullptr) continue;
-      const bool gateRemains = gateStays(point);
-      if (!gateRemains && point == defaultHook(point.gate)) continue;  // goes with its connection
-      const std::size_t change = builder_.change(objectOf(point), Action::remove);
-      if (!gateRemains) continue;
-      hookRemoved_.push_back(
-          builder_.step(configureGateHook, hookRequest(point, {}, false), Kind::hook, change));
     }
   }
 
@@ -377,6 +272,8 @@ class Planner {
       auto request = std::make_unique<bess::pb::DestroyModuleRequest>();
       request->set_name(name);
       destroyed_[name] = builder_.step(destroyModule, std::move(request), Kind::module, change);
+      const std::string port = portOf(module);
+      if (!port.empty()) usersDestroyed_[port].push_back(destroyed_[name]);
     }
   }
 
@@ -414,26 +311,23 @@ class Planner {
       if (remade) builder_.detail(change, reason->second);
       auto request = std::make_unique<bess::pb::DestroyPortRequest>();
       request->set_name(name);
-      std::vector<std::size_t> after;
-      for (const auto& [module, step] : destroyed_) {
-        if (portOf(live_.modules.at(module)) == name) after.push_back(step);
-      }
       portDestroyed_[name] =
-          builder_.step(destroyPort, std::move(request), Kind::port, change, std::move(after));
+          builder_.step(destroyPort, std::move(request), Kind::port, change, usersDestroyed_[name]);
     }
   }
 
   void createPorts() {
-    const auto allDestroyed = ends(portDestroyed_);  // one of them may hold the device
+    auto before = ends(portDestroyed_);  // one of them may hold the device
+    before.insert(before.end(), imported_.begin(), imported_.end());
     for (const auto& [name, port] : target_.ports) {
       const bool there = live_.ports.contains(name) && !portReasons_.contains(name);
-      if (!there) createOnePort(name, port, allDestroyed);
+      if (!there) createOnePort(name, port, before);
       configurePort(name, port, there);
     }
   }
 
-  void createOnePort(const std::string& name, const Port& port,
-                     const std::vector<std::size_t>& allDestroyed) {
+  // `before`: steps that must have ended; for the ports that follow, the first port is one for all.
+  void createOnePort(const std::string& name, const Port& port, std::vector<std::size_t>& before) {
     const std::size_t change = builder_.change({Kind::port, name}, Action::create);
     if (!port.arg) {
       portCreated_[name] = builder_.impossible(
@@ -452,10 +346,9 @@ class Planner {
     if (const auto own = portDestroyed_.find(name); own != portDestroyed_.end()) {
       after.push_back(own->second);
     }
-    std::vector<std::size_t> behind = allDestroyed;
-    behind.insert(behind.end(), imported_.begin(), imported_.end());
-    portCreated_[name] = builder_.step(createPort, std::move(request), Kind::port, change,
-                                       std::move(after), std::move(behind));
+    portCreated_[name] =
+        builder_.step(createPort, std::move(request), Kind::port, change, std::move(after), before);
+    if (before.size() > 1) before = {portCreated_[name]};
   }
 
   void configurePort(const std::string& name, const Port& port, bool there) {
@@ -492,7 +385,7 @@ class Planner {
   // `workersDestroyed`: a task that waits would come to a worker that is about to go.
   void createModules(const std::vector<std::size_t>& workersDestroyed) {
     for (const auto& [name, module] : target_.modules) {
-      if (stays(name)) continue;
+      if (context_.stays(name)) continue;
       const std::size_t change = builder_.change({Kind::module, name}, Action::create);
       if (!module.arg) {
         created_[name] = builder_.impossible("its argument is not known; state it", change);
@@ -512,144 +405,12 @@ class Planner {
       std::vector<std::size_t> behind = imported_;
       behind.insert(behind.end(), workersDestroyed.begin(), workersDestroyed.end());
       // One of them may use the queue that this one takes.
-      if (!port.empty()) {
-        for (const auto& [other, step] : destroyed_) {
-          if (portOf(live_.modules.at(other)) == port) behind.push_back(step);
-        }
+      if (const auto users = usersDestroyed_.find(port); users != usersDestroyed_.end()) {
+        behind.insert(behind.end(), users->second.begin(), users->second.end());
       }
       created_[name] = builder_.step(createModule, std::move(request), Kind::module, change,
                                      std::move(after), std::move(behind));
     }
-  }
-
-  // --- what commands change ---------------------------------------------------------------------
-
-  void commandModules(const TrafficPlanner& traffic) {
-    for (const auto& [name, step] : created_) {
-      const std::size_t change = builder_.change({Kind::module, name}, Action::create);
-      sendCommands(name, commandsForNew(target_.modules.at(name)), change, {step}, {});
-    }
-    // By the workers that have to stand still for it.
-    std::map<std::set<std::int64_t>, std::vector<std::string>> windows;
-    const auto reached = reachedByRunning();
-    for (const auto& [name, found] : differences_) {
-      if (found.commands.empty() || recreated_.contains(name)) continue;
-      const bool pause = std::any_of(found.commands.begin(), found.commands.end(),
-                                     [](const ModuleCommand& one) { return !one.whileRunning; });
-      const auto workers = reached.find(name);
-      std::set<std::int64_t> standing;
-      if (pause && workers != reached.end()) {
-        for (const std::int64_t worker : workers->second) {
-          if (traffic.runsThroughout(worker)) standing.insert(worker);
-          // One that stops anyway has to have stopped.
-          if (const auto step = traffic.stopped(worker)) stops_[name].push_back(*step);
-        }
-      }
-      if (pause && othersRun(standing, traffic)) findReached(stops_[name]);
-      windows[standing].push_back(name);
-    }
-    for (const auto& [workers, names] : windows) window(workers, names);
-  }
-
-  bool othersRun(const std::set<std::int64_t>& standing, const TrafficPlanner& traffic) const {
-    return std::any_of(live_.workers.begin(), live_.workers.end(), [&](const auto& one) {
-      return traffic.runsThroughout(one.first) && !standing.contains(one.first);
-    });
-  }
-
-  // A daemon goes by what it found last when it refuses: a worker that was cut off from a module
-  // still counts until it is told to look again.
-  void findReached(std::vector<std::size_t>& before) {
-    if (!found_) {
-      found_ = builder_.step(checkSchedulingConstraints, std::make_unique<bess::pb::EmptyRequest>(),
-                             Kind::worker, Step::none);
-    }
-    before.push_back(*found_);
-  }
-
-  // The entries of a table do not need each other, but what comes before them.
-  std::vector<std::size_t> sendCommands(const std::string& name,
-                                        const std::vector<ModuleCommand>& commands,
-                                        std::size_t change, std::vector<std::size_t> after,
-                                        const std::vector<std::size_t>& behind) {
-    std::vector<std::size_t> sent;
-    for (const ModuleCommand& command : commands) {
-      sent.push_back(builder_.step(moduleCommand, commandRequest(name, command), Kind::module,
-                                   change, after, behind));
-      if (!command.whileRunning) builder_.standing.push_back(sent.back());
-      if (command.command != "add" && command.command != "delete") after = {sent.back()};
-    }
-    return sent;
-  }
-
-  void window(const std::set<std::int64_t>& workers, const std::vector<std::string>& names) {
-    std::vector<std::size_t> paused;
-    std::string who;
-    for (const std::int64_t worker : workers) {
-      auto request = std::make_unique<bess::pb::PauseWorkerRequest>();
-      request->set_wid(worker);
-      paused.push_back(
-          builder_.step(pauseWorker, std::move(request), Kind::worker, Step::none, {}, resumed_));
-      who += (who.empty() ? "" : ", ") + std::to_string(worker);
-    }
-    std::vector<std::size_t> ended = paused;
-    for (const std::string& name : names) {
-      const std::size_t change = builder_.change({Kind::module, name}, Action::change);
-      const ModuleDifference& found = differences_[name];
-      for (const std::string& detail : found.details) builder_.detail(change, detail);
-      std::vector<std::size_t> behind = stops_[name];
-      behind.insert(behind.end(), paused.begin(), paused.end());
-      const auto sent = sendCommands(name, found.commands, change, {}, behind);
-      ended.insert(ended.end(), sent.begin(), sent.end());
-    }
-    if (workers.empty()) return;
-    resumed_.clear();  // the next window comes behind this one, which would end it
-    for (const std::int64_t worker : workers) {
-      auto request = std::make_unique<bess::pb::ResumeWorkerRequest>();
-      request->set_wid(worker);
-      resumed_.push_back(
-          builder_.step(resumeWorker, std::move(request), Kind::worker, Step::none, {}, ended));
-    }
-    std::string what;
-    for (const std::string& name : names) what += (what.empty() ? "" : ", ") + name;
-    builder_.plan.pauses.push_back((workers.size() == 1 ? "worker " : "workers ") + who +
-                                   " while " + what + (names.size() == 1 ? " is" : " are") +
-                                   " changed");
-  }
-
-  // The workers that run and come to a module, as the daemon finds them: along the connections from
-  // a task's module, up to modules with a task of their own.
-  std::map<std::string, std::set<std::int64_t>> reachedByRunning() const {
-    std::map<std::string, std::set<std::string>> next;
-    for (const auto& [from, to] : live_.connections) next[from.module].insert(to.module);
-    std::map<std::string, std::set<std::int64_t>> reached;
-    for (const auto& [name, module] : live_.modules) {
-      std::set<std::int64_t> workers;
-      for (const auto& place : module.tasks) {
-        if (!place) continue;
-        const std::int64_t at = rootOf(live_, *place);
-        const bool goes = !target_.workers.contains(at) && !target_.workers.empty();
-        for (const auto& [worker, live] : live_.workers) {
-          // One that waits may come to any, and one whose worker goes comes to the first.
-          const bool here =
-              worker == at || at < 0 || (goes && worker == target_.workers.begin()->first);
-          if (here && live.running.value_or(false)) workers.insert(worker);
-        }
-      }
-      if (workers.empty()) continue;
-      std::set<std::string> seen{name};
-      std::vector<std::string> open{name};
-      while (!open.empty()) {
-        const std::string at = open.back();
-        open.pop_back();
-        reached[at].insert(workers.begin(), workers.end());
-        if (at != name && !live_.modules.at(at).tasks.empty()) continue;
-        for (const std::string& to : next[at]) {
-          if (live_.modules.contains(to) && seen.insert(to).second) open.push_back(to);
-        }
-      }
-    }
-    return reached;
   }
 
   // --- connections and hooks --------------------------------------------------------------------
@@ -659,7 +420,7 @@ class Planner {
     const std::unordered_map<std::string_view, std::size_t> makers(created_.begin(),
                                                                    created_.end());
     for (const auto& [from, to] : target_.connections) {
-      if (connectionStays(from)) continue;
+      if (context_.connectionStays(from)) continue;
       std::vector<std::size_t> after;
       const auto there = [&](const std::string& module) {
         const auto made = makers.find(module);
@@ -672,7 +433,9 @@ class Planner {
       request->set_m2(to.module);
       request->set_ogate(from.number);
       request->set_igate(to.number);
-      const bool withDefault = matches(target_.hooks, defaultHook(from)) != nullptr;
+      const auto hook = matching(target_.hooks, defaultHook(from));
+      const bool withDefault = hook != target_.hooks.end() &&
+                               HookPlanner::comesWithConnection(defaultHook(from), hook->second);
       request->set_skip_default_hooks(!withDefault);
       if (const auto before = disconnected_.find(from); before != disconnected_.end()) {
         after.push_back(before->second);
@@ -698,58 +461,42 @@ class Planner {
     return change;
   }
 
-  void addHooks() {
-    for (const auto& [point, arg] : target_.hooks) {
-      const bool stayed = gateStays(point);
-      const bool isDefault =
-          point.output && point.hookClass == defaultHookClass && point.name == defaultHookName;
-      if (stayed && (matches(live_.hooks, point) != nullptr || !canBeTold(point))) continue;
-      if (!stayed && isDefault) continue;  // comes with its connection
-      const bool comesBack = matches(live_.hooks, point) != nullptr;
-      const std::size_t change = builder_.change(comesBack ? hookOwner(point) : objectOf(point),
-                                                 comesBack ? Action::recreate : Action::create);
-      if (!arg && point.hookClass != defaultHookClass) {
-        builder_.impossible(
-            "the argument of its class " + point.hookClass + " is not known; state it", change);
-        continue;
-      }
-      builder_.step(configureGateHook, hookRequest(point, arg, true), Kind::hook, change,
-                    connectionsTo(point), hookRemoved_);
+  // --- what a next plan has to bring back, should this one be cut short --------------------------
+
+  void findUnfinished(const TrafficPlanner& traffic) {
+    Switch& back = builder_.plan.unfinished.comesBack;
+    for (const auto& [name, step] : created_) {
+      const bool before =
+          live_.modules.contains(name) || live_.unfinished.comesBack.modules.contains(name);
+      if (!wanted_.modules.contains(name) && before) back.modules[name] = target_.modules.at(name);
     }
-  }
-
-  // The module that is made anew, and with it the gate of the hook.
-  Object hookOwner(const HookPoint& point) const {
-    if (recreated_.contains(point.gate.module)) return {Kind::module, point.gate.module};
-    return objectOf(point);
-  }
-
-  // A daemon that does not tell hooks tells of the default one alone, by its counters.
-  bool canBeTold(const HookPoint& point) {
-    if (live_.tellsHooks || point.hookClass == defaultHookClass) return true;
-    builder_.plan.assumed.push_back(text(objectOf(point)));
-    return false;
-  }
-
-  std::vector<std::size_t> connectionsTo(const HookPoint& point) const {
-    std::vector<std::size_t> after;
-    if (point.output) {
-      const auto made =
-          std::lower_bound(connected_.begin(), connected_.end(), point.gate,
-                           [](const auto& one, const Gate& gate) { return *one.first < gate; });
-      if (made != connected_.end() && *made->first == point.gate) after.push_back(made->second);
-      return after;
+    for (const auto& [name, module] : live_.unfinished.comesBack.modules) {
+      const auto half = differences_.find(name);
+      const bool goesOn = module.arg && !wanted_.modules.contains(name) &&
+                          half != differences_.end() && !half->second.commands.empty();
+      if (goesOn) back.modules[name] = target_.modules.at(name);
     }
+    std::set<Gate> outputs, inputs;  // with what they had, they were away
     for (const auto& [from, step] : connected_) {
-      if (target_.connections.at(*from) == point.gate) after.push_back(step);
+      const Gate& to = target_.connections.at(*from);
+      outputs.insert(*from);
+      inputs.insert(to);
+      if (!wanted_.connections.contains(*from)) back.connections[*from] = to;
     }
-    return after;
+    for (const auto& [point, arg] : target_.hooks) {
+      const bool away = (point.output ? outputs : inputs).contains(point.gate);
+      const bool missing =
+          live_.unfinished.comesBack.hooks.contains(point) && !matches(live_.hooks, point);
+      if ((away || missing) && !matches(wanted_.hooks, point)) back.hooks[point] = arg;
+    }
+    traffic.findUnfinished(wanted_, builder_.plan.unfinished);
+    if (back.objects() != 0) back.plugins = target_.plugins;  // of which its classes may be
   }
 
   const LiveSwitch& live_;
   const Switch& wanted_;
   const PlanOptions options_;
-  Switch target_;
+  const Switch target_;
   PlanBuilder builder_;
   std::map<std::string, std::string> portReasons_;  // why a port is made anew
   std::set<std::string> recreated_;                 // modules
@@ -758,11 +505,10 @@ class Planner {
   std::vector<std::size_t> imported_;
   std::map<std::string, std::size_t> destroyed_, created_, portDestroyed_, portCreated_;
   std::map<Gate, std::size_t> disconnected_;
-  std::vector<std::pair<const Gate*, std::size_t>> connected_;  // in the order of the gates
-  std::vector<std::size_t> hookRemoved_;
-  std::map<std::string, std::vector<std::size_t>> stops_;  // of workers that come to a module
-  std::optional<std::size_t> found_;                       // the daemon has looked who does
-  std::vector<std::size_t> resumed_;                       // by the last window
+  std::map<std::string, std::vector<std::size_t>> usersDestroyed_;  // by their port
+  HookPlanner::Connected connected_;
+  const PlanContext context_;
+  HookPlanner hooks_;
 };
 
 }  // namespace

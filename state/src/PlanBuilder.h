@@ -71,6 +71,7 @@ struct TrafficContext {
   const LiveSwitch& live;
   const Switch& target;
   const std::map<std::string, std::size_t>& destroyed;  // the step that destroys a module
+  const bool recreateUnknown;
 };
 class TrafficPlanner {
  public:
@@ -90,6 +91,9 @@ class TrafficPlanner {
   // Workers that shall run and do not yet: after everything else.
   void planRunning();
 
+  // What has to come back, when all is planned, as far as the document does not state it.
+  void findUnfinished(const Switch& wanted, Unfinished& unfinished) const;
+
   // The step after which it does not run as before, where there is one.
   std::optional<std::size_t> stopped(std::int64_t worker) const;
   // Those that run before and shall run after, and are not touched.
@@ -104,6 +108,9 @@ class TrafficPlanner {
 
   void findTasks();
   void findRebuilt();
+  bool schedulerChanges(std::int64_t worker) const;
+  void findChildren();
+  TrafficClass placedClass(const std::string& name) const;
   std::string whyChanges(const TrafficClass& live, const TrafficClass& target) const;
   bool fresh(const std::string& name) const;
   std::vector<std::size_t> needs(const Place& place) const;
@@ -139,8 +146,15 @@ class TrafficPlanner {
   std::map<std::int64_t, std::int64_t>
       holdingOf_;  // the worker that holds a worker's tasks meanwhile
   std::map<std::int64_t, std::size_t> holdingChange_;
+  using TaskName = std::pair<std::string, std::uint64_t>;
+  // Below classes that take one child, or one at each priority.
+  std::map<std::pair<std::string, std::optional<std::int64_t>>, std::vector<TaskName>> children_;
+  std::map<TaskName, Place> movedTo_;
 };
 
+std::string placeText(const Place& place);
+// Whether what the wanted place does not leave open agrees.
+bool samePlace(const Place& live, const Place& wanted);
 // The worker that a place of the switch belongs to, through the classes above it; -1 for none.
 std::int64_t rootOf(const Switch& live, const Place& place);
 

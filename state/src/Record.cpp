@@ -5,11 +5,14 @@
 #include <sstream>
 
 #include <Bess/Text.h>
+#include <Norv/State/Document.h>
 #include <Norv/State/Files.h>
 #include <Norv/State/Record.h>
 #include <bess/pb/service.pb.h>
 
 #include "Modules.h"
+#include "PlanBuilder.h"
+#include "Target.h"
 
 namespace Norv::State {
 
@@ -55,6 +58,35 @@ std::string toldBy(const LiveSwitch& live, const std::string& name, const Module
   return told + "\n" + (description == live.descriptions.end() ? "" : description->second);
 }
 
+// As a document, and beside it the workers that hold tasks.
+Json jsonOf(const Unfinished& unfinished) {
+  Switch written = unfinished.comesBack;
+  // An argument that no document can state would come back as another.
+  for (auto& [name, module] : written.modules) {
+    if (module.arg && !module.arg->value().empty() && !unpacked(*module.arg)) module.arg.reset();
+  }
+  return {{"document", json(written)}, {"holding", unfinished.holding}};
+}
+
+Unfinished unfinishedOf(const Json& json) {
+  return {readDocument({{"record", json.at("document")}}).wanted, json.at("holding")};
+}
+
+HookPoint pointIn(const bess::pb::GateHookInfo& hook) {
+  const bool output = hook.gate_case() == bess::pb::GateHookInfo::kOgate;
+  const auto gate = static_cast<std::uint64_t>(output ? hook.ogate() : hook.igate());
+  return {{hook.module_name(), gate}, output, hook.class_name(), hook.hook_name()};
+}
+
+bool samePlaces(const Module& there, const Module& wanted) {
+  for (std::size_t i = 0; i < wanted.tasks.size(); ++i) {
+    if (!wanted.tasks[i]) continue;
+    if (i >= there.tasks.size() || !there.tasks[i]) return false;
+    if (!samePlace(*there.tasks[i], *wanted.tasks[i])) return false;
+  }
+  return true;
+}
+
 }  // namespace
 
 std::string recordName(const std::string& address) {
@@ -89,7 +121,8 @@ Record Record::load(const std::string& file, std::string* said) {
       Entry& entry = record.entries_[{*kind, one.at("name").get<std::string>()}];
       entry.told = bytesIn(one.at("told"));
       entry.doubtful = one.value("doubtful", false);
-      entry.word = one.value("word", "");
+      entry.wordDoubtful = one.value("word_doubtful", false);
+      if (one.contains("word")) entry.word = one.at("word").get<std::string>();
       if (one.contains("arg") && !entry.arg.emplace().ParseFromString(bytesIn(one.at("arg")))) {
         throw std::runtime_error("no argument");
       }
@@ -99,6 +132,7 @@ Record Record::load(const std::string& file, std::string* said) {
       for (const Json& row : one.at("table"))
         (*entry.table)[bytesIn(row.at(0))] = bytesIn(row.at(1));
     }
+    if (json.contains("unfinished")) record.unfinished_ = unfinishedOf(json.at("unfinished"));
   } catch (const std::exception& error) {
     const std::string aside = file + ".damaged";
     if (std::rename(file.c_str(), aside.c_str()) != 0) failFile("cannot rename", file);
@@ -122,7 +156,8 @@ void Record::save(const std::string& file) const {
     one["name"] = object.name;
     one["told"] = Bess::base64(entry.told);
     if (entry.doubtful) one["doubtful"] = true;
-    if (!entry.word.empty()) one["word"] = entry.word;
+    if (entry.word) one["word"] = *entry.word;
+    if (entry.wordDoubtful) one["word_doubtful"] = true;
     if (entry.arg) one["arg"] = Bess::base64(entry.arg->SerializeAsString());
     if (!entry.settings.empty()) one["settings"] = entry.settings;
     if (entry.table) {
@@ -133,16 +168,14 @@ void Record::save(const std::string& file) const {
     }
     json["objects"].push_back(std::move(one));
   }
+  if (!unfinished_.empty()) json["unfinished"] = jsonOf(unfinished_);
   const std::string text = json.dump(0, ' ', false, Json::error_handler_t::replace) + "\n";
   replaceFile(file, text);
 }
 
-void Record::complement(LiveSwitch& live) {
-  for (const auto& [name, address] : addresses_) {
-    const auto port = live.ports.find(name);
-    if (port == live.ports.end() || !port->second.mac || *port->second.mac == address) continue;
-    entries_.clear();
-  }
+void Record::forgetGone(const LiveSwitch& live) {
+  std::set<Object> hooks;
+  for (const auto& [point, arg] : live.hooks) hooks.insert(objectOf(point));
   for (const auto& [name, address] : addresses_) {
     if (!live.ports.contains(name)) entries_.erase({Kind::port, name});
   }
@@ -163,16 +196,28 @@ void Record::complement(LiveSwitch& live) {
       case Kind::trafficClass:
         return !live.trafficClasses.contains(object.name);
       case Kind::hook:
-        return std::none_of(live.hooks.begin(), live.hooks.end(),
-                            [&](const auto& hook) { return objectOf(hook.first) == object; });
+        return !hooks.contains(object);
       default:
         return true;
     }
   });
+}
+
+void Record::complement(LiveSwitch& live) {
+  for (const auto& [name, address] : addresses_) {
+    const auto port = live.ports.find(name);
+    if (port == live.ports.end() || !port->second.mac || *port->second.mac == address) continue;
+    entries_.clear();
+    unfinished_ = {};
+  }
+  if (live.objects() == 0) unfinished_ = {};  // a life that has just begun
+  forgetGone(live);
+  live.unfinished = unfinished_;
   for (auto& [object, entry] : entries_) {
     if (object.kind == Kind::worker) {
       Worker& worker = live.workers.at(std::atoll(object.name.c_str()));
-      if (!entry.word.empty()) worker.scheduler = entry.word;
+      if (entry.word) worker.scheduler = entry.word;
+      if (entry.wordDoubtful) live.doubtfulSchedulers.insert(std::atoll(object.name.c_str()));
       entry.doubtful = entry.doubtful && !worker.running.value_or(false);
     }
     if (entry.doubtful) {
@@ -189,11 +234,16 @@ void Record::complement(LiveSwitch& live) {
       if (!port.arg) port.arg = entry.arg;
     } else if (object.kind == Kind::trafficClass) {
       TrafficClass& one = live.trafficClasses.at(object.name);
-      if (one.resource.empty()) one.resource = entry.word;
-    } else if (object.kind == Kind::hook) {
-      for (auto& [point, arg] : live.hooks) {
-        if (objectOf(point) == object && !arg) arg = entry.arg;
-      }
+      if (one.resource.empty()) one.resource = entry.word.value_or("");
+    }
+  }
+  for (auto& [point, arg] : live.hooks) {
+    const auto entry = entries_.find(objectOf(point));
+    if (entry == entries_.end()) continue;
+    if (entry->second.doubtful) {
+      arg.reset();
+    } else if (entry->second.arg) {
+      arg = entry->second.arg;
     }
   }
 }
@@ -209,11 +259,13 @@ void Record::begin(const Plan& plan, const Switch& wanted) {
   for (const Change& change : plan.changes) {
     const bool inPlace =
         change.object.kind == Kind::module && change.action == Change::Action::change;
-    if (change.action == Change::Action::remove || !(inPlace || hidden(change.object, wanted)))
-      continue;
+    const bool unseen =
+        hidden(change.object, wanted) || hidden(change.object, plan.unfinished.comesBack);
+    if (change.action == Change::Action::remove || !(inPlace || unseen)) continue;
     entries_[change.object] = {};
     entries_[change.object].doubtful = true;
   }
+  unfinished_ = plan.unfinished;
   for (const Change& change : plan.changes) {
     // A class that is made anew is so for its policy or place, which the daemon tells.
     const bool classAnew =
@@ -222,6 +274,19 @@ void Record::begin(const Plan& plan, const Switch& wanted) {
     // Another address of a port that is made anew is no sign of another life.
     const bool inPlace = change.action == Change::Action::change;
     if (change.object.kind == Kind::port && !inPlace) addresses_.erase(change.object.name);
+    if (change.action != Change::Action::recreate) continue;
+    if (change.object.kind == Kind::port) {
+      entries_[change.object] = {};
+      entries_[change.object].doubtful = true;
+    } else if (change.object.kind == Kind::worker) {
+      entries_[change.object].word.reset();
+      entries_[change.object].wordDoubtful = true;
+    }
+  }
+  for (const Step& step : plan.steps) {
+    if (step.type != configureGateHook || !step.request) continue;
+    const auto& request = static_cast<const bess::pb::ConfigureGateHookRequest&>(*step.request);
+    if (!request.enable()) entries_[objectOf(pointIn(request.hook()))].doubtful = true;
   }
   // Workers that only pause meanwhile.
   for (const Step& step : plan.steps) {
@@ -239,7 +304,8 @@ void Record::enterMade(const Object& object, const Switch& wanted) {
     if (port != wanted.ports.end()) entry.arg = port->second.arg;
   } else if (object.kind == Kind::trafficClass) {
     const auto one = wanted.trafficClasses.find(object.name);
-    if (one != wanted.trafficClasses.end()) entry.word = one->second.resource;
+    const bool stated = one != wanted.trafficClasses.end() && !one->second.resource.empty();
+    if (stated) entry.word = one->second.resource;
   } else if (object.kind == Kind::worker) {
     const auto worker = wanted.workers.find(std::atoll(object.name.c_str()));
     if (worker != wanted.workers.end()) entry.word = worker->second.scheduler.value_or("");
@@ -284,13 +350,54 @@ Record::Entry Record::entryOf(const Object& object, const Switch& wanted, const 
   } else if (object.kind == Kind::port) {
     if (!after.ports.at(object.name).arg) entry.arg = wanted.ports.at(object.name).arg;
   } else if (object.kind == Kind::worker) {
-    entry.word = wanted.workers.at(std::atoll(object.name.c_str())).scheduler.value_or("");
+    entry.word = wanted.workers.at(std::atoll(object.name.c_str())).scheduler;
   } else if (object.kind == Kind::trafficClass) {
-    if (after.trafficClasses.at(object.name).resource.empty()) {
-      entry.word = wanted.trafficClasses.at(object.name).resource;
+    const std::string& stated = wanted.trafficClasses.at(object.name).resource;
+    if (after.trafficClasses.at(object.name).resource.empty() && !stated.empty()) {
+      entry.word = stated;
     }
   }
   return entry;
+}
+
+// Of the hooks that were put there, the argument is known; of the others, nothing new.
+void Record::endHooks(const Plan& plan, const std::vector<Execution::State>& states,
+                      const LiveSwitch& after) {
+  for (const Step& step : plan.steps) {
+    if (step.type != configureGateHook || !step.request) continue;
+    const auto& request = static_cast<const bess::pb::ConfigureGateHookRequest&>(*step.request);
+    const bool done = states[step.change].kind == Execution::State::Kind::done;
+    if (!request.enable() || !done) continue;
+    const auto there = matching(after.hooks, pointIn(request.hook()));
+    if (there == after.hooks.end()) continue;
+    Entry& entry = entries_[objectOf(there->first)] = {};
+    entry.arg = request.hook().arg();
+  }
+}
+
+// What is there again is no longer missing.
+void Record::endUnfinished(const std::vector<Execution::State>& states, const LiveSwitch& after) {
+  Switch& back = unfinished_.comesBack;
+  std::erase_if(unfinished_.holding, [&](auto id) { return !after.workers.contains(id); });
+  const bool allDone = std::all_of(states.begin(), states.end(), [](const auto& state) {
+    return state.kind == Execution::State::Kind::done;
+  });
+  if (allDone) back = Switch();
+  std::erase_if(back.workers, [&](const auto& one) {
+    const auto there = after.workers.find(one.first);
+    if (there == after.workers.end()) return false;
+    return there->second.running.value_or(false) || !one.second.running.value_or(false);
+  });
+  std::erase_if(back.trafficClasses,
+                [&](const auto& one) { return after.trafficClasses.contains(one.first); });
+  std::erase_if(back.connections,
+                [&](const auto& one) { return after.connections.contains(one.first); });
+  std::erase_if(back.hooks, [&](const auto& one) { return matches(after.hooks, one.first); });
+  std::erase_if(back.modules, [&](const auto& one) {
+    const auto there = after.modules.find(one.first);
+    return there != after.modules.end() && samePlaces(there->second, one.second);
+  });
+  if (back.objects() == back.plugins.size()) back = Switch();
 }
 
 void Record::end(const Plan& plan, const std::vector<Execution::State>& states,
@@ -299,16 +406,20 @@ void Record::end(const Plan& plan, const std::vector<Execution::State>& states,
   for (const auto& [object, entry] : entries_) {
     if (object.kind == Kind::worker && entry.doubtful) pausedWorkers.insert(object);
   }
-  std::set<Object> failed;
+  std::set<Object> failed, made;
   for (std::size_t i = 0; i < plan.changes.size(); ++i) {
-    if (states[i].kind != Execution::State::Kind::done) failed.insert(plan.changes[i].object);
+    const Change& change = plan.changes[i];
+    const bool done = states[i].kind == Execution::State::Kind::done;
+    if (!done) failed.insert(change.object);
+    if (done && change.action != Change::Action::change) made.insert(change.object);
   }
   // What was assumed and not touched is not known to be so.
   std::set<std::string> assumed;
   for (const std::string& what : plan.assumed) assumed.insert(what.substr(0, what.rfind(": ")));
-  const auto enter = [&](const Object& object) {
-    if (failed.contains(object) || assumed.contains(text(object))) return;
-    Entry entry = entryOf(object, wanted, after);
+  const auto enter = [&](const Object& object, const Switch& stated) {
+    if (failed.contains(object)) return;
+    if (assumed.contains(text(object)) && !made.contains(object)) return;
+    Entry entry = entryOf(object, stated, after);
     if (entry.holdsNothing()) {
       entries_.erase(object);
     } else {
@@ -316,26 +427,36 @@ void Record::end(const Plan& plan, const std::vector<Execution::State>& states,
     }
   };
   for (const auto& [name, module] : wanted.modules) {
-    if (after.modules.contains(name)) enter({Kind::module, name});
+    if (after.modules.contains(name)) enter({Kind::module, name}, wanted);
+  }
+  for (const auto& [name, module] : unfinished_.comesBack.modules) {
+    const bool whole = module.arg && !wanted.modules.contains(name);
+    if (whole && after.modules.contains(name)) {
+      enter({Kind::module, name}, unfinished_.comesBack);
+    }
   }
   for (const auto& [name, port] : wanted.ports) {
-    if (after.ports.contains(name)) enter({Kind::port, name});
+    if (after.ports.contains(name)) enter({Kind::port, name}, wanted);
   }
   for (const auto& [id, worker] : wanted.workers) {
-    if (after.workers.contains(id)) enter({Kind::worker, std::to_string(id)});
+    const Object object{Kind::worker, std::to_string(id)};
+    // Of one that states none, what it was made with counts on.
+    if (after.workers.contains(id) && worker.scheduler) enter(object, wanted);
+  }
+  for (const Step& step : plan.steps) {
+    if (step.type != addWorker || !step.request) continue;
+    const auto& request = static_cast<const bess::pb::AddWorkerRequest&>(*step.request);
+    const Object object{Kind::worker, std::to_string(request.wid())};
+    if (plan.changes[step.change].object != object || failed.contains(object)) continue;
+    entries_[object].word = request.scheduler();
+    entries_[object].wordDoubtful = false;
   }
   keepDoubtOfWorkers(pausedWorkers, wanted, after);
   for (const auto& [name, one] : wanted.trafficClasses) {
-    if (after.trafficClasses.contains(name)) enter({Kind::trafficClass, name});
+    if (after.trafficClasses.contains(name)) enter({Kind::trafficClass, name}, wanted);
   }
-  for (const auto& [point, arg] : wanted.hooks) {
-    if (!arg || arg->value().empty() || failed.contains(objectOf(point))) continue;
-    for (const auto& [there, told] : after.hooks) {
-      const bool unnamed = point.name.empty() && there.gate == point.gate &&
-                           there.output == point.output && there.hookClass == point.hookClass;
-      if (there == point || unnamed) entries_[objectOf(there)].arg = arg;
-    }
-  }
+  endHooks(plan, states, after);
+  endUnfinished(states, after);
   addresses_.clear();
   for (const auto& [name, port] : after.ports) {
     if (port.mac) addresses_[name] = *port.mac;

@@ -13,14 +13,6 @@ namespace {
 using Action = Change::Action;
 constexpr std::int64_t workerLimit = 64;
 
-std::string placeText(const Place& place) {
-  if (!place.stated()) return "any worker";
-  std::string text = place.parent.empty() ? "worker " + std::to_string(place.worker) : place.parent;
-  if (place.priority) text += " at priority " + std::to_string(*place.priority);
-  if (place.share) text += " with share " + std::to_string(*place.share);
-  return text;
-}
-
 void fill(bess::pb::TrafficClass& message, const Place& place) {
   message.set_parent(place.parent);
   message.set_wid(place.parent.empty() ? place.worker : -1);
@@ -34,7 +26,16 @@ void fillLimits(bess::pb::TrafficClass& message, const TrafficClass& one) {
   if (one.maxBurst) (*message.mutable_max_burst())[one.resource] = *one.maxBurst;
 }
 
-// What the wanted place leaves open agrees.
+}  // namespace
+
+std::string placeText(const Place& place) {
+  if (!place.stated()) return "any worker";
+  std::string text = place.parent.empty() ? "worker " + std::to_string(place.worker) : place.parent;
+  if (place.priority) text += " at priority " + std::to_string(*place.priority);
+  if (place.share) text += " with share " + std::to_string(*place.share);
+  return text;
+}
+
 bool samePlace(const Place& live, const Place& wanted) {
   if (!wanted.stated()) return true;
   if (live.parent != wanted.parent) return false;
@@ -42,8 +43,6 @@ bool samePlace(const Place& live, const Place& wanted) {
   if (wanted.priority && live.priority != wanted.priority) return false;
   return !wanted.share || live.share == wanted.share;
 }
-
-}  // namespace
 
 std::int64_t rootOf(const Switch& live, const Place& place) {
   std::set<std::string> seen;
@@ -110,8 +109,17 @@ void TrafficPlanner::findRebuilt() {
   }
   for (const auto& [id, worker] : live_.workers) {
     const auto target = target_.workers.find(id);
-    if (target != target_.workers.end() && target->second.core != worker.core) rebuilt_.insert(id);
+    if (target == target_.workers.end()) continue;
+    if (target->second.core != worker.core || schedulerChanges(id)) rebuilt_.insert(id);
   }
+}
+
+bool TrafficPlanner::schedulerChanges(std::int64_t worker) const {
+  const auto& stated = target_.workers.at(worker).scheduler;
+  const auto& live = live_.workers.at(worker).scheduler;
+  if (!stated) return false;
+  if (live) return *live != *stated;
+  return context_.recreateUnknown || live_.doubtfulSchedulers.contains(worker);
 }
 
 // Whether the class has to be added: it is not there, or goes with its worker.
@@ -167,6 +175,14 @@ void TrafficPlanner::changeWorkers() {
   findTasks();
   for (const auto& [id, worker] : live_.workers) {
     const auto target = target_.workers.find(id);
+    const bool unknown = target != target_.workers.end() && target->second.scheduler &&
+                         !worker.scheduler && !rebuilt_.contains(id);
+    if (unknown) {
+      builder_.plan.assumed.push_back("worker " + std::to_string(id) + ": scheduler");
+    }
+  }
+  for (const auto& [id, worker] : live_.workers) {
+    const auto target = target_.workers.find(id);
     const bool stops = target != target_.workers.end() && !rebuilt_.contains(id) &&
                        worker.running.value_or(false) && !target->second.running.value_or(true);
     if (!stops) continue;
@@ -203,9 +219,18 @@ void TrafficPlanner::rebuild(std::int64_t worker) {
   const Worker& target = target_.workers.at(worker);
   const std::size_t change =
       builder_.change({Kind::worker, std::to_string(worker)}, Action::recreate);
-  if (target.core != live_.workers.at(worker).core) {
-    builder_.detail(change, "core: " + std::to_string(live_.workers.at(worker).core) + " -> " +
-                                std::to_string(target.core));
+  std::string why = " while its traffic classes are made anew";
+  const Worker& live = live_.workers.at(worker);
+  if (schedulerChanges(worker)) {
+    const auto shown = [](const std::string& name) { return name.empty() ? "the usual" : name; };
+    builder_.detail(change, "scheduler: " + (live.scheduler ? shown(*live.scheduler) : "not told") +
+                                " -> " + shown(*target.scheduler));
+    why = " while it is made anew with another scheduler";
+  }
+  if (target.core != live.core) {
+    builder_.detail(change,
+                    "core: " + std::to_string(live.core) + " -> " + std::to_string(target.core));
+    why = " while it moves to another core";
   }
   for (const auto& [name, one] : live_.trafficClasses) {
     if (rootOf(live_, one.place) != worker) continue;
@@ -214,9 +239,9 @@ void TrafficPlanner::rebuild(std::int64_t worker) {
       builder_.detail(change,
                       "traffic class " + name + " goes, and only its worker can take it away");
       builder_.change({Kind::trafficClass, name}, Action::remove);
-    } else if (const std::string why = whyChanges(one, now->second); !why.empty()) {
+    } else if (const std::string other = whyChanges(one, now->second); !other.empty()) {
       builder_.detail(change, "traffic class " + name + " changes, and cannot while it is there");
-      builder_.detail(builder_.change({Kind::trafficClass, name}, Action::recreate), why);
+      builder_.detail(builder_.change({Kind::trafficClass, name}, Action::recreate), other);
     }
   }
   std::vector<std::size_t> gone;
@@ -240,8 +265,7 @@ void TrafficPlanner::rebuild(std::int64_t worker) {
       builder_.step(destroyWorker, std::move(request), Kind::worker, change, gone);
   workerDestroyed_[worker] = destroyed;
   workerAdded_[worker] = addWorker(worker, target, change, {destroyed});
-  builder_.plan.pauses.push_back("worker " + std::to_string(worker) +
-                                 " while its traffic classes are made anew");
+  builder_.plan.pauses.push_back("worker " + std::to_string(worker) + why);
 }
 
 std::vector<std::size_t> TrafficPlanner::workersDestroyed() const {
@@ -253,6 +277,9 @@ std::vector<std::size_t> TrafficPlanner::workersDestroyed() const {
 void TrafficPlanner::removeWorker(std::int64_t worker) {
   const std::size_t change =
       builder_.change({Kind::worker, std::to_string(worker)}, Action::remove);
+  if (live_.unfinished.holding.contains(worker)) {
+    builder_.detail(change, "it held tasks for a change that was cut short");
+  }
   for (const auto& [name, one] : live_.trafficClasses) {
     if (rootOf(live_, one.place) == worker && !target_.trafficClasses.contains(name)) {
       builder_.change({Kind::trafficClass, name}, Action::remove);
@@ -301,6 +328,17 @@ std::vector<std::size_t> TrafficPlanner::needs(const Place& place) const {
   return after;
 }
 
+// Where it was, unless it says where.
+TrafficClass TrafficPlanner::placedClass(const std::string& name) const {
+  TrafficClass placed = target_.trafficClasses.at(name);
+  const auto live = live_.trafficClasses.find(name);
+  if (!placed.place.stated() && live != live_.trafficClasses.end() &&
+      target_.workers.contains(live->second.place.worker)) {
+    placed.place = live->second.place;
+  }
+  return placed;
+}
+
 void TrafficPlanner::addClass(const std::string& name) {
   if (classAdded_.contains(name)) return;
   const TrafficClass& one = target_.trafficClasses.at(name);
@@ -317,11 +355,7 @@ void TrafficPlanner::addClass(const std::string& name) {
     classAdded_[name] = builder_.impossible("its resource is not known; state it", change);
     return;
   }
-  TrafficClass placed = one;
-  // Where it was, unless it says where.
-  if (!placed.place.stated() && !isNew && target_.workers.contains(live->second.place.worker)) {
-    placed.place = live->second.place;
-  }
+  const TrafficClass placed = placedClass(name);
   auto request = std::make_unique<bess::pb::AddTcRequest>();
   auto& message = *request->mutable_class_();
   message.set_name(name);
@@ -379,191 +413,37 @@ void TrafficPlanner::planClasses(const std::map<std::string, std::size_t>& creat
   planTasks(created);
 }
 
-std::optional<Place> TrafficPlanner::wantedPlace(const std::string& module,
-                                                 std::uint64_t number) const {
-  const auto found = target_.modules.find(module);
-  if (found == target_.modules.end() || number >= found->second.tasks.size()) return {};
-  const auto& place = found->second.tasks[number];
-  return place && place->stated() ? place : std::nullopt;
-}
-
-// Where the task shall be that is held or moved: as wanted, or where it was as far as that is.
-Place TrafficPlanner::placeAfter(const Task& task) const {
-  if (const auto wanted = wantedPlace(task.module, task.number)) return *wanted;
-  if (!task.live.parent.empty() && target_.trafficClasses.contains(task.live.parent))
-    return task.live;
-  const std::int64_t worker = rootOf(live_, task.live);
-  Place top;
-  top.worker = target_.workers.contains(worker) || target_.workers.empty()
-                   ? worker
-                   : target_.workers.begin()->first;
-  return top;
-}
-
-bool TrafficPlanner::anyRunning() const {
-  return std::any_of(target_.workers.begin(), target_.workers.end(), [&](const auto& one) {
-    const auto live = live_.workers.find(one.first);
-    const bool before = live != live_.workers.end() && live->second.running.value_or(false);
-    return one.second.running.value_or(before);
-  });
-}
-
-// Why the place has no room: a daemon that refuses loses the task's class.
-std::string TrafficPlanner::crowded(const Place& place, const std::string& module,
-                                    std::uint64_t number) const {
-  const auto parent = target_.trafficClasses.find(place.parent);
-  if (parent == target_.trafficClasses.end()) return "";
-  const bool one = parent->second.policy == "rate_limit";
-  const bool priorities = parent->second.policy == "priority";
-  if (!one && !priorities) return "";
-  const auto clashes = [&](const Place& other) {
-    return other.parent == place.parent && (one || other.priority == place.priority);
-  };
-  for (const auto& [name, other] : target_.trafficClasses) {
-    if (clashes(other.place)) return "traffic class " + name;
+void TrafficPlanner::findUnfinished(const Switch& wanted, Unfinished& unfinished) const {
+  const Switch& before = live_.unfinished.comesBack;
+  Switch& back = unfinished.comesBack;
+  for (const auto& [worker, holding] : holdingOf_) unfinished.holding.insert(holding);
+  for (const std::int64_t worker : live_.unfinished.holding) {
+    if (removed_.contains(worker)) unfinished.holding.insert(worker);
   }
-  for (const auto& [name, entered] : target_.modules) {
-    const auto live = live_.modules.find(name);
-    const std::size_t tasks =
-        std::max(entered.tasks.size(), live == live_.modules.end() ? 0 : live->second.tasks.size());
-    for (std::size_t i = 0; i < tasks; ++i) {
-      if (name == module && i == number) continue;
-      auto other = wantedPlace(name, i);
-      if (!other && live != live_.modules.end() && i < live->second.tasks.size()) {
-        other = live->second.tasks[i];
-      }
-      if (other && clashes(*other)) return "task " + std::to_string(i) + " of " + name;
-    }
+  for (const auto& [id, worker] : target_.workers) {
+    const bool away = rebuilt_.contains(id) || before.workers.contains(id);
+    if (!away || wanted.workers.contains(id)) continue;
+    const auto live = live_.workers.find(id);
+    back.workers[id] = worker;
+    const bool ran = live != live_.workers.end() && live->second.running.value_or(false);
+    back.workers[id].running = worker.running.value_or(ran);
   }
-  return "";
-}
-
-void TrafficPlanner::planTasks(const std::map<std::string, std::size_t>& created) {
-  struct Move {
-    std::string module;
-    std::uint64_t number;
-    Place place;
-    std::size_t change;
-    std::vector<std::size_t> after;
-    std::optional<Place> from;  // out of a class that others may come into
-  };
-  std::vector<Move> moves;
-  const auto modify = [&](const std::string& name) {
-    return builder_.change({Kind::module, name}, Action::change);
-  };
-  // A task that waits for a place is not worked on: on a switch that runs it gets one.
-  const bool running = anyRunning();
-  std::set<std::pair<std::string, std::uint64_t>> seen;
-  for (const std::int64_t worker : rebuilt_) {
-    for (const Task& task : tasksOf_[worker]) {
-      seen.insert({task.module, task.number});
-      // Not before it was moved away, which would take it back.
-      std::vector<std::size_t> after;
-      if (const auto gone = workerDestroyed_.find(worker); gone != workerDestroyed_.end()) {
-        after.push_back(gone->second);
-      }
-      moves.push_back(
-          {task.module, task.number, placeAfter(task), holdingChange_[worker], after, {}});
-    }
+  for (const auto& [name, one] : target_.trafficClasses) {
+    const bool away = live_.trafficClasses.contains(name) || before.trafficClasses.contains(name);
+    const auto stated = wanted.trafficClasses.find(name);
+    const bool spokenOf = stated != wanted.trafficClasses.end() && stated->second.place.stated();
+    if (fresh(name) && away && !spokenOf) back.trafficClasses[name] = placedClass(name);
   }
-  for (const auto& [name, module] : target_.modules) {
-    const auto live = live_.modules.find(name);
-    const bool there = live != live_.modules.end();
-    const std::size_t tasks = std::max(module.tasks.size(), there ? live->second.tasks.size() : 0);
-    const auto made = created.find(name);
-    for (std::size_t i = 0; i < tasks; ++i) {
-      if (seen.contains({name, i})) continue;
-      auto before = there && i < live->second.tasks.size() ? live->second.tasks[i] : std::nullopt;
-      if (before && removed_.contains(rootOf(live_, *before)) && !target_.workers.empty()) {
-        before = Place{"", target_.workers.begin()->first, {}, {}};  // where it was moved to
-      }
-      if (made != created.end()) {
-        // Made anew, its task comes back where it was.
-        if (there && live->second.moduleClass != module.moduleClass) before.reset();
-        const auto wanted = wantedPlace(name, i);
-        if (!wanted && (!before || !before->stated())) continue;
-        const Place place = wanted ? *wanted : placeAfter({name, i, *before});
-        if (place.parent.empty() && !target_.workers.contains(place.worker)) continue;
-        moves.push_back({name,
-                         i,
-                         place,
-                         builder_.change({Kind::module, name}, Action::create),
-                         {made->second},
-                         {}});
-        continue;
-      }
-      auto wanted = wantedPlace(name, i);
-      if (!wanted && before && !before->stated() && running) wanted = Place();
-      if (!wanted || (before && before->stated() && samePlace(*before, *wanted))) continue;
-      const std::size_t change = modify(name);
-      builder_.detail(
-          change, "task " + std::to_string(i) + ": " +
-                      (before && before->stated() ? placeText(*before) : "nowhere yet") + " -> " +
-                      placeText(*wanted));
-      moves.push_back({name, i, *wanted, change, {}, before});
-    }
-  }
-  // The daemon gives all that wait a place with the first call that does for one.
-  for (const auto& one : created) {
-    const std::string& name = one.first;
-    const std::size_t step = one.second;
-    const ClassRow* row = classRow(target_.modules.at(name).moduleClass);
-    const bool moved = std::any_of(moves.begin(), moves.end(),
-                                   [&](const Move& move) { return move.module == name; });
-    if (!running || row == nullptr || !row->tasks || moved) continue;
-    moves.push_back(
-        {name, 0, {}, builder_.change({Kind::module, name}, Action::create), {step}, {}});
-    break;
-  }
-  // Tasks that make room for others go to their worker's top first.
-  std::vector<std::size_t> out;
-  for (Move& move : moves) {
-    if (!move.from || move.from->parent.empty() ||
-        !target_.trafficClasses.contains(move.from->parent)) {
-      continue;
-    }
-    const bool awaited = std::any_of(moves.begin(), moves.end(), [&](const Move& other) {
-      return &other != &move && other.place.parent == move.from->parent;
-    });
-    const std::int64_t worker = rootOf(live_, *move.from);
-    if (!awaited || worker < 0) continue;
-    Place top;
-    top.worker = worker;
-    out.push_back(moveTask(move.module, move.number, top, move.change, {}));
-    move.after.push_back(out.back());
-  }
-  std::map<std::int64_t, std::vector<std::size_t>> leftHolding;
-  for (Move& move : moves) {
-    const bool nowhere = move.place.parent.empty() && move.place.worker >= 0 &&
-                         !target_.workers.contains(move.place.worker);
-    if (nowhere) {  // a daemon that refuses loses the task's class
-      builder_.impossible("no worker " + std::to_string(move.place.worker) +
-                              " is there for its task; state one under \"workers\"",
-                          move.change);
-      continue;
-    }
-    if (const std::string who = crowded(move.place, move.module, move.number); !who.empty()) {
-      builder_.impossible("there is no room for it below " + move.place.parent + ": " + who +
-                              " is there; state its place, too",
-                          move.change);
-      continue;
-    }
-    std::vector<std::size_t> after = needs(move.place);
-    after.insert(after.end(), move.after.begin(), move.after.end());
-    const std::size_t step =
-        moveTask(move.module, move.number, move.place, move.change, after, out);
-    for (const std::int64_t worker : rebuilt_) {
-      for (const Task& task : tasksOf_[worker]) {
-        if (task.module == move.module && task.number == move.number)
-          leftHolding[worker].push_back(step);
-      }
-    }
-  }
-  for (const auto& [worker, holding] : holdingOf_) {
-    auto request = std::make_unique<bess::pb::DestroyWorkerRequest>();
-    request->set_wid(holding);
-    builder_.step(destroyWorker, std::move(request), Kind::worker, holdingChange_[worker],
-                  leftHolding[worker]);
+  for (const auto& [task, place] : movedTo_) {
+    const auto& [name, number] = task;
+    const auto stated = wanted.modules.find(name);
+    const bool spokenOf = stated != wanted.modules.end() && number < stated->second.tasks.size() &&
+                          stated->second.tasks[number];
+    if (spokenOf) continue;
+    Module& module = back.modules[name];
+    module.moduleClass = target_.modules.at(name).moduleClass;
+    if (module.tasks.size() <= number) module.tasks.resize(number + 1);
+    module.tasks[number] = place;
   }
 }
 

@@ -1,3 +1,8 @@
+#include <gmock/gmock.h>
+
+#include <filesystem>
+#include <fstream>
+
 #include "SwitchFixture.h"
 
 // What is wrong with a document, and where; and what is right in it.
@@ -35,6 +40,7 @@ constexpr Wrong form[] = {
     {"modules:\n  a\xff: Sink", "f:2:4: no UTF-8"},
     {"a: \xed\xa0\x80", "f:1:4: no UTF-8"},
     {"a: 1\n---\nb: 2", "f:3:1: a second document in the file; join them"},
+    {"plugins:\n---\n---\nb: 2", "f:4:1: a second document in the file; join them"},
 };
 INSTANTIATE_TEST_SUITE_P(Form, WrongDocument, testing::ValuesIn(form));
 
@@ -54,8 +60,10 @@ constexpr Wrong modules[] = {
      "f:1:50: field \"pkt_size\" a second time"},
     {"modules: {a: {class: Source, arg: 5}}",
      "f:1:35: a map of the fields of SourceArg belongs here"},
+    {"modules: {a: {class: PortInc, arg: {port: p}, burst: drop}}",
+     "f:1:54: \"burst\" is a number, not \"drop\""},
     {"modules: {a: {class: Source, burst: x}}", "f:1:37: \"burst\" is a number, not \"x\""},
-    {"modules: {a: {class: Sink, tasks: x}}", "f:1:35: a Sink has no tasks"},
+    {"modules: {a: {class: Sink, tasks: x}}", "f:1:35: class Sink has no tasks"},
     {"modules: {a: {class: Source, tasks: {}}}", "f:1:37: a task needs a \"parent\" or a \"wid\""},
     {"modules: {a: {class: Source, tasks: {parent: x, wid: 0}}}",
      "f:1:54: \"wid\" beside \"parent\"; one of them"},
@@ -86,7 +94,7 @@ constexpr Wrong values[] = {
      "rules: [{fields: [1]}, {gate: 2, fields: [0x0001]}]}}",
      "f:1:90: this entry is stated a second time; first at f:1:75"},
     {"modules: {a: {class: ExactMatch, rules: [{gate: 8193}]}}",
-     "f:1:42: gate 8193 is above the last of a ExactMatch, 8191"},
+     "f:1:42: gate 8193 is above the last of class ExactMatch, 8191"},
     {"modules: {a: {class: ExactMatch, default_gate: 65536}}",
      "f:1:48: \"default_gate\" is a number up to 65535, not 65536"},
     {"modules: {a: {class: ExactMatch, arg: {fields: [{num_bytes: 1}, {num_bytes: 2}]}, "
@@ -144,9 +152,9 @@ constexpr Wrong references[] = {
     {"modules: {fib: Merge}\nconnections: [fib -> fob]",
      "f:2:15: no module \"fob\" here; did you mean \"fib\"?"},
     {"modules: {a: Sink, b: Sink}\nconnections: [a -> b]",
-     "f:2:15: module a has no output 0: a Sink has none"},
+     "f:2:15: module a has no output 0: class Sink has none"},
     {"modules: {a: Source, b: NAT}\nconnections: [a -> 2:b]",
-     "f:2:15: module b has no input 2: a NAT has 2, the last is 1"},
+     "f:2:15: module b has no input 2: class NAT has 2, the last is 1"},
     {"modules: {a: {class: PortInc, arg: {port: p}}}", "f:1:11: module a: no port \"p\" here"},
     {"modules: {a: {class: Source, tasks: slow}}",
      "f:1:11: module a: no traffic class \"slow\" here"},
@@ -154,6 +162,23 @@ constexpr Wrong references[] = {
      "f:2:11: module a: no worker 3 here"},
     {"traffic_classes: {x: {policy: round_robin, parent: y}, y: {policy: round_robin, parent: x}}",
      "f:1:19: traffic class x is below itself\nf:1:56: traffic class y is below itself"},
+    {"traffic_classes: {x: {policy: round_robin, wid: 0, priority: 1}}",
+     "f:1:62: a \"priority\" counts only below a \"parent\""},
+    {"traffic_classes: {x: {policy: round_robin, share: 1}}",
+     "f:1:51: a \"share\" counts only below a \"parent\""},
+    {"workers: {0: }\ntraffic_classes: {p: {policy: priority, wid: 0},\n"
+     " x: {policy: round_robin, parent: p, priority: -1}}",
+     "f:3:2: traffic class x: a \"priority\" is 0 or more"},
+    {"workers: {0: }\ntraffic_classes: {w: {policy: weighted_fair, resource: bit, wid: 0},\n"
+     " x: {policy: round_robin, parent: w, share: 0}}",
+     "f:3:2: traffic class x: a \"share\" is 1 or more"},
+    {"workers: {0: }\ntraffic_classes: {p: {policy: priority, wid: 0},\n"
+     " x: {policy: round_robin, parent: p, priority: 1}}\n"
+     "modules: {a: {class: Source, tasks: {parent: p, priority: 1}}}",
+     "f:4:11: module a: traffic class x is below p at this priority, too"},
+    {"workers: {0: }\ntraffic_classes: {r: {policy: rate_limit, resource: bit, wid: 0}}\n"
+     "modules: {a: {class: Source, tasks: r}, b: {class: Source, tasks: r}}",
+     "f:3:41: module b: module a is below r, and it takes one only"},
     {"traffic_classes: {p: {policy: priority, wid: 0}, x: {policy: round_robin, parent: p}}",
      "f:1:50: traffic class x needs a \"priority\" below p"},
     {"modules: {a: Merge, b: Sink}\nhooks: [{class: Track, module: b, igate: 0}]",
@@ -284,6 +309,59 @@ TEST(Document, NamesThatNeedItAreQuotedOrInMaps) {
 TEST(Document, IsTheSameFromYamlAndFromJson) {
   const Switch one = wanted(contents(NORV_EXAMPLE));
   EXPECT_EQ(yaml(wanted(json(one))), yaml(one));
+}
+
+TEST(Document, OfJsonMayHaveTheHalvesOfACharacter) {
+  const Switch read = wanted(R"({"modules": {"b\ud83d\ude00\u00e9\\ud83d": "Sink"}})");
+  EXPECT_EQ(read.modules.count("b\xf0\x9f\x98\x80\xc3\xa9\\ud83d"), 1u);
+  // Half of one is none.
+  EXPECT_NE(problems(R"({"modules": {"b\ud83d": "Sink"}})"), "");
+}
+
+TEST(Document, PlacesBehindLongKeysOfJsonAreThoseOfTheFile) {
+  const std::string longName(200, 'a');
+  EXPECT_EQ(problems(R"({"modules": {")" + longName + R"(": "Sink", "b": "Sinc", ")" + longName +
+                     R"(2": 5, "c": "Sinc"},)" + "\n" + R"( "ports": {"x": "y"}})"),
+            "f:1:231: no module class \"Sinc\"; did you mean \"Sink\"?\n"
+            "f:1:444: no module class \"5\"\n"
+            "f:1:452: no module class \"Sinc\"; did you mean \"Sink\"?\n"
+            "f:2:17: no port driver \"y\"");
+}
+
+TEST(Document, GatesThatAClassDoesNotHaveAreToldWithoutASwitch) {
+  EXPECT_THAT(
+      gateWarnings(wanted("modules: {r: {class: Replicate, arg: {gates: [0, 99]}},\n"
+                          " e: {class: ExactMatch, arg: {fields: [{num_bytes: 1}]},"
+                          " default_gate: 9000}, d: {class: L2Forward, default_gate: drop}}")),
+      testing::ElementsAre("module e: its default gate is 9000, and the last of class "
+                           "ExactMatch is 8191; drop says that none is meant",
+                           "module r: its argument names gate 99, and the last of class "
+                           "Replicate is 31"));
+}
+
+TEST(Document, OnlyTheFirstProblemsHaveProposals) {
+  std::string text = "modules: {there: Sink}\nconnections:\n";
+  for (int i = 0; i < 30; ++i) text += "  - there" + std::to_string(i) + " -> there\n";
+  std::vector<Problem> found = checkReferences(readDocument({{"f", text}}), nullptr);
+  ASSERT_GE(found.size(), 30u);
+  EXPECT_THAT(found[0].text, testing::EndsWith("did you mean \"there\"?"));
+  EXPECT_THAT(found.back().text, testing::Not(testing::HasSubstr("did you mean")));
+}
+
+TEST(Document, HasABoundThatHoldsWhileItIsRead) {
+  const std::string file = testing::TempDir() + "/huge.yaml";
+  {
+    std::ofstream stream(file);
+    stream << "#";
+  }
+  std::filesystem::resize_file(file, 300u << 20);  // holes
+  try {
+    readFiles({file});
+    ADD_FAILURE() << "taken";
+  } catch (const DocumentError& error) {
+    EXPECT_EQ(error.problems().front().text, "more than 256 MiB; split it up");
+  }
+  std::filesystem::remove(file);
 }
 
 }  // namespace Norv::State

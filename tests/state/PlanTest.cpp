@@ -71,8 +71,8 @@ TEST_F(PlanTest, AnArgumentWithACommandIsChangedInPlace) {
   daemon_.apply(document);
   EXPECT_EQ(summary(daemon_.plan(document)), "");
   // There is no command that sets it back to the daemon's own.
-  EXPECT_EQ(summary(daemon_.plan(fib)).substr(0, 66),
-            "-/+ module src; no command of a Source can clear pkt_size; arg.pkt");
+  EXPECT_EQ(summary(daemon_.plan(fib)).substr(0, 70),
+            "-/+ module src; no command of class Source can clear pkt_size; arg.pkt");
 }
 
 TEST_F(PlanTest, AMapInAnArgumentIsChangedInPlace) {
@@ -93,8 +93,8 @@ TEST_F(PlanTest, AModuleMadeAnewGetsItsConnectionsTableAndTaskBack) {
       changed(changed(document, "[10.0.0.1]", "[10.0.0.1, 1]"), "[10.0.0.2]", "[10.0.0.2, 2]");
   const auto applied = daemon_.apply(with);
   EXPECT_THAT(applied.refusals, IsEmpty());
-  EXPECT_EQ(summary(applied.plan).substr(0, 63),
-            "-/+ module fib; no command of a ExactMatch changes fields; arg.");
+  EXPECT_EQ(summary(applied.plan).substr(0, 67),
+            "-/+ module fib; no command of class ExactMatch changes fields; arg.");
   EXPECT_EQ(daemon_.read().connections.size(), 3u);
   EXPECT_EQ(summary(daemon_.plan(with)), "");
   const auto back = daemon_.apply(
@@ -278,9 +278,10 @@ TEST_F(PlanTest, GatesThatAClassDoesNotHaveAreWarnedOf) {
       "  good: {class: HashLB, arg: {mode: l4, gates: [0, 1, 2]}}\n");
   EXPECT_THAT(
       plan.warnings,
-      ElementsAre("module bpf: its argument names gate 70000, and the last of a BPF is 8191",
-                  "module rr: its argument names gate 8193, and the last of a RoundRobin is 8191",
-                  "module ws: its argument names gate 64, and the last of a WorkerSplit is 63"));
+      ElementsAre(
+          "module bpf: its argument names gate 70000, and the last of class BPF is 8191",
+          "module rr: its argument names gate 8193, and the last of class RoundRobin is 8191",
+          "module ws: its argument names gate 64, and the last of class WorkerSplit is 63"));
 }
 
 TEST_F(PlanTest, QueuesThatAnOlderDaemonDoesNotTellAreAssumed) {
@@ -371,6 +372,80 @@ TEST_F(PlanTest, ATaskThatWaitsOnASwitchThatRunsGetsAPlace) {
   daemon.carryOut(plan);
   EXPECT_EQ(daemon.read().modules.at("x").tasks.at(0)->worker, 0);
   EXPECT_TRUE(daemon.plan("modules: {x: Source}").empty());
+}
+
+TEST_F(PlanTest, AMovedTaskIsNotTakenBackByAWorkerThatGoes) {
+  TestSwitch daemon;
+  const std::string document =
+      "workers: {%}\nmodules: {a: {class: Source, tasks: {wid: 2}}, b: {class: Source, tasks: "
+      "{wid: 1}}}\n";
+  daemon.apply(changed(changed(document, "%", "2: {core: 0}, 1: {core: 0}"), "wid: 1", "wid: 2"));
+  // The lowest of the workers that stay is new, and takes what the others leave.
+  const std::string later =
+      changed(changed(document, "%", "0: {core: 0}, 1: {core: 0}"),
+              "a: {class: Source, tasks: {wid: 2}}", "a: {class: Source, tasks: {wid: 1}}");
+  EXPECT_THAT(daemon.apply(later, {.prune = true}).refusals, IsEmpty());
+  EXPECT_EQ(summary(daemon.plan(later, {.prune = true})), "");
+}
+
+TEST_F(PlanTest, AMoveToAnotherCoreIsToldAsThat) {
+  EXPECT_THAT(daemon_.plan(changed(fib, "core: 0", "core: 1")).pauses,
+              ElementsAre("worker 0 while it moves to another core"));
+}
+
+TEST_F(PlanTest, ManyModulesOfAPauseAreToldInShort) {
+  std::string one = "modules:\n  src: Source\n";
+  std::string connections = "connections:\n";
+  std::string last = "src";
+  for (int i = 10; i < 30; ++i) {
+    const std::string name = "q" + std::to_string(i);
+    one += "  " + name + ": {class: IPLookup, rules: [{prefix: 10.0.0.0/8}]}\n";
+    connections += "  - " + last + " -> " + name + "\n";
+    last = name;
+  }
+  TestSwitch daemon;
+  daemon.apply(one + connections);
+  std::string other = one;
+  for (std::size_t at = 0; (at = other.find("10.0.0.0/8", at)) != std::string::npos;) {
+    other.replace(at, 2, "11");
+  }
+  const Plan plan = daemon.plan(other + connections);
+  ASSERT_EQ(plan.pauses.size(), 1u);
+  EXPECT_THAT(plan.pauses[0], testing::HasSubstr("q18, q19 and 10 more are changed"));
+}
+
+// 10 times the objects and no more than 10 times the steps that one waits for.
+TEST_F(PlanTest, WaitsGrowWithTheSwitch) {
+  const auto waits = [](int number) {
+    std::string modules = "workers: {0: {core: 0}}\nmodules: {";
+    std::string connections = "connections: [", hooks = "hooks: [", ports = "ports: {";
+    for (int i = 0; i < number; ++i) {
+      const std::string n = std::to_string(i);
+      ports += "p" + n + ": {driver: PMDPort, arg: {vdev: net_null" + n + "}}, ";
+      modules += "m" + n + ": Merge, ";
+      connections += "m" + n + " -> m" + n + ", ";
+      hooks += "{class: Track, module: m" + n + ", igate: 0, name: a}, ";
+    }
+    TestSwitch daemon;
+    Switch before = wanted(modules + "}\n" + connections + "]\n" + hooks + "]\n" + ports + "}\n");
+    LiveSwitch live;
+    static_cast<Switch&>(live) = before;
+    live.tellsHooks = true;
+    std::map<HookPoint, std::optional<Any>> other;
+    for (auto [point, arg] : before.hooks) {
+      if (!point.output) point.name = "b";
+      other[point] = arg;
+    }
+    before.hooks = other;
+    for (auto& [name, port] : before.ports) port.driver = "UnixSocketPort";
+    const Plan plan = makePlan(live, before, {.prune = true});
+    std::size_t all = 0;
+    for (const Step& step : plan.steps) all += step.after.size() + step.behind.size();
+    return all;
+  };
+  const std::size_t few = waits(30);
+  EXPECT_GT(few, 30u);
+  EXPECT_LT(waits(300), few * 11);
 }
 
 }  // namespace Norv::State

@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <random>
+#include <set>
 
 #include "SwitchFixture.h"
 
@@ -14,10 +15,15 @@ namespace {
 
 class Generator {
  public:
-  explicit Generator(unsigned seed) : random_(seed) {}
+  explicit Generator(unsigned seed, bool hooks = true) : random_(seed), hooks_(hooks) {}
 
-  std::string document() {
-    const int workers = 1 + pick(3);
+  // `workersStated`: else it speaks of none.
+  std::string document(bool workersStated = true) {
+    const int workers = workersStated ? 1 + pick(3) : 1;
+    if (!workersStated) {
+      const std::string above = trafficClasses(workers) + ports() + modules(workers);
+      return above + connections();
+    }
     std::string text = "workers: {";
     for (int i = 0; i < workers; ++i) {
       text += (i ? ", " : "") + std::to_string(i) + ": {core: " + std::to_string(pick(4)) +
@@ -38,18 +44,40 @@ class Generator {
       const bool nested = !classes_.empty() && pick(2) == 0;
       // Of the classes above, only these take any number of children without a word.
       std::string place = ", wid: " + number(workers);
-      if (nested)
-        place = ", parent: " +
-                classes_[static_cast<std::size_t>(pick(static_cast<int>(classes_.size())))];
-      if (pick(3) == 0) {
+      if (nested) {
+        const Class& parent = anyClass();
+        place = ", parent: " + parent.name + below(parent);
+      }
+      const int kind = pick(5);
+      if (kind == 0) {
+        text += "  " + name + ": {policy: weighted_fair, resource: packet" + place + "}\n";
+        classes_.push_back({name, "share"});
+      } else if (kind == 1) {
+        text += "  " + name + ": {policy: priority" + place + "}\n";
+        classes_.push_back({name, "priority"});
+      } else if (kind == 2) {
         text += "  " + name + ": {policy: rate_limit, limit: {packet: " + number(5000) + "}" +
                 place + "}\n";
       } else {
         text += "  " + name + ": {policy: round_robin" + place + "}\n";
-        classes_.push_back(name);
+        classes_.push_back({name, ""});
       }
     }
     return text.empty() ? "" : "traffic_classes:\n" + text;
+  }
+
+  struct Class {
+    std::string name;
+    std::string children;  // what each needs below it
+  };
+  const Class& anyClass() {
+    return classes_[static_cast<std::size_t>(pick(static_cast<int>(classes_.size())))];
+  }
+  // Each priority is taken once.
+  std::string below(const Class& parent) {
+    if (parent.children.empty()) return "";
+    const int value = parent.children == "share" ? 1 + pick(3) : priorities_++;
+    return ", " + parent.children + ": " + std::to_string(value);
   }
 
   std::string ports() {
@@ -66,8 +94,8 @@ class Generator {
 
   std::string place(int workers) {
     if (!classes_.empty() && pick(2) == 0) {
-      return ", tasks: " +
-             classes_[static_cast<std::size_t>(pick(static_cast<int>(classes_.size())))];
+      const Class& parent = anyClass();
+      return ", tasks: {parent: " + parent.name + below(parent) + "}";
     }
     return ", tasks: {wid: " + number(workers) + "}";
   }
@@ -156,31 +184,60 @@ class Generator {
     };
     std::string text = "connections:\n";
     std::size_t before = text.size();
+    std::string hooks;
     const auto add = [&](const std::string& from, int gate) {
       if (pick(4) == 0) return;
-      text += "  - {from: " + from + ", ogate: " + std::to_string(gate) + ", to: " + end() +
+      const std::string to = end();
+      text += "  - {from: " + from + ", ogate: " + std::to_string(gate) + ", to: " + to +
               (pick(4) == 0 ? ", skip_default_hooks: true" : "") + "}\n";
+      if (!hooks_ || pick(4) != 0) return;
+      hooks += pick(2) == 0 || !inputs_.insert(to).second
+                   ? "  - {class: Track, module: " + from + ", ogate: " + std::to_string(gate) +
+                         ", name: out" + number(2) + "}\n"
+                   : "  - {class: TcpDump, module: " + to +
+                         ", igate: 0, name: in, arg: {fifo: /tmp/" + number(2) +
+                         ", defer: true}}\n";
     };
     for (const std::string& from : sources_) add(from, 0);
     for (const std::string& from : through_) add(from, 0);
     for (const std::string& from : splits_) {
       for (int gate = 0; gate < 3; ++gate) add(from, gate);
     }
-    return text.size() == before ? "" : text;
+    if (text.size() == before) return "";
+    return text + (hooks.empty() ? "" : "hooks:\n" + hooks);
   }
 
   std::mt19937 random_;
-  std::vector<std::string> classes_, ports_, sources_, through_, splits_, sinks_;
+  const bool hooks_;
+  std::vector<Class> classes_;
+  int priorities_ = 0;
+  std::set<std::string> inputs_;  // that have a hook
+  std::vector<std::string> ports_, sources_, through_, splits_, sinks_;
 };
 
 }  // namespace
 
-TEST(RandomDocuments, EndAsWantedFromWhereverTheyBegin) {
+// How many; a few when nobody says.
+unsigned seeds() {
   const char* given = std::getenv("NORV_SEEDS");
-  const unsigned seeds = given == nullptr ? 40 : static_cast<unsigned>(std::atoi(given));
+  return given == nullptr ? 40 : static_cast<unsigned>(std::atoi(given));
+}
+
+// What of a plan can be done.
+std::string possible(const Plan& plan) {
+  std::string all;
+  const auto states = Execution(plan).states();
+  for (std::size_t i = 0; i < plan.changes.size(); ++i) {
+    if (states[i].kind == Execution::State::Kind::refused || !states[i].because.empty()) continue;
+    all += text(plan.changes[i].object) + "\n";
+  }
+  return all;
+}
+
+TEST(RandomDocuments, EndAsWantedFromWhereverTheyBegin) {
   TestSwitch daemon;
   std::string last;
-  for (unsigned seed = 1; seed <= seeds && !testing::Test::HasFailure(); ++seed) {
+  for (unsigned seed = 1; seed <= seeds() && !testing::Test::HasFailure(); ++seed) {
     const std::string document = Generator(seed).document();
     const auto applied = daemon.apply(document, {.prune = true});
     EXPECT_THAT(applied.refusals, testing::IsEmpty()) << "seed " << seed << "\n"
@@ -196,6 +253,59 @@ TEST(RandomDocuments, EndAsWantedFromWhereverTheyBegin) {
     EXPECT_EQ(daemon.exported(), fresh.exported()) << "seed " << seed << "\n"
                                                    << last << "becomes\n"
                                                    << document << summary(applied.plan);
+    last = document;
+  }
+}
+
+TEST(RandomDocuments, WithoutWorkersEndAsWanted) {
+  TestSwitch daemon;
+  std::string last;
+  for (unsigned seed = 1; seed <= seeds() && !testing::Test::HasFailure(); ++seed) {
+    const std::string document = Generator(seed).document(false);
+    const auto applied = daemon.apply(document, {.prune = true});
+    EXPECT_THAT(applied.refusals, testing::IsEmpty()) << "seed " << seed << "\n"
+                                                      << last << "becomes\n"
+                                                      << document << summary(applied.plan);
+    EXPECT_EQ(summary(daemon.plan(document, {.prune = true})), "")
+        << "seed " << seed << "\n"
+        << last << "becomes\n"
+        << document << summary(applied.plan);
+    last = document;
+  }
+}
+
+TEST(RandomDocuments, OnAnOlderDaemonEndAsWanted) {
+  TestSwitch daemon(TestSwitch::older());
+  std::string last;
+  for (unsigned seed = 1; seed <= seeds() && !testing::Test::HasFailure(); ++seed) {
+    const std::string document = Generator(seed, false).document();
+    const auto applied = daemon.apply(document, {.prune = true});
+    EXPECT_THAT(applied.refusals, testing::IsEmpty()) << "seed " << seed << "\n"
+                                                      << last << "becomes\n"
+                                                      << document << summary(applied.plan);
+    EXPECT_EQ(summary(daemon.plan(document, {.prune = true})), "")
+        << "seed " << seed << "\n"
+        << last << "becomes\n"
+        << document << summary(applied.plan);
+    last = document;
+  }
+}
+
+// One after the other onto what the ones before left: what cannot be is said before it is sent.
+TEST(RandomDocuments, WithoutPruneNothingIsRefused) {
+  TestSwitch daemon;
+  std::string last;
+  for (unsigned seed = 1; seed <= seeds() && !testing::Test::HasFailure(); ++seed) {
+    if (seed % 5 == 1) daemon.reset();
+    const std::string document = Generator(seed).document();
+    const auto applied = daemon.apply(document);
+    EXPECT_THAT(applied.refusals, testing::IsEmpty()) << "seed " << seed << "\n"
+                                                      << last << "becomes\n"
+                                                      << document << summary(applied.plan);
+    EXPECT_EQ(possible(daemon.plan(document)), "") << "seed " << seed << "\n"
+                                                   << last << "becomes\n"
+                                                   << document << summary(applied.plan);
+    EXPECT_TRUE(daemon.read().lostTasks.empty()) << "seed " << seed;
     last = document;
   }
 }

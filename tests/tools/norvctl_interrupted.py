@@ -7,8 +7,8 @@ import signal
 import subprocess
 
 import harness
-from harness import NORVCTL, equal, norvctl
-from switch import Controlled, Switch
+from harness import NORVCTL, command, equal, norvctl, run, write_file
+from switch import Controlled, OlderControlled, Switch
 
 # All sections, and between the two every kind of change: made, changed in place and with a pause, made
 # anew, moved, gone; a worker made anew with its classes.
@@ -78,49 +78,59 @@ hooks:
 WHOLE = ["--prune", "--allow-mass-delete", "--timeout", "100"]
 
 
-def ends_as_wanted(switch, document, exported):
-    finished = switch.apply(document, *WHOLE)
-    assert finished.out.endswith("The switch is as wanted.\n"), finished
-    equal(switch.plan(document, "--prune").status, 0)
-    equal(switch.export(), exported)
-    assert "running: false" not in exported
-
-
-def questions(switch):
+def questions(switch, document):
     """How many calls there are before the first command."""
     switch.standin.fault("kind=delay nth=1000000")
-    switch.plan(ONE)
+    switch.plan(document)
     return switch.standin.counts()[1]
 
 
 class Ways:
-    """From one document to the other and back, cut short at a later command each time."""
+    """From one document to the other and back, cut short at a later command each time.
 
-    def __init__(self):
+    `begin` are commands that the switch gets before, and `first` is applied once."""
+
+    def __init__(self, one=ONE, other=OTHER, options=WHOLE, begin=(), least=30, first=None):
         self.switch = Switch(Controlled)
+        self.options = options
+        if begin:
+            run(*self.switch.standin.address, write_file(*begin))
+        self.pairs = ((one, other), (other, one))
         self.exported, self.questions, self.commands = {}, {}, {}
-        for there, here in ((ONE, OTHER), (OTHER, ONE)):
-            self.switch.apply(here, *WHOLE)
+        self.switch.apply(first or one, *options)
+        for there, here in self.pairs:
+            self.switch.apply(here, *options)
             self.exported[here] = self.switch.export()
-            self.questions[here] = questions(self.switch)
+            assert "running: false" not in self.exported[here]
+            self.questions[here] = questions(self.switch, here)
             self.switch.standin.clear()
-            planned = self.switch.plan(there, "--prune", "--json")
+            planned = self.switch.plan(there, *self.planning(), "--json")
             self.commands[here] = planned.out.count('"queue":')
-            assert self.commands[here] > 30, planned
+            assert self.commands[here] > least, planned
+
+    def planning(self):
+        return ["--prune"] if "--prune" in self.options else []
 
     def all(self, cut):
-        """Calls `cut(switch, document, nth)` for every command; `nth` counts the calls to the daemon."""
+        """Calls `cut(switch, document, nth, options)` for every command; `nth` counts the calls to the
+        daemon."""
         for number in range(1, max(self.commands.values()) + 1):
-            for here, there in ((ONE, OTHER), (OTHER, ONE)):
-                struck = cut(self.switch, there, self.questions[here] + number)
+            for here, there in self.pairs:
+                struck = cut(self.switch, there, self.questions[here] + number, self.options)
                 assert struck or number > self.commands[here], number
-                ends_as_wanted(self.switch, there, self.exported[there])
+                self.ends_as_wanted(there)
+
+    def ends_as_wanted(self, document):
+        finished = self.switch.apply(document, *self.options)
+        assert finished.out.endswith("The switch is as wanted.\n"), finished
+        equal(self.switch.plan(document, *self.planning()).status, 0)
+        equal(self.switch.export(), self.exported[document])
 
 
-def kill(switch, document, nth):
+def kill(switch, document, nth, options=WHOLE):
     """Ends the tool when the call has had its effect and is not answered."""
     switch.standin.fault(f"kind=no-reply nth={nth}")
-    applying = switch.start_apply(document, *WHOLE)
+    applying = switch.start_apply(document, *options)
     cut = switch.standin.strikes(applying)
     applying.end()
     switch.standin.clear()
@@ -131,10 +141,61 @@ def test_killed_at_every_step_it_goes_on_with_the_next_apply():
     Ways().all(kill)
 
 
-def die(switch, document, nth):
+# Of workers and of where tasks are it says nothing, or little, and nothing is pruned.
+FEW = """\
+%(workers)s
+modules: {src: {class: Source, tasks: slow}, src2: Source, queue: Queue, out: Merge}
+connections: [src -> queue, queue -> out, "src2 -> 1:out"]
+traffic_classes: {slow: {%(policy)s%(place)s}}
+"""
+LIMIT = "policy: rate_limit, limit: {packet: 1000}"
+ROBIN = "policy: round_robin"
+ON_CORE_1 = (command("addWorker", wid="0", core="1"), command("resumeWorker", wid="0"))
+
+
+def little(workers="", place=""):
+    return [FEW % {"workers": workers, "policy": policy, "place": place} for policy in (LIMIT, ROBIN)]
+
+
+def test_killed_while_a_worker_that_is_not_stated_is_made_anew_it_goes_on():
+    for document in (little(place=", wid: 0"), little()):
+        Ways(*document, ["--timeout", "100"], ON_CORE_1, 5).all(kill)
+
+
+def test_killed_while_a_worker_that_is_stated_is_made_anew_it_goes_on():
+    Ways(*little("workers: {0: {core: 1}}"), ["--timeout", "100"], ON_CORE_1, 5).all(kill)
+
+
+# The second port takes the module along, which only the switch has, with its gates.
+PORT = "ports: {p: {driver: PMDPort, arg: {vdev: net_null%d}}}\n"
+USERS = """\
+workers: {0: {core: 0}, 1: {core: 1}}
+modules: {in: {class: PortInc, arg: {port: p}, burst: 16, tasks: {wid: 1}}, out: Merge}
+connections: [{from: in, to: out, skip_default_hooks: true}]
+hooks: [{class: Track, module: in, ogate: 0, name: seen}, {class: Track, module: out, igate: 0, name: into}]
+"""
+
+
+def test_killed_while_a_module_that_is_not_stated_is_made_anew_it_goes_on():
+    ways = Ways(PORT % 0, PORT % 1, ["--timeout", "100"], [], 5, PORT % 0 + USERS)
+    assert "{port: p}, burst: 16, tasks: {wid: 1}" in ways.exported[PORT % 1], ways.exported
+    ways.all(kill)
+
+
+def test_a_port_that_was_being_made_anew_is_not_taken_for_what_it_was():
+    switch = Switch(OlderControlled)
+    switch.apply(PORT % 0)
+    calls = questions(switch, PORT % 0)
+    assert kill(switch, PORT % 1, calls + 2, [])  # destroyed, and made anew
+    equal(switch.plan(PORT % 0).status, 4)
+    switch.apply(PORT % 0)
+    equal(switch.plan(PORT % 0).status, 0)
+
+
+def die(switch, document, nth, options=WHOLE):
     """The daemon ends before the call has its effect, and a fresh one takes its place."""
     switch.standin.fault(f"kind=exit nth={nth}")
-    finished = norvctl("apply", "--yes", *switch.options, *WHOLE, switch.document(document))
+    finished = norvctl("apply", "--yes", *switch.options, *options, switch.document(document))
     if finished.status == 0 and switch.standin.popen.poll() is None:
         switch.standin.clear()
         return False
@@ -147,10 +208,10 @@ def test_a_daemon_that_dies_at_every_step_gets_everything_again():
     Ways().all(die)
 
 
-def lose(switch, document, nth):
+def lose(switch, document, nth, options=WHOLE):
     """The line is lost when the call has had its effect."""
     switch.standin.fault(f"kind=hang-up-after nth={nth}")
-    finished = norvctl("apply", "--yes", *switch.options, *WHOLE, switch.document(document))
+    finished = norvctl("apply", "--yes", *switch.options, *options, switch.document(document))
     struck = switch.standin.counts()[0] != 0
     switch.standin.clear()
     return struck or finished.status != 0
@@ -173,7 +234,7 @@ class Pausing:
         self.switch = Switch(Controlled)
         self.switch.options = [*self.switch.standin.address, "--state-dir", "none"]
         self.switch.apply(SMALL % 64)
-        self.calls = questions(self.switch)
+        self.calls = questions(self.switch, SMALL % 64)
         self.switch.standin.clear()
         equal(self.switch.plan(SMALL % 128, "--json").out.count('"queue":'), 3)
 

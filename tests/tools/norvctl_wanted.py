@@ -138,6 +138,115 @@ def test_rollback_returns_to_what_was():
           [line for line in before.splitlines() if "->" in line])
 
 
+def test_after_a_rollback_changes_are_known_as_before():
+    switch = Switch()
+    switch.apply(SMALL)
+    bad = SMALL.replace("modules:\n", "modules:\n  bad: {class: Queue, arg: {size: 3}}\n")
+    switch.apply(bad.replace("10.0.0.2", "10.0.0.3"), "--rollback", status=2)
+    equal(switch.plan(SMALL).out, "The switch is as wanted.\n")
+    planned = switch.plan(SMALL.replace("10.0.0.2", "10.0.0.4"))
+    assert "~ module em  rules: 1 added, 1 removed, 0 changed" in planned.out, planned
+
+
+def test_after_a_call_that_failed_what_was_before_is_back():
+    more = SMALL.replace("  out: Sink\n", "  out: Sink\n  more: Sink\n  last: Sink\n")
+    for kind in ("status code=13", "hang-up", "hang-up-after"):
+        switch = Switch(Controlled)
+        switch.apply(SMALL)
+        before = switch.export()
+        switch.standin.fault(f"kind={kind} rpc=createModule name=more")
+        finished = switch.apply(more, "--rollback", status=3)
+        assert "stopped after a failure; what was before is back." in finished.out, finished
+        equal(switch.export(), before)
+        equal(switch.plan(SMALL, "--prune").status, 0)
+
+
+def test_what_cannot_be_rolled_back_is_said_with_the_reason():
+    switch = Switch(Controlled)
+    switch.apply(SMALL)
+    more = "modules: {more: Sink, bad: {class: Queue, arg: {size: 3}}}"
+    switch.standin.fault("kind=error code=16 rpc=destroyModule text=held")
+    finished = switch.apply(more, "--rollback", status=2)
+    assert "; not rolled back: module more: EBUSY: held. The switch is not as wanted" in finished.out, finished
+    switch.standin.fault("kind=exit rpc=createModule name=last")
+    finished = switch.apply("modules: {last: Sink}", "--rollback", "--json", status=3)
+    equal(json.loads(finished.out.splitlines()[-1])["summary"]["rolled_back"], False)
+
+
+HOOKED = """\
+modules: {src: Source, out: Sink}
+connections: [src -> out]
+hooks: [{class: TcpDump, module: src, ogate: 0, name: dump, arg: {fifo: %s, defer: true}}]
+"""
+
+
+def test_a_changed_argument_of_a_hook_is_applied():
+    switch = Switch(Controlled)
+    switch.apply(HOOKED % "/tmp/one")
+    equal(switch.plan(HOOKED % "/tmp/one").out, "The switch is as wanted.\n")
+    planned = switch.plan(HOOKED % "/tmp/other")
+    assert "-/+ hook TcpDump dump at output src:0  another argument\n2 commands" in planned.out, planned
+    switch.apply(HOOKED % "/tmp/other")
+    equal(switch.plan(HOOKED % "/tmp/other").out, "The switch is as wanted.\n")
+    equal(switch.plan(HOOKED % "/tmp/one").status, 4)
+    assert "fifo: /tmp/other" in switch.export()
+    # Without what was applied, nobody knows.
+    switch.options = [*switch.standin.address, "--state-dir", "none"]
+    planned = switch.plan(HOOKED % "/tmp/one")
+    equal(planned.status, 0, planned)
+    assert "does not tell: hook TcpDump dump at output src:0: arg\n" in planned.out, planned
+    equal(switch.plan(HOOKED % "/tmp/one", "--recreate-unknown").status, 4)
+
+
+def test_a_hook_that_a_daemon_does_not_tell_is_assumed():
+    switch = Switch()
+    named = "modules: {src: Source, out: Sink}\nconnections: [src -> out]\nhooks:\n" \
+        "  - {class: Track, module: src, ogate: 0, name: mine}\n" \
+        "  - {class: Track, module: out, igate: 0, name: into}\n"
+    switch.apply(named)
+    planned = switch.plan(named)
+    equal(planned.status, 0, planned)
+    assert "does not tell: hook Track mine at output src:0\n" in planned.out, planned
+    assert "input" not in switch.export() and "igate" not in switch.export()
+
+
+def test_a_changed_scheduler_makes_the_worker_anew():
+    switch = Switch(Controlled)
+    usual = "workers: {0: {core: 0}}\nmodules: {src: Source}\n"
+    other = usual.replace("core: 0", "core: 0, scheduler: experimental")
+    switch.apply(usual)
+    planned = switch.plan(other)
+    assert "-/+ worker 0  scheduler: the usual -> experimental\n" in planned.out, planned
+    assert "pauses worker 0 while it is made anew with another scheduler\n" in planned.out, planned
+    switch.apply(other)
+    equal(switch.plan(other).out, "The switch is as wanted.\n")
+    equal(switch.plan(usual).status, 0)  # which says nothing of it
+    switch.options = [*switch.standin.address, "--state-dir", "none"]
+    assert "does not tell: worker 0: scheduler\n" in switch.plan(other).out
+
+
+def test_commands_of_what_cannot_be_are_left_out():
+    switch = Switch()
+    document = "ports: {p: {driver: PMDPort, arg: unknown}}\n" \
+        "modules: {in: {class: PortInc, arg: {port: p}}, out: Sink}\nconnections: [in -> out]\n"
+    planned = switch.plan(document, "--json")
+    equal([json.loads(line)["type"] for line in planned.out.splitlines() if "type" in line], ["addWorker", "createModule", "resumeWorker"])
+    assert "norvctl: port p: the argument of its driver PMDPort is not known; state it\n" in planned.err, planned
+    assert "norvctl: without 3 commands that need what cannot be done\n" in planned.err, planned
+    equal(norvctl("apply", "--dry-run", "--json", *switch.options, switch.document(document)).out, planned.out)
+
+
+def test_two_at_once_come_one_after_the_other():
+    switch = Switch(Controlled)
+    switch.standin.fault("kind=delay ms=2000 rpc=createModule nth=1")
+    first = switch.start_apply("modules: {a: Sink}")
+    assert switch.standin.strikes(first)
+    second = switch.apply("modules: {b: {class: IPLookup, rules: [{prefix: 10.0.0.0/8}]}}")
+    equal(first.finish().status, 0)
+    assert "norvctl: another apply is at work on 127.0.0.1:" in second.err, second
+    equal(sorted(re.findall(r"^  (\w):", switch.export().split("modules:")[1], re.M)), ["a", "b"])
+
+
 def many(number):
     return "workers: {}\nmodules: {" + ", ".join(f"m{i}: Sink" for i in range(number)) + "}\n"
 

@@ -13,9 +13,11 @@ from harness import NORVCTL, Process, Standin, equal, norvctl
 class Controlled(Process):
     """A stand-in, as daemons of today are, that can be told to fail."""
 
+    forms = ("--newer",)
+
     def __init__(self, port=0):
         super().__init__(
-            harness.STANDIN, "--newer", "--listen", f"127.0.0.1:{port}", "--control", "127.0.0.1:0")
+            harness.STANDIN, *self.forms, "--listen", f"127.0.0.1:{port}", "--control", "127.0.0.1:0")
         self.port = self.wait_for(r"listening on 127\.0\.0\.1:(\d+)\n").group(1)
         self.control = self.wait_for(r"controlled at (127\.0\.0\.1:\d+)\n").group(1)
         self.address = ("--host", "127.0.0.1", "--port", self.port)
@@ -47,6 +49,12 @@ class Controlled(Process):
         """Of the one fault: the calls that it struck and those that it was about."""
         found = re.match(r"(\d+) of (\d+)  ", self.tell("faults"))
         return int(found.group(1)), int(found.group(2))
+
+
+class OlderControlled(Controlled):
+    """The same of a daemon that tells less."""
+
+    forms = ()
 
 
 class Switch:

@@ -75,7 +75,9 @@ class Progress : public SessionListener {
 class Apply {
  public:
   explicit Apply(const Arguments& arguments)
-      : arguments_(arguments), target_(arguments.target), known_(arguments, target_) {}
+      : arguments_(arguments),
+        target_(arguments.target),
+        known_(arguments, target_, KnownSwitch::Access::write) {}
 
   int run() {
     const LiveSwitch live = known_.read();
@@ -91,7 +93,10 @@ class Apply {
       if (arguments_.json) tellJson({});
       return allOk;
     }
-    if (arguments_.dryRun) return somethingToDo;
+    if (arguments_.dryRun) {
+      if (arguments_.json) print(planCommands(plan_));
+      return somethingToDo;
+    }
     if (!agreed()) return badInput;
     known_.record().begin(plan_, wanted_);
     known_.saveRecord();
@@ -135,36 +140,78 @@ class Apply {
     return false;
   }
 
-  // Every change by the session; then the switch is read again, and says what has become of it.
+  // A plan on its way. It stays to the end of the process, as the session does.
+  struct Carrying {
+    Carrying(const Plan& plan, const Target& target, const Arguments& arguments)
+        : source(plan, [] { return nullptr; }),
+          progress(source, target, plan.commands(), arguments) {}
+    PlanSource source;
+    Progress progress;
+    std::unique_ptr<Session> session;
+  };
+
+  // Every change by a session; then the switch is read again, and says what has become of it.
   [[noreturn]] void carryOut(const LiveSwitch& before) {
-    PlanSource source(plan_, [&] { return followingPlan(source, before); });
-    Progress progress(source, target_, plan_.commands(), arguments_);
+    endOnSignals();
+    std::vector<Execution::State> states;
+    const SessionEnd end = send(plan_, states);
+    if (arguments_.rollback && !allDone(states)) rollBack(before, end, states);
+    leave(conclude(std::move(states), end));
+  }
+
+  SessionEnd send(const Plan& plan, std::vector<Execution::State>& states) {
+    const auto& carrying =
+        carryings_.emplace_back(std::make_unique<Carrying>(plan, target_, arguments_));
     SessionOptions options = arguments_.session;
     options.host = target_.host();
     options.port = target_.port();
     options.timeout = durationOf(arguments_.timeoutSeconds);
     options.stream = true;
-    endOnSignals();
-    Session session(options, source, progress);  // stays to the end of the process
-    const SessionEnd end = session.run();
-    source.stop();
-    progress.clear();
-    leave(conclude(source, end));
+    carrying->session = std::make_unique<Session>(options, carrying->source, carrying->progress);
+    const SessionEnd end = carrying->session->run();
+    carrying->source.stop();
+    carrying->progress.clear();
+    states = carrying->source.execution(0).states();
+    return end;
   }
 
-  // What returns to the state before, when not all was done and that is wanted.
-  const Plan* followingPlan(const PlanSource& source, const LiveSwitch& before) {
-    if (!arguments_.rollback || rollback_ || allDone(source.execution(0).states())) return nullptr;
-    try {
-      LiveSwitch now = known_.read();
-      Norv::State::Switch former = before;
-      former.workersStated = true;
-      rollback_ = std::make_unique<Plan>(makePlan(now, former, {.prune = true}));
-    } catch (const DirectError& error) {
-      std::cerr << "norvctl: no way back: " << error.what() << '\n';
-      return nullptr;
+  // Returns to the state before, in a session of its own: what failed has ended the first.
+  void rollBack(const LiveSwitch& before, SessionEnd end,
+                const std::vector<Execution::State>& states) {
+    if (end == SessionEnd::interrupted) {
+      notRolledBack_ = "interrupted";
+      return;
     }
-    return rollback_.get();
+    try {
+      LiveSwitch bare = known_.readBare();
+      known_.record().end(plan_, states, wanted_, bare);
+      known_.record().complement(bare);
+      former_ = before;
+      former_.workersStated = true;
+      rollback_ = makePlan(bare, former_, {.prune = true});
+      known_.record().begin(*rollback_, former_);
+      known_.saveRecord();
+      std::vector<Execution::State> back;
+      if (send(*rollback_, back) == SessionEnd::interrupted) notRolledBack_ = "interrupted";
+      LiveSwitch after = known_.readBare();
+      settle(*rollback_, back, after, former_, {.prune = true});
+      known_.record().end(*rollback_, back, former_, after);
+      known_.saveRecord();
+      known_.record().complement(after);
+      const Plan rest = makePlan(after, former_, {.prune = true});
+      if (!rest.empty() && notRolledBack_.empty()) notRolledBack_ = whyNotBack(back, rest);
+    } catch (const std::exception& error) {
+      notRolledBack_ = error.what();
+    }
+  }
+
+  // The first that did not come back, with the daemon's word where there is one.
+  std::string whyNotBack(const std::vector<Execution::State>& states, const Plan& rest) const {
+    for (std::size_t i = 0; i < states.size(); ++i) {
+      if (states[i].text.empty()) continue;
+      return text(rollback_->changes[i].object) + ": " + states[i].text;
+    }
+    return text(rest.changes.front().object) + " is not as it was";
   }
 
   static bool allDone(const std::vector<Execution::State>& states) {
@@ -173,17 +220,15 @@ class Apply {
     });
   }
 
-  int conclude(const PlanSource& source, SessionEnd end) {
-    std::vector<Execution::State> states = source.execution(0).states();
+  int conclude(std::vector<Execution::State> states, SessionEnd end) {
     std::string reading;
     std::optional<Plan> rest;
     try {
       LiveSwitch bare = known_.readBare();
       letRun(bare);
       LiveSwitch after = bare;
-      settle(states, after);
-      known_.record().end(plan_, states, wanted_, bare);
-      if (rollback_) known_.record() = Norv::State::Record();
+      settle(plan_, states, after, wanted_, arguments_.plan);
+      if (!rollback_) known_.record().end(plan_, states, wanted_, bare);
       known_.saveRecord();
       known_.record().complement(after);
       rest = makePlan(after, wanted_, arguments_.plan);
@@ -234,14 +279,14 @@ class Apply {
   }
 
   // What failed or did not decode may have been done: the switch says.
-  void settle(std::vector<Execution::State>& states, const LiveSwitch& after) const {
+  static void settle(const Plan& plan, std::vector<Execution::State>& states,
+                     const LiveSwitch& after, const Norv::State::Switch& wanted,
+                     const Norv::State::PlanOptions& options) {
     std::set<Object> open;
-    for (const auto& change : makePlan(after, wanted_, arguments_.plan).changes) {
-      open.insert(change.object);
-    }
+    for (const auto& change : makePlan(after, wanted, options).changes) open.insert(change.object);
     for (std::size_t i = 0; i < states.size(); ++i) {
       if (states[i].kind == Execution::State::Kind::unclear &&
-          !open.contains(plan_.changes[i].object)) {
+          !open.contains(plan.changes[i].object)) {
         states[i] = {};
       }
     }
@@ -281,7 +326,8 @@ class Apply {
     if (end == SessionEnd::interrupted) print(", interrupted");
     if (end == SessionEnd::timedOut) print(", the time ran out");
     if (end == SessionEnd::stoppedByFailure) print(", stopped after a failure");
-    if (rollback_) print("; what was before is back as far as it could be");
+    if (rolledBack()) print("; what was before is back");
+    if (!notRolledBack_.empty()) print("; not rolled back: " + escaped(notRolledBack_));
     if (!reading.empty()) {
       print("; the switch cannot be read again\n");
       std::cerr << "norvctl: " << reading << '\n';
@@ -331,7 +377,7 @@ class Apply {
     for (const std::string& id : mayStand_) paused += (paused.empty() ? "" : ",") + id;
     print("{\"summary\":{\"changes\":" + std::to_string(states.size()) + ",\"done\":" +
           std::to_string(done) + ",\"commands\":" + std::to_string(plan_.commands()) +
-          ",\"rolled_back\":" + (rollback_ ? "true" : "false") + ",\"still_paused\":[" + paused +
+          ",\"rolled_back\":" + (rolledBack() ? "true" : "false") + ",\"still_paused\":[" + paused +
           "]}}\n");
   }
 
@@ -342,12 +388,17 @@ class Apply {
     return allDone(states) && rest->empty() ? allOk : refused;
   }
 
+  bool rolledBack() const { return rollback_ && notRolledBack_.empty(); }
+
   const Arguments& arguments_;
   const Target target_;
   KnownSwitch known_;
   Norv::State::Switch wanted_;
   Plan plan_;
-  std::unique_ptr<Plan> rollback_;
+  std::optional<Plan> rollback_;
+  Norv::State::Switch former_;
+  std::string notRolledBack_;
+  std::vector<std::unique_ptr<Carrying>> carryings_;
   // Workers after what was cut short, by their numbers.
   std::set<std::string> resumed_;
   std::map<std::string, std::string> stillPaused_;  // and why they cannot be resumed

@@ -61,7 +61,11 @@ Action defineExport(CLI::App& command) {
 int check(const Arguments& arguments) {
   const auto document = usableDocument(arguments, nullptr);
   if (!document) return badInput;
-  print(grouped(document->wanted.objects()) + " objects, all good\n");
+  for (const std::string& what : gateWarnings(document->wanted)) {
+    std::cerr << "norvctl: " << escaped(what) << '\n';
+  }
+  const std::size_t objects = document->wanted.objects();
+  print(grouped(objects) + (objects == 1 ? " object" : " objects") + ", all good\n");
   return allOk;
 }
 

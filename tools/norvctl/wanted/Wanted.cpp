@@ -1,8 +1,14 @@
 #include "Wanted.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
+
+#include <algorithm>
 #include <cstdlib>
+#include <filesystem>
 #include <iostream>
 
+#include <Norv/State/Files.h>
 #include <bess/pb/service.pb.h>
 
 #include "../protocol/Requests.h"
@@ -38,6 +44,13 @@ const char* signOf(Change::Action action) {
   return "";
 }
 
+// Without the middle of what nobody reads to its end, as a name may be of any length.
+std::string shortened(const std::string& text) {
+  constexpr std::size_t most = 1000, kept = 400;
+  if (text.size() <= most) return text;
+  return text.substr(0, kept) + "..." + text.substr(text.size() - kept);
+}
+
 std::string counted(std::size_t number, const char* one, const char* many) {
   return grouped(number) + " " + (number == 1 ? one : many);
 }
@@ -64,7 +77,7 @@ void addWanted(CLI::App& command, WantedOptions& options) {
                    "to be right");
 }
 
-KnownSwitch::KnownSwitch(const WantedOptions& options, const Target& target)
+KnownSwitch::KnownSwitch(const WantedOptions& options, const Target& target, Access access)
     : direct_(target.host(), target.port(),
               options.timeoutSeconds > 0
                   ? std::chrono::ceil<std::chrono::milliseconds>(durationOf(options.timeoutSeconds))
@@ -73,9 +86,21 @@ KnownSwitch::KnownSwitch(const WantedOptions& options, const Target& target)
   const std::string folder = options.stateDir.empty() ? usualStateDir() : options.stateDir;
   if (folder.empty()) return;
   file_ = folder + "/" + Norv::State::recordName(target.address());
+  if (access == Access::write) lock(folder);
   std::string said;
   record_ = Norv::State::Record::load(file_, &said);
   if (!said.empty()) std::cerr << "norvctl: " << escaped(said) << '\n';
+}
+
+// Kept to the end of the process.
+void KnownSwitch::lock(const std::string& folder) {
+  std::filesystem::create_directories(folder);
+  const int descriptor = open((file_ + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  if (descriptor < 0) Norv::State::failFile("cannot write", file_ + ".lock");
+  if (flock(descriptor, LOCK_EX | LOCK_NB) == 0) return;
+  std::cerr << "norvctl: another apply is at work on " << escaped(direct_.address())
+            << "; waiting for its end\n";
+  flock(descriptor, LOCK_EX);
 }
 
 Norv::State::LiveSwitch KnownSwitch::read() {
@@ -125,9 +150,9 @@ std::optional<Norv::State::Document> usableDocument(const WantedOptions& options
     problems = error.problems();
   }
   if (problems.empty()) return document;
-  constexpr std::size_t shown = 20;
+  constexpr std::size_t shown = Norv::State::shownProblems;
   for (std::size_t i = 0; i < std::min(problems.size(), shown); ++i) {
-    std::cerr << escaped(text(problems[i].mark) + ": " + problems[i].text) << '\n';
+    std::cerr << escaped(text(problems[i].mark) + ": " + shortened(problems[i].text)) << '\n';
   }
   if (problems.size() > shown) std::cerr << "... and " << problems.size() - shown << " more\n";
   std::cerr << "norvctl: " << counted(problems.size(), "problem", "problems")
@@ -184,11 +209,21 @@ std::string planText(const Plan& plan, bool colour) {
 
 std::string planCommands(const Plan& plan) {
   std::string all, open;
+  std::vector<bool> left(plan.steps.size(), false);  // out: it cannot be, or needs what cannot
+  std::size_t without = 0;
   const auto announce = [&] {
     if (!open.empty()) all += "{\"announce\":" + jsonText(open) + "}\n";
   };
-  for (const auto& step : plan.steps) {
-    if (!step.request) continue;
+  for (std::size_t i = 0; i < plan.steps.size(); ++i) {
+    const auto& step = plan.steps[i];
+    left[i] = !step.impossible.empty() || std::any_of(step.after.begin(), step.after.end(),
+                                                      [&](auto one) { return left[one]; });
+    if (left[i] && step.request) ++without;
+    if (!step.impossible.empty()) {
+      std::cerr << "norvctl: "
+                << escaped(text(plan.changes[step.change].object) + ": " + step.impossible) << '\n';
+    }
+    if (!step.request || left[i]) continue;
     const std::string queue = sectionName(step.queue);
     if (queue != open) announce();
     open = queue;
@@ -196,6 +231,10 @@ std::string planCommands(const Plan& plan) {
            "\",\"request\":" + messageJson(*step.request) + "}\n";
   }
   announce();
+  if (without != 0) {
+    std::cerr << "norvctl: without " << counted(without, "command that needs", "commands that need")
+              << " what cannot be done\n";
+  }
   return all;
 }
 

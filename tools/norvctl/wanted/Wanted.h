@@ -32,8 +32,10 @@ void addWanted(CLI::App& command, WantedOptions& options);
 class KnownSwitch {
  public:
   // Of a stand-in inside this process nothing is kept. Tells on standard error of a record that is
-  // damaged.
-  KnownSwitch(const WantedOptions& options, const Target& target);
+  // damaged. Who writes it waits until nobody else does. Throws std::runtime_error when the record
+  // cannot be read.
+  enum class Access { read, write };
+  KnownSwitch(const WantedOptions& options, const Target& target, Access access = Access::read);
 
   // The live switch, complemented. Throws DirectError with the address and the reason.
   Norv::State::LiveSwitch read();
@@ -46,6 +48,8 @@ class KnownSwitch {
   void saveRecord() const;
 
  private:
+  void lock(const std::string& folder);
+
   Direct direct_;
   std::string file_;  // empty: none
   Norv::State::Record record_;
@@ -58,7 +62,8 @@ std::optional<Norv::State::Document> usableDocument(const WantedOptions& options
 
 // A line for each change, with the counts below.
 std::string planText(const Norv::State::Plan& plan, bool colour);
-// The commands of the plan, as a command file.
+// The commands of the plan, as a command file; what cannot be done, and is left out with what needs
+// it, is told on standard error.
 std::string planCommands(const Norv::State::Plan& plan);
 
 }  // namespace Norvctl

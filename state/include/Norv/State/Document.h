@@ -26,6 +26,9 @@ struct Problem {
   std::string text;
 };
 
+// So many problems are worth showing; those after them have no proposals.
+inline constexpr std::size_t shownProblems = 20;
+
 class DocumentError : public std::runtime_error {
  public:
   explicit DocumentError(std::vector<Problem> problems);
@@ -61,6 +64,9 @@ Document readFiles(const std::vector<std::string>& files, const Offer& offer = {
 // Everything that the document refers to and that neither it nor the live switch has. `live` is
 // null when there is none to look at, or nothing of it will stay.
 std::vector<Problem> checkReferences(const Document& document, const Switch* live);
+
+// Gates that modules name and their classes do not have: a daemon may take another in their place.
+std::vector<std::string> gateWarnings(const Switch& wanted);
 
 // The one canonical form: two equal switches are written with the same bytes. What is not told is
 // said in a comment beside its object; `notTold` gets the same, for a person.

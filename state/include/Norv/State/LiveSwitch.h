@@ -43,6 +43,8 @@ struct LiveSwitch : Switch {
   // What a record says was begun and not ended: whatever of it is not told has to be set again. A
   // worker is one that was paused meanwhile, and stands still yet.
   std::set<Object> doubtful;
+  std::set<std::int64_t> doubtfulSchedulers;  // of workers; the same of their schedulers
+  Unfinished unfinished;                      // of a plan that was cut short
   std::map<std::string, std::string>
       descriptions;                 // of modules, where they do not change by themselves
   std::map<Gate, Traffic> traffic;  // of the gates that are counted

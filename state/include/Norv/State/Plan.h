@@ -45,6 +45,7 @@ struct Plan {
   std::vector<std::string> pauses;    // which workers stand still, and why
   std::size_t deletions = 0;
   std::size_t liveObjects = 0;
+  Unfinished unfinished;  // while it is carried out
 
   std::size_t commands() const;
   bool empty() const { return steps.empty(); }

@@ -34,7 +34,7 @@ class Record {
   void end(const Plan& plan, const std::vector<Execution::State>& states, const Switch& wanted,
            const LiveSwitch& after);
 
-  bool empty() const { return entries_.empty(); }
+  bool empty() const { return entries_.empty() && unfinished_.empty(); }
 
  private:
   struct Entry {
@@ -43,21 +43,27 @@ class Record {
     std::optional<Any> arg;  // in force, where the daemon tells another or none
     std::map<std::string, std::uint64_t> settings;
     std::optional<Entries> table;
-    std::string word;  // a class's resource, a worker's scheduler
+    std::optional<std::string> word;  // a class's resource, a worker's scheduler
+    bool wordDoubtful = false;        // of a worker
 
     bool holdsNothing() const {
-      return !doubtful && !arg && settings.empty() && !table && word.empty();
+      return !doubtful && !arg && settings.empty() && !table && !word && !wordDoubtful;
     }
   };
 
   static Entry entryOf(const Object& object, const Switch& wanted, const LiveSwitch& after);
+  void forgetGone(const LiveSwitch& live);
   void enterMade(const Object& object, const Switch& wanted);
+  void endHooks(const Plan& plan, const std::vector<Execution::State>& states,
+                const LiveSwitch& after);
+  void endUnfinished(const std::vector<Execution::State>& states, const LiveSwitch& after);
   void keepDoubtOfWorkers(const std::set<Object>& doubtful, const Switch& wanted,
                           const LiveSwitch& after);
   static bool hidden(const Object& object, const Switch& wanted);
 
   std::map<Object, Entry> entries_;
   std::map<std::string, std::string> addresses_;  // of ports, as the daemon told them
+  Unfinished unfinished_;
 };
 
 // "switch1_10514.json" for a daemon's address; the same for the names of the loopback.

@@ -97,6 +97,15 @@ struct Switch {
   std::size_t objects() const;
 };
 
+// What a plan takes away for a while and brings back without being told to: where it is cut short,
+// the next one does.
+struct Unfinished {
+  Switch comesBack;                // of a module without an argument, the places of its tasks alone
+  std::set<std::int64_t> holding;  // workers that only hold the tasks of others meanwhile
+
+  bool empty() const { return comesBack.objects() == 0 && holding.empty(); }
+};
+
 // The hook that connectModules puts on an output gate unless it is told not to.
 inline constexpr const char* defaultHookClass = "Track";
 inline constexpr const char* defaultHookName = "track0";
