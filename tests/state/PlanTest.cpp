@@ -432,9 +432,10 @@ TEST_F(PlanTest, WaitsGrowWithTheSwitch) {
     static_cast<Switch&>(live) = before;
     live.tellsHooks = true;
     std::map<HookPoint, std::optional<Any>> other;
-    for (auto [point, arg] : before.hooks) {
-      if (!point.output) point.name = "b";
-      other[point] = arg;
+    for (const auto& [point, arg] : before.hooks) {
+      HookPoint renamed = point;
+      if (!point.output) renamed.name = "b";
+      other[renamed] = arg;
     }
     before.hooks = other;
     for (auto& [name, port] : before.ports) port.driver = "UnixSocketPort";
