@@ -1,5 +1,6 @@
 #include "Log.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -32,8 +33,20 @@ std::string duration(std::chrono::duration<double> time) {
   return buffer;
 }
 
+namespace {
+
+// The variable is inherited also by what writes elsewhere: it names the journal's end.
+bool writesToJournal() {
+  const char* named = std::getenv("JOURNAL_STREAM");
+  struct stat found {};
+  if (named == nullptr || fstat(STDERR_FILENO, &found) != 0) return false;
+  return named == std::to_string(found.st_dev) + ":" + std::to_string(found.st_ino);
+}
+
+}  // namespace
+
 void log(Level level, const std::string& line) {
-  static const bool journal = std::getenv("JOURNAL_STREAM") != nullptr;
+  static const bool journal = writesToJournal();
   const std::string head = journal ? "<" + std::to_string(static_cast<int>(level)) + ">"
                                    : text(std::chrono::system_clock::now()) + " norvd: ";
   const std::string whole = head + Norvctl::escaped(line) + "\n";
