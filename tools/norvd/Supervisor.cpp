@@ -10,6 +10,7 @@
 #include <cstring>
 #include <random>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "Log.h"
@@ -25,6 +26,8 @@ constexpr std::chrono::milliseconds shortest = 50ms, longest = 5s;
 // After a connection that was lost early: the daemon may be back within a second.
 constexpr std::chrono::milliseconds longestAfterLoss = 800ms;
 
+constexpr int notStarted = 71;  // of a child that is none of the program's own
+
 constexpr int passedOn[] = {SIGTERM, SIGINT, SIGHUP, SIGCHLD};
 
 pid_t startChild(const std::vector<char*>& arguments, const sigset_t& before) {
@@ -36,7 +39,14 @@ pid_t startChild(const std::vector<char*>& arguments, const sigset_t& before) {
   if (getppid() != parent) _exit(ended);
   sigprocmask(SIG_SETMASK, &before, nullptr);
   execv("/proc/self/exe", arguments.data());
-  _exit(unusable);
+  log(Level::error, std::string("supervisor: cannot start norvd: ") + std::strerror(errno));
+  _exit(notStarted);
+}
+
+// However it is spelt: a child that supervises, too, would have one of its own.
+bool asksToSupervise(const char* argument) {
+  const std::string_view text = argument;
+  return text == "--supervise" || text.starts_with("--supervise=");
 }
 
 std::string howEnded(int status) {
@@ -71,7 +81,7 @@ bool pauseFor(std::chrono::milliseconds time, const sigset_t& signals) {
 int supervise(int argc, char** argv) {
   std::vector<char*> arguments;
   for (int i = 0; i < argc; ++i) {
-    if (std::strcmp(argv[i], "--supervise") != 0) arguments.push_back(argv[i]);
+    if (!asksToSupervise(argv[i])) arguments.push_back(argv[i]);
   }
   arguments.push_back(nullptr);
   sigset_t signals, before;
