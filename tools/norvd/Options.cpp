@@ -5,6 +5,7 @@
 #include <iostream>
 
 #include "Version.h"
+#include "agent/PageAddress.h"
 
 namespace Norvd {
 
@@ -15,10 +16,23 @@ constexpr const char* footer =
     "connection is lost after the switch was as wanted, 76 before it was: who supervises starts it "
     "again.";
 
+// Written so that what is no number is none of them.
+std::string secondsCheck(const std::string& text) {
+  double seconds = 0;
+  const bool read = CLI::detail::lexical_cast(text, seconds);
+  return read && seconds >= 0.01 && seconds <= 1e6 ? "" : text + " is not from 0.01 to 1e6";
+}
+
+std::string pagesCheck(const std::string& text) {
+  return text == "off" || Norvctl::pageAddress(text)
+             ? ""
+             : text + " is neither HOST:PORT nor unix:PATH nor off";
+}
+
 // Seconds, as a person gives them.
 void addSeconds(CLI::App& app, const std::string& name, double& seconds, const std::string& what) {
   app.add_option(name, seconds, what)
-      ->check(CLI::Range(0.01, 1e6))
+      ->check(secondsCheck)
       ->type_name("SECONDS")
       ->capture_default_str();
 }
@@ -60,6 +74,7 @@ void describe(CLI::App& app, Parsed& parsed) {
       ->type_name("DIR")
       ->capture_default_str();
   app.add_option("--http", options.http, "serve the pages at HOST:PORT or unix:PATH, or off")
+      ->check(pagesCheck)
       ->type_name("ADDR")
       ->capture_default_str();
   app.add_flag("--supervise", options.supervise,
