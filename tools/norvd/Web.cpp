@@ -1,12 +1,18 @@
 #include "Web.h"
 
 #include <httplib.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
+#include <cerrno>
+#include <chrono>
 #include <condition_variable>
+#include <cstring>
 #include <deque>
 #include <mutex>
 #include <thread>
@@ -15,6 +21,7 @@
 
 #include "Log.h"
 #include "Page.h"
+#include "agent/PageAddress.h"
 
 namespace Norvd {
 
@@ -25,7 +32,9 @@ using namespace std::chrono_literals;
 constexpr std::size_t threads = 16;
 constexpr std::size_t mostWaiting = 64;  // connections
 constexpr std::size_t mostBody = 1024;   // bytes of a request's body: none is needed
-constexpr int seconds = 5;               // for a request to come, and for each part of an answer
+// For a connection, from the beginning to the end of the answer.
+constexpr std::chrono::milliseconds longest = 10s, longestCrowded = 500ms;
+constexpr std::chrono::milliseconds betweenLooks = 50ms;
 constexpr auto betweenAttempts = 2s;
 constexpr auto alive = 10s;  // since the main thread put something on the board
 
@@ -33,7 +42,8 @@ constexpr auto alive = 10s;  // since the main thread put something on the board
 // system refuses what is beyond its own queue.
 class BoundedPool : public httplib::TaskQueue {
  public:
-  BoundedPool() {
+  // `waiting` is how many jobs wait for a thread.
+  explicit BoundedPool(std::atomic<std::size_t>& waiting) : waiting_(waiting) {
     for (std::size_t i = 0; i < threads; ++i) threads_.emplace_back([this] { work(); });
   }
 
@@ -41,6 +51,7 @@ class BoundedPool : public httplib::TaskQueue {
     std::unique_lock lock(mutex_);
     room_.wait(lock, [&] { return jobs_.size() < mostWaiting || over_; });
     jobs_.push_back(std::move(job));
+    waiting_ = jobs_.size();
     work_.notify_one();
   }
 
@@ -64,12 +75,14 @@ class BoundedPool : public httplib::TaskQueue {
         if (jobs_.empty()) return;
         job = std::move(jobs_.front());
         jobs_.pop_front();
+        waiting_ = jobs_.size();
       }
       room_.notify_one();
       job();
     }
   }
 
+  std::atomic<std::size_t>& waiting_;
   std::mutex mutex_;
   std::condition_variable work_, room_;
   std::deque<std::function<void()>> jobs_;
@@ -77,19 +90,84 @@ class BoundedPool : public httplib::TaskQueue {
   std::vector<std::thread> threads_;
 };
 
-struct Address {
-  std::string host;  // or path
-  int port = 0;
-  bool local = false;  // a unix socket
+using Norvctl::PageAddress;
+
+// A connection with an end: a client that is slow, to ask or to read, is given up after a while,
+// and sooner where others wait for its thread.
+class Connection : public httplib::Stream {
+ public:
+  // `crowded`: whether others wait. The socket is closed with it.
+  Connection(int socket, std::function<bool()> crowded)
+      : socket_(socket), crowded_(std::move(crowded)) {}
+  ~Connection() override {
+    shutdown(socket_, SHUT_RDWR);
+    close(socket_);
+  }
+  Connection(const Connection&) = delete;
+  Connection& operator=(const Connection&) = delete;
+
+  bool is_readable() const override { return at_ < filled_ || ready(POLLIN); }
+  bool is_writable() const override { return ready(POLLOUT); }
+
+  // Some at a time: the library asks for single bytes.
+  ssize_t read(char* to, std::size_t size) override {
+    if (at_ == filled_) {
+      if (!ready(POLLIN)) return -1;
+      const ssize_t length = recv(socket_, buffer_, sizeof buffer_, MSG_DONTWAIT);
+      if (length <= 0) return length;
+      at_ = 0;
+      filled_ = static_cast<std::size_t>(length);
+    }
+    const std::size_t part = std::min(size, filled_ - at_);
+    std::memcpy(to, buffer_ + at_, part);
+    at_ += part;
+    return static_cast<ssize_t>(part);
+  }
+
+  ssize_t write(const char* from, std::size_t size) override {
+    if (!ready(POLLOUT)) return -1;
+    return send(socket_, from, size, MSG_NOSIGNAL | MSG_DONTWAIT);
+  }
+
+  void get_remote_ip_and_port(std::string&, int&) const override {}
+  void get_local_ip_and_port(std::string&, int&) const override {}
+  socket_t socket() const override { return socket_; }
+
+ private:
+  bool ready(short event) const {
+    while (true) {
+      const auto age = std::chrono::steady_clock::now() - begin_;
+      if (age > (crowded_() ? longestCrowded : longest)) return false;
+      pollfd one{socket_, event, 0};
+      const int found = poll(&one, 1, static_cast<int>(betweenLooks.count()));
+      if (found > 0) return true;
+      if (found < 0 && errno != EINTR) return false;
+    }
+  }
+
+  const int socket_;
+  const std::function<bool()> crowded_;
+  const std::chrono::steady_clock::time_point begin_ = std::chrono::steady_clock::now();
+  char buffer_[4096];
+  std::size_t at_ = 0, filled_ = 0;
 };
 
-Address parsed(const std::string& text) {
-  if (text.rfind("unix:", 0) == 0) return {text.substr(5), 0, true};
-  const auto colon = text.rfind(':');
-  std::string host = colon == std::string::npos ? text : text.substr(0, colon);
-  if (host.size() > 2 && host.front() == '[') host = host.substr(1, host.size() - 2);
-  return {host, colon == std::string::npos ? 9514 : std::atoi(text.c_str() + colon + 1), false};
-}
+// One request for each connection, over a Connection.
+class PageServer : public httplib::Server {
+ public:
+  PageServer() {
+    new_task_queue = [this] { return new BoundedPool(waiting_); };
+  }
+
+ private:
+  bool process_and_close_socket(socket_t socket) override {
+    Connection connection(socket, [this] { return waiting_ != 0; });
+    bool closed = false;
+    return process_request(connection, true, closed, nullptr);
+  }
+
+  std::atomic<std::size_t> waiting_{0};  // connections
+};
 
 }  // namespace
 
@@ -112,12 +190,12 @@ class Web::Server {
 
  private:
   void serve() {
-    const Address where = parsed(address_);
+    const PageAddress where = Norvctl::pageAddress(address_).value();
     std::string told;
     while (!over_) {
       {
         const std::lock_guard guard(mutex_);
-        server_ = std::make_unique<httplib::Server>();
+        server_ = std::make_unique<PageServer>();
       }
       setUp(where);
       if (bind(where)) {
@@ -135,9 +213,12 @@ class Web::Server {
     }
   }
 
-  bool bind(const Address& where) {
+  bool bind(const PageAddress& where) {
     if (where.local) {
-      unlinkDead(where.host);
+      if (!unlinkDead(where.host)) {
+        errno = EADDRINUSE;
+        return false;
+      }
       return server_->bind_to_port(where.host, 80);
     }
     if (where.port != 0) return server_->bind_to_port(where.host, where.port);
@@ -145,31 +226,34 @@ class Web::Server {
     return port_ > 0;
   }
 
-  // A socket that a former process has left behind.
-  static void unlinkDead(const std::string& path) {
+  // A socket that a former process has left behind; false where a living one listens.
+  static bool unlinkDead(const std::string& path) {
     struct stat found {};
-    if (lstat(path.c_str(), &found) == 0 && S_ISSOCK(found.st_mode)) unlink(path.c_str());
+    if (lstat(path.c_str(), &found) != 0 || !S_ISSOCK(found.st_mode)) return true;
+    const int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    const auto* const general = reinterpret_cast<const sockaddr*>(&address);
+    const bool dead = connect(probe, general, sizeof address) != 0 && errno == ECONNREFUSED;
+    close(probe);
+    if (dead) unlink(path.c_str());
+    return dead;
   }
 
-  std::string shown(const Address& where) const {
-    if (where.local) return address_;
-    const bool v6 = where.host.find(':') != std::string::npos;
-    return "http://" + (v6 ? "[" + where.host + "]" : where.host) + ":" +
-           std::to_string(where.port != 0 ? where.port : port_) + "/";
+  std::string shown(PageAddress where) const {
+    if (where.port == 0) where.port = port_;
+    return where.local ? address_ : "http://" + text(where) + "/";
   }
 
-  void setUp(const Address& where) {
+  void setUp(const PageAddress& where) {
     if (where.local) server_->set_address_family(AF_UNIX);
-    server_->new_task_queue = [] { return new BoundedPool; };
     // Not together with another process.
     server_->set_socket_options([](socket_t socket) {
       const int yes = 1;
       setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
     });
     server_->set_payload_max_length(mostBody);
-    server_->set_read_timeout(seconds);
-    server_->set_write_timeout(seconds);
-    server_->set_keep_alive_timeout(seconds);
     server_->set_default_headers(
         {{"Cache-Control", "no-store"},
          {"X-Content-Type-Options", "nosniff"},
@@ -220,7 +304,7 @@ class Web::Server {
   const std::function<void(const std::string&)> notice_;
   Page page_;
   std::mutex mutex_;
-  std::unique_ptr<httplib::Server> server_;
+  std::unique_ptr<PageServer> server_;
   int port_ = 0;
   std::atomic<bool> over_{false};
   std::thread thread_;
