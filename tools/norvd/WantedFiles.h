@@ -8,8 +8,9 @@
 
 namespace Norvd {
 
-// The files of the wanted document, followed as they change: by inotify on their folders, so that
-// one that is replaced by rename or through a symbolic link is seen, too. For the main thread.
+// The files of the wanted document, followed as they change: by inotify on their folders, and on
+// those of what symbolic links lead to, so that one that is replaced by rename or behind a link is
+// seen, too. For the main thread.
 class WantedFiles {
  public:
   explicit WantedFiles(const std::vector<std::string>& files);
@@ -17,20 +18,26 @@ class WantedFiles {
   WantedFiles(const WantedFiles&) = delete;
   WantedFiles& operator=(const WantedFiles&) = delete;
 
-  // Whether something happened in their folders since it was asked last; never waits.
-  bool stirred();
+  // Whether they are other than what was read, looked at when something happened in their folders;
+  // never waits for that.
+  bool stirred() const;
   // Reads them again; whether that gives something else than before.
   bool changed();
   // Their document as they were read. Throws Norv::State::DocumentError.
   Norv::State::Document document(const Norv::State::Offer& offer) const;
 
  private:
-  void watch();
+  struct Contents {
+    std::vector<Norv::State::Source> sources;
+    std::string unreadable;  // the first file that could not be read, with the reason
+    bool operator==(const Contents& other) const;
+  };
+  Contents read() const;
+  void watch() const;
 
   const std::vector<std::string> files_;
-  int inotify_;
-  std::vector<Norv::State::Source> sources_;
-  std::string unreadable_;  // of a file that could not be read, with the reason
+  const int inotify_;
+  Contents contents_;
 };
 
 }  // namespace Norvd
