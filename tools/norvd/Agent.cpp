@@ -1,16 +1,14 @@
 #include "Agent.h"
 
-#include <signal.h>
 #include <systemd/sd-daemon.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
-#include <filesystem>
-#include <nlohmann/json.hpp>
+#include <cerrno>
 
 #include <Norv/GrpcRequestType.h>
+#include <Norv/State/Files.h>
 
+#include "Signals.h"
 #include "Values.h"
 
 namespace Norvd {
@@ -29,11 +27,9 @@ constexpr double busyTick = 0.005, idleTick = 0.05;  // seconds
 constexpr auto betweenAttempts = 100ms;
 constexpr auto betweenPublications = 250ms;
 constexpr auto unusuallyLong = 300ms;  // for a command
+// At the end: for what is under way, and for what lets workers run again beside it.
+constexpr auto longestLeave = 200ms, longestWaking = 200ms;
 constexpr std::size_t mostSamples = 600;
-
-std::atomic<int> ending{0};
-std::atomic<bool> hangUp{false};
-UnderWay* deathNote = nullptr;
 
 Time now() {
   return std::chrono::steady_clock::now();
@@ -47,28 +43,6 @@ std::string nameOf(Norv::GrpcRequestType type) {
 }
 
 }  // namespace
-
-void installSignals(UnderWay& underWay) {
-  deathNote = &underWay;
-  const auto handle = [](int number, void (*handler)(int), int flags) {
-    struct sigaction action {};
-    action.sa_handler = handler;
-    action.sa_flags = flags;
-    sigaction(number, &action, nullptr);
-  };
-  handle(
-      SIGTERM, [](int number) { ending = number; }, SA_RESTART);
-  handle(
-      SIGINT, [](int number) { ending = number; }, SA_RESTART);
-  handle(
-      SIGHUP, [](int) { hangUp = true; }, SA_RESTART);
-  handle(SIGPIPE, SIG_IGN, 0);
-  handle(SIGXFSZ, SIG_IGN, 0);  // a limit on files is a write that fails
-  for (const int number : {SIGABRT, SIGSEGV, SIGBUS}) {
-    handle(
-        number, [](int) { deathNote->died(); }, static_cast<int>(SA_RESETHAND));
-  }
-}
 
 // Drives the agent from the loop's clock.
 class Agent::Ticker : public Lumo::Clock::NotifieeConst {
@@ -92,7 +66,7 @@ Agent::Agent(const Options& options, Memory& memory, UnderWay& underWay, Board& 
       metrics_(metrics),
       road_(underWay, [this] { loop_.post([this] { takeEnded(); }); }),
       reader_(
-          options.address(), options.stuckAfter,
+          options.host, options.port, options.stuckAfter,
           [this](const Reading& reading) { loop_.post([this, reading] { onReading(reading); }); }),
       documents_(options_, memory),
       holds_(options.interval) {}
@@ -102,16 +76,19 @@ Agent::~Agent() = default;
 void Agent::run() {
   installSignals(underWay_);
   if (memory_.kept()) {
-    memory_.attempt(
-        [&] { recorder_ = std::make_unique<Norv::Agent::FlightRecorder>(memory_.file("trace")); });
-    memory_.attempt([&] { underWay_.fileIs(memory_.file("underway")); });
-    memory_.attempt([&] {
+    memory_.attempt("underway", [&] { underWay_.fileIs(memory_.file("underway")); });
+    takeDeath();
+    memory_.attempt("trace", [&] {
+      // With the one that this process may leave there are as many as one process makes at most.
+      memory_.removeOldRecordings("trace", Norv::Agent::FlightRecorder::usualCopies - 1);
+      recorder_ = std::make_unique<Norv::Agent::FlightRecorder>(memory_.file("trace"));
+    });
+    memory_.attempt("json", [&] {
       std::string said;
       record_ = Norv::State::Record::load(memory_.file("json"), &said);
       if (!said.empty()) log(Level::warning, "memory: " + said);
     });
   }
-  takeDeath();
   ++memory_.starts;
   memory_.save();
   log(Level::notice, "start: keeping the switch at " + options_.address() + " as wanted, start " +
@@ -134,13 +111,17 @@ void Agent::noticeIs(const std::string& about, const std::string& text) {
 // --- what happens -------------------------------------------------------------------------------
 
 void Agent::tick() {
-  takeSignals();
   if (road_.connected()) road_.kit().tick();
+  if (endingSignal() != 0) {
+    goToTheEnd();
+    return;
+  }
+  takeHangUp();
   takeEnded();
   watchConnection();
-  retryAsked();
+  takeRetries();
   if (documents_.stirred()) lookAgain_ = true;
-  if (lookAgain_ && carrying_) carrying_->stop();
+  if (lookAgain_ && carrying_) carrying_->stop(road_);
   if (carrying_) {
     carrying_->feed(road_);
     if (!looking_ && carrying_->finished(road_)) look();
@@ -150,9 +131,8 @@ void Agent::tick() {
   if (now() >= nextPublish_) publish();
 }
 
-void Agent::takeSignals() {
-  if (ending != 0) leave();
-  if (!hangUp.exchange(false)) return;
+void Agent::takeHangUp() {
+  if (!tookHangUp()) return;
   log(Level::notice, "signal: reading the wanted document again");
   documents_.readAgain();
   lookAgain_ = true;
@@ -163,8 +143,8 @@ void Agent::watchConnection() {
   if (!road_.connected()) return;
   const Norv::Agent::Status status = road_.kit().status();
   if (road_.kit().stopped()) {
-    takeEnded();
-    die(failure_.empty() ? "the connection's error flag is up" : failure_);
+    settleEnded();
+    die("the connection's error flag is up");
   }
   if (status.inFlight && now() - status.inFlight->started > options_.stuckAfter) {
     underWay_.died();
@@ -180,19 +160,24 @@ std::string Agent::whatIs(const Norv::Agent::CommandReport& report) const {
   return step && carrying_ ? carrying_->what(*step) : nameOf(report.type);
 }
 
-// `norvctl retry` puts the name of an object there.
-void Agent::retryAsked() {
-  const std::string file = memory_.file("retry");
-  if (file.empty() || !std::filesystem::exists(file)) return;
-  const std::string object = takeLine(file);
-  if (object.empty()) return;
-  holds_.lift(object);
-  std::erase_if(memory_.deaths, [&](const auto& one) {
-    return one.first == object || one.first.ends_with(" " + object);
-  });
-  memory_.save();
-  log(Level::notice, "retry: " + object + " is tried again");
-  lookAgain_ = true;
+// What `norvctl retry` has asked for.
+void Agent::takeRetries() {
+  if (!picture_) return;  // it is not known yet what there is
+  for (const std::string& words : memory_.takeRetries()) {
+    bool known = holds_.lift(words);
+    for (const auto& [object, status] : picture_->objects) {
+      if (!means(words, object)) continue;
+      known = true;
+      memory_.deaths.erase(deathKey(object));
+    }
+    memory_.save();
+    if (known) {
+      log(Level::notice, "retry: " + words + " is tried again");
+    } else {
+      log(Level::warning, "retry: no object is called " + words);
+    }
+    lookAgain_ = true;
+  }
 }
 
 void Agent::look() {
@@ -210,10 +195,21 @@ void Agent::onReading(const Reading& reading) {
   }
   if (!silence_.empty()) log(Level::notice, "daemon: answers at " + options_.address());
   silence_.clear();
+  if (!memory_.lost.empty()) {
+    memory_.lost.clear();
+    memory_.save();
+  }
   nextLook_ = looked_ + options_.interval;
   if (!road_.connected()) road_.connect(options_.host, options_.port);
-  if (carrying_) concludeCarrying(*reading.live);
-  decide(reading);
+  try {
+    if (carrying_) concludeCarrying(*reading.live);
+    decide(reading);
+  } catch (const std::exception& error) {
+    // To begin again would come to the same.
+    carrying_ = nullptr;
+    refusedPlan_ = std::string("norvd fails to compare: ") + error.what();
+    log(Level::error, "state: " + refusedPlan_);
+  }
   publish();
 }
 
@@ -232,12 +228,11 @@ void Agent::onSilence(const std::string& error) {
 void Agent::decide(const Reading& reading) {
   const auto live = std::make_shared<LiveSwitch>(*reading.live);
   record_.complement(*live);
-  documents_.refresh(*live);
-  const auto* document = documents_.inForce();
-  std::shared_ptr<const Plan> plan;
-  std::set<std::size_t> waiting;
   refusedPlan_.clear();
-  if (document != nullptr) {
+  std::shared_ptr<const Plan> plan = documents_.refresh(*live);
+  const auto* document = documents_.inForce();
+  std::set<std::size_t> waiting;
+  if (document != nullptr && !plan) {
     const auto missing = checkReferences(*document, options_.prune ? nullptr : live.get());
     if (missing.empty()) {
       plan = std::make_shared<Plan>(makePlan(*live, document->wanted, documents_.planOptions()));
@@ -249,6 +244,7 @@ void Agent::decide(const Reading& reading) {
   if (plan) {
     std::set<Object> differing;
     for (const Change& change : plan->changes) differing.insert(change.object);
+    forgetDeaths(differing);
     values_ = valuesOf(document->wanted, differing);
     for (std::size_t i = 0; i < plan->changes.size(); ++i) {
       bool waits = false;
@@ -262,26 +258,39 @@ void Agent::decide(const Reading& reading) {
 
 void Agent::carryOut(const std::shared_ptr<const Plan>& plan, const Norv::State::Switch& wanted,
                      const std::set<std::size_t>& held) {
-  std::vector<std::string> notes;
-  for (const Change& change : plan->changes) {
-    notes.push_back(deathNoteOf(text(change.object), valueOf(change.object)));
-  }
-  auto carrying = std::make_unique<Carrying>(plan, wanted, held, std::move(notes));
+  std::vector<std::string> values;
+  for (const Change& change : plan->changes) values.push_back(valueOf(change.object));
+  auto carrying = std::make_unique<Carrying>(plan, wanted, held, std::move(values));
   if (!carrying->anythingToDo()) return;
   record_.begin(*plan, wanted);
-  if (memory_.kept()) memory_.attempt([&] { record_.save(memory_.file("json")); });
+  if (memory_.kept()) memory_.attempt("json", [&] { record_.save(memory_.file("json")); });
   log(Level::info, "apply: " + std::to_string(plan->changes.size() - held.size()) +
                        " objects differ, " + std::to_string(carrying->total()) + " commands");
   carrying_ = std::move(carrying);
   carrying_->feed(road_);
 }
 
+// What is right now, or not wanted any more, is not under what the daemon dies next in a row.
+void Agent::forgetDeaths(const std::set<Object>& differing) {
+  if (memory_.deaths.empty()) return;
+  std::set<std::string> open;
+  for (const Object& object : differing) open.insert(deathKey(object));
+  const auto over = [&](const auto& one) { return !open.contains(one.first); };
+  if (std::erase_if(memory_.deaths, over) != 0) memory_.save();
+}
+
 void Agent::takeEnded() {
+  settleEnded();
+  if (carrying_) carrying_->feed(road_);
+  if (carrying_ && !looking_ && carrying_->finished(road_)) look();
+}
+
+void Agent::settleEnded() {
   for (const Road::Ended& end : road_.takeEnded()) {
     metrics_.commandEnded(end.report);
     if (!carrying_) continue;
     if (end.report.outcome == Outcome::failed) {
-      failure_ = carrying_->what(end.step) + " failed: " + end.text;
+      die(carrying_->what(end.step) + " failed: " + end.text);
     }
     if (end.how == Norv::State::StepEnd::refused) {
       const std::string line = carrying_->what(end.step) + " was refused: " + end.text;
@@ -294,8 +303,6 @@ void Agent::takeEnded() {
     }
     carrying_->ended(end);
   }
-  if (carrying_) carrying_->feed(road_);
-  if (carrying_ && !looking_ && carrying_->finished(road_)) look();
 }
 
 // With the switch read again: what became of each object.
@@ -317,7 +324,7 @@ void Agent::concludeCarrying(const LiveSwitch& bare) {
       case StateKind::done:
         ++done;
         holds_.done(object, valueOf(object), now());
-        memory_.deaths.erase(text(object));
+        memory_.deaths.erase(deathKey(object));
         break;
       case StateKind::refused:
       case StateKind::unclear:
@@ -328,7 +335,7 @@ void Agent::concludeCarrying(const LiveSwitch& bare) {
     }
   }
   record_.end(plan, states, carrying_->wanted(), bare);
-  if (memory_.kept()) memory_.attempt([&] { record_.save(memory_.file("json")); });
+  if (memory_.kept()) memory_.attempt("json", [&] { record_.save(memory_.file("json")); });
   memory_.save();
   log(Level::info, "applied: " + std::to_string(done) + " of " + std::to_string(states.size()) +
                        " objects, " + std::to_string(carrying_->done()) + " commands");
@@ -344,14 +351,14 @@ std::string Agent::valueOf(const Object& object) const {
 
 std::optional<ObjectStatus> Agent::held(const Object& object, bool* waits) const {
   const std::string value = valueOf(object);
-  const auto death = memory_.deaths.find(text(object));
+  const auto death = memory_.deaths.find(deathKey(object));
   if (death != memory_.deaths.end() && death->second.quarantined() &&
       death->second.value == value) {
     *waits = true;
-    return ObjectStatus{
-        Standing::quarantined,
-        "the daemon died " + std::to_string(death->second.times) + " times: " + death->second.text,
-        death->second.last};
+    return ObjectStatus{Standing::quarantined,
+                        "the daemon died " + std::to_string(death->second.times) + " times while " +
+                            death->second.text,
+                        death->second.last};
   }
   const auto hold = holds_.hold(object, value, now());
   if (!hold) return {};
@@ -427,12 +434,9 @@ void Agent::publish() {
   status->document = documents_.from();
   if (!documents_.complaint().empty()) status->notices.push_back(documents_.complaint());
   if (!refusedPlan_.empty()) status->notices.push_back("not carried out: " + refusedPlan_);
-  if (!memory_.trouble().empty()) status->notices.push_back(memory_.trouble());
-  {
-    const std::lock_guard guard(noticesMutex_);
-    for (const auto& [about, notice] : notices_) status->notices.push_back(notice);
-  }
+  noteTroubles(*status);
   const Norv::Agent::Status kit = road_.kit().status();
+  status->underWay = underWay(kit);
   for (const auto& [name, depth] : kit.queues)
     status->queues[name.stringValue().stdString()] = {depth.now, depth.maximum};
   status->pending = {kit.pending.now, kit.pending.maximum};
@@ -450,9 +454,33 @@ void Agent::publish() {
   tellSupervisor();
 }
 
+// What is wrong beside the switch and its document.
+void Agent::noteTroubles(Status& status) {
+  if (memory_.kept()) {
+    memory_.attempt("underway", [&] {
+      errno = underWay_.error();
+      if (errno != 0) Norv::State::failFile("cannot write", memory_.file("underway"));
+    });
+  }
+  for (const auto& [purpose, text] : memory_.troubles()) status.notices.push_back(text);
+  const std::lock_guard guard(noticesMutex_);
+  for (const auto& [about, notice] : notices_) status.notices.push_back(notice);
+}
+
+std::optional<Status::UnderWay> Agent::underWay(const Norv::Agent::Status& kit) const {
+  if (!kit.inFlight) return {};
+  const auto age = now() - kit.inFlight->started;
+  const auto step = road_.stepOf(kit.inFlight->id);
+  return Status::UnderWay{nameOf(kit.inFlight->type),
+                          step && carrying_ ? carrying_->object(*step) : "",
+                          wallNow() - std::chrono::duration_cast<WallTime::duration>(age),
+                          std::chrono::duration<double>(age).count()};
+}
+
 // Its kind, which stays while its numbers change, and itself.
 std::pair<std::string, std::string> Agent::sentence() const {
-  if (!silence_.empty() || !picture_) return {"waiting", waitingSentence()};
+  const bool compared = picture_ || !refusedPlan_.empty();
+  if (!silence_.empty() || !compared) return {"waiting", waitingSentence()};
   if (carrying_) {
     const Norv::Agent::Status kit = road_.kit().status();
     const auto age = kit.inFlight ? now() - kit.inFlight->started : 0s;
@@ -470,17 +498,20 @@ std::pair<std::string, std::string> Agent::sentence() const {
 }
 
 std::string Agent::waitingSentence() const {
-  if (silence_.empty()) return "looking at the daemon at " + options_.address();
+  if (silence_.empty()) {
+    return (memory_.lost.empty() ? "" : "stopped after a failure: " + memory_.lost + "; ") +
+           "looking at the daemon at " + options_.address();
+  }
   const std::string since =
       sentenceKind_ == "waiting" ? " since " + text(sentenceSince_) : std::string();
   return "waiting for the daemon at " + options_.address() + since + ": " + silence_;
 }
 
 std::string Agent::troubleSentence() const {
+  if (!refusedPlan_.empty()) return "not carried out: " + refusedPlan_;
   if (documents_.inForce() == nullptr) {
     return "there is no document to go by: " + documents_.complaint();
   }
-  if (!refusedPlan_.empty()) return "not carried out: " + refusedPlan_;
   for (const Standing standing : {Standing::quarantined, Standing::refused, Standing::contested,
                                   Standing::blocked, Standing::differs, Standing::pending}) {
     const std::size_t count = picture_->counts[static_cast<std::size_t>(standing)];
@@ -516,19 +547,29 @@ void Agent::tellSupervisor() {
 
 // The last process noted what it died of.
 void Agent::takeDeath() {
-  const auto note = underWay_.takeDeath();
-  const auto [object, value] =
-      note ? parsedDeathNote(*note) : std::pair<std::string, std::string>();
-  if (object.empty()) return;
-  Death& death = memory_.deaths[object];
-  if (death.value != value) death.times = 0;
-  death.value = value;
+  const auto last = underWay_.takeDeath();
+  if (!last) return;
+  const auto note = parsedDeathNote(last->note);
+  if (!note && !last->note.empty()) {
+    log(Level::warning, "memory: " + memory_.file("underway") +
+                            " cannot be used; what the last process died of is not known");
+  }
+  const std::string what = note ? note->command + " of " + note->object : "";
+  if (last->aborted) {
+    memory_.lost = "the process was aborted" + (note ? " while " + what : "");
+    memory_.failureIs(memory_.lost);
+    log(Level::error, "lost: " + memory_.lost + "; its recording is kept");
+    memory_.attempt("trace", [&] { memory_.keepRecording("trace", memory_.lost); });
+  }
+  if (!note) return;
+  Death& death = memory_.deaths[note->object];
+  if (death.value != note->value) death.times = 0;
+  death.value = note->value;
   ++death.times;
   death.last = wallNow();
-  death.text =
-      memory_.failures().empty() ? "the process was aborted" : memory_.failures().back().text;
+  death.text = what;
   log(Level::warning, "death: " + std::to_string(death.times) + " of " +
-                          std::to_string(Death::most) + " under " + object +
+                          std::to_string(Death::most) + " while " + what +
                           (death.quarantined() ? "; quarantined until it is wanted otherwise, or "
                                                  "`norvctl retry` is told"
                                                : ""));
@@ -537,17 +578,48 @@ void Agent::takeDeath() {
 void Agent::die(const std::string& why) {
   log(Level::error, "lost: " + why + "; ending, the next process goes on");
   memory_.failureIs(why);
+  memory_.lost = why;
   memory_.save();
+  wakeWorkers();
   if (recorder_) recorder_->freeze(road_.kit().ledger()->lastFailure(), why);
   sd_notify(0, ("STATUS=" + why).c_str());
-  Norv::Agent::Kit::leaveProcess(wasInSync_ ? again : early);
+  Norv::Agent::Kit::leaveProcess(endingSignal() != 0 ? ended : wasInSync_ ? again : early);
+}
+
+// Nothing more goes but what lets workers run again; and that is not waited for long.
+void Agent::goToTheEnd() {
+  if (!leaveBy_) {
+    leaveBy_ = now() + longestLeave;
+    sd_notify(0, "STOPPING=1");
+    if (carrying_) {
+      road_.kit().dropWaiting();
+      settleEnded();
+      carrying_->stop(road_);
+    }
+  }
+  settleEnded();
+  if (carrying_ && !carrying_->standing().empty() && now() < *leaveBy_) return;
+  wakeWorkers();
+  leave();
+}
+
+// Those that stand still for a change that nobody ends any more; beside the road, which may wait.
+void Agent::wakeWorkers() {
+  if (!carrying_) return;
+  const Time until = now() + longestWaking;
+  for (const std::int64_t worker : carrying_->standing()) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(until - now());
+    const std::string why = reader_.resume(worker, std::max(left, 1ms));
+    if (why.empty()) continue;
+    log(Level::error, "end: worker " + std::to_string(worker) +
+                          " was paused for a change and may stand still yet: " + why);
+  }
 }
 
 void Agent::leave() {
-  sd_notify(0, "STOPPING=1");
   if (!underWay_.dead()) underWay_.noteIs("");
   memory_.save();
-  log(Level::notice, "end: on signal " + std::to_string(ending));
+  log(Level::notice, "end: on signal " + std::to_string(endingSignal()));
   Norv::Agent::Kit::leaveProcess(ended);
 }
 

@@ -43,9 +43,9 @@ class Agent {
   using Plan = Norv::State::Plan;
 
   void tick();
-  void takeSignals();
+  void takeHangUp();
   void watchConnection();
-  void retryAsked();
+  void takeRetries();
   void look();
   void onReading(const Reading& reading);
   void onSilence(const std::string& error);
@@ -55,6 +55,8 @@ class Agent {
   void carryOut(const std::shared_ptr<const Plan>& plan, const Norv::State::Switch& wanted,
                 const std::set<std::size_t>& held);
   void takeEnded();
+  void settleEnded();
+  void forgetDeaths(const std::set<Object>& differing);
 
   // What is wanted of an object of the plan at hand, to know it by.
   std::string valueOf(const Object& object) const;
@@ -67,6 +69,8 @@ class Agent {
   // "createModule of module fib".
   std::string whatIs(const Norv::Agent::CommandReport& report) const;
   void publish();
+  void noteTroubles(Status& status);
+  std::optional<Status::UnderWay> underWay(const Norv::Agent::Status& kit) const;
   std::pair<std::string, std::string> sentence() const;
   std::string waitingSentence() const;
   std::string troubleSentence() const;
@@ -74,6 +78,8 @@ class Agent {
 
   void takeDeath();
   [[noreturn]] void die(const std::string& why);
+  void goToTheEnd();
+  void wakeWorkers();
   [[noreturn]] void leave();
 
   const Options options_;
@@ -95,10 +101,10 @@ class Agent {
   bool lookAgain_ = false;
   Time looked_{};            // when the reading began
   std::string silence_;      // why the daemon does not answer; empty: it did
-  std::string failure_;      // of a command: the connection is lost
   std::string refusedPlan_;  // why the plan is not carried out at all
   std::unique_ptr<Carrying> carrying_;
   std::map<Object, std::string> values_;  // of the objects of the plan at hand
+  std::optional<Time> leaveBy_;           // a signal to end came
 
   WallTime started_ = std::chrono::system_clock::now();
   std::string sentenceKind_;
@@ -114,8 +120,5 @@ class Agent {
   mutable std::mutex noticesMutex_;
   std::map<std::string, std::string> notices_;  // by what they are about
 };
-
-// Asks the agent to end, or to read its documents again. For signal handlers.
-void installSignals(UnderWay& underWay);
 
 }  // namespace Norvd

@@ -8,6 +8,7 @@ namespace Norvd {
 using Norv::State::Document;
 using Norv::State::DocumentError;
 using Norv::State::LiveSwitch;
+using Norv::State::Plan;
 using Norv::State::Problem;
 
 namespace {
@@ -36,17 +37,26 @@ std::set<std::string> all(const Norv::State::Offer& offer) {
 Documents::Documents(const Options& options, Memory& memory)
     : options_(options), memory_(memory), files_(options.wanted) {}
 
-void Documents::refresh(const LiveSwitch& live) {
+std::shared_ptr<const Plan> Documents::refresh(const LiveSwitch& live) {
   const auto offered = all(live.offer);
   // A document that was not good may have become so with the switch.
   const bool due = files_.changed() || again_ || offered != offered_ || !complaint_.empty();
-  if (!due) return;
+  if (!due) return nullptr;
   again_ = false;
   offered_ = offered;
   std::string complaint;
+  std::shared_ptr<const Plan> plan;
   try {
     Document document = files_.document(live.offer);
-    complaint = unusable(document, live);
+    const auto problems = checkReferences(document, options_.prune ? nullptr : &live);
+    if (!problems.empty()) {
+      complaint = text(problems);
+    } else if (document.wanted.objects() == 0 && wantedBefore() && !options_.allowMassDelete) {
+      complaint = "it is empty, and was not before; --allow-mass-delete lets it";
+    } else {
+      plan = std::make_shared<Plan>(makePlan(live, document.wanted, planOptions()));
+      complaint = deletesTooMuch(*plan, document.wanted);
+    }
     if (complaint.empty()) {
       inForce_ = std::move(document);
       from_ = listed(options_.wanted);
@@ -56,12 +66,22 @@ void Documents::refresh(const LiveSwitch& live) {
     }
   } catch (const DocumentError& error) {
     complaint = text(error.problems());
+  } catch (const std::exception& error) {
+    complaint = error.what();
   }
   if (!inForce_) takeLastGood(live);
   if (!complaint.empty() && complaint != complaint_) {
     log(Level::error, "document: not taken: " + complaint + "; in force: " + from_);
   }
   complaint_ = complaint;
+  return complaint.empty() ? plan : nullptr;
+}
+
+// Whether anything is in force, or was when the last good one was kept.
+bool Documents::wantedBefore() const {
+  if (inForce_) return inForce_->wanted.objects() != 0;
+  const auto kept = memory_.lastGood();
+  return kept && *kept != yaml(Norv::State::Switch());
 }
 
 void Documents::takeLastGood(const LiveSwitch& live) {
@@ -75,14 +95,7 @@ void Documents::takeLastGood(const LiveSwitch& live) {
   }
 }
 
-std::string Documents::unusable(const Document& document, const LiveSwitch& live) const {
-  const auto problems = checkReferences(document, options_.prune ? nullptr : &live);
-  if (!problems.empty()) return text(problems);
-  return deletesTooMuch(makePlan(live, document.wanted, planOptions()), document.wanted);
-}
-
-std::string Documents::deletesTooMuch(const Norv::State::Plan& plan,
-                                      const Norv::State::Switch& wanted) const {
+std::string Documents::deletesTooMuch(const Plan& plan, const Norv::State::Switch& wanted) const {
   const bool empties = options_.prune && wanted.objects() == 0 && plan.deletions != 0;
   if (options_.allowMassDelete || !(plan.deletesMuch() || empties)) return "";
   return "it would delete " + std::to_string(plan.deletions) + " of " +

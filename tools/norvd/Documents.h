@@ -1,5 +1,6 @@
 #pragma once
 
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -19,11 +20,12 @@ class Documents {
  public:
   Documents(const Options& options, Memory& memory);
 
-  // Whether the files may have changed since this was asked last; never waits.
-  bool stirred() { return files_.stirred(); }
+  // Whether the files have changed; never waits.
+  bool stirred() const { return files_.stirred(); }
   // Reads the files again when they, or what the daemon offers, are not what they were, and takes
-  // their document into force when it is good and does not delete most of the switch.
-  void refresh(const Norv::State::LiveSwitch& live);
+  // their document into force when it is good and does not delete most of the switch. Returns the
+  // plan for the document in force where that was made for it.
+  std::shared_ptr<const Norv::State::Plan> refresh(const Norv::State::LiveSwitch& live);
   // The next refresh reads whatever has changed or not.
   void readAgain() { again_ = true; }
 
@@ -42,8 +44,7 @@ class Documents {
                              const Norv::State::Switch& wanted) const;
 
  private:
-  std::string unusable(const Norv::State::Document& document,
-                       const Norv::State::LiveSwitch& live) const;
+  bool wantedBefore() const;
   void takeLastGood(const Norv::State::LiveSwitch& live);
 
   const Options& options_;

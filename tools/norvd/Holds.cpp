@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "Values.h"
+
 namespace Norvd {
 
 using Norv::State::Object;
@@ -67,10 +69,8 @@ void Holds::seen(const std::set<Object>& differing, Time now) {
   }
 }
 
-void Holds::lift(const std::string& objectText) {
-  std::erase_if(entries_, [&](const auto& one) {
-    return Norv::State::text(one.first) == objectText || one.first.name == objectText;
-  });
+bool Holds::lift(const std::string& words) {
+  return std::erase_if(entries_, [&](const auto& one) { return means(words, one.first); }) != 0;
 }
 
 }  // namespace Norvd

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <charconv>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -54,7 +55,7 @@ bool Memory::lock() {
   const std::string name = file("lock");
   lock_ = open(name.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
   if (lock_ < 0) {
-    attempt([&] { Norv::State::failFile("cannot write", name); });
+    attempt("lock", [&] { Norv::State::failFile("cannot write", name); });
     return true;
   }
   return flock(lock_, LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK;
@@ -68,6 +69,7 @@ void Memory::load() {
     const Json json = Json::parse(*text);
     if (json.at("format") != format) throw std::runtime_error("another format");
     starts = json.at("starts");
+    lost = json.value("lost", "");
     for (const Json& one : json.at("failures")) {
       failures_.push_back({timeOf(one.at("time")), one.at("text")});
     }
@@ -77,6 +79,7 @@ void Memory::load() {
     }
   } catch (const std::exception& error) {
     starts = 0;
+    lost.clear();
     failures_.clear();
     deaths.clear();
     const std::string aside = name + ".damaged";
@@ -91,6 +94,7 @@ void Memory::save() {
   Json json;
   json["format"] = format;
   json["starts"] = starts;
+  json["lost"] = lost;
   json["failures"] = Json::array();
   for (const Event& one : failures_) {
     json["failures"].push_back({{"time", secondsOf(one.time)}, {"text", one.text}});
@@ -104,7 +108,7 @@ void Memory::save() {
                               {"last", secondsOf(one.last)}});
   }
   const std::string text = json.dump(1, ' ', false, Json::error_handler_t::replace) + "\n";
-  attempt([&] { Norv::State::replaceFile(file("norvd"), text); });
+  attempt("norvd", [&] { Norv::State::replaceFile(file("norvd"), text); });
 }
 
 std::optional<std::string> Memory::lastGood() const {
@@ -113,7 +117,7 @@ std::optional<std::string> Memory::lastGood() const {
 
 void Memory::lastGoodIs(const std::string& document) {
   if (!kept() || lastGood() == document) return;
-  attempt([&] { Norv::State::replaceFile(file("wanted.yaml"), document); });
+  attempt("wanted.yaml", [&] { Norv::State::replaceFile(file("wanted.yaml"), document); });
 }
 
 void Memory::failureIs(const std::string& text) {
@@ -121,19 +125,93 @@ void Memory::failureIs(const std::string& text) {
   if (failures_.size() > mostFailures) failures_.erase(failures_.begin());
 }
 
-void Memory::troubleIs(const std::string& text) {
-  if (text.empty() == trouble_.empty()) {
-    trouble_ = text;
-    return;
-  }
-  trouble_ = text;
+void Memory::troubleIs(const std::string& purpose, const std::string& text) {
+  const auto before = troubles_.find(purpose);
   if (text.empty()) {
-    log(Level::notice, "memory: can be written again");
-  } else {
-    log(Level::error, "memory: " + text +
-                          "; going on without, make room or choose another "
-                          "--state-dir");
+    if (before == troubles_.end()) return;
+    troubles_.erase(before);
+    log(Level::notice, "memory: " + file(purpose) + " is in order again");
+  } else if (before == troubles_.end() || before->second != text) {
+    troubles_[purpose] = text;
+    log(Level::error,
+        "memory: " + text +
+            "; going on without; make room, give norvd the right to it, or choose another "
+            "--state-dir");
   }
+}
+
+// --- recordings ---------------------------------------------------------------------------------
+
+// The files of each, by its number.
+std::map<unsigned, std::vector<std::string>> Memory::recordings(const std::string& purpose) const {
+  std::map<unsigned, std::vector<std::string>> found;
+  const std::string prefix = name_ + "." + purpose + ".failure-";
+  std::error_code error;
+  std::filesystem::directory_iterator entry(folder_, error);
+  for (; !error && entry != std::filesystem::directory_iterator(); entry.increment(error)) {
+    const std::string name = entry->path().filename();
+    if (!name.starts_with(prefix)) continue;
+    unsigned number = 0;
+    const char* const end = name.data() + name.size();
+    const auto [rest, wrong] = std::from_chars(name.data() + prefix.size(), end, number);
+    const std::string_view tail(rest, static_cast<std::size_t>(end - rest));
+    if (wrong == std::errc() && (tail.empty() || tail == ".json")) {
+      found[number].push_back(entry->path());
+    }
+  }
+  return found;
+}
+
+void Memory::keepRecording(const std::string& purpose, const std::string& reason) const {
+  const auto former = recordings(purpose);
+  const unsigned number = former.empty() ? 1 : former.rbegin()->first + 1;
+  const std::string copy = file(purpose) + ".failure-" + std::to_string(number);
+  if (std::rename(file(purpose).c_str(), copy.c_str()) != 0) return;
+  Json details;
+  details["time"] = text(std::chrono::system_clock::now());
+  details["command"] = nullptr;
+  details["reason"] = reason;
+  const std::string text = details.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
+  Norv::State::replaceFile(copy + ".json", text);
+}
+
+void Memory::removeOldRecordings(const std::string& purpose, std::size_t kept) const {
+  auto all = recordings(purpose);
+  while (all.size() > kept) {
+    for (const std::string& file : all.begin()->second) std::remove(file.c_str());
+    all.erase(all.begin());
+  }
+}
+
+// --- what is asked by hand ----------------------------------------------------------------------
+
+// A file with a line for each object. Whoever reads or writes it holds its lock, so that no line is
+// lost between being written and being read.
+std::vector<std::string> Memory::takeRetries() {
+  const std::string name = file("retry");
+  if (name.empty()) return {};
+  const int descriptor = open(name.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+  if (descriptor < 0) {
+    const bool there = errno != ENOENT;
+    attempt("retry", [&] {
+      if (there) Norv::State::failFile("cannot read", name);
+    });
+    return {};
+  }
+  std::vector<std::string> objects;
+  if (flock(descriptor, LOCK_EX | LOCK_NB) == 0) {
+    std::istringstream lines(contents(name).value_or(""));
+    for (std::string line; std::getline(lines, line);) {
+      if (!line.empty()) objects.push_back(line);
+    }
+    attempt("retry", [&] {
+      if (std::remove(name.c_str()) == 0) return;
+      objects.clear();  // they would come for ever
+      Norv::State::failFile("cannot remove", name);
+    });
+  }
+  close(descriptor);
+  return objects;
 }
 
 }  // namespace Norvd

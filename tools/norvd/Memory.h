@@ -18,7 +18,7 @@ struct Event {
 struct Death {
   std::string value;  // what was wanted of it: another value starts anew
   unsigned times = 0;
-  std::string text;  // the command, and how it ended
+  std::string text;  // the command: "createModule of module fib"
   WallTime last;
 
   static constexpr unsigned most = 3;
@@ -46,33 +46,45 @@ class Memory {
   bool kept() const { return !folder_.empty(); }
   // A file of that purpose; empty when nothing is kept.
   std::string file(const std::string& purpose) const;
-  // Why nothing can be written; empty: it can.
-  const std::string& trouble() const { return trouble_; }
-  // Does it, and notes what it throws as trouble.
+  // What cannot be written, and why; by purpose.
+  const std::map<std::string, std::string>& troubles() const { return troubles_; }
+  // Does what is about the file of that purpose, and notes what it throws as trouble with it.
   template <class Action>
-  void attempt(Action action) {
+  void attempt(const std::string& purpose, Action action) {
     try {
       action();
-      troubleIs("");
+      troubleIs(purpose, "");
     } catch (const std::exception& error) {
-      troubleIs(error.what());
+      troubleIs(purpose, error.what());
     }
   }
+
+  // Recordings of failures are kept as flight recorders number them, PURPOSE.failure-N with a
+  // PURPOSE.failure-N.json. Makes one of the file of that purpose, as it was left by a process that
+  // could not; for what reason.
+  void keepRecording(const std::string& purpose, const std::string& reason) const;
+  // Removes all but so many of the last.
+  void removeOldRecordings(const std::string& purpose, std::size_t kept) const;
+
+  // What `norvctl retry` has asked for since it was looked last, in its order.
+  std::vector<std::string> takeRetries();
 
   void failureIs(const std::string& text);  // keeps the last ten
   const std::vector<Event>& failures() const { return failures_; }
 
   std::uint64_t starts = 0;             // of norvd, for this switch
-  std::map<std::string, Death> deaths;  // by object, "module fib"
+  std::map<std::string, Death> deaths;  // by deathKey
+  std::string lost;                     // why the last process ended; empty: not of a failure
 
  private:
-  void troubleIs(const std::string& text);
+  void troubleIs(const std::string& purpose, const std::string& text);
+  std::map<unsigned, std::vector<std::string>> recordings(const std::string& purpose) const;
 
   const std::string folder_;
   const std::string name_;
   int lock_ = -1;
-  std::string trouble_;
-  std::vector<Event> failures_;  // the last one last
+  std::map<std::string, std::string> troubles_;  // by purpose
+  std::vector<Event> failures_;                  // the last one last
 };
 
 }  // namespace Norvd

@@ -1,12 +1,21 @@
 #include "Reader.h"
 
 #include <thread>
+#include <vector>
 
 #include <bess/pb/service.grpc.pb.h>
+
+#include "look/Diagnosis.h"
 
 namespace Norvd {
 
 namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto betweenAttempts = 400ms;  // while one goes on without an answer
+constexpr auto betweenLooks = 5ms;       // at how far they are
+constexpr auto forDiagnosis = 200ms;
 
 std::shared_ptr<grpc::Channel> channelTo(const std::string& address) {
   grpc::ChannelArguments arguments;
@@ -18,16 +27,61 @@ std::shared_ptr<grpc::Channel> channelTo(const std::string& address) {
 
 }  // namespace
 
-Reader::Reader(const std::string& address, std::chrono::milliseconds patience,
+Reader::Reader(const std::string& host, U16 port, std::chrono::milliseconds patience,
                std::function<void(Reading)> done)
-    : address_(address), patience_(patience), done_(std::move(done)) {}
+    : host_(host), port_(port), patience_(patience), done_(std::move(done)) {}
 
 void Reader::start() {
-  if (failed_) {
-    channel_ = channelTo(address_);
-    lost_ = nullptr;
+  std::thread([this, fresh = failed_] {
+    if (fresh) connect();
+    done_(read());
+  }).detach();
+}
+
+// A host that is not there yet swallows the first words of a connection, which the system repeats
+// after ever longer pauses. One that is slow gets as far as it can with the first attempt.
+void Reader::connect() {
+  lost_ = nullptr;
+  std::vector<std::shared_ptr<grpc::Channel>> attempts;
+  const auto until = std::chrono::steady_clock::now() + patience_;
+  for (auto next = std::chrono::steady_clock::now();;) {
+    const auto now = std::chrono::steady_clock::now();
+    if (now >= next) {
+      attempts.push_back(channelTo(host_ + ":" + std::to_string(port_)));
+      next = now + betweenAttempts;
+    }
+    channel_ = attempts.back();
+    for (const auto& attempt : attempts) {
+      if (attempt->GetState(true) != GRPC_CHANNEL_READY) continue;
+      channel_ = attempt;
+      return;
+    }
+    const auto state = channel_->GetState(false);
+    // Where it was refused a call tells so.
+    if (now >= until || state == GRPC_CHANNEL_TRANSIENT_FAILURE) return;
+    // Who waits moves the others on, too.
+    channel_->WaitForStateChange(state, std::chrono::system_clock::now() + betweenLooks);
   }
-  std::thread([this] { done_(read()); }).detach();
+}
+
+std::string Reader::resume(std::int64_t worker, std::chrono::milliseconds patience) const {
+  grpc::ClientContext context;
+  context.set_deadline(std::chrono::system_clock::now() + patience);
+  bess::pb::ResumeWorkerRequest request;
+  request.set_wid(worker);
+  bess::pb::EmptyResponse reply;
+  const auto status =
+      bess::pb::BESSControl::NewStub(channel_)->ResumeWorker(&context, request, &reply);
+  if (!status.ok()) return status.error_message();
+  if (reply.error().code() == 0) return "";
+  return "error " + std::to_string(reply.error().code()) + ": " + reply.error().errmsg();
+}
+
+// In fewer words than the channel has, where a look at the host tells.
+std::string Reader::whySilent(const Norv::State::ReadError& error) const {
+  const bool silent = error.status() == grpc::StatusCode::UNAVAILABLE ||
+                      error.status() == grpc::StatusCode::DEADLINE_EXCEEDED;
+  return silent ? Norvctl::diagnose(host_, port_, forDiagnosis).text : error.what();
 }
 
 // A channel sees the end of its connection at once only while somebody waits for it.
@@ -58,10 +112,10 @@ Reading Reader::read() {
                              reply.out().packets(), reply.out().bytes(), reply.out().dropped()};
     }
   } catch (const Norv::State::ReadError& error) {
-    reading.error = error.what();
+    reading.error = whySilent(error);
   }
   failed_ = !reading.live;
-  if (!failed_ && !lost_) watch();
+  if (!failed_ && (!lost_ || *lost_)) watch();
   return reading;
 }
 

@@ -37,6 +37,13 @@ std::string statusJson(const Status& status) {
   json["notices"] = status.notices;
   json["started"] = text(status.started);
   json["restarts"] = status.restarts;
+  json["under_way"] = nullptr;
+  if (const auto& one = status.underWay) {
+    json["under_way"] = {{"command", one->command},
+                         {"object", one->object},
+                         {"since", text(one->since)},
+                         {"seconds", one->seconds}};
+  }
   json["queues"] = Json::object();
   for (const auto& [name, queue] : status.queues) json["queues"][name] = queueJson(queue);
   json["pending"] = queueJson(status.pending);
@@ -49,7 +56,7 @@ std::string statusJson(const Status& status) {
     json["failures"].push_back({{"time", text(one.time)}, {"text", one.text}});
   }
   json["counts"] = Json::object();
-  json["objects"] = Json::object();
+  Json::object_t objects;  // filled as the vector it is: a look at each key would be quadratic
   if (status.picture) {
     json["compared"] = text(status.picture->time);
     for (std::size_t i = 0; i < standings; ++i) {
@@ -59,9 +66,10 @@ std::string statusJson(const Status& status) {
       Json entry = {{"state", standingName(one.standing)}};
       if (!one.text.empty()) entry["text"] = one.text;
       if (one.standing != Standing::inSync) entry["since"] = text(one.since);
-      json["objects"][Norv::State::text(object)] = std::move(entry);
+      objects.emplace_back(Norv::State::text(object), std::move(entry));
     }
   }
+  json["objects"] = std::move(objects);
   return written(json);
 }
 

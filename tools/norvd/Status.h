@@ -73,6 +73,13 @@ struct Status {
   std::vector<std::string> notices;  // what somebody should look after
   std::map<std::string, QueueStatus> queues;
   QueueStatus pending;
+  struct UnderWay {
+    std::string command;
+    std::string object;  // empty: it is about none
+    WallTime since;
+    double seconds = 0;
+  };
+  std::optional<UnderWay> underWay;
   std::array<std::uint64_t, Norv::Agent::outcomes> outcomes{};
   std::vector<Event> failures;
   std::shared_ptr<const Picture> picture;  // null: it was not compared yet

@@ -3,6 +3,9 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
+
 #include <Norv/State/Files.h>
 
 namespace Norvd {
@@ -12,6 +15,7 @@ namespace {
 // The first byte says how it ended, then come the note and a line's end.
 constexpr char alive = ' ';
 constexpr char deadly = '!';
+constexpr char broken = '*';
 
 }  // namespace
 
@@ -24,29 +28,37 @@ void UnderWay::fileIs(const std::string& file) {
   if (file_ < 0) Norv::State::failFile("cannot write", file);
 }
 
-std::optional<std::string> UnderWay::takeDeath() {
+std::optional<UnderWay::Death> UnderWay::takeDeath() {
   if (file_ < 0) return {};
   std::string text(most + 2, '\0');
   const ssize_t length = pread(file_, text.data(), text.size(), 0);
   text.resize(length > 0 ? static_cast<std::size_t>(length) : 0);
-  const bool died = !text.empty() && text.front() == deadly;
-  const std::size_t end = text.find('\n');
   noteIs("");
-  if (!died || end == std::string::npos || end == 1) return {};
-  return text.substr(1, end - 1);
+  const char how = text.empty() ? alive : text.front();
+  const std::size_t end = std::min(text.find('\n'), text.size());
+  if (how == alive || (how == deadly && end == 1)) return {};
+  return Death{text.substr(1, end - 1), how == broken};
 }
 
 void UnderWay::noteIs(const std::string& note) {
   const std::lock_guard guard(mutex_);
   if (file_ < 0 || dead_) return;
   const std::string whole = alive + note.substr(0, most) + "\n";
-  [[maybe_unused]] const ssize_t written = pwrite(file_, whole.data(), whole.size(), 0);
+  error_ = pwrite(file_, whole.data(), whole.size(), 0) < 0 ? errno : 0;
 }
 
 void UnderWay::died() {
+  end(deadly);
+}
+
+void UnderWay::aborted() {
+  end(broken);
+}
+
+void UnderWay::end(char how) {
   dead_ = true;
   if (file_ < 0) return;
-  [[maybe_unused]] const ssize_t written = pwrite(file_, &deadly, 1, 0);
+  [[maybe_unused]] const ssize_t written = pwrite(file_, &how, 1, 0);
 }
 
 }  // namespace Norvd

@@ -1,16 +1,27 @@
 #include "Values.h"
 
 #include <cstdio>
-#include <fstream>
 #include <nlohmann/json.hpp>
 
 #include <Norv/State/Document.h>
+
+#include "text/Text.h"
 
 namespace Norvd {
 
 using Norv::State::Kind;
 using Norv::State::Object;
 using Norv::State::Switch;
+
+namespace {
+
+std::string hashOf(const std::string& text) {
+  char hash[17];
+  std::snprintf(hash, sizeof hash, "%016zx", std::hash<std::string>()(text));
+  return hash;
+}
+
+}  // namespace
 
 std::vector<Object> objectsOf(const Switch& wanted) {
   std::vector<Object> objects;
@@ -40,9 +51,7 @@ std::map<Object, std::string> valuesOf(const Switch& wanted, const std::set<Obje
     if (!objects.contains(object)) return;
     Switch alone;
     (alone.*section).insert(from);
-    char hash[17];
-    std::snprintf(hash, sizeof hash, "%016zx", std::hash<std::string>()(yaml(alone)));
-    values[object] = hash;
+    values[object] = hashOf(yaml(alone));
   };
   for (const auto& one : wanted.plugins) enter({Kind::plugin, one}, one, &Switch::plugins);
   for (const auto& one : wanted.workers) {
@@ -60,23 +69,34 @@ std::map<Object, std::string> valuesOf(const Switch& wanted, const std::set<Obje
   return values;
 }
 
-std::string deathNoteOf(const std::string& object, const std::string& value) {
-  const nlohmann::json json = {{"object", object}, {"value", value}};
+bool means(const std::string& words, const Object& object) {
+  return words == object.name || words == text(object);
+}
+
+std::string deathKey(const Object& object) {
+  constexpr std::size_t longest = 500, kept = 200;
+  std::string key = Norvctl::escaped(text(object));
+  if (key.size() <= longest) return key;
+  std::size_t end = kept;
+  while ((key[end] & 0xc0) == 0x80) --end;  // between two characters
+  return key.substr(0, end) + "..." + hashOf(key);
+}
+
+std::string written(const DeathNote& note) {
+  const nlohmann::json json = {
+      {"object", note.object}, {"value", note.value}, {"command", note.command}};
   return json.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
-std::pair<std::string, std::string> parsedDeathNote(const std::string& note) {
+std::optional<DeathNote> parsedDeathNote(const std::string& note) {
   const auto json = nlohmann::json::parse(note, nullptr, false);
-  if (!json.is_object()) return {};
-  return {json.value("object", ""), json.value("value", "")};
-}
-
-std::string takeLine(const std::string& file) {
-  std::ifstream stream(file);
-  std::string line;
-  std::getline(stream, line);
-  std::remove(file.c_str());
-  return line;
+  const auto word = [&](const char* name) -> std::optional<std::string> {
+    if (!json.is_object() || !json.contains(name) || !json[name].is_string()) return {};
+    return json[name].get<std::string>();
+  };
+  const auto object = word("object"), value = word("value"), command = word("command");
+  if (!object || object->empty() || !value || !command) return {};
+  return DeathNote{*object, *value, *command};
 }
 
 }  // namespace Norvd

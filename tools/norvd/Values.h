@@ -1,9 +1,9 @@
 #pragma once
 
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include <Norv/State/Switch.h>
@@ -17,12 +17,20 @@ std::vector<Norv::State::Object> objectsOf(const Norv::State::Switch& wanted);
 std::map<Norv::State::Object, std::string> valuesOf(const Norv::State::Switch& wanted,
                                                     const std::set<Norv::State::Object>& objects);
 
-// What UnderWay keeps of a change.
-std::string deathNoteOf(const std::string& object, const std::string& value);
-// Object and value; empty when it is no such note.
-std::pair<std::string, std::string> parsedDeathNote(const std::string& note);
+// Whether a person's words, "module fib" or "fib", mean the object.
+bool means(const std::string& words, const Norv::State::Object& object);
 
-// The first line of the file, which is removed; empty when there is none.
-std::string takeLine(const std::string& file);
+// An object as deaths are kept by: its text, made UTF-8, and short where the name is long.
+std::string deathKey(const Norv::State::Object& object);
+
+// What UnderWay keeps of a command.
+struct DeathNote {
+  std::string object;  // its deathKey
+  std::string value;   // what was wanted of it
+  std::string command;
+};
+std::string written(const DeathNote& note);
+// nullopt: it is no such note.
+std::optional<DeathNote> parsedDeathNote(const std::string& note);
 
 }  // namespace Norvd

@@ -1,14 +1,20 @@
 // The verbs status and retry, which speak to norvd.
 
+#include <fcntl.h>
 #include <httplib.h>
 #include <poll.h>
+#include <sys/file.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <filesystem>
+#include <fstream>
 #include <iostream>
 #include <nlohmann/json.hpp>
 
+#include <Norv/State/Document.h>
 #include <Norv/State/Files.h>
 #include <Norv/State/Record.h>
 
@@ -17,6 +23,7 @@
 #include "../run/Session.h"
 #include "../text/Table.h"
 #include "../text/Text.h"
+#include "PageAddress.h"
 
 namespace Norvctl {
 
@@ -34,9 +41,9 @@ struct StatusArguments {
 
 // What is at /status.json; throws std::runtime_error.
 std::string fetch(const std::string& agent) {
-  const bool local = agent.rfind("unix:", 0) == 0;
-  httplib::Client client(local ? agent.substr(5) : "http://" + agent);
-  if (local) client.set_address_family(AF_UNIX);
+  const PageAddress address = pageAddress(agent).value();
+  httplib::Client client(address.local ? address.host : "http://" + text(address));
+  if (address.local) client.set_address_family(AF_UNIX);
   client.set_connection_timeout(patience);
   client.set_read_timeout(patience);
   const auto answer = client.Get("/status.json");
@@ -144,6 +151,11 @@ Action defineStatus(CLI::App& command) {
                   "where norvd serves its pages, HOST:PORT or unix:PATH; without it that of "
                   "NORV_AGENT")
       ->envname("NORV_AGENT")
+      ->check([](const std::string& text) {
+        return pageAddress(text)
+                   ? std::string()
+                   : "no norvd can be at " + text + ": that is neither HOST:PORT nor unix:PATH";
+      })
       ->type_name("ADDR")
       ->capture_default_str();
   command.add_flag("--watch", arguments->watch, "again each second, until Ctrl-C");
@@ -157,20 +169,96 @@ struct RetryArguments {
   std::string stateDir = "/var/lib/norvd";
 };
 
+// A file that is closed with its scope.
+class File {
+ public:
+  // Throws std::runtime_error.
+  File(const std::string& name, int flags) : name_(name) {
+    file_ = open(name.c_str(), flags | O_CLOEXEC | O_NOFOLLOW, 0600);
+    if (file_ < 0) Norv::State::failFile("cannot open", name);
+  }
+  ~File() { close(file_); }
+  File(const File&) = delete;
+  File& operator=(const File&) = delete;
+
+  int number() const { return file_; }
+  struct stat status() const {
+    struct stat found {};
+    if (fstat(file_, &found) != 0) Norv::State::failFile("cannot look at", name_);
+    return found;
+  }
+  // Puts the text behind what is there, unless its reader has removed the file meanwhile.
+  bool append(const std::string& text) const {
+    if (flock(file_, LOCK_EX) != 0) Norv::State::failFile("cannot lock", name_);
+    if (status().st_nlink == 0) return false;
+    const auto size = static_cast<ssize_t>(text.size());
+    if (write(file_, text.data(), text.size()) != size) {
+      Norv::State::failFile("cannot write", name_);
+    }
+    return true;
+  }
+
+ private:
+  const std::string name_;
+  int file_;
+};
+
+// Whether the object is wanted, or norvd keeps that the daemon died of it; true where that cannot
+// be told.
+bool known(const std::string& object, const std::filesystem::path& record) {
+  std::filesystem::path wanted = record, memory = record;
+  wanted.replace_extension("wanted.yaml");
+  memory.replace_extension("norvd");
+  const auto means = [&](const Norv::State::Object& one) {
+    return one.name == object || Norv::State::text(one) == object;
+  };
+  try {
+    for (const auto& [one, mark] : Norv::State::readFiles({wanted}).marks) {
+      if (means(one)) return true;
+    }
+    for (const Json& one : Json::parse(std::ifstream(memory)).at("deaths")) {
+      const std::string name = one.at("object");
+      if (name == object || name.ends_with(" " + object)) return true;
+    }
+    return false;
+  } catch (const std::exception&) {
+    return true;
+  }
+}
+
 int retry(const RetryArguments& arguments) {
   const Target target(arguments.target);
   const std::filesystem::path record =
       std::filesystem::path(arguments.stateDir) / Norv::State::recordName(target.address());
-  std::filesystem::path lock = record;
+  std::filesystem::path lock = record, request = record;
   lock.replace_extension("lock");
-  if (!std::filesystem::exists(lock)) {
+  request.replace_extension("retry");
+  if (access(lock.c_str(), F_OK) != 0 && errno == ENOENT) {
     throw std::runtime_error("no norvd for " + target.address() + " has its state in " +
                              arguments.stateDir + "; --state-dir, --host and --port say which");
   }
-  std::filesystem::path file = record;
-  file.replace_extension("retry");
-  Norv::State::replaceFile(file, arguments.object + "\n");
-  print("norvd for " + target.address() + " tries " + escaped(arguments.object) + " again\n");
+  const File held(lock, O_RDONLY);
+  if (flock(held.number(), LOCK_SH | LOCK_NB) == 0) {
+    throw std::runtime_error("norvd for " + target.address() +
+                             " does not run; it tries all that is not quarantined when it starts");
+  }
+  // For norvd to read, also where another user asks.
+  const struct stat owner = held.status();
+  while (true) {
+    const File file(request, O_WRONLY | O_APPEND | O_CREAT);
+    const bool own = file.status().st_uid == owner.st_uid;
+    if (!own && fchown(file.number(), owner.st_uid, owner.st_gid) != 0) {
+      Norv::State::failFile("cannot give to norvd's user", request);
+    }
+    if (file.append(arguments.object + "\n")) break;
+  }
+  if (!known(arguments.object, record)) {
+    std::cerr << "norvctl: " << escaped(arguments.object)
+              << " is not wanted, and the daemon did not die of it; `norvctl status` lists the "
+                 "objects that are not in sync\n";
+  }
+  print("norvd for " + target.address() + " is asked to try " + escaped(arguments.object) +
+        " again\n");
   return allOk;
 }
 
