@@ -1,18 +1,24 @@
 // The parts of norvd that need no daemon.
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <nlohmann/json.hpp>
+#include <set>
+#include <sstream>
 
 #include "Holds.h"
 #include "Memory.h"
 #include "Page.h"
+#include "Status.h"
 #include "UnderWay.h"
 #include "Values.h"
 #include "WantedFiles.h"
+#include "agent/PageAddress.h"
 
 using namespace Norvd;
 using namespace std::chrono_literals;
@@ -40,6 +46,12 @@ class Folder {
 
 void write(const std::string& file, const std::string& text) {
   std::ofstream(file) << text;
+}
+
+std::string textOf(const std::string& file) {
+  std::ostringstream text;
+  text << std::ifstream(file).rdbuf();
+  return text.str();
 }
 
 }  // namespace
@@ -129,7 +141,8 @@ TEST(UnderWayTest, TellsTheNextProcessWhatThisOneDiedOf) {
     action(before);
     UnderWay after;
     after.fileIs(folder.file("note"));
-    return after.takeDeath().value_or("none");
+    const auto death = after.takeDeath();
+    return death ? death->note + (death->aborted ? " aborted" : "") : "none";
   };
   EXPECT_EQ(left([](UnderWay&) {}), "none");
   EXPECT_EQ(left([](UnderWay& one) { one.noteIs("fib"); }), "none") << "it was killed, no more";
@@ -151,6 +164,12 @@ TEST(UnderWayTest, TellsTheNextProcessWhatThisOneDiedOf) {
             }),
             "none")
       << "nothing was under way";
+  EXPECT_EQ(left([](UnderWay& one) {
+              one.noteIs("fib");
+              one.aborted();
+            }),
+            "fib aborted");
+  EXPECT_EQ(left([](UnderWay& one) { one.aborted(); }), " aborted") << "without a command, too";
 }
 
 TEST(UnderWayTest, ADeathIsToldOnce) {
@@ -161,7 +180,7 @@ TEST(UnderWayTest, ADeathIsToldOnce) {
   before.died();
   UnderWay after, later;
   after.fileIs(folder.file("note"));
-  EXPECT_EQ(after.takeDeath(), "fib");
+  EXPECT_EQ(after.takeDeath().value().note, "fib");
   later.fileIs(folder.file("note"));
   EXPECT_FALSE(later.takeDeath());
 }
@@ -211,10 +230,63 @@ TEST(MemoryTest, SaysWhatCannotBeWritten) {
   write(folder.file("file"), "");
   Memory memory(folder.file("file"), "switch1:10514");
   memory.save();
-  EXPECT_NE(memory.trouble(), "");
+  EXPECT_TRUE(memory.troubles().contains("norvd"));
   std::filesystem::remove(folder.file("file"));
   memory.save();
-  EXPECT_EQ(memory.trouble(), "");
+  EXPECT_TRUE(memory.troubles().empty());
+}
+
+TEST(MemoryTest, WhatCanBeWrittenDoesNotHideWhatCannot) {
+  const Folder folder;
+  Memory memory(folder.path(), "switch1:10514");
+  std::filesystem::create_directory(memory.file("wanted.yaml"));
+  memory.lastGoodIs("modules: {}\n");
+  memory.save();
+  EXPECT_EQ(memory.troubles().size(), 1U);
+  EXPECT_TRUE(memory.troubles().contains("wanted.yaml"));
+}
+
+TEST(MemoryTest, KeepsTheLastRecordings) {
+  const Folder folder;
+  const Memory memory(folder.path(), "switch1:10514");
+  const std::string trace = memory.file("trace");
+  for (int i = 1; i <= 12; ++i) {
+    write(trace, "recording " + std::to_string(i));
+    memory.keepRecording("trace", "reason " + std::to_string(i));
+  }
+  write(trace + ".failure-1.note", "not a recording");
+  memory.removeOldRecordings("trace", 8);
+  std::set<std::string> names;
+  for (const auto& one : std::filesystem::directory_iterator(folder.path())) {
+    names.insert(one.path().filename());
+  }
+  EXPECT_EQ(names.size(), 2 * 8 + 1U);
+  EXPECT_FALSE(std::filesystem::exists(trace + ".failure-4"));
+  EXPECT_FALSE(std::filesystem::exists(trace + ".failure-4.json"));
+  EXPECT_EQ(textOf(trace + ".failure-5"), "recording 5");
+  EXPECT_EQ(textOf(trace + ".failure-12"), "recording 12");
+  EXPECT_NE(textOf(trace + ".failure-12.json").find("\"reason\":\"reason 12\""), std::string::npos);
+}
+
+TEST(MemoryTest, TakesAllThatIsAskedAgain) {
+  const Folder folder;
+  Memory memory(folder.path(), "switch1:10514");
+  EXPECT_TRUE(memory.takeRetries().empty());
+  EXPECT_TRUE(memory.troubles().empty());
+  write(memory.file("retry"), "module a\nb\n");
+  EXPECT_EQ(memory.takeRetries(), (std::vector<std::string>{"module a", "b"}));
+  EXPECT_TRUE(memory.takeRetries().empty());
+  EXPECT_FALSE(std::filesystem::exists(memory.file("retry")));
+}
+
+TEST(MemoryTest, SaysWhatIsAskedAndCannotBeRead) {
+  const Folder folder;
+  Memory memory(folder.path(), "switch1:10514");
+  std::filesystem::create_symlink(folder.file("elsewhere"), memory.file("retry"));
+  write(folder.file("elsewhere"), "module a\n");
+  EXPECT_TRUE(memory.takeRetries().empty()) << "a link is not followed";
+  EXPECT_TRUE(memory.troubles().contains("retry"));
+  EXPECT_TRUE(std::filesystem::exists(folder.file("elsewhere")));
 }
 
 TEST(MemoryTest, FilesAreItsOwnersAlone) {
@@ -252,6 +324,38 @@ TEST(WantedFilesTest, SeesWhatChanges) {
   EXPECT_THROW(files.document({}), Norv::State::DocumentError);
 }
 
+TEST(WantedFilesTest, AnotherFileOfTheFolderDoesNotStirThem) {
+  const Folder folder;
+  write(folder.file("wanted.yaml"), "modules: {a: Sink}\n");
+  WantedFiles files({folder.file("wanted.yaml")});
+  write(folder.file("other"), "x");
+  write(folder.file("wanted.yaml"), "modules: {a: Sink}\n");
+  EXPECT_FALSE(files.stirred());
+}
+
+TEST(WantedFilesTest, SeesWhatALinkLeadsTo) {
+  const Folder folder;
+  std::filesystem::create_directory(folder.file("far"));
+  write(folder.file("far/document"), "modules: {a: Sink}\n");
+  std::filesystem::create_symlink(folder.file("far/document"), folder.file("wanted.yaml"));
+  WantedFiles files({folder.file("wanted.yaml")});
+  write(folder.file("far/document"), "modules: {b: Sink}\n");
+  EXPECT_TRUE(files.stirred());
+  EXPECT_TRUE(files.changed());
+}
+
+TEST(WantedFilesTest, DoesNotWaitForAPipe) {
+  const Folder folder;
+  ASSERT_EQ(mkfifo(folder.file("wanted.yaml").c_str(), 0600), 0);
+  const WantedFiles files({folder.file("wanted.yaml")});
+  try {
+    files.document({});
+    FAIL() << "it was taken";
+  } catch (const Norv::State::DocumentError& error) {
+    EXPECT_NE(error.problems().front().text.find("is no regular file"), std::string::npos);
+  }
+}
+
 TEST(WantedFilesTest, AnEmptyFileIsADocument) {
   const Folder folder;
   write(folder.file("wanted.yaml"), "");
@@ -276,11 +380,78 @@ TEST(ValuesTest, TellObjectsApartByWhatIsWanted) {
 }
 
 TEST(ValuesTest, ANoteIsReadAsItWasWritten) {
-  const auto note = parsedDeathNote(deathNoteOf("module \"a\n", "x"));
-  EXPECT_EQ(note.first, "module \"a\n");
-  EXPECT_EQ(note.second, "x");
-  EXPECT_EQ(parsedDeathNote("no note").first, "");
-  EXPECT_EQ(parsedDeathNote("[1]").first, "");
+  const auto note = parsedDeathNote(written(DeathNote{"module \"a", "x", "createModule"}));
+  ASSERT_TRUE(note);
+  EXPECT_EQ(note->object, "module \"a");
+  EXPECT_EQ(note->value, "x");
+  EXPECT_EQ(note->command, "createModule");
+  for (const char* damaged :
+       {"", "no note", "[1]", "{}", R"({"object":1,"value":"","command":""})",
+        R"({"object":"","value":"","command":""})", R"({"object":"module a","value":"x"})"}) {
+    EXPECT_FALSE(parsedDeathNote(damaged)) << damaged;
+  }
+}
+
+TEST(ValuesTest, ANoteOfAnyNameFits) {
+  for (const std::string& name : {std::string(5000, 'x'), std::string(5000, '\n'),
+                                  std::string("a\n\xff\"") + std::string(100, '\\')}) {
+    const std::string key = deathKey({Kind::module, name});
+    const std::string note = written(DeathNote{key, "value", "createModule"});
+    EXPECT_LT(note.size(), UnderWay::most);
+    const auto read = parsedDeathNote(note);
+    ASSERT_TRUE(read);
+    EXPECT_EQ(read->object, key);
+    EXPECT_NE(key, deathKey({Kind::module, name + "y"}));
+  }
+  EXPECT_EQ(deathKey(fib), "module fib");
+}
+
+TEST(ValuesTest, APersonsWordsMeanAnObject) {
+  EXPECT_TRUE(means("fib", fib));
+  EXPECT_TRUE(means("module fib", fib));
+  EXPECT_FALSE(means("port fib", fib));
+  EXPECT_FALSE(means("fib", {Kind::module, "a fib"}));
+}
+
+// A look at each key for each object would take minutes.
+TEST(StatusTest, TellsOfManyObjects) {
+  constexpr std::size_t many = 200000;
+  auto picture = std::make_shared<Picture>();
+  for (std::size_t i = 0; i < many; ++i) {
+    picture->objects[{Kind::module, "m" + std::to_string(i)}].standing = Standing::pending;
+  }
+  Status status;
+  status.picture = picture;
+  const auto json = nlohmann::json::parse(statusJson(status));
+  EXPECT_EQ(json.at("objects").size(), many);
+  EXPECT_EQ(json.at("objects").at("module m7").at("state"), "pending");
+}
+
+TEST(StatusTest, TellsWhatIsUnderWay) {
+  Status status;
+  EXPECT_TRUE(nlohmann::json::parse(statusJson(status)).at("under_way").is_null());
+  status.underWay = {"createModule", "module fib", WallTime(100s), 2.5};
+  const auto json = nlohmann::json::parse(statusJson(status)).at("under_way");
+  EXPECT_EQ(json.at("command"), "createModule");
+  EXPECT_EQ(json.at("object"), "module fib");
+  EXPECT_EQ(json.at("since"), "1970-01-01T00:01:40Z");
+  EXPECT_EQ(json.at("seconds"), 2.5);
+}
+
+TEST(PageAddressTest, IsReadStrictly) {
+  using Norvctl::pageAddress;
+  EXPECT_EQ(text(pageAddress("host:80").value()), "host:80");
+  EXPECT_EQ(text(pageAddress("host").value()), "host:9514");
+  EXPECT_EQ(text(pageAddress("[::1]:80").value()), "[::1]:80");
+  EXPECT_EQ(text(pageAddress("[::1]").value()), "[::1]:9514");
+  EXPECT_EQ(text(pageAddress("unix:/run/x").value()), "unix:/run/x");
+  EXPECT_EQ(pageAddress("host:0").value().port, 0);
+  for (const char* wrong :
+       {"", ":80", "host:", "host:x", "host:80x", "host:65536", "host:-1", "host:99999999999",
+        "::1", "[::1", "[::1]80", "[]:80", "a b:80", "http://host:80", "host:80/", "unix:"}) {
+    EXPECT_FALSE(pageAddress(wrong)) << wrong;
+  }
+  EXPECT_FALSE(pageAddress("unix:" + std::string(108, 'x')));
 }
 
 TEST(PageTest, WritesOutWhatMeansSomething) {

@@ -6,6 +6,8 @@ import random
 import re
 import shutil
 import signal
+import socket
+import threading
 import time
 
 import agent
@@ -54,7 +56,7 @@ def as_wanted(bed):
 def test_a_daemon_that_is_absent_at_the_start():
     bed = Bed(PIPELINE)
     bed.start()
-    status = bed.wait_for(lambda one: "Connection refused" in one["state"], "it says why")
+    status = bed.wait_for(lambda one: "the connection is refused" in one["state"], "it says why")
     assert re.match(rf"waiting for the daemon at 127\.0\.0\.1:{bed.port} since 20", status["state"]), status
     equal(bed.get("/readyz")[0], 503)
     equal(bed.get("/healthz")[0], 200)
@@ -108,6 +110,118 @@ def test_a_command_without_an_answer_ends_the_process():
     as_wanted(bed)
     failures = [one["text"] for one in bed.status()["failures"]]
     assert any(re.match(r"createModule of module fib is without an answer for", text) for text in failures), failures
+
+
+class Proxy:
+    """A port that leads to the daemon's, and can drop its connections."""
+
+    def __init__(self, port):
+        self.target = port
+        self.ends = []
+        self.listener = socket.create_server(("127.0.0.1", 0))
+        self.port = self.listener.getsockname()[1]
+        threading.Thread(target=self._accept, daemon=True).start()
+
+    def _accept(self):
+        while True:
+            near = self.listener.accept()[0]
+            far = socket.create_connection(("127.0.0.1", self.target))
+            self.ends += [near, far]
+            for one, other in ((near, far), (far, near)):
+                threading.Thread(target=self._pass, args=(one, other), daemon=True).start()
+
+    @staticmethod
+    def _pass(one, other):
+        try:
+            while data := one.recv(65536):
+                other.sendall(data)
+        except OSError:
+            pass
+        for end in (one, other):
+            try:
+                end.shutdown(socket.SHUT_RDWR)
+            except OSError:
+                pass
+
+    def drop(self):
+        for end in self.ends:
+            try:
+                end.shutdown(socket.SHUT_RDWR)
+            except OSError:
+                pass
+
+
+def forget_what_was_told(listener):
+    listener.setblocking(False)
+    try:
+        while listener.recv(65536):
+            pass
+    except BlockingIOError:
+        listener.settimeout(harness.PATIENCE)
+
+
+def test_a_connection_that_is_made_again_is_not_lost_for_ever():
+    bed = Bed(PIPELINE)
+    log = f"{bed.folder}/calls"
+    bed.start_daemon("--log", log)
+    proxy = Proxy(bed.port)
+
+    def looks():
+        with open(log, encoding="utf-8") as file:
+            return sum('"listModules"' in line for line in file)
+
+    with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as listener:
+        listener.bind(f"{bed.folder}/notify")
+        listener.settimeout(harness.PATIENCE)
+        bed.start(interval=1000, port=proxy.port,
+                  env={**os.environ, "NOTIFY_SOCKET": f"{bed.folder}/notify", "WATCHDOG_USEC": "300000"})
+        bed.wait_in_sync()
+        for _ in range(3):
+            before = looks()
+            proxy.drop()
+            # Over the connection made again, or by a fresh process where that came too late.
+            wait_until(lambda: looks() > before, "it looks again", bed.agent.text)
+            bed.wait_in_sync()
+            # For ten turns of its watchdog it has no reason to look.
+            forget_what_was_told(listener)
+            turns = 0
+            while turns < 10:
+                turns += "WATCHDOG=1" in listener.recv(65536).decode()
+            assert looks() <= before + 3, (looks() - before, bed.agent.text())
+
+
+def test_a_host_that_swallows_what_is_sent_is_tried_again_and_again():
+    bed = Bed(PIPELINE)
+    with socket.socket() as listener:
+        listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        listener.bind(("127.0.0.1", bed.port))
+        listener.listen(0)
+        # A queue that is full takes nobody in, and says nothing.
+        filling = []
+        for _ in range(3):
+            filling.append(socket.socket())
+            filling[-1].setblocking(False)
+            filling[-1].connect_ex(("127.0.0.1", bed.port))
+        own = {one.getsockname()[1] for one in filling}
+
+        def several():
+            lines = []
+            for table in ("/proc/net/tcp", "/proc/net/tcp6"):
+                with open(table, encoding="ascii") as file:
+                    lines += file.readlines()[1:]
+            under_way = set()
+            for line in lines:
+                local, remote, state = line.split()[1:4]
+                if int(remote.split(":")[1], 16) == bed.port and state == "02":
+                    under_way.add(int(local.split(":")[1], 16))
+            return len(under_way - own) > 3
+
+        bed.start("--stuck-after", "30")
+        wait_until(several, "attempts are made beside each other", bed.agent.text)
+        for one in filling:
+            one.close()
+    bed.start_daemon()
+    as_wanted(bed)
 
 
 def test_a_failed_command_ends_the_process_and_is_told_of():
@@ -168,8 +282,157 @@ def test_a_signal_ends_it_whatever_it_waits_for():
     bed.start(supervise=False)
     bed.wait_for(lambda one: re.match(r"one command \(createModule of module fib\) is under way for", one["state"]),
                  "it says what is under way")
+    under_way = bed.status()["under_way"]
+    equal((under_way["command"], under_way["object"]), ("createModule", "module fib"))
+    assert under_way["seconds"] > 0.3 and under_way["since"].startswith("20"), under_way
     bed.agent.signal(signal.SIGTERM)
     equal(bed.agent.finish(), 0)
+
+
+def test_a_signal_ends_it_whatever_its_main_thread_does():
+    bed = Bed(PIPELINE)
+    os.mkdir(bed.state)
+    # To open a pipe waits for who writes it.
+    os.mkfifo(f"{bed.state}/localhost_{bed.port}.wanted.yaml")
+    bed.start_daemon()
+    bed.start(supervise=False)
+    wait_until(lambda: os.path.exists(f"{bed.state}/localhost_{bed.port}.norvd"), "it has begun")
+    wait_until(lambda: "fifo_open" in wait_channel(bed.agent.popen.pid) or
+               "wait_for_partner" in wait_channel(bed.agent.popen.pid), "it waits", bed.agent.text)
+    bed.agent.signal(signal.SIGTERM)
+    equal(bed.agent.finish(), 0)
+
+
+def wait_channel(pid):
+    """Where in the kernel the main thread waits, if that is told."""
+    with open(f"/proc/{pid}/wchan", encoding="ascii") as file:
+        return file.read()
+
+
+SMALL = """modules: {src: Source, queue: {class: Queue, arg: {size: %d}}, out: Sink}
+connections: [src -> queue, queue -> out]
+"""
+
+
+class Pausing:
+    """A switch whose worker stands still while a queue is made longer; nothing is kept of it."""
+
+    def __init__(self, **options):
+        self.bed = Bed(SMALL % 64)
+        self.control = f"unix:{self.bed.folder}/control"
+        self.log = f"{self.bed.folder}/calls"
+        self.bed.start_daemon("--control", self.control, "--log", self.log)
+        self.bed.start("--stuck-after", "60", state="none", interval=1000, **options)
+        self.bed.wait_in_sync()
+
+    def strike(self, kind, step):
+        """Begins the change, up to the fault at one of its steps: it stands, is changed, runs."""
+        calls = self.calls()
+        look = calls[::-1].index("getVersion") + 1
+        equal(harness.Process(harness.STANDIN, "ctl", self.control, "add", f"{kind} nth={look + step}")
+              .finish().status, 0)
+        self.bed.write(SMALL % 128)
+        wait_until(self.struck, "the fault strikes", self.bed.agent.text)
+        equal(self.calls()[len(calls) + look:][:step - 1], ["pauseWorker", "moduleCommand"][:step - 1])
+
+    def struck(self):
+        told = harness.Process(harness.STANDIN, "ctl", self.control, "faults").finish().out
+        return not told.startswith("0 of")
+
+    def runs(self):
+        return "running: false" not in self.bed.live()
+
+    def calls(self):
+        """The types of all calls that were answered, in their order."""
+        with open(self.log, encoding="utf-8") as file:
+            return [json.loads(line)["type"] for line in file if line.endswith("\n")]
+
+
+def test_a_signal_leaves_no_worker_standing():
+    for kind, step in (("kind=no-reply", 1), ("kind=no-reply", 2), ("kind=delay ms=100", 1),
+                       ("kind=delay ms=100", 2)):
+        pausing = Pausing(supervise=False)
+        pausing.strike(kind, step)
+        pausing.bed.agent.signal(signal.SIGTERM)
+        equal(pausing.bed.agent.finish(), 0)
+        assert pausing.runs(), (kind, step, pausing.bed.agent.text())
+
+
+def test_a_failure_leaves_no_worker_standing():
+    for kind in ("kind=status code=13", "kind=hang-up", "kind=hang-up-after"):
+        pausing = Pausing()
+        pausing.strike(kind, 2)
+        wait_until(lambda: "size: 128" in pausing.bed.live(), "as wanted", pausing.bed.agent.text)
+        pausing.bed.wait_for(lambda one: one["in_sync"] and one["outcomes"]["failed"] == 0, "a fresh process")
+        assert pausing.runs(), (kind, pausing.bed.agent.text())
+
+
+def test_a_change_of_mind_leaves_no_worker_standing():
+    pausing = Pausing()
+    before = len(pausing.calls())
+    pausing.strike("kind=delay ms=1000", 2)
+    pausing.bed.write(SMALL % 256)
+    wait_until(lambda: pausing.calls()[before:].count("resumeWorker") == 2, "both are through",
+               pausing.bed.agent.text)
+    pausing.bed.wait_in_sync()
+    calls = pausing.calls()[before:]
+    assert pausing.runs() and "size: 256" in pausing.bed.live()
+    first = calls.index("pauseWorker")
+    # It runs before anything is looked at again.
+    equal(calls[first:first + 3], ["pauseWorker", "moduleCommand", "resumeWorker"], calls)
+    equal(calls.count("pauseWorker"), 2)
+
+
+def test_aborted_it_ends_and_keeps_the_recording():
+    bed = Bed(PIPELINE)
+    bed.start_daemon()
+    bed.start(supervise=False)
+    bed.wait_in_sync()
+    bed.agent.signal(signal.SIGABRT)
+    equal(bed.agent.finish(), -signal.SIGABRT)
+    assert "norvd: aborted by a signal" in bed.agent.text(), bed.agent.text()
+    bed.start(supervise=False)
+    status = bed.wait_in_sync()
+    equal(status["failures"][-1]["text"], "the process was aborted")
+    copy = f"{bed.state}/localhost_{bed.port}.trace.failure-1"
+    with open(copy + ".json", encoding="utf-8") as file:
+        equal(json.load(file)["reason"], "the process was aborted")
+    assert os.path.getsize(copy) > 1000
+
+
+def test_a_command_under_which_it_is_aborted_is_told():
+    bed = Bed(PIPELINE)
+    bed.start_daemon("--fault", "kind=no-reply rpc=createModule name=fib nth=1")
+    bed.start()
+    bed.wait_for(lambda one: (one["under_way"] or {}).get("object") == "module fib", "it is under way")
+    os.kill(child_of(bed.agent.popen.pid), signal.SIGSEGV)
+    as_wanted(bed)
+    failures = [one["text"] for one in bed.status()["failures"]]
+    assert "the process was aborted while createModule of module fib" in failures, failures
+    assert "death: 1 of 3 while createModule of module fib" in bed.agent.text(), bed.agent.text()
+
+
+def child_of(pid):
+    """The one that it has; None when there is none."""
+    with open(f"/proc/{pid}/task/{pid}/children", encoding="ascii") as file:
+        children = file.read().split()
+    assert len(children) < 2, children
+    return int(children[0]) if children else None
+
+
+def test_recordings_are_not_kept_for_ever():
+    bed = Bed(PIPELINE)
+    os.mkdir(bed.state)
+    trace = f"localhost_{bed.port}.trace.failure-"
+    for i in range(1, 21):
+        for name in (f"{trace}{i}", f"{trace}{i}.json"):
+            with open(f"{bed.state}/{name}", "w", encoding="ascii") as file:
+                file.write("x")
+    bed.start_daemon("--fault", "kind=status rpc=connectModules nth=1 code=13 text=broken")
+    bed.start()
+    as_wanted(bed)
+    left = sorted(name for name in os.listdir(bed.state) if name.startswith(trace))
+    equal(left, sorted(f"{trace}{i}{tail}" for i in range(15, 22) for tail in ("", ".json")))
 
 
 def test_a_signal_to_the_supervisor_ends_both():
@@ -180,6 +443,62 @@ def test_a_signal_to_the_supervisor_ends_both():
     bed.agent.signal(signal.SIGTERM)
     equal(bed.agent.finish(), 0)
     equal(bed.get("/healthz"), None)
+
+
+def test_the_supervisor_passes_a_hang_up_on():
+    bed = Bed(PIPELINE)
+    bed.start_daemon()
+    bed.start()
+    bed.wait_in_sync()
+    bed.agent.signal(signal.SIGHUP)
+    wait_until(lambda: "signal: reading the wanted document again" in bed.agent.text(), "it is heard",
+               bed.agent.text)
+    equal(bed.status()["restarts"], 0)
+
+
+def test_the_supervisor_starts_again_after_growing_pauses():
+    bed = Bed(PIPELINE)
+    bed.start()
+    killed = set()
+    for count in range(1, 5):
+        child = wait_until(lambda: child_of(bed.agent.popen.pid), "there is one")
+        assert child not in killed
+        killed.add(child)
+        os.kill(child, signal.SIGKILL)
+        wait_until(lambda: bed.agent.text().count("starting it again in") == count, "it is said",
+                   bed.agent.text)
+    pauses = [int(ms) for ms in re.findall(r"starting it again in (\d+) ms", bed.agent.text())]
+    for pause, longest in zip(pauses, (50, 100, 200, 400)):
+        assert longest / 2 <= pause <= longest, pauses
+    bed.start_daemon()
+    as_wanted(bed)
+
+
+def test_the_supervisor_goes_on_when_it_cannot_start():
+    bed = Bed(PIPELINE)
+    program = f"{bed.folder}/norvd"
+    shutil.copy(agent.NORVD, program)
+    bed.start_daemon()
+    bed.start(program=program)
+    bed.wait_in_sync()
+    os.chmod(program, 0)
+    os.kill(child_of(bed.agent.popen.pid), signal.SIGKILL)
+    wait_until(lambda: bed.agent.text().count("cannot start norvd: Permission denied") > 1, "it is said",
+               bed.agent.text)
+    os.chmod(program, 0o755)
+    as_wanted(bed)
+
+
+def test_one_supervisor_is_enough():
+    for option in ("--supervise", "--supervise=true", "--supervise=1"):
+        bed = Bed(PIPELINE)
+        bed.start_daemon()
+        bed.start(option, "--supervise", supervise=False)
+        bed.wait_in_sync()
+        child = child_of(bed.agent.popen.pid)
+        assert child and child_of(child) is None, option
+        bed.agent.signal(signal.SIGTERM)
+        equal(bed.agent.finish(), 0)
 
 
 def test_a_second_one_for_the_same_switch_does_not_start():
@@ -198,6 +517,12 @@ def test_bad_options():
     for arguments, text in (
         ([], "--wanted"),
         (["--wanted", "x", "--interval", "0"], "--interval"),
+        (["--wanted", "x", "--interval", "nan"], "--interval"),
+        (["--wanted", "x", "--stuck-after", "inf"], "--stuck-after"),
+        (["--wanted", "x", "--http", "127.0.0.1:http"], "--http"),
+        (["--wanted", "x", "--http", "127.0.0.1:65536"], "--http"),
+        (["--wanted", "x", "--http", "::1:80"], "--http"),
+        (["--wanted", "x", "--http", "unix:"], "--http"),
         (["--wanted", "x", "--port", "70000"], "--port"),
         (["--wanted", "x", "--nonsense"], "--nonsense"),
     ):
@@ -213,6 +538,9 @@ def test_its_unit_is_in_order():
     built = os.path.dirname(os.path.dirname(agent.NORVD))
     with open(f"{built}/tools/norvd/norvd.service", encoding="utf-8") as file:
         text = file.read()
+    # However often it ends, it is started again.
+    unit_section = text[text.index("[Unit]"):text.index("[Service]")]
+    assert "\nStartLimitIntervalSec=0\n" in unit_section and "\nRestart=always\n" in text, text
     # Nothing is installed here.
     text = re.sub(r"^ExecStart=\S+", "ExecStart=" + agent.NORVD, text, flags=re.M)
     text = re.sub(r"^Documentation=.*\n", "", text, flags=re.M)
@@ -228,8 +556,6 @@ def test_its_unit_is_in_order():
 
 
 def test_it_tells_its_supervisor():
-    import socket
-
     bed = Bed(PIPELINE)
     bed.start_daemon()
     with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as listener:
@@ -244,6 +570,32 @@ def test_it_tells_its_supervisor():
         bed.agent.signal(signal.SIGTERM)
         while "STOPPING=1" not in told:
             told += listener.recv(65536).decode().splitlines()
+
+
+def test_levels_are_for_the_journal_alone():
+    bed = Bed(PIPELINE)
+    bed.start(env={**os.environ, "JOURNAL_STREAM": "8:12345"})
+    wait_until(lambda: "start: " in bed.agent.text(), "it says something")
+    assert re.search(r"^20\d\d-.* norvd: start: ", bed.agent.text(), re.M), bed.agent.text()
+    bed.agent.end()
+    log = f"{bed.folder}/journal"
+    with open(log, "wb") as file:
+        found = os.fstat(file.fileno())
+    bed.start(env={**os.environ, "JOURNAL_STREAM": f"{found.st_dev}:{found.st_ino}"}, log=log)
+    wait_until(lambda: "start: " in bed.agent.text(), "it says something")
+    assert re.search(r"^<5>start: ", bed.agent.text(), re.M), bed.agent.text()
+
+
+def test_what_the_last_process_ended_of_is_told_until_the_switch_answers():
+    bed = Bed(PIPELINE)
+    bed.start_daemon()
+    bed.start("--stuck-after", "5")
+    bed.wait_in_sync()
+    bed.daemon.signal(signal.SIGSTOP)
+    bed.wait_for(lambda one: one["state"].startswith(
+        "stopped after a failure: the daemon does not answer any more: "), "it is said")
+    bed.daemon.signal(signal.SIGCONT)
+    as_wanted(bed)
 
 
 # --- the document ---------------------------------------------------------------------------------
@@ -315,10 +667,79 @@ def test_an_empty_document_does_not_empty_the_switch():
     before = bed.live()
     bed.write("")
     status = bed.wait_for(lambda one: one["notices"], "it is said")
+    assert status["notices"][0].startswith("it is empty, and was not before; "), status
+    equal(bed.live(), before)
+    # Also where nobody knows what was wanted.
+    bed.agent.signal(signal.SIGTERM)
+    bed.agent.finish()
+    bed.start("--prune", state="none")
+    status = bed.wait_for(lambda one: one["notices"], "it is said")
     assert re.search(r"it would delete \d+ of \d+ objects", status["notices"][0]), status
     equal(bed.live(), before)
     bed.write(PIPELINE)
     as_wanted(bed)
+
+
+def test_an_empty_document_is_not_taken_for_one_that_said_something():
+    bed = Bed(PIPELINE)
+    bed.start_daemon()
+    bed.start()
+    bed.wait_in_sync()
+    for restarts in (0, 1):
+        bed.write("")
+        status = bed.wait_for(lambda one: one["notices"] and one["restarts"] == restarts, "it is said")
+        assert status["notices"][0].startswith("it is empty, and was not before; "), status
+        equal(bed.call("destroyModule", '{"name": "drop"}').status, 0)
+        wait_until(lambda: "  drop: Sink" in bed.live(), "the last good one is kept up", bed.agent.text)
+        # A fresh process knows it, too.
+        bed.agent.signal(signal.SIGTERM)
+        equal(bed.agent.finish(), 0)
+        bed.start()
+    bed.wait_for(lambda one: one["restarts"] == 2, "it has begun")
+    bed.agent.signal(signal.SIGTERM)
+    equal(bed.agent.finish(), 0)
+    bed.start("--allow-mass-delete")
+    status = bed.wait_in_sync()
+    equal(status["objects"], {})
+
+
+def test_an_empty_document_is_one_where_nothing_was_wanted():
+    bed = Bed("")
+    bed.start_daemon()
+    bed.start()
+    equal(bed.wait_in_sync()["objects"], {})
+
+
+def test_a_document_that_changes_in_mid_apply_takes_effect_at_once():
+    bed = Bed(many(300))
+    log = f"{bed.folder}/calls"
+    bed.start_daemon("--latency", "5", "--log", log)
+    bed.start("--prune", "--allow-mass-delete", interval=1000)
+    bed.wait_for(lambda one: one["state"].startswith("applying: ") and one["outcomes"]["ok"], "it applies")
+    bed.write(many(5))
+    as_wanted_with_prune(bed)
+    with open(log, encoding="utf-8") as file:
+        made = sum('"createModule"' in line for line in file)
+    assert made < 300, made
+
+
+def as_wanted_with_prune(bed):
+    wait_until(lambda: bed.plan("--prune").status == 0, "the switch is as wanted", bed.agent.text)
+    bed.wait_in_sync()
+
+
+def test_another_file_beside_the_document_changes_nothing():
+    bed = Bed(many(100))
+    bed.start_daemon("--latency", "5")
+    bed.start(interval=1000)
+    bed.wait_for(lambda one: one["state"].startswith("applying: ") and one["outcomes"]["ok"], "it applies")
+    for i in range(10):
+        with open(f"{bed.folder}/other", "w", encoding="ascii") as file:
+            file.write("x")
+        done = bed.status()["outcomes"]["ok"]
+        bed.wait_for(lambda one: one["outcomes"]["ok"] > done or one["in_sync"], "it goes on")
+    as_wanted(bed)
+    equal(bed.agent.text().count(" apply: "), 1)
 
 
 def test_most_of_a_switch_is_not_deleted_without_a_word():
@@ -405,7 +826,9 @@ def test_an_object_that_kills_its_daemon_is_left_out():
     bed.start_daemon("--fault", fault)
     status = bed.wait_for(lambda one: one["counts"].get("quarantined"), "it is quarantined")
     equal(status["objects"]["module bad"]["state"], "quarantined")
-    assert status["objects"]["module bad"]["text"].startswith("the daemon died 3 times: "), status
+    equal(status["objects"]["module bad"]["text"], "the daemon died 3 times while createModule of module bad")
+    failures = [one["text"] for one in status["failures"]]
+    equal(sum(text.startswith("createModule of module bad failed: ") for text in failures), 3, failures)
     status = bed.wait_for(lambda one: one["counts"]["in sync"] == 15, "the rest is right")
     equal(status["objects"]["connection m7:0"]["state"], "blocked")
     assert status["state"].startswith("quarantined: module bad: "), status
@@ -416,6 +839,90 @@ def test_an_object_that_kills_its_daemon_is_left_out():
     bed.daemon.finish()
     bed.start_daemon()
     as_wanted(bed)
+
+
+def test_deaths_that_are_not_in_a_row_are_no_quarantine():
+    bed = Bed(many(2, "  bad: Sink\n"))
+    control = f"unix:{bed.folder}/control"
+    bed.start_daemon("--control", control)
+    bed.start()
+    as_wanted(bed)
+    for count in range(1, 5):
+        # It is made, and the connection lost.
+        harness.Process(harness.STANDIN, "ctl", control, "add",
+                        "kind=hang-up-after rpc=createModule name=bad nth=1").finish()
+        equal(bed.call("destroyModule", '{"name": "bad"}').status, 0)
+        wait_until(lambda: bed.agent.text().count("death: 1 of 3") == count, "it is noted", bed.agent.text)
+        harness.Process(harness.STANDIN, "ctl", control, "clear").finish()
+        as_wanted(bed)
+    assert "death: 2 of 3" not in bed.agent.text(), bed.agent.text()
+
+
+def test_an_object_of_a_long_name_is_left_out_as_well():
+    name = "\u00e4" * 3000
+    bed = Bed(json.dumps({"modules": {"good": "Sink", name: "Sink"}}))
+    bed.start()
+    fault = f"kind=exit rpc=createModule name={name}"
+    for _ in range(3):
+        bed.start_daemon("--fault", fault)
+        bed.daemon.finish()
+    bed.start_daemon("--fault", fault)
+    status = bed.wait_for(lambda one: one["counts"].get("quarantined"), "it is quarantined")
+    equal(status["objects"]["module " + name]["state"], "quarantined")
+    equal(norvctl("retry", name, *at(bed)).status, 0)
+    bed.daemon.finish()
+
+
+def at(bed):
+    """The options that say which norvd."""
+    return ["--state-dir", bed.state, "--host", "127.0.0.1", "--port", str(bed.port)]
+
+
+def test_what_is_asked_again_is_not_lost():
+    bed = Bed(PIPELINE)
+    bed.start_daemon()
+    bed.start(supervise=False)
+    bed.wait_in_sync()
+    os.kill(bed.agent.popen.pid, signal.SIGSTOP)
+    for words in ("fib", "module drop", "nonsense"):
+        finished = norvctl("retry", words, *at(bed))
+        equal(finished.status, 0, finished)
+        equal("nonsense is not wanted" in finished.err, words == "nonsense", finished)
+    os.kill(bed.agent.popen.pid, signal.SIGCONT)
+    for line in ("retry: fib is tried again", "retry: module drop is tried again",
+                 "retry: no object is called nonsense"):
+        wait_until(lambda: line in bed.agent.text(), line, bed.agent.text)
+
+
+def test_nothing_is_asked_of_one_that_does_not_run():
+    bed = Bed(PIPELINE)
+    finished = norvctl("retry", "fib", *at(bed))
+    assert finished.status == 1 and "no norvd for " in finished.err, finished
+    bed.start_daemon()
+    bed.start(supervise=False)
+    bed.wait_in_sync()
+    bed.agent.signal(signal.SIGTERM)
+    bed.agent.finish()
+    finished = norvctl("retry", "fib", *at(bed))
+    assert finished.status == 1 and "does not run" in finished.err, finished
+    assert not [name for name in os.listdir(bed.state) if "retry" in name]
+
+
+def test_another_user_may_ask():
+    if os.geteuid() != 0:
+        harness.skip("only root gives files away")
+    bed = Bed(PIPELINE)
+    bed.start_daemon()
+    bed.start(supervise=False)
+    bed.wait_in_sync()
+    # As if norvd ran as somebody else.
+    name = f"{bed.state}/localhost_{bed.port}"
+    os.chown(name + ".lock", 12345, 12345)
+    os.kill(bed.agent.popen.pid, signal.SIGSTOP)
+    equal(norvctl("retry", "fib", *at(bed)).status, 0)
+    found = os.stat(name + ".retry")
+    equal((found.st_uid, found.st_gid, found.st_mode & 0o777), (12345, 12345, 0o600))
+    os.kill(bed.agent.popen.pid, signal.SIGCONT)
 
 
 def test_a_quarantine_ends_with_another_value():
@@ -447,6 +954,31 @@ def test_a_full_disk_does_not_stop_it():
     status = bed.wait_for(lambda one: one["counts"].get("in sync") == 7, "the switch is as wanted")
     assert any("File too large" in text for text in status["notices"]), status
     process.wait_for(r"memory: cannot write .* File too large; going on without", err=True)
+
+
+def test_a_folder_that_cannot_be_searched_does_not_stop_it():
+    bed = Bed(PIPELINE)
+    os.symlink("state", bed.state)
+    bed.start_daemon()
+    bed.start()
+    status = bed.wait_in_sync()
+    assert any("Too many levels of symbolic links" in text for text in status["notices"]), status
+    equal(status["restarts"], 0)
+
+
+def test_a_damaged_note_is_said():
+    bed = Bed(PIPELINE)
+    os.mkdir(bed.state)
+    bed.start_daemon()
+    for text in ('!{"object":1}\n', "!nonsense", "?\0\0\n", '*["x"]\n'):
+        with open(f"{bed.state}/localhost_{bed.port}.underway", "w", encoding="utf-8") as file:
+            file.write(text)
+        before = bed.agent.text().count("cannot be used; what the last") if bed.agent else 0
+        bed.start(supervise=False)
+        bed.wait_in_sync()
+        equal(bed.agent.text().count("cannot be used; what the last"), before + 1, text)
+        bed.agent.signal(signal.SIGTERM)
+        equal(bed.agent.finish(), 0)
 
 
 def test_a_damaged_memory_lies_aside():
@@ -517,9 +1049,64 @@ def test_the_documents_are_served():
     equal(bed.get("/nothing")[0], 404)
 
 
-def test_a_port_that_is_taken_is_said_and_tried_again():
-    import socket
+def test_a_socket_that_is_in_use_is_not_taken_away():
+    bed = Bed(PIPELINE)
+    bed.start_daemon()
+    bed.start()
+    bed.wait_in_sync()
+    first = bed.agent
+    other = Bed(PIPELINE)
+    other.start(http="unix:" + bed.socket, supervise=False)
+    wait_until(lambda: "the pages cannot be served at unix:" in other.agent.text(), "it is said",
+               other.agent.text)
+    equal(bed.wait_in_sync()["daemon"]["address"], f"127.0.0.1:{bed.port}")
+    # What a process that is gone has left is no obstacle.
+    first.end()
+    wait_until(lambda: "pages: served at" in other.agent.text(), "it is served", other.agent.text)
 
+
+def test_traffic_of_ports_is_counted():
+    bed = Bed("ports: {p: {driver: PMDPort, arg: {vdev: net_null0}}}\n"
+              "modules: {in: {class: PortInc, arg: {port: p}}, out: Sink}\nconnections: [in -> out]\n")
+    bed.start_daemon()
+    bed.start()
+    bed.wait_in_sync()
+    text = wait_until(lambda: "norv_port_packets_total{" in bed.get("/metrics")[1] and bed.get("/metrics")[1],
+                      "it is told")
+    for name in ("packets", "bytes", "dropped_packets"):
+        for way in ("in", "out"):
+            assert re.search(rf'^norv_port_{name}_total{{port="p",direction="{way}"}} \d+$', text, re.M), text
+
+
+def test_few_commands_are_queued_at_once():
+    bed = Bed(many(200))
+    bed.start_daemon()
+    bed.start()
+    bed.wait_in_sync()
+    depths = re.findall(r'^norv_queue_depth_max\{.*\} (\d+)$', bed.get("/metrics")[1], re.M)
+    assert 16 < max(map(int, depths)) <= 64, depths
+
+
+def test_a_request_has_a_size():
+    bed = Bed(PIPELINE)
+    bed.start_daemon()
+    bed.start()
+    bed.wait_in_sync()
+    for request, statuses in (
+        (b"POST / HTTP/1.1\r\nHost: x\r\nContent-Length: 5000\r\n\r\n" + b"x" * 5000, (413,)),
+        (b"GET /" + b"x" * 20000 + b" HTTP/1.1\r\nHost: x\r\n\r\n", (414,)),
+        (b"POST / HTTP/1.1\r\nHost: x\r\nContent-Length: 2\r\n\r\nxx", (404,)),
+    ):
+        with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as one:
+            one.settimeout(harness.PATIENCE)
+            one.connect(bed.socket)
+            one.sendall(request)
+            answer = one.recv(65536)
+        assert int(answer.split()[1]) in statuses, (request[:50], answer)
+    equal(bed.get("/healthz")[0], 200)
+
+
+def test_a_port_that_is_taken_is_said_and_tried_again():
     bed = Bed(PIPELINE)
     bed.start_daemon()
     with socket.socket() as listener:
@@ -533,24 +1120,49 @@ def test_a_port_that_is_taken_is_said_and_tried_again():
     wait_until(lambda: "pages: served at" in bed.agent.text(), "they are served", bed.agent.text)
 
 
-def test_a_slow_reader_holds_nothing_up():
-    import socket
-
+def test_slow_readers_hold_nothing_up():
     bed = Bed(PIPELINE)
     bed.start_daemon()
     bed.start()
     bed.wait_in_sync()
-    slow = []
-    for _ in range(12):
-        one = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-        one.connect(bed.socket)
-        one.sendall(b"GET / HTT")
-        slow.append(one)
-    equal(wait_until(lambda: bed.get("/healthz"), "others are served")[0], 200)
-    bed.write(PIPELINE.replace("fib:1", "fib:6"))
-    as_wanted(bed)
+    over = threading.Event()
+
+    def drip():
+        """Asks a byte at a time, without an end."""
+        while not over.is_set():
+            try:
+                with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as one:
+                    one.connect(bed.socket)
+                    one.sendall(b"GET / HTTP/1.1\r\nX: ")
+                    while not over.wait(0.05):
+                        one.sendall(b"x")
+            except OSError:
+                pass
+
+    def never_reads():
+        """Asks, and does not take the answer."""
+        while not over.is_set():
+            try:
+                with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as one:
+                    one.connect(bed.socket)
+                    one.sendall(b"GET / HTTP/1.1\r\n\r\n")
+                    over.wait(5)
+            except OSError:
+                pass
+
+    slow = [threading.Thread(target=which, daemon=True) for which in [drip] * 40 + [never_reads] * 20]
     for one in slow:
-        one.close()
+        one.start()
+    try:
+        for _ in range(3):
+            equal(wait_until(lambda: bed.get("/healthz"), "others are served")[0], 200)
+        bed.write(PIPELINE.replace("fib:1", "fib:6"))
+        wait_until(lambda: "fib:6 -> other" in bed.live(), "as wanted", bed.agent.text)
+    finally:
+        over.set()
+        for one in slow:
+            one.join()
+    as_wanted(bed)
 
 
 def test_the_status_on_a_terminal():
@@ -571,6 +1183,28 @@ def test_the_status_on_a_terminal():
     finished = norvctl("status", "--agent", "unix:" + bed.folder + "/nobody")
     equal(finished.status, 3, finished)
     assert "no norvd answers at unix:" in finished.err, finished
+    for wrong in ("127.0.0.1:http", "127.0.0.1:99999", "http://127.0.0.1:9514", "::1:9514", "unix:"):
+        finished = norvctl("status", "--agent", wrong)
+        equal(finished.status, 1, finished)
+        assert "that is neither HOST:PORT nor unix:PATH" in finished.err, finished
+
+
+def test_the_status_is_watched():
+    bed = Bed(PIPELINE)
+    bed.start_daemon()
+    bed.start()
+    bed.wait_in_sync()
+    watching = harness.Process(harness.NORVCTL, "status", "--watch", "--agent", "unix:" + bed.socket)
+    watching.wait_for(r"(?s)nothing to do: 7 .*nothing to do: 7 ")
+    bed.write(PIPELINE.replace("class: Source", "class: Sauce"))
+    watching.wait_for("as wanted by the last good|no module class")
+    bed.agent.end()
+    watching.wait_for("no norvd answers at unix:", err=True)
+    bed.write(PIPELINE)
+    bed.start()
+    watching.wait_for(r"(?s)no module class.*nothing to do: 7 ")
+    watching.signal(signal.SIGINT)
+    equal(watching.finish().status, 0)
 
 
 if __name__ == "__main__":

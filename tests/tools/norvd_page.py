@@ -75,6 +75,22 @@ class Browser:
     def text(self):
         return self.run("return document.body.innerText")
 
+    def elements(self, selector):
+        """How many there are; asked of the browser and not by a script of the page."""
+        return len(self._found(selector))
+
+    def words(self, selector):
+        """What the first of them says; empty while there is none."""
+        try:
+            found = self._found(selector)
+            return self._send("GET", f"{self.session}/element/{found[0]}/text") if found else ""
+        except urllib.error.HTTPError:
+            return ""  # another page came meanwhile, or none
+
+    def _found(self, selector):
+        return [next(iter(one.values())) for one in self._send(
+            "POST", self.session + "/elements", {"using": "css selector", "value": selector})]
+
     def screenshot(self, path):
         with open(path, "wb") as file:
             file.write(base64.b64decode(self._send("GET", self.session + "/screenshot")))
@@ -172,6 +188,24 @@ def test_is_readable_without_scripts_and_on_a_phone():
     equal(browser.run("return document.querySelectorAll('[src],link[href]:not([href^=\"data:\"])')"
                       ".length"), 0)
     keep(browser, "norvd-phone.png")
+    browser.close()
+
+
+def test_goes_on_without_scripts():
+    bed = Bed(DOCUMENT)
+    bed.start_daemon()
+    address = served(bed, "--observe")
+    browser = Browser(bed.folder, scripts=False)
+    browser.go(address)
+    # Where scripts run, what they replace is text and no element.
+    equal(browser.elements("noscript meta[http-equiv=refresh]"), 1)
+    wait_until(lambda: "differs" in browser.words("#objects"), "what differs is shown")
+    bed.agent.signal(harness.signal.SIGTERM)
+    bed.agent.finish()
+    bed.start(http=address[len("http://"):].rstrip("/"))
+    # The page is loaded again by itself.
+    wait_until(lambda: "nothing to do: 7 objects are as wanted" in browser.words("main"), "in sync")
+    equal(browser.elements("svg.pipeline g.node"), 4)
     browser.close()
 
 

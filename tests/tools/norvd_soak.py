@@ -86,6 +86,16 @@ class Soak:
         if child:
             os.kill(child, signal.SIGKILL)
 
+    def kept(self):
+        """Files of the state directory, and their bytes."""
+        sizes = []
+        for entry in os.scandir(self.bed.state):
+            try:
+                sizes.append(entry.stat().st_size)
+            except FileNotFoundError:
+                pass  # replaced meanwhile
+        return len(sizes), sum(sizes)
+
     def fault(self):
         kind = self.generator.choice(["status", "error", "undecodable", "no-reply", "hang-up",
                                       "hang-up-after", "delay ms=100"])
@@ -118,7 +128,8 @@ def test_ends_as_wanted():
     seed = int(os.environ.get("NORV_SEED", "1"))
     soak = Soak(seed)
     print(f"seed {seed}, {SECONDS:.0f} s\n")
-    print("| s | steps | restarts | commands | resident, KiB | files |\n|--:|--:|--:|--:|--:|--:|")
+    print("| s | steps | restarts | commands | resident, KiB | open files | kept files | kept, KiB |\n"
+          "|--:|--:|--:|--:|--:|--:|--:|--:|")
     start = time.monotonic()
     residents = []
     files = []
@@ -132,11 +143,15 @@ def test_ends_as_wanted():
         soak.settle()
         status = soak.bed.status()
         kib, opened = soak.resident()
+        kept, kept_bytes = soak.kept()
         residents.append(kib)
         files.append(opened)
         commands = sum(status["outcomes"].values())
         print(f"| {time.monotonic() - start:.0f} | {steps} | {status['restarts']} | {commands} "
-              f"| {kib} | {opened} |", flush=True)
+              f"| {kib} | {opened} | {kept} | {kept_bytes // 1024} |", flush=True)
+        # The recordings of eight failures, with their details; else one file for each purpose.
+        assert kept <= 16 + 10, os.listdir(soak.bed.state)
+        assert kept_bytes < 12 * 4.5 * 1024 * 1024, kept_bytes
     print("\n" + ", ".join(f"{count} {name}" for name, count in sorted(soak.counts.items())))
     assert steps >= 10, steps
     # Nothing grows without end: the later half is not far above the first.
