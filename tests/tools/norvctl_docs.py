@@ -37,7 +37,7 @@ class Place:
         os.symlink(harness.SOURCES + "/examples", self.folder + "/examples")
         self.write("commands.jsonl", '{"type":"getVersion"}\n')
         self.write("talk.jsonl", '{"type":"getVersion","request":{},"response":{"version":"1"},"status":{"code":0,"message":""}}\n')
-        self.write("127.0.0.1.yaml", "modules: {a: Sink}\n")
+        self.write("127.0.0.1.yaml", "modules: {a: Sink, fib: Bypass}\n")
         os.mkdir(self.folder + "/.zfunc")
         self.standin = Standin()
         pages = f"unix:{self.folder}/pages"
