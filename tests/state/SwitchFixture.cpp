@@ -136,7 +136,15 @@ TestSwitch::Applied TestSwitch::apply(const Switch& wanted, const PlanOptions& o
   const Plan plan = makePlan(read(), wanted, options);
   record_.begin(plan, wanted);
   Applied applied = carryOut(plan);
-  record_.end(plan, applied.states, wanted, readSwitch(server_->inProcessChannel()));
+  const LiveSwitch after = readSwitch(server_->inProcessChannel());
+  // What did not decode has been done if nothing is left of it.
+  std::set<Object> open;
+  for (const Change& change : makePlan(after, wanted, options).changes) open.insert(change.object);
+  for (std::size_t i = 0; i < applied.states.size(); ++i) {
+    const bool unclear = applied.states[i].kind == Execution::State::Kind::unclear;
+    if (unclear && !open.contains(plan.changes[i].object)) applied.states[i] = {};
+  }
+  record_.end(plan, applied.states, wanted, after);
   return applied;
 }
 
