@@ -192,12 +192,6 @@ class Generator {
       text += "  - {from: " + from + ", ogate: " + std::to_string(gate) + ", to: " + to +
               (pick(4) == 0 ? ", skip_default_hooks: true" : "") + "}\n";
       if (!hooks_ || pick(4) != 0) return;
-      // None where a table may not be told: the reply to a hook that comes back with its module
-      // says nothing, and then the table counts as unknown again.
-      const auto mayHaveTable = [&](const std::string& name) {
-        return std::find(splits_.begin(), splits_.end(), name) != splits_.end();
-      };
-      if (mayHaveTable(from) || mayHaveTable(to)) return;
       hooks += pick(2) == 0 || !inputs_.insert(to).second
                    ? "  - {class: Track, module: " + from + ", ogate: " + std::to_string(gate) +
                          ", name: out" + number(2) + "}\n"
