@@ -63,6 +63,7 @@ def test_a_daemon_that_is_absent_at_the_start():
     bed.start_daemon()
     as_wanted(bed)
     equal(bed.get("/readyz")[0], 200)
+    assert f"daemon: answers at 127.0.0.1:{bed.port}" in bed.agent.text(), bed.agent.text()
 
 
 def test_a_daemon_that_is_killed_while_nothing_goes_on():
@@ -596,6 +597,9 @@ def test_what_the_last_process_ended_of_is_told_until_the_switch_answers():
         "stopped after a failure: the daemon does not answer any more: "), "it is said")
     bed.daemon.signal(signal.SIGCONT)
     as_wanted(bed)
+    # It is over then, also for the next one.
+    with open(f"{bed.state}/localhost_{bed.port}.norvd", encoding="utf-8") as file:
+        equal(json.load(file)["lost"], "")
 
 
 # --- the document ---------------------------------------------------------------------------------
@@ -812,6 +816,8 @@ def test_a_refused_object_is_tried_again_and_the_rest_is_right():
     equal(status["objects"]["connection fib:1"]["text"], "by module fib")
     equal(status["objects"]["module drop"]["state"], "in sync")
     assert status["state"].startswith("refused: module fib: "), status
+    failures = [one["text"] for one in status["failures"]]
+    assert any(text.startswith("createModule of module fib was refused: ") for text in failures), failures
     harness.Process(harness.STANDIN, "ctl", f"unix:{bed.folder}/control", "clear").finish()
     as_wanted(bed)
 
