@@ -3,7 +3,9 @@
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME norv)
 set(CPACK_PACKAGE_VENDOR "")
-set(CPACK_PACKAGE_CONTACT "the maintainers of norv <maintainers@localhost>")
+# Who builds packages for others says whom to write to.
+set(NORV_MAINTAINER "the maintainers of norv <maintainers@localhost>" CACHE STRING "Of the packages")
+set(CPACK_PACKAGE_CONTACT "${NORV_MAINTAINER}")
 set(CPACK_PACKAGE_DIRECTORY ${PROJECT_BINARY_DIR}/packages)
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
@@ -20,8 +22,12 @@ set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_COMPONENTS_ALL "")
 
-# norv_package(COMPONENT PACKAGE SECTION SUMMARY DESCRIPTION [DEPENDS component...]): each file of the
-# description is a paragraph of it.
+# The loader's cache is brought up to date when the libraries come and go.
+file(WRITE ${PROJECT_BINARY_DIR}/triggers "activate-noawait ldconfig\n")
+set(CPACK_DEBIAN_LUMO_PACKAGE_CONTROL_EXTRA ${PROJECT_BINARY_DIR}/triggers)
+set(CPACK_DEBIAN_NORV_PACKAGE_CONTROL_EXTRA ${PROJECT_BINARY_DIR}/triggers)
+
+# norv_package(COMPONENT PACKAGE SECTION SUMMARY DESCRIPTION [DEPENDS component...])
 function(norv_package component package section summary description)
   cmake_parse_arguments(THE "" "" "DEPENDS" ${ARGN})
   string(TOUPPER ${component} name)
@@ -41,7 +47,7 @@ set(changelog "norv (${PROJECT_VERSION}-1) unstable; urgency=medium
 
   * The changes of this version are told in CHANGELOG.md, in norv-doc.
 
- -- the maintainers of norv <maintainers@localhost>  Sun, 22 Nov 2026 00:00:00 +0000
+ -- ${NORV_MAINTAINER}  Sun, 22 Nov 2026 00:00:00 +0000
 ")
 file(WRITE ${PROJECT_BINARY_DIR}/changelog.Debian "${changelog}")
 execute_process(COMMAND gzip -9nkf ${PROJECT_BINARY_DIR}/changelog.Debian)
