@@ -1,10 +1,12 @@
 #include <cxxabi.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdlib>
 #include <map>
 #include <memory>
 #include <ostream>
+#include <utility>
 
 #include <Lumo/AllocTrackTypeInfo.h>
 
@@ -15,6 +17,72 @@ namespace {
 // Head of the list of all records that have counted something. Records are pushed once, with a
 // release store that publishes their fields, and never removed.
 constinit std::atomic<AllocTrackTypeInfo*> head{nullptr};
+
+// How many classes a thread counts for itself. 4 KiB a thread.
+constexpr std::size_t places = 256;
+constinit std::atomic<std::size_t> placesTaken{0};
+
+// What one thread has counted. It is the only one that writes here, so a load and a store are a
+// change. When it ends, a later thread goes on with its counts: there are never more of these than
+// there were threads at once, and none is ever freed.
+struct ThreadCounts {
+  struct OfClass {
+    std::atomic<U64> allocations{0};
+    std::atomic<U64> deallocations{0};
+  };
+  static void inc(std::atomic<U64>& counter) {
+    counter.store(counter.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+  }
+
+  std::array<OfClass, places> of;
+  std::atomic<bool> inUse{true};
+  ThreadCounts* next = nullptr;  // set before it is published, never changed after
+};
+constinit std::atomic<ThreadCounts*> allCounts{nullptr};
+
+[[gnu::tls_model("initial-exec")]] thread_local constinit ThreadCounts* ownCounts = nullptr;
+
+// Gives the counts of a thread back at its end. What is still allocated after that, by what else
+// ends with the thread, takes others, which stay its own.
+struct AtThreadEnd {
+  ~AtThreadEnd() {
+    std::exchange(ownCounts, nullptr)->inUse.store(false, std::memory_order_release);
+  }
+};
+
+ThreadCounts* unused() {
+  for (ThreadCounts* counts = allCounts.load(std::memory_order_acquire); counts;
+       counts = counts->next) {
+    bool inUse = false;
+    if (counts->inUse.compare_exchange_strong(inUse, true, std::memory_order_acquire)) {
+      return counts;
+    }
+  }
+  return nullptr;
+}
+
+// Null when there is no memory for them.
+ThreadCounts* takeCounts() {
+  ownCounts = unused();
+  if (!ownCounts) {
+    ownCounts = new (std::nothrow) ThreadCounts;
+    if (!ownCounts) return nullptr;
+    ownCounts->next = allCounts.load(std::memory_order_relaxed);
+    while (!allCounts.compare_exchange_weak(ownCounts->next, ownCounts, std::memory_order_release,
+                                            std::memory_order_relaxed)) {
+    }
+  }
+  static thread_local AtThreadEnd atThreadEnd;
+  static_cast<void>(&atThreadEnd);
+  return ownCounts;
+}
+
+// Null where the class has no place.
+ThreadCounts::OfClass* ownCountsOf(std::size_t place) {
+  if (place >= places) return nullptr;
+  ThreadCounts* const counts = ownCounts ? ownCounts : takeCounts();
+  return counts ? &counts->of[place] : nullptr;
+}
 
 std::string readable(const std::type_info& type) {
   int status = 0;
@@ -27,6 +95,10 @@ std::string readable(const std::type_info& type) {
 
 void AllocTrackTypeInfo::trackAllocation(AllocTrackTypeInfo* info, const std::type_info& type,
                                          std::size_t size) {
+  if (auto* own = ownCountsOf(info->place_.load(std::memory_order_relaxed))) {
+    ThreadCounts::inc(own->allocations);
+    return;
+  }
   info->allocations_.fetch_add(1, std::memory_order_relaxed);
   if (info->size_.load(std::memory_order_relaxed) != size) {
     info->size_.store(size, std::memory_order_relaxed);
@@ -42,10 +114,28 @@ void AllocTrackTypeInfo::enterList(const std::type_info& type) {
   while (!head.compare_exchange_weak(next_, this, std::memory_order_release,
                                      std::memory_order_relaxed)) {
   }
+  place_.store(placesTaken.fetch_add(1, std::memory_order_relaxed), std::memory_order_relaxed);
 }
 
 void AllocTrackTypeInfo::trackDeallocation(AllocTrackTypeInfo* info) {
-  info->deallocations_.fetch_add(1, std::memory_order_relaxed);
+  if (auto* own = ownCountsOf(info->place_.load(std::memory_order_relaxed))) {
+    ThreadCounts::inc(own->deallocations);
+  } else {
+    info->deallocations_.fetch_add(1, std::memory_order_relaxed);
+  }
+}
+
+AllocTrackTypeInfo::Counts AllocTrackTypeInfo::counted() const {
+  Counts sum{allocations_.load(std::memory_order_relaxed),
+             deallocations_.load(std::memory_order_relaxed)};
+  const std::size_t place = place_.load(std::memory_order_relaxed);
+  if (place >= places) return sum;
+  for (const ThreadCounts* counts = allCounts.load(std::memory_order_acquire); counts;
+       counts = counts->next) {
+    sum.allocations += counts->of[place].allocations.load(std::memory_order_relaxed);
+    sum.deallocations += counts->of[place].deallocations.load(std::memory_order_relaxed);
+  }
+  return sum;
 }
 
 void AllocTrackTypeInfo::trackArrayAllocation(AllocTrackTypeInfo* info, const std::type_info& type,

@@ -3,6 +3,9 @@
 
 #include <sstream>
 #include <stdexcept>
+#include <thread>
+#include <utility>
+#include <vector>
 
 #include "Thing.h"
 
@@ -106,6 +109,76 @@ TEST_F(AllocationTest, ClassesWithoutOperatorsAreRecordedAsTheBase) {
     EXPECT_EQ(base.live(), before + 2);
   }
   EXPECT_EQ(base.live(), before);
+}
+
+TEST_F(AllocationTest, AddsUpWhatThreadsDoAtOnce) {
+  constexpr int threads = 8, objects = 1000;
+  {
+    std::vector<std::jthread> running;
+    for (int i = 0; i < threads; ++i) {
+      running.emplace_back([] {
+        for (int n = 0; n < objects; ++n) Lumo::allocate<Tracked>();
+      });
+    }
+  }
+  EXPECT_EQ(record.allocations(), allocations + threads * objects);
+  EXPECT_EQ(record.deallocations(), deallocations + threads * objects);
+  EXPECT_EQ(record.bytes(), bytes + threads * objects * sizeof(Tracked));
+}
+
+TEST_F(AllocationTest, KeepsWhatThreadsAfterEachOtherDid) {
+  std::vector<Lumo::Ptr<Tracked>> kept;
+  for (int i = 0; i < 50; ++i) {
+    std::thread([&] { kept.push_back(Lumo::allocate<Tracked>()); }).join();
+    EXPECT_EQ(record.allocations(), allocations + static_cast<U64>(i) + 1);
+  }
+  // On another thread than they were made.
+  kept.clear();
+  EXPECT_EQ(record.live(), live);
+}
+
+TEST_F(AllocationTest, CountsWhileOthersRead) {
+  std::atomic<bool> over{false};
+  std::jthread reader([&] {
+    while (!over) EXPECT_LE(record.live() - live, 1u);
+  });
+  for (int n = 0; n < 20000; ++n) Lumo::allocate<Tracked>();
+  over = true;
+}
+
+// An object that lives as long as its thread, and goes after all else of it.
+TEST_F(AllocationTest, CountsWhatEndsWithItsThread) {
+  for (int i = 0; i < 3; ++i) {
+    std::thread([] {
+      static thread_local Lumo::Ptr<Tracked> last;
+      last = Lumo::allocate<Tracked>();
+    }).join();
+  }
+  EXPECT_EQ(record.allocations(), allocations + 3);
+  EXPECT_EQ(record.live(), live);
+}
+
+// More classes than any program has.
+template <int number>
+class Many : public PtrInterface {
+  LUMO_OBJECT(Many)
+};
+template <int number>
+constinit const Lumo::LumoType Many<number>::_lumoType("Many");
+
+template <int... numbers>
+void countsAll(std::integer_sequence<int, numbers...>) {
+  const auto twice = [](auto make, const AllocTrackTypeInfo& record) {
+    const auto kept = make();
+    make();
+    EXPECT_EQ(record.allocations(), 2u);
+    EXPECT_EQ(record.live(), 1u);
+  };
+  (twice(&Lumo::allocate<Many<numbers>>, Many<numbers>::lumoAllocTrackTypeInfo_), ...);
+}
+
+TEST_F(AllocationTest, CountsManyClasses) {
+  countsAll(std::make_integer_sequence<int, 300>());
 }
 
 TEST_F(AllocationTest, EachClassHasItsOwnRecord) {

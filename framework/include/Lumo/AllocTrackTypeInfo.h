@@ -12,8 +12,10 @@
 namespace Lumo {
 
 // What one class has allocated: counters that its operator new and delete keep, readable at any
-// time from any thread. A record is constant-initialised and enters the process-wide list of
-// records at its first allocation.
+// time from any thread; a reader sees all that happened before by the order of threads. A record is
+// constant-initialised and enters the process-wide list of records at its first allocation. Each
+// thread counts for itself, so that counting needs no atomic change; reading adds them up, which
+// takes time with the number of threads.
 class AllocTrackTypeInfo {
  public:
   constexpr AllocTrackTypeInfo() = default;
@@ -29,25 +31,37 @@ class AllocTrackTypeInfo {
                                    std::size_t size);
   static void trackArrayDeallocation(AllocTrackTypeInfo* info);
 
-  U64 allocations() const {
-    return allocations_.load(std::memory_order_relaxed) +
-           arrayAllocations_.load(std::memory_order_relaxed);
+  U64 allocations() const { return counted().allocations + arrays(); }
+  U64 deallocations() const { return counted().deallocations; }
+  U64 live() const {
+    const U64 gone = deallocations();  // first: none is gone before it was there
+    return allocations() - gone;
   }
-  U64 deallocations() const { return deallocations_.load(std::memory_order_relaxed); }
-  U64 live() const { return allocations() - deallocations(); }
   // Bytes recorded by all allocations so far; deallocations do not lower it.
   U64 bytes() const {
-    return allocations_.load(std::memory_order_relaxed) * size_.load(std::memory_order_relaxed) +
+    return counted().allocations * size_.load(std::memory_order_relaxed) +
            arrayBytes_.load(std::memory_order_relaxed);
   }
 
  private:
   friend std::vector<struct AllocTrackRow> allocTrackSnapshot();
 
+  struct Counts {
+    U64 allocations = 0;  // of single objects
+    U64 deallocations = 0;
+  };
+
   void enterList(const std::type_info& type);
+  Counts counted() const;
+  U64 arrays() const { return arrayAllocations_.load(std::memory_order_relaxed); }
 
   // Counters are independent of each other and of the memory they count: relaxed. One of them
   // changes per allocation; the bytes of single objects follow from their number.
+  //
+  // The place of this class among the counts of a thread. Until it has one, and where there is none
+  // left, the two counters below are changed by all threads.
+  static constexpr std::size_t noPlace = ~std::size_t{0};
+  std::atomic<std::size_t> place_{noPlace};
   std::atomic<U64> allocations_{0};
   std::atomic<U64> deallocations_{0};
   std::atomic<std::size_t> size_{0};
