@@ -99,8 +99,7 @@ bool GenericTraits<bool>::unwrap(const GenericValue& value) {
   throwTypeMismatch("a bool", value);
 }
 
-void GenericIfImpl::checkCount(std::size_t expected, std::size_t got) {
-  if (expected == got) return;
+void GenericIfImpl::throwWrongCount(std::size_t expected, std::size_t got) {
   throwRangeException("expected " + std::to_string(expected) + " argument(s), got " +
                       std::to_string(got));
 }
@@ -111,6 +110,11 @@ void GenericIfImpl::attributeOp(const LumoType& type, PtrInterface* object, bool
   const LumoAttr* row = op.attr() ? type.attr(op.attr()->attributeId()) : nullptr;
   const bool changes = op.opId() != opRead && op.opId() != opMemberRead;
   if (!row || !row->offers(op.opId()) || (isConst && changes)) throwOpNotSupportedException(op);
+  if (result->isVoid()) {
+    row->ops_[op.opId()](object, args, result);
+    *resultSet = !result->isVoid();
+    return;
+  }
   GenericValue value;
   row->ops_[op.opId()](object, args, &value);
   *resultSet = !value.isVoid();

@@ -54,13 +54,6 @@ const LumoAttr* LumoType::attr(const char* name) const {
   return found == attributes_.end() ? nullptr : &*found;
 }
 
-const LumoAttr* LumoType::attr(int attributeId) const {
-  for (const LumoAttr& row : attributes_) {
-    if (row.attributeId() == attributeId) return &row;
-  }
-  return nullptr;
-}
-
 void typeNodeIs(const LumoType* type) {
   registered().push_back(type);
 }

@@ -45,7 +45,7 @@ void GrpcCmd::freeRequestMemory() {
 }
 
 Lumo::Ptr<GrpcCmd> grpcCmdFactory(google::protobuf::Message* request, GrpcRequestType requestType) {
-  return GrpcCmd::GrpcCmdIs(request, requestType);
+  return Lumo::allocate<GrpcCmd>(request, requestType);
 }
 
 Lumo::GenericValue genericMessage(google::protobuf::Message* message) {

@@ -22,12 +22,24 @@ struct Confidant {
       throw;
     }
   }
+
+  // A class without a switch of its own only has the flag.
+  template <class T>
+  static constexpr bool onlyFlag = requires {
+    requires std::is_same_v<decltype(&T::hasNotificationActiveIs), void (PtrInterface::*)(bool)>;
+  };
+  template <class T>
+  static void activateFresh(const T& object) {
+    object.references_.activateFresh();
+  }
 };
 
-// Switches notification on for an object that has such a switch.
+// Switches notification on for a fresh object that has such a switch.
 template <class T>
 void maybeCallHasNotificationActiveIsTrue(T* object) {
-  if constexpr (requires { object->hasNotificationActiveIs(true); }) {
+  if constexpr (Confidant::onlyFlag<T>) {
+    Confidant::activateFresh<PtrInterface>(*object);
+  } else if constexpr (requires { object->hasNotificationActiveIs(true); }) {
     object->hasNotificationActiveIs(true);
   }
 }

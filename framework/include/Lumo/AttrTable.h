@@ -35,6 +35,7 @@ struct Member<R (*)(A...)> {
 };
 
 // The operation that calls one member function, its arguments unwrapped and its result wrapped.
+// `result` holds nothing before, which need not be destroyed: the value is made in its place.
 template <class T, auto Function>
 void callMember(PtrInterface* object, GenericArgs args, GenericValue* result) {
   using M = Member<decltype(Function)>;
@@ -44,8 +45,9 @@ void callMember(PtrInterface* object, GenericArgs args, GenericValue* result) {
         if constexpr (std::is_void_v<typename M::Result>) {
           (static_cast<T*>(object)->*Function)(value...);
         } else {
-          *result = GenericIfImpl::wrapAttrValue<typename M::Result>(
-              (static_cast<T*>(object)->*Function)(value...));
+          ::new (static_cast<void*>(result))
+              GenericValue(GenericIfImpl::wrapAttrValue<typename M::Result>(
+                  (static_cast<T*>(object)->*Function)(value...)));
         }
       },
       values);

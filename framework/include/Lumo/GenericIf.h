@@ -51,10 +51,10 @@ struct GenericIfImpl {
  private:
   template <class Tuple, std::size_t... I>
   static Tuple unwrap(GenericArgs args, std::index_sequence<I...>) {
-    checkCount(sizeof...(I), args.size());
+    if (args.size() != sizeof...(I)) throwWrongCount(sizeof...(I), args.size());
     return Tuple{GenericTraits<std::tuple_element_t<I, Tuple>>::unwrap(args[I])...};
   }
-  static void checkCount(std::size_t expected, std::size_t got);
+  [[noreturn]] static void throwWrongCount(std::size_t expected, std::size_t got);
 };
 
 // A walk over a collection attribute; move-only. Follows the rules of the collection's own

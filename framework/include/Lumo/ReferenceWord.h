@@ -62,6 +62,16 @@ class ReferenceWord {
     return false;
   }
 
+  // As activeIs(true), right after the object was made. Who else knows it holds a reference: where
+  // there is one alone, no count can be lost.
+  void activateFresh() {
+    if (word() == 1) {
+      word_.store(activeBit | 1, std::memory_order_relaxed);
+    } else {
+      activeIs(true);
+    }
+  }
+
   void markedIs(bool marked) { flagIs(markedBit, marked); }
   void activeIs(bool active) { flagIs(activeBit, active); }
 

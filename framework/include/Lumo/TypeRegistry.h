@@ -119,7 +119,12 @@ class LumoType {
   const char* typeName() const { return typeName_; }
   std::span<const LumoAttr> attributes() const { return attributes_; }
   const LumoAttr* attr(const char* name) const;  // null: no such attribute
-  const LumoAttr* attr(int attributeId) const;   // null: no such attribute
+  const LumoAttr* attr(int attributeId) const {  // null: no such attribute
+    for (const LumoAttr& row : attributes_) {
+      if (row.attributeId() == attributeId) return &row;
+    }
+    return nullptr;
+  }
 
   const GenericIfFn genericIf = nullptr;
   const AttributeOpFn attributeOp = nullptr;
