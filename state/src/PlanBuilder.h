@@ -124,6 +124,7 @@ class TrafficPlanner {
   void addClass(const std::string& name);
   void updateParams(const std::string& name);
   void planTasks(const std::map<std::string, std::size_t>& created);
+  std::string lacking(const Place& place) const;
   std::string crowded(const Place& place, const std::string& module, std::uint64_t number) const;
   std::optional<Place> wantedPlace(const std::string& module, std::uint64_t number) const;
   Place placeAfter(const Task& task) const;

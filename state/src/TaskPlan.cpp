@@ -42,6 +42,17 @@ bool TrafficPlanner::anyRunning() const {
   });
 }
 
+// What the place needs and nobody says: its class may be of another policy than it was.
+std::string TrafficPlanner::lacking(const Place& place) const {
+  const auto parent = target_.trafficClasses.find(place.parent);
+  if (parent == target_.trafficClasses.end()) return "";
+  const std::string& policy = parent->second.policy;
+  const bool share = policy == "weighted_fair" && !place.share;
+  if (!share && (policy != "priority" || place.priority)) return "";
+  return "it needs a " + std::string(share ? "share" : "priority") + " below " + place.parent +
+         "; state its place, too";
+}
+
 // What there is, or shall be, below classes that do not take any number of children.
 void TrafficPlanner::findChildren() {
   const auto enter = [&](const Place& place, const std::string& module, std::uint64_t number) {
@@ -188,6 +199,10 @@ void TrafficPlanner::planTasks(const std::map<std::string, std::size_t>& created
       builder_.impossible("no worker " + std::to_string(move.place.worker) +
                               " is there for its task; state one under \"workers\"",
                           move.change);
+      continue;
+    }
+    if (const std::string what = lacking(move.place); !what.empty()) {
+      builder_.impossible(what, move.change);
       continue;
     }
     if (const std::string who = crowded(move.place, move.module, move.number); !who.empty()) {

@@ -370,6 +370,10 @@ void TrafficPlanner::addClass(const std::string& name) {
       return;
     }
   }
+  if (const std::string what = lacking(placed.place); !what.empty()) {
+    classAdded_[name] = builder_.impossible(what, change);
+    return;
+  }
   auto request = std::make_unique<bess::pb::AddTcRequest>();
   auto& message = *request->mutable_class_();
   message.set_name(name);
