@@ -41,9 +41,12 @@ void CommandPlanner::change(const std::map<std::string, ModuleDifference>& diffe
     if (pause && workers != reached.end()) {
       for (const std::int64_t worker : workers->second) {
         if (traffic_.runsThroughout(worker)) standing.insert(worker);
-        // One that stops anyway has to have stopped.
-        if (const auto step = traffic_.stopped(worker)) stops_[name].push_back(*step);
       }
+    }
+    // One that stops anyway has to have stopped, also where it only came to the module before.
+    for (const auto& [worker, live] : live_.workers) {
+      const auto step = traffic_.stopped(worker);
+      if (pause && step && live.running.value_or(false)) stops_[name].push_back(*step);
     }
     if (pause && othersRun(standing)) findReached(stops_[name]);
     windows[standing].push_back(name);
