@@ -100,10 +100,19 @@ class TrafficPlanner {
   bool runsThroughout(std::int64_t worker) const;
 
  private:
+  using TaskName = std::pair<std::string, std::uint64_t>;
   struct Task {
     std::string module;
     std::uint64_t number;
     Place live;
+  };
+  struct Move {
+    std::string module;
+    std::uint64_t number;
+    Place place;
+    std::size_t change;
+    std::vector<std::size_t> after;
+    std::optional<Place> from;  // out of a class that others may come into
   };
 
   void findTasks();
@@ -123,8 +132,19 @@ class TrafficPlanner {
                        std::vector<std::size_t> behind = {});
   void addClass(const std::string& name);
   void updateParams(const std::string& name);
-  void planTasks(const std::map<std::string, std::size_t>& created);
-  std::string lacking(const Place& place) const;
+  using Created = std::map<std::string, std::size_t>;  // the step that creates a module
+  void planTasks(const Created& created);
+  void returnHeld(std::vector<Move>& moves);
+  std::optional<Move> createdMove(const std::string& name, std::uint64_t number,
+                                  const std::optional<Place>& before, std::size_t created);
+  std::optional<Move> changedMove(const std::string& name, std::uint64_t number,
+                                  std::optional<Place> before);
+  void placeWaiting(const Created& created, std::vector<Move>& moves);
+  std::vector<std::size_t> makeRoom(std::vector<Move>& moves);
+  std::string refusal(const Move& move) const;
+  std::string unfit(const Place& place) const;
+  std::optional<Place> livePlace(const std::string& module, std::uint64_t number) const;
+  std::size_t tasksOf(const std::string& module) const;
   std::string crowded(const Place& place, const std::string& module, std::uint64_t number) const;
   std::optional<Place> wantedPlace(const std::string& module, std::uint64_t number) const;
   Place placeAfter(const Task& task) const;
@@ -147,7 +167,7 @@ class TrafficPlanner {
   std::map<std::int64_t, std::int64_t>
       holdingOf_;  // the worker that holds a worker's tasks meanwhile
   std::map<std::int64_t, std::size_t> holdingChange_;
-  using TaskName = std::pair<std::string, std::uint64_t>;
+  std::map<TaskName, std::int64_t> held_;  // the worker made anew that a task comes back to
   // Below classes that take one child, or one at each priority.
   std::map<std::pair<std::string, std::optional<std::int64_t>>, std::vector<TaskName>> children_;
   std::map<TaskName, Place> movedTo_;

@@ -139,17 +139,13 @@ class ReferenceCheck {
           {mark, what + ": " + missing("traffic class", place.parent, &Switch::trafficClasses)});
       return;
     }
-    if (parent->policy == "priority" && !place.priority) {
-      problems.push_back({mark, what + " needs a \"priority\" below " + place.parent});
-    }
     if (parent->policy == "priority" && place.priority && *place.priority < 0) {
       problems.push_back({mark, what + ": a \"priority\" is 0 or more"});
     }
     if (parent->policy == "weighted_fair" && place.share && *place.share < 1) {
       problems.push_back({mark, what + ": a \"share\" is 1 or more"});
-    }
-    if (parent->policy == "weighted_fair" && !place.share) {
-      problems.push_back({mark, what + " needs a \"share\" below " + place.parent});
+    } else if (const std::string field = lacking(place, parent->policy); !field.empty()) {
+      problems.push_back({mark, what + " needs a \"" + field + "\" below " + place.parent});
     }
   }
 

@@ -17,6 +17,12 @@ HookPoint defaultHook(const Gate& output) {
   return {output, true, defaultHookClass, defaultHookName};
 }
 
+std::string lacking(const Place& place, const std::string& policy) {
+  if (policy == "priority" && !place.priority) return "priority";
+  if (policy == "weighted_fair" && place.share.value_or(0) < 1) return "share";
+  return "";
+}
+
 const char* sectionName(Kind kind) {
   switch (kind) {
     case Kind::plugin:

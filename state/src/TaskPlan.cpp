@@ -42,15 +42,27 @@ bool TrafficPlanner::anyRunning() const {
   });
 }
 
-// What the place needs and nobody says: its class may be of another policy than it was.
-std::string TrafficPlanner::lacking(const Place& place) const {
+// Why its class, which may be of another policy than it was, does not take what comes to the place.
+std::string TrafficPlanner::unfit(const Place& place) const {
   const auto parent = target_.trafficClasses.find(place.parent);
   if (parent == target_.trafficClasses.end()) return "";
-  const std::string& policy = parent->second.policy;
-  const bool share = policy == "weighted_fair" && !place.share;
-  if (!share && (policy != "priority" || place.priority)) return "";
-  return "it needs a " + std::string(share ? "share" : "priority") + " below " + place.parent +
-         "; state its place, too";
+  const std::string field = lacking(place, parent->second.policy);
+  if (field.empty()) return "";
+  return "it needs a " + field + " below " + place.parent + "; state its place, too";
+}
+
+std::optional<Place> TrafficPlanner::livePlace(const std::string& module,
+                                               std::uint64_t number) const {
+  const auto live = live_.modules.find(module);
+  if (live == live_.modules.end() || number >= live->second.tasks.size()) return {};
+  return live->second.tasks[number];
+}
+
+// How many tasks of the module are spoken of, here or at the daemon.
+std::size_t TrafficPlanner::tasksOf(const std::string& module) const {
+  const auto live = live_.modules.find(module);
+  return std::max(target_.modules.at(module).tasks.size(),
+                  live != live_.modules.end() ? live->second.tasks.size() : 0);
 }
 
 // What there is, or shall be, below classes that do not take any number of children.
@@ -64,13 +76,11 @@ void TrafficPlanner::findChildren() {
         {module, number});
   };
   for (const auto& [name, one] : target_.trafficClasses) enter(one.place, name, noTask);
-  for (const auto& [name, module] : target_.modules) {
-    const auto live = live_.modules.find(name);
-    const bool there = live != live_.modules.end();
-    const std::size_t tasks = std::max(module.tasks.size(), there ? live->second.tasks.size() : 0);
-    for (std::size_t i = 0; i < tasks; ++i) {
+  for (const auto& one : target_.modules) {
+    const std::string& name = one.first;
+    for (std::size_t i = 0; i < tasksOf(name); ++i) {
       auto place = wantedPlace(name, i);
-      if (!place && there && i < live->second.tasks.size()) place = live->second.tasks[i];
+      if (!place) place = livePlace(name, i);
       if (place) enter(*place, name, i);
     }
   }
@@ -92,26 +102,11 @@ std::string TrafficPlanner::crowded(const Place& place, const std::string& modul
   return "";
 }
 
-void TrafficPlanner::planTasks(const std::map<std::string, std::size_t>& created) {
-  findChildren();
-  struct Move {
-    std::string module;
-    std::uint64_t number;
-    Place place;
-    std::size_t change;
-    std::vector<std::size_t> after;
-    std::optional<Place> from;  // out of a class that others may come into
-  };
-  std::vector<Move> moves;
-  const auto modify = [&](const std::string& name) {
-    return builder_.change({Kind::module, name}, Action::change);
-  };
-  // A task that waits for a place is not worked on: on a switch that runs it gets one.
-  const bool running = anyRunning();
-  std::map<std::pair<std::string, std::uint64_t>, std::int64_t> holders;  // workers made anew
+// Tasks of workers that are made anew come back when these are there.
+void TrafficPlanner::returnHeld(std::vector<Move>& moves) {
   for (const std::int64_t worker : rebuilt_) {
     for (const Task& task : tasksOf_[worker]) {
-      holders.insert({{task.module, task.number}, worker});
+      held_.insert({{task.module, task.number}, worker});
       // Not before it was moved away, which would take it back.
       std::vector<std::size_t> after;
       if (const auto gone = workerDestroyed_.find(worker); gone != workerDestroyed_.end()) {
@@ -121,59 +116,61 @@ void TrafficPlanner::planTasks(const std::map<std::string, std::size_t>& created
           {task.module, task.number, placeAfter(task), holdingChange_[worker], after, {}});
     }
   }
-  for (const auto& [name, module] : target_.modules) {
-    const auto live = live_.modules.find(name);
-    const bool there = live != live_.modules.end();
-    const std::size_t tasks = std::max(module.tasks.size(), there ? live->second.tasks.size() : 0);
-    const auto made = created.find(name);
-    for (std::size_t i = 0; i < tasks; ++i) {
-      if (holders.contains({name, i})) continue;
-      auto before = there && i < live->second.tasks.size() ? live->second.tasks[i] : std::nullopt;
-      std::vector<std::size_t> after;
-      const std::int64_t root = before ? rootOf(live_, *before) : -1;
-      if (removed_.contains(root) && !target_.workers.empty()) {
-        before = Place{"", target_.workers.begin()->first, {}, {}};  // where it was moved to
-        after.push_back(workerDestroyed_.at(root));
-      }
-      if (made != created.end()) {
-        // Made anew, its task comes back where it was.
-        if (there && live->second.moduleClass != module.moduleClass) before.reset();
-        const auto wanted = wantedPlace(name, i);
-        if (!wanted && (!before || !before->stated())) continue;
-        const Place place = wanted ? *wanted : placeAfter({name, i, *before});
-        if (place.parent.empty() && !target_.workers.contains(place.worker)) continue;
-        moves.push_back({name,
-                         i,
-                         place,
-                         builder_.change({Kind::module, name}, Action::create),
-                         {made->second},
-                         {}});
-        continue;
-      }
-      auto wanted = wantedPlace(name, i);
-      if (!wanted && before && !before->stated() && running) wanted = Place();
-      if (!wanted || (before && before->stated() && samePlace(*before, *wanted))) continue;
-      const std::size_t change = modify(name);
-      builder_.detail(
-          change, "task " + std::to_string(i) + ": " +
-                      (before && before->stated() ? placeText(*before) : "nowhere yet") + " -> " +
-                      placeText(*wanted));
-      moves.push_back({name, i, *wanted, change, after, before});
-    }
+}
+
+// The task of a module that is made, or made anew: it comes back where it was.
+std::optional<TrafficPlanner::Move> TrafficPlanner::createdMove(const std::string& name,
+                                                                std::uint64_t number,
+                                                                const std::optional<Place>& before,
+                                                                std::size_t created) {
+  const auto live = live_.modules.find(name);
+  const bool comesBack = before && before->stated() && live != live_.modules.end() &&
+                         live->second.moduleClass == target_.modules.at(name).moduleClass;
+  const auto wanted = wantedPlace(name, number);
+  if (!wanted && !comesBack) return {};
+  const Place place = wanted ? *wanted : placeAfter({name, number, *before});
+  if (place.parent.empty() && !target_.workers.contains(place.worker)) return {};
+  const std::size_t change = builder_.change({Kind::module, name}, Action::create);
+  return Move{name, number, place, change, {created}, {}};
+}
+
+std::optional<TrafficPlanner::Move> TrafficPlanner::changedMove(const std::string& name,
+                                                                std::uint64_t number,
+                                                                std::optional<Place> before) {
+  std::vector<std::size_t> after;
+  const std::int64_t root = before ? rootOf(live_, *before) : -1;
+  if (removed_.contains(root) && !target_.workers.empty()) {
+    before = Place{"", target_.workers.begin()->first, {}, {}};  // where it was moved to
+    after.push_back(workerDestroyed_.at(root));
   }
+  const bool hasPlace = before && before->stated();
+  auto wanted = wantedPlace(name, number);
+  // A task that waits for a place is not worked on: on a switch that runs it gets one.
+  if (!wanted && before && !hasPlace && anyRunning()) wanted = Place();
+  if (!wanted || (hasPlace && samePlace(*before, *wanted))) return {};
+  const std::size_t change = builder_.change({Kind::module, name}, Action::change);
+  builder_.detail(change, "task " + std::to_string(number) + ": " +
+                              (hasPlace ? placeText(*before) : "nowhere yet") + " -> " +
+                              placeText(*wanted));
+  return Move{name, number, *wanted, change, after, before};
+}
+
+// The daemon gives all tasks that wait a place with the first call that does for one.
+void TrafficPlanner::placeWaiting(const Created& created, std::vector<Move>& moves) {
+  if (!anyRunning()) return;
   std::set<std::string> moved;
   for (const Move& move : moves) moved.insert(move.module);
-  // The daemon gives all that wait a place with the first call that does for one.
-  for (const auto& one : created) {
-    const std::string& name = one.first;
-    const std::size_t step = one.second;
+  for (const auto& [name, step] : created) {
     const ClassRow* row = classRow(target_.modules.at(name).moduleClass);
-    if (!running || row == nullptr || !row->tasks || moved.contains(name)) continue;
-    moves.push_back(
-        {name, 0, {}, builder_.change({Kind::module, name}, Action::create), {step}, {}});
-    break;
+    if (row == nullptr || !row->tasks || moved.contains(name)) continue;
+    const std::size_t change = builder_.change({Kind::module, name}, Action::create);
+    moves.push_back({name, 0, {}, change, {step}, {}});
+    return;
   }
-  // Tasks that make room for others go to their worker's top first.
+}
+
+// Tasks that make room for others go to their worker's top first: the steps that take them there.
+std::vector<std::size_t> TrafficPlanner::makeRoom(std::vector<Move>& moves) {
   std::vector<std::size_t> out;
   std::map<std::string, std::size_t> comers;
   for (const Move& move : moves) ++comers[move.place.parent];
@@ -191,31 +188,51 @@ void TrafficPlanner::planTasks(const std::map<std::string, std::size_t>& created
     out.push_back(moveTask(move.module, move.number, top, move.change, {}));
     move.after.push_back(out.back());
   }
+  return out;
+}
+
+// Why the daemon would refuse the move, by which the task loses its class; empty: it would not.
+std::string TrafficPlanner::refusal(const Move& move) const {
+  const Place& place = move.place;
+  if (place.parent.empty() && place.worker >= 0 && !target_.workers.contains(place.worker)) {
+    return "no worker " + std::to_string(place.worker) +
+           " is there for its task; state one under \"workers\"";
+  }
+  if (const std::string why = unfit(place); !why.empty()) return why;
+  const std::string who = crowded(place, move.module, move.number);
+  if (who.empty()) return "";
+  return "there is no room for it below " + place.parent + ": " + who +
+         " is there; state its place, too";
+}
+
+void TrafficPlanner::planTasks(const Created& created) {
+  findChildren();
+  std::vector<Move> moves;
+  returnHeld(moves);
+  for (const auto& one : target_.modules) {
+    const std::string& name = one.first;
+    const auto made = created.find(name);
+    for (std::size_t i = 0; i < tasksOf(name); ++i) {
+      if (held_.contains({name, i})) continue;
+      const auto before = livePlace(name, i);
+      const auto move = made != created.end() ? createdMove(name, i, before, made->second)
+                                              : changedMove(name, i, before);
+      if (move) moves.push_back(*move);
+    }
+  }
+  placeWaiting(created, moves);
+  const std::vector<std::size_t> out = makeRoom(moves);
   std::map<std::int64_t, std::vector<std::size_t>> leftHolding;
-  for (Move& move : moves) {
-    const bool nowhere = move.place.parent.empty() && move.place.worker >= 0 &&
-                         !target_.workers.contains(move.place.worker);
-    if (nowhere) {  // a daemon that refuses loses the task's class
-      builder_.impossible("no worker " + std::to_string(move.place.worker) +
-                              " is there for its task; state one under \"workers\"",
-                          move.change);
-      continue;
-    }
-    if (const std::string what = lacking(move.place); !what.empty()) {
-      builder_.impossible(what, move.change);
-      continue;
-    }
-    if (const std::string who = crowded(move.place, move.module, move.number); !who.empty()) {
-      builder_.impossible("there is no room for it below " + move.place.parent + ": " + who +
-                              " is there; state its place, too",
-                          move.change);
+  for (const Move& move : moves) {
+    if (const std::string why = refusal(move); !why.empty()) {
+      builder_.impossible(why, move.change);
       continue;
     }
     std::vector<std::size_t> after = needs(move.place);
     after.insert(after.end(), move.after.begin(), move.after.end());
     const std::size_t step =
         moveTask(move.module, move.number, move.place, move.change, after, out);
-    if (const auto held = holders.find({move.module, move.number}); held != holders.end()) {
+    if (const auto held = held_.find({move.module, move.number}); held != held_.end()) {
       leftHolding[held->second].push_back(step);
     }
     if (move.place.stated()) movedTo_[{move.module, move.number}] = move.place;

@@ -356,22 +356,8 @@ void TrafficPlanner::addClass(const std::string& name) {
     return;
   }
   const TrafficClass placed = placedClass(name);
-  // One that the document does not speak of, below a class that it changes.
-  if (const auto parent = target_.trafficClasses.find(placed.place.parent);
-      parent != target_.trafficClasses.end()) {
-    const std::string& policy = parent->second.policy;
-    const char* const missing = policy == "weighted_fair" && placed.place.share.value_or(0) == 0
-                                    ? "share"
-                                : policy == "priority" && !placed.place.priority ? "priority"
-                                                                                 : nullptr;
-    if (missing != nullptr) {
-      classAdded_[name] = builder_.impossible(
-          "it has no " + std::string(missing) + " below " + parent->first + "; state it", change);
-      return;
-    }
-  }
-  if (const std::string what = lacking(placed.place); !what.empty()) {
-    classAdded_[name] = builder_.impossible(what, change);
+  if (const std::string why = unfit(placed.place); !why.empty()) {
+    classAdded_[name] = builder_.impossible(why, change);
     return;
   }
   auto request = std::make_unique<bess::pb::AddTcRequest>();

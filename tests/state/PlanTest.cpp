@@ -203,6 +203,31 @@ TEST_F(PlanTest, ATaskIsNotSentWhereThereIsNoRoom) {
   EXPECT_EQ(refused, 2);
 }
 
+// A class and a task that the document does not speak of, below one that it makes of another
+// policy.
+TEST_F(PlanTest, WhatAnotherPolicyNeedsIsSaidBeforeTheDaemonRefuses) {
+  const std::string parent = "traffic_classes: {up: {policy: round_robin, wid: 0}}\n";
+  EXPECT_THAT(daemon_
+                  .apply("workers: {0: {core: 0}}\n"
+                         "modules: {x: {class: Source, tasks: up}}\n"
+                         "traffic_classes:\n"
+                         "  up: {policy: round_robin, wid: 0}\n"
+                         "  below: {policy: round_robin, parent: up}\n")
+                  .refusals,
+              IsEmpty());
+  for (const auto& [policy, field] :
+       {std::pair("{policy: priority, wid: 0}", "priority"),
+        std::pair("{policy: weighted_fair, resource: packet, wid: 0}", "share")}) {
+    const auto applied = daemon_.apply(changed(parent, "{policy: round_robin, wid: 0}", policy));
+    const std::string why = "it needs a " + std::string(field) + " below up; state its place, too";
+    const auto said =
+        std::count_if(applied.states.begin(), applied.states.end(),
+                      [&](const Execution::State& state) { return state.text.find(why) == 0; });
+    EXPECT_EQ(said, 2) << policy;  // the class and the task
+    EXPECT_TRUE(daemon_.read().lostTasks.empty());
+  }
+}
+
 TEST_F(PlanTest, ATaskIsNotSentToAWorkerThatIsNotThere) {
   const auto applied = daemon_.apply("modules: {src: {class: Source, tasks: {wid: 5}}}");
   EXPECT_EQ(applied.states.at(0).text,

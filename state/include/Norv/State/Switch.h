@@ -47,6 +47,9 @@ struct Place {
   bool stated() const { return !parent.empty() || worker >= 0; }
   bool operator==(const Place&) const = default;
 };
+// What a place below a class of this policy has to have and this one lacks, "priority" or "share";
+// empty: nothing.
+std::string lacking(const Place& place, const std::string& policy);
 
 // The entries of a module's table, as the serialized argument of the command that adds one, by the
 // serialized fields that tell it from others.
