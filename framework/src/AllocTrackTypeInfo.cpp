@@ -18,13 +18,14 @@ namespace {
 // release store that publishes their fields, and never removed.
 constinit std::atomic<AllocTrackTypeInfo*> head{nullptr};
 
-// How many classes a thread counts for itself. 4 KiB a thread.
-constexpr std::size_t places = 256;
+// How many classes a thread counts for itself, and how many threads at once do.
+constexpr std::size_t places = 128;
+constexpr std::size_t threads = 64;
+
 constinit std::atomic<std::size_t> placesTaken{0};
 
 // What one thread has counted. It is the only one that writes here, so a load and a store are a
-// change. When it ends, a later thread goes on with its counts: there are never more of these than
-// there were threads at once, and none is ever freed.
+// change. When it ends, a later thread goes on with its counts.
 struct ThreadCounts {
   struct OfClass {
     std::atomic<U64> allocations{0};
@@ -35,53 +36,40 @@ struct ThreadCounts {
   }
 
   std::array<OfClass, places> of;
-  std::atomic<bool> inUse{true};
-  ThreadCounts* next = nullptr;  // set before it is published, never changed after
+  std::atomic<bool> inUse{false};
 };
-constinit std::atomic<ThreadCounts*> allCounts{nullptr};
+// Not on the heap, so that counting takes no memory there; pages that no thread uses take none.
+constinit std::array<ThreadCounts, threads> allCounts;
 
+// What this thread counts with; null and `counts` for one that changes the counters of all.
 [[gnu::tls_model("initial-exec")]] thread_local constinit ThreadCounts* ownCounts = nullptr;
+[[gnu::tls_model("initial-exec")]] thread_local constinit bool counts = false;
 
-// Gives the counts of a thread back at its end. What is still allocated after that, by what else
-// ends with the thread, takes others, which stay its own.
+// Gives the counts of a thread back at its end. What is allocated after that, by what else ends
+// with the thread, is counted with all others'.
 struct AtThreadEnd {
   ~AtThreadEnd() {
     std::exchange(ownCounts, nullptr)->inUse.store(false, std::memory_order_release);
   }
 };
 
-ThreadCounts* unused() {
-  for (ThreadCounts* counts = allCounts.load(std::memory_order_acquire); counts;
-       counts = counts->next) {
-    bool inUse = false;
-    if (counts->inUse.compare_exchange_strong(inUse, true, std::memory_order_acquire)) {
-      return counts;
-    }
-  }
-  return nullptr;
-}
-
-// Null when there is no memory for them.
 ThreadCounts* takeCounts() {
-  ownCounts = unused();
-  if (!ownCounts) {
-    ownCounts = new (std::nothrow) ThreadCounts;
-    if (!ownCounts) return nullptr;
-    ownCounts->next = allCounts.load(std::memory_order_relaxed);
-    while (!allCounts.compare_exchange_weak(ownCounts->next, ownCounts, std::memory_order_release,
-                                            std::memory_order_relaxed)) {
-    }
-  }
+  counts = true;
+  const auto unused = std::find_if(allCounts.begin(), allCounts.end(), [](ThreadCounts& one) {
+    return !one.inUse.exchange(true, std::memory_order_acquire);
+  });
+  if (unused == allCounts.end()) return nullptr;
+  ownCounts = &*unused;
   static thread_local AtThreadEnd atThreadEnd;
   static_cast<void>(&atThreadEnd);
   return ownCounts;
 }
 
-// Null where the class has no place.
+// Null where all threads count together.
 ThreadCounts::OfClass* ownCountsOf(std::size_t place) {
   if (place >= places) return nullptr;
-  ThreadCounts* const counts = ownCounts ? ownCounts : takeCounts();
-  return counts ? &counts->of[place] : nullptr;
+  ThreadCounts* const own = counts ? ownCounts : takeCounts();
+  return own ? &own->of[place] : nullptr;
 }
 
 std::string readable(const std::type_info& type) {
@@ -130,10 +118,9 @@ AllocTrackTypeInfo::Counts AllocTrackTypeInfo::counted() const {
              deallocations_.load(std::memory_order_relaxed)};
   const std::size_t place = place_.load(std::memory_order_relaxed);
   if (place >= places) return sum;
-  for (const ThreadCounts* counts = allCounts.load(std::memory_order_acquire); counts;
-       counts = counts->next) {
-    sum.allocations += counts->of[place].allocations.load(std::memory_order_relaxed);
-    sum.deallocations += counts->of[place].deallocations.load(std::memory_order_relaxed);
+  for (const ThreadCounts& one : allCounts) {
+    sum.allocations += one.of[place].allocations.load(std::memory_order_relaxed);
+    sum.deallocations += one.of[place].deallocations.load(std::memory_order_relaxed);
   }
   return sum;
 }

@@ -1,6 +1,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <barrier>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
@@ -112,12 +114,15 @@ TEST_F(AllocationTest, ClassesWithoutOperatorsAreRecordedAsTheBase) {
 }
 
 TEST_F(AllocationTest, AddsUpWhatThreadsDoAtOnce) {
-  constexpr int threads = 8, objects = 1000;
+  constexpr int threads = 100, objects = 100;  // more than count for themselves
   {
+    std::barrier allRun(threads);
     std::vector<std::jthread> running;
     for (int i = 0; i < threads; ++i) {
-      running.emplace_back([] {
+      running.emplace_back([&] {
+        allRun.arrive_and_wait();
         for (int n = 0; n < objects; ++n) Lumo::allocate<Tracked>();
+        allRun.arrive_and_wait();
       });
     }
   }
@@ -158,7 +163,7 @@ TEST_F(AllocationTest, CountsWhatEndsWithItsThread) {
   EXPECT_EQ(record.live(), live);
 }
 
-// More classes than any program has.
+// More classes than a thread has counts for.
 template <int number>
 class Many : public PtrInterface {
   LUMO_OBJECT(Many)
@@ -178,7 +183,7 @@ void countsAll(std::integer_sequence<int, numbers...>) {
 }
 
 TEST_F(AllocationTest, CountsManyClasses) {
-  countsAll(std::make_integer_sequence<int, 300>());
+  countsAll(std::make_integer_sequence<int, 150>());
 }
 
 TEST_F(AllocationTest, EachClassHasItsOwnRecord) {

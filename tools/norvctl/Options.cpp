@@ -2,6 +2,7 @@
 
 #include <Standin/Server.h>
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdlib>
 

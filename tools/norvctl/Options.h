@@ -1,12 +1,15 @@
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include <Lumo/Types.h>
+
+namespace CLI {
+class App;
+}
 
 namespace Standin {
 class Server;

@@ -1,10 +1,14 @@
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <functional>
 #include <map>
 #include <string>
 #include <vector>
+
+namespace CLI {
+class App;
+class Option;
+}  // namespace CLI
 
 // The verbs of norvctl. One table; --help, completion, man pages and the shell come from it and
 // from the options that the verbs define.

@@ -1,5 +1,6 @@
 #include <signal.h>
 
+#include <CLI/CLI.hpp>
 #include <cstdio>
 #include <iostream>
 

@@ -13,9 +13,8 @@ namespace Lumo {
 
 // What one class has allocated: counters that its operator new and delete keep, readable at any
 // time from any thread; a reader sees all that happened before by the order of threads. A record is
-// constant-initialised and enters the process-wide list of records at its first allocation. Each
-// thread counts for itself, so that counting needs no atomic change; reading adds them up, which
-// takes time with the number of threads.
+// constant-initialised and enters the process-wide list of records at its first allocation. Most
+// threads count for themselves, so that counting needs no atomic change; reading adds them up.
 class AllocTrackTypeInfo {
  public:
   constexpr AllocTrackTypeInfo() = default;
@@ -58,8 +57,8 @@ class AllocTrackTypeInfo {
   // Counters are independent of each other and of the memory they count: relaxed. One of them
   // changes per allocation; the bytes of single objects follow from their number.
   //
-  // The place of this class among the counts of a thread. Until it has one, and where there is none
-  // left, the two counters below are changed by all threads.
+  // The place of this class among the counts of a thread. Until it has one, where there is none
+  // left and by threads without counts of their own, the two counters below are changed.
   static constexpr std::size_t noPlace = ~std::size_t{0};
   std::atomic<std::size_t> place_{noPlace};
   std::atomic<U64> allocations_{0};

@@ -4,6 +4,7 @@
 #include <google/protobuf/unknown_field_set.h>
 #include <unistd.h>
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdio>
 #include <map>

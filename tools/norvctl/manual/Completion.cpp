@@ -1,5 +1,6 @@
 // The verb completion: scripts for bash and zsh, from the table of verbs and their options.
 
+#include <CLI/CLI.hpp>
 #include <iostream>
 
 #include "../Verb.h"

@@ -1,6 +1,7 @@
 // The verbs help and man: what the program tells of itself, from the table of verbs and their
 // options.
 
+#include <CLI/CLI.hpp>
 #include <cstdio>
 #include <iostream>
 #include <string_view>

@@ -1,5 +1,7 @@
 #include "Options.h"
 
+#include <CLI/CLI.hpp>
+
 #include "../Verb.h"
 
 namespace Norvctl {

@@ -1,8 +1,11 @@
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <string>
 #include <vector>
+
+namespace CLI {
+class App;
+}
 
 // The options of the program and its verbs, as manual and completion list them.
 namespace Norvctl {

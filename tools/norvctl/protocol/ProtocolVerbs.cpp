@@ -1,5 +1,6 @@
 // The verbs that need no daemon: types, template and describe.
 
+#include <CLI/CLI.hpp>
 #include <cstdio>
 #include <iostream>
 

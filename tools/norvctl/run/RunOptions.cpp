@@ -1,5 +1,6 @@
 #include "RunOptions.h"
 
+#include <CLI/CLI.hpp>
 #include <cstdlib>
 
 #include "../Verb.h"

@@ -1,12 +1,15 @@
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <memory>
 #include <string>
 
 #include "../Options.h"
 #include "Report.h"
 #include "Session.h"
+
+namespace CLI {
+class App;
+}
 
 namespace Norvctl {
 

@@ -1,5 +1,6 @@
 #include "Completer.h"
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 
 #include <Bess/Facts.h>

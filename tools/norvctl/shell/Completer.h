@@ -1,6 +1,5 @@
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <chrono>
 #include <functional>
 #include <map>
@@ -8,6 +7,10 @@
 #include <vector>
 
 #include "../look/Direct.h"
+
+namespace CLI {
+class App;
+}
 
 namespace Norvctl {
 

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <string>
 #include <vector>
 
@@ -11,6 +10,10 @@
 
 #include "../Options.h"
 #include "../look/Direct.h"
+
+namespace CLI {
+class App;
+}
 
 // What the verbs export, plan and apply share.
 namespace Norvctl {
