@@ -1,3 +1,5 @@
+#include <google/protobuf/io/coded_stream.h>
+
 #include <algorithm>
 
 #include "Node.h"
@@ -11,7 +13,8 @@ namespace {
 
 using google::protobuf::FieldDescriptor;
 
-constexpr std::size_t mostRequestBytes = 3 << 20;  // a daemon takes 4 MiB
+// Of a list in a request. A daemon takes 4 MiB, with the names around it.
+constexpr std::size_t mostRequestBytes = (4 << 20) - (64 << 10);
 // With so many entries to change, and half of all, the table is set as a whole.
 constexpr std::size_t manyEntries = 32;
 
@@ -80,6 +83,11 @@ std::vector<std::string> entriesOf(const Message& argument, const FieldDescripto
     entries.push_back(serialized(*alone));
   }
   return entries;
+}
+
+// What a message of that size takes in a list.
+std::size_t listed(std::size_t bytes) {
+  return 1 + google::protobuf::io::CodedOutputStream::VarintSize64(bytes) + bytes;
 }
 
 // What an entry is removed by.
@@ -286,7 +294,7 @@ class TableDifference {
     std::size_t bytes = 0;
     std::vector<const std::string*> rest;
     for (const auto& [key, entry] : *wanted_.table) {
-      bytes += entry.size() + 8;
+      bytes += listed(entry.size());
       if (bytes > mostRequestBytes) {
         rest.push_back(&entry);
       } else {
@@ -312,19 +320,7 @@ class TableDifference {
   void remove(const std::vector<const std::string*>& entries) {
     if (entries.empty()) return;
     const auto keys = words(table_.key);
-    if (!table_.removeList.empty()) {  // a list of keys, each one text
-      auto message = newMessage(*argumentOf(row_, table_.remove));
-      const auto* list = message->GetDescriptor()->FindFieldByName(std::string(table_.removeList));
-      for (const std::string* bytes : entries) {
-        const auto entry = newEntry(row_);
-        entry->ParseFromString(*bytes);
-        const auto* key = entry->GetDescriptor()->FindFieldByName(keys[0]);
-        message->GetReflection()->AddString(message.get(), list,
-                                            entry->GetReflection()->GetString(*entry, key));
-      }
-      commands_.push_back({std::string(table_.remove), std::move(message), false});
-      return;
-    }
+    if (!table_.removeList.empty()) return removeListed(entries);
     for (const std::string* bytes : entries) {
       const auto entry = newEntry(row_);
       entry->ParseFromString(*bytes);
@@ -340,6 +336,30 @@ class TableDifference {
     }
   }
 
+  // By a list of keys, each one text.
+  void removeListed(const std::vector<const std::string*>& entries) {
+    std::unique_ptr<Message> message;
+    std::size_t bytes = 0;
+    const auto flush = [&] {
+      if (message) {
+        commands_.push_back({std::string(table_.remove), std::move(message), false});
+      }
+      bytes = 0;
+    };
+    for (const std::string* serializedEntry : entries) {
+      const auto entry = newEntry(row_);
+      entry->ParseFromString(*serializedEntry);
+      const auto* key = entry->GetDescriptor()->FindFieldByName(std::string(table_.key));
+      const std::string text = entry->GetReflection()->GetString(*entry, key);
+      if (bytes + listed(text.size()) > mostRequestBytes) flush();
+      if (!message) message = newMessage(*argumentOf(row_, table_.remove));
+      const auto* list = message->GetDescriptor()->FindFieldByName(std::string(table_.removeList));
+      message->GetReflection()->AddString(message.get(), list, text);
+      bytes += listed(text.size());
+    }
+    flush();
+  }
+
   template <class Fill>
   void send(std::string_view command, std::string_view listName,
             const std::vector<const std::string*>& entries, const Fill& fill) {
@@ -350,14 +370,14 @@ class TableDifference {
       message.reset();
     };
     for (const std::string* serializedEntry : entries) {
-      if (listName.empty() || bytes + serializedEntry->size() > mostRequestBytes) flush();
+      if (listName.empty() || bytes + listed(serializedEntry->size()) > mostRequestBytes) flush();
       if (!message) {
         message = newMessage(*argumentOf(row_, command));
         bytes = 0;
       }
       const auto entry = newEntry(row_);
       entry->ParseFromString(*serializedEntry);
-      bytes += serializedEntry->size() + 8;
+      bytes += listed(serializedEntry->size());
       if (listName.empty()) {
         fill(*entry, *message);
       } else {

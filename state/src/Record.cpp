@@ -406,20 +406,28 @@ void Record::end(const Plan& plan, const std::vector<Execution::State>& states,
   for (const auto& [object, entry] : entries_) {
     if (object.kind == Kind::worker && entry.doubtful) pausedWorkers.insert(object);
   }
-  std::set<Object> failed, made;
+  std::set<Object> failed, made, changed;
   for (std::size_t i = 0; i < plan.changes.size(); ++i) {
     const Change& change = plan.changes[i];
     const bool done = states[i].kind == Execution::State::Kind::done;
     if (!done) failed.insert(change.object);
-    if (done && change.action != Change::Action::change) made.insert(change.object);
+    if (done) (change.action == Change::Action::change ? changed : made).insert(change.object);
   }
   // What was assumed and not touched is not known to be so.
-  std::set<std::string> assumed;
-  for (const std::string& what : plan.assumed) assumed.insert(what.substr(0, what.rfind(": ")));
+  std::map<std::string, std::set<std::string>> assumed;
+  for (const std::string& what : plan.assumed) {
+    const std::size_t colon = what.rfind(": ");
+    assumed[what.substr(0, colon)].insert(what.substr(colon + 2));
+  }
   const auto enter = [&](const Object& object, const Switch& stated) {
     if (failed.contains(object)) return;
-    if (assumed.contains(text(object)) && !made.contains(object)) return;
+    const auto unknown = made.contains(object) ? assumed.end() : assumed.find(text(object));
+    const bool inPlace = object.kind == Kind::module && changed.contains(object);
+    if (unknown != assumed.end() && !inPlace) return;
     Entry entry = entryOf(object, stated, after);
+    if (unknown != assumed.end()) {
+      for (const std::string& what : unknown->second) entry.forget(what);
+    }
     if (entry.holdsNothing()) {
       entries_.erase(object);
     } else {

@@ -223,18 +223,26 @@ void TrafficPlanner::planTasks(const Created& created) {
   placeWaiting(created, moves);
   const std::vector<std::size_t> out = makeRoom(moves);
   std::map<std::int64_t, std::vector<std::size_t>> leftHolding;
-  for (const Move& move : moves) {
+  for (Move& move : moves) {
+    const auto held = held_.find({move.module, move.number});
     if (const std::string why = refusal(move); !why.empty()) {
+      if (held == held_.end()) {
+        builder_.impossible(why, move.change);
+        continue;
+      }
+      // It cannot stay with the worker that holds it, which goes.
+      const Place top{"", held->second, {}, {}};
+      move.change = builder_.change({Kind::module, move.module}, Action::change);
+      builder_.detail(move.change, "task " + std::to_string(move.number) + ": " +
+                                       placeText(move.place) + " -> " + placeText(top));
       builder_.impossible(why, move.change);
-      continue;
+      move.place = top;
     }
     std::vector<std::size_t> after = needs(move.place);
     after.insert(after.end(), move.after.begin(), move.after.end());
     const std::size_t step =
         moveTask(move.module, move.number, move.place, move.change, after, out);
-    if (const auto held = held_.find({move.module, move.number}); held != held_.end()) {
-      leftHolding[held->second].push_back(step);
-    }
+    if (held != held_.end()) leftHolding[held->second].push_back(step);
     if (move.place.stated()) movedTo_[{move.module, move.number}] = move.place;
   }
   for (const auto& [worker, holding] : holdingOf_) {

@@ -2,6 +2,9 @@
 
 #include <algorithm>
 
+#include <bess/pb/module_arg.pb.h>
+#include <bess/pb/service.pb.h>
+
 #include "SwitchFixture.h"
 
 // What a plan does, and what it leaves alone.
@@ -22,6 +25,13 @@ const char* const fib =
     "  a: Sink\n"
     "  b: Sink\n"
     "connections: [src -> fib, fib -> a, \"fib:1 -> b\"]\n";
+
+std::string macAddress(int number) {
+  char text[18];
+  std::snprintf(text, sizeof text, "02:00:00:%02x:%02x:%02x", number >> 16 & 255, number >> 8 & 255,
+                number & 255);
+  return text;
+}
 
 class PlanTest : public testing::Test {
  protected:
@@ -207,24 +217,24 @@ TEST_F(PlanTest, ATaskIsNotSentWhereThereIsNoRoom) {
 // policy.
 TEST_F(PlanTest, WhatAnotherPolicyNeedsIsSaidBeforeTheDaemonRefuses) {
   const std::string parent = "traffic_classes: {up: {policy: round_robin, wid: 0}}\n";
-  EXPECT_THAT(daemon_
-                  .apply("workers: {0: {core: 0}}\n"
-                         "modules: {x: {class: Source, tasks: up}}\n"
-                         "traffic_classes:\n"
-                         "  up: {policy: round_robin, wid: 0}\n"
-                         "  below: {policy: round_robin, parent: up}\n")
-                  .refusals,
-              IsEmpty());
+  const std::string children =
+      "workers: {0: {core: 0}}\n"
+      "modules: {x: {class: Source, tasks: up}}\n"
+      "traffic_classes:\n"
+      "  up: {policy: round_robin, wid: 0}\n"
+      "  below: {policy: round_robin, parent: up}\n";
   for (const auto& [policy, field] :
        {std::pair("{policy: priority, wid: 0}", "priority"),
         std::pair("{policy: weighted_fair, resource: packet, wid: 0}", "share")}) {
-    const auto applied = daemon_.apply(changed(parent, "{policy: round_robin, wid: 0}", policy));
+    TestSwitch daemon;
+    EXPECT_THAT(daemon.apply(children).refusals, IsEmpty());
+    const auto applied = daemon.apply(changed(parent, "{policy: round_robin, wid: 0}", policy));
     const std::string why = "it needs a " + std::string(field) + " below up; state its place, too";
     const auto said =
         std::count_if(applied.states.begin(), applied.states.end(),
                       [&](const Execution::State& state) { return state.text.find(why) == 0; });
     EXPECT_EQ(said, 2) << policy;  // the class and the task
-    EXPECT_TRUE(daemon_.read().lostTasks.empty());
+    EXPECT_TRUE(daemon.read().lostTasks.empty());
   }
 }
 
@@ -359,6 +369,47 @@ TEST_F(PlanTest, ALargeTableIsSetInOneRequest) {
   // The worker that runs does not come to it, which the daemon has to see.
   EXPECT_THAT(commands(plan), ElementsAre("checkSchedulingConstraints ", "moduleCommand t delete",
                                           "moduleCommand t add"));
+}
+
+// A daemon takes 4 MiB in a request.
+TEST_F(PlanTest, AVeryLargeTableIsSetInSeveralRequests) {
+  Switch document = wanted("modules: {t: {class: L2Forward, arg: {size: 262144, bucket: 4}}}");
+  Entries& table = document.modules.at("t").table.emplace();
+  for (int i = 0; i < 250'000; ++i) {
+    bess::pb::L2ForwardCommandAddArg::Entry entry;
+    entry.set_addr(macAddress(i));
+    const std::string key = entry.SerializeAsString();
+    entry.set_gate(1);
+    table.emplace(key, entry.SerializeAsString());
+  }
+  const auto applied = daemon_.apply(document);
+  EXPECT_THAT(applied.refusals, IsEmpty());
+  EXPECT_THAT(commands(applied.plan),
+              ElementsAre("createModule t", "moduleCommand t add", "moduleCommand t add"));
+  table.clear();
+  const auto emptied = daemon_.apply(document);
+  EXPECT_THAT(emptied.refusals, IsEmpty());
+  EXPECT_THAT(commands(emptied.plan),
+              ElementsAre("checkSchedulingConstraints ", "moduleCommand t delete",
+                          "moduleCommand t delete"));
+}
+
+// A daemon of today ends when it is asked for this table once a rule was added.
+TEST_F(PlanTest, TheTableOfAWildcardMatchIsNotAskedFor) {
+  for (const auto& [options, asked] :
+       {std::pair(TestSwitch::older(), 1u), std::pair(TestSwitch::newer(), 1u)}) {
+    TestSwitch daemon(options);
+    const auto applied = daemon.apply(
+        "modules: {w: {class: WildcardMatch, arg: {fields: [{offset: 26, num_bytes: 4}]},\n"
+        "              rules: [{gate: 1, priority: 1, values: [10.0.0.0], masks: [0xff000000]}]}}");
+    EXPECT_THAT(applied.refusals, IsEmpty());
+    Standin::Fault call;
+    call.rpc = "moduleCommand";
+    call.name = "w";
+    daemon.server().addFault(call);
+    daemon.read();
+    EXPECT_EQ(daemon.server().faults().at(0).matched, asked);  // its argument alone
+  }
 }
 
 TEST_F(PlanTest, ANewTaskDoesNotComeToAWorkerThatGoes) {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <functional>
 #include <random>
 #include <set>
 
@@ -16,7 +17,7 @@ namespace {
 
 class Generator {
  public:
-  explicit Generator(unsigned seed, bool hooks = true) : random_(seed), hooks_(hooks) {}
+  explicit Generator(unsigned seed) : random_(seed) {}
 
   // `workersStated`: else it speaks of none.
   std::string document(bool workersStated = true) {
@@ -191,7 +192,7 @@ class Generator {
       const std::string to = end();
       text += "  - {from: " + from + ", ogate: " + std::to_string(gate) + ", to: " + to +
               (pick(4) == 0 ? ", skip_default_hooks: true" : "") + "}\n";
-      if (!hooks_ || pick(4) != 0) return;
+      if (pick(4) != 0) return;
       hooks += pick(2) == 0 || !inputs_.insert(to).second
                    ? "  - {class: Track, module: " + from + ", ogate: " + std::to_string(gate) +
                          ", name: out" + number(2) + "}\n"
@@ -209,7 +210,6 @@ class Generator {
   }
 
   std::mt19937 random_;
-  const bool hooks_;
   std::vector<Class> classes_;
   int priorities_ = 0;
   std::set<std::string> inputs_;  // that have a hook
@@ -235,80 +235,63 @@ std::string possible(const Plan& plan) {
   return all;
 }
 
-TEST(RandomDocuments, EndAsWantedFromWhereverTheyBegin) {
-  TestSwitch daemon;
+// Applies one document after the other, until one does not come out as it should.
+void applyEach(TestSwitch& daemon, const PlanOptions& options,
+               const std::function<std::string(unsigned seed)>& make,
+               const std::function<void(const std::string& document)>& check) {
   std::string last;
   for (unsigned seed = 1; seed <= seeds() && !testing::Test::HasFailure(); ++seed) {
-    const std::string document = Generator(seed).document();
-    const auto applied = daemon.apply(document, {.prune = true});
-    EXPECT_THAT(applied.refusals, testing::IsEmpty()) << "seed " << seed << "\n"
-                                                      << last << "becomes\n"
-                                                      << document << summary(applied.plan);
-    EXPECT_EQ(summary(daemon.plan(document, {.prune = true})), "")
-        << "seed " << seed << "\n"
-        << last << "becomes\n"
-        << document << summary(applied.plan);
-    TestSwitch fresh;
-    EXPECT_THAT(fresh.apply(document).refusals, testing::IsEmpty()) << "seed " << seed << "\n"
-                                                                    << document;
-    EXPECT_EQ(daemon.exported(), fresh.exported()) << "seed " << seed << "\n"
-                                                   << last << "becomes\n"
-                                                   << document << summary(applied.plan);
+    const std::string document = make(seed);
+    const auto applied = daemon.apply(document, options);
+    SCOPED_TRACE("seed " + std::to_string(seed) + "\n" + last + "becomes\n" + document +
+                 summary(applied.plan));
+    EXPECT_THAT(applied.refusals, testing::IsEmpty());
+    check(document);
     last = document;
   }
+}
+
+constexpr PlanOptions prune{.prune = true};
+
+TEST(RandomDocuments, EndAsWantedFromWhereverTheyBegin) {
+  TestSwitch daemon;
+  applyEach(
+      daemon, prune, [](unsigned seed) { return Generator(seed).document(); },
+      [&](const std::string& document) {
+        EXPECT_EQ(summary(daemon.plan(document, prune)), "");
+        TestSwitch fresh;
+        EXPECT_THAT(fresh.apply(document).refusals, testing::IsEmpty());
+        EXPECT_EQ(daemon.exported(), fresh.exported());
+      });
 }
 
 TEST(RandomDocuments, WithoutWorkersEndAsWanted) {
   TestSwitch daemon;
-  std::string last;
-  for (unsigned seed = 1; seed <= seeds() && !testing::Test::HasFailure(); ++seed) {
-    const std::string document = Generator(seed).document(false);
-    const auto applied = daemon.apply(document, {.prune = true});
-    EXPECT_THAT(applied.refusals, testing::IsEmpty()) << "seed " << seed << "\n"
-                                                      << last << "becomes\n"
-                                                      << document << summary(applied.plan);
-    EXPECT_EQ(summary(daemon.plan(document, {.prune = true})), "")
-        << "seed " << seed << "\n"
-        << last << "becomes\n"
-        << document << summary(applied.plan);
-    last = document;
-  }
+  applyEach(
+      daemon, prune, [](unsigned seed) { return Generator(seed).document(false); },
+      [&](const std::string& document) { EXPECT_EQ(summary(daemon.plan(document, prune)), ""); });
 }
 
 TEST(RandomDocuments, OnAnOlderDaemonEndAsWanted) {
   TestSwitch daemon(TestSwitch::older());
-  std::string last;
-  for (unsigned seed = 1; seed <= seeds() && !testing::Test::HasFailure(); ++seed) {
-    const std::string document = Generator(seed, false).document();
-    const auto applied = daemon.apply(document, {.prune = true});
-    EXPECT_THAT(applied.refusals, testing::IsEmpty()) << "seed " << seed << "\n"
-                                                      << last << "becomes\n"
-                                                      << document << summary(applied.plan);
-    EXPECT_EQ(summary(daemon.plan(document, {.prune = true})), "")
-        << "seed " << seed << "\n"
-        << last << "becomes\n"
-        << document << summary(applied.plan);
-    last = document;
-  }
+  applyEach(
+      daemon, prune, [](unsigned seed) { return Generator(seed).document(); },
+      [&](const std::string& document) { EXPECT_EQ(summary(daemon.plan(document, prune)), ""); });
 }
 
 // One after the other onto what the ones before left: what cannot be is said before it is sent.
 TEST(RandomDocuments, WithoutPruneNothingIsRefused) {
   TestSwitch daemon;
-  std::string last;
-  for (unsigned seed = 1; seed <= seeds() && !testing::Test::HasFailure(); ++seed) {
-    if (seed % 5 == 1) daemon.reset();
-    const std::string document = Generator(seed).document();
-    const auto applied = daemon.apply(document);
-    EXPECT_THAT(applied.refusals, testing::IsEmpty()) << "seed " << seed << "\n"
-                                                      << last << "becomes\n"
-                                                      << document << summary(applied.plan);
-    EXPECT_EQ(possible(daemon.plan(document)), "") << "seed " << seed << "\n"
-                                                   << last << "becomes\n"
-                                                   << document << summary(applied.plan);
-    EXPECT_TRUE(daemon.read().lostTasks.empty()) << "seed " << seed;
-    last = document;
-  }
+  applyEach(
+      daemon, {},
+      [&](unsigned seed) {
+        if (seed % 5 == 1) daemon.reset();
+        return Generator(seed).document();
+      },
+      [&](const std::string& document) {
+        EXPECT_EQ(possible(daemon.plan(document)), "");
+        EXPECT_TRUE(daemon.read().lostTasks.empty());
+      });
 }
 
 }  // namespace Norv::State

@@ -46,6 +46,14 @@ class Record {
     std::optional<std::string> word;  // a class's resource, a worker's scheduler
     bool wordDoubtful = false;        // of a worker
 
+    // Of a module: "arg", a setting's name or the table's.
+    void forget(const std::string& what) {
+      if (what == "arg") {
+        arg.reset();
+      } else if (settings.erase(what) == 0) {
+        table.reset();
+      }
+    }
     bool holdsNothing() const {
       return !doubtful && !arg && settings.empty() && !table && !word && !wordDoubtful;
     }
