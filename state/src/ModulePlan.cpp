@@ -99,6 +99,51 @@ std::string removalKey(const ArgumentTable& table, const Message& prototype,
       *only(words(table.key), message->GetReflection()->GetRepeatedMessage(*message, &field, 0)));
 }
 
+// In as few requests as can be.
+void sendEntries(const ClassRow& row, std::string_view command,
+                 const std::vector<std::string>& entries, std::vector<ModuleCommand>& commands) {
+  std::unique_ptr<Message> message;
+  std::size_t bytes = 0;
+  const auto flush = [&] {
+    if (message) commands.push_back({std::string(command), std::move(message), false});
+    bytes = 0;
+  };
+  for (const std::string& entry : entries) {
+    if (bytes + entry.size() > mostRequestBytes) flush();
+    if (!message) message = newMessage(*argumentOf(row, command));
+    message->MergeFromString(entry);
+    bytes += entry.size();
+  }
+  flush();
+}
+
+// What a module is created with, and the entries of its table that do not fit into that request.
+struct Creation {
+  Any argument;
+  std::vector<std::string> rest;
+};
+Creation creation(const Module& module) {
+  const ClassRow* row = classRow(module.moduleClass);
+  if (module.arg->value().size() <= mostRequestBytes || !row || !row->argumentTable) {
+    return {*module.arg, {}};
+  }
+  const auto message = unpacked(*module.arg);
+  const FieldDescriptor& table =
+      *message->GetDescriptor()->FindFieldByName(std::string(row->argumentTable->field));
+  const auto entries = entriesOf(*message, table);
+  message->GetReflection()->ClearField(message.get(), &table);
+  std::size_t bytes = message->ByteSizeLong();
+  auto entry = entries.begin();
+  for (; entry != entries.end() && bytes + entry->size() <= mostRequestBytes; ++entry) {
+    message->MergeFromString(*entry);
+    bytes += entry->size();
+  }
+  Creation found;
+  found.argument.PackFrom(*message);
+  found.rest.assign(entry, entries.end());
+  return found;
+}
+
 class ArgumentDifference {
  public:
   ArgumentDifference(const ClassRow& row, const Message& live, const Message& wanted,
@@ -202,21 +247,8 @@ class ArgumentDifference {
   }
 
   void add(const std::vector<std::string>& entries) { send("add", entries); }
-
-  // As few requests as can be.
   void send(std::string_view command, const std::vector<std::string>& entries) {
-    std::unique_ptr<Message> message;
-    std::size_t bytes = 0;
-    for (const std::string& entry : entries) {
-      if (message == nullptr || bytes + entry.size() > mostRequestBytes) {
-        if (message) result_.commands.push_back({std::string(command), std::move(message), false});
-        message = newMessage(*argumentOf(row_, command));
-        bytes = 0;
-      }
-      message->MergeFromString(entry);
-      bytes += entry.size();
-    }
-    if (message) result_.commands.push_back({std::string(command), std::move(message), false});
+    sendEntries(row_, command, entries, result_.commands);
   }
 
   const ClassRow& row_;
@@ -460,10 +492,15 @@ ModuleDifference difference(const Module& live, const Module& wanted, bool recre
   return result;
 }
 
+Any creationArgument(const Module& wanted) {
+  return creation(wanted).argument;
+}
+
 std::vector<ModuleCommand> commandsForNew(const Module& wanted) {
   std::vector<ModuleCommand> commands;
   const ClassRow* row = classRow(wanted.moduleClass);
   if (row == nullptr) return commands;
+  if (wanted.arg) sendEntries(*row, "add", creation(wanted).rest, commands);
   bool wholeSet = false;
   if (wanted.table && !wanted.table->empty()) {
     TableDifference table(*row, wanted, commands);

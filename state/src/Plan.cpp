@@ -394,7 +394,7 @@ class Planner {
       auto request = std::make_unique<bess::pb::CreateModuleRequest>();
       request->set_name(name);
       request->set_mclass(module.moduleClass);
-      if (!module.arg->type_url().empty()) *request->mutable_arg() = *module.arg;
+      if (!module.arg->type_url().empty()) *request->mutable_arg() = creationArgument(module);
       std::vector<std::size_t> after;
       const std::string port = portOf(module);
       if (const auto own = destroyed_.find(name); own != destroyed_.end())

@@ -62,7 +62,9 @@ struct ModuleDifference {
   std::vector<ModuleCommand> commands;
 };
 ModuleDifference difference(const Module& live, const Module& wanted, bool recreateUnknown);
-// What makes a module that was just created with its argument as it is wanted.
+// What a module is created with: its argument, or as much of it as a request takes.
+Any creationArgument(const Module& wanted);
+// What makes a module that was just created with that as it is wanted.
 std::vector<ModuleCommand> commandsForNew(const Module& wanted);
 std::unique_ptr<Message> commandRequest(const std::string& module, const ModuleCommand& command);
 

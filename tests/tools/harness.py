@@ -19,7 +19,10 @@ STANDIN = os.environ["STANDIN"]
 SCRIPTED_DAEMON = os.environ["SCRIPTED_DAEMON"]
 SOURCES = os.environ["SOURCES"]
 
-PATIENCE = 60  # seconds until an effect counts as missing; generous, as a loaded machine is slow
+# How many times as long programs take, at most, as they do in the ordinary build.
+SLOWNESS = 20 if os.environ.get("SANITIZED") else 1
+# Seconds until an effect counts as missing; generous, as a loaded machine is slow.
+PATIENCE = 60 * SLOWNESS
 
 OUTCOMES = ["ok", "refused", "failed", "undecodable", "dropped"]
 

@@ -33,7 +33,7 @@ def test_nobody_listens():
 def test_a_short_time_limit_tells_why_too():
     port = free_port()
     for arguments in (["run", write_file(command("getVersion"))], ["call", "getVersion"]):
-        finished = norvctl(*arguments, "--timeout", "0.2", *at(port))
+        finished = norvctl(*arguments, "--timeout", str(0.2 * harness.SLOWNESS), *at(port))
         equal(finished.status, 3)
         assert f"no answer from 127.0.0.1:{port}: the connection is refused" in finished.err, finished
 

@@ -310,6 +310,20 @@ def large(seed):
     )
 
 
+def test_what_is_larger_than_a_message_comes_in_several():
+    """A daemon takes 4 MiB in a request, and tells more than that in one reply."""
+    switch = Switch()
+    urls = ", ".join(f"{{host: {name * 1000000}, path: /}}" for name in "abcdef")
+    document = f"modules: {{u: {{class: UrlFilter, arg: {{blacklist: [{urls}]}}}}}}\n"
+    finished = switch.apply(document)
+    equal(finished.status, 0, finished)
+    assert "2 commands: 1 to create" in finished.out, finished.out
+    exported = switch.export()
+    for name in "abcdef":
+        assert name * 1000000 in exported
+    equal(switch.plan(exported).status, 0)
+
+
 def test_a_daemon_that_starts_anew_gets_everything_again():
     switch = Switch()
     switch.apply(large(1))
