@@ -291,6 +291,8 @@ def test_a_signal_ends_it_whatever_it_waits_for():
 
 
 def test_a_signal_ends_it_whatever_its_main_thread_does():
+    if os.environ["SANITIZED"] == "thread":
+        harness.skip("the sanitizer keeps signals from a thread that waits to open a pipe")
     bed = Bed(PIPELINE)
     os.mkdir(bed.state)
     # To open a pipe waits for who writes it.

@@ -15,7 +15,8 @@ std::shared_ptr<grpc::Channel> channelTo(const std::string& address) {
   arguments.SetMaxSendMessageSize(-1);
   // A daemon that comes back is seen at once.
   arguments.SetInt(GRPC_ARG_INITIAL_RECONNECT_BACKOFF_MS, 100);
-  arguments.SetInt(GRPC_ARG_MIN_RECONNECT_BACKOFF_MS, 1000);
+  // This is how long an attempt may take, too: a daemon on a busy machine needs its time.
+  arguments.SetInt(GRPC_ARG_MIN_RECONNECT_BACKOFF_MS, 5000);
   arguments.SetInt(GRPC_ARG_MAX_RECONNECT_BACKOFF_MS, 1000);
   return grpc::CreateCustomChannel(address, grpc::InsecureChannelCredentials(), arguments);
 }
