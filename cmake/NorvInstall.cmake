@@ -3,16 +3,11 @@
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
-# Whoever links these compiles as they were.
-foreach(library lumo bessgrpc norv agent state norv_standin)
-  target_compile_features(${library} PUBLIC cxx_std_20)
-endforeach()
-
 # Installed programs and libraries find each other wherever the prefix is moved.
 file(RELATIVE_PATH NORV_BIN_TO_LIB /${CMAKE_INSTALL_BINDIR} /${CMAKE_INSTALL_LIBDIR})
 set_target_properties(norvctl norvd bessd-standin skein PROPERTIES
   INSTALL_RPATH "$ORIGIN/${NORV_BIN_TO_LIB}")
-set_target_properties(lumo bessgrpc norv PROPERTIES INSTALL_RPATH "$ORIGIN")
+set_target_properties(lumo norv PROPERTIES INSTALL_RPATH "$ORIGIN")
 
 install(TARGETS lumo EXPORT norvTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT lumo NAMELINK_COMPONENT dev)
@@ -26,35 +21,50 @@ foreach(layer framework types client manager agent state standin)
   install(DIRECTORY ${PROJECT_SOURCE_DIR}/${layer}/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
     COMPONENT dev)
 endforeach()
-install(DIRECTORY ${PROJECT_BINARY_DIR}/protocol/generated/bess DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
-  COMPONENT dev FILES_MATCHING PATTERN "*.h")
+if(NOT NORV_BESSGRPC)
+  install(DIRECTORY ${PROJECT_BINARY_DIR}/protocol/generated/bess DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+    COMPONENT dev FILES_MATCHING PATTERN "*.h")
+endif()
 
 install(EXPORT norvTargets NAMESPACE norv:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/norv COMPONENT dev)
 configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/norvConfig.cmake.in
   ${PROJECT_BINARY_DIR}/norvConfig.cmake
   INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/norv)
+# As the libraries' SONAMEs say it: what breaks a program that was built against them raises the first number.
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/norvConfigVersion.cmake
-  COMPATIBILITY SameMinorVersion)
+  COMPATIBILITY SameMajorVersion)
 install(FILES ${PROJECT_BINARY_DIR}/norvConfig.cmake ${PROJECT_BINARY_DIR}/norvConfigVersion.cmake
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/norv COMPONENT dev)
 
 # From a .pc file up to the prefix, so that an installation may be moved.
 file(RELATIVE_PATH NORV_PC_UP /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
 
-function(norv_pkg_config name description requires)
+# norv_pkg_config(NAME DESCRIPTION [REQUIRES ...] [PRIVATE ...] [LIBS ...] [CFLAGS ...]): PRIVATE is what the library
+# needs and who uses it does not call; LIBS has what has no such file.
+function(norv_pkg_config name description)
+  cmake_parse_arguments(THE "" "" "REQUIRES;PRIVATE;LIBS;CFLAGS" ${ARGN})
   set(NORV_PC_NAME ${name})
   set(NORV_PC_DESCRIPTION ${description})
-  set(NORV_PC_REQUIRES ${requires})
-  set(NORV_PC_MORE ${ARGN})  # Libraries that have no such file.
+  foreach(list REQUIRES PRIVATE LIBS CFLAGS)
+    string(JOIN " " NORV_PC_${list} ${THE_${list}})
+  endforeach()
   configure_file(${PROJECT_SOURCE_DIR}/cmake/library.pc.in ${PROJECT_BINARY_DIR}/${name}.pc @ONLY)
   install(FILES ${PROJECT_BINARY_DIR}/${name}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
     COMPONENT dev)
 endfunction()
-norv_pkg_config(lumo "Entity framework and trace libraries" "")
-norv_pkg_config(bessgrpc "Messages and stubs of the switch daemon's control protocol"
-  "grpc++ protobuf")
-norv_pkg_config(norv "${PROJECT_DESCRIPTION}" "lumo bessgrpc")
+set(headers "-I\${includedir}")
+set(libraries "-L\${libdir}")
+norv_pkg_config(lumo "Entity framework and trace libraries" LIBS ${libraries} -llumo CFLAGS ${headers})
+if(NORV_BESSGRPC)
+  norv_pkg_config(bessgrpc "Messages and stubs of the switch daemon's control protocol, as the agent has them"
+    REQUIRES protobuf PRIVATE grpc++ LIBS ${NORV_BESSGRPC} CFLAGS -I${NORV_BESSGRPC_INCLUDE})
+else()
+  norv_pkg_config(bessgrpc "Messages and stubs of the switch daemon's control protocol"
+    REQUIRES protobuf PRIVATE grpc++ LIBS ${libraries} -lbessgrpc CFLAGS ${headers})
+endif()
+norv_pkg_config(norv "${PROJECT_DESCRIPTION}" REQUIRES lumo bessgrpc LIBS ${libraries} -lnorv CFLAGS ${headers})
+# Static ones: who links them links what they call.
 norv_pkg_config(norv_state "The wanted switch as a document, and the plan towards it"
-  "norv grpc++ protobuf yaml-cpp" -lnorv_facts)
+  REQUIRES norv grpc++ protobuf yaml-cpp LIBS ${libraries} -lnorv_state -lnorv_facts CFLAGS ${headers})
 norv_pkg_config(norv_standin "Stand-in for the switch daemon, to run inside a test"
-  "bessgrpc grpc++ protobuf" -lgrpc++_reflection)
+  REQUIRES bessgrpc grpc++ protobuf LIBS ${libraries} -lnorv_standin -lgrpc++_reflection CFLAGS ${headers})

@@ -21,6 +21,8 @@ set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_COMPONENTS_ALL "")
+# Each package has a summary of its own; one for all would come before it.
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")
 
 # The loader's cache is brought up to date when the libraries come and go.
 file(WRITE ${PROJECT_BINARY_DIR}/triggers "activate-noawait ldconfig\n")
@@ -42,12 +44,24 @@ function(norv_package component package section summary description)
     COMPONENT ${component})
 endfunction()
 
-# The changes of each version stand in CHANGELOG.md; here is what Debian's tools read.
-set(changelog "norv (${PROJECT_VERSION}-1) unstable; urgency=medium
+# The changes of each version stand in CHANGELOG.md; here is what Debian's tools read. A version that has no date
+# there is not released.
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/CHANGELOG.md)
+file(STRINGS ${PROJECT_SOURCE_DIR}/CHANGELOG.md dated REGEX "^## \\[${PROJECT_VERSION}\\] - ")
+if(dated MATCHES "[0-9]+-[0-9]+-[0-9]+$")
+  set(distribution unstable)
+  set(day ${CMAKE_MATCH_0})
+else()
+  set(distribution UNRELEASED)
+  string(TIMESTAMP day %Y-%m-%d UTC)
+endif()
+execute_process(COMMAND ${CMAKE_COMMAND} -E env LC_ALL=C date --utc --rfc-email --date=${day}
+  OUTPUT_VARIABLE date OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
+set(changelog "norv (${PROJECT_VERSION}-1) ${distribution}; urgency=medium
 
   * The changes of this version are told in CHANGELOG.md, in norv-doc.
 
- -- ${NORV_MAINTAINER}  Sun, 22 Nov 2026 00:00:00 +0000
+ -- ${NORV_MAINTAINER}  ${date}
 ")
 file(WRITE ${PROJECT_BINARY_DIR}/changelog.Debian "${changelog}")
 execute_process(COMMAND gzip -9nkf ${PROJECT_BINARY_DIR}/changelog.Debian)
