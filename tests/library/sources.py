@@ -3,6 +3,7 @@
 import ctypes
 import os
 import re
+import subprocess
 
 import check
 
@@ -266,6 +267,17 @@ def test_members_in_their_order():
              "initialized_ =")
     in_order(code("framework/include/Lumo/Clock.h"),
              "std::map<NotifieeListClockKey, NotifieeListClockLinkNode> schedule_;")
+
+
+def test_headers_need_exceptions_and_type_information():
+    includes = [f"-I{check.SOURCES}/{module}/include" for module in ("framework", "types", "manager")]
+    compiler = [check.need("g++"), "-std=c++20", "-fsyntax-only", *includes, "-x", "c++", "-"]
+    for option, complaint in ((None, None), ("-fno-exceptions", "exception handling disabled"),
+                              ("-fno-rtti", "-fno-rtti")):
+        done = subprocess.run(compiler + ([option] if option else []), capture_output=True, text=True,
+                              input="#include <Norv/ConnectionsMgr.h>\n")
+        check.equal(done.returncode == 0, option is None, f"whether it compiles with {option}: {done.stderr}")
+        assert not complaint or complaint in done.stderr, done.stderr
 
 
 def initialisers(path):
