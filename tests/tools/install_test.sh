@@ -55,8 +55,47 @@ PROGRAM
 }
 "$folder/agent/build/with_standin"
 
+# The same versions go together by SONAME and by CMake's file: those with the same first number.
+config=$(find "$folder/moved" -name norvConfigVersion.cmake)
+version=$(sed -n 's/^set(PACKAGE_VERSION "\(.*\)")$/\1/p' "$config")
+cat >"$folder/version.cmake" <<'SCRIPT'
+set(PACKAGE_FIND_VERSION ${WANTED})
+string(REGEX MATCHALL "[0-9]+" numbers ${WANTED})
+list(GET numbers 0 PACKAGE_FIND_VERSION_MAJOR)
+include(${CONFIG})
+message("${PACKAGE_VERSION_COMPATIBLE}")
+SCRIPT
+goes_with() {
+  [ "$("$cmake" -DCONFIG="$config" -DWANTED="$1" -P "$folder/version.cmake" 2>&1)" = TRUE ]
+}
+major=${version%%.*}
+for library in lumo bessgrpc norv; do
+  readelf -dW "$(dirname "$config")/../../lib$library.so" | grep -q "SONAME.*\[lib$library.so.$major\]" || {
+    echo "the SONAME of lib$library.so is not lib$library.so.$major" >&2
+    exit 1
+  }
+done
+if ! goes_with "$major.0.0" || ! goes_with "$version" || goes_with $((major + 1)).0.0; then
+  echo "$config goes with other versions than lib*.so.$major" >&2
+  exit 1
+fi
+
 PKG_CONFIG_PATH=$(dirname "$(find "$folder/moved" -name norv_standin.pc)")
 export PKG_CONFIG_PATH
+# Who uses norv links what it calls: its messages, and not gRPC.
+case " $(pkg-config --libs norv) " in
+  *" -lgrpc"*)
+    echo "norv.pc has its users link gRPC" >&2
+    exit 1
+    ;;
+  *" -lbessgrpc "*" -lprotobuf "*) ;;
+  *)
+    echo "norv.pc lacks the messages: $(pkg-config --libs norv)" >&2
+    exit 1
+    ;;
+esac
+# shellcheck disable=SC2046 # several words are wanted
+c++ -std=c++20 "$sources/examples/embed.cpp" -o "$folder/embed" $(pkg-config --cflags --libs norv)
 # shellcheck disable=SC2046 # several words are wanted
 c++ -std=c++20 "$folder/agent/with_standin.cpp" -o "$folder/with_standin" \
   $(pkg-config --cflags --libs norv_standin)
