@@ -10,6 +10,7 @@ HEADER = """#pragma once
 
 // What stands before an empty line speaks of no declaration: unseen one.
 
+// Of the whole header.
 namespace Lumo {
 
 // A queue of <things>, with \\nothing in it that is a command, nor @these, 100% text.
@@ -68,6 +69,8 @@ def test_comments_before_a_declaration_and_behind_a_member_come_to_the_pages():
         "Queue queue(1); // a listing", "Takes length of them.", "never below 0", "0 of an empty one", "bare () const", "norv 4.5.6")
     has(page(made, "namespaceLumo"), "as blood", "as the sky")
     assert "nseen" not in queue, queue
+    has(page(made, "Queue_8h"), "Of the whole header.")
+    assert "whole" not in page(made, "namespaceLumo")
     has(page(made, "index"), "A project")
 
 
@@ -75,7 +78,7 @@ def test_a_name_that_is_gone_is_an_error():
     made = tree(HEADER.replace("`length`", "`size`"))
     status, said = made.run("ci/docs")
     equal(status, 1)
-    equal(said, "framework/include/Lumo/Queue.h:12: no header and no file has the name `size`\n")
+    equal(said, "framework/include/Lumo/Queue.h:13: no header and no file has the name `size`\n")
 
 
 def test_a_dead_link_between_documents_is_an_error():
