@@ -1,5 +1,5 @@
-// A message of the agent's own library becomes a command of norv's. In simulation, so that no daemon is needed.
-#include <bess/pb/module.pb.h>
+// A message of the agent's own library becomes a command of norv's. In simulation, so that no
+// daemon is needed.
 #include <google/protobuf/descriptor.h>
 
 #include <cstdlib>
@@ -7,6 +7,7 @@
 
 #include <Norv/ConnectionsMgr.h>
 #include <Norv/TypedCmd.h>
+#include <bess/pb/module.pb.h>
 
 using namespace Norv;
 
@@ -28,5 +29,6 @@ int main() {
   request.set_mclass("Bypass");
   queue->cmdBatchEnq(Lumo::allocate<Create>(request));
   queue->enqueueVersionInc(1);
-  std::cout << pending->cmdBatchs() << " pending, with " << request.GetDescriptor()->full_name() << '\n';
+  std::cout << pending->cmdBatchs() << " pending, with " << request.GetDescriptor()->full_name()
+            << '\n';
 }
