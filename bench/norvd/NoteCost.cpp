@@ -15,6 +15,7 @@
 #include "../Pair.h"
 #include "UnderWay.h"
 #include "Values.h"
+#include "agent/ObjectNames.h"
 
 namespace {
 
@@ -45,7 +46,7 @@ int main() {
       grpc::CreateChannel(server.address(), grpc::InsecureChannelCredentials()));
   for (int turn = 0; turn < turns; ++turn) {
     const double note = cost(commands * 10, [&](int i) {
-      const Norvd::DeathNote what{Norvd::deathKey({Norv::State::Kind::module, std::to_string(i)}),
+      const Norvd::DeathNote what{Norvctl::deathKey({Norv::State::Kind::module, std::to_string(i)}),
                                   "0123456789abcdef", "createModule"};
       underWay.noteIs(written(what));
     });

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -11,6 +12,7 @@
 #include <set>
 #include <sstream>
 
+#include "Documents.h"
 #include "Holds.h"
 #include "Memory.h"
 #include "Page.h"
@@ -18,6 +20,7 @@
 #include "UnderWay.h"
 #include "Values.h"
 #include "WantedFiles.h"
+#include "agent/ObjectNames.h"
 #include "agent/PageAddress.h"
 
 using namespace Norvd;
@@ -124,13 +127,11 @@ TEST(HoldsTest, ARefusalIsOverWhenItIsRight) {
 
 TEST(HoldsTest, IsLiftedByHand) {
   Holds holds(1s);
-  for (const char* word : {"module fib", "fib"}) {
-    holds.refused(fib, "x", "", start);
-    holds.lift("other");
-    EXPECT_TRUE(holds.hold(fib, "x", start));
-    holds.lift(word);
-    EXPECT_FALSE(holds.hold(fib, "x", start)) << word;
-  }
+  holds.refused(fib, "x", "", start);
+  EXPECT_FALSE(holds.lift({Kind::port, "fib"}));
+  EXPECT_TRUE(holds.hold(fib, "x", start));
+  EXPECT_TRUE(holds.lift(fib));
+  EXPECT_FALSE(holds.hold(fib, "x", start));
 }
 
 TEST(UnderWayTest, TellsTheNextProcessWhatThisOneDiedOf) {
@@ -239,7 +240,7 @@ TEST(MemoryTest, SaysWhatCannotBeWritten) {
 TEST(MemoryTest, WhatCanBeWrittenDoesNotHideWhatCannot) {
   const Folder folder;
   Memory memory(folder.path(), "switch1:10514");
-  std::filesystem::create_directory(memory.file("wanted.yaml"));
+  std::filesystem::create_directory(memory.file("wanted.yaml.new"));
   memory.lastGoodIs("modules: {}\n");
   memory.save();
   EXPECT_EQ(memory.troubles().size(), 1U);
@@ -299,6 +300,46 @@ TEST(MemoryTest, FilesAreItsOwnersAlone) {
               std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
   }
   EXPECT_EQ(memory.lastGood(), "modules: {}\n");
+}
+
+TEST(MemoryTest, PartOfTheLastDocumentIsNone) {
+  const Folder folder;
+  Memory memory(folder.path(), "switch1:10514");
+  memory.lastGoodIs("modules:\n  a: Sink\n  b: Sink\n");
+  const std::string whole = textOf(memory.file("wanted.yaml"));
+  for (const std::size_t length : {std::size_t{0}, std::size_t{5}, whole.size() - 1}) {
+    write(memory.file("wanted.yaml"), whole.substr(0, length));
+    EXPECT_FALSE(memory.lastGood()) << length;
+    EXPECT_TRUE(std::filesystem::remove(memory.file("wanted.yaml.damaged"))) << length;
+    EXPECT_FALSE(std::filesystem::exists(memory.file("wanted.yaml")));
+  }
+  write(memory.file("wanted.yaml"), whole);
+  EXPECT_EQ(memory.lastGood(), "modules:\n  a: Sink\n  b: Sink\n");
+}
+
+TEST(DocumentsTest, ALastGoodOneThatCannotBeUsedIsSaidOnce) {
+  const Folder folder;
+  Options options;
+  options.wanted = {folder.file("wanted.yaml")};
+  Memory memory(folder.path(), "switch1:10514");
+  Norv::State::LiveSwitch with, without;
+  with.offer.moduleClasses = {"OfAPlugin"};
+  write(options.wanted.front(), "modules: {a: OfAPlugin}\n");
+  Documents before(options, memory);
+  before.refresh(with);
+  ASSERT_NE(before.inForce(), nullptr);
+  write(options.wanted.front(), "modules: {a: Nothing}\n");
+  Documents after(options, memory);
+  testing::internal::CaptureStderr();
+  for (int i = 0; i < 3; ++i) after.refresh(without);
+  const std::string log = testing::internal::GetCapturedStderr();
+  const std::string line = "document: the last good one cannot be used: ";
+  ASSERT_NE(log.find(line), std::string::npos) << log;
+  EXPECT_EQ(log.find(line), log.rfind(line)) << log;
+  EXPECT_EQ(after.inForce(), nullptr);
+  // The daemon may come to offer it.
+  after.refresh(with);
+  EXPECT_NE(after.inForce(), nullptr);
 }
 
 TEST(WantedFilesTest, SeesWhatChanges) {
@@ -395,22 +436,30 @@ TEST(ValuesTest, ANoteIsReadAsItWasWritten) {
 TEST(ValuesTest, ANoteOfAnyNameFits) {
   for (const std::string& name : {std::string(5000, 'x'), std::string(5000, '\n'),
                                   std::string("a\n\xff\"") + std::string(100, '\\')}) {
-    const std::string key = deathKey({Kind::module, name});
+    const std::string key = Norvctl::deathKey({Kind::module, name});
     const std::string note = written(DeathNote{key, "value", "createModule"});
     EXPECT_LT(note.size(), UnderWay::most);
     const auto read = parsedDeathNote(note);
     ASSERT_TRUE(read);
     EXPECT_EQ(read->object, key);
-    EXPECT_NE(key, deathKey({Kind::module, name + "y"}));
+    EXPECT_NE(key, Norvctl::deathKey({Kind::module, name + "y"}));
   }
-  EXPECT_EQ(deathKey(fib), "module fib");
+  EXPECT_EQ(Norvctl::deathKey(fib), "module fib");
 }
 
-TEST(ValuesTest, APersonsWordsMeanAnObject) {
-  EXPECT_TRUE(means("fib", fib));
-  EXPECT_TRUE(means("module fib", fib));
-  EXPECT_FALSE(means("port fib", fib));
-  EXPECT_FALSE(means("fib", {Kind::module, "a fib"}));
+TEST(ObjectNamesTest, APersonsWordsMeanObjects) {
+  const auto mean = [](const std::string& words, const Object& object) {
+    const auto meant = Norvctl::objectsMeant(words);
+    return std::find(meant.begin(), meant.end(), object) != meant.end();
+  };
+  const Object voice{Kind::trafficClass, "voice"};
+  EXPECT_TRUE(mean("fib", fib));
+  EXPECT_TRUE(mean("module fib", fib));
+  EXPECT_TRUE(mean("voice", voice));
+  EXPECT_TRUE(mean("traffic class voice", voice));
+  EXPECT_FALSE(mean("port fib", fib));
+  EXPECT_FALSE(mean("fib", {Kind::module, "a fib"}));
+  EXPECT_TRUE(mean("module fib", {Kind::port, "module fib"})) << "a name may be anything";
 }
 
 // A look at each key for each object would take minutes.

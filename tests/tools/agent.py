@@ -104,9 +104,9 @@ class Bed:
         self.daemon.end()
 
     def start(self, *options, supervise=True, interval=0.2, http=None, state=None,
-              env=None, program=NORVD, log=None, port=None):
+              env=None, program=(NORVD,), log=None, port=None):
         self.agent = Background(
-            log or os.path.join(self.folder, "norvd.log"), program, "--wanted", self.wanted, "--host",
+            log or os.path.join(self.folder, "norvd.log"), *program, "--wanted", self.wanted, "--host",
             "127.0.0.1", "--port", str(port or self.port), "--state-dir", state or self.state, "--http",
             http or "unix:" + self.socket, "--interval", str(interval),
             *(["--supervise"] if supervise else []), *options, env=env)

@@ -7,6 +7,8 @@ import re
 import shutil
 import signal
 import socket
+import subprocess
+import sys
 import threading
 import time
 
@@ -152,13 +154,25 @@ class Proxy:
                 pass
 
 
-def forget_what_was_told(listener):
-    listener.setblocking(False)
-    try:
-        while listener.recv(65536):
-            pass
-    except BlockingIOError:
-        listener.settimeout(harness.PATIENCE)
+class ServiceManager:
+    """Hears what norvd tells it, and goes on hearing: the system keeps a few words for one that does not,
+    and who has more to say waits."""
+
+    def __init__(self, bed):
+        self.told = []
+        listener = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        listener.bind(f"{bed.folder}/notify")
+        self.environment = {**os.environ, "NOTIFY_SOCKET": f"{bed.folder}/notify", "WATCHDOG_USEC": "300000"}
+        threading.Thread(target=self._hear, args=(listener,), daemon=True).start()
+
+    def _hear(self, listener):
+        while True:
+            self.told += listener.recv(65536).decode().splitlines()
+
+    def wait_for_turns(self, number):
+        """So many of norvd's watchdog."""
+        before = self.told.count("WATCHDOG=1")
+        wait_until(lambda: self.told.count("WATCHDOG=1") >= before + number, "its watchdog turns")
 
 
 def test_a_connection_that_is_made_again_is_not_lost_for_ever():
@@ -171,24 +185,18 @@ def test_a_connection_that_is_made_again_is_not_lost_for_ever():
         with open(log, encoding="utf-8") as file:
             return sum('"listModules"' in line for line in file)
 
-    with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as listener:
-        listener.bind(f"{bed.folder}/notify")
-        listener.settimeout(harness.PATIENCE)
-        bed.start(interval=1000, port=proxy.port,
-                  env={**os.environ, "NOTIFY_SOCKET": f"{bed.folder}/notify", "WATCHDOG_USEC": "300000"})
+    manager = ServiceManager(bed)
+    bed.start(interval=1000, port=proxy.port, env=manager.environment)
+    bed.wait_in_sync()
+    for _ in range(3):
+        before = looks()
+        proxy.drop()
+        # Over the connection made again, or by a fresh process where that came too late.
+        wait_until(lambda: looks() > before, "it looks again", bed.agent.text)
         bed.wait_in_sync()
-        for _ in range(3):
-            before = looks()
-            proxy.drop()
-            # Over the connection made again, or by a fresh process where that came too late.
-            wait_until(lambda: looks() > before, "it looks again", bed.agent.text)
-            bed.wait_in_sync()
-            # For ten turns of its watchdog it has no reason to look.
-            forget_what_was_told(listener)
-            turns = 0
-            while turns < 10:
-                turns += "WATCHDOG=1" in listener.recv(65536).decode()
-            assert looks() <= before + 3, (looks() - before, bed.agent.text())
+        # It has no reason to look meanwhile.
+        manager.wait_for_turns(10)
+        assert looks() <= before + 3, (looks() - before, bed.agent.text())
 
 
 def test_a_host_that_swallows_what_is_sent_is_tried_again_and_again():
@@ -236,6 +244,59 @@ def test_a_failed_command_ends_the_process_and_is_told_of():
     assert any(re.search(r"\.trace\.failure-\d+$", name) for name in files), files
 
 
+def test_the_note_stays_that_of_the_command_that_failed():
+    for kind in ("kind=status code=13", "kind=hang-up"):
+        bed = Bed(many(30))
+        bed.start_daemon("--fault", f"{kind} rpc=connectModules nth=3")
+        bed.start()
+        as_wanted(bed)
+        failed = re.findall(r"lost: (connectModules of connection \S+) failed: ", bed.agent.text())
+        equal(len(failed), 1, bed.agent.text())
+        # Others waited behind it.
+        equal(re.findall(r"death: \d of 3 while (.*)", bed.agent.text()), failed)
+
+
+def test_what_was_done_without_an_answer_is_not_done_again():
+    for rpc in ("createModule", "connectModules"):
+        bed = Bed(many(10))
+        log = f"{bed.folder}/calls"
+        bed.start_daemon("--log", log, "--fault", f"kind=hang-up-after rpc={rpc} nth=5")
+        bed.start()
+        as_wanted(bed)
+        assert "refused" not in bed.agent.text(), bed.agent.text()
+        with open(log, encoding="utf-8") as file:
+            calls = [json.loads(line) for line in file if line.endswith("\n")]
+        made = [json.dumps(call["request"]) for call in calls if call["type"] in ("createModule", "connectModules")]
+        equal(len(made), len(set(made)), made)
+        equal(len(made), 19)
+
+
+def test_a_switch_that_cannot_be_read_whole_is_not_compared():
+    bed = Bed(PIPELINE)
+    control, log = f"unix:{bed.folder}/control", f"{bed.folder}/calls"
+    bed.start_daemon("--control", control, "--log", log)
+    bed.start(supervise=False)
+    bed.wait_in_sync()
+    before = bed.live()
+    bed.agent.signal(signal.SIGTERM)
+    bed.agent.finish()
+    bed.write(many(12))
+    for rpc in ("listMclass", "listWorkers", "listPorts", "listModules", "getModuleInfo", "listTcs"):
+        harness.Process(harness.STANDIN, "ctl", control, "clear").finish()
+        harness.Process(harness.STANDIN, "ctl", control, "add", f"kind=status rpc={rpc} code=13 text=broken").finish()
+        bed.start("--prune", "--allow-mass-delete", supervise=False)
+        status = bed.wait_for(lambda one: "broken" in one["state"], "it says why")
+        assert status["state"].startswith("waiting for the daemon at "), status
+        equal(status["counts"], {})
+        equal(bed.get("/readyz")[0], 503)
+        bed.agent.signal(signal.SIGTERM)
+        equal(bed.agent.finish(), 0)
+    harness.Process(harness.STANDIN, "ctl", control, "clear").finish()
+    equal(bed.live(), before)
+    bed.start("--prune", "--allow-mass-delete")
+    as_wanted_with_prune(bed)
+
+
 def test_an_undecodable_reply_is_looked_into():
     bed = Bed(PIPELINE)
     bed.start_daemon("--fault", "kind=undecodable rpc=createModule name=fib nth=1")
@@ -266,15 +327,23 @@ def test_killed_two_hundred_times_while_the_wanted_state_changes():
     generator = random.Random(seed)
     bed = Bed(many(20))
     bed.start_daemon()
-    for i in range(200):
-        bed.write(many(generator.randint(1, 30)))
-        bed.start("--prune", "--allow-mass-delete", supervise=False)
-        # A random moment is what this is about.
-        time.sleep(generator.uniform(0, 0.12))
+    begin = time.monotonic()
+    bed.start("--prune", "--allow-mass-delete", supervise=False)
+    bed.wait_in_sync()
+    life = time.monotonic() - begin
+    for _ in range(200):
         bed.agent.signal(signal.SIGKILL)
         bed.agent.finish()
+        bed.write(many(generator.randint(1, 30)))
+        bed.start("--prune", "--allow-mass-delete", supervise=False)
+        # A random moment is what this is about, from the beginning to the switch as wanted.
+        time.sleep(generator.uniform(0, life))
+    bed.agent.end()
     bed.start("--prune", "--allow-mass-delete")
-    as_wanted(bed)
+    as_wanted_with_prune(bed)
+    cut = bed.agent.text().count(" apply: ") - bed.agent.text().count(" applied: ")
+    print(f"cut short in the middle of an apply: {cut}; a whole life took {life:.2f} s")
+    assert cut > 0, life
 
 
 def test_a_signal_ends_it_whatever_it_waits_for():
@@ -286,6 +355,8 @@ def test_a_signal_ends_it_whatever_it_waits_for():
     under_way = bed.status()["under_way"]
     equal((under_way["command"], under_way["object"]), ("createModule", "module fib"))
     assert under_way["seconds"] > 0.3 and under_way["since"].startswith("20"), under_way
+    told = norvctl("status", "--agent", "unix:" + bed.socket).out
+    assert re.search(r"^under way since 20\S+: createModule of module fib$", told, re.M), told
     bed.agent.signal(signal.SIGTERM)
     equal(bed.agent.finish(), 0)
 
@@ -318,14 +389,14 @@ connections: [src -> queue, queue -> out]
 
 
 class Pausing:
-    """A switch whose worker stands still while a queue is made longer; nothing is kept of it."""
+    """A switch whose worker stands still while a queue is made longer; usually nothing is kept of it."""
 
-    def __init__(self, **options):
+    def __init__(self, state="none", **options):
         self.bed = Bed(SMALL % 64)
         self.control = f"unix:{self.bed.folder}/control"
         self.log = f"{self.bed.folder}/calls"
         self.bed.start_daemon("--control", self.control, "--log", self.log)
-        self.bed.start("--stuck-after", "60", state="none", interval=1000, **options)
+        self.bed.start("--stuck-after", "60", state=state, interval=1000, **options)
         self.bed.wait_in_sync()
 
     def strike(self, kind, step):
@@ -386,6 +457,25 @@ def test_a_change_of_mind_leaves_no_worker_standing():
     equal(calls.count("pauseWorker"), 2)
 
 
+def test_what_is_under_way_is_in_doubt_until_it_is_through():
+    pausing = Pausing(state=None)
+    bed = pausing.bed
+
+    def doubtful():
+        with open(f"{bed.state}/localhost_{bed.port}.json", encoding="utf-8") as file:
+            return {(one["kind"], one["name"]) for one in json.load(file)["objects"] if one.get("doubtful")}
+
+    equal(doubtful(), set())
+    pausing.strike("kind=no-reply", 2)
+    equal(doubtful(), {("module", "queue"), ("worker", "0")})
+    # The next process knows by that what the last one, which could end nothing, has left behind.
+    os.kill(child_of(bed.agent.popen.pid), signal.SIGKILL)
+    bed.wait_for(lambda one: one["in_sync"] and one["restarts"] == 1, "a fresh process")
+    as_wanted(bed)
+    assert pausing.runs() and "size: 128" in bed.live(), bed.agent.text()
+    equal(doubtful(), set())
+
+
 def test_aborted_it_ends_and_keeps_the_recording():
     bed = Bed(PIPELINE)
     bed.start_daemon()
@@ -393,7 +483,7 @@ def test_aborted_it_ends_and_keeps_the_recording():
     bed.wait_in_sync()
     bed.agent.signal(signal.SIGABRT)
     equal(bed.agent.finish(), -signal.SIGABRT)
-    assert "norvd: aborted by a signal" in bed.agent.text(), bed.agent.text()
+    assert "norvd: lost: aborted by a signal" in bed.agent.text(), bed.agent.text()
     bed.start(supervise=False)
     status = bed.wait_in_sync()
     equal(status["failures"][-1]["text"], "the process was aborted")
@@ -415,12 +505,16 @@ def test_a_command_under_which_it_is_aborted_is_told():
     assert "death: 1 of 3 while createModule of module fib" in bed.agent.text(), bed.agent.text()
 
 
+def children_of(pid):
+    with open(f"/proc/{pid}/task/{pid}/children", encoding="ascii") as file:
+        return [int(child) for child in file.read().split()]
+
+
 def child_of(pid):
     """The one that it has; None when there is none."""
-    with open(f"/proc/{pid}/task/{pid}/children", encoding="ascii") as file:
-        children = file.read().split()
+    children = children_of(pid)
     assert len(children) < 2, children
-    return int(children[0]) if children else None
+    return children[0] if children else None
 
 
 def test_recordings_are_not_kept_for_ever():
@@ -475,6 +569,41 @@ def test_the_supervisor_starts_again_after_growing_pauses():
         assert longest / 2 <= pause <= longest, pauses
     bed.start_daemon()
     as_wanted(bed)
+    # One that had got as far as that is started again soon.
+    bed.kill_daemon()
+    found = wait_until(lambda: re.search(r"with status 75; starting it again in (\d+) ms", bed.agent.text()),
+                       "it is said", bed.agent.text)
+    assert int(found.group(1)) <= 50, bed.agent.text()
+
+
+def test_the_supervisor_leaves_no_zombies():
+    bed = Bed(PIPELINE)
+    bed.start_daemon()
+    os.mkdir(f"{bed.folder}/bin")
+    with open(f"{bed.folder}/bin/dot", "w", encoding="ascii") as file:
+        file.write(f"#!/bin/sh\necho $$ >{bed.folder}/drawing\nexec sleep 1000\n")
+    os.chmod(f"{bed.folder}/bin/dot", 0o755)
+    # As in a container, where it is the first of all processes.
+    adopt = "import ctypes, os, sys; ctypes.CDLL(None).prctl(36, 1); os.execv(sys.argv[1], sys.argv[1:])"
+    bed.start(program=(sys.executable, "-c", adopt, agent.NORVD),
+              env={**os.environ, "PATH": f"{bed.folder}/bin:{os.environ['PATH']}"})
+    bed.wait_in_sync()
+    bed.get("/")
+
+    def drawing():
+        try:
+            with open(f"{bed.folder}/drawing", encoding="ascii") as file:
+                return int(file.read() or 0)
+        except FileNotFoundError:
+            return 0
+
+    orphan = wait_until(drawing, "it draws", bed.agent.text)
+    os.kill(child_of(bed.agent.popen.pid), signal.SIGKILL)
+    bed.wait_for(lambda one: one["restarts"] == 1, "a fresh process")
+    os.kill(orphan, signal.SIGKILL)
+    # What drew, and the shell around it.
+    wait_until(lambda: len(children_of(bed.agent.popen.pid)) == 1, "they are gone",
+               lambda: f"{children_of(bed.agent.popen.pid)}\n{bed.agent.text()}")
 
 
 def test_the_supervisor_goes_on_when_it_cannot_start():
@@ -482,7 +611,7 @@ def test_the_supervisor_goes_on_when_it_cannot_start():
     program = f"{bed.folder}/norvd"
     shutil.copy(agent.NORVD, program)
     bed.start_daemon()
-    bed.start(program=program)
+    bed.start(program=(program,))
     bed.wait_in_sync()
     os.chmod(program, 0)
     os.kill(child_of(bed.agent.popen.pid), signal.SIGKILL)
@@ -535,6 +664,22 @@ def test_bad_options():
         assert text in finished.err, finished
 
 
+def test_its_manual_page_has_what_its_help_has():
+    told = harness.Process(agent.NORVD, "--help").finish().out
+    page = harness.Process(agent.NORVD, "--man").finish().out
+    options, variables = set(re.findall(r"--[a-z-]+", told)), set(re.findall(r"Env:(\w+)", told))
+    assert len(options) > 10 and "NORV_HOST" in variables, told
+    for word in options | variables:
+        assert word.replace("-", "\\-") in page, (word, page)
+    if not shutil.which("groff"):
+        harness.skip("no groff here to read it")
+    reader = harness.Process("groff", "-man", "-ww", "-z", stdin=subprocess.PIPE)
+    reader.popen.stdin.write(page.encode())
+    reader.popen.stdin.close()
+    finished = reader.finish()
+    equal((finished.status, finished.err), (0, ""), page)
+
+
 def test_its_unit_is_in_order():
     if not shutil.which("systemd-analyze"):
         harness.skip("no systemd-analyze here")
@@ -561,18 +706,13 @@ def test_its_unit_is_in_order():
 def test_it_tells_its_supervisor():
     bed = Bed(PIPELINE)
     bed.start_daemon()
-    with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as listener:
-        listener.bind(f"{bed.folder}/notify")
-        listener.settimeout(harness.PATIENCE)
-        bed.start(supervise=False, env={**os.environ, "NOTIFY_SOCKET": f"{bed.folder}/notify",
-                                        "WATCHDOG_USEC": "300000"})
-        told = []
-        while not ("READY=1" in told and "WATCHDOG=1" in told and
-                   any(text.startswith("STATUS=nothing to do") for text in told)):
-            told += listener.recv(65536).decode().splitlines()
-        bed.agent.signal(signal.SIGTERM)
-        while "STOPPING=1" not in told:
-            told += listener.recv(65536).decode().splitlines()
+    manager = ServiceManager(bed)
+    bed.start(supervise=False, env=manager.environment)
+    wait_until(lambda: "READY=1" in manager.told, "it is ready")
+    wait_until(lambda: any(text.startswith("STATUS=nothing to do") for text in manager.told), "it says how it is")
+    manager.wait_for_turns(2)
+    bed.agent.signal(signal.SIGTERM)
+    wait_until(lambda: "STOPPING=1" in manager.told, "it says that it ends")
 
 
 def test_levels_are_for_the_journal_alone():
@@ -866,6 +1006,21 @@ def test_deaths_that_are_not_in_a_row_are_no_quarantine():
     assert "death: 2 of 3" not in bed.agent.text(), bed.agent.text()
 
 
+def test_deaths_under_another_value_do_not_count():
+    bed = Bed(many(2, "  bad: {class: Queue}\n"))
+    bed.start()
+    fault = "kind=exit rpc=createModule name=bad"
+    for size in (0, 0, 128, 256, 256):
+        if size:
+            bed.write(many(2, f"  bad: {{class: Queue, arg: {{size: {size}}}}}\n"))
+        bed.start_daemon("--fault", fault)
+        bed.daemon.finish()
+    bed.start_daemon()
+    as_wanted(bed)
+    equal(re.findall(r"death: (\d) of 3 while createModule of module bad", bed.agent.text()),
+          ["1", "2", "1", "1", "2"])
+
+
 def test_an_object_of_a_long_name_is_left_out_as_well():
     name = "\u00e4" * 3000
     bed = Bed(json.dumps({"modules": {"good": "Sink", name: "Sink"}}))
@@ -993,15 +1148,19 @@ def test_a_damaged_memory_lies_aside():
     bed = Bed(PIPELINE)
     os.mkdir(bed.state)
     name = f"{bed.state}/localhost_{bed.port}"
-    for purpose in ("norvd", "json"):
+    purposes = ("norvd", "json", "wanted.yaml")
+    for purpose in purposes:
         with open(f"{name}.{purpose}", "w", encoding="utf-8") as file:
             file.write("{ nothing")
+    bed.write("modules: {a: Nothing}")
     bed.start_daemon()
     bed.start()
+    bed.wait_for(lambda one: one["state"].startswith("there is no document to go by: "), "it says so")
+    bed.write(PIPELINE)
     as_wanted(bed)
-    for purpose in ("norvd", "json"):
+    for purpose in purposes:
         assert os.path.exists(f"{name}.{purpose}.damaged"), os.listdir(bed.state)
-    assert "lies aside" in bed.agent.text()
+    equal(bed.agent.text().count("lies aside"), len(purposes), bed.agent.text())
 
 
 def test_without_a_folder_nothing_is_kept():
@@ -1032,6 +1191,26 @@ def test_metrics_by_the_conventions():
     named = set(re.findall(r"^# TYPE (\S+)", text, re.M))
     for name in {re.sub(r"(_bucket|_sum|_count)?(\{.*)?$", "", line) for line in lines}:
         assert name in named, (name, named)
+    equal(named, set(re.findall(r"`(norv_\w+)", table_of("Metric"))), "as its document has them")
+
+
+def table_of(head):
+    """That of norvd's document whose first column has this head: its first column."""
+    with open(f"{harness.SOURCES}/docs/norvd.md", encoding="utf-8") as file:
+        text = file.read()
+    rows = re.search(rf"^\| {head} \|.*\n\|.*\n((?:\|.*\n)+)", text, re.M).group(1)
+    return "\n".join(row.split(" | ")[0] for row in rows.splitlines())
+
+
+def test_its_document_names_the_words_of_its_log():
+    said = set()
+    folder = f"{harness.SOURCES}/tools/norvd"
+    for name in os.listdir(folder):
+        if name.endswith(".cpp"):
+            with open(f"{folder}/{name}", encoding="utf-8") as file:
+                said |= set(re.findall(r'log\(Level::\w+,\s*(?:std::string\()?"(\w+): ', file.read()))
+    assert len(said) > 10, said
+    equal(set(re.findall(r"`(\w+)`", table_of("Word"))), said)
 
 
 def test_names_are_made_safe():

@@ -135,6 +135,11 @@ def test_shows_the_switch_and_what_changes():
 
     first = wait_until(rates, "there are rates", browser.text)
     assert all(re.match(r"1\.[45]\d* M p/s", text) for text in first), first
+    # What is read aloud when it changes is left as it is while others change.
+    browser.run("document.querySelector('#state p').old=document.querySelector('#live').innerHTML")
+    wait_until(lambda: browser.run("return document.querySelector('#live').innerHTML!=="
+                                   "document.querySelector('#state p').old"), "others change", browser.text)
+    equal(browser.run("return typeof document.querySelector('#state p').old"), "string")
     keep(browser, "norvd.png")
     # A drift appears, by the script of the page alone, and goes.
     bed.agent.signal(harness.signal.SIGTERM)
@@ -143,6 +148,7 @@ def test_shows_the_switch_and_what_changes():
     equal(bed.call("disconnectModules", '{"name": "fib", "ogate": 0}').status, 0)
     wait_until(lambda: "connection fib:0" in browser.text() and "differs" in browser.text(),
                "the drift is shown", browser.text)
+    wait_until(lambda: browser.run("return document.title").startswith("NOT in sync · norvd "), "the title, too")
     keep(browser, "norvd-drift.png")
     equal(bed.call("connectModules", '{"m1": "fib", "m2": "drop", "ogate": 0, "igate": 0}').status,
           0)

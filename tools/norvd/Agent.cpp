@@ -10,6 +10,7 @@
 
 #include "Signals.h"
 #include "Values.h"
+#include "agent/ObjectNames.h"
 
 namespace Norvd {
 
@@ -20,6 +21,7 @@ using Norv::State::Execution;
 using Norv::State::LiveSwitch;
 using Norv::State::Object;
 using Norv::State::Plan;
+using Norvctl::deathKey;
 
 namespace {
 
@@ -164,11 +166,11 @@ std::string Agent::whatIs(const Norv::Agent::CommandReport& report) const {
 void Agent::takeRetries() {
   if (!picture_) return;  // it is not known yet what there is
   for (const std::string& words : memory_.takeRetries()) {
-    bool known = holds_.lift(words);
-    for (const auto& [object, status] : picture_->objects) {
-      if (!means(words, object)) continue;
-      known = true;
-      memory_.deaths.erase(deathKey(object));
+    bool known = false;
+    for (const Object& object : Norvctl::objectsMeant(words)) {
+      const bool waited = holds_.lift(object);
+      const bool died = memory_.deaths.erase(deathKey(object)) != 0;
+      known = known || waited || died || picture_->objects.contains(object);
     }
     memory_.save();
     if (known) {

@@ -4,6 +4,7 @@
 #include <bess/pb/service.pb.h>
 
 #include "Values.h"
+#include "agent/ObjectNames.h"
 
 namespace Norvd {
 
@@ -64,7 +65,7 @@ void Carrying::send(Road& road, std::size_t step) {
   const std::size_t change = owner(step);
   std::string note;
   if (change != Step::none) {
-    note = written(DeathNote{deathKey(plan_->changes[change].object), values_[change],
+    note = written(DeathNote{Norvctl::deathKey(plan_->changes[change].object), values_[change],
                              stringValue(plan_->steps[step].type).stdString()});
   }
   road.send(step, plan_->steps[step], note);

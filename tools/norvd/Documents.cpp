@@ -91,7 +91,11 @@ void Documents::takeLastGood(const LiveSwitch& live) {
     inForce_ = readDocument({{memory_.file("wanted.yaml"), *kept}}, live.offer);
     from_ = "the last good one, kept in " + memory_.file("wanted.yaml");
   } catch (const DocumentError& error) {
-    log(Level::warning, "document: the last good one cannot be used: " + text(error.problems()));
+    const std::string complaint = text(error.problems());
+    if (complaint != lastGoodComplaint_) {
+      log(Level::warning, "document: the last good one cannot be used: " + complaint);
+    }
+    lastGoodComplaint_ = complaint;
   }
 }
 

@@ -55,6 +55,7 @@ class Documents {
   std::optional<Norv::State::Document> inForce_;
   std::string from_ = "none";
   std::string complaint_;
+  std::string lastGoodComplaint_;  // the same of the one that was kept
 };
 
 }  // namespace Norvd

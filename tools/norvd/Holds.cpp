@@ -2,8 +2,6 @@
 
 #include <algorithm>
 
-#include "Values.h"
-
 namespace Norvd {
 
 using Norv::State::Object;
@@ -69,8 +67,8 @@ void Holds::seen(const std::set<Object>& differing, Time now) {
   }
 }
 
-bool Holds::lift(const std::string& words) {
-  return std::erase_if(entries_, [&](const auto& one) { return means(words, one.first); }) != 0;
+bool Holds::lift(const Object& object) {
+  return entries_.erase(object) != 0;
 }
 
 }  // namespace Norvd

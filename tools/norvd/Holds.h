@@ -39,8 +39,8 @@ class Holds {
   // The switch was looked at, and these are not as wanted; what is right for long enough is
   // forgotten.
   void seen(const std::set<Norv::State::Object>& differing, Time now);
-  // Tries it at the next occasion; false when nothing is known of it. `words` as in means.
-  bool lift(const std::string& words);
+  // Tries it at the next occasion; false when nothing is known of it.
+  bool lift(const Norv::State::Object& object);
 
   static constexpr std::chrono::minutes longest{5};
 

@@ -4,6 +4,7 @@
 #include <sys/file.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cstdio>
@@ -14,6 +15,8 @@
 
 #include <Norv/State/Files.h>
 #include <Norv/State/Record.h>
+
+#include "agent/ObjectNames.h"
 
 namespace Norvd {
 
@@ -38,6 +41,12 @@ std::optional<std::string> contents(const std::string& file) {
   text << stream.rdbuf();
   return text.str();
 }
+
+// With a last line to know the others by: part of a document would be another document.
+std::string sealed(const std::string& document) {
+  return document + "# " + Norvctl::fingerprint(document) + "\n";
+}
+constexpr std::size_t sealSize = 2 + 16 + 1;
 
 }  // namespace
 
@@ -82,11 +91,17 @@ void Memory::load() {
     lost.clear();
     failures_.clear();
     deaths.clear();
-    const std::string aside = name + ".damaged";
-    std::rename(name.c_str(), aside.c_str());
-    log(Level::warning, "memory: " + name + " cannot be used (" + error.what() +
-                            ") and lies aside as " + aside + "; starting with an empty one");
+    setAside("norvd", error.what());
   }
+}
+
+void Memory::setAside(const std::string& purpose, const std::string& why) {
+  const std::string name = file(purpose), aside = name + ".damaged";
+  attempt(purpose, [&] {
+    if (std::rename(name.c_str(), aside.c_str()) != 0) Norv::State::failFile("cannot rename", name);
+    log(Level::warning, "memory: " + name + " cannot be used (" + why + ") and lies aside as " +
+                            aside + "; going on without");
+  });
 }
 
 void Memory::save() {
@@ -111,13 +126,18 @@ void Memory::save() {
   attempt("norvd", [&] { Norv::State::replaceFile(file("norvd"), text); });
 }
 
-std::optional<std::string> Memory::lastGood() const {
-  return kept() ? contents(file("wanted.yaml")) : std::nullopt;
+std::optional<std::string> Memory::lastGood() {
+  const auto text = kept() ? contents(file("wanted.yaml")) : std::nullopt;
+  if (!text) return {};
+  const std::string document = text->substr(0, text->size() - std::min(text->size(), sealSize));
+  if (sealed(document) == *text) return document;
+  setAside("wanted.yaml", "its last line does not fit the others");
+  return {};
 }
 
 void Memory::lastGoodIs(const std::string& document) {
   if (!kept() || lastGood() == document) return;
-  attempt("wanted.yaml", [&] { Norv::State::replaceFile(file("wanted.yaml"), document); });
+  attempt("wanted.yaml", [&] { Norv::State::replaceFile(file("wanted.yaml"), sealed(document)); });
 }
 
 void Memory::failureIs(const std::string& text) {

@@ -39,8 +39,8 @@ class Memory {
   // Replaces the file. Says once when it cannot, and once when it can again.
   void save();
 
-  // The last document that was good, as it was kept.
-  std::optional<std::string> lastGood() const;
+  // The last document that was good, as it was kept; a file that is damaged is set aside.
+  std::optional<std::string> lastGood();
   void lastGoodIs(const std::string& document);
 
   bool kept() const { return !folder_.empty(); }
@@ -73,10 +73,11 @@ class Memory {
   const std::vector<Event>& failures() const { return failures_; }
 
   std::uint64_t starts = 0;             // of norvd, for this switch
-  std::map<std::string, Death> deaths;  // by deathKey
+  std::map<std::string, Death> deaths;  // by Norvctl::deathKey
   std::string lost;                     // why the last process ended; empty: not of a failure
 
  private:
+  void setAside(const std::string& purpose, const std::string& why);
   void troubleIs(const std::string& purpose, const std::string& text);
   std::map<unsigned, std::vector<std::string>> recordings(const std::string& purpose) const;
 

@@ -128,8 +128,10 @@ std::string manualPage() {
     page += ".TP\n.B " + name;
     if (option->get_items_expected_max() > 0) page += " " + option->get_type_name();
     page += "\n" + option->get_description();
-    const std::string usual = option->get_default_str();
-    page += usual.empty() ? "\n" : " (usually " + usual + ")\n";
+    const std::string usual = option->get_default_str(), variable = option->get_envname();
+    if (!usual.empty()) page += " (usually " + usual + ")";
+    if (!variable.empty()) page += "; without it the environment's " + variable;
+    page += "\n";
   }
   return page + ".SH EXIT STATUS\n" + footer + "\n.SH SEE ALSO\nnorvctl(1)\n";
 }

@@ -44,15 +44,19 @@ svg.chart polyline{fill:none;stroke-width:1.5;vector-effect:non-scaling-stroke}
 )";
 
 const char* const script = R"(
-const live=document.getElementById("live"),lost=document.getElementById("lost");
+const [state,notices,live,lost]=["state","notices","live","lost"].map(id=>document.getElementById(id));
 async function renew(){
   try{
     const answer=await fetch(location.pathname,{cache:"no-store"});
-    const fresh=new DOMParser().parseFromString(await answer.text(),"text/html").getElementById("live");
+    const fresh=new DOMParser().parseFromString(await answer.text(),"text/html");
     const open=[...live.querySelectorAll("details")].map(one=>one.open);
     const held=live.querySelector(".scroll"),left=held?held.scrollLeft:0;
     const focused=document.activeElement?document.activeElement.id:"";
-    if(fresh.innerHTML!==live.innerHTML)live.innerHTML=fresh.innerHTML;
+    for(const part of [state,notices,live]){
+      const now=fresh.getElementById(part.id).innerHTML;
+      if(now!==part.innerHTML)part.innerHTML=now;
+    }
+    document.title=fresh.title;
     live.querySelectorAll("details").forEach((one,i)=>{one.open=open[i]||one.open});
     const now=live.querySelector(".scroll");if(now)now.scrollLeft=left;
     if(focused){const one=document.getElementById(focused);if(one)one.focus({preventScroll:true})}
@@ -88,18 +92,19 @@ std::string stateClass(const Status& status) {
   return bad ? "bad" : "warn";
 }
 
+// Parts of their own, which are told to who listens when they change, and only then.
 std::string header(const Status& status) {
-  std::string out = "<p class=\"state " + stateClass(status) + "\" role=\"status\">" +
-                    htmlEscaped(status.sentence) + "</p>\n<p class=\"faint\">since " +
-                    text(status.since) + " · daemon " + htmlEscaped(status.address) +
-                    (status.version.empty() ? "" : " (" + htmlEscaped(status.version) + ")") +
-                    " · document " + htmlEscaped(status.document) +
-                    (status.observes ? " · only observing" : "") + " · restarts " +
-                    std::to_string(status.restarts) + "</p>\n";
+  std::string out =
+      "<div id=\"state\" role=\"status\"><p class=\"state " + stateClass(status) + "\">" +
+      htmlEscaped(status.sentence) + "</p>\n<p class=\"faint\">since " + text(status.since) +
+      " · daemon " + htmlEscaped(status.address) +
+      (status.version.empty() ? "" : " (" + htmlEscaped(status.version) + ")") + " · document " +
+      htmlEscaped(status.document) + (status.observes ? " · only observing" : "") + " · restarts " +
+      std::to_string(status.restarts) + "</p></div>\n<div id=\"notices\" role=\"alert\">";
   for (const std::string& notice : status.notices) {
-    out += "<p class=\"notice\" role=\"alert\">" + htmlEscaped(notice) + "</p>\n";
+    out += "<p class=\"notice\">" + htmlEscaped(notice) + "</p>\n";
   }
-  return out;
+  return out + "</div>\n";
 }
 
 std::string counts(const Picture& picture) {
@@ -262,8 +267,8 @@ std::string Page::html(const Status& status) {
       "<noscript><meta http-equiv=\"refresh\" content=\"5\"></noscript><style>" + style +
       "</style></head><body>\n<header><h1>norvd · " + htmlEscaped(status.address) +
       "</h1></header>\n<main><p id=\"lost\" class=\"notice\" role=\"alert\" hidden>norvd does not "
-      "answer; what stands here is old.</p><div id=\"live\">\n" +
-      header(status);
+      "answer; what stands here is old.</p>" +
+      header(status) + "<div id=\"live\">\n";
   if (status.picture) {
     out += counts(*status.picture);
     out += "<h2>Pipeline</h2>\n" + drawing_->html(*status.picture) + connections(*status.picture);

@@ -36,7 +36,7 @@ void onEnd(int number) {
 // It ends of the same signal once this returns.
 void onAbort(int number) {
   constexpr std::string_view line =
-      "norvd: aborted by a signal; the next process keeps the recording of it\n";
+      "norvd: lost: aborted by a signal; the next process keeps the recording of it\n";
   [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, line.data(), line.size());
   deathNote->aborted();
   raise(number);

@@ -55,12 +55,19 @@ std::string howEnded(int status) {
 }
 
 // Waits for the signals, which are blocked. Passes on what is for the child; true when it has
-// ended, its status in `status`.
+// ended, its status in `status`. In a container the orphans of all others are ours, too.
 bool waitForChild(pid_t child, const sigset_t& signals, bool* stop, int* status) {
   const int number = sigwaitinfo(&signals, nullptr);
   if (number == SIGTERM || number == SIGINT) *stop = true;
   if (number > 0 && number != SIGCHLD) kill(child, number);
-  return waitpid(child, status, WNOHANG) == child;
+  bool over = false;
+  int how = 0;
+  for (pid_t one; (one = waitpid(-1, &how, WNOHANG)) > 0;) {
+    if (one != child) continue;
+    over = true;
+    *status = how;
+  }
+  return over;
 }
 
 // False when a signal to end came meanwhile.

@@ -1,27 +1,16 @@
 #include "Values.h"
 
-#include <cstdio>
 #include <nlohmann/json.hpp>
 
 #include <Norv/State/Document.h>
 
-#include "text/Text.h"
+#include "agent/ObjectNames.h"
 
 namespace Norvd {
 
 using Norv::State::Kind;
 using Norv::State::Object;
 using Norv::State::Switch;
-
-namespace {
-
-std::string hashOf(const std::string& text) {
-  char hash[17];
-  std::snprintf(hash, sizeof hash, "%016zx", std::hash<std::string>()(text));
-  return hash;
-}
-
-}  // namespace
 
 std::vector<Object> objectsOf(const Switch& wanted) {
   std::vector<Object> objects;
@@ -51,7 +40,7 @@ std::map<Object, std::string> valuesOf(const Switch& wanted, const std::set<Obje
     if (!objects.contains(object)) return;
     Switch alone;
     (alone.*section).insert(from);
-    values[object] = hashOf(yaml(alone));
+    values[object] = Norvctl::fingerprint(yaml(alone));
   };
   for (const auto& one : wanted.plugins) enter({Kind::plugin, one}, one, &Switch::plugins);
   for (const auto& one : wanted.workers) {
@@ -67,19 +56,6 @@ std::map<Object, std::string> valuesOf(const Switch& wanted, const std::set<Obje
     enter({Kind::trafficClass, one.first}, one, &Switch::trafficClasses);
   }
   return values;
-}
-
-bool means(const std::string& words, const Object& object) {
-  return words == object.name || words == text(object);
-}
-
-std::string deathKey(const Object& object) {
-  constexpr std::size_t longest = 500, kept = 200;
-  std::string key = Norvctl::escaped(text(object));
-  if (key.size() <= longest) return key;
-  std::size_t end = kept;
-  while ((key[end] & 0xc0) == 0x80) --end;  // between two characters
-  return key.substr(0, end) + "..." + hashOf(key);
 }
 
 std::string written(const DeathNote& note) {

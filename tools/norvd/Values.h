@@ -17,15 +17,9 @@ std::vector<Norv::State::Object> objectsOf(const Norv::State::Switch& wanted);
 std::map<Norv::State::Object, std::string> valuesOf(const Norv::State::Switch& wanted,
                                                     const std::set<Norv::State::Object>& objects);
 
-// Whether a person's words, "module fib" or "fib", mean the object.
-bool means(const std::string& words, const Norv::State::Object& object);
-
-// An object as deaths are kept by: its text, made UTF-8, and short where the name is long.
-std::string deathKey(const Norv::State::Object& object);
-
 // What UnderWay keeps of a command.
 struct DeathNote {
-  std::string object;  // its deathKey
+  std::string object;  // its Norvctl::deathKey
   std::string value;   // what was wanted of it
   std::string command;
 };

@@ -14,6 +14,7 @@
 #include <fstream>
 #include <iostream>
 #include <nlohmann/json.hpp>
+#include <set>
 
 #include <Norv/State/Document.h>
 #include <Norv/State/Files.h>
@@ -24,6 +25,7 @@
 #include "../run/Session.h"
 #include "../text/Table.h"
 #include "../text/Text.h"
+#include "ObjectNames.h"
 #include "PageAddress.h"
 
 namespace Norvctl {
@@ -88,6 +90,11 @@ std::string textOf(const Json& json, const Colours& colours, std::size_t width) 
   out += colours.faint() + ("since " + field(json, "since")) + "; daemon " +
          field(json.at("daemon"), "address") + "; document " + field(json, "document") +
          "; restarts " + std::to_string(json.value("restarts", 0)) + colours.end() + "\n";
+  if (const Json& one = json.at("under_way"); !one.is_null()) {
+    const std::string object = field(one, "object");
+    out += "under way since " + field(one, "since") + ": " + field(one, "command") +
+           (object.empty() ? "" : " of " + object) + "\n";
+  }
   const Table objects = objectsOf(json);
   if (!objects.empty()) out += "\n" + objects.text(colours, width);
   Table queues({{"queue"}, {"waiting", Table::Align::right}, {"most", Table::Align::right}});
@@ -204,22 +211,19 @@ class File {
   int file_;
 };
 
-// Whether the object is wanted, or norvd keeps that the daemon died of it; true where that cannot
-// be told.
-bool known(const std::string& object, const std::filesystem::path& record) {
+// Whether what the words mean is wanted, or norvd keeps that the daemon died of it; true where that
+// cannot be told.
+bool known(const std::string& words, const std::filesystem::path& record) {
   std::filesystem::path wanted = record, memory = record;
   wanted.replace_extension("wanted.yaml");
   memory.replace_extension("norvd");
-  const auto means = [&](const Norv::State::Object& one) {
-    return one.name == object || Norv::State::text(one) == object;
-  };
   try {
-    for (const auto& [one, mark] : Norv::State::readFiles({wanted}).marks) {
-      if (means(one)) return true;
-    }
-    for (const Json& one : Json::parse(std::ifstream(memory)).at("deaths")) {
-      const std::string name = one.at("object");
-      if (name == object || name.ends_with(" " + object)) return true;
+    const auto marks = Norv::State::readFiles({wanted}).marks;
+    std::set<std::string> died;
+    const Json kept = Json::parse(std::ifstream(memory));
+    for (const Json& one : kept.at("deaths")) died.insert(one.at("object"));
+    for (const Norv::State::Object& one : objectsMeant(words)) {
+      if (marks.contains(one) || died.contains(deathKey(one))) return true;
     }
     return false;
   } catch (const std::exception&) {
