@@ -88,7 +88,7 @@ case " $(pkg-config --libs norv) " in
     echo "norv.pc has its users link gRPC" >&2
     exit 1
     ;;
-  *" -lbessgrpc "*" -lprotobuf "*) ;;
+  *" -lbessgrpc "*"-lprotobuf "*) ;;
   *)
     echo "norv.pc lacks the messages: $(pkg-config --libs norv)" >&2
     exit 1
