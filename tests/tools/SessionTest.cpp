@@ -78,7 +78,7 @@ class Told : public SessionListener {
 // A session stays, as a connected manager cannot be destroyed, and so does all it works with.
 template <class T, class... Args>
 T& staying(Args&&... args) {
-  static std::vector<T*> all;
+  static auto& all = *new std::vector<T*>;  // at the end of the process, too
   all.push_back(new T(std::forward<Args>(args)...));
   return *all.back();
 }
