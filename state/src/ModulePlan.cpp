@@ -99,7 +99,7 @@ std::string removalKey(const ArgumentTable& table, const Message& prototype,
       *only(words(table.key), message->GetReflection()->GetRepeatedMessage(*message, &field, 0)));
 }
 
-// In as few requests as can be.
+// Each is the command's argument with one entry in its list; in as few requests as can be.
 void sendEntries(const ClassRow& row, std::string_view command,
                  const std::vector<std::string>& entries, std::vector<ModuleCommand>& commands) {
   std::unique_ptr<Message> message;
@@ -345,14 +345,28 @@ class TableDifference {
   }
 
   void add(const std::vector<const std::string*>& entries) {
-    send(table_.add, table_.addList, entries,
-         [](const Message& entry, Message& into) { into.CopyFrom(entry); });
+    if (!table_.addList.empty()) return addListed(entries);
+    for (const std::string* bytes : entries) {
+      auto message = newMessage(*argumentOf(row_, table_.add));
+      message->ParseFromString(*bytes);
+      commands_.push_back({std::string(table_.add), std::move(message), false});
+    }
+  }
+
+  void addListed(const std::vector<const std::string*>& entries) {
+    std::vector<std::string> alone;  // each as the command's argument with that entry in its list
+    for (const std::string* bytes : entries) {
+      const auto message = newMessage(*argumentOf(row_, table_.add));
+      const auto* list = message->GetDescriptor()->FindFieldByName(std::string(table_.addList));
+      message->GetReflection()->AddMessage(message.get(), list)->ParseFromString(*bytes);
+      alone.push_back(serialized(*message));
+    }
+    sendEntries(row_, table_.add, alone, commands_);
   }
 
   void remove(const std::vector<const std::string*>& entries) {
-    if (entries.empty()) return;
-    const auto keys = words(table_.key);
     if (!table_.removeList.empty()) return removeListed(entries);
+    const auto keys = words(table_.key);
     for (const std::string* bytes : entries) {
       const auto entry = newEntry(row_);
       entry->ParseFromString(*bytes);
@@ -370,54 +384,18 @@ class TableDifference {
 
   // By a list of keys, each one text.
   void removeListed(const std::vector<const std::string*>& entries) {
-    std::unique_ptr<Message> message;
-    std::size_t bytes = 0;
-    const auto flush = [&] {
-      if (message) {
-        commands_.push_back({std::string(table_.remove), std::move(message), false});
-      }
-      bytes = 0;
-    };
-    for (const std::string* serializedEntry : entries) {
+    std::vector<std::string> alone;
+    for (const std::string* bytes : entries) {
       const auto entry = newEntry(row_);
-      entry->ParseFromString(*serializedEntry);
+      entry->ParseFromString(*bytes);
       const auto* key = entry->GetDescriptor()->FindFieldByName(std::string(table_.key));
-      const std::string text = entry->GetReflection()->GetString(*entry, key);
-      if (bytes + listed(text.size()) > mostRequestBytes) flush();
-      if (!message) message = newMessage(*argumentOf(row_, table_.remove));
+      const auto message = newMessage(*argumentOf(row_, table_.remove));
       const auto* list = message->GetDescriptor()->FindFieldByName(std::string(table_.removeList));
-      message->GetReflection()->AddString(message.get(), list, text);
-      bytes += listed(text.size());
+      message->GetReflection()->AddString(message.get(), list,
+                                          entry->GetReflection()->GetString(*entry, key));
+      alone.push_back(serialized(*message));
     }
-    flush();
-  }
-
-  template <class Fill>
-  void send(std::string_view command, std::string_view listName,
-            const std::vector<const std::string*>& entries, const Fill& fill) {
-    std::unique_ptr<Message> message;
-    std::size_t bytes = 0;
-    const auto flush = [&] {
-      if (message) commands_.push_back({std::string(command), std::move(message), false});
-      message.reset();
-    };
-    for (const std::string* serializedEntry : entries) {
-      if (listName.empty() || bytes + listed(serializedEntry->size()) > mostRequestBytes) flush();
-      if (!message) {
-        message = newMessage(*argumentOf(row_, command));
-        bytes = 0;
-      }
-      const auto entry = newEntry(row_);
-      entry->ParseFromString(*serializedEntry);
-      bytes += listed(serializedEntry->size());
-      if (listName.empty()) {
-        fill(*entry, *message);
-      } else {
-        const auto* list = message->GetDescriptor()->FindFieldByName(std::string(listName));
-        fill(*entry, *message->GetReflection()->AddMessage(message.get(), list));
-      }
-    }
-    flush();
+    sendEntries(row_, table_.remove, alone, commands_);
   }
 
   const ClassRow& row_;

@@ -146,7 +146,7 @@ class TrafficPlanner {
   std::string refusal(const Move& move) const;
   std::string unfit(const Place& place) const;
   std::optional<Place> livePlace(const std::string& module, std::uint64_t number) const;
-  std::size_t tasksOf(const std::string& module) const;
+  std::size_t taskCount(const std::string& module) const;
   std::string crowded(const Place& place, const std::string& module, std::uint64_t number) const;
   std::optional<Place> wantedPlace(const std::string& module, std::uint64_t number) const;
   Place placeAfter(const Task& task) const;

@@ -59,7 +59,7 @@ std::optional<Place> TrafficPlanner::livePlace(const std::string& module,
 }
 
 // How many tasks of the module are spoken of, here or at the daemon.
-std::size_t TrafficPlanner::tasksOf(const std::string& module) const {
+std::size_t TrafficPlanner::taskCount(const std::string& module) const {
   const auto live = live_.modules.find(module);
   return std::max(target_.modules.at(module).tasks.size(),
                   live != live_.modules.end() ? live->second.tasks.size() : 0);
@@ -78,7 +78,8 @@ void TrafficPlanner::findChildren() {
   for (const auto& [name, one] : target_.trafficClasses) enter(one.place, name, noTask);
   for (const auto& one : target_.modules) {
     const std::string& name = one.first;
-    for (std::size_t i = 0; i < tasksOf(name); ++i) {
+    const std::size_t tasks = taskCount(name);
+    for (std::size_t i = 0; i < tasks; ++i) {
       auto place = wantedPlace(name, i);
       if (!place) place = livePlace(name, i);
       if (place) enter(*place, name, i);
@@ -212,7 +213,8 @@ void TrafficPlanner::planTasks(const Created& created) {
   for (const auto& one : target_.modules) {
     const std::string& name = one.first;
     const auto made = created.find(name);
-    for (std::size_t i = 0; i < tasksOf(name); ++i) {
+    const std::size_t tasks = taskCount(name);
+    for (std::size_t i = 0; i < tasks; ++i) {
       if (held_.contains({name, i})) continue;
       const auto before = livePlace(name, i);
       const auto move = made != created.end() ? createdMove(name, i, before, made->second)

@@ -396,8 +396,7 @@ TEST_F(PlanTest, AVeryLargeTableIsSetInSeveralRequests) {
 
 // A daemon of today ends when it is asked for this table once a rule was added.
 TEST_F(PlanTest, TheTableOfAWildcardMatchIsNotAskedFor) {
-  for (const auto& [options, asked] :
-       {std::pair(TestSwitch::older(), 1u), std::pair(TestSwitch::newer(), 1u)}) {
+  for (const Standin::Options& options : {TestSwitch::older(), TestSwitch::newer()}) {
     TestSwitch daemon(options);
     const auto applied = daemon.apply(
         "modules: {w: {class: WildcardMatch, arg: {fields: [{offset: 26, num_bytes: 4}]},\n"
@@ -408,7 +407,7 @@ TEST_F(PlanTest, TheTableOfAWildcardMatchIsNotAskedFor) {
     call.name = "w";
     daemon.server().addFault(call);
     daemon.read();
-    EXPECT_EQ(daemon.server().faults().at(0).matched, asked);  // its argument alone
+    EXPECT_EQ(daemon.server().faults().at(0).matched, 1u);  // its argument alone
   }
 }
 
