@@ -85,6 +85,7 @@ ROWS = [
           "ms"),
     pairs("state_rates", "the plan of 10,000 modules onto nothing", "plan_growth", "of 1,000", 12, "ms"),
     pairs("state_rates", "100,000 rules onto an empty table", "rules", "one add for each", 0.05, "ms"),
+    pairs("state_rates", "10 of 100,000 rules changed", "ten_rules", "10 calls", 1.2, "calls"),
     pairs("note_cost", "norvd's note of the command under way", "note", "a command to a stand-in", None,
           "ns"),
     pairs("norvd/restarts.py", "first-light as wanted again after a restart of the daemon", "restart",

@@ -1,7 +1,8 @@
 // What the wanted state costs: reading, planning and applying 1,000 modules with 2,000 connections,
-// and a table of 100,000 rules, beside hand-written calls for the same commands; how planning
-// grows. The stand-in runs in a process of its own, and so does the loop of calls that applying
-// takes turns with. The process ends with its session.
+// and a table of 100,000 rules, beside hand-written calls for the same commands; the calls that ten
+// of its rules take when they change; how planning grows. The stand-in runs in a process of its
+// own, and so does the loop of calls that applying takes turns with. The process ends with its
+// session.
 
 #include <signal.h>
 #include <sys/wait.h>
@@ -142,6 +143,43 @@ double byHand(bess::pb::BESSControl::Stub& stub, int modules) {
   return since(start);
 }
 
+// The commands of a plan that makes modules and sends them commands, by plain calls.
+void carryOut(const Daemon& daemon, const Plan& plan) {
+  using Stub = bess::pb::BESSControl::Stub;
+  for (const Step& step : plan.steps) {
+    bess::pb::CreateModuleResponse created;
+    bess::pb::CommandResponse response;
+    bess::pb::CheckSchedulingConstraintsResponse checked;
+    if (step.type == Norv::createModule) {
+      call(*daemon.stub, &Stub::CreateModule,
+           static_cast<const bess::pb::CreateModuleRequest&>(*step.request), created);
+    } else if (step.type == Norv::moduleCommand) {
+      call(*daemon.stub, &Stub::ModuleCommand,
+           static_cast<const bess::pb::CommandRequest&>(*step.request), response);
+    } else {
+      call(*daemon.stub, &Stub::CheckSchedulingConstraints, bess::pb::EmptyRequest(), checked);
+    }
+  }
+}
+
+// Ten rules of the table that the daemon has get another gate: the calls that takes.
+double callsForTen(const Daemon& daemon, const Switch& withTable) {
+  LiveSwitch live = readSwitch(daemon.channel);
+  live.modules.at("t").table = withTable.modules.at("t").table;  // as the record has it
+  Switch changed = withTable;
+  Entries& rules = *changed.modules.at("t").table;
+  auto rule = rules.begin();
+  for (int i = 0; i < 10; ++i, std::advance(rule, rules.size() / 10 - 1)) {
+    bess::pb::ExactMatchCommandAddArg entry;
+    entry.ParseFromString(rule->second);
+    entry.set_gate(entry.gate() + 1);
+    rule->second = entry.SerializeAsString();
+  }
+  const Plan plan = makePlan(live, changed);
+  carryOut(daemon, plan);
+  return static_cast<double>(plan.commands());
+}
+
 double oneByOne(Daemon& daemon, int rules) {
   using Stub = bess::pb::BESSControl::Stub;
   const auto start = Clock::now();
@@ -268,20 +306,10 @@ int main(int argc, char** argv) {
   const Switch withTable = document(table(rules));
   const auto startTable = Clock::now();
   const Plan tablePlan = makePlan(readSwitch(tables.channel), withTable);
-  for (const Step& step : tablePlan.steps) {
-    bess::pb::CreateModuleResponse created;
-    bess::pb::CommandResponse response;
-    using Stub = bess::pb::BESSControl::Stub;
-    if (step.type == Norv::createModule) {
-      call(*tables.stub, &Stub::CreateModule,
-           static_cast<const bess::pb::CreateModuleRequest&>(*step.request), created);
-    } else {
-      call(*tables.stub, &Stub::ModuleCommand,
-           static_cast<const bess::pb::CommandRequest&>(*step.request), response);
-    }
-  }
+  carryOut(tables, tablePlan);
   const double whole = since(startTable);
   bench::pair("rules", whole * 1e3, adds * 1e3);
+  bench::pair("ten_rules", callsForTen(tables, withTable), 10);
 
   Daemon byHandDaemon;
   Daemon daemon;

@@ -21,10 +21,11 @@ std::string listed(const std::vector<std::string>& names) {
 
 }  // namespace
 
-void CommandPlanner::fillNew(const std::map<std::string, std::size_t>& created) {
-  for (const auto& [name, step] : created) {
+void CommandPlanner::fillNew(const Commands& commands,
+                             const std::map<std::string, std::size_t>& created) {
+  for (const auto& [name, toSend] : commands) {
     const std::size_t change = builder_.change({Kind::module, name}, Action::create);
-    send(name, commandsForNew(target_.modules.at(name)), change, {step}, {});
+    send(name, toSend, change, {created.at(name)}, {});
   }
 }
 

@@ -12,8 +12,9 @@ class CommandPlanner {
                  const TrafficPlanner& traffic)
       : builder_(builder), live_(live), target_(target), traffic_(traffic) {}
 
-  // `created`: the steps that create modules.
-  void fillNew(const std::map<std::string, std::size_t>& created);
+  // `commands`: of modules that are made, by the steps of `created`.
+  using Commands = std::map<std::string, std::vector<ModuleCommand>>;
+  void fillNew(const Commands& commands, const std::map<std::string, std::size_t>& created);
   // Modules that are there; one that is made anew is passed over.
   void change(const std::map<std::string, ModuleDifference>& differences);
 

@@ -112,7 +112,7 @@ std::string HookPlanner::whyAnew(const HookPoint& point, const std::optional<Any
   if (context_.options.recreateUnknown || live_.doubtful.contains(objectOf(point))) {
     return "the daemon does not tell its argument";
   }
-  builder_.plan.assumed.push_back(text(objectOf(point)) + ": arg");
+  builder_.assume(objectOf(point), "arg");
   return "";
 }
 
@@ -126,7 +126,7 @@ Object HookPlanner::ownerOf(const HookPoint& point) const {
 bool HookPlanner::canBeTold(const HookPoint& point) {
   if (live_.tellsHooks || point == defaultHook(point.gate)) return true;
   if (live_.unfinished.comesBack.hooks.contains(point)) return true;  // and it was told before
-  builder_.plan.assumed.push_back(text(objectOf(point)));
+  builder_.assume(objectOf(point), "");
   return false;
 }
 

@@ -13,8 +13,8 @@ namespace {
 
 using google::protobuf::FieldDescriptor;
 
-// Of a list in a request. A daemon takes 4 MiB, with the names around it.
-constexpr std::size_t mostRequestBytes = (4 << 20) - (64 << 10);
+// Of a list in a request, with the names around it.
+constexpr std::size_t mostListBytes = mostRequestBytes - (64 << 10);
 // With so many entries to change, and half of all, the table is set as a whole.
 constexpr std::size_t manyEntries = 32;
 
@@ -109,7 +109,7 @@ void sendEntries(const ClassRow& row, std::string_view command,
     bytes = 0;
   };
   for (const std::string& entry : entries) {
-    if (bytes + entry.size() > mostRequestBytes) flush();
+    if (bytes + entry.size() > mostListBytes) flush();
     if (!message) message = newMessage(*argumentOf(row, command));
     message->MergeFromString(entry);
     bytes += entry.size();
@@ -117,16 +117,13 @@ void sendEntries(const ClassRow& row, std::string_view command,
   flush();
 }
 
-// What a module is created with, and the entries of its table that do not fit into that request.
-struct Creation {
-  Any argument;
-  std::vector<std::string> rest;
-};
-Creation creation(const Module& module) {
-  const ClassRow* row = classRow(module.moduleClass);
-  if (module.arg->value().size() <= mostRequestBytes || !row || !row->argumentTable) {
-    return {*module.arg, {}};
-  }
+// What a module is created with, with as many entries of its table as fit into that request; the
+// others by commands.
+NewModule creation(const ClassRow* row, const Module& module) {
+  NewModule made;
+  made.argument = *module.arg;
+  const bool fits = module.arg->value().size() <= mostListBytes;
+  if (fits || row == nullptr || row->argumentTable == nullptr) return made;
   const auto message = unpacked(*module.arg);
   const FieldDescriptor& table =
       *message->GetDescriptor()->FindFieldByName(std::string(row->argumentTable->field));
@@ -134,14 +131,13 @@ Creation creation(const Module& module) {
   message->GetReflection()->ClearField(message.get(), &table);
   std::size_t bytes = message->ByteSizeLong();
   auto entry = entries.begin();
-  for (; entry != entries.end() && bytes + entry->size() <= mostRequestBytes; ++entry) {
+  for (; entry != entries.end() && bytes + entry->size() <= mostListBytes; ++entry) {
     message->MergeFromString(*entry);
     bytes += entry->size();
   }
-  Creation found;
-  found.argument.PackFrom(*message);
-  found.rest.assign(entry, entries.end());
-  return found;
+  made.argument.PackFrom(*message);
+  sendEntries(*row, "add", {entry, entries.end()}, made.commands);
+  return made;
 }
 
 class ArgumentDifference {
@@ -228,7 +224,7 @@ class ArgumentDifference {
     if (!table.whole.empty()) {
       auto message = newMessage(*argumentOf(row_, table.whole));
       for (const std::string& entry : after) message->MergeFromString(entry);
-      if (message->ByteSizeLong() < mostRequestBytes) {
+      if (message->ByteSizeLong() < mostListBytes) {
         result_.commands.push_back({std::string(table.whole), std::move(message), false});
         return;
       }
@@ -327,7 +323,7 @@ class TableDifference {
     std::vector<const std::string*> rest;
     for (const auto& [key, entry] : *wanted_.table) {
       bytes += listed(entry.size());
-      if (bytes > mostRequestBytes) {
+      if (bytes > mostListBytes) {
         rest.push_back(&entry);
       } else {
         message->GetReflection()->AddMessage(message.get(), list)->ParseFromString(entry);
@@ -470,18 +466,13 @@ ModuleDifference difference(const Module& live, const Module& wanted, bool recre
   return result;
 }
 
-Any creationArgument(const Module& wanted) {
-  return creation(wanted).argument;
-}
-
-std::vector<ModuleCommand> commandsForNew(const Module& wanted) {
-  std::vector<ModuleCommand> commands;
+NewModule newModule(const Module& wanted) {
   const ClassRow* row = classRow(wanted.moduleClass);
-  if (row == nullptr) return commands;
-  if (wanted.arg) sendEntries(*row, "add", creation(wanted).rest, commands);
+  NewModule made = creation(row, wanted);
+  if (row == nullptr) return made;
   bool wholeSet = false;
   if (wanted.table && !wanted.table->empty()) {
-    TableDifference table(*row, wanted, commands);
+    TableDifference table(*row, wanted, made.commands);
     table.fill();
     wholeSet = table.wholeSet;
   }
@@ -490,9 +481,9 @@ std::vector<ModuleCommand> commandsForNew(const Module& wanted) {
     if (setting.inArgument() || now == wanted.settings.end()) continue;
     const bool gate = setting.fields == "default_gate";
     if (gate && (wholeSet || now->second == dropGate)) continue;
-    commands.push_back(numberCommand(*row, setting, now->second));
+    made.commands.push_back(numberCommand(*row, setting, now->second));
   }
-  return commands;
+  return made;
 }
 
 std::unique_ptr<Message> commandRequest(const std::string& module, const ModuleCommand& command) {

@@ -11,6 +11,10 @@
 
 namespace Norv::State {
 
+std::string text(const Assumed& assumed) {
+  return text(assumed.object) + (assumed.what.empty() ? "" : ": " + assumed.what);
+}
+
 std::size_t Plan::commands() const {
   return static_cast<std::size_t>(std::count_if(
       steps.begin(), steps.end(), [](const Step& step) { return step.request != nullptr; }));
@@ -25,8 +29,15 @@ std::size_t PlanBuilder::change(const Object& object, Change::Action action) {
 std::size_t PlanBuilder::step(GrpcRequestType type, std::unique_ptr<Message> request, Kind queue,
                               std::size_t change, std::vector<std::size_t> after,
                               std::vector<std::size_t> behind) {
+  const std::size_t bytes = request->ByteSizeLong();
   plan.steps.push_back(
       {type, std::move(request), queue, change, std::move(after), std::move(behind), ""});
+  if (bytes > mostRequestBytes) {  // the call would fail, and with it all that is not sent yet
+    plan.steps.back().request.reset();
+    plan.steps.back().impossible = "it takes a request of " + std::to_string(bytes) +
+                                   " bytes, and a daemon takes " +
+                                   std::to_string(mostRequestBytes) + "; make it smaller";
+  }
   return plan.steps.size() - 1;
 }
 
@@ -65,8 +76,8 @@ class Planner {
 
   Plan plan() {
     // As many as there are when all is made: what grows is copied.
-    builder_.plan.steps.reserve(target_.objects() - target_.hooks.size());
-    builder_.plan.changes.reserve(target_.objects() - target_.hooks.size());
+    builder_.plan.steps.reserve(target_.objects());
+    builder_.plan.changes.reserve(target_.objects());
     builder_.plan.liveObjects = live_.objects();
     countLeftAlone();
     builder_.plan.warnings = gateWarnings(wanted_);
@@ -87,7 +98,7 @@ class Planner {
     createPorts();
     createModules(traffic.workersDestroyed());
     CommandPlanner commands(builder_, live_, target_, traffic);
-    commands.fillNew(created_);
+    commands.fillNew(commandsForNew_, created_);
     commands.change(differences_);
     connect();
     hooks_.add(connected_);
@@ -118,7 +129,7 @@ class Planner {
                                    ? difference(doubted(module), target->second, true)
                                    : difference(module, target->second, options_.recreateUnknown);
       for (const std::string& what : found.assumed) {
-        builder_.plan.assumed.push_back("module " + name + ": " + what);
+        builder_.assume({Kind::module, name}, what);
       }
       if (live_.lostTasks.contains(name)) found.recreate = "its task has lost its traffic class";
       const std::string port = portOf(module);
@@ -168,7 +179,7 @@ class Planner {
       if (options_.recreateUnknown || live_.doubtful.contains({Kind::port, name})) {
         return "the daemon does not tell its argument";
       }
-      builder_.plan.assumed.push_back("port " + name + ": arg");
+      builder_.assume({Kind::port, name}, "arg");
     } else if (target.arg && !same(*live.arg, *target.arg)) {
       why = "another argument";
     }
@@ -176,7 +187,7 @@ class Planner {
                              const std::optional<std::uint64_t>& stated) {
       if (!stated || (told && *told == *stated)) return;
       if (!told && !options_.recreateUnknown) {
-        builder_.plan.assumed.push_back("port " + name + ": " + what);
+        builder_.assume({Kind::port, name}, what);
         return;
       }
       why += (why.empty() ? "" : ", ") + what + ": " + (told ? std::to_string(*told) : "not told") +
@@ -394,7 +405,9 @@ class Planner {
       auto request = std::make_unique<bess::pb::CreateModuleRequest>();
       request->set_name(name);
       request->set_mclass(module.moduleClass);
-      if (!module.arg->type_url().empty()) *request->mutable_arg() = creationArgument(module);
+      NewModule fresh = newModule(module);
+      if (!fresh.argument.type_url().empty()) *request->mutable_arg() = std::move(fresh.argument);
+      if (!fresh.commands.empty()) commandsForNew_[name] = std::move(fresh.commands);
       std::vector<std::size_t> after;
       const std::string port = portOf(module);
       if (const auto own = destroyed_.find(name); own != destroyed_.end())
@@ -504,6 +517,7 @@ class Planner {
   std::map<std::string, ModuleDifference> differences_;
   std::vector<std::size_t> imported_;
   std::map<std::string, std::size_t> destroyed_, created_, portDestroyed_, portCreated_;
+  CommandPlanner::Commands commandsForNew_;
   std::map<Gate, std::size_t> disconnected_;
   std::map<std::string, std::vector<std::size_t>> usersDestroyed_;  // by their port
   HookPlanner::Connected connected_;

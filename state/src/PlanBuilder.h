@@ -11,6 +11,9 @@
 
 namespace Norv::State {
 
+// What a daemon takes.
+constexpr std::size_t mostRequestBytes = 4 << 20;
+
 // Collects changes and steps.
 class PlanBuilder {
  public:
@@ -25,6 +28,9 @@ class PlanBuilder {
   }
   void detail(std::size_t change, const std::string& text) {
     plan.changes[change].details.push_back(text);
+  }
+  void assume(const Object& object, const std::string& what) {
+    plan.assumed.push_back({object, what});
   }
   std::size_t step(GrpcRequestType type, std::unique_ptr<Message> request, Kind queue,
                    std::size_t change, std::vector<std::size_t> after = {},
@@ -62,10 +68,12 @@ struct ModuleDifference {
   std::vector<ModuleCommand> commands;
 };
 ModuleDifference difference(const Module& live, const Module& wanted, bool recreateUnknown);
-// What a module is created with: its argument, or as much of it as a request takes.
-Any creationArgument(const Module& wanted);
-// What makes a module that was just created with that as it is wanted.
-std::vector<ModuleCommand> commandsForNew(const Module& wanted);
+// How a module is made; its argument is stated.
+struct NewModule {
+  Any argument;                         // or as much of it as a request takes
+  std::vector<ModuleCommand> commands;  // that make it as it is wanted
+};
+NewModule newModule(const Module& wanted);
 std::unique_ptr<Message> commandRequest(const std::string& module, const ModuleCommand& command);
 
 // The steps that the traffic classes and the places of tasks take, workers included.

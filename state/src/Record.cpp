@@ -414,14 +414,11 @@ void Record::end(const Plan& plan, const std::vector<Execution::State>& states,
     if (done) (change.action == Change::Action::change ? changed : made).insert(change.object);
   }
   // What was assumed and not touched is not known to be so.
-  std::map<std::string, std::set<std::string>> assumed;
-  for (const std::string& what : plan.assumed) {
-    const std::size_t colon = what.rfind(": ");
-    assumed[what.substr(0, colon)].insert(what.substr(colon + 2));
-  }
+  std::map<Object, std::set<std::string>> assumed;
+  for (const Assumed& one : plan.assumed) assumed[one.object].insert(one.what);
   const auto enter = [&](const Object& object, const Switch& stated) {
     if (failed.contains(object)) return;
-    const auto unknown = made.contains(object) ? assumed.end() : assumed.find(text(object));
+    const auto unknown = made.contains(object) ? assumed.end() : assumed.find(object);
     const bool inPlace = object.kind == Kind::module && changed.contains(object);
     if (unknown != assumed.end() && !inPlace) return;
     Entry entry = entryOf(object, stated, after);

@@ -3,14 +3,19 @@
 #include <google/protobuf/io/zero_copy_stream_impl_lite.h>
 #include <google/protobuf/util/message_differencer.h>
 
+#include <algorithm>
+
 #include <Bess/Facts.h>
 #include <Norv/State/Switch.h>
 
 namespace Norv::State {
 
 std::size_t Switch::objects() const {
+  const auto ofConnections = std::count_if(hooks.begin(), hooks.end(), [&](const auto& one) {
+    return one.first == defaultHook(one.first.gate) && connections.contains(one.first.gate);
+  });
   return plugins.size() + workers.size() + ports.size() + modules.size() + connections.size() +
-         hooks.size() + trafficClasses.size();
+         hooks.size() - static_cast<std::size_t>(ofConnections) + trafficClasses.size();
 }
 
 HookPoint defaultHook(const Gate& output) {

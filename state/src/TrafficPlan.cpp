@@ -178,7 +178,7 @@ void TrafficPlanner::changeWorkers() {
     const bool unknown = target != target_.workers.end() && target->second.scheduler &&
                          !worker.scheduler && !rebuilt_.contains(id);
     if (unknown) {
-      builder_.plan.assumed.push_back("worker " + std::to_string(id) + ": scheduler");
+      builder_.assume({Kind::worker, std::to_string(id)}, "scheduler");
     }
   }
   for (const auto& [id, worker] : live_.workers) {
@@ -381,7 +381,7 @@ void TrafficPlanner::updateParams(const std::string& name) {
   std::vector<std::string> details;
   if (!one.resource.empty()) {
     if (live.resource.empty()) {
-      builder_.plan.assumed.push_back("traffic class " + name + ": resource");
+      builder_.assume({Kind::trafficClass, name}, "resource");
     } else if (live.resource != one.resource) {
       details.push_back("resource: " + live.resource + " -> " + one.resource);
     }

@@ -85,7 +85,8 @@ std::string planJson(const Picture& picture) {
                                {"details", change.details}});
   }
   json["left_alone"] = picture.plan->leftAlone;
-  json["assumed"] = picture.plan->assumed;
+  json["assumed"] = Json::array();
+  for (const auto& one : picture.plan->assumed) json["assumed"].push_back(text(one));
   json["warnings"] = picture.plan->warnings;
   json["pauses"] = picture.plan->pauses;
   return written(json);

@@ -123,8 +123,8 @@ class Apply {
         std::cerr << "norvctl: " << what << "; --allow-mass-delete lets it\n";
         return false;
       }
-      if (answer("norvctl: " + what + "; type their number to go on: ") ==
-          std::to_string(plan_.deletions)) {
+      const std::string typed = answer("norvctl: " + what + "; type their number to go on: ");
+      if (typed == std::to_string(plan_.deletions) || typed == grouped(plan_.deletions))
         return true;
       }
       std::cerr << "norvctl: nothing was changed\n";

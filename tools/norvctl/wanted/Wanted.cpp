@@ -178,9 +178,9 @@ std::string planText(const Plan& plan, bool colour) {
     }
     all += "\n";
   }
-  for (const std::string& what : plan.assumed) {
+  for (const auto& one : plan.assumed) {
     all += std::string(colours.faint()) +
-           "    assumed to be right, as the daemon does not tell: " + escaped(what) +
+           "    assumed to be right, as the daemon does not tell: " + escaped(text(one)) +
            colours.end() + "\n";
   }
   for (const auto& step : plan.steps) {

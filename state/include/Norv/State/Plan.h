@@ -36,11 +36,20 @@ struct Change {
   std::vector<std::string> details;  // "arg.size: 1024 -> 2048", or why it is made anew
 };
 
+// What is stated, not told by the daemon, and taken to be right.
+struct Assumed {
+  Assumed(Object of, std::string part) : object(std::move(of)), what(std::move(part)) {}
+  Object object;
+  std::string what;  // of the object; empty: that it is there
+};
+// "module fib: rules".
+std::string text(const Assumed& assumed);
+
 struct Plan {
   std::vector<Change> changes;  // in the order of their first steps
   std::vector<Step> steps;
-  std::size_t leftAlone = 0;          // objects of the switch that the document does not have
-  std::vector<std::string> assumed;   // what is stated and the daemon does not tell
+  std::size_t leftAlone = 0;  // objects of the switch that the document does not have
+  std::vector<Assumed> assumed;
   std::vector<std::string> warnings;  // what is lost on the way
   std::vector<std::string> pauses;    // which workers stand still, and why
   std::size_t deletions = 0;

@@ -96,7 +96,8 @@ struct Switch {
   std::map<HookPoint, std::optional<Any>> hooks;  // with their arguments, which no daemon tells
   std::map<std::string, TrafficClass> trafficClasses;
 
-  // Plugins, workers, ports, modules, connections, hooks and classes.
+  // Plugins, workers, ports, modules, connections, hooks and classes. The default hook is part of
+  // its connection.
   std::size_t objects() const;
 };
 
