@@ -9,8 +9,12 @@
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <set>
 #include <sstream>
+#include <thread>
+
+#include <Norv/State/SwitchLock.h>
 
 #include "Documents.h"
 #include "Holds.h"
@@ -219,11 +223,23 @@ TEST(MemoryTest, KeepsWhatMustOutliveTheProcess) {
 TEST(MemoryTest, IsForOneProcessAtATime) {
   const Folder folder;
   Memory first(folder.path(), "switch1:10514");
-  EXPECT_TRUE(first.lock());
+  EXPECT_EQ(first.lock(), "");
   Memory second(folder.path(), "switch1:10514");
-  EXPECT_FALSE(second.lock());
+  EXPECT_EQ(second.lock(), "norvd, process " + std::to_string(getpid()) + ", has it, by " +
+                               folder.file("switch1_10514.lock"));
   Memory other(folder.path(), "switch2:10514");
-  EXPECT_TRUE(other.lock());
+  EXPECT_EQ(other.lock(), "");
+}
+
+TEST(MemoryTest, WaitsForTheEndOfAnApply) {
+  const Folder folder;
+  std::optional<Norv::State::SwitchLock> apply(std::in_place, folder.path(), "switch1:10514",
+                                               Norv::State::applyingProgram);
+  ASSERT_TRUE(apply->take());
+  Memory memory(folder.path(), "switch1:10514");
+  std::thread keeper([&] { EXPECT_EQ(memory.lock(), ""); });
+  apply.reset();
+  keeper.join();
 }
 
 TEST(MemoryTest, SaysWhatCannotBeWritten) {

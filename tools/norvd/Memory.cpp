@@ -12,6 +12,7 @@
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <sstream>
+#include <utility>
 
 #include <Norv/State/Files.h>
 #include <Norv/State/Record.h>
@@ -51,23 +52,32 @@ constexpr std::size_t sealSize = 2 + 16 + 1;
 }  // namespace
 
 Memory::Memory(const std::string& folder, const std::string& address)
-    : folder_(folder), name_(std::filesystem::path(Norv::State::recordName(address)).stem()) {}
+    : folder_(folder),
+      name_(std::filesystem::path(Norv::State::recordName(address)).stem()),
+      lock_(folder, address, Norv::State::keepingProgram) {}
 
 std::string Memory::file(const std::string& purpose) const {
   return kept() ? folder_ + "/" + name_ + "." + purpose : "";
 }
 
-bool Memory::lock() {
-  if (!kept()) return true;
-  std::error_code ignored;  // what fails shows with the file
-  std::filesystem::create_directories(folder_, ignored);
-  const std::string name = file("lock");
-  lock_ = open(name.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
-  if (lock_ < 0) {
-    attempt("lock", [&] { Norv::State::failFile("cannot write", name); });
-    return true;
-  }
-  return flock(lock_, LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK;
+std::string Memory::lock() {
+  if (!kept()) return "";
+  std::string why;
+  bool said = false;
+  attempt("lock", [&] {
+    lock_.take([&](const Norv::State::SwitchLock::Holder& holder) {
+      if (holder.program != Norv::State::applyingProgram) {
+        why = text(holder) + " has it, by " + lock_.file();
+        return false;
+      }
+      if (!std::exchange(said, true)) {
+        log(Level::notice,
+            "memory: " + text(holder) + " is at work on the switch; waiting for its end");
+      }
+      return true;
+    });
+  });
+  return why;
 }
 
 void Memory::load() {

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include <Norv/State/SwitchLock.h>
+
 #include "Log.h"
 
 namespace Norvd {
@@ -33,8 +35,9 @@ class Memory {
   // An empty folder: nothing is kept.
   Memory(const std::string& folder, const std::string& address);
 
-  // Takes the switch for this process, until it ends; false when another one has it.
-  bool lock();
+  // Takes the switch for this process, until it ends, behind an apply that is at work on it; why
+  // not, where another norvd has it.
+  std::string lock();
   void load();
   // Replaces the file. Says once when it cannot, and once when it can again.
   void save();
@@ -83,7 +86,7 @@ class Memory {
 
   const std::string folder_;
   const std::string name_;
-  int lock_ = -1;
+  Norv::State::SwitchLock lock_;
   std::map<std::string, std::string> troubles_;  // by purpose
   std::vector<Event> failures_;                  // the last one last
 };

@@ -10,9 +10,9 @@ int main(int argc, char** argv) {
   if (options.supervise) return Norvd::supervise(argc, argv);
   Norvctl::exemptLoopbackFromProxies();
   Norvd::Memory memory(options.stateDir, options.address());
-  if (!memory.lock()) {
-    std::cerr << "norvd: another norvd keeps the switch at " << options.address() << ": it holds "
-              << memory.file("lock") << "; end that one first, or choose another --state-dir\n";
+  if (const std::string why = memory.lock(); !why.empty()) {
+    std::cerr << "norvd: another norvd keeps the switch at " << options.address() << ": " << why
+              << "; end that one first, or choose another --state-dir\n";
     return Norvd::unusable;
   }
   memory.load();

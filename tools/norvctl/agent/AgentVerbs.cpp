@@ -19,6 +19,7 @@
 #include <Norv/State/Document.h>
 #include <Norv/State/Files.h>
 #include <Norv/State/Record.h>
+#include <Norv/State/SwitchLock.h>
 
 #include "../Options.h"
 #include "../Verb.h"
@@ -243,7 +244,8 @@ int retry(const RetryArguments& arguments) {
                              arguments.stateDir + "; --state-dir, --host and --port say which");
   }
   const File held(lock, O_RDONLY);
-  if (flock(held.number(), LOCK_SH | LOCK_NB) == 0) {
+  const auto holder = Norv::State::SwitchLock(arguments.stateDir, target.address(), "").holder();
+  if (!holder || holder->program == Norv::State::applyingProgram) {
     throw std::runtime_error("norvd for " + target.address() +
                              " does not run; it tries all that is not quarantined when it starts");
   }

@@ -78,7 +78,8 @@ class Apply {
   explicit Apply(const Arguments& arguments)
       : arguments_(arguments),
         target_(arguments.target),
-        known_(arguments, target_, KnownSwitch::Access::write) {}
+        known_(arguments, target_,
+               arguments.dryRun ? KnownSwitch::Access::read : KnownSwitch::Access::write) {}
 
   int run() {
     const LiveSwitch live = known_.read();
@@ -126,7 +127,6 @@ class Apply {
       const std::string typed = answer("norvctl: " + what + "; type their number to go on: ");
       if (typed == std::to_string(plan_.deletions) || typed == grouped(plan_.deletions))
         return true;
-      }
       std::cerr << "norvctl: nothing was changed\n";
       return false;
     }

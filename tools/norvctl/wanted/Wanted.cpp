@@ -1,15 +1,11 @@
 #include "Wanted.h"
 
-#include <fcntl.h>
-#include <sys/file.h>
-
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdlib>
-#include <filesystem>
 #include <iostream>
+#include <utility>
 
-#include <Norv/State/Files.h>
 #include <bess/pb/service.pb.h>
 
 #include "../protocol/Requests.h"
@@ -87,21 +83,30 @@ KnownSwitch::KnownSwitch(const WantedOptions& options, const Target& target, Acc
   const std::string folder = options.stateDir.empty() ? usualStateDir() : options.stateDir;
   if (folder.empty()) return;
   file_ = folder + "/" + Norv::State::recordName(target.address());
-  if (access == Access::write) lock(folder);
+  if (access == Access::write) {
+    lock_.emplace(folder, target.address(), Norv::State::applyingProgram);
+    lock();
+  }
   std::string said;
   record_ = Norv::State::Record::load(file_, &said);
   if (!said.empty()) std::cerr << "norvctl: " << escaped(said) << '\n';
 }
 
-// Kept to the end of the process.
-void KnownSwitch::lock(const std::string& folder) {
-  std::filesystem::create_directories(folder);
-  const int descriptor = open((file_ + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-  if (descriptor < 0) Norv::State::failFile("cannot write", file_ + ".lock");
-  if (flock(descriptor, LOCK_EX | LOCK_NB) == 0) return;
-  std::cerr << "norvctl: another apply is at work on " << escaped(direct_.address())
-            << "; waiting for its end\n";
-  flock(descriptor, LOCK_EX);
+// Another apply ends; norvd does not.
+void KnownSwitch::lock() {
+  bool said = false;
+  lock_->take([&](const Norv::State::SwitchLock::Holder& holder) {
+    if (holder.program != Norv::State::applyingProgram) {
+      throw std::runtime_error(text(holder) + " keeps the switch at " + direct_.address() +
+                               ", by " + lock_->file() +
+                               "; change the document that it follows, or end it first");
+    }
+    if (!std::exchange(said, true)) {
+      std::cerr << "norvctl: " << text(holder) << " is at work on " << escaped(direct_.address())
+                << "; waiting for its end\n";
+    }
+    return true;
+  });
 }
 
 Norv::State::LiveSwitch KnownSwitch::read() {

@@ -7,6 +7,7 @@
 #include <Norv/State/LiveSwitch.h>
 #include <Norv/State/Plan.h>
 #include <Norv/State/Record.h>
+#include <Norv/State/SwitchLock.h>
 
 #include "../Options.h"
 #include "../look/Direct.h"
@@ -35,8 +36,8 @@ void addWanted(CLI::App& command, WantedOptions& options);
 class KnownSwitch {
  public:
   // Of a stand-in inside this process nothing is kept. Tells on standard error of a record that is
-  // damaged. Who writes it waits until nobody else does. Throws std::runtime_error when the record
-  // cannot be read.
+  // damaged. Who writes it waits for another apply. Throws std::runtime_error when the record
+  // cannot be read, or norvd keeps the switch and this would write.
   enum class Access { read, write };
   KnownSwitch(const WantedOptions& options, const Target& target, Access access = Access::read);
 
@@ -51,10 +52,11 @@ class KnownSwitch {
   void saveRecord() const;
 
  private:
-  void lock(const std::string& folder);
+  void lock();
 
   Direct direct_;
-  std::string file_;  // empty: none
+  std::optional<Norv::State::SwitchLock> lock_;  // none where nothing is written
+  std::string file_;                             // empty: none
   Norv::State::Record record_;
 };
 
