@@ -17,8 +17,10 @@ int main(int argc, char** argv) {
   }
   try {
     const std::string address = std::string("127.0.0.1:") + (argc > 2 ? argv[2] : "10514");
-    const LiveSwitch live =
-        readSwitch(grpc::CreateChannel(address, grpc::InsecureChannelCredentials()));
+    grpc::ChannelArguments arguments;
+    arguments.SetMaxReceiveMessageSize(-1);  // a large switch tells much in one reply
+    const LiveSwitch live = readSwitch(
+        grpc::CreateCustomChannel(address, grpc::InsecureChannelCredentials(), arguments));
     const Document document = readFiles({argv[1]}, live.offer);
     for (const Problem& problem : checkReferences(document, &live)) {
       std::cerr << text(problem.mark) << ": " << problem.text << '\n';

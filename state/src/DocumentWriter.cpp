@@ -13,7 +13,7 @@ namespace {
 
 class Writer {
  public:
-  explicit Writer(const Switch& described) : described_(described) {}
+  Writer(const Switch& described, const Notes& notes) : described_(described), notes_(notes) {}
 
   std::vector<std::string> notTold;
 
@@ -43,6 +43,11 @@ class Writer {
   void miss(Node& node, const Object& object, const std::string& what) {
     node.comment += (node.comment.empty() ? "" : "; ") + what;
     notTold.push_back(text(object) + ": " + what);
+  }
+
+  void missNoted(Node& node, const Object& object) {
+    if (const auto note = notes_.find(object); note != notes_.end())
+      miss(node, object, note->second);
   }
 
   Node plugins() const {
@@ -84,6 +89,7 @@ class Writer {
       if (port.mac) put(node, "mac_addr", Node::text(*port.mac));
       if (port.mtu) put(node, "mtu", number(*port.mtu));
       if (port.adminUp && !*port.adminUp) put(node, "admin_up", Node::plain("false"));
+      missNoted(node, {Kind::port, name});
       put(map, name, std::move(node));
     }
     return map;
@@ -121,6 +127,7 @@ class Writer {
     }
     if (const ClassRow* row = classRow(module.moduleClass)) putRuntime(node, object, module, *row);
     putTasks(node, module);
+    missNoted(node, object);
     // Only a class: the short form.
     if (node.keys.size() > 1) return node;
     Node only = Node::text(module.moduleClass);
@@ -137,8 +144,12 @@ class Writer {
     }
     if (row.entryTable == nullptr) return;
     if (!module.table) {
+      const bool gate = std::any_of(row.settings.begin(), row.settings.end(), [&](const auto& one) {
+        return one.fields == "default_gate" && !module.settings.contains("default_gate");
+      });
       return miss(node, object,
-                  "the daemon does not tell its " + std::string(row.entryTable->name));
+                  "the daemon does not tell its " + std::string(row.entryTable->name) +
+                      (gate ? " and default_gate" : ""));
     }
     Node list = Node::list();
     const Widths widths = entryWidths(row, module);
@@ -265,19 +276,21 @@ class Writer {
   }
 
   const Switch& described_;
+  const Notes& notes_;
 };
 
 }  // namespace
 
-std::string yaml(const Switch& described, std::vector<std::string>* notTold) {
-  Writer writer(described);
+std::string yaml(const Switch& described, std::vector<std::string>* notTold, const Notes& notes) {
+  Writer writer(described, notes);
   const Node document = writer.document();
   if (notTold != nullptr) *notTold = std::move(writer.notTold);
   return writeYaml(document);
 }
 
 std::string json(const Switch& described) {
-  return writeJson(Writer(described).document());
+  const Notes none;
+  return writeJson(Writer(described, none).document());
 }
 
 }  // namespace Norv::State

@@ -328,4 +328,16 @@ Switch described(const LiveSwitch& live) {
   return result;
 }
 
+Notes besideDocument(const LiveSwitch& live) {
+  Notes notes;
+  for (const auto& [name, port] : live.ports) {
+    if (!port.incQueues) notes[{Kind::port, name}] = "the daemon does not tell its queues";
+  }
+  for (const std::string& name : live.lostTasks) {
+    notes[{Kind::module, name}] =
+        "its task has lost its traffic class; where this is applied it has one";
+  }
+  return notes;
+}
+
 }  // namespace Norv::State

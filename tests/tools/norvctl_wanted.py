@@ -5,8 +5,10 @@ import json
 import os
 import random
 import re
+import signal
 import subprocess
 
+import agent
 import harness
 from harness import NORVCTL, Process, Standin, equal, norvctl, run, write_file
 from switch import Controlled, Switch
@@ -52,8 +54,8 @@ def test_what_is_not_told_is_said():
     switch = Switch(Controlled)
     run(*switch.standin.address, write_file({"type": "createModule", "request": {"name": "m", "mclass": "WildcardMatch"}}))
     finished = norvctl("export", *switch.options)
-    assert "m: WildcardMatch  # the daemon does not tell its rules" in finished.out, finished
-    equal(finished.err, "norvctl: module m: the daemon does not tell its rules\n")
+    assert "m: WildcardMatch  # the daemon does not tell its rules and default_gate\n" in finished.out, finished
+    equal(finished.err, "norvctl: module m: the daemon does not tell its rules and default_gate\n")
     equal(norvctl("export", "--quiet", *switch.options).err, "")
     older = Switch()
     run(*older.standin.address, write_file(
@@ -68,6 +70,14 @@ def test_what_is_not_told_is_said():
         "applied elsewhere",
         "norvctl: port p: the daemon does not tell its queues",
         "norvctl: module src: its task has lost its traffic class; where this is applied it has one"])
+    assert "applied elsewhere; the daemon does not tell its queues\n" in finished.out, finished
+    assert "src: Source  # its task has lost its traffic class; " in finished.out, finished
+    equal(older.export(), finished.out)
+    older.apply("modules: {src: Source, out: Sink}\nconnections: [src -> out]\n")
+    assert "norvctl: hooks: no gate tells of any; " not in norvctl("export", *older.options).err
+    older.apply("modules: {src: Source, out: Sink}\n"
+                "connections: [{from: src, to: out, skip_default_hooks: true}]\n")
+    assert "norvctl: hooks: no gate tells of any; " in norvctl("export", *older.options).err
 
 
 def test_the_commands_of_a_plan_run_to_the_same_end():
@@ -79,6 +89,25 @@ def test_the_commands_of_a_plan_run_to_the_same_end():
     connections = [line for line in switch.export().splitlines() if "->" in line]
     equal([line for line in other.export().splitlines() if "->" in line], connections)
     equal(other.plan(SMALL).status, 0)
+
+
+def test_the_commands_of_a_change_run_to_the_same_end():
+    """In the order of the plan, with the pauses around what needs them."""
+    one, other = SMALL, SMALL.replace("10.0.0.2", "10.0.0.3").replace("src: Source", "src: {class: Source, burst: 8}")
+    other = other.replace("out: Sink", "out: {class: Queue, arg: {size: 64}}\n  end: Sink").replace(
+        '"em:1 -> out"', '"em:2 -> out", out -> end')
+    switch, by_hand = Switch(Controlled), Switch(Controlled)
+    for each in (switch, by_hand):
+        each.apply(one)
+    commands = by_hand.plan(other, "--prune", "--json")
+    assert '"pauseWorker"' in commands.out and '"destroyModule"' in commands.out, commands
+    equal(run(*by_hand.standin.address, by_hand.document(commands.out, "commands.jsonl")).status, 0)
+    switch.apply(other, "--prune")
+    # What was applied and is not told, neither knows.
+    for each in (switch, by_hand):
+        each.options = [*each.standin.address, "--state-dir", "none"]
+    equal(by_hand.export(), switch.export())
+    equal(by_hand.plan(other, "--prune").status, 0)
 
 
 def test_a_document_that_is_wrong_changes_nothing():
@@ -100,7 +129,7 @@ def test_a_document_that_is_wrong_changes_nothing():
 def test_a_document_is_checked_without_a_switch():
     switch = Switch()
     path = switch.document(SMALL)
-    equal(norvctl("plan", "--check", path).out, "8 objects, all good\n")
+    equal(norvctl("plan", "--check", path).out, "6 objects, all good\n")
     equal(norvctl("plan", "--check", switch.document("ports: {p: X}")).status, 1)
 
 
@@ -243,8 +272,40 @@ def test_two_at_once_come_one_after_the_other():
     assert switch.standin.strikes(first)
     second = switch.apply("modules: {b: {class: IPLookup, rules: [{prefix: 10.0.0.0/8}]}}")
     equal(first.finish().status, 0)
-    assert "norvctl: another apply is at work on 127.0.0.1:" in second.err, second
+    assert re.search(r"norvctl: norvctl apply, process \d+, is at work on 127\.0\.0\.1:\d+; waiting for its end\n",
+                     second.err), second
     equal(sorted(re.findall(r"^  (\w):", switch.export().split("modules:")[1], re.M)), ["a", "b"])
+
+
+def test_while_norvd_keeps_the_switch_it_alone_applies():
+    switch = Switch(Controlled)
+    path = switch.document(SMALL)
+    keeper = Process(agent.NORVD, "--wanted", path, *switch.options, "--http", "off", "--interval", "0.2")
+    keeper.wait_for("state: nothing to do: ", err=True)
+    finished = norvctl("apply", "--yes", *switch.options, path)
+    equal(finished.status, 1, finished)
+    assert re.search(rf"norvctl: norvd, process {keeper.popen.pid}, keeps the switch at 127\.0\.0\.1:\d+, by "
+                     r"\S+_\d+\.lock; change the document that it follows, or end it first\n", finished.err), finished
+    equal(norvctl("plan", *switch.options, path).status, 0)
+    equal(norvctl("apply", "--dry-run", *switch.options, path).status, 0)
+    keeper.signal(signal.SIGTERM)
+    keeper.finish()
+    equal(norvctl("apply", "--yes", *switch.options, path).status, 0)
+
+
+def test_norvd_begins_behind_an_apply():
+    switch = Switch(Controlled)
+    switch.standin.fault("kind=no-reply rpc=createModule nth=1")
+    first = switch.start_apply(SMALL)
+    assert switch.standin.strikes(first)
+    finished = norvctl("retry", "em", *switch.options)
+    assert finished.status == 1 and "does not run" in finished.err, finished
+    keeper = Process(agent.NORVD, "--wanted", switch.document(SMALL), *switch.options, "--http", "off", "--interval", "0.2")
+    keeper.wait_for(rf"norvctl apply, process {first.popen.pid}, is at work on the switch; waiting for its end", err=True)
+    switch.standin.clear()
+    first.signal(signal.SIGINT)
+    first.finish()
+    keeper.wait_for("state: nothing to do: ", err=True)
 
 
 def many(number):
@@ -274,6 +335,11 @@ def test_a_terminal_is_asked():
     terminal = Terminal("apply", "--prune", *switch.options, switch.document(many(2)), input=True)
     terminal.wait_for("type their number to go on: ")
     os.write(terminal.end, b"10\n")
+    equal(terminal.finish(), 0)
+    switch.apply(many(1200))
+    terminal = Terminal("apply", "--prune", *switch.options, switch.document(many(2)), input=True)
+    terminal.wait_for("this deletes 1,198 of 1,200 objects; type their number to go on: ")
+    os.write(terminal.end, b"1,198\n")
     equal(terminal.finish(), 0)
 
 

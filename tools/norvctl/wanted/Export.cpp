@@ -19,28 +19,18 @@ struct Arguments : WantedOptions {
   bool schema = false;
 };
 
-// What no document can say of the switch.
-std::vector<std::string> besideTheDocument(const Norv::State::LiveSwitch& live) {
-  std::vector<std::string> all;
-  for (const auto& [name, port] : live.ports) {
-    if (!port.incQueues) all.push_back("port " + name + ": the daemon does not tell its queues");
-  }
-  for (const std::string& name : live.lostTasks) {
-    all.push_back("module " + name +
-                  ": its task has lost its traffic class; where this is applied it has one");
-  }
-  return all;
-}
-
 int exportSwitch(const Arguments& arguments) {
   const Target target(arguments.target);
   KnownSwitch known(arguments, target);
   const Norv::State::LiveSwitch live = known.read();
   const Norv::State::Switch now = described(live);
   std::vector<std::string> notTold;
-  const std::string document = yaml(now, &notTold);
-  const std::vector<std::string> more = besideTheDocument(live);
-  notTold.insert(notTold.end(), more.begin(), more.end());
+  const std::string document = yaml(now, &notTold, besideDocument(live));
+  if (!live.connections.empty() && !live.tellsHooks) {
+    notTold.emplace_back(
+        "hooks: no gate tells of any; what there is beside the usual Track of a connection is "
+        "missing here");
+  }
   print(arguments.json ? json(now) : document);
   if (!arguments.quiet) {
     for (const std::string& what : notTold) std::cerr << "norvctl: " << escaped(what) << '\n';

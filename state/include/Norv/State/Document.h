@@ -69,8 +69,11 @@ std::vector<Problem> checkReferences(const Document& document, const Switch* liv
 std::vector<std::string> gateWarnings(const Switch& wanted);
 
 // The one canonical form: two equal switches are written with the same bytes. What is not told is
-// said in a comment beside its object; `notTold` gets the same, for a person.
-std::string yaml(const Switch& described, std::vector<std::string>* notTold = nullptr);
+// said in a comment beside its object, with what `notes` says of ports and modules; `notTold` gets
+// the same, for a person.
+using Notes = std::map<Object, std::string>;
+std::string yaml(const Switch& described, std::vector<std::string>* notTold = nullptr,
+                 const Notes& notes = {});
 std::string json(const Switch& described);
 
 // The JSON schema of documents, for editors.

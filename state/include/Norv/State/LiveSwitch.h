@@ -52,12 +52,15 @@ struct LiveSwitch : Switch {
 };
 
 // Asks for everything, one call after the other on this thread, each with a deadline. An object
-// that goes while it is read is left out. Throws ReadError when a call fails.
+// that goes while it is read is left out. Throws ReadError when a call fails. A large switch tells
+// more than 4 MiB in one reply: the channel has to take it (SetMaxReceiveMessageSize).
 LiveSwitch readSwitch(const std::shared_ptr<grpc::Channel>& channel,
                       std::chrono::milliseconds patience = std::chrono::seconds(5));
 
 // The switch as a document states it: without what a daemon does by itself, which is where it puts
 // a task when there is no choice.
 Switch described(const LiveSwitch& live);
+// What no document can say of the switch.
+Notes besideDocument(const LiveSwitch& live);
 
 }  // namespace Norv::State
