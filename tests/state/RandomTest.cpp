@@ -6,6 +6,7 @@
 #include <random>
 #include <set>
 
+#include "SchemaCheck.h"
 #include "SwitchFixture.h"
 
 // Random documents, each applied to the switch that the one before left, and to an empty one: both
@@ -246,6 +247,7 @@ void applyEach(TestSwitch& daemon, const PlanOptions& options,
     SCOPED_TRACE("seed " + std::to_string(seed) + "\n" + last + "becomes\n" + document +
                  summary(applied.plan));
     EXPECT_THAT(applied.refusals, testing::IsEmpty());
+    EXPECT_EQ(schemaProblem(json(wanted(document))), "");
     check(document);
     last = document;
   }

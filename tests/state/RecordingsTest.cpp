@@ -5,6 +5,7 @@
 
 #include <bess/pb/service.grpc.pb.h>
 
+#include "SchemaCheck.h"
 #include "SwitchFixture.h"
 
 // End states of a daemon's recordings, as documents and back. What a document cannot hold of a
@@ -207,6 +208,7 @@ TEST_F(Recordings, AreExportedAndAppliedToTheSameBytes) {
     const auto applied = daemon.apply(described, {.prune = true});
     EXPECT_THAT(applied.refusals, IsEmpty()) << state.name << "\n" << state.document;
     EXPECT_EQ(daemon.exported(), state.document) << state.name;
+    EXPECT_EQ(schemaProblem(json(described)), "") << state.name;
     const Plan again = makePlan(daemon.read(), described, {.prune = true});
     EXPECT_EQ(summary(again), "") << state.name;
     EXPECT_EQ(again.steps.size(), 0u) << state.name;
