@@ -284,6 +284,16 @@ TEST(Document, ObjectsOfSeveralFilesAreJoinedAndStatedOnce) {
   }
 }
 
+TEST(Document, ItsObjectsAreThoseThatItNames) {
+  EXPECT_EQ(wanted("plugins: [x.so]\nworkers: {0: }\nports: {p: PMDPort}\n"
+                   "modules: {a: Merge, b: Merge}\n"
+                   "connections: [a -> b, {from: b, to: a, skip_default_hooks: true}]\n"
+                   "hooks: [{class: Track, module: a, ogate: 0, name: mine}]\n"
+                   "traffic_classes: {t: round_robin}\n")
+                .objects(),
+            9u);
+}
+
 TEST(Document, JsonIsTakenToo) {
   const Switch one =
       wanted(R"({"modules": {"a": {"class": "Rewrite", "arg": {"templates": ["AAEC"]}}}})");

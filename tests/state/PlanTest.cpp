@@ -282,6 +282,19 @@ TEST_F(PlanTest, WhatADaemonDoesNotTellIsAssumedWithoutARecord) {
       ElementsAre("pauseWorker 0", "moduleCommand fib set_runtime_config", "resumeWorker 0"));
 }
 
+TEST_F(PlanTest, WhatWasAssumedAndNotTouchedIsAssumedAgain) {
+  TestSwitch other;
+  other.load(daemon_.server().dump());
+  other.apply(changed(fib, "  b: Sink\n", "  b: Sink\n  c: Sink\n"));
+  EXPECT_THAT(other.plan(fib).assumed, ElementsAre(isText("module fib: rules")));
+  // Also when something else of it was changed, and what was set is known.
+  const std::string document = changed(fib, "default_gate: 0", "default_gate: 1");
+  EXPECT_THAT(other.apply(document).refusals, IsEmpty());
+  EXPECT_THAT(other.plan(document).assumed, ElementsAre(isText("module fib: rules")));
+  other.apply(document, {.recreateUnknown = true});
+  EXPECT_THAT(other.plan(document).assumed, IsEmpty());
+}
+
 TEST_F(PlanTest, AnOlderDaemonsPortIsNotMadeElsewhere) {
   TestSwitch older(TestSwitch::older());
   older.apply(
