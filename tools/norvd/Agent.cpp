@@ -3,10 +3,6 @@
 #include <systemd/sd-daemon.h>
 
 #include <algorithm>
-#include <cerrno>
-
-#include <Norv/GrpcRequestType.h>
-#include <Norv/State/Files.h>
 
 #include "Signals.h"
 #include "Values.h"
@@ -27,21 +23,14 @@ namespace {
 
 constexpr double busyTick = 0.005, idleTick = 0.05;  // seconds
 constexpr auto betweenAttempts = 100ms;
-constexpr auto betweenPublications = 250ms;
-constexpr auto unusuallyLong = 300ms;  // for a command
 // At the end: for what is under way, and for what lets workers run again beside it.
 constexpr auto longestLeave = 200ms, longestWaking = 200ms;
-constexpr std::size_t mostSamples = 600;
 
 Time now() {
   return std::chrono::steady_clock::now();
 }
 WallTime wallNow() {
   return std::chrono::system_clock::now();
-}
-
-std::string nameOf(Norv::GrpcRequestType type) {
-  return stringValue(type).stdString();
 }
 
 }  // namespace
@@ -64,14 +53,14 @@ Agent::Agent(const Options& options, Memory& memory, UnderWay& underWay, Board& 
     : options_(options),
       memory_(memory),
       underWay_(underWay),
-      board_(board),
       metrics_(metrics),
       road_(underWay, [this] { loop_.post([this] { takeEnded(); }); }),
       reader_(
           options.host, options.port, options.stuckAfter,
           [this](const Reading& reading) { loop_.post([this, reading] { onReading(reading); }); }),
       documents_(options_, memory),
-      holds_(options.interval) {}
+      holds_(options.interval),
+      telling_(options_, memory, underWay, road_, documents_, board) {}
 
 Agent::~Agent() = default;
 
@@ -101,15 +90,6 @@ void Agent::run() {
   leave();
 }
 
-void Agent::noticeIs(const std::string& about, const std::string& text) {
-  const std::lock_guard guard(noticesMutex_);
-  if (text.empty()) {
-    notices_.erase(about);
-  } else {
-    notices_[about] = text;
-  }
-}
-
 // --- what happens -------------------------------------------------------------------------------
 
 void Agent::tick() {
@@ -130,7 +110,7 @@ void Agent::tick() {
   } else if (!looking_ && (lookAgain_ || now() >= nextLook_)) {
     look();
   }
-  if (now() >= nextPublish_) publish();
+  if (telling_.due()) tell();
 }
 
 void Agent::takeHangUp() {
@@ -143,23 +123,19 @@ void Agent::takeHangUp() {
 // The library has no deadline and does not connect again.
 void Agent::watchConnection() {
   if (!road_.connected()) return;
-  const Norv::Agent::Status status = road_.kit().status();
   if (road_.kit().stopped()) {
     settleEnded();
     die("the connection's error flag is up");
   }
-  if (status.inFlight && now() - status.inFlight->started > options_.stuckAfter) {
+  // Each has its time from when it is its turn, also one that the worker never comes to take.
+  const auto oldest = road_.kit().ledger()->oldestOpen();
+  if (oldest && now() - oldest->started > options_.stuckAfter) {
     underWay_.died();
-    die(whatIs(*status.inFlight) + " is without an answer for " +
-        duration(now() - status.inFlight->started));
+    die(whatIs(*oldest, road_, carrying_.get()) + " is without an answer for " +
+        duration(now() - oldest->started));
   }
   // One that was killed while nothing was under way.
   if (!looking_ && !carrying_ && reader_.lost()) lookAgain_ = true;
-}
-
-std::string Agent::whatIs(const Norv::Agent::CommandReport& report) const {
-  const auto step = road_.stepOf(report.id);
-  return step && carrying_ ? carrying_->what(*step) : nameOf(report.type);
 }
 
 // What `norvctl retry` has asked for.
@@ -201,6 +177,8 @@ void Agent::onReading(const Reading& reading) {
     memory_.lost.clear();
     memory_.save();
   }
+  // A daemon that was started anew takes what the last one refused, and has changed nothing back.
+  if (reading.fresh) holds_.forget();
   nextLook_ = looked_ + options_.interval;
   if (!road_.connected()) road_.connect(options_.host, options_.port);
   try {
@@ -212,7 +190,11 @@ void Agent::onReading(const Reading& reading) {
     refusedPlan_ = std::string("norvd fails to compare: ") + error.what();
     log(Level::error, "state: " + refusedPlan_);
   }
-  publish();
+  tell();
+}
+
+void Agent::tell() {
+  telling_.tell({picture_, carrying_.get(), silence_, refusedPlan_});
 }
 
 void Agent::onSilence(const std::string& error) {
@@ -412,139 +394,6 @@ std::shared_ptr<const Picture> Agent::picture(const Reading& reading,
   return picture;
 }
 
-// --- what is told -------------------------------------------------------------------------------
-
-void Agent::publish() {
-  nextPublish_ = now() + betweenPublications;
-  auto status = std::make_shared<Status>();
-  status->published = wallNow();
-  status->address = options_.address();
-  const auto [kind, text] = sentence();
-  if (kind != sentenceKind_) sentenceSince_ = wallNow();
-  sentenceKind_ = kind;
-  status->sentence = text;
-  status->since = sentenceSince_;
-  status->picture = picture_;
-  status->observes = options_.observe;
-  status->ready = picture_ && picture_->plan && silence_.empty();
-  status->inSync = status->ready && picture_->plan->empty() && !carrying_ &&
-                   documents_.complaint().empty() && refusedPlan_.empty();
-  wasInSync_ = wasInSync_ || status->inSync;
-  status->started = started_;
-  status->restarts = memory_.starts - 1;
-  if (picture_) status->version = picture_->live->version;
-  status->document = documents_.from();
-  if (!documents_.complaint().empty()) status->notices.push_back(documents_.complaint());
-  if (!refusedPlan_.empty()) status->notices.push_back("not carried out: " + refusedPlan_);
-  noteTroubles(*status);
-  const Norv::Agent::Status kit = road_.kit().status();
-  status->underWay = underWay(kit);
-  for (const auto& [name, depth] : kit.queues)
-    status->queues[name.stringValue().stdString()] = {depth.now, depth.maximum};
-  status->pending = {kit.pending.now, kit.pending.maximum};
-  for (std::size_t i = 0; i < Norv::Agent::outcomes; ++i) {
-    status->outcomes[i] = road_.kit().ledger()->count(static_cast<Outcome>(i));
-  }
-  status->failures = memory_.failures();
-  if (wallNow() - lastSample_ >= 1s) {
-    lastSample_ = wallNow();
-    samples_.push_back({lastSample_, road_.open(), status->outcomes});
-    if (samples_.size() > mostSamples) samples_.pop_front();
-  }
-  status->samples = samples_;
-  board_.statusIs(std::move(status));
-  tellSupervisor();
-}
-
-// What is wrong beside the switch and its document.
-void Agent::noteTroubles(Status& status) {
-  if (memory_.kept()) {
-    memory_.attempt("underway", [&] {
-      errno = underWay_.error();
-      if (errno != 0) Norv::State::failFile("cannot write", memory_.file("underway"));
-    });
-  }
-  for (const auto& [purpose, text] : memory_.troubles()) status.notices.push_back(text);
-  const std::lock_guard guard(noticesMutex_);
-  for (const auto& [about, notice] : notices_) status.notices.push_back(notice);
-}
-
-std::optional<Status::UnderWay> Agent::underWay(const Norv::Agent::Status& kit) const {
-  if (!kit.inFlight) return {};
-  const auto age = now() - kit.inFlight->started;
-  const auto step = road_.stepOf(kit.inFlight->id);
-  return Status::UnderWay{nameOf(kit.inFlight->type),
-                          step && carrying_ ? carrying_->object(*step) : "",
-                          wallNow() - std::chrono::duration_cast<WallTime::duration>(age),
-                          std::chrono::duration<double>(age).count()};
-}
-
-// Its kind, which stays while its numbers change, and itself.
-std::pair<std::string, std::string> Agent::sentence() const {
-  const bool compared = picture_ || !refusedPlan_.empty();
-  if (!silence_.empty() || !compared) return {"waiting", waitingSentence()};
-  if (carrying_) {
-    const Norv::Agent::Status kit = road_.kit().status();
-    const auto age = kit.inFlight ? now() - kit.inFlight->started : 0s;
-    if (age > unusuallyLong) {
-      return {"under way",
-              "one command (" + whatIs(*kit.inFlight) + ") is under way for " + duration(age)};
-    }
-    return {"applying", "applying: " + std::to_string(carrying_->done()) + " of " +
-                            std::to_string(carrying_->total()) + " commands"};
-  }
-  const std::string trouble = troubleSentence();
-  if (!trouble.empty()) return {trouble, trouble};
-  return {"in sync",
-          "nothing to do: " + std::to_string(picture_->objects.size()) + " objects are as wanted"};
-}
-
-std::string Agent::waitingSentence() const {
-  if (silence_.empty()) {
-    return (memory_.lost.empty() ? "" : "stopped after a failure: " + memory_.lost + "; ") +
-           "looking at the daemon at " + options_.address();
-  }
-  const std::string since =
-      sentenceKind_ == "waiting" ? " since " + text(sentenceSince_) : std::string();
-  return "waiting for the daemon at " + options_.address() + since + ": " + silence_;
-}
-
-std::string Agent::troubleSentence() const {
-  if (!refusedPlan_.empty()) return "not carried out: " + refusedPlan_;
-  if (documents_.inForce() == nullptr) {
-    return "there is no document to go by: " + documents_.complaint();
-  }
-  for (const Standing standing : {Standing::quarantined, Standing::refused, Standing::contested,
-                                  Standing::blocked, Standing::differs, Standing::pending}) {
-    const std::size_t count = picture_->counts[static_cast<std::size_t>(standing)];
-    if (count == 0) continue;
-    for (const auto& [object, status] : picture_->objects) {
-      if (status.standing != standing) continue;
-      return std::string(standingName(standing)) + ": " + text(object) +
-             (status.text.empty() ? "" : ": " + status.text) +
-             (count > 1 ? " (and " + std::to_string(count - 1) + " more)" : "");
-    }
-  }
-  if (!documents_.complaint().empty()) {
-    return "as wanted by " + documents_.from() +
-           ", but the document was not taken: " + documents_.complaint();
-  }
-  return "";
-}
-
-void Agent::tellSupervisor() {
-  const std::string& text = board_.status()->sentence;
-  if (text != told_) sd_notify(0, ("STATUS=" + text).c_str());
-  told_ = text;
-  if (sentenceKind_ != loggedKind_ && !carrying_) log(Level::info, "state: " + text);
-  if (!carrying_) loggedKind_ = sentenceKind_;
-  std::uint64_t microseconds = 0;
-  if (sd_watchdog_enabled(0, &microseconds) > 0 && now() >= nextWatchdog_) {
-    sd_notify(0, "WATCHDOG=1");
-    nextWatchdog_ = now() + std::chrono::microseconds(microseconds / 3);
-  }
-}
-
 // --- the end ------------------------------------------------------------------------------------
 
 // The last process noted what it died of.
@@ -585,7 +434,9 @@ void Agent::die(const std::string& why) {
   wakeWorkers();
   if (recorder_) recorder_->freeze(road_.kit().ledger()->lastFailure(), why);
   sd_notify(0, ("STATUS=" + why).c_str());
-  Norv::Agent::Kit::leaveProcess(endingSignal() != 0 ? ended : wasInSync_ ? again : early);
+  Norv::Agent::Kit::leaveProcess(endingSignal() != 0    ? ended
+                                 : telling_.wasInSync() ? again
+                                                        : early);
 }
 
 // Nothing more goes but what lets workers run again; and that is not waited for long.

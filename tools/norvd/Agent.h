@@ -19,6 +19,7 @@
 #include "Reader.h"
 #include "Road.h"
 #include "Status.h"
+#include "Telling.h"
 #include "UnderWay.h"
 
 namespace Norvd {
@@ -32,9 +33,10 @@ class Agent {
   ~Agent();
   [[noreturn]] void run();
 
-  // What is wrong beside the switch and its document, as the pages that cannot be served; empty
-  // when it is not. Any thread.
-  void noticeIs(const std::string& about, const std::string& text);
+  // See Telling. Any thread.
+  void noticeIs(const std::string& about, const std::string& text) {
+    telling_.noticeIs(about, text);
+  }
 
  private:
   class Ticker;
@@ -49,6 +51,7 @@ class Agent {
   void look();
   void onReading(const Reading& reading);
   void onSilence(const std::string& error);
+  void tell();
 
   void concludeCarrying(const LiveSwitch& bare);
   void decide(const Reading& reading);
@@ -66,16 +69,6 @@ class Agent {
                                          std::shared_ptr<const Plan> plan,
                                          const std::set<std::size_t>& held) const;
 
-  // "createModule of module fib".
-  std::string whatIs(const Norv::Agent::CommandReport& report) const;
-  void publish();
-  void noteTroubles(Status& status);
-  std::optional<Status::UnderWay> underWay(const Norv::Agent::Status& kit) const;
-  std::pair<std::string, std::string> sentence() const;
-  std::string waitingSentence() const;
-  std::string troubleSentence() const;
-  void tellSupervisor();
-
   void takeDeath();
   [[noreturn]] void die(const std::string& why);
   void goToTheEnd();
@@ -85,7 +78,6 @@ class Agent {
   const Options options_;
   Memory& memory_;
   UnderWay& underWay_;
-  Board& board_;
   Metrics& metrics_;
   Lumo::MainLoop loop_;
   std::unique_ptr<Norv::Agent::FlightRecorder> recorder_;
@@ -93,6 +85,7 @@ class Agent {
   Reader reader_;
   Documents documents_;
   Holds holds_;
+  Telling telling_;
   Norv::State::Record record_;
   Lumo::Ptr<Ticker> ticker_;
 
@@ -106,19 +99,7 @@ class Agent {
   std::map<Object, std::string> values_;  // of the objects of the plan at hand
   std::optional<Time> leaveBy_;           // a signal to end came
 
-  WallTime started_ = std::chrono::system_clock::now();
-  std::string sentenceKind_;
-  WallTime sentenceSince_{};
-  std::string told_;  // to who supervises
-  std::string loggedKind_;
-  Time nextPublish_{};
-  Time nextWatchdog_{};
-  WallTime lastSample_{};
-  std::deque<Sample> samples_;
   std::shared_ptr<const Picture> picture_;
-  bool wasInSync_ = false;  // ever
-  mutable std::mutex noticesMutex_;
-  std::map<std::string, std::string> notices_;  // by what they are about
 };
 
 }  // namespace Norvd

@@ -41,6 +41,8 @@ class Holds {
   void seen(const std::set<Norv::State::Object>& differing, Time now);
   // Tries it at the next occasion; false when nothing is known of it.
   bool lift(const Norv::State::Object& object);
+  // The switch may be another one.
+  void forget() { entries_.clear(); }
 
   static constexpr std::chrono::minutes longest{5};
 

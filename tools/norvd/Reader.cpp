@@ -115,7 +115,8 @@ Reading Reader::read() {
     reading.error = whySilent(error);
   }
   failed_ = !reading.live;
-  if (!failed_ && (!lost_ || *lost_)) watch();
+  reading.fresh = !failed_ && (!lost_ || *lost_);
+  if (reading.fresh) watch();
   return reading;
 }
 

@@ -23,6 +23,7 @@ struct Reading {
   std::shared_ptr<Norv::State::LiveSwitch> live;  // null: it could not be read whole
   std::map<std::string, PortTraffic> ports;
   std::string error;
+  bool fresh = false;  // the first over its connection
 };
 
 // Looks at the switch on a thread of its own, beside the library's road. After a look that failed

@@ -59,8 +59,8 @@ struct QueueStatus {
 
 // What norvd does and knows, as it is told to whoever asks.
 struct Status {
-  std::string address;   // of the daemon
-  std::string sentence;  // why nothing is moving, or what is
+  std::string address;                // of the daemon
+  std::string sentence = "starting";  // why nothing is moving, or what is
   WallTime since;
   WallTime published;
   bool inSync = false;
