@@ -71,6 +71,18 @@ def wait_until(condition, what, explain=lambda: ""):
         time.sleep(0.01)
 
 
+def children_of(pid):
+    with open(f"/proc/{pid}/task/{pid}/children", encoding="ascii") as file:
+        return [int(child) for child in file.read().split()]
+
+
+def child_of(pid):
+    """The one that it has; None when there is none."""
+    children = children_of(pid)
+    assert len(children) < 2, children
+    return children[0] if children else None
+
+
 class Bed:
     """A folder with a wanted document, a port for the daemon, and what runs there."""
 
@@ -104,12 +116,12 @@ class Bed:
         self.daemon.end()
 
     def start(self, *options, supervise=True, interval=0.2, http=None, state=None,
-              env=None, program=(NORVD,), log=None, port=None):
+              env=None, program=(NORVD,), log=None, port=None, pass_fds=()):
         self.agent = Background(
             log or os.path.join(self.folder, "norvd.log"), *program, "--wanted", self.wanted, "--host",
             "127.0.0.1", "--port", str(port or self.port), "--state-dir", state or self.state, "--http",
             http or "unix:" + self.socket, "--interval", str(interval),
-            *(["--supervise"] if supervise else []), *options, env=env)
+            *(["--supervise"] if supervise else []), *options, env=env, pass_fds=pass_fds)
 
     def get(self, path):
         """Status and body of a page; None when nobody serves it."""

@@ -14,7 +14,27 @@ namespace {
 constexpr const char* footer =
     "Exit status: 0 ended by a signal; 2 bad options, or another norvd has the switch; 75 the "
     "connection is lost after the switch was as wanted, 76 before it was: who supervises starts it "
-    "again.";
+    "again. With --supervise only the very first start ends in 2.";
+
+constexpr const char* description = R"(.SH DESCRIPTION
+Looks at the switch, compares it with the document, carries out the difference and looks again:
+every few seconds, when the document changes and when the connection is lost. What goes wrong with
+the connection ends the process; who supervises starts it again.
+)";
+
+constexpr const char* signalsAndFiles = R"(.SH SIGNALS
+SIGTERM and SIGINT end it within a second; SIGHUP has it read the document again.
+.SH FILES
+.TP
+.I /etc/norvd/wanted.yaml
+the document of the service
+.TP
+.I /etc/norvd/options
+the options of the service, as NORVD_OPTIONS=
+.TP
+.I /var/lib/norvd
+what outlives the process, for each switch
+)";
 
 // Written so that what is no number is none of them.
 std::string secondsCheck(const std::string& text) {
@@ -120,7 +140,8 @@ std::string manualPage() {
   describe(app, parsed);
   std::string page =
       ".TH NORVD 8\n.SH NAME\nnorvd \\- keeps a switch as a document wants it\n"
-      ".SH SYNOPSIS\n.B norvd \\-\\-wanted\n.I FILE...\n.RI [ OPTIONS ]\n.SH OPTIONS\n";
+      ".SH SYNOPSIS\n.B norvd \\-\\-wanted\n.I FILE...\n.RI [ OPTIONS ]\n" +
+      std::string(description) + ".SH OPTIONS\n";
   for (const CLI::Option* option : app.get_options()) {
     if (option->get_group().empty()) continue;
     std::string name;
@@ -133,7 +154,7 @@ std::string manualPage() {
     if (!variable.empty()) page += "; without it the environment's " + variable;
     page += "\n";
   }
-  return page + ".SH EXIT STATUS\n" + footer + "\n.SH SEE ALSO\nnorvctl(1)\n";
+  return page + signalsAndFiles + ".SH EXIT STATUS\n" + footer + "\n.SH SEE ALSO\nnorvctl(1)\n";
 }
 
 }  // namespace Norvd

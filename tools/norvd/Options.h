@@ -28,7 +28,7 @@ struct Options {
 // How norvd ends, so that who supervises it knows what to do.
 enum ExitStatus {
   ended = 0,
-  unusable = 2,  // bad options, or another norvd has the switch: to start it again does not help
+  unusable = 2,  // bad options, or another norvd has the switch: for a person to see to
   again = 75,    // the connection is lost, after the switch was as wanted: a fresh process goes on
   early = 76,    // the same before it was: who starts it again may pause
 };

@@ -8,23 +8,17 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <random>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "Backoff.h"
 #include "Log.h"
 #include "Options.h"
 
 namespace Norvd {
 
 namespace {
-
-using namespace std::chrono_literals;
-
-constexpr std::chrono::milliseconds shortest = 50ms, longest = 5s;
-// After a connection that was lost early: the daemon may be back within a second.
-constexpr std::chrono::milliseconds longestAfterLoss = 800ms;
 
 constexpr int notStarted = 71;  // of a child that is none of the program's own
 
@@ -47,6 +41,15 @@ pid_t startChild(const std::vector<char*>& arguments, const sigset_t& before) {
 bool asksToSupervise(const char* argument) {
   const std::string_view text = argument;
   return text == "--supervise" || text.starts_with("--supervise=");
+}
+
+std::vector<char*> argumentsOfChild(int argc, char** argv) {
+  std::vector<char*> arguments;
+  for (int i = 0; i < argc; ++i) {
+    if (!asksToSupervise(argv[i])) arguments.push_back(argv[i]);
+  }
+  arguments.push_back(nullptr);
+  return arguments;
 }
 
 std::string howEnded(int status) {
@@ -86,38 +89,36 @@ bool pauseFor(std::chrono::milliseconds time, const sigset_t& signals) {
 }  // namespace
 
 int supervise(int argc, char** argv) {
-  std::vector<char*> arguments;
-  for (int i = 0; i < argc; ++i) {
-    if (!asksToSupervise(argv[i])) arguments.push_back(argv[i]);
-  }
-  arguments.push_back(nullptr);
+  const std::vector<char*> arguments = argumentsOfChild(argc, argv);
   sigset_t signals, before;
   sigemptyset(&signals);
   for (const int number : passedOn) sigaddset(&signals, number);
   sigprocmask(SIG_BLOCK, &signals, &before);
-  std::minstd_rand random(static_cast<unsigned>(getpid()));
-  auto pause = shortest;
+  // What nobody reads, or has no room, is no reason to end.
+  for (const int number : {SIGPIPE, SIGXFSZ}) signal(number, SIG_IGN);
+  Backoff backoff(static_cast<unsigned>(getpid()));
   bool stop = false;
-  while (true) {
+  for (bool first = true;; first = false) {
+    const auto begin = std::chrono::steady_clock::now();
     const pid_t child = startChild(arguments, before);
-    int status = 0;
+    int status = W_EXITCODE(notStarted, 0);
     if (child < 0) {
       log(Level::error, std::string("supervisor: cannot start: ") + std::strerror(errno));
     } else {
       while (!waitForChild(child, signals, &stop, &status)) {
       }
-      if (stop) return WIFEXITED(status) ? WEXITSTATUS(status) : ended;
-      // To start it again would not help.
-      if (WIFEXITED(status) && WEXITSTATUS(status) == unusable) return unusable;
     }
-    if (WIFEXITED(status) && WEXITSTATUS(status) == again) pause = shortest;
-    // Between half of the pause and all of it, so that many do not come at once.
-    const auto jittered = pause / 2 + pause * (random() % 500) / 1000;
+    const int exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    if (stop) return exitStatus >= 0 ? exitStatus : ended;
+    // Somebody has just typed what cannot be. Later it is whoever took the switch meanwhile, and
+    // will leave it.
+    if (first && exitStatus == unusable) return unusable;
+    const auto lived = std::chrono::steady_clock::now() - begin;
+    const auto pause = backoff.pauseAfter(
+        exitStatus, std::chrono::duration_cast<std::chrono::milliseconds>(lived));
     log(Level::warning, "supervisor: norvd ended " + howEnded(status) + "; starting it again in " +
-                            std::to_string(jittered.count()) + " ms");
-    if (!pauseFor(jittered, signals)) return ended;
-    const bool loss = WIFEXITED(status) && WEXITSTATUS(status) == early;
-    pause = std::min(pause * 2, loss ? longestAfterLoss : longest);
+                            std::to_string(pause.count()) + " ms");
+    if (!pauseFor(pause, signals)) return ended;
   }
 }
 
