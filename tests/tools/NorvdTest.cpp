@@ -1,6 +1,9 @@
 // The parts of norvd that need no daemon.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <httplib.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -8,6 +11,8 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <functional>
+#include <mutex>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <set>
@@ -16,14 +21,18 @@
 
 #include <Norv/State/SwitchLock.h>
 
+#include "Backoff.h"
 #include "Documents.h"
 #include "Holds.h"
 #include "Memory.h"
+#include "Metrics.h"
+#include "Options.h"
 #include "Page.h"
 #include "Status.h"
 #include "UnderWay.h"
 #include "Values.h"
 #include "WantedFiles.h"
+#include "Web.h"
 #include "agent/ObjectNames.h"
 #include "agent/PageAddress.h"
 
@@ -51,6 +60,16 @@ class Folder {
   std::string path_;
 };
 
+// Whether it becomes so, in good time.
+bool comes(const std::function<bool()>& condition) {
+  const auto until = std::chrono::steady_clock::now() + 60s;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > until) return false;
+    std::this_thread::sleep_for(10ms);
+  }
+  return true;
+}
+
 void write(const std::string& file, const std::string& text) {
   std::ofstream(file) << text;
 }
@@ -62,6 +81,27 @@ std::string textOf(const std::string& file) {
 }
 
 }  // namespace
+
+TEST(LogTest, ALineThatNobodyMakesRoomForIsLostAndCounted) {
+  int ends[2];
+  ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+  const int before = dup(STDERR_FILENO);
+  dup2(ends[1], STDERR_FILENO);
+  for (int i = 0; i < 100000; ++i) log(Level::info, "state: one of many");
+  std::string read(1 << 20, '\0');
+  read.resize(static_cast<std::size_t>(::read(ends[0], read.data(), read.size())));
+  log(Level::info, "state: the next");
+  std::string next(1 << 20, '\0');
+  next.resize(static_cast<std::size_t>(::read(ends[0], next.data(), next.size())));
+  dup2(before, STDERR_FILENO);
+  for (const int end : {before, ends[0], ends[1]}) close(end);
+  const auto lines = std::count(read.begin(), read.end(), '\n');
+  EXPECT_GT(lines, 100);
+  EXPECT_NE(next.find("log: " + std::to_string(100000 - lines) + " lines are lost"),
+            std::string::npos)
+      << next;
+  EXPECT_TRUE(next.ends_with("norvd: state: the next\n")) << next;
+}
 
 TEST(HoldsTest, ARefusedObjectWaitsLongerEachTime) {
   Holds holds(1s);
@@ -136,6 +176,90 @@ TEST(HoldsTest, IsLiftedByHand) {
   EXPECT_TRUE(holds.hold(fib, "x", start));
   EXPECT_TRUE(holds.lift(fib));
   EXPECT_FALSE(holds.hold(fib, "x", start));
+}
+
+TEST(HoldsTest, AreForgottenWithTheSwitch) {
+  Holds holds(1s);
+  holds.refused(fib, "x", "", start);
+  for (int i = 0; i < 5; ++i) holds.done(fib, "y", start);
+  holds.forget();
+  EXPECT_FALSE(holds.hold(fib, "x", start));
+  EXPECT_FALSE(holds.hold(fib, "y", start));
+}
+
+TEST(BackoffTest, PausesGrowToABound) {
+  constexpr int crashed = -1;
+  for (const auto& [exitStatus, longest] :
+       {std::pair(crashed, Backoff::longest), std::pair(0, Backoff::longest),
+        std::pair<int, std::chrono::milliseconds>(unusable, Backoff::longest),
+        std::pair<int, std::chrono::milliseconds>(early, Backoff::longestAfterLoss)}) {
+    Backoff backoff(1);
+    auto most = Backoff::shortest;
+    for (int i = 0; i < 20; ++i) {
+      const auto pause = backoff.pauseAfter(exitStatus, 0ms);
+      EXPECT_GE(pause, most / 2) << exitStatus << " " << i;
+      EXPECT_LE(pause, most) << exitStatus << " " << i;
+      most = std::min(most * 2, longest);
+    }
+    EXPECT_EQ(most, longest);
+  }
+}
+
+TEST(BackoffTest, DoNotComeTogether) {
+  std::set<std::chrono::milliseconds> pauses;
+  for (unsigned seed = 1; seed <= 100; ++seed) {
+    Backoff backoff(seed);
+    for (int i = 0; i < 10; ++i) backoff.pauseAfter(-1, 0ms);
+    pauses.insert(backoff.pauseAfter(-1, 0ms));
+  }
+  EXPECT_GT(pauses.size(), 50U);
+  EXPECT_GT(*pauses.rbegin() - *pauses.begin(), Backoff::longest / 4);
+}
+
+TEST(BackoffTest, BeginsAnewAfterWhatWentWell) {
+  for (const auto& [exitStatus, lived] :
+       {std::pair<int, std::chrono::milliseconds>(again, 0ms), std::pair(-1, Backoff::longest)}) {
+    Backoff backoff(1);
+    for (int i = 0; i < 20; ++i) backoff.pauseAfter(-1, Backoff::longest - 1ms);
+    EXPECT_LE(backoff.pauseAfter(exitStatus, lived), Backoff::shortest);
+    EXPECT_LE(backoff.pauseAfter(-1, 0ms), 2 * Backoff::shortest);
+  }
+}
+
+TEST(BackoffTest, AnEarlyLossDoesNotWaitForWhatWasBefore) {
+  Backoff backoff(1);
+  for (int i = 0; i < 20; ++i) backoff.pauseAfter(-1, 0ms);
+  EXPECT_LE(backoff.pauseAfter(early, 0ms), Backoff::longestAfterLoss);
+}
+
+TEST(WebTest, ServesAgainWhenItsSocketIsBroken) {
+  const Folder folder;
+  const std::string address = "unix:" + folder.file("pages");
+  Board board;
+  const Metrics metrics;
+  std::mutex mutex;
+  std::string notice;
+  const Web web(address, board, metrics, [&](const std::string& text) {
+    const std::lock_guard guard(mutex);
+    if (!text.empty()) notice = text;
+  });
+  const auto served = [&] {
+    httplib::Client client(folder.file("pages"));
+    client.set_address_family(AF_UNIX);
+    return static_cast<bool>(client.Get("/healthz"));
+  };
+  ASSERT_TRUE(comes(served));
+  for (int file = 0; file < 1024; ++file) {
+    int listens = 0;
+    socklen_t size = sizeof listens;
+    getsockopt(file, SOL_SOCKET, SO_ACCEPTCONN, &listens, &size);
+    if (listens != 0) shutdown(file, SHUT_RDWR);
+  }
+  EXPECT_TRUE(comes([&] {
+    const std::lock_guard guard(mutex);
+    return notice.starts_with("the pages cannot be served at " + address + ": ");
+  }));
+  EXPECT_TRUE(comes(served));
 }
 
 TEST(UnderWayTest, TellsTheNextProcessWhatThisOneDiedOf) {

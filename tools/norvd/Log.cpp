@@ -1,8 +1,10 @@
 #include "Log.h"
 
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -45,11 +47,25 @@ bool writesToJournal() {
 
 }  // namespace
 
+bool logHasRoom() {
+  pollfd error{STDERR_FILENO, POLLOUT, 0};
+  return poll(&error, 1, 0) != 0;
+}
+
 void log(Level level, const std::string& line) {
   static const bool journal = writesToJournal();
+  static std::atomic<unsigned> lost{0};
+  if (!logHasRoom()) {
+    ++lost;
+    return;
+  }
   const std::string head = journal ? "<" + std::to_string(static_cast<int>(level)) + ">"
                                    : text(std::chrono::system_clock::now()) + " norvd: ";
-  const std::string whole = head + Norvctl::escaped(line) + "\n";
+  std::string whole;
+  if (const unsigned count = lost.exchange(0); count != 0) {
+    whole = head + "log: " + std::to_string(count) + " lines are lost that nobody made room for\n";
+  }
+  whole += head + Norvctl::escaped(line) + "\n";
   [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, whole.data(), whole.size());
 }
 

@@ -1,6 +1,5 @@
 #include "Signals.h"
 
-#include <poll.h>
 #include <semaphore.h>
 #include <signal.h>
 #include <unistd.h>
@@ -37,7 +36,9 @@ void onEnd(int number) {
 void onAbort(int number) {
   constexpr std::string_view line =
       "norvd: lost: aborted by a signal; the next process keeps the recording of it\n";
-  [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, line.data(), line.size());
+  if (logHasRoom()) {
+    [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, line.data(), line.size());
+  }
   deathNote->aborted();
   raise(number);
 }
@@ -54,10 +55,7 @@ void watchTheEnd() {
   while (sem_wait(&endAsked) != 0 && errno == EINTR) {
   }
   std::this_thread::sleep_for(patience);
-  pollfd error{STDERR_FILENO, POLLOUT, 0};  // it may be that what it waits for
-  if (poll(&error, 1, 0) > 0) {
-    log(Level::notice, "end: on signal " + std::to_string(ending) + ", in the middle of something");
-  }
+  log(Level::notice, "end: on signal " + std::to_string(ending) + ", in the middle of something");
   _exit(ended);
 }
 

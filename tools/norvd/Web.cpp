@@ -198,14 +198,19 @@ class Web::Server {
         server_ = std::make_unique<PageServer>();
       }
       setUp(where);
+      std::string why;
       if (bind(where)) {
         notice_("");
         log(Level::notice, "pages: served at " + shown(where));
+        told.clear();
         server_->listen_after_bind();
-        return;
+        why = "their socket listens no more";
+      } else {
+        why = std::strerror(errno);
       }
-      const std::string text = "the pages cannot be served at " + address_ + ": " +
-                               std::strerror(errno) + "; trying again, or choose another --http";
+      if (over_) return;
+      const std::string text = "the pages cannot be served at " + address_ + ": " + why +
+                               "; trying again, or choose another --http";
       if (told.empty()) log(Level::warning, "pages: " + text);
       told = text;
       notice_(text);
