@@ -8,72 +8,8 @@ import subprocess
 
 import harness
 from harness import NORVCTL, command, equal, norvctl, run, write_file
-from switch import Controlled, OlderControlled, Switch
+from switch import ONE, OTHER, Controlled, OlderControlled, Switch
 
-# All sections, and between the two every kind of change: made, changed in place and with a pause, made
-# anew, moved, gone; a worker made anew with its classes.
-ONE = """\
-plugins: [""]
-workers: {0: {core: 0}, 1: {core: 1}, 2: {core: 0}}
-ports:
-  p: {driver: PMDPort, arg: {vdev: net_null0}}
-  q: {driver: PMDPort, arg: {vdev: net_null1}, mtu: 1400}
-modules:
-  in: {class: PortInc, arg: {port: p}, tasks: slow}
-  src: {class: Source, arg: {pkt_size: 60}, tasks: fair}
-  queue: {class: Queue, arg: {size: 64}, tasks: {wid: 0}}
-  em:
-    class: ExactMatch
-    arg: {fields: [{offset: 26, num_bytes: 4}]}
-    default_gate: 1
-    rules: [{gate: 1, fields: [10.0.0.1]}, {gate: 2, fields: [10.0.0.2]}]
-  ip: {class: IPLookup, rules: [{prefix: 10.0.0.0/8, gate: 1}, {prefix: 11.0.0.0/8, gate: 0}]}
-  a: Merge
-  old: Sink
-connections:
-  - in -> em
-  - src -> ip
-  - em:1 -> a
-  - em:2 -> queue
-  - ip -> 1:a
-  - a -> old
-traffic_classes:
-  slow: {policy: rate_limit, limit: {packet: 1000}, wid: 0}
-  fair: {policy: round_robin, wid: 1}
-hooks:
-  - {class: Track, module: a, igate: 0, name: seen}
-"""
-OTHER = """\
-workers: {0: {core: 0}, 1: {core: 1}, 3: {core: 1}}
-ports:
-  p: {driver: PMDPort, arg: {vdev: net_null2}}
-  q: {driver: PMDPort, arg: {vdev: net_null1}, mtu: 1300}
-modules:
-  in: {class: PortInc, arg: {port: p}, burst: 16, tasks: slow}
-  src: {class: Source, arg: {pkt_size: 90}, tasks: fair}
-  queue: {class: Queue, arg: {size: 128}, tasks: {wid: 0}}
-  em:
-    class: ExactMatch
-    arg: {fields: [{offset: 26, num_bytes: 4}]}
-    default_gate: 2
-    rules: [{gate: 1, fields: [10.0.0.1]}, {gate: 3, fields: [10.0.0.3]}]
-  ip: {class: IPLookup, rules: [{prefix: 10.0.0.0/8, gate: 2}, {prefix: 12.0.0.0/8, gate: 0}]}
-  a: Merge
-  new: Sink
-connections:
-  - in -> em
-  - src -> ip
-  - em:1 -> 2:a
-  - {from: em, ogate: 3, to: queue, skip_default_hooks: true}
-  - ip:2 -> 1:a
-  - a -> new
-traffic_classes:
-  slow: {policy: rate_limit, limit: {packet: 2000}, wid: 0}
-  fair: {policy: weighted_fair, resource: packet, wid: 1}
-  below: {policy: round_robin, parent: fair, share: 2}
-hooks:
-  - {class: Track, module: a, igate: 2, name: seen}
-""".replace("tasks: fair", "tasks: below")
 # The time is one that no call takes on a machine that is busy with other things.
 WHOLE = ["--prune", "--allow-mass-delete", "--timeout", "100"]
 

@@ -8,13 +8,12 @@ import shutil
 import signal
 import socket
 import subprocess
-import sys
 import threading
 import time
 
 import agent
 import harness
-from agent import Bed, wait_until
+from agent import Bed, child_of, wait_until
 from harness import equal, norvctl
 
 PIPELINE = """modules:
@@ -112,11 +111,20 @@ def test_a_command_without_an_answer_ends_the_process():
     bed.start("--stuck-after", "0.5")
     as_wanted(bed)
     failures = [one["text"] for one in bed.status()["failures"]]
-    assert any(re.match(r"createModule of module fib is without an answer for", text) for text in failures), failures
+    found = [re.match(r"createModule of module fib is without an answer for (\S+) s$", text) for text in failures]
+    assert len(found) == 1 and float(found[0].group(1)) >= 0.5, failures
+
+
+def test_each_command_has_its_own_time():
+    """All together they take twice as long as one may, and wait for each other."""
+    bed = Bed(many(12))
+    bed.start_daemon("--latency", "300")
+    bed.start("--stuck-after", "3")
+    equal(bed.wait_in_sync()["restarts"], 0)
 
 
 class Proxy:
-    """A port that leads to the daemon's, and can drop its connections."""
+    """A port that leads to the daemon's, as soon as it listens, and can drop its connections."""
 
     def __init__(self, port):
         self.target = port
@@ -128,10 +136,19 @@ class Proxy:
     def _accept(self):
         while True:
             near = self.listener.accept()[0]
-            far = socket.create_connection(("127.0.0.1", self.target))
-            self.ends += [near, far]
-            for one, other in ((near, far), (far, near)):
-                threading.Thread(target=self._pass, args=(one, other), daemon=True).start()
+            threading.Thread(target=self._join, args=(near,), daemon=True).start()
+
+    def _join(self, near):
+        self.ends.append(near)
+        while True:
+            try:
+                far = socket.create_connection(("127.0.0.1", self.target))
+                break
+            except ConnectionRefusedError:
+                time.sleep(0.01)
+        self.ends.append(far)
+        threading.Thread(target=self._pass, args=(near, far), daemon=True).start()
+        self._pass(far, near)
 
     @staticmethod
     def _pass(one, other):
@@ -197,6 +214,21 @@ def test_a_connection_that_is_made_again_is_not_lost_for_ever():
         # It has no reason to look meanwhile.
         manager.wait_for_turns(10)
         assert looks() <= before + 3, (looks() - before, bed.agent.text())
+
+
+def test_a_daemon_that_is_restarted_often_is_no_rival():
+    bed = Bed(PIPELINE)
+    bed.start_daemon()
+    # A connection through it is made again before it is refused, and norvd lives on.
+    proxy = Proxy(bed.port)
+    bed.start(interval=1000, port=proxy.port)
+    bed.wait_in_sync()
+    for _ in range(5):
+        bed.kill_daemon()
+        bed.start_daemon()
+        wait_until(lambda: "fib:1 -> other" in bed.live(), "all is there again",
+                   lambda: f"{bed.status()}\n{bed.agent.text()}")
+        bed.wait_in_sync()
 
 
 def test_a_host_that_swallows_what_is_sent_is_tried_again_and_again():
@@ -505,18 +537,6 @@ def test_a_command_under_which_it_is_aborted_is_told():
     assert "death: 1 of 3 while createModule of module fib" in bed.agent.text(), bed.agent.text()
 
 
-def children_of(pid):
-    with open(f"/proc/{pid}/task/{pid}/children", encoding="ascii") as file:
-        return [int(child) for child in file.read().split()]
-
-
-def child_of(pid):
-    """The one that it has; None when there is none."""
-    children = children_of(pid)
-    assert len(children) < 2, children
-    return children[0] if children else None
-
-
 def test_recordings_are_not_kept_for_ever():
     bed = Bed(PIPELINE)
     os.mkdir(bed.state)
@@ -530,107 +550,6 @@ def test_recordings_are_not_kept_for_ever():
     as_wanted(bed)
     left = sorted(name for name in os.listdir(bed.state) if name.startswith(trace))
     equal(left, sorted(f"{trace}{i}{tail}" for i in range(15, 22) for tail in ("", ".json")))
-
-
-def test_a_signal_to_the_supervisor_ends_both():
-    bed = Bed(PIPELINE)
-    bed.start_daemon()
-    bed.start()
-    bed.wait_in_sync()
-    bed.agent.signal(signal.SIGTERM)
-    equal(bed.agent.finish(), 0)
-    equal(bed.get("/healthz"), None)
-
-
-def test_the_supervisor_passes_a_hang_up_on():
-    bed = Bed(PIPELINE)
-    bed.start_daemon()
-    bed.start()
-    bed.wait_in_sync()
-    bed.agent.signal(signal.SIGHUP)
-    wait_until(lambda: "signal: reading the wanted document again" in bed.agent.text(), "it is heard",
-               bed.agent.text)
-    equal(bed.status()["restarts"], 0)
-
-
-def test_the_supervisor_starts_again_after_growing_pauses():
-    bed = Bed(PIPELINE)
-    bed.start()
-    killed = set()
-    for count in range(1, 5):
-        child = wait_until(lambda: child_of(bed.agent.popen.pid), "there is one")
-        assert child not in killed
-        killed.add(child)
-        os.kill(child, signal.SIGKILL)
-        wait_until(lambda: bed.agent.text().count("starting it again in") == count, "it is said",
-                   bed.agent.text)
-    pauses = [int(ms) for ms in re.findall(r"starting it again in (\d+) ms", bed.agent.text())]
-    for pause, longest in zip(pauses, (50, 100, 200, 400)):
-        assert longest / 2 <= pause <= longest, pauses
-    bed.start_daemon()
-    as_wanted(bed)
-    # One that had got as far as that is started again soon.
-    bed.kill_daemon()
-    found = wait_until(lambda: re.search(r"with status 75; starting it again in (\d+) ms", bed.agent.text()),
-                       "it is said", bed.agent.text)
-    assert int(found.group(1)) <= 50, bed.agent.text()
-
-
-def test_the_supervisor_leaves_no_zombies():
-    bed = Bed(PIPELINE)
-    bed.start_daemon()
-    os.mkdir(f"{bed.folder}/bin")
-    with open(f"{bed.folder}/bin/dot", "w", encoding="ascii") as file:
-        file.write(f"#!/bin/sh\necho $$ >{bed.folder}/drawing\nexec sleep 1000\n")
-    os.chmod(f"{bed.folder}/bin/dot", 0o755)
-    # As in a container, where it is the first of all processes.
-    adopt = "import ctypes, os, sys; ctypes.CDLL(None).prctl(36, 1); os.execv(sys.argv[1], sys.argv[1:])"
-    bed.start(program=(sys.executable, "-c", adopt, agent.NORVD),
-              env={**os.environ, "PATH": f"{bed.folder}/bin:{os.environ['PATH']}"})
-    bed.wait_in_sync()
-    bed.get("/")
-
-    def drawing():
-        try:
-            with open(f"{bed.folder}/drawing", encoding="ascii") as file:
-                return int(file.read() or 0)
-        except FileNotFoundError:
-            return 0
-
-    orphan = wait_until(drawing, "it draws", bed.agent.text)
-    os.kill(child_of(bed.agent.popen.pid), signal.SIGKILL)
-    bed.wait_for(lambda one: one["restarts"] == 1, "a fresh process")
-    os.kill(orphan, signal.SIGKILL)
-    # What drew, and the shell around it.
-    wait_until(lambda: len(children_of(bed.agent.popen.pid)) == 1, "they are gone",
-               lambda: f"{children_of(bed.agent.popen.pid)}\n{bed.agent.text()}")
-
-
-def test_the_supervisor_goes_on_when_it_cannot_start():
-    bed = Bed(PIPELINE)
-    program = f"{bed.folder}/norvd"
-    shutil.copy(agent.NORVD, program)
-    bed.start_daemon()
-    bed.start(program=(program,))
-    bed.wait_in_sync()
-    os.chmod(program, 0)
-    os.kill(child_of(bed.agent.popen.pid), signal.SIGKILL)
-    wait_until(lambda: bed.agent.text().count("cannot start norvd: Permission denied") > 1, "it is said",
-               bed.agent.text)
-    os.chmod(program, 0o755)
-    as_wanted(bed)
-
-
-def test_one_supervisor_is_enough():
-    for option in ("--supervise", "--supervise=true", "--supervise=1"):
-        bed = Bed(PIPELINE)
-        bed.start_daemon()
-        bed.start(option, "--supervise", supervise=False)
-        bed.wait_in_sync()
-        child = child_of(bed.agent.popen.pid)
-        assert child and child_of(child) is None, option
-        bed.agent.signal(signal.SIGTERM)
-        equal(bed.agent.finish(), 0)
 
 
 def test_a_second_one_for_the_same_switch_does_not_start():
@@ -671,6 +590,8 @@ def test_its_manual_page_has_what_its_help_has():
     assert len(options) > 10 and "NORV_HOST" in variables, told
     for word in options | variables:
         assert word.replace("-", "\\-") in page, (word, page)
+    for section in ("DESCRIPTION", "OPTIONS", "SIGNALS", "FILES", "EXIT STATUS"):
+        assert f"\n.SH {section}\n" in page, (section, page)
     if not shutil.which("groff"):
         harness.skip("no groff here to read it")
     reader = harness.Process("groff", "-man", "-ww", "-z", stdin=subprocess.PIPE)
@@ -758,6 +679,25 @@ def test_a_changed_document_is_followed():
     with open(bed.wanted, "w", encoding="utf-8") as file:
         file.write(PIPELINE.replace("fib:1 ->", "fib:4 ->"))
     wait_until(lambda: "fib:4 -> other" in bed.live(), "the change has arrived", bed.agent.text)
+
+
+def test_a_document_of_several_files():
+    bed = Bed("modules: {src: Source, out: Sink}\n")
+    second = f"{bed.folder}/second.yaml"
+    with open(second, "w", encoding="utf-8") as file:
+        file.write("connections: [src -> out]\n")
+    bed.start_daemon()
+    bed.start("--wanted", second, interval=1000)
+    status = bed.wait_in_sync()
+    equal(status["document"], f"{bed.wanted}, {second}")
+    assert "src -> out" in bed.live()
+    with open(second, "w", encoding="utf-8") as file:
+        file.write("connections: ['src -> 1:out']\n")
+    wait_until(lambda: "src -> 1:out" in bed.live(), "the change has arrived", bed.agent.text)
+    # What is said twice names both.
+    bed.write("modules: {src: Source, out: Sink}\nconnections: [src -> out]\n")
+    status = bed.wait_for(lambda one: one["notices"], "it is said")
+    assert bed.wanted in status["notices"][0] and second in status["notices"][0], status
 
 
 def test_a_signal_reads_the_document_again():
@@ -964,6 +904,17 @@ def test_a_refused_object_is_tried_again_and_the_rest_is_right():
     as_wanted(bed)
 
 
+def test_a_refused_object_is_tried_again_by_hand():
+    bed = Bed(PIPELINE)
+    control = f"unix:{bed.folder}/control"
+    bed.start_daemon("--fault", "kind=error rpc=createModule name=fib code=12 text=no room", "--control", control)
+    bed.start(interval=1000)
+    bed.wait_for(lambda one: one["counts"].get("refused"), "it is refused")
+    harness.Process(harness.STANDIN, "ctl", control, "clear").finish()
+    equal(norvctl("retry", "module fib", *at(bed)).status, 0)
+    as_wanted(bed)
+
+
 def test_an_object_that_kills_its_daemon_is_left_out():
     bed = Bed(many(8, "  bad: Sink\n") + "  - m7 -> bad\n")
     fault = "kind=exit rpc=createModule name=bad"
@@ -1117,6 +1068,26 @@ def test_a_full_disk_does_not_stop_it():
     status = bed.wait_for(lambda one: one["counts"].get("in sync") == 7, "the switch is as wanted")
     assert any("File too large" in text for text in status["notices"]), status
     process.wait_for(r"memory: cannot write .* File too large; going on without", err=True)
+
+
+def test_a_disk_that_gets_room_again():
+    bed = Bed(PIPELINE)
+    os.mkdir(bed.state)
+    mount = f"mount -t tmpfs -o size=8m none {bed.state} && "
+    if harness.Process("unshare", "-rm", "sh", "-c", mount + "true").finish().status != 0:
+        harness.skip("nothing can be mounted here")
+    bed.start_daemon()
+    filled = f"head -c 9000000 /dev/zero 2>/dev/null >{bed.state}/filling; "
+    bed.start(supervise=False, program=("unshare", "-rm", "sh", "-c", mount + filled + 'exec "$@"', "sh", agent.NORVD))
+    status = bed.wait_for(lambda one: one["counts"].get("in sync") == 7, "the switch is as wanted")
+    assert any("No space left on device" in text for text in status["notices"]), status
+    name = f"localhost_{bed.port}.norvd"
+    assert f"{name}.new: No space left" in bed.agent.text() or f"{name}: No space left" in bed.agent.text(), bed.agent.text()
+    os.remove(f"/proc/{bed.agent.popen.pid}/root{bed.state}/filling")
+    bed.write(PIPELINE.replace("fib:1 ->", "fib:3 ->"))
+    wait_until(lambda: f"{name} is in order again" in bed.agent.text(), "it is said", bed.agent.text)
+    wait_until(lambda: "fib:3 -> other" in bed.live(), "the change has arrived", bed.agent.text)
+    equal(bed.status()["restarts"], 0)
 
 
 def test_a_folder_that_cannot_be_searched_does_not_stop_it():
@@ -1337,7 +1308,8 @@ def test_slow_readers_hold_nothing_up():
             except OSError:
                 pass
 
-    slow = [threading.Thread(target=which, daemon=True) for which in [drip] * 40 + [never_reads] * 20]
+    # More than have a thread, or may wait for one.
+    slow = [threading.Thread(target=which, daemon=True) for which in [drip] * 70 + [never_reads] * 30]
     for one in slow:
         one.start()
     try:
