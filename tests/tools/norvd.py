@@ -118,8 +118,8 @@ def test_a_command_without_an_answer_ends_the_process():
 def test_each_command_has_its_own_time():
     """All together they take twice as long as one may, and wait for each other."""
     bed = Bed(many(12))
-    bed.start_daemon("--latency", "300")
-    bed.start("--stuck-after", "3")
+    bed.start_daemon("--latency", "200")
+    bed.start("--stuck-after", "2")
     equal(bed.wait_in_sync()["restarts"], 0)
 
 
@@ -552,18 +552,6 @@ def test_recordings_are_not_kept_for_ever():
     equal(left, sorted(f"{trace}{i}{tail}" for i in range(15, 22) for tail in ("", ".json")))
 
 
-def test_a_second_one_for_the_same_switch_does_not_start():
-    bed = Bed(PIPELINE)
-    bed.start_daemon()
-    bed.start()
-    bed.wait_in_sync()
-    first = bed.agent
-    bed.start(http="off")
-    equal(bed.agent.finish(), 2)
-    assert "another norvd keeps the switch" in bed.agent.text(), bed.agent.text()
-    equal(first.popen.poll(), None)
-
-
 def test_bad_options():
     for arguments, text in (
         ([], "--wanted"),
@@ -682,7 +670,7 @@ def test_a_changed_document_is_followed():
 
 
 def test_a_document_of_several_files():
-    bed = Bed("modules: {src: Source, out: Sink}\n")
+    bed = Bed("modules: {src: Source, out: Merge}\n")
     second = f"{bed.folder}/second.yaml"
     with open(second, "w", encoding="utf-8") as file:
         file.write("connections: [src -> out]\n")
@@ -695,7 +683,7 @@ def test_a_document_of_several_files():
         file.write("connections: ['src -> 1:out']\n")
     wait_until(lambda: "src -> 1:out" in bed.live(), "the change has arrived", bed.agent.text)
     # What is said twice names both.
-    bed.write("modules: {src: Source, out: Sink}\nconnections: [src -> out]\n")
+    bed.write("modules: {src: Source, out: Merge}\nconnections: [src -> out]\n")
     status = bed.wait_for(lambda one: one["notices"], "it is said")
     assert bed.wanted in status["notices"][0] and second in status["notices"][0], status
 
@@ -1082,7 +1070,6 @@ def test_a_disk_that_gets_room_again():
     status = bed.wait_for(lambda one: one["counts"].get("in sync") == 7, "the switch is as wanted")
     assert any("No space left on device" in text for text in status["notices"]), status
     name = f"localhost_{bed.port}.norvd"
-    assert f"{name}.new: No space left" in bed.agent.text() or f"{name}: No space left" in bed.agent.text(), bed.agent.text()
     os.remove(f"/proc/{bed.agent.popen.pid}/root{bed.state}/filling")
     bed.write(PIPELINE.replace("fib:1 ->", "fib:3 ->"))
     wait_until(lambda: f"{name} is in order again" in bed.agent.text(), "it is said", bed.agent.text)

@@ -132,7 +132,7 @@ def test_ends_when_the_very_first_start_is_refused():
     equal(bed.agent.finish(), 2)
     assert "another norvd keeps the switch" in bed.agent.text(), bed.agent.text()
     equal(first.popen.poll(), None)
-    bed.start("--interval", "0", http="off")
+    bed.start("--nonsense", http="off")
     equal(bed.agent.finish(), 2)
 
 
