@@ -2,8 +2,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
@@ -81,10 +83,10 @@ std::string timeOfDay() {
 }
 
 void writeDetails(const std::string& path, const ordered_json& details) {
-  // A request may hold what only its owner should read.
-  if (const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600); fd >= 0) {
-    ::close(fd);
-  }
+  // A request may hold what only its owner should read: a file of our own, and nobody's link.
+  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+  if (fd < 0) throw std::runtime_error("cannot make " + path + ": " + std::strerror(errno));
+  ::close(fd);
   std::ofstream out(path);
   // What is not UTF-8 comes out as the replacement character.
   out << details.dump(-1, ' ', false, ordered_json::error_handler_t::replace) << '\n';

@@ -19,7 +19,9 @@ void replaceFile(const std::string& file, const std::string& text) {
   const std::filesystem::path folder = std::filesystem::path(file).parent_path();
   if (!folder.empty()) std::filesystem::create_directories(folder);
   const std::string fresh = file + ".new";
-  const int descriptor = open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  // A file of our own, not what an interrupted call, or somebody else, has left there.
+  unlink(fresh.c_str());
+  const int descriptor = open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
   if (descriptor < 0) failFile("cannot write", fresh);
   std::size_t written = 0;
   while (written < text.size()) {
