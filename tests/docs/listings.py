@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""Writes the C++ listings of a document to a folder, each under the name in its first line, `// name: ...`.
-Prints the names. Arguments: document, folder."""
+"""Writes the C++ listings of documents to a folder, each under the name in its first line, `// name: ...`.
+Prints the names. Arguments: folder, documents."""
 
 import os
 import re
@@ -8,9 +8,11 @@ import sys
 
 
 def main():
-    document, folder = sys.argv[1:]
-    with open(document, encoding="utf-8") as file:
-        listings = re.findall(r"^```cpp\n(// (\w+): .*?)^```", file.read(), flags=re.M | re.S)
+    folder, *documents = sys.argv[1:]
+    listings = []
+    for document in documents:
+        with open(document, encoding="utf-8") as file:
+            listings += re.findall(r"^```cpp\n(// (\w+): .*?)^```", file.read(), flags=re.M | re.S)
     os.makedirs(folder, exist_ok=True)
     for text, name in listings:
         path = os.path.join(folder, name + ".cpp")
