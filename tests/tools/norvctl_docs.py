@@ -90,9 +90,10 @@ def check(lines):
         status, out, err = place.type(line)
         # 2: a refusal, which some examples show; 4: a plan with something to do.
         assert status in (0, 2, 4, 130), (line, status, out, err)
-        # On a busy machine an answer may be waited for.
+        # What ends well may still have something to say; what goes on until it is interrupted has no complaint. On a
+        # busy machine an answer may be waited for.
         complaints = [text for text in err.splitlines() if text.startswith("norvctl: ") and "no answer yet" not in text]
-        assert not complaints or status == 2, (line, status, out, err)
+        assert not complaints or status != 130, (line, status, out, err)
     print(len(lines), "lines")
     return lines
 

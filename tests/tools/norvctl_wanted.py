@@ -74,9 +74,6 @@ def test_what_is_not_told_is_said():
     assert "src: Source  # its task has lost its traffic class; " in finished.out, finished
     equal(older.export(), finished.out)
     older.apply("modules: {src: Source, out: Sink}\nconnections: [src -> out]\n")
-    assert "norvctl: hooks: no gate tells of any; " not in norvctl("export", *older.options).err
-    older.apply("modules: {src: Source, out: Sink}\n"
-                "connections: [{from: src, to: out, skip_default_hooks: true}]\n")
     assert "norvctl: hooks: no gate tells of any; " in norvctl("export", *older.options).err
 
 

@@ -61,6 +61,10 @@ void watchTheEnd() {
 
 }  // namespace
 
+void outliveFailedWrites() {
+  for (const int number : {SIGPIPE, SIGXFSZ}) handle(number, SIG_IGN, 0);
+}
+
 void installSignals(UnderWay& underWay) {
   deathNote = &underWay;
   sem_init(&endAsked, 0, 0);
@@ -68,8 +72,6 @@ void installSignals(UnderWay& underWay) {
   for (const int number : {SIGTERM, SIGINT}) handle(number, onEnd, SA_RESTART);
   handle(
       SIGHUP, [](int) { hangUp = true; }, SA_RESTART);
-  handle(SIGPIPE, SIG_IGN, 0);
-  handle(SIGXFSZ, SIG_IGN, 0);  // a limit on files is a write that fails
   for (const int number : {SIGABRT, SIGSEGV, SIGBUS}) {
     handle(number, onAbort, static_cast<int>(SA_RESETHAND));
   }

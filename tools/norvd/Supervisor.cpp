@@ -94,8 +94,6 @@ int supervise(int argc, char** argv) {
   sigemptyset(&signals);
   for (const int number : passedOn) sigaddset(&signals, number);
   sigprocmask(SIG_BLOCK, &signals, &before);
-  // What nobody reads, or has no room, is no reason to end.
-  for (const int number : {SIGPIPE, SIGXFSZ}) signal(number, SIG_IGN);
   Backoff backoff(static_cast<unsigned>(getpid()));
   bool stop = false;
   for (bool first = true;; first = false) {

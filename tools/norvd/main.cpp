@@ -1,12 +1,14 @@
 #include <iostream>
 
 #include "Agent.h"
+#include "Signals.h"
 #include "Supervisor.h"
 #include "Web.h"
 #include "look/Diagnosis.h"
 
 int main(int argc, char** argv) {
   const Norvd::Options options = Norvd::optionsOf(argc, argv);
+  Norvd::outliveFailedWrites();
   if (options.supervise) return Norvd::supervise(argc, argv);
   Norvctl::exemptLoopbackFromProxies();
   Norvd::Memory memory(options.stateDir, options.address());
