@@ -3,6 +3,7 @@ once. The daemon's log tells what came to it, and a second addition shows there.
 
 import json
 import os
+import re
 import signal
 
 import agent
@@ -68,6 +69,7 @@ class Tables:
 
     def _enter(self, name, entry):
         known_by = self.FORMS[self.classes[name]][2]
+        entry = {field: value for field, value in entry.items() if field != "@type"}
         key = json.dumps(entry[known_by] if known_by else entry)
         before, times = self.tables[name].get(key, (entry, 0))
         # Another one for the same key takes its place.
@@ -118,8 +120,13 @@ class Switch:
         """How each of the two looks when nothing goes wrong on the way from the other."""
         for here in (THERE, HERE):
             self.commands[here] = self.follow(here)
-            self.exported[here], self.tables[here] = self.bed.live(), Tables(self.effects()).tables
+            self.exported[here], self.tables[here] = self.told(), Tables(self.effects()).tables
             assert "running: false" not in self.exported[here], self.exported[here]
+
+    def told(self):
+        """What the daemon tells of the switch. Not the arguments that commands have changed: it tells those with which
+        the module was made, and one that is in doubt is made anew."""
+        return re.sub(r"^(  (?:acl|src|up): .*?)arg: .*?(, tasks: \w+)?\}$", r"\1\2}", self.bed.live(), flags=re.M)
 
     def settles(self):
         """Norvd says that all is as wanted, and has looked last."""
@@ -129,7 +136,7 @@ class Switch:
 
     def ends_as(self, document):
         """As it was when nothing went wrong, with nothing refused and no entry added twice."""
-        equal(self.bed.live(), self.exported[document])
+        equal(self.told(), self.exported[document])
         equal(self.bed.plan("--prune").status, 0)
         tables = Tables(self.effects()).tables
         equal(tables, self.tables[document])
@@ -160,7 +167,7 @@ class Switch:
         return self.bed.agent.text().count(" applied: ")
 
 
-def cut_at_every_third(kind, first):
+def cut_on_the_way(kind, first, every):
     switch = Switch()
     switch.start_daemon()
     switch.start_norvd()
@@ -168,11 +175,11 @@ def cut_at_every_third(kind, first):
     switch.learn()
     assert min(switch.commands.values()) > 30, switch.commands
     cuts = 0
-    for nth in range(first, max(switch.commands.values()) + 1, 3):
+    for nth in range(first, max(switch.commands.values()) + 1, every):
         for document in (THERE, HERE):
             cuts += switch.cut(document, kind, nth)
     print(f"{cuts} cuts of {kind}, of {switch.commands} commands")
-    assert cuts > 20, cuts
+    assert cuts > 60 // every, cuts
     # In the course of all this every kind of command was sent.
     sent = {call["type"] for call in switch.effects()}
     assert sent >= {"addWorker", "destroyWorker", "pauseWorker", "resumeWorker", "createPort", "destroyPort",
@@ -181,15 +188,15 @@ def cut_at_every_third(kind, first):
 
 
 def test_a_line_that_is_lost_before_a_command():
-    cut_at_every_third("hang-up", 1)
+    cut_on_the_way("hang-up", 1, 3)
 
 
 def test_a_line_that_is_lost_after_a_command():
-    cut_at_every_third("hang-up-after", 2)
+    cut_on_the_way("hang-up-after", 2, 3)
 
 
 def test_killed_while_a_command_is_under_way():
-    cut_at_every_third("no-reply", 3)
+    cut_on_the_way("no-reply", 3, 6)
 
 
 def test_a_daemon_that_is_killed_at_every_tenth_command_gets_all_again():
@@ -198,7 +205,7 @@ def test_a_daemon_that_is_killed_at_every_tenth_command_gets_all_again():
     switch.start_norvd()
     switch.follow(HERE)
     first = next(i for i, call in enumerate(switch.calls()) if call in switch.effects())
-    exported, tables, commands = switch.bed.live(), Tables(switch.effects()).tables, len(switch.effects())
+    exported, tables, commands = switch.told(), Tables(switch.effects()).tables, len(switch.effects())
     switch.exported[HERE], switch.tables[HERE] = exported, tables
     looks = len([call for call in switch.calls()[:first] if call["type"] == "getVersion"])
     equal(looks, 2, "an empty document, then this one")
@@ -211,7 +218,7 @@ def test_a_daemon_that_is_killed_at_every_tenth_command_gets_all_again():
         assert len(switch.effects()) == nth - 1, (nth, switch.effects())
     os.remove(switch.log)
     switch.start_daemon()
-    wait_until(lambda: switch.bed.live() == exported, "as wanted", switch.bed.agent.text)
+    wait_until(lambda: switch.told() == exported, "as wanted", switch.bed.agent.text)
     switch.bed.wait_in_sync()
     switch.ends_as(HERE)
 
