@@ -83,6 +83,10 @@ class Place:
             return 130, out, err
 
 
+# What is said of a line that does as it should: that a busy daemon is waited for, and what an export leaves out.
+NOTES = re.compile(r"^norvctl: (no answer yet from |port \w+: the daemon does not tell |hooks: no gate tells of any; )")
+
+
 def check(lines):
     place = Place()
     lines = list(lines)
@@ -90,10 +94,8 @@ def check(lines):
         status, out, err = place.type(line)
         # 2: a refusal, which some examples show; 4: a plan with something to do.
         assert status in (0, 2, 4, 130), (line, status, out, err)
-        # What ends well may still have something to say; what goes on until it is interrupted has no complaint. On a
-        # busy machine an answer may be waited for.
-        complaints = [text for text in err.splitlines() if text.startswith("norvctl: ") and "no answer yet" not in text]
-        assert not complaints or status != 130, (line, status, out, err)
+        complaints = [text for text in err.splitlines() if text.startswith("norvctl: ") and not NOTES.search(text)]
+        assert not complaints or status == 2, (line, status, out, err)
     print(len(lines), "lines")
     return lines
 
