@@ -40,3 +40,13 @@ function(norv_own_code target)
     target_compile_options(${target} PRIVATE $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
   endif()
 endfunction()
+
+# What a shared library of ours exports is stated, see exports.map, whatever the compiler inlines. For its object
+# libraries, too.
+function(norv_exports library)
+  foreach(target ${library} ${ARGN})
+    target_compile_options(${target} PRIVATE -fvisibility-inlines-hidden)
+  endforeach()
+  target_link_options(${library} PRIVATE LINKER:--version-script=${PROJECT_SOURCE_DIR}/cmake/exports.map)
+  set_property(TARGET ${library} APPEND PROPERTY LINK_DEPENDS ${PROJECT_SOURCE_DIR}/cmake/exports.map)
+endfunction()

@@ -91,10 +91,18 @@ def test_leaves_the_counting_of_references_to_the_framework():
     check.equal(named, [], "files that name the flag")
 
 
+def kinds():
+    """Which function has how many instances: one for each pair of messages, one for each response."""
+    with open(os.path.join(check.SOURCES, "types/include/Norv/GrpcRequests.def"), encoding="utf-8") as file:
+        pairs = set(re.findall(r"^NORV_REQUEST\(.*, (\w+), +(\w+)\)$", file.read(), re.M))
+    assert len(pairs) > 1, pairs
+    return ("sendRequestCommon", len(pairs)), ("processResponseCommon", len({response for _, response in pairs}))
+
+
 def test_client_has_one_instance_per_kind_of_request_and_response():
     nm = check.need("nm")
     lines = check.run(nm, "-C", "--defined-only", os.environ["CLIENT_OBJECT"]).splitlines()
-    for function, count in (("sendRequestCommon", 37), ("processResponseCommon", 21)):
+    for function, count in kinds():
         start = re.compile(r"^[0-9a-f]+ [TtWw] void Norv::GrpcClient::" + function + "<")
         instances = {line for line in lines if start.match(line)}
         check.equal(len(instances), count, "instances of " + function)
@@ -103,10 +111,28 @@ def test_client_has_one_instance_per_kind_of_request_and_response():
 
 def test_exports_every_instance_of_the_client():
     exported = check.run(check.need("nm"), "-DC", "--defined-only", LIBRARY)
-    for function, count in (("sendRequestCommon", 37), ("processResponseCommon", 21)):
+    for function, count in kinds():
         instances = set(re.findall(r"^[0-9a-f]+ [TW] void Norv::GrpcClient::" + function + "<.*$",
                                    exported, re.M))
         check.equal(len(instances), count, "exported instances of " + function)
+
+
+def exported(library):
+    return {line.split(maxsplit=1)[1]
+            for line in check.run(check.need("nm"), "-DC", "--defined-only", library).splitlines()}
+
+
+def test_exports_do_not_depend_on_the_optimiser():
+    ours = exported(LIBRARY)
+    assert len(ours) > 100, ours
+    check.equal(sorted(ours ^ exported(os.environ["RELEASE"])), [], "what only one of the builds exports")
+
+
+def test_exports_nothing_of_other_libraries():
+    named = re.compile(r"^. (void )?(\S*\w for |(non-)?virtual thunk to |typeinfo name for |guard variable for )?"
+                       r"(Norv|Lumo|Skein|Twine)::")
+    for library in (LIBRARY, FRAMEWORK):
+        check.equal([line for line in sorted(exported(library)) if not named.match(line)], [], library)
 
 
 if __name__ == "__main__":

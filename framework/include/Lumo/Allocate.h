@@ -47,7 +47,7 @@ void maybeCallHasNotificationActiveIsTrue(T* object) {
 // Creates a T. The result holds the only reference; notification becomes active after the
 // constructor has run, so nothing in a constructor may depend on it.
 template <class T, class... Args>
-Ptr<T> allocate(Args&&... args) {
+inline Ptr<T> allocate(Args&&... args) {
   Ptr<T> object(Confidant::allocate<T>(std::forward<Args>(args)...), __NoRefcountIncrement());
   maybeCallHasNotificationActiveIsTrue(object.ptr());
   return object;

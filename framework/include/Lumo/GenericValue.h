@@ -120,7 +120,7 @@ struct GenericTraits<Name> {
 // The object held as a T, null if it is null; RangeException if it is of another class, or const
 // where T is not.
 template <class T>
-T* unwrapObject(const GenericValue& value) {
+inline T* unwrapObject(const GenericValue& value) {
   const GenericValue::Object& held = value.object();
   if (!held.object) return nullptr;
   if constexpr (!std::is_const_v<T>) {

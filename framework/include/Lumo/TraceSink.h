@@ -39,6 +39,7 @@ void appendTraceText(std::string& out, std::string_view text);
 class TraceSink {
  public:
   virtual ~TraceSink() = default;
+  // `line` and the texts in it are gone after the call.
   virtual void lineIs(const TraceLine& line) = 0;
 };
 

@@ -80,7 +80,7 @@ template <const Module& module>
 inline constinit std::atomic<Lumo::TraceHandle*> knownHandle{nullptr};
 
 template <const Module& module>
-[[gnu::noinline]] Lumo::TraceHandle* firstHandle() {
+[[gnu::noinline]] inline Lumo::TraceHandle* firstHandle() {
   made([] { knownHandle<module>.store(&module.handle(), std::memory_order_release); });
   return knownHandle<module>.load(std::memory_order_acquire);
 }

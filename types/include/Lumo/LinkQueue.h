@@ -182,7 +182,7 @@ inline void LinkQueue<Entry, Index>::memberNew(Ptr<Entry> entry) {
 }
 
 template <class Entry, class Index>
-void LinkQueue<Entry, Index>::place(Index index, Ptr<Entry> entry) {
+inline void LinkQueue<Entry, Index>::place(Index index, Ptr<Entry> entry) {
   if (!entry) {
     _memberDel(index);
     return;
@@ -239,7 +239,7 @@ inline Ptr<Entry> LinkQueue<Entry, Index>::_memberDelHead() {
 }
 
 template <class Entry, class Index>
-Ptr<Entry> LinkQueue<Entry, Index>::_memberDel(Index index) {
+inline Ptr<Entry> LinkQueue<Entry, Index>::_memberDel(Index index) {
   if (index == headIndex_) return _memberDelHead();
   Entry* previous = nullptr;
   Ptr<Entry> found = head_;
@@ -269,7 +269,7 @@ void LinkQueue<Entry, Index>::unlinkAfter(Entry* previous, Entry& found) {
 }
 
 template <class Entry, class Index>
-void LinkQueue<Entry, Index>::_memberDelAll() {
+inline void LinkQueue<Entry, Index>::_memberDelAll() {
   dropChain(std::move(head_));
   tail_ = nullptr;
   headIndex_ = tailIndex_;
@@ -278,7 +278,7 @@ void LinkQueue<Entry, Index>::_memberDelAll() {
 }
 
 template <class Entry, class Index>
-Ptr<Entry> LinkQueue<Entry, Index>::startAt(Index index) const {
+inline Ptr<Entry> LinkQueue<Entry, Index>::startAt(Index index) const {
   if (!head_) return nullptr;
   const Index first = head_->fwkQkey();
   const Index last = tail_->fwkQkey();
