@@ -72,8 +72,10 @@ class Server {
   // survive that; a client that outlives its daemon connects to `address`.
   std::shared_ptr<grpc::Channel> inProcessChannel();
 
+  // Faults are asked in the order in which they were added; the first that fits a call strikes.
   void addFault(const Fault& fault);
   void clearFaults();
+  // Each with how often it has struck.
   std::vector<FaultCount> faults() const;
 
   Pace pace() const;

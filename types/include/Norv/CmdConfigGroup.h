@@ -60,6 +60,8 @@ class CmdConfigGroup : public Lumo::Entity {
   // Kept on purpose: setting the command an entry already holds fires nothing only if the index is
   // below the number of entries.
   void cmdBatchIs(U32 index, const Lumo::Ptr<GrpcCmd>& cmd);
+  // The command of the head entry, which is taken out; null, and no notification, if the queue is
+  // empty. Of the entry `index` likewise.
   Lumo::Ptr<GrpcCmd> cmdBatchDeq();
   Lumo::Ptr<GrpcCmd> cmdBatchDel(U32 index);
   // As CmdGroup's, with a notification for each entry.

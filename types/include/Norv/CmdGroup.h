@@ -27,12 +27,15 @@ class CmdGroup : public Lumo::PtrInterface {
   void cmdBatchEnq(const Lumo::Ptr<GrpcCmd>& cmd) { cmdBatch_.enq(cmd); }
   // Inserts (absent), replaces (present) or, with null, deletes.
   void cmdBatchIs(U32 index, const Lumo::Ptr<GrpcCmd>& cmd) { cmdBatch_.is(index, cmd); }
+  // The command of the head entry, which is taken out; null if the queue is empty. Of the entry
+  // `index` likewise.
   Lumo::Ptr<GrpcCmd> cmdBatchDeq() { return cmdBatch_.cmdOf(cmdBatch_._memberDelHead()); }
   Lumo::Ptr<GrpcCmd> cmdBatchDel(U32 index);
   // Deletes entry by entry through an iterator.
   // Kept on purpose: the iterator does not find its way around the wrap. As long as the indexes of
   // the queue wrap somewhere between head and tail, a call deletes the head entry and no other.
   void cmdBatchDelAll();
+  // Null if there is no such entry.
   Lumo::Ptr<GrpcCmd> cmdBatch(U32 index) const { return cmdBatch_.cmd(index); }
   bool cmdBatchHas(U32 index) const { return cmdBatch_.isMemberOf(index); }
   U32 cmdBatchs() const { return cmdBatch_.members(); }

@@ -43,6 +43,7 @@ class GrpcCmd : public Lumo::PtrInterface {
   // after the call. The base only traces.
   virtual void processResponse(google::protobuf::Message* response);
 
+  // The command's own; null after freeRequestMemory.
   google::protobuf::Message* request() const { return request_; }
   // Replaces the request and takes ownership of the new one; the old one is the caller's to delete.
   void requestIs(google::protobuf::Message* request) { request_ = request; }

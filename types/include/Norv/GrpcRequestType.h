@@ -16,7 +16,10 @@ enum GrpcRequestType : U32 {
 };
 
 // How many values there are, `unknown` included.
-inline constexpr U32 grpcRequestTypes = 46;
+inline constexpr U32 grpcRequestTypes = 1
+#define NORV_REQUEST(number, name, Rpc, Request, Response) +1
+#include <Norv/GrpcRequests.def>
+    ;
 
 extern const Lumo::EnumLumoType _lumoType_GrpcRequestType;
 

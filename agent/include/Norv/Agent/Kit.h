@@ -64,6 +64,8 @@ const char* workerName(Status::Worker worker);
 //   is no answer to it: it ends as dropped.
 class Kit {
  public:
+  // Of the objects that the manager is to be made with, before it is; holds them. `now` is what
+  // ages and pauses are counted by, and is called on any thread.
   Kit(const Lumo::Ptr<GrpcGlobalCmdConfig>& config, const Lumo::Ptr<CmdGroup>& pendingQueue,
       const Lumo::Ptr<GrpcErrorHandlingStatus>& status,
       TimeSource now = std::chrono::steady_clock::now);
@@ -77,6 +79,7 @@ class Kit {
   // failed a command by then; that is in the books, but a command that is not tracked passes for
   // the oldest one that is.
   void managerIs(const Lumo::Ptr<ConnectionsMgr>& manager);
+  // What is done once the flag is up; looked at by each tick.
   void failurePolicyIs(const FailurePolicy& policy) { policy_ = policy; }
   // Asked on the worker when the flag rises, for the text that goes into the failed command's
   // report, instead of the status text of the RPC. Set before the manager is made.
@@ -98,6 +101,7 @@ class Kit {
   // Clears the error flag and wakes the worker. What the worker took meanwhile ends as dropped,
   // once the worker lets it go.
   void clearAndGoOn();
+  // How things stand now; maxima since the kit was made.
   Status status() const;
 
   // Takes every command that waits out of the named queues and the pending queue; they end as

@@ -62,6 +62,8 @@ class Ledger {
   // `entry` is asked for the request; it stays until its command is answered or released.
   U64 created(GrpcRequestType type, const TrackedEntry* entry = nullptr);
   void announced(U64 id, const Lumo::Name& queue);
+  // `at` by the ledger's clock; code and text are those of the response's `error` field, 0 and
+  // empty for success.
   void answered(U64 id, Time at, int errorCode, const std::string& errorText);
   void released(U64 id);   // without an answer
   void discarded(U64 id);  // taken out of its queue and not sent, whoever still holds it
@@ -86,14 +88,16 @@ class Ledger {
   void workerIs(std::thread::id worker);
   bool onWorker() const;  // whether this thread is the worker
 
+  // Counts since the ledger was made.
   U64 count(Outcome outcome) const;
   U64 ended() const;
-  U64 announcedCount() const;  // of those that were ever announced
-  bool isOpen(U64 id) const;   // announced and not ended
-  U64 openAnnounced() const;
-  U64 openAnnouncedMaximum() const;
+  U64 announcedCount() const;        // of those that were ever announced
+  bool isOpen(U64 id) const;         // announced and not ended
+  U64 openAnnounced() const;         // how many are
+  U64 openAnnouncedMaximum() const;  // the most that ever were at once
   // The announced command that is under way or next.
   std::optional<CommandReport> oldestOpen() const;
+  // The command that failed last; none if none has.
   std::optional<CommandReport> lastFailure() const;
   // Its request as JSON, or a text that says why there is none; empty if no command is open. A
   // request above `mostBytes` is not written out.

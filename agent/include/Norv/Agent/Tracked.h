@@ -25,7 +25,9 @@ std::string jsonOf(const google::protobuf::Message* message, std::size_t mostByt
 // How the kit finds the ledger's entry of a command it sees in a queue, and the ledger the command.
 class TrackedEntry {
  public:
-  U64 id() const { return id_; }
+  U64 id() const { return id_; }  // the command's number in the ledger
+  // Null after freeRequestMemory. Asked under the ledger's lock, so it may call nothing of the
+  // ledger.
   virtual const google::protobuf::Message* trackedRequest() const = 0;
 
  protected:
