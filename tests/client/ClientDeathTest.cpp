@@ -43,8 +43,8 @@ const testing::KilledBySignal aborted(SIGABRT);
 
 TEST_F(ClientDeathTest, AbortsOnATypeWithoutAnRpc) {
   EXPECT_EXIT(die(unknown, new bess::pb::EmptyRequest()), aborted, unknownType);
-  EXPECT_EXIT(die(static_cast<GrpcRequestType>(46), new bess::pb::EmptyRequest()), aborted,
-              unknownType);
+  EXPECT_EXIT(die(static_cast<GrpcRequestType>(grpcRequestTypes), new bess::pb::EmptyRequest()),
+              aborted, unknownType);
   EXPECT_EXIT(
       {
         Lumo::traceSettingIs("*/*");
@@ -57,9 +57,9 @@ TEST_F(ClientDeathTest, SaysWhatItSendsBeforeItLooksForTheRpc) {
   EXPECT_EXIT(
       {
         Lumo::traceSettingIs("GrpcClient/8");
-        die(static_cast<GrpcRequestType>(46), new bess::pb::EmptyRequest());
+        die(static_cast<GrpcRequestType>(grpcRequestTypes), new bess::pb::EmptyRequest());
       },
-      aborted, "Sending 46\n(.|\n)*unknown request type");
+      aborted, "Sending " + std::to_string(grpcRequestTypes) + "\n(.|\n)*unknown request type");
 }
 
 TEST_F(ClientDeathTest, AbortsOnARequestThatDoesNotFitItsType) {

@@ -36,8 +36,7 @@ TEST(Service, HasTheNameThatDaemonsAnswerTo) {
 
 TEST(Service, HasOneMethodPerRequest) {
   ASSERT_NE(service(), nullptr);
-  EXPECT_EQ(std::size(rows), 45u);
-  EXPECT_EQ(service()->method_count(), 45);
+  EXPECT_EQ(service()->method_count(), static_cast<int>(std::size(rows)));
 }
 
 TEST(Service, MethodsTakeAndAnswerTheMessagesOfTheirRow) {

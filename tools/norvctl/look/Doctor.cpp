@@ -93,12 +93,13 @@ class Doctor {
       if (!named || !answersAtAll(info)) missing.emplace_back(info.name);
     }
     const std::string how = described ? "as it describes itself" : "by calls without effect";
+    const std::size_t all = requestInfos().size();
     if (missing.empty()) {
-      add(Health::well, "RPCs", "all 45 are there, " + how);
+      add(Health::well, "RPCs", "all " + std::to_string(all) + " are there, " + how);
     } else {
       add(Health::unwell, "RPCs",
-          std::to_string(45 - missing.size()) + " of 45 are there, " + how + "; missing " +
-              listed(missing),
+          std::to_string(all - missing.size()) + " of " + std::to_string(all) + " are there, " +
+              how + "; missing " + listed(missing),
           "Do not send " + listed(missing) +
               ": the RPC fails, and the library stops at a failed RPC.");
     }
@@ -289,7 +290,7 @@ Verb doctorVerb() {
   return {
       "doctor",
       "look whether a daemon is there and fits",
-      {"Looks whether the host can be reached, which of the 45 RPCs the daemon has (as it "
+      {"Looks whether the host can be reached, which RPCs of the protocol the daemon has (as it "
        "describes itself by reflection, or by calls without effect), which replies differ from "
        "this protocol, its version and classes, and how long a round trip takes. Changes nothing. "
        "Where there is something to do, a sentence says what.",

@@ -98,7 +98,7 @@ Action defineDescribe(CLI::App& command) {
 Verb typesVerb() {
   return {"types",
           "list the request types with their messages",
-          {"Lists the 45 requests of the daemon's protocol: number, type, request message and "
+          {"Lists the requests of the daemon's protocol: number, type, request message and "
            "response message."},
           {{"norvctl types", "all of them"}},
           &defineTypes};
