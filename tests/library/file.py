@@ -94,7 +94,7 @@ def test_leaves_the_counting_of_references_to_the_framework():
 def kinds():
     """Which function has how many instances: one for each pair of messages, one for each response."""
     with open(os.path.join(check.SOURCES, "types/include/Norv/GrpcRequests.def"), encoding="utf-8") as file:
-        pairs = set(re.findall(r"^NORV_REQUEST\(.*, (\w+), +(\w+)\)$", file.read(), re.M))
+        pairs = set(re.findall(r"^NORV_REQUEST\(.*, +(\w+), +(\w+)\)$", file.read(), re.M))
     assert len(pairs) > 1, pairs
     return ("sendRequestCommon", len(pairs)), ("processResponseCommon", len({response for _, response in pairs}))
 
