@@ -21,6 +21,8 @@ SOURCES = os.environ["SOURCES"]
 
 # How many times as long programs take, at most, as they do in the ordinary build.
 SLOWNESS = 20 if os.environ.get("SANITIZED") else 1
+# Of places that are tried one by one, each how many-eth: those between show a sanitizer nothing more.
+STRIDE = 5 if os.environ.get("SANITIZED") else 1
 # Seconds until an effect counts as missing; generous, as a loaded machine is slow.
 PATIENCE = 60 * SLOWNESS
 

@@ -168,6 +168,7 @@ class Switch:
 
 
 def cut_on_the_way(kind, first, every):
+    every *= harness.STRIDE
     switch = Switch()
     switch.start_daemon()
     switch.start_norvd()
