@@ -95,7 +95,7 @@ def test_refuses_what_is_no_source_of_the_library():
     made = tree(SEES_ALL)
     status, said = made.run("ci/mutation", "Test.cpp")
     equal(status, 1)
-    has(said, "not a source of the library", "Test.cpp")
+    has(said, "not a source of the layers", "Test.cpp")
     assert not os.path.exists(made.inside("build/mutation"))
 
 
