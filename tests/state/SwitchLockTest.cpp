@@ -115,6 +115,21 @@ TEST_F(SwitchLockTest, OneThatCannotWriteItsNameHasItAllTheSame) {
   EXPECT_EQ(text(*second.holder()), "another program");
 }
 
+TEST_F(SwitchLockTest, KeepsNoFileOpenThatIsNotItsOwn) {
+  const auto open = [] {
+    const auto files = std::filesystem::directory_iterator("/proc/self/fd");
+    return std::distance(begin(files), end(files));
+  };
+  SwitchLock first(folder_, address, "norvd");
+  const auto before = open();
+  ASSERT_TRUE(first.take());
+  EXPECT_EQ(open(), before + 1);
+  SwitchLock second(folder_, address, "norvctl apply");
+  EXPECT_FALSE(second.take());
+  EXPECT_TRUE(second.holder());
+  EXPECT_EQ(open(), before + 1);
+}
+
 TEST_F(SwitchLockTest, AFolderThatCannotBeIsTold) {
   std::ofstream(folder_ + "/file") << "x";
   SwitchLock lock(folder_ + "/file", address, "norvd");
