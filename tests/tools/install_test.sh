@@ -95,14 +95,14 @@ case " $(pkg-config --libs norv) " in
     ;;
 esac
 # shellcheck disable=SC2046 # several words are wanted
-c++ -std=c++20 "$sources/examples/embed.cpp" -o "$folder/embed" $(pkg-config --cflags --libs norv)
+c++ "$sources/examples/embed.cpp" -o "$folder/embed" $(pkg-config --cflags --libs norv)
 # shellcheck disable=SC2046 # several words are wanted
-c++ -std=c++20 "$folder/agent/with_standin.cpp" -o "$folder/with_standin" \
+c++ "$folder/agent/with_standin.cpp" -o "$folder/with_standin" \
   $(pkg-config --cflags --libs norv_standin)
 LD_LIBRARY_PATH="$(dirname "$PKG_CONFIG_PATH")" "$folder/with_standin"
 
 # shellcheck disable=SC2046 # several words are wanted
-c++ -std=c++20 "$sources/examples/plan.cpp" -o "$folder/plan" $(pkg-config --cflags --libs norv_state)
+c++ "$sources/examples/plan.cpp" -o "$folder/plan" $(pkg-config --cflags --libs norv_state)
 LD_LIBRARY_PATH=$(pkg-config --variable=libdir norv_state)
 export LD_LIBRARY_PATH
 
