@@ -8,7 +8,9 @@
 #include <support/FakeDaemon.h>
 #include <support/FreeHere.h>
 #include <support/TraceRecorder.h>
+#include <unistd.h>
 
+#include <future>
 #include <map>
 #include <mutex>
 #include <set>
@@ -52,7 +54,13 @@ struct Worker : testing::Test {
                                                  &shared.lock, &shared.condition);
   }
   void start() {
-    std::thread([client = shared.client.get()] { client->doProcessGrpcCmd(); }).detach();
+    std::promise<int> began;
+    std::future<int> number = began.get_future();
+    std::thread([client = shared.client.get(), began = std::move(began)]() mutable {
+      began.set_value(gettid());
+      client->doProcessGrpcCmd();
+    }).detach();
+    thread = number.get();
   }
   // Puts commands into the queue without waking anyone.
   void put(GrpcRequestType type = getVersion) {
@@ -75,7 +83,7 @@ struct Worker : testing::Test {
   // The worker sleeps when it has traced that there is nothing more and given the lock back, which
   // it does only inside the wait.
   bool asleep(const TraceRecorder& trace, std::size_t times = 1) {
-    if (!support::eventually([&] { return trace.count(noMore) == times; })) return false;
+    if (!support::eventually([&] { return trace.count(noMore, thread) == times; })) return false;
     return support::eventually([&] {
       Lumo::LockAnchor anchor(&shared.lock);
       return true;
@@ -86,16 +94,17 @@ struct Worker : testing::Test {
   Shared& shared;
   std::shared_ptr<support::CommandLog> log = std::make_shared<support::CommandLog>();
   int made = 0;
+  int thread = 0;  // the worker's, once it is started
 };
 
 TEST_F(Worker, SleepsOnAnEmptyQueueUntilItIsSignalled) {
   const TraceRecorder trace("GrpcClient/5");
   start();
-  ASSERT_TRUE(support::eventually([&] { return trace.count(noMore) == 1; }));
+  ASSERT_TRUE(support::eventually([&] { return trace.count(noMore, thread) == 1; }));
   put();
   EXPECT_EQ(daemon.calls().size(), 0u);
   EXPECT_TRUE(eventually([&] { return log->responses == 1; }));
-  const std::vector<TraceRecorder::Line> lines = trace.lines();
+  const std::vector<TraceRecorder::Line> lines = trace.lines(thread);
   ASSERT_GE(lines.size(), 2u);
   EXPECT_EQ(lines[0], (TraceRecorder::Line{"GrpcClient", 5, "GrpcClient.cpp", 77,
                                            "doProcessGrpcCmd", noMore}));
@@ -142,7 +151,7 @@ TEST_F(Worker, ReleasesTheLastCommandBeforeItSleeps) {
   const TraceRecorder trace("GrpcClient/5");
   put();
   start();
-  ASSERT_TRUE(support::eventually([&] { return trace.count(noMore) == 1; }));
+  ASSERT_TRUE(support::eventually([&] { return trace.count(noMore, thread) == 1; }));
   EXPECT_EQ(log->destroyed, 1);
 }
 
@@ -160,11 +169,11 @@ TEST_F(Worker, KeptOnPurposeDropsOneCommandPerWakeUpWhileTheFlagIsSet) {
   EXPECT_EQ(waiting(), 2u);
   EXPECT_THAT(log->releasedNumbers(), ElementsAre(0));
   // A wake-up lets the second go and takes the third. It may have been lost, but not twice taken.
-  ASSERT_TRUE(support::eventually([&] { return trace.count(waken) == 1; },
+  ASSERT_TRUE(support::eventually([&] { return trace.count(waken, thread) == 1; },
                                   [&] {
-                                    if (trace.count(waken) == 0) wake();
+                                    if (trace.count(waken, thread) == 0) wake();
                                   }));
-  ASSERT_TRUE(support::eventually([&] { return trace.count(noMore) >= 2; }));
+  ASSERT_TRUE(support::eventually([&] { return trace.count(noMore, thread) >= 2; }));
   EXPECT_GE(log->releasedNumbers().size(), 2u);
   EXPECT_EQ(log->releasedNumbers()[1], 1);
   EXPECT_EQ(daemon.calls().size(), 1u);

@@ -15,9 +15,10 @@ TraceRecorder::~TraceRecorder() {
   Lumo::traceSettingIs("");
 }
 
-std::vector<TraceRecorder::Line> TraceRecorder::lines() const {
+std::vector<TraceRecorder::Line> TraceRecorder::lines(int thread) const {
   std::vector<Line> lines;
   for (const Lumo::TraceRecorder::Line& line : recorder_.lines()) {
+    if (thread != anyThread && line.thread != thread) continue;
     lines.push_back(
         {line.facility.stdString(), line.level, line.file, line.line, line.function, line.text});
   }
@@ -32,9 +33,10 @@ std::vector<std::string> TraceRecorder::texts(const std::string& facility) const
   return texts;
 }
 
-std::size_t TraceRecorder::count(const std::string& text) const {
-  const std::vector<std::string> all = texts();
-  return static_cast<std::size_t>(std::count(all.begin(), all.end(), text));
+std::size_t TraceRecorder::count(const std::string& text, int thread) const {
+  const std::vector<Line> all = lines(thread);
+  return static_cast<std::size_t>(std::count_if(
+      all.begin(), all.end(), [&](const Line& line) { return line.text == text; }));
 }
 
 std::ostream& operator<<(std::ostream& out, const TraceRecorder::Line& line) {
