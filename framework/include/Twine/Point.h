@@ -87,7 +87,7 @@ template <const Module& module>
 
 // Null when there was no memory to make it.
 template <const Module& module>
-Lumo::TraceHandle* handleOf() {
+inline Lumo::TraceHandle* handleOf() {
   Lumo::TraceHandle* const handle = knownHandle<module>.load(std::memory_order_acquire);
   return handle ? handle : firstHandle<module>();
 }
@@ -178,7 +178,7 @@ template <const Point& point, class... Args>
 }
 
 template <const Point& point>
-Lumo::TraceHelper* helperIn(void* storage) {
+inline Lumo::TraceHelper* helperIn(void* storage) {
   Lumo::TraceHandle* const handle = handleOf<*point.module>();
   return handle ? Lumo::TraceHelper::createIfEnabled(*handle, point.level, storage) : nullptr;
 }
