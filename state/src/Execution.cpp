@@ -22,13 +22,32 @@ Execution::Execution(const Plan& plan, const std::set<std::size_t>& held)
     for (const std::size_t before : step.behind) followers_[before].push_back(i);
   }
   std::vector<bool> stuck(plan.steps.size(), false);
-  if (!held.empty()) stuck = findIdle(held);
+  if (!held.empty()) stuck = findStuck(held);
   for (std::size_t i = 0; i < plan.steps.size(); ++i) {
     if (!stuck[i] && plan.steps[i].impossible.empty()) ++commands_;
   }
   for (std::size_t i = 0; i < plan.steps.size(); ++i) {
     if (missing_[i] != 0 || phases_[i] != Phase::waiting) continue;
     if (release(i)) settle(i, phases_[i]);
+  }
+}
+
+// All that cannot go. One that is to be made anew, and of which a step cannot go, waits whole:
+// taken down and not put up again it would be so at every attempt.
+std::vector<bool> Execution::findStuck(std::set<std::size_t> held) {
+  while (true) {
+    std::vector<bool> stuck = findIdle(held);
+    const std::size_t before = held.size();
+    for (std::size_t i = 0; i < plan_.steps.size(); ++i) {
+      const std::size_t change = plan_.steps[i].change;
+      if (!stuck[i] || change == Step::none) continue;
+      if (plan_.changes[change].action != Change::Action::recreate) continue;
+      if (!held.insert(change).second) continue;
+      for (const std::size_t needed : plan_.steps[i].after) {
+        if (stuck[needed] && plan_.steps[needed].change != change) waitsFor_[change] = needed;
+      }
+    }
+    if (held.size() == before) return stuck;
   }
 }
 
@@ -60,7 +79,8 @@ std::vector<bool> Execution::findIdle(const std::set<std::size_t>& held) {
 bool Execution::release(std::size_t step) {
   const Step& what = plan_.steps[step];
   if (idle_[step]) {
-    culprit_[step] = step;
+    const auto other = waitsFor_.find(what.change);
+    culprit_[step] = other == waitsFor_.end() ? step : other->second;
     phases_[step] = Phase::skipped;
     return true;
   }

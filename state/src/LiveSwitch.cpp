@@ -1,6 +1,7 @@
 #include <google/protobuf/unknown_field_set.h>
 
 #include <algorithm>
+#include <cerrno>
 
 #include <Norv/State/ClassTable.h>
 #include <Norv/State/LiveSwitch.h>
@@ -43,12 +44,12 @@ class SwitchReader {
       : stub_(BESSControl::NewStub(channel)), patience_(patience) {}
 
   LiveSwitch read() {
-    live_.version = ask("getVersion", &BESSControl::Stub::GetVersion, empty_).version();
-    const auto plugins = ask("listPlugins", &BESSControl::Stub::ListPlugins, empty_);
+    live_.version = told("getVersion", &BESSControl::Stub::GetVersion, empty_).version();
+    const auto plugins = told("listPlugins", &BESSControl::Stub::ListPlugins, empty_);
     live_.plugins.insert(plugins.paths().begin(), plugins.paths().end());
-    const auto classes = ask("listMclass", &BESSControl::Stub::ListMclass, empty_);
+    const auto classes = told("listMclass", &BESSControl::Stub::ListMclass, empty_);
     live_.offer.moduleClasses.insert(classes.names().begin(), classes.names().end());
-    const auto drivers = ask("listDrivers", &BESSControl::Stub::ListDrivers, empty_);
+    const auto drivers = told("listDrivers", &BESSControl::Stub::ListDrivers, empty_);
     live_.offer.drivers.insert(drivers.driver_names().begin(), drivers.driver_names().end());
     readWorkers();
     readPorts();
@@ -77,8 +78,30 @@ class SwitchReader {
     return response;
   }
 
+  // The same of a question that there is no reason to refuse: half an answer is none.
+  template <class Request, class Response>
+  Response told(const char* name,
+                grpc::Status (BESSControl::Stub::*rpc)(grpc::ClientContext*, const Request&,
+                                                       Response*),
+                const Request& request) {
+    Response response = ask(name, rpc, request);
+    if (response.error().code() != 0) refused(name, response.error());
+    return response;
+  }
+  [[noreturn]] static void refused(const char* name, const bess::pb::Error& error) {
+    throw ReadError(grpc::StatusCode::UNKNOWN, std::string(name) + " was refused: error " +
+                                                   std::to_string(error.code()) + ": " +
+                                                   error.errmsg());
+  }
+  // What was listed a moment ago may have gone.
+  static bool gone(const char* name, const bess::pb::Error& error) {
+    if (error.code() == 0) return false;
+    if (error.code() != ENOENT) refused(name, error);
+    return true;
+  }
+
   void readWorkers() {
-    const auto reply = ask("listWorkers", &BESSControl::Stub::ListWorkers, empty_);
+    const auto reply = told("listWorkers", &BESSControl::Stub::ListWorkers, empty_);
     for (const auto& status : reply.workers_status()) {
       Worker& worker = live_.workers[status.wid()];
       worker.core = status.core();
@@ -87,7 +110,7 @@ class SwitchReader {
   }
 
   void readPorts() {
-    const auto reply = ask("listPorts", &BESSControl::Stub::ListPorts, empty_);
+    const auto reply = told("listPorts", &BESSControl::Stub::ListPorts, empty_);
     for (const auto& shown : reply.ports()) {
       Port& port = live_.ports[shown.name()];
       port.driver = shown.driver();
@@ -118,19 +141,19 @@ class SwitchReader {
     bess::pb::GetPortConfRequest request;
     request.set_name(name);
     const auto reply = ask("getPortConf", &BESSControl::Stub::GetPortConf, request);
-    if (reply.error().code() != 0) return;
+    if (gone("getPortConf", reply.error())) return;
     // The address is the device's own or made up, unless it was set; nobody tells which.
     if (reply.conf().mtu() != 0) port.mtu = reply.conf().mtu();
     port.adminUp = reply.conf().admin_up();
   }
 
   void readModules() {
-    const auto reply = ask("listModules", &BESSControl::Stub::ListModules, empty_);
+    const auto reply = told("listModules", &BESSControl::Stub::ListModules, empty_);
     for (const auto& shown : reply.modules()) {
       bess::pb::GetModuleInfoRequest request;
       request.set_name(shown.name());
       const auto info = ask("getModuleInfo", &BESSControl::Stub::GetModuleInfo, request);
-      if (info.error().code() != 0) continue;  // It has gone.
+      if (gone("getModuleInfo", info.error())) continue;
       Module& module = live_.modules[shown.name()];
       module.moduleClass = shown.mclass();
       module.arg = command(shown.name(), "get_initial_arg");
@@ -242,7 +265,7 @@ class SwitchReader {
     const auto reply = [&] {
       bess::pb::ListTcsRequest request;
       request.set_wid(-1);
-      return ask("listTcs", &BESSControl::Stub::ListTcs, request);
+      return told("listTcs", &BESSControl::Stub::ListTcs, request);
     }();
     std::map<std::string, std::map<std::uint64_t, Place>> leaves;
     for (const auto& status : reply.classes_status()) {

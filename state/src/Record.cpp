@@ -30,6 +30,23 @@ constexpr std::pair<Kind, const char*> kindNames[] = {
     {Kind::trafficClass, "traffic_class"},
 };
 
+// Which changes there is a command for that can go, or none of their own at all.
+std::vector<bool> touchedBy(const Plan& plan) {
+  std::vector<bool> goes(plan.steps.size(), false);
+  std::vector<bool> touched(plan.changes.size(), false), stated(plan.changes.size(), false);
+  for (std::size_t i = 0; i < plan.steps.size(); ++i) {
+    const Step& step = plan.steps[i];
+    goes[i] =
+        step.impossible.empty() && std::all_of(step.after.begin(), step.after.end(),
+                                               [&](std::size_t before) { return goes[before]; });
+    if (step.change == Step::none) continue;
+    stated[step.change] = true;
+    if (goes[i]) touched[step.change] = true;
+  }
+  for (std::size_t i = 0; i < touched.size(); ++i) touched[i] = touched[i] || !stated[i];
+  return touched;
+}
+
 const char* kindName(Kind kind) {
   for (const auto& [one, name] : kindNames) {
     if (one == kind) return name;
@@ -256,7 +273,10 @@ bool Record::hidden(const Object& object, const Switch& wanted) {
 }
 
 void Record::begin(const Plan& plan, const Switch& wanted) {
-  for (const Change& change : plan.changes) {
+  const std::vector<bool> touched = touchedBy(plan);
+  for (std::size_t i = 0; i < plan.changes.size(); ++i) {
+    const Change& change = plan.changes[i];
+    if (!touched[i]) continue;
     const bool inPlace =
         change.object.kind == Kind::module && change.action == Change::Action::change;
     const bool unseen =
@@ -266,7 +286,9 @@ void Record::begin(const Plan& plan, const Switch& wanted) {
     entries_[change.object].doubtful = true;
   }
   unfinished_ = plan.unfinished;
-  for (const Change& change : plan.changes) {
+  for (std::size_t i = 0; i < plan.changes.size(); ++i) {
+    const Change& change = plan.changes[i];
+    if (!touched[i]) continue;
     // A class that is made anew is so for its policy or place, which the daemon tells.
     const bool classAnew =
         change.object.kind == Kind::trafficClass && change.action == Change::Action::recreate;

@@ -2,6 +2,7 @@
 
 #include <Norv/State/ClassTable.h>
 #include <Norv/State/Document.h>
+#include <Norv/State/LiveSwitch.h>
 
 #include "Modules.h"
 #include "Values.h"
@@ -14,8 +15,8 @@ namespace {
 
 class ReferenceCheck {
  public:
-  ReferenceCheck(const Document& document, const Switch* live)
-      : document_(document), wanted_(document.wanted), live_(live) {}
+  ReferenceCheck(const Document& document, const LiveSwitch* live, bool prune)
+      : document_(document), wanted_(document.wanted), all_(live), live_(prune ? nullptr : live) {}
 
   std::vector<Problem> problems;
 
@@ -126,11 +127,21 @@ class ReferenceCheck {
     return inputs_->contains(point.gate);
   }
 
+  bool hasWorker(std::int64_t id) const {
+    if (wanted_.workersStated) return find(id, &Switch::workers) != nullptr;
+    if (all_ == nullptr) return true;  // as far as can be told
+    const auto& comingBack = all_->unfinished.comesBack.workers;
+    if (all_->workers.contains(id) || comingBack.contains(id)) return true;
+    // Where there is none, the daemon launches its first.
+    return id == 0 && all_->workers.empty() && comingBack.empty();
+  }
+
   void checkPlace(const std::string& what, const Place& place, const Mark& mark) {
-    if (place.worker >= 0 && wanted_.workersStated &&
-        find(place.worker, &Switch::workers) == nullptr) {
+    if (place.worker >= 0 && !hasWorker(place.worker)) {
+      const bool looked = wanted_.workersStated ? live_ != nullptr : all_ != nullptr;
       problems.push_back({mark, what + ": no worker " + std::to_string(place.worker) + " here" +
-                                    (live_ ? " or on the switch" : "")});
+                                    (looked ? " or on the switch" : "") +
+                                    "; state it under \"workers\""});
     }
     if (place.parent.empty()) return;
     const TrafficClass* parent = trafficClass(place.parent);
@@ -189,15 +200,16 @@ class ReferenceCheck {
 
   const Document& document_;
   const Switch& wanted_;
-  const Switch* const live_;
+  const LiveSwitch* const all_;                            // null: not known
+  const LiveSwitch* const live_;                           // what of it stays; null: nothing
   std::map<std::string, std::vector<std::string>> names_;  // of what there is, by what it is
   std::optional<std::set<Gate>> inputs_;                   // that something leads to
 };
 
 }  // namespace
 
-std::vector<Problem> checkReferences(const Document& document, const Switch* live) {
-  ReferenceCheck check(document, live);
+std::vector<Problem> checkReferences(const Document& document, const LiveSwitch* live, bool prune) {
+  ReferenceCheck check(document, live, prune);
   check.run();
   return std::move(check.problems);
 }

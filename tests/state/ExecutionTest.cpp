@@ -96,6 +96,39 @@ TEST(ExecutionTest, WhatPausesForAnotherToo) {
   EXPECT_TRUE(execution.finished());
 }
 
+// Taken down at every attempt, and not put up again: worse than left as it is.
+TEST(ExecutionTest, WhatWouldNotBeWholeIsNotMadeAnew) {
+  Plan plan;
+  plan.changes.push_back({Change::Action::create, {Kind::trafficClass, "slow"}, {}});
+  plan.changes.push_back({Change::Action::recreate, {Kind::module, "in"}, {}});
+  plan.changes.push_back({Change::Action::recreate, {Kind::connection, "in:0"}, {}});
+  const auto step = [&](Norv::GrpcRequestType type, std::size_t change, Indexes after) {
+    Step& one = plan.steps.emplace_back();
+    one.type = type;
+    one.change = change;
+    one.after = std::move(after);
+  };
+  step(Norv::destroyModule, 1, {});       // 0
+  step(Norv::createModule, 1, {0});       // 1
+  step(Norv::connectModules, 2, {1});     // 2
+  step(Norv::addTc, 0, {});               // 3
+  step(Norv::updateTcParent, 1, {1, 3});  // 4
+  Execution whole(plan);
+  EXPECT_EQ(taken(whole), (Indexes{0, 1, 2, 3, 4}));
+  Execution held(plan, {0});
+  EXPECT_EQ(held.commands(), 0U);
+  EXPECT_FALSE(held.next());
+  EXPECT_TRUE(held.finished());
+  const auto states = held.states();
+  for (const auto& state : states) EXPECT_EQ(state.kind, StateKind::notTried);
+  EXPECT_EQ(states[1].because, "traffic class slow");
+  EXPECT_EQ(states[2].because, "traffic class slow");
+  // What is made for the first time is better than nothing.
+  plan.changes[1].action = plan.changes[2].action = Change::Action::create;
+  Execution fresh(plan, {0});
+  EXPECT_EQ(taken(fresh), (Indexes{0, 1, 2}));
+}
+
 TEST(ExecutionTest, WithEverythingHeldNothingGoes) {
   const ThreeChanges three;
   Execution execution(three.plan, {0, 1, 2});

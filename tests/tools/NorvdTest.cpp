@@ -314,6 +314,26 @@ TEST(UnderWayTest, ADeathIsToldOnce) {
   EXPECT_FALSE(later.takeDeath());
 }
 
+TEST(UnderWayTest, SaysWhatCannotBeWrittenUntilItCan) {
+  const Folder folder;
+  UnderWay note;
+  const std::string file = folder.file("none/note");
+  EXPECT_THROW(note.fileIs(file), std::runtime_error);
+  note.noteIs("lost");
+  EXPECT_THROW(note.verify(file), std::runtime_error);
+  std::filesystem::create_directory(folder.file("none"));
+  note.fileIs(file);
+  EXPECT_NO_THROW(note.verify(file));
+  note.noteIs("kept");
+  note.fileIs(file);  // it has it
+  note.died();
+  UnderWay next;
+  next.fileIs(file);
+  const auto death = next.takeDeath();
+  ASSERT_TRUE(death);
+  EXPECT_EQ(death->note, "kept");
+}
+
 TEST(UnderWayTest, DoesNotFollowALink) {
   const Folder folder;
   std::filesystem::create_symlink(folder.file("elsewhere"), folder.file("note"));
@@ -385,6 +405,17 @@ TEST(MemoryTest, WhatCanBeWrittenDoesNotHideWhatCannot) {
   memory.save();
   EXPECT_EQ(memory.troubles().size(), 1U);
   EXPECT_TRUE(memory.troubles().contains("wanted.yaml"));
+}
+
+TEST(MemoryTest, ADocumentThatIsKeptAlreadyIsNoTrouble) {
+  const Folder folder;
+  Memory memory(folder.path(), "switch1:10514");
+  memory.lastGoodIs("modules: {}\n");
+  std::filesystem::create_directory(memory.file("wanted.yaml.new"));
+  memory.lastGoodIs("ports: {}\n");
+  EXPECT_TRUE(memory.troubles().contains("wanted.yaml"));
+  memory.lastGoodIs("modules: {}\n");
+  EXPECT_TRUE(memory.troubles().empty());
 }
 
 TEST(MemoryTest, KeepsTheLastRecordings) {

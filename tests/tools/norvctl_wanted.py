@@ -11,7 +11,7 @@ import subprocess
 import agent
 import harness
 from harness import NORVCTL, Process, Standin, equal, norvctl, run, write_file
-from switch import Controlled, Switch
+from switch import ONE, Controlled, Switch
 from terminal import Terminal
 
 SMALL = """\
@@ -272,6 +272,55 @@ def test_two_at_once_come_one_after_the_other():
     assert re.search(r"norvctl: norvctl apply, process \d+, is at work on 127\.0\.0\.1:\d+; waiting for its end\n",
                      second.err), second
     equal(sorted(re.findall(r"^  (\w):", switch.export().split("modules:")[1], re.M)), ["a", "b"])
+
+
+def test_another_apply_is_waited_for_no_longer_than_it_is_told():
+    switch = Switch(Controlled)
+    switch.standin.fault("kind=no-reply rpc=createModule nth=1")
+    first = switch.start_apply(SMALL)
+    assert switch.standin.strikes(first)
+    finished = norvctl("apply", "--yes", *switch.options, "--timeout", "0.5", switch.document(SMALL))
+    equal(finished.status, 1, finished)
+    assert re.search(rf"norvctl: norvctl apply, process {first.popen.pid}, is still at work on \S+; "
+                     "try again when it has ended\n$", finished.err), finished
+    switch.standin.clear()
+    first.signal(signal.SIGINT)
+    first.finish()
+
+
+def test_a_state_folder_that_cannot_be_written_is_said_with_what_helps():
+    switch = Switch()
+    finished = norvctl("apply", "--yes", *switch.standin.address, "--state-dir", "/proc/none", switch.document("modules: {a: Sink}"))
+    equal(finished.status, 1, finished)
+    assert "cannot write /proc/none/" in finished.err, finished
+    assert "; give another folder with --state-dir, or none\n" in finished.err, finished
+    equal(switch.export(), "workers: {}\n")
+
+
+def test_a_worker_that_nobody_has_is_an_error_before_anything_is_sent():
+    switch = Switch()
+    finished = switch.apply("modules:\n  s: {class: Source, tasks: {wid: 1}}\n  d: Sink\nconnections: [s -> d]\n", status=1)
+    assert re.search(r":2:3: module s: no worker 1 here or on the switch; state it under \"workers\"\n", finished.err), finished
+    equal(switch.export(), "workers: {}\n")
+    # The first one the daemon launches by itself, and whoever is there counts.
+    switch.apply("modules: {s: {class: Source, tasks: {wid: 0}}, d: Sink}\nconnections: [s -> d]\n")
+    switch.apply("workers: {0: {core: 0}, 1: {core: 1}}")
+    switch.apply("modules: {t: {class: Source, tasks: {wid: 1}}}", "--prune")
+
+
+def test_a_question_that_is_refused_is_no_empty_answer():
+    switch = Switch(Controlled)
+    switch.apply(ONE)
+    for rpc in ("listModules", "listPorts", "listWorkers", "listTcs", "getModuleInfo", "listPlugins"):
+        for words in (["export"], ["plan", switch.document(ONE)], ["apply", "--yes", "--prune", switch.document(ONE)]):
+            switch.standin.clear()
+            switch.standin.fault(f"kind=error rpc={rpc} nth=1 code=22 text=not now")
+            finished = norvctl(*words, *switch.options)
+            equal(finished.status, 3, (rpc, finished))
+            assert f"{rpc} was refused: error 22: not now\n" in finished.err, finished
+            equal(finished.out, "")
+    switch.standin.clear()
+    equal(switch.plan(ONE).status, 0)
 
 
 def test_while_norvd_keeps_the_switch_it_alone_applies():

@@ -707,6 +707,9 @@ def test_a_broken_document_leaves_the_last_good_one_in_force():
     status = bed.wait_for(lambda one: one["notices"], "it is said")
     assert re.search(r"wanted\.yaml:2:\d+: no module class \"Sauce\"", status["notices"][0]), status
     assert not status["in_sync"], status
+    # Who asks for it to be read again is told again.
+    bed.agent.signal(signal.SIGHUP)
+    wait_until(lambda: bed.agent.text().count("document: not taken: ") == 2, "it is said again", bed.agent.text)
     # The last good one goes on to be kept up, and outlives the process.
     equal(bed.call("destroyModule", '{"name": "drop"}').status, 0)
     wait_until(lambda: "  drop: Sink" in bed.live(), "the drift is repaired", bed.agent.text)
@@ -1058,6 +1061,17 @@ def test_a_full_disk_does_not_stop_it():
     process.wait_for(r"memory: cannot write .* File too large; going on without", err=True)
 
 
+def test_the_log_names_what_an_apply_is_about():
+    bed = Bed(PIPELINE)
+    bed.start_daemon()
+    bed.start()
+    bed.wait_in_sync()
+    assert re.search(r" apply: (\w+ \S+, ){4}\w+ \S+ and \d+ more; commands: \d+$", bed.agent.text(), re.M), bed.agent.text()
+    equal(bed.call("destroyModule", '{"name": "drop"}').status, 0)
+    wait_until(lambda: " apply: module drop and connection fib:0; commands: 2\n" in bed.agent.text(), "it names them",
+               bed.agent.text)
+
+
 def test_a_disk_that_gets_room_again():
     bed = Bed(PIPELINE)
     os.mkdir(bed.state)
@@ -1070,9 +1084,14 @@ def test_a_disk_that_gets_room_again():
     status = bed.wait_for(lambda one: one["counts"].get("in sync") == 7, "the switch is as wanted")
     assert any("No space left on device" in text for text in status["notices"]), status
     name = f"localhost_{bed.port}.norvd"
-    os.remove(f"/proc/{bed.agent.popen.pid}/root{bed.state}/filling")
-    bed.write(PIPELINE.replace("fib:1 ->", "fib:3 ->"))
+    inside = f"/proc/{bed.agent.popen.pid}/root{bed.state}"
+    assert not os.path.exists(f"{inside}/localhost_{bed.port}.wanted.yaml"), os.listdir(inside)
+    os.remove(f"{inside}/filling")
+    # Without another occasion to write.
     wait_until(lambda: f"{name} is in order again" in bed.agent.text(), "it is said", bed.agent.text)
+    wait_until(lambda: os.path.exists(f"{inside}/localhost_{bed.port}.wanted.yaml"), "all is kept", bed.agent.text)
+    bed.wait_for(lambda one: not one["notices"], "nothing is amiss")
+    bed.write(PIPELINE.replace("fib:1 ->", "fib:3 ->"))
     wait_until(lambda: "fib:3 -> other" in bed.live(), "the change has arrived", bed.agent.text)
     equal(bed.status()["restarts"], 0)
 

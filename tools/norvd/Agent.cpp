@@ -7,6 +7,7 @@
 #include "Signals.h"
 #include "Values.h"
 #include "agent/ObjectNames.h"
+#include "text/Text.h"
 
 namespace Norvd {
 
@@ -31,6 +32,21 @@ Time now() {
 }
 WallTime wallNow() {
   return std::chrono::system_clock::now();
+}
+
+// The first objects that a plan is about, and how many more there are.
+std::string namesOf(const Plan& plan, const std::set<std::size_t>& held) {
+  constexpr std::size_t shown = 5;
+  std::vector<std::string> names;
+  for (std::size_t i = 0; i < plan.changes.size(); ++i) {
+    if (!held.contains(i)) names.push_back(text(plan.changes[i].object));
+  }
+  if (names.size() > shown + 1) {
+    const std::size_t more = names.size() - shown;
+    names.resize(shown);
+    names.push_back(std::to_string(more) + " more");
+  }
+  return Norvctl::listed(names);
 }
 
 }  // namespace
@@ -69,11 +85,7 @@ void Agent::run() {
   if (memory_.kept()) {
     memory_.attempt("underway", [&] { underWay_.fileIs(memory_.file("underway")); });
     takeDeath();
-    memory_.attempt("trace", [&] {
-      // With the one that this process may leave there are as many as one process makes at most.
-      memory_.removeOldRecordings("trace", Norv::Agent::FlightRecorder::usualCopies - 1);
-      recorder_ = std::make_unique<Norv::Agent::FlightRecorder>(memory_.file("trace"));
-    });
+    openRecorder();
     memory_.attempt("json", [&] {
       std::string said;
       record_ = Norv::State::Record::load(memory_.file("json"), &said);
@@ -88,6 +100,14 @@ void Agent::run() {
   loop_.post([this] { ticker_ = Lumo::allocate<Ticker>(this); });
   loop_.run();
   leave();
+}
+
+void Agent::openRecorder() {
+  memory_.attempt("trace", [&] {
+    // With the one that this process may leave there are as many as one process makes at most.
+    memory_.removeOldRecordings("trace", Norv::Agent::FlightRecorder::usualCopies - 1);
+    recorder_ = std::make_unique<Norv::Agent::FlightRecorder>(memory_.file("trace"));
+  });
 }
 
 // --- what happens -------------------------------------------------------------------------------
@@ -180,10 +200,12 @@ void Agent::onReading(const Reading& reading) {
   // A daemon that was started anew takes what the last one refused, and has changed nothing back.
   if (reading.fresh) holds_.forget();
   nextLook_ = looked_ + options_.interval;
+  writeAgain();
   if (!road_.connected()) road_.connect(options_.host, options_.port);
   try {
-    if (carrying_) concludeCarrying(*reading.live);
-    decide(reading);
+    // What came to nothing is tried again at the next look, not at once.
+    const bool inVain = carrying_ && concludeCarrying(*reading.live);
+    decide(reading, !inVain);
   } catch (const std::exception& error) {
     // To begin again would come to the same.
     carrying_ = nullptr;
@@ -191,6 +213,26 @@ void Agent::onReading(const Reading& reading) {
     log(Level::error, "state: " + refusedPlan_);
   }
   tell();
+}
+
+// What there was no room for, or no right to, may be written now.
+void Agent::writeAgain() {
+  const auto troubles = memory_.troubles();  // a copy: it changes
+  if (troubles.contains("norvd")) memory_.save();
+  if (troubles.contains("wanted.yaml")) documents_.keep();
+  if (troubles.contains("json")) saveRecord();
+  if (troubles.contains("trace") && !recorder_) openRecorder();
+  if (troubles.contains("underway") && !carrying_) {
+    memory_.attempt("underway", [&] {
+      underWay_.fileIs(memory_.file("underway"));
+      underWay_.noteIs("");
+      underWay_.verify(memory_.file("underway"));
+    });
+  }
+}
+
+void Agent::saveRecord() {
+  if (memory_.kept()) memory_.attempt("json", [&] { record_.save(memory_.file("json")); });
 }
 
 void Agent::tell() {
@@ -209,7 +251,7 @@ void Agent::onSilence(const std::string& error) {
 
 // --- carrying out -------------------------------------------------------------------------------
 
-void Agent::decide(const Reading& reading) {
+void Agent::decide(const Reading& reading, bool mayCarryOut) {
   const auto live = std::make_shared<LiveSwitch>(*reading.live);
   record_.complement(*live);
   refusedPlan_.clear();
@@ -217,7 +259,7 @@ void Agent::decide(const Reading& reading) {
   const auto* document = documents_.inForce();
   std::set<std::size_t> waiting;
   if (document != nullptr && !plan) {
-    const auto missing = checkReferences(*document, options_.prune ? nullptr : live.get());
+    const auto missing = checkReferences(*document, live.get(), options_.prune);
     if (missing.empty()) {
       plan = std::make_shared<Plan>(makePlan(*live, document->wanted, documents_.planOptions()));
       refusedPlan_ = documents_.deletesTooMuch(*plan, document->wanted);
@@ -235,7 +277,9 @@ void Agent::decide(const Reading& reading) {
       if (held(plan->changes[i].object, &waits) && waits) waiting.insert(i);
     }
     holds_.seen(differing, now());
-    if (!options_.observe && refusedPlan_.empty()) carryOut(plan, document->wanted, waiting);
+    if (mayCarryOut && !options_.observe && refusedPlan_.empty()) {
+      carryOut(plan, document->wanted, waiting);
+    }
   }
   picture_ = picture(reading, live, plan, waiting);
 }
@@ -247,9 +291,9 @@ void Agent::carryOut(const std::shared_ptr<const Plan>& plan, const Norv::State:
   auto carrying = std::make_unique<Carrying>(plan, wanted, held, std::move(values));
   if (!carrying->anythingToDo()) return;
   record_.begin(*plan, wanted);
-  if (memory_.kept()) memory_.attempt("json", [&] { record_.save(memory_.file("json")); });
-  log(Level::info, "apply: " + std::to_string(plan->changes.size() - held.size()) +
-                       " objects differ, " + std::to_string(carrying->total()) + " commands");
+  saveRecord();
+  log(Level::info,
+      "apply: " + namesOf(*plan, held) + "; commands: " + std::to_string(carrying->total()));
   carrying_ = std::move(carrying);
   carrying_->feed(road_);
 }
@@ -289,8 +333,9 @@ void Agent::settleEnded() {
   }
 }
 
-// With the switch read again: what became of each object.
-void Agent::concludeCarrying(const LiveSwitch& bare) {
+// With the switch read again: what became of each object. True when all was tried and nothing is
+// as wanted for it.
+bool Agent::concludeCarrying(const LiveSwitch& bare) {
   std::vector<Execution::State> states = carrying_->states();
   const Plan& plan = carrying_->plan();
   using StateKind = Execution::State::Kind;
@@ -319,11 +364,13 @@ void Agent::concludeCarrying(const LiveSwitch& bare) {
     }
   }
   record_.end(plan, states, carrying_->wanted(), bare);
-  if (memory_.kept()) memory_.attempt("json", [&] { record_.save(memory_.file("json")); });
+  saveRecord();
   memory_.save();
   log(Level::info, "applied: " + std::to_string(done) + " of " + std::to_string(states.size()) +
                        " objects, " + std::to_string(carrying_->done()) + " commands");
+  const bool inVain = done == 0 && !carrying_->stopped();
   carrying_ = nullptr;
+  return inVain;
 }
 
 // --- who has to wait ----------------------------------------------------------------------------

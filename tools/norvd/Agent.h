@@ -51,10 +51,13 @@ class Agent {
   void look();
   void onReading(const Reading& reading);
   void onSilence(const std::string& error);
+  void openRecorder();
+  void writeAgain();
+  void saveRecord();
   void tell();
 
-  void concludeCarrying(const LiveSwitch& bare);
-  void decide(const Reading& reading);
+  bool concludeCarrying(const LiveSwitch& bare);
+  void decide(const Reading& reading, bool mayCarryOut);
   void carryOut(const std::shared_ptr<const Plan>& plan, const Norv::State::Switch& wanted,
                 const std::set<std::size_t>& held);
   void takeEnded();

@@ -32,6 +32,7 @@ class Carrying {
   void stop(Road& road);
   // Those that were paused meanwhile and do not run again yet, as far as the daemon has answered.
   std::vector<std::int64_t> standing() const;
+  bool stopped() const { return stopped_; }
   bool finished(const Road& road) const {
     return execution_.finished() || (stopped_ && road.open() == 0);
   }

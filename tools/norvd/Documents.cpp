@@ -1,5 +1,7 @@
 #include "Documents.h"
 
+#include <utility>
+
 #include "Log.h"
 #include "Values.h"
 
@@ -42,13 +44,13 @@ std::shared_ptr<const Plan> Documents::refresh(const LiveSwitch& live) {
   // A document that was not good may have become so with the switch.
   const bool due = files_.changed() || again_ || offered != offered_ || !complaint_.empty();
   if (!due) return nullptr;
-  again_ = false;
+  const bool asked = std::exchange(again_, false);
   offered_ = offered;
   std::string complaint;
   std::shared_ptr<const Plan> plan;
   try {
     Document document = files_.document(live.offer);
-    const auto problems = checkReferences(document, options_.prune ? nullptr : &live);
+    const auto problems = checkReferences(document, &live, options_.prune);
     if (!problems.empty()) {
       complaint = text(problems);
     } else if (document.wanted.objects() == 0 && wantedBefore() && !options_.allowMassDelete) {
@@ -60,7 +62,7 @@ std::shared_ptr<const Plan> Documents::refresh(const LiveSwitch& live) {
     if (complaint.empty()) {
       inForce_ = std::move(document);
       from_ = listed(options_.wanted);
-      memory_.lastGoodIs(yaml(inForce_->wanted));
+      keep();
       log(Level::notice, "document: " + from_ + " is in force, " +
                              std::to_string(objectsOf(inForce_->wanted).size()) + " objects");
     }
@@ -70,11 +72,15 @@ std::shared_ptr<const Plan> Documents::refresh(const LiveSwitch& live) {
     complaint = error.what();
   }
   if (!inForce_) takeLastGood(live);
-  if (!complaint.empty() && complaint != complaint_) {
+  if (!complaint.empty() && (asked || complaint != complaint_)) {
     log(Level::error, "document: not taken: " + complaint + "; in force: " + from_);
   }
   complaint_ = complaint;
   return complaint.empty() ? plan : nullptr;
+}
+
+void Documents::keep() {
+  if (inForce_) memory_.lastGoodIs(yaml(inForce_->wanted));
 }
 
 // Whether anything is in force, or was when the last good one was kept.

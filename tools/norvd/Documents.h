@@ -39,6 +39,8 @@ class Documents {
   Norv::State::PlanOptions planOptions() const {
     return {.prune = options_.prune, .recreateUnknown = options_.recreateUnknown};
   }
+  // Keeps the one in force, if it could not be kept before.
+  void keep();
   // Why this plan is not to be carried out, or empty.
   std::string deletesTooMuch(const Norv::State::Plan& plan,
                              const Norv::State::Switch& wanted) const;

@@ -146,8 +146,11 @@ std::optional<std::string> Memory::lastGood() {
 }
 
 void Memory::lastGoodIs(const std::string& document) {
-  if (!kept() || lastGood() == document) return;
-  attempt("wanted.yaml", [&] { Norv::State::replaceFile(file("wanted.yaml"), sealed(document)); });
+  if (!kept()) return;
+  attempt("wanted.yaml", [&] {
+    if (lastGood() == document) return;
+    Norv::State::replaceFile(file("wanted.yaml"), sealed(document));
+  });
 }
 
 void Memory::failureIs(const std::string& text) {

@@ -30,6 +30,9 @@ h2{font-size:1rem;margin:1.5rem 0 .5rem}
 .scroll:focus-visible,a:focus-visible,summary:focus-visible{outline:3px solid var(--warn)}
 table{border-collapse:collapse;width:100%}
 th,td{text-align:left;padding:.3rem .6rem;border-bottom:1px solid var(--line);vertical-align:top;overflow-wrap:anywhere}
+th{overflow-wrap:normal}
+#objects td:nth-child(2),#failures td:first-child{white-space:nowrap}
+#objects td:first-child,#objects td:nth-child(3){min-width:6.5rem}
 td.number,th.number{text-align:right;font-variant-numeric:tabular-nums}
 a{color:inherit}
 svg.pipeline{display:block;max-width:100%;height:auto;margin:0 auto;min-width:34rem}

@@ -100,10 +100,7 @@ void Telling::noteTroubles(const Moment& moment, Status& status) {
     status.notices.push_back("not carried out: " + moment.refusedPlan);
   }
   if (memory_.kept()) {
-    memory_.attempt("underway", [&] {
-      errno = underWay_.error();
-      if (errno != 0) Norv::State::failFile("cannot write", memory_.file("underway"));
-    });
+    memory_.attempt("underway", [&] { underWay_.verify(memory_.file("underway")); });
   }
   for (const auto& [purpose, text] : memory_.troubles()) status.notices.push_back(text);
   const std::lock_guard guard(noticesMutex_);

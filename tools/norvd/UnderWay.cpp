@@ -24,8 +24,15 @@ UnderWay::~UnderWay() {
 }
 
 void UnderWay::fileIs(const std::string& file) {
+  if (file_ >= 0) return;
   file_ = open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
-  if (file_ < 0) Norv::State::failFile("cannot write", file);
+  error_ = file_ < 0 ? errno : 0;
+  verify(file);
+}
+
+void UnderWay::verify(const std::string& file) const {
+  errno = error_;
+  if (errno != 0) Norv::State::failFile("cannot write", file);
 }
 
 std::optional<UnderWay::Death> UnderWay::takeDeath() {

@@ -17,7 +17,8 @@ class UnderWay {
   UnderWay& operator=(const UnderWay&) = delete;
   ~UnderWay();
 
-  // Keeps the note in that file; throws std::runtime_error. Without it nothing is kept.
+  // Keeps the note in that file, unless it has one already; throws std::runtime_error. Without it
+  // nothing is kept.
   void fileIs(const std::string& file);
   // How an earlier process died, if it did, once.
   struct Death {
@@ -34,8 +35,8 @@ class UnderWay {
   void died();
   void aborted();
   bool dead() const { return dead_; }
-  // The system's error when a note could not be written last; 0: it could.
-  int error() const { return error_; }
+  // Throws std::runtime_error, which names the file, when a note could not be written last.
+  void verify(const std::string& file) const;
 
  private:
   void end(char how);

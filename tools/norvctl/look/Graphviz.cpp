@@ -40,8 +40,8 @@ std::string svgOf(const std::string& dot) {
   unlink(path);
   if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
     throw std::runtime_error(
-        "graphviz's dot could not draw the picture; is the package graphviz installed? --dot "
-        "prints what it would be given");
+        "graphviz's dot could not draw the picture; is the package graphviz installed? `norvctl "
+        "show --dot` prints what it would be given");
   }
   return svg;
 }

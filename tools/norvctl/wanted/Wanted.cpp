@@ -85,28 +85,43 @@ KnownSwitch::KnownSwitch(const WantedOptions& options, const Target& target, Acc
   file_ = folder + "/" + Norv::State::recordName(target.address());
   if (access == Access::write) {
     lock_.emplace(folder, target.address(), Norv::State::applyingProgram);
-    lock();
+    lock(options.timeoutSeconds);
   }
   std::string said;
   record_ = Norv::State::Record::load(file_, &said);
   if (!said.empty()) std::cerr << "norvctl: " << escaped(said) << '\n';
 }
 
-// Another apply ends; norvd does not.
-void KnownSwitch::lock() {
+// Another apply ends; norvd does not. Without a limit it is waited for as long as that takes.
+void KnownSwitch::lock(double limitSeconds) {
+  const auto begin = std::chrono::steady_clock::now();
+  const std::string address = escaped(direct_.address());
   bool said = false;
-  lock_->take([&](const Norv::State::SwitchLock::Holder& holder) {
+  std::string refusal;
+  const auto waits = [&](const Norv::State::SwitchLock::Holder& holder) {
     if (holder.program != Norv::State::applyingProgram) {
-      throw std::runtime_error(text(holder) + " keeps the switch at " + direct_.address() +
-                               ", by " + lock_->file() +
-                               "; change the document that it follows, or end it first");
+      refusal = text(holder) + " keeps the switch at " + direct_.address() + ", by " +
+                lock_->file() + "; change the document that it follows, or end it first";
+      return false;
+    }
+    const std::chrono::duration<double> waited = std::chrono::steady_clock::now() - begin;
+    if (limitSeconds > 0 && waited.count() > limitSeconds) {
+      refusal = text(holder) + " is still at work on " + address + "; try again when it has ended";
+      return false;
     }
     if (!std::exchange(said, true)) {
-      std::cerr << "norvctl: " << text(holder) << " is at work on " << escaped(direct_.address())
+      std::cerr << "norvctl: " << text(holder) << " is at work on " << address
                 << "; waiting for its end\n";
     }
     return true;
-  });
+  };
+  try {
+    lock_->take(waits);
+  } catch (const std::exception& error) {
+    throw std::runtime_error(std::string(error.what()) +
+                             "; give another folder with --state-dir, or none");
+  }
+  if (!refusal.empty()) throw std::runtime_error(refusal);
 }
 
 Norv::State::LiveSwitch KnownSwitch::read() {
@@ -151,7 +166,7 @@ std::optional<Norv::State::Document> usableDocument(const WantedOptions& options
   std::optional<Norv::State::Document> document;
   try {
     document = readFiles(options.files, live ? live->offer : Norv::State::Offer());
-    problems = checkReferences(*document, options.plan.prune ? nullptr : live);
+    problems = checkReferences(*document, live, options.plan.prune);
   } catch (const Norv::State::DocumentError& error) {
     problems = error.problems();
   }

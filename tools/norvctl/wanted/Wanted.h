@@ -52,7 +52,7 @@ class KnownSwitch {
   void saveRecord() const;
 
  private:
-  void lock();
+  void lock(double limitSeconds);
 
   Direct direct_;
   std::optional<Norv::State::SwitchLock> lock_;  // none where nothing is written

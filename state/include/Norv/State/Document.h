@@ -49,6 +49,8 @@ struct Source {
   std::string text;
 };
 
+struct LiveSwitch;
+
 // What a daemon has beyond what is known here, from plugins.
 struct Offer {
   std::set<std::string> moduleClasses;
@@ -62,8 +64,10 @@ Document readDocument(const std::vector<Source>& sources, const Offer& offer = {
 Document readFiles(const std::vector<std::string>& files, const Offer& offer = {});
 
 // Everything that the document refers to and that neither it nor the live switch has. `live` is
-// null when there is none to look at, or nothing of it will stay.
-std::vector<Problem> checkReferences(const Document& document, const Switch* live);
+// null when there is none to look at. With `prune` nothing of it will stay but workers, where the
+// document does not speak of them.
+std::vector<Problem> checkReferences(const Document& document, const LiveSwitch* live,
+                                     bool prune = false);
 
 // Gates that modules name and their classes do not have: a daemon may take another in their place.
 std::vector<std::string> gateWarnings(const Switch& wanted);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <map>
 #include <optional>
 #include <set>
 #include <string>
@@ -21,7 +22,8 @@ enum class StepEnd {
 class Execution {
  public:
   // `plan` must stay. `held`: changes, by their index, that wait for something outside the plan:
-  // they are not tried, nor what needs them, nor a pause around nothing else.
+  // they are not tried, nor what needs them, nor a pause around nothing else. An object that is to
+  // be made anew is left as it is where it could not be made whole.
   explicit Execution(const Plan& plan, const std::set<std::size_t>& held = {});
 
   // The next step whose turn it is, in the order of the plan; none while others have to end first,
@@ -47,6 +49,7 @@ class Execution {
  private:
   enum class Phase { waiting, ready, underWay, succeeded, failed, skipped };
 
+  std::vector<bool> findStuck(std::set<std::size_t> held);
   std::vector<bool> findIdle(const std::set<std::size_t>& held);
   void settle(std::size_t step, Phase phase);
   bool release(std::size_t step);
@@ -58,6 +61,8 @@ class Execution {
   std::vector<bool> idle_;            // held, or a pause around nothing that goes
   std::vector<bool> doomed_;          // a step that it needs did not succeed
   std::vector<std::size_t> culprit_;  // which
+  // Changes that wait whole for another one, and a step of that.
+  std::map<std::size_t, std::size_t> waitsFor_;
   std::vector<std::string> texts_;
   std::vector<StepEnd> ends_;
   std::set<std::size_t> ready_;

@@ -52,8 +52,9 @@ struct LiveSwitch : Switch {
 };
 
 // Asks for everything, one call after the other on this thread, each with a deadline. An object
-// that goes while it is read is left out. Throws ReadError when a call fails. A large switch tells
-// more than 4 MiB in one reply: the channel has to take it (SetMaxReceiveMessageSize).
+// that goes while it is read is left out. Throws ReadError when a call fails or is refused: half a
+// switch is none. A large one tells more than 4 MiB in one reply: the channel has to take it
+// (SetMaxReceiveMessageSize).
 LiveSwitch readSwitch(const std::shared_ptr<grpc::Channel>& channel,
                       std::chrono::milliseconds patience = std::chrono::seconds(5));
 
