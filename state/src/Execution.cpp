@@ -44,7 +44,10 @@ std::vector<bool> Execution::findStuck(std::set<std::size_t> held) {
       if (plan_.changes[change].action != Change::Action::recreate) continue;
       if (!held.insert(change).second) continue;
       for (const std::size_t needed : plan_.steps[i].after) {
-        if (stuck[needed] && plan_.steps[needed].change != change) waitsFor_[change] = needed;
+        const std::size_t other = plan_.steps[needed].change;
+        if (!stuck[needed] || other == change) continue;
+        const auto further = waitsFor_.find(other);
+        waitsFor_[change] = further == waitsFor_.end() ? needed : further->second;
       }
     }
     if (held.size() == before) return stuck;

@@ -221,7 +221,7 @@ constexpr Wrong references[] = {
     {"modules: {a: {class: Source, tasks: slow}}",
      "f:1:11: module a: no traffic class \"slow\" here"},
     {"workers: {}\nmodules: {a: {class: Source, tasks: {wid: 3}}}",
-     "f:2:11: module a: no worker 3 here"},
+     "f:2:11: module a: no worker 3 here; state it under \"workers\""},
     {"traffic_classes: {x: {policy: round_robin, parent: y}, y: {policy: round_robin, parent: x}}",
      "f:1:19: traffic class x is below itself\nf:1:56: traffic class y is below itself"},
     {"traffic_classes: {x: {policy: round_robin, wid: 0, priority: 1}}",

@@ -32,7 +32,8 @@ table{border-collapse:collapse;width:100%}
 th,td{text-align:left;padding:.3rem .6rem;border-bottom:1px solid var(--line);vertical-align:top;overflow-wrap:anywhere}
 th{overflow-wrap:normal}
 #objects td:nth-child(2),#failures td:first-child{white-space:nowrap}
-#objects td:first-child,#objects td:nth-child(3){min-width:6.5rem}
+#objects td:first-child{min-width:6.6rem}
+#objects td:nth-child(3){min-width:5.5rem}
 td.number,th.number{text-align:right;font-variant-numeric:tabular-nums}
 a{color:inherit}
 svg.pipeline{display:block;max-width:100%;height:auto;margin:0 auto;min-width:34rem}
