@@ -35,8 +35,8 @@ std::vector<std::string> TraceRecorder::texts(const std::string& facility) const
 
 std::size_t TraceRecorder::count(const std::string& text, int thread) const {
   const std::vector<Line> all = lines(thread);
-  return static_cast<std::size_t>(std::count_if(
-      all.begin(), all.end(), [&](const Line& line) { return line.text == text; }));
+  return static_cast<std::size_t>(
+      std::count_if(all.begin(), all.end(), [&](const Line& line) { return line.text == text; }));
 }
 
 std::ostream& operator<<(std::ostream& out, const TraceRecorder::Line& line) {
