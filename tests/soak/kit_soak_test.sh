@@ -4,8 +4,10 @@
 set -eu
 folder=$(mktemp -d "${TMPDIR:-/tmp}/norv-soak-XXXXXX")
 trap 'rm -rf "$folder"' EXIT
-"$1" 12 "$folder" >"$folder/figures"
+status=0
+"$1" 12 "$folder" >"$folder/figures" || status=$?
 cat "$folder/figures"
+[ "$status" -eq 0 ]
 tail -n 1 "$folder/figures" | {
   read -r _ ok refused failed undecodable dropped _
   for count in "$ok" "$refused" "$failed" "$undecodable" "$dropped"; do [ "$count" -gt 0 ]; done
