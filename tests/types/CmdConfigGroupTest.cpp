@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <support/AtAbort.h>
+#include <support/Mortal.h>
 
 #include <functional>
 #include <utility>
@@ -305,39 +306,58 @@ TEST(CmdConfigGroupDeathTest, HasMadeTheChangeWhenItAborts) {
              [](auto& g) { g.ignoreConfigQueueLimitIs(true); });
 }
 
-// Lets its queue go, and has the last pointer to it dropped, at the first change it hears of.
+// Holds its queue no longer than it takes to follow it, and has the last pointer dropped at the
+// first change it hears of. The queue is there until its mutator is done, so at the others as well.
 class Dropper : public CmdConfigGroup::NotifieeConst {
  public:
-  explicit Dropper(Lumo::Ptr<CmdConfigGroup>* last) : NotifieeConst(*last), last_(last) {}
+  Dropper(Lumo::Ptr<CmdConfigGroup>* last, const bool* gone)
+      : NotifieeConst(*last), last_(last), gone_(gone) {
+    notifier_ = nullptr;
+  }
   void onCmdBatch(U32) override { drop(); }
   void onCmdBatchMetadata() override { drop(); }
   void onEnqueueVersion() override { drop(); }
   void onIgnoreConfigQueueLimit() override { drop(); }
+  int changes = 0;
 
  private:
   void drop() {
-    notifierIs(nullptr);
+    ++changes;
     *last_ = nullptr;
+    EXPECT_FALSE(*gone_);
   }
   Lumo::Ptr<CmdConfigGroup>* const last_;
+  const bool* const gone_;
 };
 
 TEST(CmdConfigGroup, LivesUntilItsMutatorIsDoneWhenAHandlerDropsIt) {
-  const auto dropped = [](const std::function<void(CmdConfigGroup&)>& change) {
-    Lumo::Ptr<CmdConfigGroup> group = CmdConfigGroup::CmdConfigGroupIs("short-lived");
+  const auto changes = [](const std::function<void(CmdConfigGroup&)>& change) {
+    bool gone = false;
+    Lumo::Ptr<CmdConfigGroup> group =
+        Lumo::allocate<support::Mortal<CmdConfigGroup>>(&gone, "short-lived");
     for (int i = 0; i < 3; ++i) group->cmdBatchEnq(cmd());
-    const auto dropper = Lumo::allocate<Dropper>(&group);
+    const auto dropper = Lumo::allocate<Dropper>(&group, &gone);
     change(*group);
-    return !group;
+    EXPECT_TRUE(gone);
+    return dropper->changes;
   };
-  EXPECT_TRUE(dropped([](CmdConfigGroup& group) { group.cmdBatchEnq(cmd()); }));
-  EXPECT_TRUE(dropped([](CmdConfigGroup& group) { group.cmdBatchIs(1, cmd()); }));
-  EXPECT_TRUE(dropped([](CmdConfigGroup& group) { EXPECT_TRUE(group.cmdBatchDeq()); }));
-  EXPECT_TRUE(dropped([](CmdConfigGroup& group) { EXPECT_TRUE(group.cmdBatchDel(1)); }));
-  EXPECT_TRUE(dropped([](CmdConfigGroup& group) { group.cmdBatchDelAll(); }));
-  EXPECT_TRUE(dropped([](CmdConfigGroup& group) { group.cmdBatchMetadataIs({7, 9}); }));
-  EXPECT_TRUE(dropped([](CmdConfigGroup& group) { EXPECT_EQ(group.enqueueVersionInc(2), 2u); }));
-  EXPECT_TRUE(dropped([](CmdConfigGroup& group) { group.ignoreConfigQueueLimitIs(true); }));
+  EXPECT_EQ(changes([](CmdConfigGroup& group) { group.cmdBatchEnq(cmd()); }), 1);
+  EXPECT_EQ(changes([](CmdConfigGroup& group) { group.cmdBatchIs(1, cmd()); }), 1);
+  EXPECT_EQ(changes([](CmdConfigGroup& group) { EXPECT_TRUE(group.cmdBatchDeq()); }), 1);
+  EXPECT_EQ(changes([](CmdConfigGroup& group) { EXPECT_TRUE(group.cmdBatchDel(1)); }), 1);
+  EXPECT_EQ(changes([](CmdConfigGroup& group) { group.cmdBatchDelAll(); }), 3);
+  EXPECT_EQ(changes([](CmdConfigGroup& group) { group.cmdBatchMetadataIs({7, 9}); }), 1);
+  EXPECT_EQ(changes([](CmdConfigGroup& group) { EXPECT_EQ(group.enqueueVersionInc(2), 2u); }), 1);
+  EXPECT_EQ(changes([](CmdConfigGroup& group) { group.ignoreConfigQueueLimitIs(true); }), 1);
+}
+
+TEST_F(CmdConfigGroupTest, AReactorOfItHearsNothingAsAZombie) {
+  witness->lumoDoZombieReactors(true);
+  group->enqueueVersionIs(1);
+  EXPECT_THAT(witness->versions, ElementsAre());
+  witness->lumoDoZombieReactors(false);
+  group->enqueueVersionIs(2);
+  EXPECT_THAT(witness->versions, ElementsAre(2));
 }
 
 TEST_F(CmdConfigGroupTest, AReactorOfItRefusesOtherObjects) {
@@ -346,15 +366,46 @@ TEST_F(CmdConfigGroupTest, AReactorOfItRefusesOtherObjects) {
   EXPECT_EQ(witness->notifier(), group);
 }
 
+// What can be done to the queue from one of its entries.
+template <class Entry>
+concept Rekeyed = requires(Entry entry) {
+  entry->fwkQkeyIs(1);
+};
+template <class Entry>
+concept Relinked = requires(Entry entry) {
+  entry->lqNextIs(nullptr);
+}
+|| requires(Entry entry) {
+  entry->lqNext() = nullptr;
+  requires std::is_lvalue_reference_v<decltype(entry->lqNext())>;
+};
+template <class Entry>
+concept Emptied = requires(Entry entry) {
+  entry->cmdBatchIs(nullptr);
+}
+|| requires(Entry entry) {
+  entry->cmdBatch() = nullptr;
+};
+template <class Entry>
+constexpr bool changeable = Rekeyed<Entry> || Relinked<Entry> || Emptied<Entry>;
+template <class Entry>
+using Next = decltype(std::declval<Entry>()->lqNext());
+
 TEST_F(CmdConfigGroupTest, ShowsItsEntriesReadOnlyToWhoeverMayNotChangeIt) {
-  static_assert(std::is_same_v<decltype(std::as_const(*group).cmdBatchIteratorConst().ptr()),
-                               Lumo::Ptr<const CmdConfigGroup::LumoCmdBatch>>);
-  static_assert(std::is_same_v<decltype(group->cmdBatchIterator().ptr()),
-                               Lumo::Ptr<CmdConfigGroup::LumoCmdBatch>>);
+  using Seen = decltype(std::as_const(*group).cmdBatchIteratorConst().ptr());
+  static_assert(!changeable<Seen>);
+  static_assert(!changeable<Next<Seen>> && !changeable<Next<Next<Seen>>>);
+  using Own = decltype(group->cmdBatchIterator().ptr());
+  static_assert(Rekeyed<Own> && Relinked<Own> && Emptied<Own>);
+  static_assert(Rekeyed<Next<Own>> && Relinked<Next<Own>> && Emptied<Next<Own>>);
   const auto first = cmd();
+  const auto second = cmd();
   group->cmdBatchEnq(first);
+  group->cmdBatchEnq(second);
   EXPECT_EQ(group->cmdBatchIteratorConst().cmdBatch(), first);
   EXPECT_EQ(group->cmdBatchIteratorConst().ptr()->cmdBatch(), first);
+  EXPECT_EQ(group->cmdBatchIteratorConst().ptr()->lqNext()->cmdBatch(), second);
+  EXPECT_FALSE(group->cmdBatchIteratorConst(1).ptr()->lqNext());
 }
 
 TEST(CmdBatchIteratorDeathTest, HasNeitherKeyNorCommandAtItsEnd) {

@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <support/AtAbort.h>
+#include <support/Mortal.h>
 
 #include <functional>
 
@@ -235,27 +236,56 @@ TEST_F(GrpcGlobalCmdConfigTest, DeletesNothingByAnIteratorWhoseQueueWasReplaced)
   EXPECT_THAT(witness->names, ElementsAre());
 }
 
+// As the one of CmdConfigGroup's test.
+class Dropper : public GrpcGlobalCmdConfig::NotifieeConst {
+ public:
+  Dropper(Lumo::Ptr<GrpcGlobalCmdConfig>* last, const bool* gone)
+      : NotifieeConst(*last), last_(last), gone_(gone) {
+    notifier_ = nullptr;
+  }
+  using NotifieeConst::onCmdConfigGroup;
+  void onCmdConfigGroup(Lumo::Name) override {
+    ++changes;
+    *last_ = nullptr;
+    EXPECT_FALSE(*gone_);
+  }
+  int changes = 0;
+
+ private:
+  Lumo::Ptr<GrpcGlobalCmdConfig>* const last_;
+  const bool* const gone_;
+};
+
 TEST_F(GrpcGlobalCmdConfigTest, LivesUntilItsMutatorIsDoneWhenAHandlerDropsIt) {
-  struct Dropper : GrpcGlobalCmdConfig::NotifieeConst {
-    explicit Dropper(Lumo::Ptr<GrpcGlobalCmdConfig>* last) : NotifieeConst(*last), last_(last) {}
-    using NotifieeConst::onCmdConfigGroup;
-    void onCmdConfigGroup(Lumo::Name) override {
-      notifierIs(nullptr);
-      *last_ = nullptr;
-    }
-    Lumo::Ptr<GrpcGlobalCmdConfig>* const last_;
-  };
-  const auto dropped = [](const std::function<void(GrpcGlobalCmdConfig&)>& change) {
-    auto all = Lumo::Ptr<GrpcGlobalCmdConfig>(GrpcGlobalCmdConfig::GrpcGlobalCmdConfigIs("all"));
-    all->cmdConfigGroupIs(queue("a"));
-    all->cmdConfigGroupIs(queue("b"));
-    const auto dropper = Lumo::allocate<Dropper>(&all);
+  const auto changes = [](const std::function<void(GrpcGlobalCmdConfig&)>& change) {
+    bool gone = false;
+    Lumo::Ptr<GrpcGlobalCmdConfig> all =
+        Lumo::allocate<support::Mortal<GrpcGlobalCmdConfig>>(&gone, "all");
+    for (const char* name : {"a", "b", "c"}) all->cmdConfigGroupIs(queue(name));
+    const auto dropper = Lumo::allocate<Dropper>(&all, &gone);
     change(*all);
-    return !all;
+    EXPECT_TRUE(gone);
+    return dropper->changes;
   };
-  EXPECT_TRUE(dropped([](GrpcGlobalCmdConfig& all) { all.cmdConfigGroupIs(queue("c")); }));
-  EXPECT_TRUE(dropped([](GrpcGlobalCmdConfig& all) { EXPECT_TRUE(all.cmdConfigGroupDel("a")); }));
-  EXPECT_TRUE(dropped([](GrpcGlobalCmdConfig& all) { all.cmdConfigGroupDelAll(); }));
+  using All = GrpcGlobalCmdConfig;
+  EXPECT_EQ(changes([](All& all) { all.cmdConfigGroupIs(queue("d")); }), 1);
+  EXPECT_EQ(changes([](All& all) { EXPECT_TRUE(all.cmdConfigGroupDel("a")); }), 1);
+  EXPECT_EQ(changes([](All& all) { all.cmdConfigGroupDelAll(); }), 3);
+}
+
+TEST_F(GrpcGlobalCmdConfigTest, AReactorOfItHearsNothingAsAZombie) {
+  witness->lumoDoZombieReactors(true);
+  config->cmdConfigGroupIs(queue("a"));
+  EXPECT_THAT(witness->names, ElementsAre());
+  witness->lumoDoZombieReactors(false);
+  config->cmdConfigGroupIs(queue("b"));
+  EXPECT_THAT(witness->names, ElementsAre("b"));
+}
+
+TEST_F(GrpcGlobalCmdConfigTest, AReactorOfItRefusesOtherObjects) {
+  const Lumo::Ptr<Lumo::PtrInterface const> other = queue("a");
+  EXPECT_THROW(witness->notifierIs(other), Lumo::RangeException);
+  EXPECT_EQ(witness->notifier(), config);
 }
 
 }  // namespace

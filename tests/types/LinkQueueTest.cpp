@@ -332,6 +332,18 @@ TEST_F(LinkQueue, DropsEverythingAtOnce) {
   EXPECT_EQ(queue.version(), 4u);
   EXPECT_EQ(queue.headIndex(), 3u);
   EXPECT_FALSE(queue.head());
+  const Lumo::Ptr<Entry> next = entry();
+  queue.memberNew(next);
+  EXPECT_EQ(queue.head(), next);
+  EXPECT_THAT(indexes(queue), ElementsAre(3));
+}
+
+TEST_F(LinkQueue, DropsEverythingAndGoesOnFromItsStoredTail) {
+  fill(3);
+  queue.tailIndexIs(1);
+  queue._memberDelAll();
+  EXPECT_EQ(queue.headIndex(), 1u);
+  EXPECT_EQ(queue.tailIndex(), 1u);
 }
 
 // Runs on a thread with a stack too small for a recursion as deep as the queue is long.

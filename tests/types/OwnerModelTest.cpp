@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <map>
 #include <random>
 
@@ -9,6 +10,12 @@
 namespace {
 
 using namespace Norv;
+
+template <class Owner>
+Lumo::Ptr<Owner> ownerOf() {
+  if constexpr (std::is_same_v<Owner, CmdGroup>) return cmdGroupFactory();
+  if constexpr (std::is_same_v<Owner, CmdConfigGroup>) return cmdConfigGroupFactory("q");
+}
 
 // The queue inside an owner beside the model: what it uses again of entries that were taken must
 // not show, neither in the queue nor to an iterator nor in the commands' counts.
@@ -27,12 +34,17 @@ class OwnerPair {
   }
   bool is(U32 index) {
     const int id = newCommand();
-    group_->cmdBatchIs(index, commands_[id]);
+    bool placed = true;
+    try {
+      group_->cmdBatchIs(index, commands_[id]);
+    } catch (const Lumo::RangeException&) {
+      placed = false;
+    }
     if (int* present = valueAt(index)) {
       *present = id;
-      return same();
+      return placed && same();
     }
-    return model_.place(index, id) && same();
+    return placed == model_.place(index, id) && same();
   }
   // Deletes, but for a named queue's null entry below the count, which is the same command already.
   bool isNull(U32 index) {
@@ -57,6 +69,14 @@ class OwnerPair {
     model_.head = head;
     model_.storedTail = tail;
     return same();
+  }
+  // Moves the indexes about: the stored tail below what the last entry says it is, the head now and
+  // then from its entry. In an empty queue both.
+  bool anyMetadata(unsigned random) {
+    const U32 head = model_.head + (random % 4 == 0 ? random / 4 % 3 : 0);
+    if (model_.items.empty()) return metadata(head, head);
+    const U32 last = model_.items.back().index;
+    return metadata(head, last - std::min(last, random / 16 % 4));
   }
   bool startAt(U32 index) const {
     const auto found = group_->cmdBatchIteratorConst(index);
@@ -145,10 +165,7 @@ class OwnerPair {
            group_->cmdBatchVersion() == model_.version;
   }
 
-  Lumo::Ptr<Owner> group_ = [] {
-    if constexpr (std::is_same_v<Owner, CmdGroup>) return cmdGroupFactory();
-    if constexpr (std::is_same_v<Owner, CmdConfigGroup>) return cmdConfigGroupFactory("q");
-  }();
+  Lumo::Ptr<Owner> group_ = ownerOf<Owner>();
   model::Queue<U32> model_;
   std::map<int, Lumo::Ptr<GrpcCmd>> commands_;
   int next_ = 0;
@@ -190,6 +207,7 @@ TYPED_TEST(CmdBatchOf, AgreesWithItsModelUnderRandomOperations) {
           break;
         case 5:
           agree = pair.startAt(index);
+          if (random() % 4 == 0) agree = agree && pair.anyMetadata(static_cast<unsigned>(random()));
           break;
         case 6:
         case 7:
@@ -209,6 +227,26 @@ TYPED_TEST(CmdBatchOf, AgreesWithItsModelUnderRandomOperations) {
       ASSERT_TRUE(agree) << "seed " << seed << " step " << step;
     }
   }
+}
+
+TYPED_TEST(CmdBatchOf, ShowsTheNextIndexWithoutStoringIt) {
+  const Lumo::Ptr<TypeParam> group = ownerOf<TypeParam>();
+  for (int i = 0; i < 3; ++i) group->cmdBatchEnq(support::cmd());
+  group->cmdBatchMetadataIs({0, 1});
+  EXPECT_EQ(group->cmdBatchMetadata(), (CmdBatchMetadata{0, 3}));
+  EXPECT_EQ(group->cmdBatchMetadata(), (CmdBatchMetadata{0, 3}));
+  for (int i = 0; i < 3; ++i) group->cmdBatchDeq();
+  EXPECT_EQ(group->cmdBatchMetadata(), (CmdBatchMetadata{1, 1}));
+}
+
+TYPED_TEST(CmdBatchOf, StoresTheNextIndexAsItGivesIt) {
+  const Lumo::Ptr<TypeParam> group = ownerOf<TypeParam>();
+  for (int i = 0; i < 3; ++i) group->cmdBatchEnq(support::cmd());
+  group->cmdBatchMetadataIs({0, 1});
+  group->cmdBatchIs(1, nullptr);         // looks for no place
+  group->cmdBatchIs(1, support::cmd());  // does
+  for (int i = 0; i < 3; ++i) group->cmdBatchDeq();
+  EXPECT_EQ(group->cmdBatchMetadata(), (CmdBatchMetadata{3, 3}));
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <support/AtAbort.h>
+#include <support/Mortal.h>
 
 #include <Lumo/Exception.h>
 #include <Norv/ConnectionConfig.h>
@@ -118,18 +119,37 @@ TEST(GrpcErrorHandlingStatusDeathTest, HasStoredTheValueAndToldNobodyWhenItAbort
 
 TEST(GrpcErrorHandlingStatus, LivesUntilItsMutatorIsDoneWhenAHandlerDropsIt) {
   struct Dropper : GrpcErrorHandlingStatus::NotifieeConst {
-    explicit Dropper(Lumo::Ptr<GrpcErrorHandlingStatus>* last)
-        : NotifieeConst(*last), last_(last) {}
+    Dropper(Lumo::Ptr<GrpcErrorHandlingStatus>* last, const bool* gone)
+        : NotifieeConst(*last), last_(last), gone_(gone) {
+      notifier_ = nullptr;  // followed, and not held
+    }
     void onErrorOccured() override {
-      notifierIs(nullptr);
       *last_ = nullptr;
+      EXPECT_FALSE(*gone_);
     }
     Lumo::Ptr<GrpcErrorHandlingStatus>* const last_;
+    const bool* const gone_;
   };
-  auto status = grpcErrorHandlingStatusFactory();
-  const auto dropper = Lumo::allocate<Dropper>(&status);
+  bool gone = false;
+  Lumo::Ptr<GrpcErrorHandlingStatus> status =
+      Lumo::allocate<support::Mortal<GrpcErrorHandlingStatus>>(&gone);
+  const auto dropper = Lumo::allocate<Dropper>(&status, &gone);
   status->errorOccuredIs(true);
   EXPECT_EQ(status, nullptr);
+  EXPECT_TRUE(gone);
+}
+
+TEST(GrpcErrorHandlingStatus, AReactorOfItHearsNothingAsAZombie) {
+  const auto status = grpcErrorHandlingStatusFactory();
+  const auto witness = Lumo::allocate<Witness>(status);
+  witness->lumoDoZombieReactors(true);
+  EXPECT_TRUE(witness->lumoMarkedForDeletion());
+  EXPECT_FALSE(witness->isRegisteredNotifiee());
+  status->errorOccuredIs(true);
+  EXPECT_THAT(witness->seen, testing::ElementsAre());
+  witness->lumoDoZombieReactors(false);
+  status->errorOccuredIs(false);
+  EXPECT_THAT(witness->seen, testing::ElementsAre(false));
 }
 
 TEST(GrpcErrorHandlingStatus, AReactorOfItRefusesOtherObjects) {

@@ -13,7 +13,8 @@ namespace Lumo {
 // A singly linked FIFO of entries under consecutive indexes that wrap around. An entry is a
 // PtrInterface with fwkQkey(), fwkQkeyIs(Index), lqNext(), by plain reference on an entry that may
 // change, and lqNextIs; the chain of lqNext from the head owns the entries, and an entry is in at
-// most one queue.
+// most one queue. What lqNext() of a const entry points to should be const as well: IteratorConst
+// shows no more than that.
 //
 // Appending, taking from the head and deleting the head take constant time; finding, deleting and
 // placing by any other index walk the chain. The queue has no lock: its owner says who may use it

@@ -29,7 +29,8 @@ class CmdBatchEntry : public Lumo::PtrInterface {
   const Lumo::Ptr<GrpcCmd>& cmdBatch() const { return cmdBatch_; }
   Lumo::Ptr<GrpcCmd>& cmdBatch() { return cmdBatch_; }
   void cmdBatchIs(const Lumo::Ptr<GrpcCmd>& cmd) { cmdBatch_ = cmd; }
-  const Lumo::Ptr<CmdBatchEntry>& lqNext() const { return lqNext_; }
+  // From an entry that may not be changed, none of the others can be either.
+  Lumo::Ptr<const CmdBatchEntry> lqNext() const { return lqNext_; }
   Lumo::Ptr<CmdBatchEntry>& lqNext() { return lqNext_; }
   void lqNextIs(Lumo::Ptr<CmdBatchEntry> next) { lqNext_ = std::move(next); }
 
