@@ -46,6 +46,8 @@ class ConnectionsMgr::Connecting {
  private:
   enum Worker { waits, begins, leaves };
 
+  // Out of line, so that a look at the heap tells the worker's own object from all else.
+  [[gnu::noinline]] void startWorker();
   void tellWorker(Worker what) {
     worker_->store(what);
     worker_->notify_one();
@@ -73,12 +75,16 @@ void ConnectionsMgr::Connecting::connect() {
       grpc::CreateChannel(address, grpc::InsecureChannelCredentials());
   mgr_.clientIs(new GrpcClient(channel, mgr_.pendingQueue_, mgr_.grpcErrorHandlingStatus_,
                                mgr_.threadLock_, mgr_.threadCondition_));
+  startWorker();
+  Twine::trace<ManagerTrace::clientStarted>(mgr_.client_);
+}
+
+void ConnectionsMgr::Connecting::startWorker() {
   mgr_.grpcReplyThreadIs(new std::thread([worker = worker_, client = mgr_.client_] {
     ::pthread_setname_np(::pthread_self(), "norv-worker");  // for those who look at threads
     worker->wait(waits);
     if (worker->load() == begins) client->doProcessGrpcCmd();
   }));
-  Twine::trace<ManagerTrace::clientStarted>(mgr_.client_);
 }
 
 void ConnectionsMgr::Connecting::takeDown() {
@@ -158,13 +164,15 @@ void ConnectionsMgr::globalCmdConfigIs(const Lumo::Ptr<GrpcGlobalCmdConfig>& con
 Lumo::ValidPtr<CmdConfigGroupSm> ConnectionsMgr::cmdConfigGroupSmIs(
     const Lumo::Ptr<CmdConfigGroup>& group) {
   checkGroup(group);
-  const Lumo::Ptr<ConnectionsMgr> self(this);  // a producer may drop the manager meanwhile
-  const Lumo::Name name = group->name();
+  // A producer may drop the manager meanwhile, and set the pointer that it gave.
+  const Lumo::Ptr<ConnectionsMgr> self(this);
+  const Lumo::Ptr<CmdConfigGroup> queue = group;
+  const Lumo::Name name = queue->name();
   Lumo::Ptr<CmdConfigGroupSm> machine = cmdConfigGroupSm_[name];
   if (!machine) {
     // Kept on purpose: made first, entered afterwards. A queue that a producer removes meanwhile
     // leaves its machine behind.
-    Lumo::Ptr<CmdConfigGroupSm> made = CmdConfigGroupSm::CmdConfigGroupSmIs(group, this);
+    Lumo::Ptr<CmdConfigGroupSm> made = CmdConfigGroupSm::CmdConfigGroupSmIs(queue, this);
     // Making it moved commands, and a producer that follows them may have caused a machine of the
     // same name meanwhile.
     machine = cmdConfigGroupSm_[name];
@@ -174,11 +182,11 @@ Lumo::ValidPtr<CmdConfigGroupSm> ConnectionsMgr::cmdConfigGroupSmIs(
     }
   }
   const Lumo::Ptr<CmdConfigGroup> current = machine->configGroup();
-  if (current != group) {
+  if (current != queue) {
     Lumo::throwNameInUseException(
         Lumo::String("Reinstantiating the pointer interface where constructor parameter attribute "
                      "_configGroup has a different value of ") +
-        Lumo::objectStrep(group.ptr()) + " than the current value of " +
+        Lumo::objectStrep(queue.ptr()) + " than the current value of " +
         Lumo::objectStrep(current.ptr()) + " not allowed");
   }
   return machine;
@@ -243,23 +251,27 @@ void ConnectionsMgr::doEnqueueBatch(const Lumo::Ptr<CmdConfigGroup>& group) {
   Twine::trace<ManagerTrace::doEnqueueBatch>();
   if (!initialized_) return;
   checkGroup(group);
-  const Lumo::Ptr<ConnectionsMgr> self(this);  // a producer may drop the manager meanwhile
-  if (grpcErrorHandlingStatus_->errorOccured()) group->cmdBatchDelAll();
+  // A producer may drop the manager meanwhile, and set the pointer that it gave.
+  const Lumo::Ptr<ConnectionsMgr> self(this);
+  const Lumo::Ptr<CmdConfigGroup> queue = group;
+  if (grpcErrorHandlingStatus_->errorOccured()) queue->cmdBatchDelAll();
   if (simulation()) {
-    doEnqueueBatchHelper(group);
+    doEnqueueBatchHelper(queue);
     return;
   }
   Lumo::LockAnchor anchor(threadLock_, 0);
-  if (doEnqueueBatchHelper(group) == 0) return;
+  if (doEnqueueBatchHelper(queue) == 0) return;
   Twine::trace<ManagerTrace::wakeClient>();
   threadCondition_->signal();
 }
 
 U32 ConnectionsMgr::doEnqueueBatchHelper(const Lumo::Ptr<CmdConfigGroup>& group) {
   checkGroup(group);
-  const Lumo::Ptr<CmdGroup> pending = pendingQueue_;  // a producer may drop the manager meanwhile
-  const U32 waiting = group->cmdBatchs();
-  while (const Lumo::Ptr<GrpcCmd> cmd = group->cmdBatchDeq()) pending->cmdBatchEnq(cmd);
+  // As above.
+  const Lumo::Ptr<CmdGroup> pending = pendingQueue_;
+  const Lumo::Ptr<CmdConfigGroup> queue = group;
+  const U32 waiting = queue->cmdBatchs();
+  while (const Lumo::Ptr<GrpcCmd> cmd = queue->cmdBatchDeq()) pending->cmdBatchEnq(cmd);
   return waiting;
 }
 

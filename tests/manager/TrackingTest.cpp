@@ -3,7 +3,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <support/Agent.h>
+#include <support/Mortal.h>
 #include <support/TraceRecorder.h>
+
+#include <functional>
 
 #include <Lumo/GenericIf.h>
 
@@ -12,6 +15,16 @@ namespace {
 using namespace Norv;
 using support::TraceRecorder;
 using testing::ElementsAre;
+
+// The first reactor of a type on an object, held.
+template <class Reactor>
+Lumo::Ptr<Reactor> reactorOn(const Lumo::PtrInterface& object) {
+  Lumo::Ptr<Reactor> found;
+  object.notifieeList()->doVisit([&](Lumo::NotifieeConst* notifiee) {
+    if (auto* reactor = dynamic_cast<Reactor*>(notifiee); reactor && !found) found = reactor;
+  });
+  return found;
+}
 
 // An agent in simulation: batches can be seen in the pending queue.
 struct Tracking : testing::Test {
@@ -419,49 +432,159 @@ TEST_F(Tracking, RefusesToHandleAQueueWhileItFollowsNoCollection) {
   EXPECT_TRUE(machine());
 }
 
-// Drops the manager as soon as a command leaves the queue.
+// A manager that can be dropped at any time, and that whoever goes on with it misses.
+struct Dropped : Tracking {
+  Dropped() {
+    agent.dropManager();
+    agent.manager = Lumo::allocate<support::Mortal<ConnectionsMgr>>(
+        &gone, ConnectionConfig::ConnectionConfigIs(1, "h"), agent.config, agent.pending,
+        agent.status);
+  }
+  bool gone = false;
+};
+
+// Drops the manager as soon as a command leaves the queue. It is there until it is done, so at the
+// commands that leave behind.
 class ManagerDropper : public CmdConfigGroup::NotifieeConst {
  public:
-  ManagerDropper(const Lumo::Ptr<CmdConfigGroup>& queue, support::Agent* owner)
-      : NotifieeConst(queue), agent_(owner) {}
+  ManagerDropper(const Lumo::Ptr<CmdConfigGroup>& queue, Dropped* test)
+      : NotifieeConst(queue), test_(test) {}
   using CmdConfigGroup::NotifieeConst::onCmdBatch;
   void onCmdBatch(U32 index) override {
-    if (!notifier()->cmdBatchHas(index)) agent_->manager = nullptr;
+    if (notifier()->cmdBatchHas(index)) return;
+    test_->agent.manager = nullptr;
+    EXPECT_FALSE(test_->gone);
   }
 
  private:
-  support::Agent* const agent_;
+  Dropped* const test_;
 };
 
-TEST_F(Tracking, MayBeDroppedByAProducerWhoseCommandsItMoves) {
+TEST_F(Dropped, ByAProducerWhoseCommandsItMoves) {
   agent.enqueue();
   agent.enqueue();
-  const auto dropper = Lumo::allocate<ManagerDropper>(agent.queue(), &agent);
+  const auto dropper = Lumo::allocate<ManagerDropper>(agent.queue(), this);
   agent.announce();
-  EXPECT_EQ(agent.manager, nullptr);
+  EXPECT_TRUE(gone);
   EXPECT_EQ(agent.pending->cmdBatchs(), 2u);
 }
 
-TEST_F(Tracking, MayBeDroppedByAProducerWhoseCommandsItDiscards) {
+TEST_F(Dropped, ByAProducerWhoseCommandsItDiscards) {
   agent.status->errorOccuredIs(true);
   agent.enqueue();
   agent.enqueue();
-  const auto dropper = Lumo::allocate<ManagerDropper>(agent.queue(), &agent);
+  const auto dropper = Lumo::allocate<ManagerDropper>(agent.queue(), this);
   agent.announce();
-  EXPECT_EQ(agent.manager, nullptr);
+  EXPECT_TRUE(gone);
   EXPECT_EQ(agent.queue()->cmdBatchs(), 0u);
 }
 
-TEST_F(Tracking, MayBeDroppedByAProducerWhileItMakesAMachine) {
+TEST_F(Dropped, ByAProducerWhileItMakesAMachine) {
   const auto queue = CmdConfigGroup::CmdConfigGroupIs("late");
   queue->cmdBatchEnq(agent.command());
-  const auto dropper = Lumo::allocate<ManagerDropper>(queue, &agent);
+  const auto dropper = Lumo::allocate<ManagerDropper>(queue, this);
   agent.config->cmdConfigGroupIs(queue);
-  EXPECT_EQ(agent.manager, nullptr);
+  EXPECT_TRUE(gone);
   EXPECT_EQ(agent.pending->cmdBatchs(), 1u);
   queue->cmdBatchEnq(agent.command());
   queue->enqueueVersionInc(1);
   EXPECT_EQ(queue->cmdBatchs(), 1u);
+}
+
+TEST_F(Dropped, ByAProducerWhileItIsInitialized) {
+  agent.manager->initializedIs(false);
+  for (const char* name : {"first", "second"}) agent.enqueue(getVersion, name);
+  const auto first = Lumo::allocate<ManagerDropper>(agent.queue("first"), this);
+  const auto second = Lumo::allocate<ManagerDropper>(agent.queue("second"), this);
+  agent.manager->handleInitialized();
+  EXPECT_TRUE(gone);
+  EXPECT_EQ(agent.pending->cmdBatchs(), 2u);
+}
+
+TEST_F(Tracking, AMachineMayBeDroppedByAProducerWhoseQueueItIsSetTo) {
+  bool gone = false;
+  const auto queue = CmdConfigGroup::CmdConfigGroupIs("own");
+  Lumo::Ptr<CmdConfigGroupSm> own =
+      Lumo::allocate<support::Mortal<CmdConfigGroupSm>>(&gone, queue, agent.manager.ptr());
+  const auto reactor = reactorOn<CmdConfigGroupSm::LumoConfigGroup>(*queue);
+  struct MachineDropper : CmdConfigGroup::NotifieeConst {
+    MachineDropper(const Lumo::Ptr<CmdConfigGroup>& followed, Lumo::Ptr<CmdConfigGroupSm>* last)
+        : NotifieeConst(followed), last_(last) {}
+    using CmdConfigGroup::NotifieeConst::onCmdBatch;
+    void onCmdBatch(U32 index) override {
+      if (!notifier()->cmdBatchHas(index)) *last_ = nullptr;
+    }
+    Lumo::Ptr<CmdConfigGroupSm>* const last_;
+  };
+  const auto other = CmdConfigGroup::CmdConfigGroupIs("other");
+  other->cmdBatchEnq(agent.command());
+  const auto dropper = Lumo::allocate<MachineDropper>(other, &own);
+  own->configGroupIs(other);
+  EXPECT_TRUE(gone);
+  EXPECT_TRUE(reactor->lumoMarkedForDeletion());
+  EXPECT_EQ(other->notifieeList()->members(), 1u);  // the dropper
+}
+
+// Lets its queue go, and sets a pointer to it, as soon as a command leaves it; before that it does
+// something else.
+class Resetter : public CmdConfigGroup::NotifieeConst {
+ public:
+  Resetter(
+      Lumo::Ptr<CmdConfigGroup>* pointer, std::function<void()> before = [] {})
+      : NotifieeConst(*pointer), pointer_(pointer), before_(std::move(before)) {}
+  using CmdConfigGroup::NotifieeConst::onCmdBatch;
+  void onCmdBatch(U32 index) override {
+    if (!notifier() || notifier()->cmdBatchHas(index)) return;
+    before_();
+    notifierIs(nullptr);
+    *pointer_ = nullptr;
+  }
+
+ private:
+  Lumo::Ptr<CmdConfigGroup>* const pointer_;
+  const std::function<void()> before_;
+};
+
+// A queue in no collection, with commands in it, and the one pointer to it.
+struct OwnPointer : Tracking {
+  OwnPointer() {
+    for (int i = 0; i < 3; ++i) own->cmdBatchEnq(agent.command());
+  }
+  Lumo::Ptr<CmdConfigGroup> own = CmdConfigGroup::CmdConfigGroupIs("own");
+};
+
+TEST_F(OwnPointer, MayBeSetByAProducerWhoseCommandsAreMoved) {
+  const auto resetter = Lumo::allocate<Resetter>(&own);
+  agent.manager->doEnqueueBatch(own);
+  EXPECT_EQ(own, nullptr);
+  EXPECT_EQ(agent.pending->cmdBatchs(), 3u);
+}
+
+TEST_F(OwnPointer, MayBeSetByAProducerWhoseCommandsAreMovedByTheStepItself) {
+  const auto resetter = Lumo::allocate<Resetter>(&own);
+  EXPECT_EQ(agent.manager->doEnqueueBatchHelper(own), 3u);
+  EXPECT_EQ(own, nullptr);
+  EXPECT_EQ(agent.pending->cmdBatchs(), 3u);
+}
+
+TEST_F(OwnPointer, MayBeSetByAProducerWhoseCommandsAreDiscarded) {
+  agent.status->errorOccuredIs(true);
+  const auto resetter = Lumo::allocate<Resetter>(&own);
+  agent.manager->doEnqueueBatch(own);
+  EXPECT_EQ(own, nullptr);
+  EXPECT_EQ(agent.pending->cmdBatchs(), 0u);
+}
+
+// The producer also causes a machine of the same name before the one in the making is entered.
+TEST_F(OwnPointer, MayBeSetByAProducerWhoseMachineIsMade) {
+  Lumo::Ptr<CmdConfigGroupSm> other;
+  const auto resetter = Lumo::allocate<Resetter>(&own, [&] {
+    const Lumo::Ptr<CmdConfigGroup> queue = own;
+    other = agent.manager->cmdConfigGroupSmIs(queue);
+  });
+  EXPECT_EQ(agent.manager->cmdConfigGroupSmIs(own), other);
+  EXPECT_EQ(own, nullptr);
+  EXPECT_TRUE(other);
 }
 
 TEST_F(Tracking, WalksTheQueuesThatAreThereOnceEachInTheirOrder) {
@@ -498,16 +621,6 @@ TEST_F(Tracking, SaysNothingMoreOfAQueueWhileItIsNotInitialized) {
               ElementsAre("void Norv::ConnectionsMgr::handleCmdConfigGroup(Lumo::Name) a"));
   agent.config->cmdConfigGroupDel("a");
   EXPECT_EQ(trace.texts().size(), 2u);
-}
-
-// The first reactor of a type on an object, held.
-template <class Reactor>
-Lumo::Ptr<Reactor> reactorOn(const Lumo::PtrInterface& object) {
-  Lumo::Ptr<Reactor> found;
-  object.notifieeList()->doVisit([&](Lumo::NotifieeConst* notifiee) {
-    if (auto* reactor = dynamic_cast<Reactor*>(notifiee); reactor && !found) found = reactor;
-  });
-  return found;
 }
 
 struct Reactors : Tracking {

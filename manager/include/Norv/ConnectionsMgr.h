@@ -125,7 +125,8 @@ class ConnectionsMgr : public Lumo::PtrInterface {
 
   // Moves every command of the group to the pending queue, in order, under one hold of threadLock,
   // and wakes the client once. While the error flag is set the commands are deleted instead.
-  // RangeException for null, here and below.
+  // RangeException for null, here and below. A producer's reactor may set the pointer that was
+  // given.
   void doEnqueueBatch(const Lumo::Ptr<CmdConfigGroup>& group);
   // The move itself; returns how many there were at its start.
   // Kept on purpose: stops at a null command.

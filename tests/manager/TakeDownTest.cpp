@@ -1,0 +1,112 @@
+// What a connection gives back of the heap. Beside the others, as it replaces the allocation
+// functions.
+
+#include <gtest/gtest.h>
+#include <support/Agent.h>
+#include <support/FakeDaemon.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cstdlib>
+#include <new>
+#include <optional>
+#include <stdexcept>
+
+#include <Norv/GrpcClient.h>
+
+namespace {
+
+// Memory that has not been given back since it was entered here.
+constinit std::array<std::atomic<const void*>, 4> watched{};
+
+void noteFreed(void* memory) {
+  for (std::atomic<const void*>& one : watched) {
+    const void* expected = memory;
+    if (memory) one.compare_exchange_strong(expected, nullptr);
+  }
+}
+
+}  // namespace
+
+// Not inlined, or the compiler takes the pairs below for mismatched ones.
+[[gnu::noinline]] void* operator new(std::size_t size) {
+  void* const memory = std::malloc(size);
+  if (!memory) throw std::bad_alloc();
+  return memory;
+}
+[[gnu::noinline]] void operator delete(void* memory) noexcept {
+  noteFreed(memory);
+  std::free(memory);
+}
+[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept {
+  noteFreed(memory);
+  std::free(memory);
+}
+
+namespace {
+
+using namespace Norv;
+
+std::ptrdiff_t stillThere() {
+  return std::count_if(watched.begin(), watched.end(), [](const auto& one) { return one.load(); });
+}
+
+void watch(const ConnectionsMgr& mgr) {
+  watched[0] = mgr.grpcReplyThread();
+  watched[1] = mgr.threadCondition();
+  watched[2] = mgr.threadLock();
+  watched[3] = mgr.client();
+}
+
+// A manager made in simulation, for the test to connect.
+struct TakeDown : testing::Test {
+  TakeDown() {
+    simulation.emplace("SIMULATION_NORV", "1");
+    agent.connect(daemon.port());
+  }
+  support::FakeDaemon daemon;
+  support::Agent agent;
+  std::optional<support::Environment> simulation;
+};
+
+// Watches the connection that is being made, and throws.
+struct Thrower : CmdConfigGroup::NotifieeConst {
+  Thrower(const Lumo::Ptr<CmdConfigGroup>& queue, ConnectionsMgr* mgr)
+      : NotifieeConst(queue), mgr_(mgr) {}
+  using CmdConfigGroup::NotifieeConst::onCmdBatch;
+  void onCmdBatch(U32 index) override {
+    if (notifier()->cmdBatchHas(index)) return;
+    watch(*mgr_);
+    there = stillThere();
+    throw std::runtime_error("not now");
+  }
+  std::ptrdiff_t there = 0;
+  ConnectionsMgr* const mgr_;
+};
+
+TEST_F(TakeDown, FreesAllOfAConnectionThatAProducerThrowsOutOf) {
+  agent.manager->initializedIs(false);
+  agent.enqueue();
+  const auto thrower = Lumo::allocate<Thrower>(agent.queue(), agent.manager.ptr());
+  simulation.reset();
+  EXPECT_THROW(agent.manager->handleInitialized(), std::runtime_error);
+  EXPECT_EQ(thrower->there, 4);
+  EXPECT_EQ(stillThere(), 0);
+}
+
+TEST_F(TakeDown, FreesAllWhenTheClientIsDestroyed) {
+  simulation.reset();
+  agent.manager->threadLockIs(new Lumo::Lock());
+  agent.manager->threadConditionIs(new Lumo::Condition());
+  agent.manager->grpcReplyThreadIs(new std::thread());  // none runs
+  agent.manager->clientIs(new GrpcClient(daemon.inProcessChannel(), agent.pending, agent.status,
+                                         agent.manager->threadLock(),
+                                         agent.manager->threadCondition()));
+  watch(*agent.manager);
+  EXPECT_EQ(stillThere(), 4);
+  agent.manager->destroyGrpcClient();
+  EXPECT_EQ(stillThere(), 0);
+}
+
+}  // namespace
