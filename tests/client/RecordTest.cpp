@@ -2,12 +2,15 @@
 
 #include <gtest/gtest.h>
 #include <support/Commands.h>
+#include <support/Eventually.h>
+#include <support/ExpectedLeak.h>
 #include <support/FakeDaemon.h>
 #include <support/FreeHere.h>
 
 #include <atomic>
 #include <cstdlib>
 #include <new>
+#include <thread>
 
 #include <Lumo/Lock.h>
 #include <Norv/AsyncClientCall.h>
@@ -132,6 +135,51 @@ TEST_F(CallRecord, KeptOnPurposeStaysWhenTheReplyDoesNotDecode) {
   EXPECT_EQ(live, 1);
   delete reinterpret_cast<const Record*>(latest.load());
   EXPECT_EQ(live, 0);
+}
+
+// A client with a worker, neither of which ends before the process does.
+struct Running {
+  explicit Running(const FakeDaemon& daemon)
+      : client(grpc::CreateChannel("127.0.0.1:" + std::to_string(daemon.port()),
+                                   grpc::InsecureChannelCredentials()),
+               pending, GrpcErrorHandlingStatus::GrpcErrorHandlingStatusIs(), &lock, &condition) {}
+  void put(const std::shared_ptr<support::CommandLog>& log) {
+    const Lumo::Ptr<GrpcCmd> cmd =
+        Lumo::allocate<support::LoggedCmd>(log, 0, new bess::pb::EmptyRequest(), getVersion);
+    Lumo::LockAnchor anchor(&lock);
+    pending->cmdBatchEnq(cmd);
+  }
+  void wake() {
+    Lumo::LockAnchor anchor(&lock);
+    condition.signal();
+  }
+  Lumo::Ptr<CmdGroup> pending = CmdGroup::CmdGroupIs();
+  Lumo::Lock lock;
+  Lumo::Condition condition;
+  GrpcClient client;
+};
+
+TEST_F(CallRecord, KeptOnPurposeStaysWithTheWorkerWhenTheReplyDoesNotDecode) {
+  std::atomic<int> calls{0};
+  daemon.handlerIs([&](auto, const auto&, auto*) {
+    return calls++ == 0 ? FakeDaemon::Answer{0, "", "\xff"} : FakeDaemon::Answer();
+  });
+  static Running& running = *new Running(daemon);
+  const auto log = std::make_shared<support::CommandLog>();
+  const auto ended = [&](int commands) {
+    return support::eventually([&] { return log->destroyed == commands; }, [] { running.wake(); });
+  };
+  running.put(log);
+  std::thread([] {
+    const support::ExpectedLeak record;
+    running.client.doProcessGrpcCmd();
+  }).detach();
+  ASSERT_TRUE(ended(1));
+  EXPECT_EQ(live, 1);
+  running.put(log);
+  ASSERT_TRUE(ended(2));
+  EXPECT_EQ(log->responses, 1);
+  EXPECT_EQ(live, 1);
 }
 
 }  // namespace
