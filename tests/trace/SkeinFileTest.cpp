@@ -208,13 +208,15 @@ TEST_F(SkeinFile, SaysWhyItCannotBeMade) {
 }
 
 TEST_F(SkeinFile, WhatNoLivingProcessHoldsOfItsMakingIsClearedAway) {
-  const auto make = [](const std::string& name) { std::ofstream(name) << "unfinished"; };
+  const auto make = [](const std::string& name) { std::ofstream(name) << "SKEIN\r\n\x1a"; };
   const std::string abandoned = path + ".new-1-1";
   const std::string ours = path + ".new-" + std::to_string(::getpid()) + "-";
   const std::string held = path + ".new-7-7";
   const std::string foreign = folder.file("other.skein.new-1-1");
   for (const std::string& name : {abandoned, held, foreign}) make(name);
   for (int serial = 1; serial < 1000; ++serial) make(ours + std::to_string(serial));
+  std::ofstream(path + ".new-1-2");                              // killed before it had its space
+  std::ofstream(path + ".new-1-3") << std::string(16384, '\0');  // and before its header
   const int holder = ::open(held.c_str(), O_RDONLY);
   ASSERT_EQ(::flock(holder, LOCK_SH), 0);
   ringIsOn();
@@ -226,6 +228,25 @@ TEST_F(SkeinFile, WhatNoLivingProcessHoldsOfItsMakingIsClearedAway) {
   Skein::snapshot(*skein->traceFile(), frozen);
   EXPECT_FALSE(std::filesystem::exists(frozen + ".new-1-1"));
   EXPECT_TRUE(std::filesystem::exists(frozen));
+}
+
+TEST_F(SkeinFile, WhatOnlyLooksLikeItsMakingIsLeftAlone) {
+  const std::vector<std::string> others{"rules", "",     "1",     "1-",     "-1",   "1-1x",
+                                        "x1-1",  "1.1",  "1-1-1", "-1-1",   "+1-1", "1-+1",
+                                        " 1-1",  "1-1~", "1--1",  "1-1.bak"};
+  for (const std::string& other : others) std::ofstream(path + ".new-" + other) << "SKEIN\r\n\x1a";
+  std::ofstream(path + ".new-2026-11") << "somebody's list";
+  std::filesystem::create_directory(path + ".new-1-1");
+  ASSERT_EQ(::mkfifo((path + ".new-1-2").c_str(), 0600), 0);
+  std::ofstream(folder.file("target"));
+  std::filesystem::create_symlink("target", path + ".new-1-3");
+  std::filesystem::create_symlink("nowhere", path + ".new-1-4");
+  const auto before = folder.names();
+  ASSERT_EQ(before.size(), others.size() + 6);
+  ringIsOn();
+  skein.reset();
+  std::filesystem::remove(path);
+  EXPECT_EQ(folder.names(), before);
 }
 
 TEST_F(SkeinFile, AReaderSeesEachRecordOnceWhileItIsWritten) {

@@ -7,8 +7,12 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstring>
 #include <filesystem>
+#include <string_view>
 #include <system_error>
+
+#include "BlockCopy.h"
 
 namespace Skein {
 
@@ -16,11 +20,35 @@ namespace {
 
 constexpr const char* mark = ".new-";
 
+// Whether a name is PREFIX and then PID-N.
+bool isOfUnnamedFile(std::string_view name, std::string_view prefix) {
+  constexpr std::string_view digits = "0123456789";
+  if (!name.starts_with(prefix)) return false;
+  name.remove_prefix(prefix.size());
+  const std::size_t dash = name.find_first_not_of(digits);
+  return dash != 0 && dash < name.size() - 1 && name[dash] == '-' &&
+         name.find_first_not_of(digits, dash + 1) == name.npos;
+}
+
+// Whether it is a regular file in which there is what one in the making has: the beginning of a
+// trace file, or nothing but the space for it.
+bool isUnfinished(int descriptor) {
+  constexpr char nothing[sizeof fileMagic] = {};
+  char start[sizeof fileMagic] = {};
+  struct stat status;
+  if (::fstat(descriptor, &status) != 0 || !S_ISREG(status.st_mode)) return false;
+  readAt(descriptor, 0, start, sizeof start);  // what there is of it
+  return std::memcmp(start, fileMagic, sizeof start) == 0 ||
+         std::memcmp(start, nothing, sizeof start) == 0;
+}
+
 // Removes the file if no living process holds it.
 void removeIfAbandoned(const std::string& path) {
   const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW);
   if (descriptor < 0) return;
-  if (::flock(descriptor, LOCK_EX | LOCK_NB) == 0) ::unlink(path.c_str());
+  if (isUnfinished(descriptor) && ::flock(descriptor, LOCK_EX | LOCK_NB) == 0) {
+    ::unlink(path.c_str());
+  }
   ::close(descriptor);
 }
 
@@ -29,7 +57,7 @@ void removeAbandoned(const std::filesystem::path& path) {
   const std::string prefix = path.filename().string() + mark;
   std::error_code unreadable;  // then making the file says so
   for (const auto& entry : std::filesystem::directory_iterator(folder, unreadable)) {
-    if (entry.path().filename().string().starts_with(prefix)) removeIfAbandoned(entry.path());
+    if (isOfUnnamedFile(entry.path().filename().string(), prefix)) removeIfAbandoned(entry.path());
   }
 }
 
