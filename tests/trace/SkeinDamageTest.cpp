@@ -203,4 +203,14 @@ TEST_F(SkeinDamage, OfAWriterNothingIsShownBehindAMissingBlock) {
   const int first = std::stoi(left.front().text.substr(2));
   EXPECT_EQ(left.size(), 600U - static_cast<std::size_t>(first));
   EXPECT_GT(first, 600 / static_cast<int>(blocks.size()));
+  // Those of the first block are there, and said not to be shown.
+  Skein::BlockHeader oldest;
+  std::memcpy(&oldest, bytes.data() + blocks[0], sizeof oldest);
+  Skein::Reader reader(path);
+  for (int again = 0; again < 2; ++again) {
+    recordsOf(reader);
+    EXPECT_EQ(reader.counters().behindGaps, oldest.records);
+  }
+  EXPECT_EQ(reader.counters().overwritten, 0U);
+  EXPECT_EQ(reader.problem(), "");
 }

@@ -1,7 +1,13 @@
+#include <sched.h>
+#include <signal.h>
+#include <time.h>
+#include <unistd.h>
+
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <map>
-#include <set>
+#include <random>
 #include <thread>
 
 #include "TraceFixture.h"
@@ -124,30 +130,113 @@ TEST_F(SkeinThreads, AReaderBesideWritersSeesOnlyWholeRecords) {
   }
 }
 
-TEST_F(SkeinThreads, ASnapshotBesideWritersMissesNoneBetweenTwoOfAWriter) {
+namespace {
+
+// The numbers of the records that each writer has committed.
+struct Progress {
+  std::atomic<int> last[2] = {-1, -1};
+
+  int sum() const { return last[0] + last[1]; }
+};
+
+// Interrupts the thread that makes it, until others have committed so many records: as the
+// scheduler does where the machine is busy.
+class Interruption {
+ public:
+  explicit Interruption(const Progress& progress) {
+    counted = &progress;
+    struct sigaction action {};
+    action.sa_handler = [](int) {
+      const int until = counted->sum() + length;
+      while (counted->sum() < until) ::sched_yield();
+    };
+    action.sa_flags = SA_RESTART;
+    ::sigaction(SIGUSR1, &action, &before_);
+    sigevent event{};
+    event.sigev_notify = SIGEV_THREAD_ID;
+    event.sigev_signo = SIGUSR1;
+    event._sigev_un._tid = ::gettid();
+    if (::timer_create(CLOCK_MONOTONIC, &event, &timer_) != 0) ADD_FAILURE() << "no timer";
+  }
+  ~Interruption() {
+    ::timer_delete(timer_);
+    ::sigaction(SIGUSR1, &before_, nullptr);
+  }
+  Interruption(const Interruption&) = delete;
+  Interruption& operator=(const Interruption&) = delete;
+
+  void isDue(std::chrono::nanoseconds in, int records) {
+    length = records;
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(in);
+    const itimerspec when{{}, {seconds.count(), (in - seconds).count() + 1}};
+    ::timer_settime(timer_, 0, &when, nullptr);
+  }
+
+ private:
+  static inline const Progress* counted;
+  static inline std::atomic<int> length;
+
+  struct sigaction before_ {};
+  timer_t timer_;
+};
+
+// What a copy has of each writer, in which the numbers follow each other.
+std::map<int, std::vector<int>> numbersByWriter(const std::vector<Seen>& records) {
+  std::map<int, std::vector<int>> numbers;
+  for (const Seen& record : records) {
+    const auto b = record.text.find(" b=");
+    numbers[std::stoi(record.text.substr(2, b - 2))].push_back(
+        std::stoi(record.text.substr(b + 3)));
+  }
+  return numbers;
+}
+
+}  // namespace
+
+// Whoever copies is interrupted, for up to two rounds of the ring.
+TEST_F(SkeinThreads, ASnapshotBesideWritersHasNoGapAndCountsWhatItLacks) {
+  constexpr int round = 1700;  // records
   ringIsOn({.size = 64 * 1024});
+  Progress progress;
   std::atomic<int> nextWriter{0};
   const Writers writers(2, [&](int i) {
     static thread_local const int self = nextWriter++;
     Twine::trace<Sample::pair>(self, i);
+    progress.last[self] = i;
   });
+  while (progress.last[0] < round || progress.last[1] < round) std::this_thread::yield();
   const std::string frozen = folder.file("frozen.skein");
-  std::size_t compared = 0;
-  for (int round = 0; round < 100; ++round) {
+  const auto began = std::chrono::steady_clock::now();
+  Skein::snapshot(*skein->traceFile(), frozen);
+  const std::chrono::nanoseconds duration = std::chrono::steady_clock::now() - began;
+  Interruption interruption(progress);
+  std::mt19937 random(4712);
+  int lacking = 0;
+  for (int copy = 0; copy < 200; ++copy) {
+    const int before[] = {progress.last[0], progress.last[1]};
+    interruption.isDue(duration * (random() % 1000) / 1000,
+                       static_cast<int>(random() % (2 * round)));
     Skein::snapshot(*skein->traceFile(), frozen);
-    std::map<std::string, int> last;
-    for (const Seen& record : recordsIn(frozen)) {
-      const auto b = record.text.find(" b=");
-      const int number = std::stoi(record.text.substr(b + 3));
-      const auto [known, fresh] = last.try_emplace(record.text.substr(0, b), number);
-      if (!fresh) {
-        ASSERT_EQ(number, known->second + 1) << "round " << round;
-        ++compared;
+    Skein::Reader reader(frozen);
+    const auto records = recordsOf(reader);
+    ASSERT_EQ(reader.problem(), "");
+    ASSERT_FALSE(records.empty());
+    bool upToThisMoment = false;
+    std::size_t written = 0;
+    for (const auto& [writer, numbers] : numbersByWriter(records)) {
+      for (std::size_t i = 1; i < numbers.size(); ++i) {
+        ASSERT_EQ(numbers[i], numbers[i - 1] + 1) << "copy " << copy;
       }
-      known->second = number;
+      upToThisMoment = upToThisMoment || numbers.back() >= before[writer];
+      written += static_cast<std::size_t>(numbers.back()) + 1;
     }
+    EXPECT_TRUE(upToThisMoment) << "copy " << copy;
+    const auto& counters = reader.counters();
+    EXPECT_GE(records.size() + counters.overwritten + counters.behindGaps, written)
+        << "copy " << copy;
+    if (records.size() < round / 2) ++lacking;
   }
-  EXPECT_GT(compared, 1000U);
+  EXPECT_GT(lacking, 0) << "nothing was written while it was copied";
 }
 
 TEST_F(SkeinThreads, ASnapshotBesideWritersHasOnlyWholeRecords) {

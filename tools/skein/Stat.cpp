@@ -58,6 +58,10 @@ std::string shown(const std::string& text) {
   return line;
 }
 
+U64 lostOf(const Skein::Reader::Counters& counters) {
+  return counters.overwritten + counters.dropped + counters.behindGaps;
+}
+
 void printText(const Skein::Reader& reader, const Summary& summary, std::FILE* out) {
   const auto& counters = reader.counters();
   std::fprintf(out, "file        %llu bytes, made %s by process %u, %s\n", counters.fileSize,
@@ -69,8 +73,10 @@ void printText(const Skein::Reader& reader, const Summary& summary, std::FILE* o
                  momentOf(summary.lastNs).c_str(),
                  static_cast<double>(summary.lastNs - summary.firstNs) / 1e9);
   }
-  std::fprintf(out, "\nlost        %llu (%llu made room for newer ones, %llu found no place)\n",
-               counters.overwritten + counters.dropped, counters.overwritten, counters.dropped);
+  std::fprintf(out,
+               "\nlost        %llu (%llu made room for newer ones, %llu found no place, %llu are "
+               "older than a gap)\n",
+               lostOf(counters), counters.overwritten, counters.dropped, counters.behindGaps);
   for (const auto& [thread, records] : summary.byThread) {
     std::fprintf(out, "thread      %d: %llu records\n", thread, records);
   }
@@ -94,7 +100,8 @@ void printJson(const Skein::Reader& reader, const Summary& summary, std::FILE* o
                          {"lastNs", summary.lastNs},
                          {"overwritten", counters.overwritten},
                          {"dropped", counters.dropped},
-                         {"lost", counters.overwritten + counters.dropped},
+                         {"behindGaps", counters.behindGaps},
+                         {"lost", lostOf(counters)},
                          {"threads", nlohmann::json::array()},
                          {"sites", nlohmann::json::array()}};
   for (const auto& [thread, records] : summary.byThread) {

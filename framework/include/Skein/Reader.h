@@ -64,6 +64,9 @@ class Reader {
     U32 pid;          // that opened the file
     bool multiThreaded;
     U64 openedNs;  // since 1970-01-01 UTC
+    // Records that were found and not handed out: a block between them and newer ones of their
+    // writer is missing.
+    U64 behindGaps;
   };
   const Counters& counters() const { return counters_; }
   // A place for each id that the file has room for; index 0 is id 1. Null where nothing is
@@ -112,6 +115,7 @@ class Reader {
   FileHeader header_{};
   Counters counters_{};
   std::size_t damaged_ = 0;  // records and descriptors that make no sense
+  U64 behindGaps_ = 0;
   std::vector<std::unique_ptr<Site>> sites_;
   std::vector<bool> siteDamaged_;
   std::vector<Place> places_;

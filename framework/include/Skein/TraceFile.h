@@ -110,7 +110,9 @@ class TraceFile {
 
 // Copies the records of a file that is being written, as they are at this moment, to another file
 // that every reader of trace files reads: what a flight recorder keeps. Any thread, also while
-// others trace. Throws Lumo::ErrnoException when the copy cannot be written.
+// others trace: where they take blocks of the ring faster than they are copied, the oldest records
+// are missing, and only those; they are among the overwritten ones that the copy counts. Throws
+// Lumo::ErrnoException when the copy cannot be written.
 void snapshot(TraceFile& file, const std::string& path);
 
 }  // namespace Skein

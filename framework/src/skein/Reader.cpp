@@ -84,7 +84,8 @@ void Reader::readCounters() {
                now.dropped,
                header_.pid,
                (header_.flags & fileMultiThreaded) != 0,
-               header_.wallNs};
+               header_.wallNs,
+               behindGaps_};
 }
 
 void Reader::readSites() {
@@ -144,8 +145,8 @@ std::vector<Reader::Block> Reader::findBlocks() {
   bool beyond = false;
   std::vector<Block> blocks;
   for (std::size_t turn = 0; turn < places_.size(); ++turn) {
-    // From the oldest on, ahead of a writer.
-    const auto index = static_cast<U32>((begun + turn) % places_.size());
+    // From the newest back: what a writer reuses meanwhile is the oldest.
+    const auto index = static_cast<U32>((begun + places_.size() - 1 - turn) % places_.size());
     const U64 offset = header_.blocksOffset + U64{index} * header_.blockSize;
     Block block{index, {}, false, nullptr, 0, false};
     if (!readAt(descriptor_, offset, &block.header, sizeof block.header)) continue;
@@ -207,10 +208,14 @@ void Reader::takeKeys(const Block& block, bool shown, std::vector<Key>& keys) {
   if (block.header.sequence != place.sequence) {
     place = {block.header.sequence, static_cast<U32>(sizeof(BlockHeader))};
   }
-  while (shown && place.offset < block.committed) {
+  while (place.offset < block.committed) {
     RecordHeader header;
     std::memcpy(&header, block.bytes + place.offset, sizeof header);
-    keys.push_back({header.monotonicNs, block.bytes + place.offset});
+    if (shown) {
+      keys.push_back({header.monotonicNs, block.bytes + place.offset});
+    } else {
+      ++behindGaps_;
+    }
     place.offset += committedLength(header.commit);
   }
   if (!shown || block.damaged) place.offset = header_.blockSize;
