@@ -8,6 +8,7 @@ NotifieeConst::~NotifieeConst() {
   doZombieReactor(true);
   // A zombie whose notification was switched off and on again is back in the list.
   NotifieeConst::isRegisteredNotifieeIs(false);
+  if (enteredByHand_.load(std::memory_order_relaxed)) NotifieeList::leaveAll(this);
 }
 
 bool NotifieeConst::lumoReactor() const {
@@ -18,7 +19,7 @@ void NotifieeConst::isRegisteredNotifieeIs(bool registered) const {
   NotifieeList* list = notifier_ ? notifier_->notifieeList() : nullptr;
   if (!list || registered_ == registered) return;
   NotifieeConst* self = const_cast<NotifieeConst*>(this);
-  registered ? list->newMember(self) : list->deleteMember(self);
+  registered ? void(list->enter(self)) : list->deleteMember(self);
   registered_ = registered;
 }
 

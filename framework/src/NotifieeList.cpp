@@ -1,20 +1,65 @@
 #include <algorithm>
+#include <mutex>
+#include <set>
+#include <utility>
 
 #include <Lumo/Notifiee.h>
 #include <Lumo/NotifieeList.h>
 
 namespace Lumo {
 
+namespace {
+
+// Which lists the reactors are on that newMember entered: neither side holds the other, so
+// whichever goes first is taken out here. The mutex is taken before the guard of a list. Never
+// destroyed.
+struct ByHand {
+  std::mutex mutex;
+  std::set<std::pair<const NotifieeConst*, NotifieeList*>> entries;
+
+  static ByHand& instance() {
+    static auto* byHand = new ByHand;
+    return *byHand;
+  }
+};
+
+}  // namespace
+
+NotifieeList::~NotifieeList() {
+  if (enteredByHand_.load(std::memory_order_relaxed)) deleteAll();
+}
+
 void NotifieeList::newMember(NotifieeConst* notifiee) {
+  ByHand& byHand = ByHand::instance();
+  std::lock_guard byHandGuard(byHand.mutex);
+  if (!enter(notifiee)) return;
+  byHand.entries.emplace(notifiee, this);
+  enteredByHand_.store(true, std::memory_order_relaxed);
+  notifiee->enteredByHand_.store(true, std::memory_order_relaxed);
+}
+
+bool NotifieeList::enter(NotifieeConst* notifiee) {
   const bool typed = accepts_ && accepts_(notifiee);
   SpinLockAnchor anchor(guard_);
   const auto same = [&](const Member& member) { return member.notifiee == notifiee; };
-  if (std::any_of(list_.begin(), list_.end(), same)) return;
+  if (std::any_of(list_.begin(), list_.end(), same)) return false;
   list_.push_back({notifiee, ++changes_, typed});
   members_.store(static_cast<U32>(list_.size()), std::memory_order_relaxed);
+  return true;
 }
 
 void NotifieeList::deleteMember(NotifieeConst* notifiee) {
+  if (!notifiee->enteredByHand_.load(std::memory_order_relaxed)) {
+    leave(notifiee);
+    return;
+  }
+  ByHand& byHand = ByHand::instance();
+  std::lock_guard byHandGuard(byHand.mutex);
+  leave(notifiee);
+  byHand.entries.erase({notifiee, this});
+}
+
+void NotifieeList::leave(const NotifieeConst* notifiee) {
   SpinLockAnchor anchor(guard_);
   const auto same = [&](const Member& member) { return member.notifiee == notifiee; };
   if (std::erase_if(list_, same) == 0) return;
@@ -22,8 +67,21 @@ void NotifieeList::deleteMember(NotifieeConst* notifiee) {
   members_.store(static_cast<U32>(list_.size()), std::memory_order_relaxed);
 }
 
+void NotifieeList::leaveAll(const NotifieeConst* notifiee) {
+  ByHand& byHand = ByHand::instance();
+  std::lock_guard byHandGuard(byHand.mutex);
+  auto entry = byHand.entries.lower_bound({notifiee, nullptr});
+  while (entry != byHand.entries.end() && entry->first == notifiee) {
+    entry->second->leave(notifiee);
+    entry = byHand.entries.erase(entry);
+  }
+}
+
 void NotifieeList::deleteAll() {
+  ByHand& byHand = ByHand::instance();
+  std::lock_guard byHandGuard(byHand.mutex);
   SpinLockAnchor anchor(guard_);
+  for (const Member& member : list_) byHand.entries.erase({member.notifiee, this});
   list_.clear();
   ++changes_;
   members_.store(0, std::memory_order_relaxed);

@@ -1,6 +1,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <thread>
+
 #include "Thing.h"
 
 namespace {
@@ -259,6 +262,63 @@ TEST_F(NotifieeTest, LearnsThatALooselyFollowedObjectGoes) {
   EXPECT_EQ(onlooker->told, 0);
   const_cast<Ptr<Thing>&>(another) = nullptr;
   EXPECT_EQ(onlooker->told, 1);
+}
+
+TEST_F(NotifieeTest, AnOnlookerThatGoesFirstLeavesEveryListItIsOn) {
+  const auto other = thing("other");
+  auto onlooker = Lumo::allocate<Onlooker>();
+  for (const auto& object : {followed, other}) object->notifieeList()->newMember(onlooker.ptr());
+  EXPECT_EQ(followed->notifieeList()->members(), 2U);
+  onlooker = nullptr;
+  EXPECT_EQ(followed->notifieeList()->members(), 1U);
+  EXPECT_EQ(other->notifieeList()->members(), 0U);
+  change();
+  EXPECT_THAT(log, ElementsAre(1));
+}
+
+TEST_F(NotifieeTest, AnOnlookerMayOutliveTheListsItIsOn) {
+  auto onlooker = Lumo::allocate<Onlooker>();
+  for (int i = 0; i < 3; ++i) thing()->notifieeList()->newMember(onlooker.ptr());
+  EXPECT_EQ(onlooker->told, 3);
+  auto object = thing();
+  object->notifieeList()->newMember(onlooker.ptr());
+  object->notifieeList()->deleteMember(onlooker.ptr());
+  object = nullptr;
+  object = thing();
+  object->notifieeList()->newMember(onlooker.ptr());
+  object->notifieeList()->deleteAll();
+  object = nullptr;
+  EXPECT_EQ(onlooker->told, 3);
+  onlooker = nullptr;
+}
+
+TEST_F(NotifieeTest, AnOnlookerAndWhatItLooksAtMayGoAtOnce) {
+  for (int i = 0; i < 1000; ++i) {
+    auto object = thing();
+    auto onlooker = Lumo::allocate<Onlooker>();
+    object->notifieeList()->newMember(onlooker.ptr());
+    std::atomic<bool> go{false};
+    std::thread other([&] {
+      while (!go) {
+      }
+      onlooker = nullptr;
+    });
+    go = true;
+    object = nullptr;
+    other.join();
+  }
+}
+
+TEST_F(NotifieeTest, OneEnteredByHandLeavesWhenItIsUnregistered) {
+  followed->notifieeList()->deleteAll();
+  followed->notifieeList()->newMember(reactor.ptr());
+  change();
+  EXPECT_THAT(log, ElementsAre(1));
+  reactor->isRegisteredNotifieeIs(false);
+  change();
+  EXPECT_THAT(log, ElementsAre(1));
+  reactor = nullptr;
+  EXPECT_EQ(followed->notifieeList()->members(), 0U);
 }
 
 TEST_F(NotifieeTest, AReactorOfAnotherTypeIsNotCalled) {

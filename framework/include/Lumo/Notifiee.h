@@ -1,5 +1,7 @@
 #pragma once
 
+#include <atomic>
+
 #include <Lumo/BitSet.h>
 #include <Lumo/NotifieeList.h>
 #include <Lumo/PtrInterface.h>
@@ -83,10 +85,13 @@ class NotifieeConst : public PtrInterface {
   Ptr<PtrInterface const> notifier_;
 
  private:
+  friend class NotifieeList;
+
   void checkFollows(const PtrInterface* notifier) const;
 
   const Follows follows_;
   mutable bool registered_ = false;
+  std::atomic<bool> enteredByHand_{false};  // by NotifieeList::newMember, some time; relaxed
 };
 
 }  // namespace Lumo

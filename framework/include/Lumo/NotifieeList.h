@@ -11,7 +11,8 @@ namespace Lumo {
 class NotifieeConst;
 
 // The reactors registered on one object, in the order of their registration. It does not own them:
-// a reactor leaves the list in its own destructor.
+// a reactor leaves every list it is on in its own destructor, whoever entered it, and a list may go
+// before its members.
 //
 // Any thread may change the list and visit it. The structure is guarded; the calls of a visit are
 // made without the guard, each with a counted reference on the reactor called. During a visit a
@@ -19,10 +20,12 @@ class NotifieeConst;
 class NotifieeList {
  public:
   NotifieeList() = default;
+  ~NotifieeList();
   NotifieeList(const NotifieeList&) = delete;
   NotifieeList& operator=(const NotifieeList&) = delete;
 
-  // `notifiee` is entered once; entering it again does nothing.
+  // `notifiee` is entered once; entering it again does nothing. For one that follows the owner
+  // without holding it; others enter by isRegisteredNotifieeIs.
   void newMember(NotifieeConst* notifiee);
   // Taken out here, a reactor is not told, and is called no more though isRegisteredNotifiee()
   // stays true: it goes back only after isRegisteredNotifieeIs(false). Reactors use that one to
@@ -50,6 +53,8 @@ class NotifieeList {
   }
 
  private:
+  friend class NotifieeConst;
+
   struct Member {
     NotifieeConst* notifiee;
     U64 number : 63;  // ascends along the list
@@ -78,6 +83,12 @@ class NotifieeList {
     }
   }
 
+  // False if it is there already.
+  bool enter(NotifieeConst* notifiee);
+  void leave(const NotifieeConst* notifiee);
+  // Takes a reactor that goes out of the lists that it was entered in by newMember.
+  static void leaveAll(const NotifieeConst* notifiee);
+
   // The next one to call, null if there is none; tells when it was the last. Takes the guard once.
   Ptr<NotifieeConst> next(Visit& walk);
   static Ptr<NotifieeConst> taken(const Visit& walk, const Member& member);
@@ -94,6 +105,7 @@ class NotifieeList {
   // wants the very next notification of another orders the two by other means.
   std::atomic<U32> members_{0};
   SpinLock guard_;
+  std::atomic<bool> enteredByHand_{false};  // newMember was called some time; relaxed
 };
 
 // The list of an entity type whose reactors are `Notifiee`s.
