@@ -60,21 +60,22 @@ double Clock::nextTimeout() const {
   return std::max(0.0, schedule_.begin()->first.time);
 }
 
-// Behind those that wait for the same time.
-NotifieeListClockKey Clock::nextKey(double time) const {
+// Behind those that wait for the same time. A reactor that is the last of them keeps its place.
+NotifieeListClockKey Clock::nextKey(const NotifieeConst* reactor, double time) const {
   const auto later = schedule_.upper_bound({time, std::numeric_limits<int>::max()});
   if (later == schedule_.begin() || std::prev(later)->first.time != time) return {time, 0};
-  const int last = std::prev(later)->first.seq;
-  if (last == std::numeric_limits<int>::max()) {
+  const auto& [last, node] = *std::prev(later);
+  if (node.reactor() == reactor) return last;
+  if (last.seq == std::numeric_limits<int>::max()) {
     throwRangeException("the clock has too many requests for one time");
   }
-  return {time, last + 1};
+  return {time, last.seq + 1};
 }
 
 void Clock::scheduleIs(NotifieeConst* reactor, double time) const {
   const double before = nextTimeout();
+  const NotifieeListClockKey key = nextKey(reactor, time);  // nothing has changed if this throws
   scheduleDel(reactor);
-  const NotifieeListClockKey key = nextKey(time);
   schedule_.emplace(key, NotifieeListClockLinkNode(reactor, ++requests_));
   reactor->request_ = key;
   const double now = nextTimeout();

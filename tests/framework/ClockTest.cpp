@@ -291,6 +291,15 @@ TEST_F(ClockTest, ThoseOfTheSameTimeKeepTheirOrderHoweverOftenTheyAskAgain) {
   EXPECT_THAT(log, ElementsAre(3, 2, 1));
 }
 
+TEST_F(ClockTest, TheLastOfItsTimeStaysTheLastWhenItAsksAgain) {
+  const auto first = alarm(1, 5);
+  const auto second = alarm(2, 5);
+  second->timeoutIs(5);
+  const auto third = alarm(3, 5);
+  clock->timeIs(5);
+  EXPECT_THAT(log, ElementsAre(1, 2, 3));
+}
+
 // It is the last of its time again, so its new request stands where the withdrawn one stood.
 TEST_F(ClockTest, ARequestMadeInPlaceOfAWithdrawnOneWaitsForTheNextEvent) {
   const auto first = alarm(1, 1);
@@ -310,6 +319,37 @@ TEST_F(ClockTest, MayBeDroppedByAHandlerOfItsOwn) {
     clock = nullptr;
   };
   clock->timeIs(1);
+  EXPECT_THAT(log, ElementsAre(1));
+}
+
+// Both reactors are due and let the clock go in the first call: what is left to do looks at the
+// schedule once more.
+TEST_F(ClockTest, LivesUntilItsEventIsDone) {
+  struct Onlooker : Lumo::NotifieeConst {
+    void onZeroReferences() override { gone = true; }
+    bool gone = false;
+  };
+  const auto onlooker = Lumo::allocate<Onlooker>();
+  clock->notifieeList()->newMember(onlooker.ptr());
+  const auto first = alarm(1, 1);
+  const auto second = alarm(2, 1);
+  first->then = [&] {
+    first->notifierIs(nullptr);
+    second->notifierIs(nullptr);
+    clock = nullptr;
+    EXPECT_FALSE(onlooker->gone);
+  };
+  clock->timeIs(1);
+  EXPECT_THAT(log, ElementsAre(1));
+  EXPECT_TRUE(onlooker->gone);
+}
+
+TEST_F(ClockTest, RefusesToBeFollowedAsSomethingElse) {
+  const auto reactor = alarm(1, 5);
+  const Ptr<Lumo::PtrInterface const> other = alarm(2, 9);
+  EXPECT_THROW(reactor->notifierIs(other), Lumo::RangeException);
+  EXPECT_EQ(reactor->notifier(), clock);
+  clock->timeIs(5);
   EXPECT_THAT(log, ElementsAre(1));
 }
 

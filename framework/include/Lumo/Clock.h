@@ -45,7 +45,8 @@ class Clock : public Entity {
 
     Ptr<Clock const> notifier() const;
     // Absolute time of the next call; in the past means at the next time event, infinity never.
-    // RangeException for what is no number.
+    // RangeException, and the former request stays, for what is no number, and where two or more
+    // reactors have asked 2^31 times for the same time while none of it was served.
     void timeoutIs(double time);
 
    protected:
@@ -84,7 +85,7 @@ class Clock : public Entity {
   explicit Clock(Name name) : name_(name) {}
   void scheduleIs(NotifieeConst* reactor, double time) const;
   void scheduleDel(NotifieeConst* reactor) const;
-  NotifieeListClockKey nextKey(double time) const;
+  NotifieeListClockKey nextKey(const NotifieeConst* reactor, double time) const;
 
   Name name_;
   double time_ = 0;
