@@ -161,3 +161,7 @@ TEST_F(SkeinProcess, AForkWhileOthersTraceLeavesAWorkingChild) {
   stop = true;
   tracing.join();
 }
+
+TEST_F(SkeinProcess, RecordsLeaveTheErrorNumberAlone) {
+  EXPECT_EQ(run({TRACE_PROGRAM, "errno", path}).status, 0);
+}

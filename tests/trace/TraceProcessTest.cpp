@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <support/Eventually.h>
 
 #include <fstream>
 #include <regex>
@@ -111,29 +112,36 @@ TEST(TraceProcess, ALineIsOneWrite) {
 
 TEST(TraceProcess, ALineWaitsForAPipeThatIsFullAndDoesNotBlock) {
   int ends[2];
+  int told[2];
   ASSERT_EQ(::pipe(ends), 0);
+  ASSERT_EQ(::pipe(told), 0);
   ::fcntl(ends[1], F_SETFL, O_NONBLOCK);
   const std::string filling(4096, 'x');
   std::size_t filled = 0;
   for (ssize_t count; (count = ::write(ends[1], filling.data(), filling.size())) > 0;) {
     filled += static_cast<std::size_t>(count);
   }
-  const pid_t child = start({TRACE_PROGRAM, "text"}, "*/*", -1, ends[1]);
+  const pid_t child = start({TRACE_PROGRAM, "told"}, "*/*", told[1], ends[1]);
   ::close(ends[1]);
-  // Once it waits, it sleeps.
-  const auto sleeps = [child] {
-    std::ifstream in("/proc/" + std::to_string(child) + "/wchan");
-    std::string where;
-    in >> where;
-    return where.find("poll") != std::string::npos;
-  };
-  for (int i = 0; i < 2000 && !sleeps(); ++i) ::usleep(1000);
-  std::string text;
+  ::close(told[1]);
   char part[4096];
+  ASSERT_EQ(::read(told[0], part, 1), 1);
+  // From here on it has nothing else to sleep for; one that gave its line up has ended.
+  const auto state = [child] {
+    std::ifstream in("/proc/" + std::to_string(child) + "/stat");
+    std::string stat;
+    std::getline(in, stat);
+    const auto name = stat.rfind(") ");
+    return name == stat.npos ? '?' : stat[name + 2];
+  };
+  EXPECT_TRUE(support::eventually([&] { return state() == 'S' || state() == 'Z'; }));
+  EXPECT_EQ(state(), 'S');
+  std::string text;
   for (ssize_t count; (count = ::read(ends[0], part, sizeof part)) > 0;) {
     text.append(part, static_cast<std::size_t>(count));
   }
   ::close(ends[0]);
+  ::close(told[0]);
   EXPECT_EQ(ended(child), 0);
   EXPECT_NE(text.substr(filled).find("Nothing to do\n"), std::string::npos);
 }

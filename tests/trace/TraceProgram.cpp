@@ -1,18 +1,22 @@
 // Traces on demand, for tests that look at a process from outside.
 //   trace_program text                one line of text, as LUMO_TRACE allows
+//   trace_program told                the same, after a word to standard output
+//   trace_program errno FILE          ends well if records leave the error number alone
 //   trace_program threads             long lines from four threads
 //   trace_program late                lines from destructors while the process exits
 //   trace_program first               the facilities with handles before and after first traces
 //   trace_program exiting             ends while a thread goes on tracing
 //   trace_program stuck               settings, a handle and a fork while a line cannot go out
 //   trace_program commands FILE       a queue of commands on one thread, their ends on another
-//   trace_program many FILE COUNT     so many commands back to back: one refused, one failed, some
-//                                     dropped, and one more after a pause
+//   trace_program many FILE COUNT     so many commands back to back: one refused, later three of
+//                                     each bad kind in turn, some dropped, and one after a pause
 //   trace_program ring FILE SIZE THREADS   numbered records until killed
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -95,6 +99,36 @@ int stuck() {
   ::_exit(status == 0 ? 0 : 1);
 }
 
+// The first record of all, where no file can be opened any more, and the first of blocks that dead
+// children have left.
+int errorNumbers(const char* path) {
+  Skein::TraceHandle handle(path, {.size = Skein::minimalFileSize});
+  Skein::defaultSkeinHandleIs(&handle);
+  rlimit limit;
+  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return 1;
+  const rlimit none{0, limit.rlim_max};
+  if (::setrlimit(RLIMIT_NOFILE, &none) != 0) return 1;
+  errno = EDOM;
+  Twine::trace<Sample::numbered>(0);
+  const int afterTheFirst = errno;
+  ::setrlimit(RLIMIT_NOFILE, &limit);
+  if (afterTheFirst != EDOM) return 2;
+  for (int i = 0; i < 3; ++i) {
+    const pid_t child = ::fork();
+    if (child == 0) {
+      Twine::trace<Sample::numbered>(i);
+      ::_exit(0);
+    }
+    ::waitpid(child, nullptr, 0);
+  }
+  for (int i = 0; i < 1000; ++i) {
+    errno = EDOM;
+    Twine::trace<Sample::numbered>(i);
+    if (errno != EDOM) return 3;
+  }
+  return 0;
+}
+
 int exiting() {
   std::atomic<bool> begun{false};
   std::thread([&begun] {
@@ -129,7 +163,7 @@ int commands(const char* path) {
 int many(const char* path, const char* number) {
   const auto count = static_cast<unsigned>(std::atoi(number));
   Skein::TraceOptions options;
-  options.size = (U64{1} << 20) + U64{512} * count;
+  options.size = (U64{1} << 20) + U64{224} * count;
   Skein::TraceHandle handle(path, options);
   Skein::defaultSkeinHandleIs(&handle);
   const Lumo::String type("createModule");
@@ -142,8 +176,11 @@ int many(const char* path, const char* number) {
   };
   constexpr unsigned dropped = 5;
   for (unsigned i = 1; i <= count; ++i) announce(i, i);
+  // Nine in a row, so that some of each kind come to lie in one place of a picture.
+  const auto bad = [&](unsigned i) { return i >= count / 2 && i < count / 2 + 9; };
+  const char* const kinds[] = {"failed", "refused", "undecodable"};
   for (unsigned i = 1; i <= count; ++i) {
-    const char* outcome = i == count / 3 ? "refused" : i == count / 2 ? "failed" : "ok";
+    const char* outcome = i == count / 3 ? "refused" : bad(i) ? kinds[i % 3] : "ok";
     end(i, i > count - dropped ? "dropped" : outcome, count - i);
   }
   std::this_thread::sleep_for(std::chrono::seconds(1));  // a pause to be folded
@@ -181,6 +218,12 @@ int main(int count, char** words) {
     Twine::trace<Sample::textOnly>();
     return 0;
   }
+  if (mode == "told") {
+    if (::write(STDOUT_FILENO, "x", 1) != 1) return 1;
+    Twine::trace<Sample::textOnly>();
+    return 0;
+  }
+  if (mode == "errno" && count == 3) return errorNumbers(words[2]);
   if (mode == "threads") {
     std::vector<std::thread> threads;
     for (char letter : {'a', 'b', 'c', 'd'}) threads.emplace_back(speakAtLength, letter);
@@ -202,9 +245,9 @@ int main(int count, char** words) {
   if (mode == "commands" && count == 3) return commands(words[2]);
   if (mode == "many" && count == 4) return many(words[2], words[3]);
   if (mode == "ring" && count == 5) return ring(words[2], words[3], words[4]);
-  std::fprintf(stderr,
-               "usage: trace_program text|threads|late|first|exiting|stuck|commands FILE|many FILE "
-               "COUNT|ring FILE SIZE "
-               "THREADS\n");
+  std::fprintf(
+      stderr,
+      "usage: trace_program text|told|errno FILE|threads|late|first|exiting|stuck|commands "
+      "FILE|many FILE COUNT|ring FILE SIZE THREADS\n");
   return 2;
 }

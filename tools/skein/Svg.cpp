@@ -120,6 +120,7 @@ struct Column {
   double busyNs = 0;
   U64 commands = 0;
 };
+using Place = std::pair<std::string, int>;  // queue, and column of marks
 struct Mark {
   U64 commands = 0;
   std::string first;  // one of them
@@ -173,7 +174,12 @@ class Picture {
   double widthOf(const CommandSlice& slice) const {
     return scale_.at(slice.endNs) - scale_.at(slice.startNs);
   }
-  bool hasBar(const CommandSlice& slice) const { return widthOf(slice) >= narrowest; }
+  // What did not end well has one only where the marks of its neighbours, at either end, leave
+  // enough of it to be seen.
+  bool hasBar(const CommandSlice& slice) const {
+    return widthOf(slice) >=
+           (endedWell(slice.command.outcome) ? narrowest : narrowest + 2 * markWidth);
+  }
   static std::string described(const CommandSlice& slice) {
     std::string words = std::to_string(slice.command.sequence) + ' ' + escaped(slice.command.type) +
                         ", " + escaped(slice.command.outcome);
@@ -284,28 +290,38 @@ class Picture {
     }
   }
 
-  // On top of everything, the worst last: what did not end well and has no bar.
+  // On top of everything: what did not end well and has no bar. What falls into one place shares
+  // its height.
   void marks(std::ostream& out) const {
-    std::map<int, std::map<std::pair<std::string, int>, Mark>> marksOf;  // by rank, queue, column
-    const auto add = [&](const CommandSlice& slice) {
-      const int column = static_cast<int>(scale_.at(slice.endNs) / markWidth);
-      Mark& mark = marksOf[rankOf(slice.command.outcome)][{slice.command.queue, column}];
+    std::map<Place, std::map<int, Mark>> dropped;  // by rank
+    std::map<Place, std::map<int, Mark>> served;
+    const auto add = [&](std::map<Place, std::map<int, Mark>>& marks, const CommandSlice& slice) {
+      const Place place{slice.command.queue, static_cast<int>(scale_.at(slice.endNs) / markWidth)};
+      Mark& mark = marks[place][rankOf(slice.command.outcome)];
       if (mark.commands++ == 0) mark.first = described(slice);
     };
-    for (const CommandSlice& slice : timeline_.dropped) add(slice);
+    for (const CommandSlice& slice : timeline_.dropped) add(dropped, slice);
     for (const CommandSlice& slice : timeline_.served) {
-      if (!hasBar(slice) && !endedWell(slice.command.outcome)) add(slice);
+      if (!hasBar(slice) && !endedWell(slice.command.outcome)) add(served, slice);
     }
-    for (const auto& [rank, marks] : marksOf) {
+    for (const auto& [place, marks] : dropped) {
+      stack(out, place, marks, laneTop(place.first) + barHeight + 2, dropHeight);
+    }
+    for (const auto& [place, marks] : served) {
+      stack(out, place, marks, laneTop(place.first) - 2, barHeight + 4);
+    }
+  }
+  // Marks one below the other, the worst on top.
+  static void stack(std::ostream& out, const Place& place, const std::map<int, Mark>& marks,
+                    double y, double height) {
+    const double each = height / static_cast<double>(marks.size());
+    y += height;
+    for (const auto& [rank, mark] : marks) {
       const Look& look = rank < static_cast<int>(std::size(looks)) ? looks[rank] : otherLook;
-      const bool dropped = std::string_view(look.outcome) == "dropped";
-      for (const auto& [place, mark] : marks) {
-        std::string title = mark.first;
-        if (mark.commands > 1) title += ", and " + std::to_string(mark.commands - 1) + " more";
-        rect(out, "mark", place.second * markWidth,
-             laneTop(place.first) + (dropped ? barHeight + 2 : -2), markWidth,
-             dropped ? dropHeight : barHeight + 4, look.colour, title);
-      }
+      std::string title = mark.first;
+      if (mark.commands > 1) title += ", and " + std::to_string(mark.commands - 1) + " more";
+      y -= each;
+      rect(out, "mark", place.second * markWidth, y, markWidth, each, look.colour, title);
     }
   }
 
