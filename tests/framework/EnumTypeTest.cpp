@@ -1,5 +1,13 @@
 #include <gtest/gtest.h>
+#include <support/Environment.h>
+#include <support/TemporaryFolder.h>
 
+#include <cctype>
+#include <clocale>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <sstream>
 
 #include <Lumo/EnumType.h>
@@ -67,6 +75,46 @@ TEST(EnumType, ReadsNamesFromAText) {
   Colour::sequenceToValue(colours, at, text.endConst(), &value);
   EXPECT_EQ(value, 0u);
   EXPECT_TRUE(at == text.endConst());
+}
+
+// A locale of one byte per character, in which there are letters beyond ASCII.
+bool makeLocale(const support::TemporaryFolder& folder) {
+  std::ofstream charmap(folder.file("charmap"));
+  charmap << "<code_set_name> ONE-BYTE\n<escape_char> /\n<mb_cur_min> 1\n<mb_cur_max> 1\nCHARMAP\n";
+  for (int code = 0; code < 256; ++code) {
+    char line[32];
+    std::snprintf(line, sizeof line, "<U%04X> /x%02x\n", code, code);
+    charmap << line;
+  }
+  charmap << "END CHARMAP\n";
+  charmap.close();
+  std::ofstream(folder.file("source")) << "LC_CTYPE\n"
+                                          "upper <U0041>..<U005A>\n"
+                                          "lower <U0061>..<U007A>;<U00E4>\n"
+                                          "END LC_CTYPE\n";
+  const std::string command = "localedef --no-archive -c -f " + folder.file("charmap") + " -i " +
+                              folder.file("source") + " " + folder.file("sample") +
+                              " >/dev/null 2>&1";
+  [[maybe_unused]] const int status =
+      std::system(command.c_str());  // 1: no other category is there
+  return std::filesystem::exists(folder.file("sample/LC_CTYPE"));
+}
+
+TEST(EnumType, ReadsNamesInAsciiWhateverTheLocaleCallsALetter) {
+  const support::TemporaryFolder folder;
+  if (!makeLocale(folder)) GTEST_SKIP() << "localedef makes no locale here";
+  const support::Environment where("LOCPATH", folder.file(""));
+  const std::string before = std::setlocale(LC_CTYPE, nullptr);
+  ASSERT_NE(std::setlocale(LC_CTYPE, "sample"), nullptr);
+  const bool isLetter = std::isalnum(0xe4) != 0;
+  const String text("red\xe4");
+  auto at = text.iteratorConst();
+  unsigned value = 99;
+  EXPECT_NO_THROW(Colour::sequenceToValue(colours, at, text.endConst(), &value));
+  std::setlocale(LC_CTYPE, before.c_str());
+  ASSERT_TRUE(isLetter);
+  EXPECT_EQ(value, 0u);
+  EXPECT_EQ(*at, '\xe4');
 }
 
 TEST(EnumType, StaysWhereItWasOnATextItCannotRead) {
