@@ -20,27 +20,38 @@ namespace {
                              error);
 }
 
+// The sequence of the block begun last.
+U64 blocksBegun(int descriptor) {
+  U64 begun = 0;
+  readAt(descriptor, offsetof(FileHeader, blocksWanted), &begun, sizeof begun);
+  return begun;
+}
+
 // Copies the blocks of a file that were begun before this moment, from the newest one back: what
 // writers reuse meanwhile is the oldest of them, so that of each writer a run without a gap is
 // left, up to this moment. Blocks begun later are left out: those before them may be half full in
-// the copy. False when there were records and writers have gone over all of them.
+// the copy. False when writers have gone round the ring before anything was copied.
 bool copyBlocks(int descriptor, const FileHeader& header, std::string& bytes) {
-  U64 begun = 0;
-  readAt(descriptor, offsetof(FileHeader, blocksWanted), &begun, sizeof begun);
+  bytes.assign(header.fileSize, '\0');
   std::string block(header.blockSize, '\0');
   std::string probe;
-  bool copied = begun == 0;
+  const U64 begun = blocksBegun(descriptor);
+  bool copied = false;
   for (U32 turn = 1; turn <= header.blockCount; ++turn) {
     const U64 index = (begun + header.blockCount - turn) % header.blockCount;
     const U64 offset = header.blocksOffset + index * header.blockSize;
     const BlockCopy copy = copyBlock(descriptor, offset, header.blockSize, block.data(), probe);
     if (copy.header.sequence == 0 || copy.header.sequence > begun) continue;
+    if (!copied && copy.committed > sizeof(BlockHeader)) {
+      // One that is left alone, of a writer that is about to take it, is no copy of this moment.
+      if (blocksBegun(descriptor) >= begun + header.blockCount) return false;
+      copied = true;
+    }
     // Cut behind the last committed record, and nobody's any more.
     std::memcpy(bytes.data() + offset, block.data(), copy.committed);
     std::memset(bytes.data() + offset + offsetof(BlockHeader, owner), 0, sizeof(U32));
-    copied = copied || copy.committed > sizeof(BlockHeader);
   }
-  return copied;
+  return copied || begun == 0;
 }
 
 // The error number, 0 for none.
@@ -60,7 +71,7 @@ int writeAll(int descriptor, const std::string& bytes) {
 
 void snapshot(TraceFile& file, const std::string& path) {
   const FileHeader& header = file.header();
-  std::string bytes(header.fileSize, '\0');
+  std::string bytes;
   // Kept from running for long, it starts from a later moment.
   constexpr int attempts = 8;
   for (int i = 0; i < attempts && !copyBlocks(file.descriptor_, header, bytes); ++i) {
