@@ -196,6 +196,16 @@ TEST_P(SkeinPicture, ShowsWhatDidNotEndWellAtAnyLength) {
     }
   }
   EXPECT_NE(titled(", refused")->colour, titled(", failed")->colour);
+  // Marks stay in their lane.
+  double laneTop = 1000;
+  for (const Rect& rect : rects) {
+    if (rect.kind == "column" || rect.kind == "bar") laneTop = std::min(laneTop, rect.y);
+  }
+  for (const Rect& rect : rects) {
+    if (rect.kind == "mark") {
+      EXPECT_GE(rect.y, laneTop - 4) << rect.title;
+    }
+  }
   // What was never sent takes no time of the lane.
   const Rect lane = *titled(", refused");
   EXPECT_GT(titled(", dropped")->y, lane.y + lane.h - 3);
@@ -216,7 +226,7 @@ TEST_P(SkeinPicture, ShowsWhatDidNotEndWellAtAnyLength) {
   EXPECT_NE(svg.find(" UTC, "), std::string::npos);
 }
 
-INSTANTIATE_TEST_SUITE_P(Lengths, SkeinPicture, testing::Values(64, 20000, 1000000),
+INSTANTIATE_TEST_SUITE_P(Lengths, SkeinPicture, testing::Values(64, 130, 20000, 1000000),
                          testing::PrintToStringParamName());
 
 TEST_F(SkeinExport, AFileWithoutRecordsIsAValidEmptyTrace) {
