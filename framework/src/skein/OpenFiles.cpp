@@ -36,14 +36,14 @@ void threadEnds(void* state) {
   delete rings;
 }
 
+// No local static: a child that is forked while another thread makes the key would wait for ever.
+pthread_once_t keyMade = PTHREAD_ONCE_INIT;
+pthread_key_t key;
+
 // A key's destructor runs after the thread's C++ thread-locals are gone, and not for the main
 // thread: destructors of either kind may still trace.
 void makeThreadRings() {
-  static const pthread_key_t key = [] {
-    pthread_key_t made;
-    pthread_key_create(&made, threadEnds);
-    return made;
-  }();
+  pthread_once(&keyMade, [] { pthread_key_create(&key, threadEnds); });
   auto* made = new ThreadRings;
   pthread_setspecific(key, made);
   OpenFiles& open = OpenFiles::instance();

@@ -37,33 +37,50 @@ U64 readTicks() {
 constinit std::atomic<U64> tickLength{0};
 constinit std::atomic<U64> ticksCarried{0};
 
-// The first reading of both clocks, against which the length of a tick is measured.
-struct Calibration {
-  bool trusted = false;
-  U64 ticks = 0;
-  U64 ns = 0;
-
-  Calibration() {
+// Whether the kernel itself goes by the counter.
+bool trusted() {
 #if defined(__x86_64__)
-    // The file is missing where /sys is; a trace point leaves the caller's error number alone.
-    const int errnoOfCaller = errno;
-    std::ifstream in("/sys/devices/system/clocksource/clocksource0/current_clocksource");
-    std::string source;
-    trusted = (in >> source) && source == "tsc";
-    errno = errnoOfCaller;
+  // The file is missing where /sys is; a trace point leaves the caller's error number alone.
+  const int errnoOfCaller = errno;
+  std::ifstream in("/sys/devices/system/clocksource/clocksource0/current_clocksource");
+  std::string source;
+  const bool steady = (in >> source) && source == "tsc";
+  errno = errnoOfCaller;
+  return steady;
+#else
+  return false;
 #endif
-    ticks = readTicks();
-    ns = kernelNs();
-  }
-  void measure(U64 nowTicks, U64 nowNs) const {
-    if (!trusted || nowNs < ns + calibrationNeeds || nowTicks <= ticks) return;
+}
+
+// The first reading of both clocks, against which the length of a tick is measured. No local static:
+// a child that is forked while another thread reads would wait for ever; like this it has the
+// kernel's clock alone.
+class Calibration {
+ public:
+  void measure(U64 nowTicks, U64 nowNs) {
+    if (!begun_.exchange(true, std::memory_order_relaxed)) {
+      trusted_ = trusted();
+      ticks_ = nowTicks;
+      ns_ = nowNs;
+      read_.store(true, std::memory_order_release);
+    }
+    if (!read_.load(std::memory_order_acquire) || !trusted_) return;
+    if (nowNs < ns_ + calibrationNeeds || nowTicks <= ticks_) return;
     const double nsPerTick =
-        static_cast<double>(nowNs - ns) / static_cast<double>(nowTicks - ticks);
+        static_cast<double>(nowNs - ns_) / static_cast<double>(nowTicks - ticks_);
     tickLength.store(static_cast<U64>(nsPerTick * 4294967296.0), std::memory_order_relaxed);
     ticksCarried.store(static_cast<U64>(static_cast<double>(longestCarry) / nsPerTick),
                        std::memory_order_relaxed);
   }
+
+ private:
+  std::atomic<bool> begun_{false}, read_{false};
+  bool trusted_ = false;  // with the others, written once before read_
+  U64 ticks_ = 0;
+  U64 ns_ = 0;
 };
+
+constinit Calibration calibration;
 
 }  // namespace
 
@@ -82,7 +99,6 @@ U64 RecordClock::now() {
 }
 
 U64 RecordClock::fromKernel(U64 ticks) {
-  static const Calibration calibration;
   const U64 ns = kernelNs();
   if (tickLength.load(std::memory_order_relaxed) == 0) calibration.measure(ticks, ns);
   anchorTicks_ = ticks;

@@ -24,6 +24,11 @@ namespace {
 // Beside the key below, for speed.
 [[gnu::tls_model("initial-exec")]] thread_local constinit void* threadStreams = nullptr;
 
+// A child that is forked while another thread makes the key makes it anew; at the guard of a local
+// static it would wait for ever.
+pthread_once_t keyMade = PTHREAD_ONCE_INIT;
+pthread_key_t key;
+
 }  // namespace
 
 LineStream::LineStream() : std::ostream(nullptr) {
@@ -34,14 +39,12 @@ LineStream::LineStream() : std::ostream(nullptr) {
 // A key's destructor runs after the thread's C++ thread-locals are gone, and not for the main
 // thread: destructors of either kind may still trace.
 void LineStream::makeThreadStreams() {
-  static const pthread_key_t key = [] {
-    pthread_key_t made;
-    pthread_key_create(&made, [](void* streams) {
+  pthread_once(&keyMade, [] {
+    pthread_key_create(&key, [](void* streams) {
       threadStreams = nullptr;
       delete static_cast<ThreadStreams*>(streams);
     });
-    return made;
-  }();
+  });
   auto* made = new ThreadStreams;
   for (LineStream& stream : made->streams) stream.owned_ = true;
   pthread_setspecific(key, made);

@@ -65,9 +65,11 @@ void forgetOtherThreads() {
   replacing = false;
 }
 
+// No local static: a child that is forked while another thread is at it would wait for ever.
+pthread_once_t forksWatched = PTHREAD_ONCE_INIT;
+
 void watchForks() {
-  static const int registered = pthread_atfork(nullptr, nullptr, forgetOtherThreads);
-  (void)registered;
+  pthread_once(&forksWatched, [] { pthread_atfork(nullptr, nullptr, forgetOtherThreads); });
 }
 
 void writeAll(std::string_view text) {
