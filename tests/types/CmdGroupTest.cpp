@@ -188,6 +188,14 @@ TEST_F(CmdGroupTest, KeepsSomeEntriesOfALongBatchAndFreesTheRest) {
   EXPECT_EQ(entries.live(), before);
 }
 
+TEST_F(CmdGroupTest, FreesTheEntriesThatItHasKeptOnASmallStack) {
+  support::onAStackOf(64 * 1024, [] {
+    const auto brief = CmdGroup::CmdGroupIs();
+    for (int i = 0; i < 2000; ++i) brief->cmdBatchEnq(nullptr);
+    for (int i = 0; i < 2000; ++i) brief->cmdBatchDeq();
+  });
+}
+
 TEST_F(CmdGroupTest, KeepsNoHoldOfATakenCommand) {
   const auto a = cmd();
   for (int i = 0; i < 100; ++i) group->cmdBatchEnq(a);

@@ -1,11 +1,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <pthread.h>
 
 #include <functional>
 #include <random>
 
 #include "QueueModel.h"
+#include "QueueSupport.h"
 
 namespace {
 
@@ -346,21 +346,11 @@ TEST_F(LinkQueue, DropsEverythingAndGoesOnFromItsStoredTail) {
   EXPECT_EQ(queue.tailIndex(), 1u);
 }
 
-// Runs on a thread with a stack too small for a recursion as deep as the queue is long.
-void* fillAndDestroy(void*) {
-  Queue queue;
-  for (int i = 0; i < 1000000; ++i) queue.memberNew(entry());
-  return nullptr;
-}
-
 TEST_F(LinkQueue, DestroysAMillionEntriesOnASmallStack) {
-  pthread_attr_t attributes;
-  pthread_attr_init(&attributes);
-  pthread_attr_setstacksize(&attributes, 256 * 1024);
-  pthread_t thread;
-  ASSERT_EQ(pthread_create(&thread, &attributes, fillAndDestroy, nullptr), 0);
-  EXPECT_EQ(pthread_join(thread, nullptr), 0);
-  pthread_attr_destroy(&attributes);
+  support::onAStackOf(256 * 1024, [] {
+    Queue fresh;
+    for (int i = 0; i < 1000000; ++i) fresh.memberNew(entry());
+  });
 }
 
 std::optional<U32> startAt(const Queue& queue, U32 index) {
