@@ -52,9 +52,9 @@ bool trusted() {
 #endif
 }
 
-// The first reading of both clocks, against which the length of a tick is measured. No local static:
-// a child that is forked while another thread reads would wait for ever; like this it has the
-// kernel's clock alone.
+// The first reading of both clocks, against which the length of a tick is measured. No local
+// static: a child that is forked while another thread reads would wait for ever; like this it has
+// the kernel's clock alone.
 class Calibration {
  public:
   void measure(U64 nowTicks, U64 nowNs) {
