@@ -41,8 +41,8 @@ Execution::Execution(const Plan& plan, const std::set<std::size_t>& held)
   }
 }
 
-// All that cannot go. What would be taken down, and of which a step cannot go, waits whole: it would
-// not be put up again, and so at every attempt.
+// All that cannot go. What would be taken down, and of which a step cannot go, waits whole: it
+// would not be put up again, and so at every attempt.
 void Execution::findStuck(std::set<std::size_t> held) {
   while (true) {
     findIdle(held);
@@ -63,8 +63,8 @@ void Execution::findStuck(std::set<std::size_t> held) {
   }
 }
 
-// Steps refer to earlier ones, so one pass finds all that cannot go; then a pause that nothing needs
-// any more is idle, and the end of one around nothing that goes.
+// Steps refer to earlier ones, so one pass finds all that cannot go; then a pause that nothing
+// needs any more is idle, and the end of one around nothing that goes.
 void Execution::findIdle(const std::set<std::size_t>& held) {
   std::vector<bool> needed(plan_.steps.size(), false);
   const auto isStuck = [&](std::size_t before) { return stuck_[before]; };

@@ -89,9 +89,9 @@ class SwitchReader {
     return response;
   }
   [[noreturn]] static void refused(const std::string& name, const bess::pb::Error& error) {
-    throw ReadError(grpc::StatusCode::UNKNOWN, name + " was refused: error " +
-                                                   std::to_string(error.code()) + ": " +
-                                                   error.errmsg());
+    throw ReadError(
+        grpc::StatusCode::UNKNOWN,
+        name + " was refused: error " + std::to_string(error.code()) + ": " + error.errmsg());
   }
   // What was listed a moment ago may have gone.
   static bool gone(const std::string& name, const bess::pb::Error& error) {

@@ -275,7 +275,8 @@ bool Record::hidden(const Object& object, const Switch& wanted) {
 Record::Entry& Record::opened(const Object& object, std::size_t change) {
   const auto known = entries_.find(object);
   former_.try_emplace(
-      object, Former{change, known == entries_.end() ? std::nullopt : std::optional(known->second)});
+      object,
+      Former{change, known == entries_.end() ? std::nullopt : std::optional(known->second)});
   return entries_[object];
 }
 
@@ -286,8 +287,7 @@ void Record::begin(const Execution& execution, const Switch& wanted) {
   const auto steps = stepsOf(plan);
   const auto mayGo = [&](std::size_t step) { return execution.mayGo(step); };
   for (std::size_t i = 0; i < plan.changes.size(); ++i) {
-    const bool goes =
-        steps[i].empty() || std::any_of(steps[i].begin(), steps[i].end(), mayGo);
+    const bool goes = steps[i].empty() || std::any_of(steps[i].begin(), steps[i].end(), mayGo);
     if (goes) beginChange(plan, i, wanted);
   }
   for (std::size_t i = 0; i < plan.steps.size(); ++i) {
@@ -431,7 +431,8 @@ void Record::endOpened(const Execution& execution, const std::vector<Execution::
       const bool stated = wanted.modules.contains(object.name);
       const Switch& goal = stated ? wanted : plan.unfinished.comesBack;
       const bool whole = goal.modules.contains(object.name);
-      if (whole) known = partly(execution, own, object, former.entry.value_or(Entry()), goal, after);
+      if (whole)
+        known = partly(execution, own, object, former.entry.value_or(Entry()), goal, after);
     }
     if (!known) continue;
     if (known->holdsNothing()) {
@@ -467,8 +468,8 @@ std::optional<Record::Entry> Record::partly(const Execution& execution,
   for (const std::size_t step : steps) {
     const Step& what = execution.plan().steps[step];
     const bool done = execution.end(step) == StepEnd::done;
-    const bool own = what.type == moduleCommand || what.type == createModule ||
-                     what.type == destroyModule;
+    const bool own =
+        what.type == moduleCommand || what.type == createModule || what.type == destroyModule;
     if (own && !done && mayHaveChanged(execution, step)) return {};
     if (what.type == createModule && done) {
       made = true;

@@ -113,8 +113,7 @@ class TargetFinder {
   void placeClasses() {
     for (auto& [name, one] : target_.trafficClasses) {
       const auto live = live_.trafficClasses.find(name);
-      const bool same =
-          live != live_.trafficClasses.end() && live->second.policy == one.policy;
+      const bool same = live != live_.trafficClasses.end() && live->second.policy == one.policy;
       if (one.resource.empty() && same) one.resource = live->second.resource;
       if (one.place.stated() || live != live_.trafficClasses.end()) continue;
       const auto back = back_.trafficClasses.find(name);

@@ -244,9 +244,10 @@ void TrafficPlanner::rebuild(std::int64_t worker) {
       builder_.detail(builder_.change({Kind::trafficClass, name}, Action::recreate), other);
     }
     if (now != target_.trafficClasses.end() && lacksResource(now->second)) {
-      workerAdded_[worker] = builder_.impossible(
-          "its traffic class " + name + " would go with it, and its resource is not known; state it",
-          change);
+      workerAdded_[worker] =
+          builder_.impossible("its traffic class " + name +
+                                  " would go with it, and its resource is not known; state it",
+                              change);
     }
   }
   if (workerAdded_.contains(worker)) return;

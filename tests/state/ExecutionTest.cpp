@@ -133,13 +133,13 @@ TEST(ExecutionTest, ASecondPauseComesBehindTheFirst) {
   const auto of = [](std::set<std::size_t> held) {
     ThreeChanges two;
     two.plan.steps.clear();
-    two.step(Norv::pauseWorker, Step::none);                        // 0
-    two.step(Norv::moduleCommand, 0, {}, {0});                      // 1
-    two.step(Norv::resumeWorker, Step::none, {}, Indexes{0, 1});    // 2
-    two.step(Norv::checkSchedulingConstraints, Step::none);         // 3
-    two.step(Norv::pauseWorker, Step::none, {}, Indexes{2});        // 4
-    two.step(Norv::moduleCommand, 2, {}, Indexes{3, 4});            // 5
-    two.step(Norv::resumeWorker, Step::none, {}, Indexes{4, 5});    // 6
+    two.step(Norv::pauseWorker, Step::none);                      // 0
+    two.step(Norv::moduleCommand, 0, {}, {0});                    // 1
+    two.step(Norv::resumeWorker, Step::none, {}, Indexes{0, 1});  // 2
+    two.step(Norv::checkSchedulingConstraints, Step::none);       // 3
+    two.step(Norv::pauseWorker, Step::none, {}, Indexes{2});      // 4
+    two.step(Norv::moduleCommand, 2, {}, Indexes{3, 4});          // 5
+    two.step(Norv::resumeWorker, Step::none, {}, Indexes{4, 5});  // 6
     Execution execution(two.plan, held);
     const std::size_t commands = execution.commands();
     const Indexes steps = taken(execution);
@@ -157,10 +157,10 @@ TEST(ExecutionTest, WhatCannotBeMadeAnewIsNotTakenDown) {
   ThreeChanges three;
   three.plan.changes[0].action = three.plan.changes[1].action = Change::Action::recreate;
   three.plan.steps.clear();
-  three.step(Norv::destroyModule, 0);       // 0
-  three.step(Norv::createModule, 0, {0});   // 1
+  three.step(Norv::destroyModule, 0);        // 0
+  three.step(Norv::createModule, 0, {0});    // 1
   three.step(Norv::connectModules, 1, {1});  // 2
-  three.step(Norv::moduleCommand, 2);       // 3
+  three.step(Norv::moduleCommand, 2);        // 3
   three.plan.steps[1].impossible = "too large";
   Execution execution(three.plan);
   EXPECT_EQ(execution.commands(), 1U);
@@ -178,9 +178,9 @@ TEST(ExecutionTest, AConnectionStaysWhereItIsUntilItCanMove) {
   ThreeChanges three;
   three.plan.changes[1].action = Change::Action::change;
   three.plan.steps.clear();
-  three.step(Norv::createModule, 0);             // 0
-  three.step(Norv::disconnectModules, 1);        // 1
-  three.step(Norv::connectModules, 1, {0, 1});   // 2
+  three.step(Norv::createModule, 0);            // 0
+  three.step(Norv::disconnectModules, 1);       // 1
+  three.step(Norv::connectModules, 1, {0, 1});  // 2
   Execution whole(three.plan);
   EXPECT_EQ(taken(whole), (Indexes{0, 1, 2}));
   Execution held(three.plan, {0});

@@ -540,13 +540,12 @@ TEST_F(PlanTest, ARefusedValueLeavesTheModuleAsItWas) {
 TEST_F(PlanTest, ARefusedEntryLeavesTheOthersAsTheyAre) {
   const std::string table = "modules: {t: {class: IPLookup, rules: [%]}}";
   const std::string two = "{prefix: 10.0.0.0/8, gate: 1}, {prefix: 11.0.0.0/8, gate: 2}";
-  const std::string four =
-      two + ", {prefix: 12.0.0.0/8, gate: 1}, {prefix: 13.0.0.0/8, gate: 2}";
+  const std::string four = two + ", {prefix: 12.0.0.0/8, gate: 1}, {prefix: 13.0.0.0/8, gate: 2}";
   TestSwitch daemon;
   // The question before them is the first of its commands once it is there.
   const auto refuse = [&](const char* number) {
-    daemon.server().addFault(
-        Standin::Fault::parse(std::string("kind=error rpc=moduleCommand name=t code=28 nth=") + number));
+    daemon.server().addFault(Standin::Fault::parse(
+        std::string("kind=error rpc=moduleCommand name=t code=28 nth=") + number));
   };
   refuse("2");
   EXPECT_EQ(daemon.apply(changed(table, "%", two)).refusals.size(), 1u);
@@ -560,7 +559,8 @@ TEST_F(PlanTest, ARefusedEntryLeavesTheOthersAsTheyAre) {
   daemon.server().clearFaults();
   EXPECT_THAT(daemon.apply(changed(table, "%", four)).refusals, IsEmpty());
   refuse("2");
-  const std::string moved = changed(changed(table, "%", four), "13.0.0.0/8, gate: 2", "13.0.0.0/8, gate: 7");
+  const std::string moved =
+      changed(changed(table, "%", four), "13.0.0.0/8, gate: 2", "13.0.0.0/8, gate: 7");
   EXPECT_EQ(daemon.apply(moved).refusals.size(), 1u);
   EXPECT_THAT(commands(daemon.plan(moved)), ElementsAre("moduleCommand t add"));
   // What did not decode may be there or not.
@@ -626,8 +626,8 @@ TEST_F(PlanTest, AWorkerIsNotTakenFromAClassThatCannotBeMadeAgain) {
 }
 
 TEST_F(PlanTest, AWorkerPausesAlsoWhileSomethingElseWaits) {
-  const Plan both = daemon_.plan(changed(changed(fib, "10.0.0.2", "10.0.0.3"), "  b: Sink\n",
-                                         "  b: Sink\n  late: Sink\n"));
+  const Plan both = daemon_.plan(
+      changed(changed(fib, "10.0.0.2", "10.0.0.3"), "  b: Sink\n", "  b: Sink\n  late: Sink\n"));
   std::set<std::size_t> held;
   for (std::size_t i = 0; i < both.changes.size(); ++i) {
     if (both.changes[i].object.name == "late") held.insert(i);

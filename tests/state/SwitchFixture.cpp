@@ -89,8 +89,8 @@ TestSwitch::TestSwitch(Standin::Options options)
     : server_(std::make_unique<Standin::Server>(options)) {
   grpc::ChannelArguments arguments;
   arguments.SetMaxReceiveMessageSize(-1);
-  channel_ = grpc::CreateCustomChannel(server_->address(), grpc::InsecureChannelCredentials(),
-                                       arguments);
+  channel_ =
+      grpc::CreateCustomChannel(server_->address(), grpc::InsecureChannelCredentials(), arguments);
 }
 
 void TestSwitch::reset() {

@@ -378,8 +378,7 @@ def test_much_is_not_deleted_without_a_word():
 
 def test_who_thinks_at_the_prompt_keeps_nobody_waiting():
     switch = Switch(Controlled)
-    path = switch.document(many(12))
-    terminal = Terminal("apply", *switch.options, path, input=True)
+    terminal = Terminal("apply", *switch.options, switch.document(many(12)), input=True)
     terminal.wait_for(r"Carry it out\? \[y/N\] ")
     switch.apply(many(3))
     terminal.type("y\n")
@@ -394,7 +393,7 @@ def test_who_thinks_at_the_prompt_keeps_nobody_waiting():
     keeper.signal(signal.SIGTERM)
     keeper.finish()
     equal(switch.plan(many(5), "--prune").status, 0)
-    terminal = Terminal("apply", *switch.options, path, input=True)
+    terminal = Terminal("apply", *switch.options, switch.document(many(12)), input=True)
     terminal.wait_for(r"Carry it out\? \[y/N\] ")
     switch.apply(many(12))
     terminal.type("y\n")

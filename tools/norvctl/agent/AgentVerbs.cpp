@@ -300,14 +300,15 @@ Verb statusVerb() {
 }
 
 Verb retryVerb() {
-  return {"retry",
-          "have norvd try an object again",
-          {"Lifts the quarantine of an object, and the pause after a refusal, by a word in norvd's "
-           "state directory.",
-           "Exit status: 0 norvd is asked; 4 it is asked, but does not want what is called so; 1 it "
-           "does not run, or cannot be asked."},
-          {{"norvctl retry \"module fib\"", "for the norvd of this machine"}},
-          &defineRetry};
+  return {
+      "retry",
+      "have norvd try an object again",
+      {"Lifts the quarantine of an object, and the pause after a refusal, by a word in norvd's "
+       "state directory.",
+       "Exit status: 0 norvd is asked; 4 it is asked, but does not want what is called so; 1 it "
+       "does not run, or cannot be asked."},
+      {{"norvctl retry \"module fib\"", "for the norvd of this machine"}},
+      &defineRetry};
 }
 
 }  // namespace Norvctl

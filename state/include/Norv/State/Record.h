@@ -33,8 +33,7 @@ class Record {
   // The states that it ended with. What was unclear is done where `after`, the switch read again,
   // tells so: no reply is needed for what can be seen.
   static std::vector<Execution::State> settled(const Execution& execution, const LiveSwitch& after,
-                                               const Switch& wanted,
-                                               const PlanOptions& options);
+                                               const Switch& wanted, const PlanOptions& options);
   // After it, with the switch read again, without complement, and the settled states. What nothing
   // was sent for, and what was refused, is as it was before.
   void end(const Execution& execution, const std::vector<Execution::State>& states,
