@@ -75,6 +75,7 @@ void Execution::findIdle(const std::set<std::size_t>& held) {
                 std::any_of(step.after.begin(), step.after.end(), isStuck);
     if (stuck_[i] || step.change == Step::none) continue;
     for (const std::size_t before : step.after) needed[before] = true;
+    for (const std::size_t before : step.behind) needed[before] = true;
   }
   for (std::size_t i = 0; i < plan_.steps.size(); ++i) {
     const Step& step = plan_.steps[i];

@@ -574,6 +574,31 @@ TEST_F(PlanTest, ARefusedEntryLeavesTheOthersAsTheyAre) {
               ElementsAre("moduleCommand t clear", "moduleCommand t add", "moduleCommand t add"));
 }
 
+TEST_F(PlanTest, WhatARefusalMayHaveLeftHalfDoneIsInDoubt) {
+  const std::string table = "modules: {t: {class: L2Forward, default_gate: 1, entries: [%]}}";
+  const std::string one = "{addr: \"02:00:00:00:00:01\", gate: 1}";
+  const std::string three = one + ", {addr: \"02:00:00:00:00:02\", gate: 1}" +
+                            ", {addr: \"02:00:00:00:00:03\", gate: 1}";
+  TestSwitch daemon;
+  const auto refuse = [&](int number) {
+    daemon.server().clearFaults();
+    daemon.server().addFault(Standin::Fault::parse(
+        "kind=error rpc=moduleCommand name=t code=28 nth=" + std::to_string(number)));
+  };
+  // Two entries in one request.
+  EXPECT_THAT(daemon.apply(changed(table, "%", one)).refusals, IsEmpty());
+  refuse(2);
+  EXPECT_EQ(daemon.apply(changed(table, "%", three)).refusals.size(), 1u);
+  EXPECT_THAT(summary(daemon.plan(changed(table, "%", three))), testing::HasSubstr("set again"));
+  EXPECT_THAT(daemon.apply(changed(table, "%", three)).refusals, IsEmpty());
+  EXPECT_EQ(summary(daemon.plan(changed(table, "%", three))), "");
+  // A new one, but for its default gate.
+  daemon.reset();
+  refuse(2);
+  EXPECT_EQ(daemon.apply(changed(table, "%", one)).refusals.size(), 1u);
+  EXPECT_THAT(summary(daemon.plan(changed(table, "%", one))), testing::HasSubstr("default_gate"));
+}
+
 TEST_F(PlanTest, WhatWaitsForAnotherIsNotInDoubt) {
   const std::string right =
       "workers: {0: {core: 0}}\n"
@@ -616,6 +641,7 @@ TEST_F(PlanTest, AWorkerIsNotTakenFromAClassThatCannotBeMadeAgain) {
       "\n");
   const auto refused = other.apply(changed(unknown, ", tasks: w", ""));
   EXPECT_THAT(refused.refusals, IsEmpty()) << "nothing is sent for it";
+  EXPECT_THAT(refused.plan.pauses, IsEmpty());
   for (const auto& state : refused.states) {
     if (state.kind == Execution::State::Kind::refused) {
       EXPECT_THAT(state.text, testing::HasSubstr("its resource is not known; state it"));
@@ -661,6 +687,11 @@ TEST_F(PlanTest, WhatHasGoneWhileItWasAskedIsLeftOut) {
     EXPECT_TRUE(live.modules.contains("d")) << call;
     EXPECT_TRUE(live.connections.empty()) << call;
   }
+  // What a class does not tell is no reason to leave it out.
+  daemon.server().clearFaults();
+  daemon.server().addFault(
+      Standin::Fault::parse("kind=error code=95 rpc=moduleCommand name=q nth=2"));
+  EXPECT_TRUE(daemon.read().modules.contains("q"));
 }
 
 TEST_F(PlanTest, ANewTaskDoesNotComeToAWorkerThatGoes) {
