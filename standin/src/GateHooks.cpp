@@ -45,7 +45,7 @@ std::string change(HookList& hooks, const ConfigureGateHookRequest& request) {
   const GateHookInfo& wanted = request.hook();
   if (request.enable()) {
     const GateHookClass& hookClass = existingClass(wanted.class_name());
-    const std::string name =
+    std::string name =
         wanted.hook_name().empty() ? hooks.freeName(hookClass.namePrefix) : wanted.hook_name();
     if (hooks.has(name)) throw Refusal(EEXIST, "Fail to Add Hook");
     hookClass.check(wanted.arg());

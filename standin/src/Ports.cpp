@@ -22,7 +22,7 @@ constexpr std::uint32_t minMtu = 68;
 constexpr std::uint32_t maxMtu = 2048;
 
 std::string attachVirtualDevice(const std::string& vdev, const Ports& ports) {
-  const std::string device = vdev.substr(0, vdev.find(','));
+  std::string device = vdev.substr(0, vdev.find(','));
   if (device.rfind("net_null", 0) != 0) throw Refusal(ENODEV, "Cannot attach vdev " + vdev);
   if (ports.deviceInUse(device)) throw Refusal(EBUSY, "rte_eth_dev_configure() failed");
   return device;

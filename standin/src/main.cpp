@@ -3,6 +3,7 @@
 #include <Standin/Server.h>
 #include <pthread.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
@@ -83,7 +84,8 @@ void serve(Arguments& arguments) {
   sigaddset(&signals, SIGINT);
   sigaddset(&signals, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-  options.onKill = [mainThread = pthread_self()] { pthread_kill(mainThread, SIGTERM); };
+  // As a signal from outside: it is blocked in every thread, and taken by sigwait.
+  options.onKill = [] { kill(getpid(), SIGTERM); };
 
   Standin::Server server(options);
   if (!arguments.stateFile.empty()) {

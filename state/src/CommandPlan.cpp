@@ -80,6 +80,8 @@ std::vector<std::size_t> CommandPlanner::send(const std::string& name,
   for (const ModuleCommand& command : commands) {
     sent.push_back(builder_.step(moduleCommand, commandRequest(name, command), Kind::module, change,
                                  after, behind));
+    builder_.plan.steps.back().edit = command.edit;
+    builder_.plan.steps.back().parts = command.parts;
     if (!command.whileRunning) builder_.standing.push_back(sent.back());
     if (command.command != "add" && command.command != "delete") after = {sent.back()};
   }

@@ -25,6 +25,7 @@ constexpr std::int64_t workerLimit = 64;  // ids are below it
 template <class Range>
 std::vector<std::string> namesOf(const Range& range) {
   std::vector<std::string> names;
+  names.reserve(std::size(range));
   for (const auto& one : range) names.emplace_back(one.name);
   return names;
 }

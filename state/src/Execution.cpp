@@ -4,12 +4,24 @@
 
 namespace Norv::State {
 
+namespace {
+
+// Whether it is taken down before it is put up again.
+bool takenDown(const Change& change) {
+  if (change.action == Change::Action::recreate) return true;
+  const bool moves = change.object.kind == Kind::connection || change.object.kind == Kind::hook;
+  return moves && change.action == Change::Action::change;
+}
+
+}  // namespace
+
 Execution::Execution(const Plan& plan, const std::set<std::size_t>& held)
     : plan_(plan),
       phases_(plan.steps.size(), Phase::waiting),
       missing_(plan.steps.size(), 0),
       followers_(plan.steps.size()),
       idle_(plan.steps.size(), false),
+      stuck_(plan.steps.size(), false),
       doomed_(plan.steps.size(), false),
       culprit_(plan.steps.size(), Step::none),
       texts_(plan.steps.size()),
@@ -21,66 +33,71 @@ Execution::Execution(const Plan& plan, const std::set<std::size_t>& held)
     for (const std::size_t before : step.after) followers_[before].push_back(i);
     for (const std::size_t before : step.behind) followers_[before].push_back(i);
   }
-  std::vector<bool> stuck(plan.steps.size(), false);
-  if (!held.empty()) stuck = findStuck(held);
-  for (std::size_t i = 0; i < plan.steps.size(); ++i) {
-    if (!stuck[i] && plan.steps[i].impossible.empty()) ++commands_;
-  }
+  findStuck(held);
+  commands_ = static_cast<std::size_t>(std::count(stuck_.begin(), stuck_.end(), false));
   for (std::size_t i = 0; i < plan.steps.size(); ++i) {
     if (missing_[i] != 0 || phases_[i] != Phase::waiting) continue;
     if (release(i)) settle(i, phases_[i]);
   }
 }
 
-// All that cannot go. One that is to be made anew, and of which a step cannot go, waits whole:
-// taken down and not put up again it would be so at every attempt.
-std::vector<bool> Execution::findStuck(std::set<std::size_t> held) {
+// All that cannot go. What would be taken down, and of which a step cannot go, waits whole: it
+// would not be put up again, and so at every attempt.
+void Execution::findStuck(std::set<std::size_t> held) {
   while (true) {
-    std::vector<bool> stuck = findIdle(held);
+    findIdle(held);
     const std::size_t before = held.size();
     for (std::size_t i = 0; i < plan_.steps.size(); ++i) {
       const std::size_t change = plan_.steps[i].change;
-      if (!stuck[i] || change == Step::none) continue;
-      if (plan_.changes[change].action != Change::Action::recreate) continue;
+      if (!stuck_[i] || change == Step::none) continue;
+      if (!takenDown(plan_.changes[change])) continue;
       if (!held.insert(change).second) continue;
       for (const std::size_t needed : plan_.steps[i].after) {
         const std::size_t other = plan_.steps[needed].change;
-        if (!stuck[needed] || other == change) continue;
+        if (!stuck_[needed] || other == change) continue;
         const auto further = waitsFor_.find(other);
         waitsFor_[change] = further == waitsFor_.end() ? needed : further->second;
       }
     }
-    if (held.size() == before) return stuck;
+    if (held.size() == before) return;
   }
 }
 
-// Steps refer to earlier ones, so one pass finds all that cannot go; what is left of pauses is the
-// one that nothing needs any more, and the end of it. Returns all that cannot go.
-std::vector<bool> Execution::findIdle(const std::set<std::size_t>& held) {
+// Steps refer to earlier ones, so one pass finds all that cannot go; then a pause that nothing
+// needs any more is idle, and the end of one around nothing that goes.
+void Execution::findIdle(const std::set<std::size_t>& held) {
   std::vector<bool> needed(plan_.steps.size(), false);
-  std::vector<bool> stuck(plan_.steps.size(), false);
+  const auto isStuck = [&](std::size_t before) { return stuck_[before]; };
   for (std::size_t i = 0; i < plan_.steps.size(); ++i) {
     const Step& step = plan_.steps[i];
-    const auto isStuck = [&](std::size_t before) { return stuck[before]; };
     idle_[i] = held.contains(step.change);
-    stuck[i] = idle_[i] || std::any_of(step.after.begin(), step.after.end(), isStuck);
-    if (stuck[i] || step.change == Step::none) continue;
+    stuck_[i] = idle_[i] || !step.impossible.empty() ||
+                std::any_of(step.after.begin(), step.after.end(), isStuck);
+    if (stuck_[i] || step.change == Step::none) continue;
     for (const std::size_t before : step.after) needed[before] = true;
+    for (const std::size_t before : step.behind) needed[before] = true;
   }
   for (std::size_t i = 0; i < plan_.steps.size(); ++i) {
     const Step& step = plan_.steps[i];
     if (step.change != Step::none) continue;
-    const auto isStuck = [&](std::size_t before) { return stuck[before]; };
-    idle_[i] = step.behind.empty() ? !needed[i]
-                                   : std::all_of(step.behind.begin(), step.behind.end(), isStuck);
-    stuck[i] = stuck[i] || idle_[i];
+    if (step.type == resumeWorker) {
+      idle_[i] = std::all_of(step.behind.begin(), step.behind.end(), isStuck);
+    } else if (step.type == pauseWorker || step.type == checkSchedulingConstraints) {
+      idle_[i] = !needed[i];
+    }
+    stuck_[i] = stuck_[i] || idle_[i];
   }
-  return stuck;
 }
 
 // Everything before it has ended; true if with that it has ended, too.
 bool Execution::release(std::size_t step) {
   const Step& what = plan_.steps[step];
+  if (!what.impossible.empty()) {
+    texts_[step] = what.impossible;
+    ends_[step] = StepEnd::refused;
+    phases_[step] = Phase::failed;
+    return true;
+  }
   if (idle_[step]) {
     const auto other = waitsFor_.find(what.change);
     culprit_[step] = other == waitsFor_.end() ? step : other->second;
@@ -94,12 +111,6 @@ bool Execution::release(std::size_t step) {
   }
   if (doomed_[step]) {
     phases_[step] = Phase::skipped;
-    return true;
-  }
-  if (!what.impossible.empty()) {
-    texts_[step] = what.impossible;
-    ends_[step] = StepEnd::refused;
-    phases_[step] = Phase::failed;
     return true;
   }
   phases_[step] = Phase::ready;
@@ -135,6 +146,17 @@ void Execution::ended(std::size_t step, StepEnd how, const std::string& text) {
   texts_[step] = text;
   // What is unclear may have been done; what comes after is tried, and the switch is read again.
   settle(step, how == StepEnd::done || how == StepEnd::unclear ? Phase::succeeded : Phase::failed);
+}
+
+bool Execution::mayGo(std::size_t step) const {
+  if (stuck_[step]) return false;
+  return phases_[step] == Phase::waiting || phases_[step] == Phase::ready;
+}
+
+std::optional<StepEnd> Execution::end(std::size_t step) const {
+  const bool over = phases_[step] == Phase::succeeded || phases_[step] == Phase::failed;
+  if (!over || !plan_.steps[step].impossible.empty()) return {};
+  return ends_[step];
 }
 
 std::vector<Execution::State> Execution::states() const {

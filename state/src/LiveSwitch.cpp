@@ -88,13 +88,13 @@ class SwitchReader {
     if (response.error().code() != 0) refused(name, response.error());
     return response;
   }
-  [[noreturn]] static void refused(const char* name, const bess::pb::Error& error) {
-    throw ReadError(grpc::StatusCode::UNKNOWN, std::string(name) + " was refused: error " +
-                                                   std::to_string(error.code()) + ": " +
-                                                   error.errmsg());
+  [[noreturn]] static void refused(const std::string& name, const bess::pb::Error& error) {
+    throw ReadError(
+        grpc::StatusCode::UNKNOWN,
+        name + " was refused: error " + std::to_string(error.code()) + ": " + error.errmsg());
   }
   // What was listed a moment ago may have gone.
-  static bool gone(const char* name, const bess::pb::Error& error) {
+  static bool gone(const std::string& name, const bess::pb::Error& error) {
     if (error.code() == 0) return false;
     if (error.code() != ENOENT) refused(name, error);
     return true;
@@ -112,7 +112,7 @@ class SwitchReader {
   void readPorts() {
     const auto reply = told("listPorts", &BESSControl::Stub::ListPorts, empty_);
     for (const auto& shown : reply.ports()) {
-      Port& port = live_.ports[shown.name()];
+      Port port;
       port.driver = shown.driver();
       port.mac = shown.mac_addr();
       port.incQueues = numberIn(shown, newer::incQueues);
@@ -133,18 +133,20 @@ class SwitchReader {
       live_.tellsHooks = live_.tellsHooks || port.incQueues.has_value();
       // A daemon that tells queues tells an argument that is empty by leaving it out.
       if (port.incQueues && !port.arg) port.arg = Any();
-      readPortConf(shown.name(), port);
+      if (readPortConf(shown.name(), port)) live_.ports[shown.name()] = port;
     }
   }
 
-  void readPortConf(const std::string& name, Port& port) {
+  // False when the port has gone.
+  bool readPortConf(const std::string& name, Port& port) {
     bess::pb::GetPortConfRequest request;
     request.set_name(name);
     const auto reply = ask("getPortConf", &BESSControl::Stub::GetPortConf, request);
-    if (gone("getPortConf", reply.error())) return;
+    if (gone("getPortConf", reply.error())) return false;
     // The address is the device's own or made up, unless it was set; nobody tells which.
     if (reply.conf().mtu() != 0) port.mtu = reply.conf().mtu();
     port.adminUp = reply.conf().admin_up();
+    return true;
   }
 
   void readModules() {
@@ -154,13 +156,16 @@ class SwitchReader {
       request.set_name(shown.name());
       const auto info = ask("getModuleInfo", &BESSControl::Stub::GetModuleInfo, request);
       if (gone("getModuleInfo", info.error())) continue;
-      Module& module = live_.modules[shown.name()];
+      Module module;
       module.moduleClass = shown.mclass();
-      module.arg = command(shown.name(), "get_initial_arg");
+      const auto arg = command(shown.name(), "get_initial_arg");
+      if (gone("get_initial_arg of " + shown.name(), arg.error())) continue;
+      module.arg = arg.data();
+      if (!readRuntime(shown.name(), module)) continue;
+      live_.modules[shown.name()] = module;
       // These tell how much is in them at the moment.
       const bool moves = shown.mclass() == "Queue" || shown.mclass() == "FlowGen";
       if (!moves) live_.descriptions[shown.name()] = shown.desc();
-      readRuntime(shown.name(), module);
       readGates(info);
     }
     // What a gate leads to may have gone in the meantime.
@@ -172,23 +177,24 @@ class SwitchReader {
                   [&](const auto& one) { return !live_.modules.contains(one.first.gate.module); });
   }
 
-  std::optional<Any> command(const std::string& name, const char* word) {
+  bess::pb::CommandResponse command(const std::string& name, const char* word) {
     bess::pb::CommandRequest request;
     request.set_name(name);
     request.set_cmd(word);
     request.mutable_arg()->PackFrom(bess::pb::EmptyArg());
-    const auto reply = ask("moduleCommand", &BESSControl::Stub::ModuleCommand, request);
-    if (reply.error().code() != 0) return {};
-    return reply.data();
+    return ask("moduleCommand", &BESSControl::Stub::ModuleCommand, request);
   }
 
-  // What get_runtime_config tells, of settings and of fields of the argument.
-  void readRuntime(const std::string& name, Module& module) {
+  // What get_runtime_config tells, of settings and of fields of the argument; false when the module
+  // has gone.
+  bool readRuntime(const std::string& name, Module& module) {
     const ClassRow* row = classRow(module.moduleClass);
-    if (row == nullptr || !row->readsBack) return;
+    if (row == nullptr || !row->readsBack) return true;
     const auto told = command(name, "get_runtime_config");
-    const auto config = told ? unpacked(*told) : nullptr;
-    if (!config) return;
+    if (told.error().code() == EOPNOTSUPP) return true;
+    if (gone("get_runtime_config of " + name, told.error())) return false;
+    const auto config = unpacked(told.data());
+    if (!config) return true;
     std::unique_ptr<Message> argument;
     if (const auto* type = argumentOf(*row)) argument = newMessage(*type);
     if (module.arg && argument && !module.arg->value().empty()) {
@@ -209,9 +215,10 @@ class SwitchReader {
         changed = true;
       }
     }
-    if (!changed) return;
+    if (!changed) return true;
     module.arg.emplace().PackFrom(*argument);
     module.arg->set_value(serialized(*argument));
+    return true;
   }
 
   static void takeField(Message& argument, const Message& config,

@@ -1,6 +1,7 @@
 #include <google/protobuf/io/coded_stream.h>
 
 #include <algorithm>
+#include <functional>
 
 #include "Node.h"
 #include "PlanBuilder.h"
@@ -63,7 +64,9 @@ ModuleCommand numberCommand(const ClassRow& row, const Setting& setting, std::ui
 }
 
 ModuleCommand clearCommand(std::string_view command) {
-  return {std::string(command), std::make_unique<bess::pb::EmptyArg>(), false};
+  ModuleCommand clear{std::string(command), std::make_unique<bess::pb::EmptyArg>(), false};
+  clear.edit.clears = true;
+  return clear;
 }
 
 // Entries of a repeated field, serialized each as the message with that entry alone.
@@ -99,22 +102,25 @@ std::string removalKey(const ArgumentTable& table, const Message& prototype,
       *only(words(table.key), message->GetReflection()->GetRepeatedMessage(*message, &field, 0)));
 }
 
+// Enters the key of the entry of that number.
+using EnterKey = std::function<void(TableEdit& edit, std::size_t number)>;
+
 // Each is the command's argument with one entry in its list; in as few requests as can be.
 void sendEntries(const ClassRow& row, std::string_view command,
-                 const std::vector<std::string>& entries, std::vector<ModuleCommand>& commands) {
-  std::unique_ptr<Message> message;
+                 const std::vector<std::string>& entries, std::vector<ModuleCommand>& commands,
+                 const EnterKey& enterKey = {}) {
   std::size_t bytes = 0;
-  const auto flush = [&] {
-    if (message) commands.push_back({std::string(command), std::move(message), false});
-    bytes = 0;
-  };
-  for (const std::string& entry : entries) {
-    if (bytes + entry.size() > mostListBytes) flush();
-    if (!message) message = newMessage(*argumentOf(row, command));
-    message->MergeFromString(entry);
-    bytes += entry.size();
+  for (std::size_t i = 0; i < entries.size(); ++i) {
+    if (i == 0 || bytes + entries[i].size() > mostListBytes) {
+      commands.push_back({std::string(command), newMessage(*argumentOf(row, command)), false});
+      commands.back().parts = 0;
+      bytes = 0;
+    }
+    commands.back().argument->MergeFromString(entries[i]);
+    ++commands.back().parts;
+    if (enterKey) enterKey(commands.back().edit, i);
+    bytes += entries[i].size();
   }
-  flush();
 }
 
 // What a module is created with, with as many entries of its table as fit into that request; the
@@ -226,6 +232,7 @@ class ArgumentDifference {
       for (const std::string& entry : after) message->MergeFromString(entry);
       if (message->ByteSizeLong() < mostListBytes) {
         result_.commands.push_back({std::string(table.whole), std::move(message), false});
+        result_.commands.back().parts = after.size();
         return;
       }
     }
@@ -261,18 +268,18 @@ class TableDifference {
 
   // False when no command can do it.
   bool change(const Entries& live) {
-    std::vector<const std::string*> removed, replaced, added;
-    for (const auto& [key, entry] : live) {
-      const auto now = wanted_.table->find(key);
+    Rows removed, replaced, added;
+    for (const auto& one : live) {
+      const auto now = wanted_.table->find(one.first);
       if (now == wanted_.table->end()) {
-        removed.push_back(&entry);
-      } else if (now->second != entry) {
-        replaced.push_back(&entry);
+        removed.push_back(&one);
+      } else if (now->second != one.second) {
+        replaced.push_back(&one);
       }
     }
-    for (const auto& [key, entry] : *wanted_.table) {
-      const auto before = live.find(key);
-      if (before == live.end() || before->second != entry) added.push_back(&entry);
+    for (const auto& one : *wanted_.table) {
+      const auto before = live.find(one.first);
+      if (before == live.end() || before->second != one.second) added.push_back(&one);
     }
     summary = std::to_string(added.size() - replaced.size()) + " added, " +
               std::to_string(removed.size()) + " removed, " + std::to_string(replaced.size()) +
@@ -302,9 +309,9 @@ class TableDifference {
   // Into an empty table.
   bool fill() {
     if (wanted_.table->size() > 1 && setWhole()) return true;
-    std::vector<const std::string*> entries;
-    for (const auto& [key, entry] : *wanted_.table) entries.push_back(&entry);
-    add(entries);
+    Rows all;
+    for (const auto& one : *wanted_.table) all.push_back(&one);
+    add(all);
     return true;
   }
 
@@ -313,6 +320,8 @@ class TableDifference {
   bool wholeSet = false;  // and with it what the request holds beside the entries
 
  private:
+  using Rows = std::vector<const Entries::value_type*>;
+
   // All entries in one request, and what does not fit into it one by one.
   bool setWhole() {
     if (table_.whole.empty()) return false;
@@ -320,13 +329,16 @@ class TableDifference {
     const FieldDescriptor* list =
         message->GetDescriptor()->FindFieldByName(std::string(table_.name));
     std::size_t bytes = 0;
-    std::vector<const std::string*> rest;
-    for (const auto& [key, entry] : *wanted_.table) {
-      bytes += listed(entry.size());
+    Rows rest;
+    TableEdit edit;
+    edit.clears = true;
+    for (const auto& one : *wanted_.table) {
+      bytes += listed(one.second.size());
       if (bytes > mostListBytes) {
-        rest.push_back(&entry);
+        rest.push_back(&one);
       } else {
-        message->GetReflection()->AddMessage(message.get(), list)->ParseFromString(entry);
+        message->GetReflection()->AddMessage(message.get(), list)->ParseFromString(one.second);
+        edit.added.push_back(one.first);
       }
     }
     const auto gate = wanted_.settings.find("default_gate");
@@ -334,38 +346,43 @@ class TableDifference {
       message->GetReflection()->SetUInt64(message.get(), field,
                                           gate == wanted_.settings.end() ? dropGate : gate->second);
     }
-    commands_.push_back({std::string(table_.whole), std::move(message), false});
+    const std::size_t parts = 1 + edit.added.size();
+    commands_.push_back(
+        {std::string(table_.whole), std::move(message), false, std::move(edit), parts});
     add(rest);
     wholeSet = true;
     return true;
   }
 
-  void add(const std::vector<const std::string*>& entries) {
-    if (!table_.addList.empty()) return addListed(entries);
-    for (const std::string* bytes : entries) {
+  void add(const Rows& rows) {
+    if (!table_.addList.empty()) return addListed(rows);
+    for (const auto* row : rows) {
       auto message = newMessage(*argumentOf(row_, table_.add));
-      message->ParseFromString(*bytes);
-      commands_.push_back({std::string(table_.add), std::move(message), false});
+      message->ParseFromString(row->second);
+      commands_.push_back(
+          {std::string(table_.add), std::move(message), false, {false, {}, {row->first}}});
     }
   }
 
-  void addListed(const std::vector<const std::string*>& entries) {
+  void addListed(const Rows& rows) {
     std::vector<std::string> alone;  // each as the command's argument with that entry in its list
-    for (const std::string* bytes : entries) {
+    for (const auto* row : rows) {
       const auto message = newMessage(*argumentOf(row_, table_.add));
       const auto* list = message->GetDescriptor()->FindFieldByName(std::string(table_.addList));
-      message->GetReflection()->AddMessage(message.get(), list)->ParseFromString(*bytes);
+      message->GetReflection()->AddMessage(message.get(), list)->ParseFromString(row->second);
       alone.push_back(serialized(*message));
     }
-    sendEntries(row_, table_.add, alone, commands_);
+    sendEntries(row_, table_.add, alone, commands_, [&](TableEdit& edit, std::size_t number) {
+      edit.added.push_back(rows[number]->first);
+    });
   }
 
-  void remove(const std::vector<const std::string*>& entries) {
-    if (!table_.removeList.empty()) return removeListed(entries);
+  void remove(const Rows& rows) {
+    if (!table_.removeList.empty()) return removeListed(rows);
     const auto keys = words(table_.key);
-    for (const std::string* bytes : entries) {
+    for (const auto* row : rows) {
       const auto entry = newEntry(row_);
-      entry->ParseFromString(*bytes);
+      entry->ParseFromString(row->second);
       const Node values = nodeOf(*entry);
       Node node = Node::map();
       for (const std::string& key : keys) {
@@ -374,16 +391,17 @@ class TableDifference {
       auto message = newMessage(*argumentOf(row_, table_.remove));
       std::vector<Problem> problems;
       readMessage(node, *message, problems);
-      commands_.push_back({std::string(table_.remove), std::move(message), false});
+      commands_.push_back(
+          {std::string(table_.remove), std::move(message), false, {false, {row->first}, {}}});
     }
   }
 
   // By a list of keys, each one text.
-  void removeListed(const std::vector<const std::string*>& entries) {
+  void removeListed(const Rows& rows) {
     std::vector<std::string> alone;
-    for (const std::string* bytes : entries) {
+    for (const auto* row : rows) {
       const auto entry = newEntry(row_);
-      entry->ParseFromString(*bytes);
+      entry->ParseFromString(row->second);
       const auto* key = entry->GetDescriptor()->FindFieldByName(std::string(table_.key));
       const auto message = newMessage(*argumentOf(row_, table_.remove));
       const auto* list = message->GetDescriptor()->FindFieldByName(std::string(table_.removeList));
@@ -391,7 +409,9 @@ class TableDifference {
                                           entry->GetReflection()->GetString(*entry, key));
       alone.push_back(serialized(*message));
     }
-    sendEntries(row_, table_.remove, alone, commands_);
+    sendEntries(row_, table_.remove, alone, commands_, [&](TableEdit& edit, std::size_t number) {
+      edit.removed.push_back(rows[number]->first);
+    });
   }
 
   const ClassRow& row_;

@@ -72,8 +72,8 @@ class Builder : public YAML::EventHandler {
   };
 
   Mark markOf(const YAML::Mark& mark) const {
-    const auto line = static_cast<std::size_t>(mark.line + 1);
-    auto column = static_cast<std::size_t>(mark.column + 1);
+    const std::size_t line = static_cast<std::size_t>(mark.line) + 1;
+    std::size_t column = static_cast<std::size_t>(mark.column) + 1;
     const auto inserted = inserted_.find(line);
     if (inserted == inserted_.end()) return {file_, line, column};
     std::size_t before = 0;  // characters that are not in the file

@@ -31,7 +31,7 @@ std::size_t PlanBuilder::step(GrpcRequestType type, std::unique_ptr<Message> req
                               std::vector<std::size_t> behind) {
   const std::size_t bytes = request->ByteSizeLong();
   plan.steps.push_back(
-      {type, std::move(request), queue, change, std::move(after), std::move(behind), ""});
+      {type, std::move(request), queue, change, std::move(after), std::move(behind), "", {}, 1});
   if (bytes > mostRequestBytes) {  // the call would fail, and with it all that is not sent yet
     plan.steps.back().request.reset();
     plan.steps.back().impossible = "it takes a request of " + std::to_string(bytes) +
@@ -243,6 +243,7 @@ class Planner {
   template <class Map>
   static std::vector<std::size_t> ends(const Map& steps) {
     std::vector<std::size_t> all;
+    all.reserve(steps.size());
     for (const auto& one : steps) all.push_back(one.second);
     return all;
   }

@@ -58,6 +58,8 @@ struct ModuleCommand {
   std::string command;
   std::unique_ptr<Message> argument;
   bool whileRunning = false;
+  TableEdit edit{};
+  std::size_t parts = 1;
 };
 
 // How a module gets from one state to another while it lives.
@@ -130,6 +132,8 @@ class TrafficPlanner {
   bool schedulerChanges(std::int64_t worker) const;
   void findChildren();
   TrafficClass placedClass(const std::string& name) const;
+  // It cannot be made.
+  static bool lacksResource(const TrafficClass& one);
   std::string whyChanges(const TrafficClass& live, const TrafficClass& target) const;
   bool fresh(const std::string& name) const;
   std::vector<std::size_t> needs(const Place& place) const;

@@ -30,21 +30,20 @@ constexpr std::pair<Kind, const char*> kindNames[] = {
     {Kind::trafficClass, "traffic_class"},
 };
 
-// Which changes there is a command for that can go, or none of their own at all.
-std::vector<bool> touchedBy(const Plan& plan) {
-  std::vector<bool> goes(plan.steps.size(), false);
-  std::vector<bool> touched(plan.changes.size(), false), stated(plan.changes.size(), false);
+// The steps of each change.
+std::vector<std::vector<std::size_t>> stepsOf(const Plan& plan) {
+  std::vector<std::vector<std::size_t>> steps(plan.changes.size());
   for (std::size_t i = 0; i < plan.steps.size(); ++i) {
-    const Step& step = plan.steps[i];
-    goes[i] =
-        step.impossible.empty() && std::all_of(step.after.begin(), step.after.end(),
-                                               [&](std::size_t before) { return goes[before]; });
-    if (step.change == Step::none) continue;
-    stated[step.change] = true;
-    if (goes[i]) touched[step.change] = true;
+    if (plan.steps[i].change != Step::none) steps[plan.steps[i].change].push_back(i);
   }
-  for (std::size_t i = 0; i < touched.size(); ++i) touched[i] = touched[i] || !stated[i];
-  return touched;
+  return steps;
+}
+
+// Whether the command may have changed something.
+bool mayHaveChanged(const Execution& execution, std::size_t step) {
+  const auto end = execution.end(step);
+  if (!end || *end == StepEnd::dropped) return false;
+  return *end != StepEnd::refused || execution.plan().steps[step].parts > 1;
 }
 
 const char* kindName(Kind kind) {
@@ -272,54 +271,65 @@ bool Record::hidden(const Object& object, const Switch& wanted) {
   return module->second.table || !module->second.settings.empty();
 }
 
-void Record::begin(const Plan& plan, const Switch& wanted) {
-  const std::vector<bool> touched = touchedBy(plan);
-  for (std::size_t i = 0; i < plan.changes.size(); ++i) {
-    const Change& change = plan.changes[i];
-    if (!touched[i]) continue;
-    const bool inPlace =
-        change.object.kind == Kind::module && change.action == Change::Action::change;
-    const bool unseen =
-        hidden(change.object, wanted) || hidden(change.object, plan.unfinished.comesBack);
-    if (change.action == Change::Action::remove || !(inPlace || unseen)) continue;
-    entries_[change.object] = {};
-    entries_[change.object].doubtful = true;
-  }
+// What there is of the object, to be changed; `change` is what changes it.
+Record::Entry& Record::opened(const Object& object, std::size_t change) {
+  const auto known = entries_.find(object);
+  former_.try_emplace(
+      object,
+      Former{change, known == entries_.end() ? std::nullopt : std::optional(known->second)});
+  return entries_[object];
+}
+
+void Record::begin(const Execution& execution, const Switch& wanted) {
+  const Plan& plan = execution.plan();
+  former_.clear();
   unfinished_ = plan.unfinished;
+  const auto steps = stepsOf(plan);
+  const auto mayGo = [&](std::size_t step) { return execution.mayGo(step); };
   for (std::size_t i = 0; i < plan.changes.size(); ++i) {
-    const Change& change = plan.changes[i];
-    if (!touched[i]) continue;
-    // A class that is made anew is so for its policy or place, which the daemon tells.
-    const bool classAnew =
-        change.object.kind == Kind::trafficClass && change.action == Change::Action::recreate;
-    if (change.action == Change::Action::create || classAnew) enterMade(change.object, wanted);
-    // Another address of a port that is made anew is no sign of another life.
-    const bool inPlace = change.action == Change::Action::change;
-    if (change.object.kind == Kind::port && !inPlace) addresses_.erase(change.object.name);
-    if (change.action != Change::Action::recreate) continue;
-    if (change.object.kind == Kind::port) {
-      entries_[change.object] = {};
-      entries_[change.object].doubtful = true;
-    } else if (change.object.kind == Kind::worker) {
-      entries_[change.object].word.reset();
-      entries_[change.object].wordDoubtful = true;
+    const bool goes = steps[i].empty() || std::any_of(steps[i].begin(), steps[i].end(), mayGo);
+    if (goes) beginChange(plan, i, wanted);
+  }
+  for (std::size_t i = 0; i < plan.steps.size(); ++i) {
+    const Step& step = plan.steps[i];
+    if (!step.request || !execution.mayGo(i)) continue;
+    if (step.type == configureGateHook) {
+      const auto& request = static_cast<const bess::pb::ConfigureGateHookRequest&>(*step.request);
+      if (!request.enable()) opened(objectOf(pointIn(request.hook())), step.change).doubtful = true;
+    } else if (step.type == pauseWorker && step.change == Step::none) {  // only meanwhile
+      const auto id = static_cast<const bess::pb::PauseWorkerRequest&>(*step.request).wid();
+      entries_[{Kind::worker, std::to_string(id)}].doubtful = true;
     }
   }
-  for (const Step& step : plan.steps) {
-    if (step.type != configureGateHook || !step.request) continue;
-    const auto& request = static_cast<const bess::pb::ConfigureGateHookRequest&>(*step.request);
-    if (!request.enable()) entries_[objectOf(pointIn(request.hook()))].doubtful = true;
+}
+
+void Record::beginChange(const Plan& plan, std::size_t number, const Switch& wanted) {
+  const auto& [action, object, details] = plan.changes[number];
+  const bool anew = action == Change::Action::recreate;
+  const bool inPlace = object.kind == Kind::module && action == Change::Action::change;
+  const bool unseen = hidden(object, wanted) || hidden(object, plan.unfinished.comesBack);
+  const bool portAnew = object.kind == Kind::port && anew;
+  if (action != Change::Action::remove && (inPlace || unseen || portAnew)) {
+    Entry& entry = opened(object, number) = {};
+    entry.doubtful = true;
   }
-  // Workers that only pause meanwhile.
-  for (const Step& step : plan.steps) {
-    if (step.type != pauseWorker || step.change != Step::none || !step.request) continue;
-    const auto id = static_cast<const bess::pb::PauseWorkerRequest&>(*step.request).wid();
-    entries_[{Kind::worker, std::to_string(id)}].doubtful = true;
+  // A class that is made anew is so for its policy or place, which the daemon tells.
+  const bool classAnew = object.kind == Kind::trafficClass && anew;
+  if (action == Change::Action::create || classAnew) {
+    Entry entry = madeWith(object, wanted);
+    if (!entry.holdsNothing()) opened(object, number) = std::move(entry);
+  }
+  // Another address of a port that is made anew is no sign of another life.
+  if (object.kind == Kind::port && action != Change::Action::change) addresses_.erase(object.name);
+  if (object.kind == Kind::worker && anew) {
+    Entry& entry = opened(object, number);
+    entry.word.reset();
+    entry.wordDoubtful = true;
   }
 }
 
 // What an object is made with in one command holds if it is there afterwards.
-void Record::enterMade(const Object& object, const Switch& wanted) {
+Record::Entry Record::madeWith(const Object& object, const Switch& wanted) {
   Entry entry;
   if (object.kind == Kind::port) {
     const auto port = wanted.ports.find(object.name);
@@ -332,7 +342,7 @@ void Record::enterMade(const Object& object, const Switch& wanted) {
     const auto worker = wanted.workers.find(std::atoll(object.name.c_str()));
     if (worker != wanted.workers.end()) entry.word = worker->second.scheduler.value_or("");
   }
-  if (!entry.holdsNothing()) entries_[object] = std::move(entry);
+  return entry;
 }
 
 // A worker that was paused for a change that was cut short is in doubt until it runs again, or
@@ -382,6 +392,110 @@ Record::Entry Record::entryOf(const Object& object, const Switch& wanted, const 
   return entry;
 }
 
+std::vector<Execution::State> Record::settled(const Execution& execution, const LiveSwitch& after,
+                                              const Switch& wanted, const PlanOptions& options) {
+  const Plan& plan = execution.plan();
+  std::vector<Execution::State> states = execution.states();
+  const auto unclear = [](const auto& state) {
+    return state.kind == Execution::State::Kind::unclear;
+  };
+  if (std::none_of(states.begin(), states.end(), unclear)) return states;
+  std::set<Object> open;
+  for (const Change& change : makePlan(after, wanted, options).changes) open.insert(change.object);
+  for (std::size_t i = 0; i < plan.steps.size(); ++i) {
+    const Step& step = plan.steps[i];
+    if (step.type != moduleCommand || execution.end(i) != StepEnd::unclear) continue;
+    const Object& object = plan.changes[step.change].object;
+    const bool unseen = hidden(object, wanted) || hidden(object, plan.unfinished.comesBack);
+    if (unseen) open.insert(object);
+  }
+  for (std::size_t i = 0; i < states.size(); ++i) {
+    if (unclear(states[i]) && !open.contains(plan.changes[i].object)) states[i] = {};
+  }
+  return states;
+}
+
+// Of what was not done: as it was, where nothing can have changed; else as far as it is known.
+void Record::endOpened(const Execution& execution, const std::vector<Execution::State>& states,
+                       const Switch& wanted, const LiveSwitch& after) {
+  const Plan& plan = execution.plan();
+  const auto steps = stepsOf(plan);
+  const auto changed = [&](std::size_t step) { return mayHaveChanged(execution, step); };
+  for (auto& [object, former] : former_) {
+    if (states[former.change].kind == Execution::State::Kind::done) continue;
+    const auto& own = steps[former.change];
+    std::optional<Entry> known;
+    if (std::none_of(own.begin(), own.end(), changed)) {
+      known = former.entry.value_or(Entry());
+    } else if (object.kind == Kind::module && after.modules.contains(object.name)) {
+      const bool stated = wanted.modules.contains(object.name);
+      const Switch& goal = stated ? wanted : plan.unfinished.comesBack;
+      const bool whole = goal.modules.contains(object.name);
+      if (whole)
+        known = partly(execution, own, object, former.entry.value_or(Entry()), goal, after);
+    }
+    if (!known) continue;
+    if (known->holdsNothing()) {
+      entries_.erase(object);
+    } else {
+      entries_[object] = std::move(*known);
+    }
+  }
+  former_.clear();
+}
+
+namespace {
+
+// What commands have made of a table; none: it is not known.
+void carryOut(const TableEdit& edit, const Entries& rows, std::optional<Entries>& table) {
+  if (edit.clears) table.emplace();
+  if (!table) return;
+  for (const std::string& key : edit.removed) table->erase(key);
+  for (const std::string& key : edit.added) (*table)[key] = rows.at(key);
+}
+
+}  // namespace
+
+// A module of which some commands were done and others were not; none: what it is now is not known.
+std::optional<Record::Entry> Record::partly(const Execution& execution,
+                                            const std::vector<std::size_t>& steps,
+                                            const Object& object, Entry former, const Switch& goal,
+                                            const LiveSwitch& after) {
+  const Module& stated = goal.modules.at(object.name);
+  std::optional<Entries> table = former.doubtful ? std::nullopt : former.table;
+  bool made = false;
+  std::size_t edits = 0, set = 0, unset = 0;
+  for (const std::size_t step : steps) {
+    const Step& what = execution.plan().steps[step];
+    const bool done = execution.end(step) == StepEnd::done;
+    const bool own =
+        what.type == moduleCommand || what.type == createModule || what.type == destroyModule;
+    if (own && !done && mayHaveChanged(execution, step)) return {};
+    if (what.type == createModule && done) {
+      made = true;
+      former = {};
+      table.emplace();
+    } else if (what.type == moduleCommand && stated.table && !what.edit.empty()) {
+      ++edits;
+      if (done) carryOut(what.edit, *stated.table, table);
+    } else if (what.type == moduleCommand) {
+      ++(done ? set : unset);
+    }
+  }
+  // What it was made with, or set to, is as stated when nothing of it is missing.
+  const bool asStated = made || set != 0 || former.doubtful;
+  if (asStated && unset != 0) return {};
+  if (edits != 0 && !table) return {};
+  Entry entry = entryOf(object, goal, after);
+  if (!asStated) {
+    entry.arg = former.arg;
+    entry.settings = former.settings;
+  }
+  const bool tabled = edits != 0 || (made && stated.table);
+  if (!after.modules.at(object.name).table) entry.table = tabled ? table : former.table;
+  return entry;
+}
+
 // Of the hooks that were put there, the argument is known; of the others, nothing new.
 void Record::endHooks(const Plan& plan, const std::vector<Execution::State>& states,
                       const LiveSwitch& after) {
@@ -422,8 +536,10 @@ void Record::endUnfinished(const std::vector<Execution::State>& states, const Li
   if (back.objects() == back.plugins.size()) back = Switch();
 }
 
-void Record::end(const Plan& plan, const std::vector<Execution::State>& states,
+void Record::end(const Execution& execution, const std::vector<Execution::State>& states,
                  const Switch& wanted, const LiveSwitch& after) {
+  const Plan& plan = execution.plan();
+  endOpened(execution, states, wanted, after);
   std::set<Object> pausedWorkers;
   for (const auto& [object, entry] : entries_) {
     if (object.kind == Kind::worker && entry.doubtful) pausedWorkers.insert(object);

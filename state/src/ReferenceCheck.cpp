@@ -51,7 +51,7 @@ class ReferenceCheck {
   // With the nearest name there is, as long as somebody looks at it.
   template <class Map>
   std::string missing(const std::string& what, const std::string& name, Map Switch::*member) {
-    const std::string text =
+    std::string text =
         "no " + what + " \"" + name + "\"" + (live_ ? " here or on the switch" : " here");
     if (problems.size() >= shownProblems) return text;
     std::vector<std::string>& names = names_[what];
@@ -221,16 +221,16 @@ std::vector<std::string> gateWarnings(const Switch& wanted) {
     if (row == nullptr) continue;
     const std::string last =
         ", and the last of class " + module.moduleClass + " is " + std::to_string(row->outputs - 1);
+    const std::string who = "module " + name + ": its ";
     for (const std::int64_t gate : gatesBeyond(module)) {
-      warnings.push_back("module " + name + ": its argument names gate " + std::to_string(gate) +
-                         last);
+      warnings.push_back(who + "argument names gate " + std::to_string(gate) + last);
     }
     const auto gate = module.settings.find("default_gate");
     const bool beyond =
         gate != module.settings.end() && gate->second >= row->outputs && gate->second != dropGate;
     if (beyond) {
-      warnings.push_back("module " + name + ": its default gate is " +
-                         std::to_string(gate->second) + last + "; drop says that none is meant");
+      warnings.push_back(who + "default gate is " + std::to_string(gate->second) + last +
+                         "; drop says that none is meant");
     }
   }
   return warnings;

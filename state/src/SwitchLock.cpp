@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -62,14 +63,20 @@ SwitchLock::Holder namedIn(int descriptor) {
   return holder;
 }
 
-// None when nobody has a lock on it.
+// As far as it can be seen from here: in a container, perhaps not.
+bool lives(pid_t process) {
+  return kill(process, 0) == 0 || errno != ESRCH;
+}
+
+// None when nobody has a lock on it. A name of a process that is gone is of a former holder.
 std::optional<SwitchLock::Holder> holderOf(int descriptor, const std::string& file) {
   for (int look = 1;; ++look) {
     struct flock lock = lockOf(F_RDLCK);
     if (fcntl(descriptor, F_OFD_GETLK, &lock) != 0) failFile("cannot look at", file);
     if (lock.l_type == F_UNLCK) return {};
     SwitchLock::Holder holder = namedIn(descriptor);
-    if (!holder.program.empty() || look == looksForAName) return holder;
+    const bool there = !holder.program.empty() && lives(holder.process);
+    if (there || look == looksForAName) return holder;
     std::this_thread::sleep_for(betweenLooks);
   }
 }

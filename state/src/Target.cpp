@@ -109,10 +109,13 @@ class TargetFinder {
                                 : target_.trafficClasses.contains(place.parent);
   }
 
-  // Where they were, unless they say where.
+  // Where they were, and of what, unless they say.
   void placeClasses() {
     for (auto& [name, one] : target_.trafficClasses) {
-      if (one.place.stated() || live_.trafficClasses.contains(name)) continue;
+      const auto live = live_.trafficClasses.find(name);
+      const bool same = live != live_.trafficClasses.end() && live->second.policy == one.policy;
+      if (one.resource.empty() && same) one.resource = live->second.resource;
+      if (one.place.stated() || live != live_.trafficClasses.end()) continue;
       const auto back = back_.trafficClasses.find(name);
       if (back != back_.trafficClasses.end() && there(back->second.place)) {
         one.place = back->second.place;

@@ -199,7 +199,7 @@ std::string TrafficPlanner::refusal(const Move& move) const {
     return "no worker " + std::to_string(place.worker) +
            " is there for its task; state one under \"workers\"";
   }
-  if (const std::string why = unfit(place); !why.empty()) return why;
+  if (std::string why = unfit(place); !why.empty()) return why;
   const std::string who = crowded(place, move.module, move.number);
   if (who.empty()) return "";
   return "there is no room for it below " + place.parent + ": " + who +

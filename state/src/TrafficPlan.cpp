@@ -243,7 +243,14 @@ void TrafficPlanner::rebuild(std::int64_t worker) {
       builder_.detail(change, "traffic class " + name + " changes, and cannot while it is there");
       builder_.detail(builder_.change({Kind::trafficClass, name}, Action::recreate), other);
     }
+    if (now != target_.trafficClasses.end() && lacksResource(now->second)) {
+      workerAdded_[worker] =
+          builder_.impossible("its traffic class " + name +
+                                  " would go with it, and its resource is not known; state it",
+                              change);
+    }
   }
+  if (workerAdded_.contains(worker)) return;
   std::vector<std::size_t> gone;
   if (!tasksOf_[worker].empty()) {
     const std::int64_t holding = freeWorker();
@@ -339,6 +346,10 @@ TrafficClass TrafficPlanner::placedClass(const std::string& name) const {
   return placed;
 }
 
+bool TrafficPlanner::lacksResource(const TrafficClass& one) {
+  return one.resource.empty() && (one.policy == "weighted_fair" || one.policy == "rate_limit");
+}
+
 void TrafficPlanner::addClass(const std::string& name) {
   if (classAdded_.contains(name)) return;
   const TrafficClass& one = target_.trafficClasses.at(name);
@@ -351,7 +362,7 @@ void TrafficPlanner::addClass(const std::string& name) {
   const bool isNew = live == live_.trafficClasses.end();
   const std::size_t change =
       builder_.change({Kind::trafficClass, name}, isNew ? Action::create : Action::recreate);
-  if (one.resource.empty() && (one.policy == "weighted_fair" || one.policy == "rate_limit")) {
+  if (lacksResource(one)) {
     classAdded_[name] = builder_.impossible("its resource is not known; state it", change);
     return;
   }

@@ -111,6 +111,7 @@ class MessageReader {
 
   void checkNames(const Node& node, const Descriptor& type) {
     std::vector<std::string> names;
+    names.reserve(static_cast<std::size_t>(type.field_count()));
     for (int i = 0; i < type.field_count(); ++i) names.push_back(type.field(i)->name());
     std::map<const google::protobuf::OneofDescriptor*, std::string> chosen;
     std::set<const FieldDescriptor*> seen;
@@ -431,7 +432,7 @@ std::optional<std::string> bytesOf(const std::string& text, std::size_t width) {
     return std::string(address, 16);
   }
   if (text.size() > 2 && (text.rfind("0x", 0) == 0 || text.rfind("0X", 0) == 0)) {
-    const auto bytes = hexBytes(text.substr(2));
+    auto bytes = hexBytes(text.substr(2));
     if (!bytes || width == 0) return bytes;
     return widened(*bytes, width);
   }

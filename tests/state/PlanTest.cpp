@@ -523,6 +523,177 @@ TEST_F(PlanTest, TheTableOfAWildcardMatchIsNotAskedFor) {
   }
 }
 
+// Refused at every attempt, it would otherwise be taken apart at every one.
+TEST_F(PlanTest, ARefusedValueLeavesTheModuleAsItWas) {
+  const std::string split = "modules: {r: {class: RandomSplit, arg: {drop_rate: 0.5, gates: [0]}}}";
+  TestSwitch daemon;
+  EXPECT_THAT(daemon.apply(split).refusals, IsEmpty());
+  const std::string other = changed(split, "0.5", "2");
+  for (int attempt = 0; attempt < 3; ++attempt) {
+    const auto applied = daemon.apply(other);
+    EXPECT_THAT(commands(applied.plan), ElementsAre("moduleCommand r set_droprate"));
+    EXPECT_EQ(applied.refusals.size(), 1u);
+  }
+  EXPECT_EQ(summary(daemon.plan(split)), "");
+}
+
+TEST_F(PlanTest, ARefusedEntryLeavesTheOthersAsTheyAre) {
+  const std::string table = "modules: {t: {class: IPLookup, rules: [%]}}";
+  const std::string two = "{prefix: 10.0.0.0/8, gate: 1}, {prefix: 11.0.0.0/8, gate: 2}";
+  const std::string four = two + ", {prefix: 12.0.0.0/8, gate: 1}, {prefix: 13.0.0.0/8, gate: 2}";
+  TestSwitch daemon;
+  // The question before them is the first of its commands once it is there.
+  const auto refuse = [&](const char* number) {
+    daemon.server().addFault(Standin::Fault::parse(
+        std::string("kind=error rpc=moduleCommand name=t code=28 nth=") + number));
+  };
+  refuse("2");
+  EXPECT_EQ(daemon.apply(changed(table, "%", two)).refusals.size(), 1u);
+  EXPECT_THAT(commands(daemon.plan(changed(table, "%", two))), ElementsAre("moduleCommand t add"));
+  EXPECT_THAT(daemon.apply(changed(table, "%", two)).refusals, IsEmpty());
+  EXPECT_EQ(summary(daemon.plan(changed(table, "%", two))), "");
+  daemon.server().clearFaults();
+  refuse("3");
+  EXPECT_EQ(daemon.apply(changed(table, "%", four)).refusals.size(), 1u);
+  EXPECT_THAT(commands(daemon.plan(changed(table, "%", four))), ElementsAre("moduleCommand t add"));
+  daemon.server().clearFaults();
+  EXPECT_THAT(daemon.apply(changed(table, "%", four)).refusals, IsEmpty());
+  refuse("2");
+  const std::string moved =
+      changed(changed(table, "%", four), "13.0.0.0/8, gate: 2", "13.0.0.0/8, gate: 7");
+  EXPECT_EQ(daemon.apply(moved).refusals.size(), 1u);
+  EXPECT_THAT(commands(daemon.plan(moved)), ElementsAre("moduleCommand t add"));
+  // What did not decode may be there or not.
+  daemon.server().clearFaults();
+  EXPECT_THAT(daemon.apply(moved).refusals, IsEmpty());
+  daemon.server().addFault(
+      Standin::Fault::parse("kind=undecodable rpc=moduleCommand name=t nth=2"));
+  EXPECT_EQ(daemon.apply(changed(table, "%", two)).states.at(0).kind,
+            Execution::State::Kind::unclear);
+  EXPECT_THAT(commands(daemon.plan(changed(table, "%", two))),
+              ElementsAre("moduleCommand t clear", "moduleCommand t add", "moduleCommand t add"));
+}
+
+TEST_F(PlanTest, WhatARefusalMayHaveLeftHalfDoneIsInDoubt) {
+  const std::string table = "modules: {t: {class: L2Forward, default_gate: 1, entries: [%]}}";
+  const std::string one = "{addr: \"02:00:00:00:00:01\", gate: 1}";
+  const std::string three = one + ", {addr: \"02:00:00:00:00:02\", gate: 1}" +
+                            ", {addr: \"02:00:00:00:00:03\", gate: 1}";
+  TestSwitch daemon;
+  const auto refuse = [&](int number) {
+    daemon.server().clearFaults();
+    daemon.server().addFault(Standin::Fault::parse(
+        "kind=error rpc=moduleCommand name=t code=28 nth=" + std::to_string(number)));
+  };
+  // Two entries in one request.
+  EXPECT_THAT(daemon.apply(changed(table, "%", one)).refusals, IsEmpty());
+  refuse(2);
+  EXPECT_EQ(daemon.apply(changed(table, "%", three)).refusals.size(), 1u);
+  EXPECT_THAT(summary(daemon.plan(changed(table, "%", three))), testing::HasSubstr("set again"));
+  EXPECT_THAT(daemon.apply(changed(table, "%", three)).refusals, IsEmpty());
+  EXPECT_EQ(summary(daemon.plan(changed(table, "%", three))), "");
+  // A new one, but for its default gate.
+  daemon.reset();
+  refuse(2);
+  EXPECT_EQ(daemon.apply(changed(table, "%", one)).refusals.size(), 1u);
+  EXPECT_THAT(summary(daemon.plan(changed(table, "%", one))), testing::HasSubstr("default_gate"));
+}
+
+TEST_F(PlanTest, WhatWaitsForAnotherIsNotInDoubt) {
+  const std::string right =
+      "workers: {0: {core: 0}}\n"
+      "modules: {s: {class: Source, burst: 16, tasks: {wid: 0}}, d: Sink}\nconnections: [s -> d]\n";
+  TestSwitch daemon;
+  EXPECT_THAT(daemon.apply(right).refusals, IsEmpty());
+  daemon.server().addFault(Standin::Fault::parse("kind=error rpc=addTc code=28"));
+  const std::string slow = changed(right, "{wid: 0}", "slow") +
+                           "traffic_classes: {slow: {policy: round_robin, wid: 0}}\n";
+  for (int attempt = 0; attempt < 3; ++attempt) {
+    const auto applied = daemon.apply(slow);
+    EXPECT_EQ(applied.refusals.size(), 1u);
+    EXPECT_THAT(commands(applied.plan), testing::Not(testing::Contains("destroyModule s")));
+  }
+  EXPECT_EQ(summary(daemon.plan(right)), "");
+}
+
+TEST_F(PlanTest, AWorkerIsNotTakenFromAClassThatCannotBeMadeAgain) {
+  const std::string document =
+      "workers: {0: {core: 0}}\n"
+      "modules: {s: {class: Source, tasks: w}, d: Sink}\nconnections: [s -> d]\n"
+      "traffic_classes: {w: {policy: weighted_fair, resource: packet, wid: 0}}\n";
+  const std::string elsewhere = changed(document, "core: 0", "core: 1");
+  const std::string unknown = changed(elsewhere, "resource: packet", "resource: unknown");
+  TestSwitch daemon;
+  EXPECT_THAT(daemon.apply(document).refusals, IsEmpty());
+  // What the record knows is of use, also where the document does not.
+  const auto applied = daemon.apply(unknown);
+  EXPECT_THAT(applied.refusals, IsEmpty());
+  EXPECT_THAT(commands(applied.plan), testing::Contains("addTc w"));
+  EXPECT_EQ(daemon.read().workers.at(0).core, 1);
+
+  TestSwitch other;
+  other.load(
+      R"({"type":"addWorker","request":{"wid":"0","core":"0"}})"
+      "\n"
+      R"({"type":"createModule","request":{"name":"s","mclass":"Source"}})"
+      "\n"
+      R"({"type":"addTc","request":{"class":{"name":"w","policy":"weighted_fair","resource":"packet","wid":"0"}}})"
+      "\n");
+  const auto refused = other.apply(changed(unknown, ", tasks: w", ""));
+  EXPECT_THAT(refused.refusals, IsEmpty()) << "nothing is sent for it";
+  EXPECT_THAT(refused.plan.pauses, IsEmpty());
+  for (const auto& state : refused.states) {
+    if (state.kind == Execution::State::Kind::refused) {
+      EXPECT_THAT(state.text, testing::HasSubstr("its resource is not known; state it"));
+    }
+  }
+  EXPECT_EQ(other.read().workers.at(0).core, 0);
+  EXPECT_TRUE(other.read().trafficClasses.contains("w"));
+}
+
+TEST_F(PlanTest, AWorkerPausesAlsoWhileSomethingElseWaits) {
+  const Plan both = daemon_.plan(
+      changed(changed(fib, "10.0.0.2", "10.0.0.3"), "  b: Sink\n", "  b: Sink\n  late: Sink\n"));
+  std::set<std::size_t> held;
+  for (std::size_t i = 0; i < both.changes.size(); ++i) {
+    if (both.changes[i].object.name == "late") held.insert(i);
+  }
+  ASSERT_EQ(held.size(), 1u);
+  Execution execution(both, held);
+  std::vector<GrpcRequestType> types;
+  while (const auto step = execution.next()) {
+    types.push_back(both.steps[*step].type);
+    execution.ended(*step, StepEnd::done);
+  }
+  EXPECT_THAT(types, ElementsAre(pauseWorker, moduleCommand, moduleCommand, resumeWorker));
+}
+
+TEST_F(PlanTest, WhatHasGoneWhileItWasAskedIsLeftOut) {
+  TestSwitch daemon;
+  const std::string document =
+      "ports: {p: {driver: PMDPort, arg: {vdev: net_null0}}}\n"
+      "modules: {q: Queue, d: Sink}\nconnections: [q -> d]\n";
+  EXPECT_THAT(daemon.apply(document).refusals, IsEmpty());
+  const auto gone = [&](const std::string& call) {
+    daemon.server().clearFaults();
+    daemon.server().addFault(Standin::Fault::parse("kind=error code=2 " + call));
+    return daemon.read();
+  };
+  EXPECT_FALSE(gone("rpc=getPortConf").ports.contains("p"));
+  for (const char* call : {"rpc=getModuleInfo name=q", "rpc=moduleCommand name=q nth=1",
+                           "rpc=moduleCommand name=q nth=2"}) {
+    const LiveSwitch live = gone(call);
+    EXPECT_FALSE(live.modules.contains("q")) << call;
+    EXPECT_TRUE(live.modules.contains("d")) << call;
+    EXPECT_TRUE(live.connections.empty()) << call;
+  }
+  // What a class does not tell is no reason to leave it out.
+  daemon.server().clearFaults();
+  daemon.server().addFault(
+      Standin::Fault::parse("kind=error code=95 rpc=moduleCommand name=q nth=2"));
+  EXPECT_TRUE(daemon.read().modules.contains("q"));
+}
+
 TEST_F(PlanTest, ANewTaskDoesNotComeToAWorkerThatGoes) {
   TestSwitch daemon;
   // The plan of one document after the other, as steps that may go together go together.

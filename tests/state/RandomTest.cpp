@@ -247,6 +247,11 @@ void applyEach(TestSwitch& daemon, const PlanOptions& options,
     SCOPED_TRACE("seed " + std::to_string(seed) + "\n" + last + "becomes\n" + document +
                  summary(applied.plan));
     EXPECT_THAT(applied.refusals, testing::IsEmpty());
+    for (std::size_t i = 0; i < applied.states.size(); ++i) {
+      EXPECT_EQ(applied.states[i].kind, Execution::State::Kind::done)
+          << text(applied.plan.changes[i].object) << ": " << applied.states[i].text
+          << applied.states[i].because;
+    }
     EXPECT_EQ(schemaProblem(json(wanted(document))), "");
     check(document);
     last = document;

@@ -45,7 +45,10 @@ class TestSwitch {
   Plan plan(const std::string& document, const PlanOptions& options = {});
 
  private:
+  Applied carryOut(Execution& execution);
+
   std::unique_ptr<Standin::Server> server_;
+  std::shared_ptr<grpc::Channel> channel_;
   Record record_;
 };
 

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <httplib.h>
+#include <netdb.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -260,6 +261,27 @@ TEST(WebTest, ServesAgainWhenItsSocketIsBroken) {
     return notice.starts_with("the pages cannot be served at " + address + ": ");
   }));
   EXPECT_TRUE(comes(served));
+}
+
+TEST(WebTest, SaysThatThereIsNoSuchHost) {
+  Board board;
+  const Metrics metrics;
+  std::mutex mutex;
+  std::string notice;
+  const Web web("nowhere.invalid:1", board, metrics, [&](const std::string& text) {
+    const std::lock_guard guard(mutex);
+    notice = text;
+  });
+  std::string said;
+  EXPECT_TRUE(comes([&] {
+    const std::lock_guard guard(mutex);
+    said = notice;
+    return said.starts_with("the pages cannot be served at nowhere.invalid:1: ");
+  }));
+  // As the resolver says it, or its network; not as a call that was never made.
+  EXPECT_TRUE(said.find(gai_strerror(EAI_NONAME)) != std::string::npos ||
+              said.find(gai_strerror(EAI_AGAIN)) != std::string::npos)
+      << said;
 }
 
 TEST(UnderWayTest, TellsTheNextProcessWhatThisOneDiedOf) {

@@ -311,13 +311,19 @@ def test_a_worker_that_nobody_has_is_an_error_before_anything_is_sent():
 def test_a_question_that_is_refused_is_no_empty_answer():
     switch = Switch(Controlled)
     switch.apply(ONE)
-    for rpc in ("listModules", "listPorts", "listWorkers", "listTcs", "getModuleInfo", "listPlugins"):
+    switch.apply("modules: {told: Queue}\n")
+    questions = [(rpc, "nth=1", rpc) for rpc in (
+        "getVersion", "listPlugins", "listMclass", "listDrivers", "listWorkers", "listPorts", "getPortConf",
+        "listModules", "getModuleInfo", "listTcs")]
+    questions += [("moduleCommand name=told", "nth=1", "get_initial_arg of told"),
+                  ("moduleCommand name=told", "nth=2", "get_runtime_config of told")]
+    for rpc, which, said in questions:
         for words in (["export"], ["plan", switch.document(ONE)], ["apply", "--yes", "--prune", switch.document(ONE)]):
             switch.standin.clear()
-            switch.standin.fault(f"kind=error rpc={rpc} nth=1 code=22 text=not now")
+            switch.standin.fault(f"kind=error rpc={rpc} {which} code=22 text=not now")
             finished = norvctl(*words, *switch.options)
             equal(finished.status, 3, (rpc, finished))
-            assert f"{rpc} was refused: error 22: not now\n" in finished.err, finished
+            assert f"{said} was refused: error 22: not now\n" in finished.err, finished
             equal(finished.out, "")
     switch.standin.clear()
     equal(switch.plan(ONE).status, 0)
@@ -368,6 +374,30 @@ def test_much_is_not_deleted_without_a_word():
     switch.apply(many(7), "--prune")  # less than half
     switch.apply("", "--prune", "--allow-mass-delete")
     equal(switch.export(), "workers: {}\n")
+
+
+def test_who_thinks_at_the_prompt_keeps_nobody_waiting():
+    switch = Switch(Controlled)
+    terminal = Terminal("apply", *switch.options, switch.document(many(12)), input=True)
+    terminal.wait_for(r"Carry it out\? \[y/N\] ")
+    switch.apply(many(3))
+    terminal.type("y\n")
+    terminal.wait_for("the switch has changed meanwhile; this is what is to do now")
+    terminal.wait_for("9 to create")
+    terminal.wait_for(r"Carry it out\? \[y/N\] ")
+    keeper = Process(agent.NORVD, "--wanted", switch.document(many(5)), *switch.options, "--http", "off", "--interval", "0.2")
+    keeper.wait_for("state: nothing to do: ", err=True)
+    terminal.type("y\n")
+    terminal.wait_for("keeps the switch at ")
+    equal(terminal.finish(), 1)
+    keeper.signal(signal.SIGTERM)
+    keeper.finish()
+    equal(switch.plan(many(5), "--prune").status, 0)
+    terminal = Terminal("apply", *switch.options, switch.document(many(12)), input=True)
+    terminal.wait_for(r"Carry it out\? \[y/N\] ")
+    switch.apply(many(12))
+    terminal.type("y\n")
+    equal(terminal.finish(), 0)  # nothing is left to do
 
 
 def test_a_terminal_is_asked():

@@ -563,6 +563,8 @@ def test_bad_options():
         (["--wanted", "x", "--http", "::1:80"], "--http"),
         (["--wanted", "x", "--http", "unix:"], "--http"),
         (["--wanted", "x", "--port", "70000"], "--port"),
+        (["--wanted", "x", "--port", "0"], "--port"),
+        (["--wanted", "x", "--host", ""], "--host"),
         (["--wanted", "x", "--nonsense"], "--nonsense"),
     ):
         process = harness.Process(agent.NORVD, *arguments)
@@ -851,13 +853,15 @@ def test_what_a_person_changes_is_repaired():
 def test_observing_only_reports():
     bed = Bed(PIPELINE)
     bed.start_daemon()
-    bed.start("--observe")
+    equal(bed.call("createModule", '{"name": "extra", "mclass": "Sink"}').status, 0)
+    bed.start("--observe", "--prune")
     status = bed.wait_for(lambda one: one["counts"], "it is compared")
     equal(status["in_sync"], False)
-    equal(status["objects"]["module fib"]["state"], "differs")
+    for name, text in (("module fib", "is not there"), ("module extra", "is not wanted")):
+        equal((status["objects"][name]["state"], status["objects"][name]["text"]), ("differs", text))
     assert status["state"].startswith("differs: "), status
     equal(json.loads(bed.get("/plan.json")[1])["changes"][0]["action"], "create")
-    assert "fib" not in bed.live()
+    assert "fib" not in bed.live() and "extra" in bed.live()
 
 
 def test_a_rival_is_not_fought():
@@ -904,6 +908,21 @@ def test_a_refused_object_is_tried_again_by_hand():
     harness.Process(harness.STANDIN, "ctl", control, "clear").finish()
     equal(norvctl("retry", "module fib", *at(bed)).status, 0)
     as_wanted(bed)
+
+
+def test_a_worker_pauses_for_a_table_also_while_an_object_is_refused():
+    text = "workers: {0: {core: 0, running: true}}\n" + PIPELINE
+    bed = Bed(text)
+    bed.start_daemon("--fault", "kind=error rpc=createModule name=bad code=12 text=no room")
+    bed.start(interval=0.3)
+    bed.wait_in_sync()
+    text = text.replace("  drop: Sink\n", "  drop: Sink\n  bad: Sink\n")
+    bed.write(text)
+    bed.wait_for(lambda one: one["counts"].get("refused"), "it is refused")
+    bed.write(text.replace("10.0.0.1]}\n", "10.0.0.1]}\n      - {gate: 2, fields: [10.0.0.2]}\n"))
+    # Pause, rule and resumption.
+    wait_until(lambda: "applied: 1 of 2 objects, 3 commands" in bed.agent.text(), "it is applied", bed.agent.text)
+    equal(bed.status()["objects"]["module fib"]["state"], "in sync")
 
 
 def test_an_object_that_kills_its_daemon_is_left_out():
@@ -991,7 +1010,7 @@ def test_what_is_asked_again_is_not_lost():
     os.kill(bed.agent.popen.pid, signal.SIGSTOP)
     for words in ("fib", "module drop", "nonsense"):
         finished = norvctl("retry", words, *at(bed))
-        equal(finished.status, 0, finished)
+        equal(finished.status, 4 if words == "nonsense" else 0, finished)
         equal("nonsense is not wanted" in finished.err, words == "nonsense", finished)
     os.kill(bed.agent.popen.pid, signal.SIGCONT)
     for line in ("retry: fib is tried again", "retry: module drop is tried again",

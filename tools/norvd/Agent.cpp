@@ -34,19 +34,35 @@ WallTime wallNow() {
   return std::chrono::system_clock::now();
 }
 
-// The first objects that a plan is about, and how many more there are.
-std::string namesOf(const Plan& plan, const std::set<std::size_t>& held) {
+// The first objects that are going to be changed, and how many more there are.
+std::string namesOf(const Execution& execution) {
   constexpr std::size_t shown = 5;
-  std::vector<std::string> names;
-  for (std::size_t i = 0; i < plan.changes.size(); ++i) {
-    if (!held.contains(i)) names.push_back(text(plan.changes[i].object));
+  const Plan& plan = execution.plan();
+  std::set<std::size_t> changes;
+  for (std::size_t i = 0; i < plan.steps.size(); ++i) {
+    if (execution.mayGo(i)) changes.insert(plan.steps[i].change);
   }
+  changes.erase(Norv::State::Step::none);
+  std::vector<std::string> names;
+  for (const std::size_t change : changes) names.push_back(text(plan.changes[change].object));
   if (names.size() > shown + 1) {
     const std::size_t more = names.size() - shown;
     names.resize(shown);
     names.push_back(std::to_string(more) + " more");
   }
   return Norvctl::listed(names);
+}
+
+// What a change is for, where it has no details.
+const char* reasonOf(Change::Action action) {
+  switch (action) {
+    case Change::Action::create:
+      return "is not there";
+    case Change::Action::remove:
+      return "is not wanted";
+    default:
+      return "";
+  }
 }
 
 }  // namespace
@@ -203,9 +219,8 @@ void Agent::onReading(const Reading& reading) {
   writeAgain();
   if (!road_.connected()) road_.connect(options_.host, options_.port);
   try {
-    // What came to nothing is tried again at the next look, not at once.
-    const bool inVain = carrying_ && concludeCarrying(*reading.live);
-    decide(reading, !inVain);
+    if (carrying_) concludeCarrying(*reading.live);
+    decide(reading);
   } catch (const std::exception& error) {
     // To begin again would come to the same.
     carrying_ = nullptr;
@@ -251,7 +266,7 @@ void Agent::onSilence(const std::string& error) {
 
 // --- carrying out -------------------------------------------------------------------------------
 
-void Agent::decide(const Reading& reading, bool mayCarryOut) {
+void Agent::decide(const Reading& reading) {
   const auto live = std::make_shared<LiveSwitch>(*reading.live);
   record_.complement(*live);
   refusedPlan_.clear();
@@ -277,9 +292,7 @@ void Agent::decide(const Reading& reading, bool mayCarryOut) {
       if (held(plan->changes[i].object, &waits) && waits) waiting.insert(i);
     }
     holds_.seen(differing, now());
-    if (mayCarryOut && !options_.observe && refusedPlan_.empty()) {
-      carryOut(plan, document->wanted, waiting);
-    }
+    if (!options_.observe && refusedPlan_.empty()) carryOut(plan, document->wanted, waiting);
   }
   picture_ = picture(reading, live, plan, waiting);
 }
@@ -290,10 +303,10 @@ void Agent::carryOut(const std::shared_ptr<const Plan>& plan, const Norv::State:
   for (const Change& change : plan->changes) values.push_back(valueOf(change.object));
   auto carrying = std::make_unique<Carrying>(plan, wanted, held, std::move(values));
   if (!carrying->anythingToDo()) return;
-  record_.begin(*plan, wanted);
+  record_.begin(carrying->execution(), wanted);
   saveRecord();
-  log(Level::info,
-      "apply: " + namesOf(*plan, held) + "; commands: " + std::to_string(carrying->total()));
+  log(Level::info, "apply: " + namesOf(carrying->execution()) +
+                       "; commands: " + std::to_string(carrying->total()));
   carrying_ = std::move(carrying);
   carrying_->feed(road_);
 }
@@ -333,22 +346,15 @@ void Agent::settleEnded() {
   }
 }
 
-// With the switch read again: what became of each object. True when all was tried and nothing is
-// as wanted for it.
-bool Agent::concludeCarrying(const LiveSwitch& bare) {
-  std::vector<Execution::State> states = carrying_->states();
+// With the switch read again: what became of each object.
+void Agent::concludeCarrying(const LiveSwitch& bare) {
   const Plan& plan = carrying_->plan();
   using StateKind = Execution::State::Kind;
-  std::set<Object> open;
-  const auto unclear = [](const auto& state) { return state.kind == StateKind::unclear; };
-  if (std::any_of(states.begin(), states.end(), unclear)) {
-    const Plan rest = makePlan(bare, carrying_->wanted(), documents_.planOptions());
-    for (const Change& change : rest.changes) open.insert(change.object);
-  }
+  const auto states = Norv::State::Record::settled(carrying_->execution(), bare,
+                                                   carrying_->wanted(), documents_.planOptions());
   std::size_t done = 0;
   for (std::size_t i = 0; i < states.size(); ++i) {
     const Object& object = plan.changes[i].object;
-    if (unclear(states[i]) && !open.contains(object)) states[i] = {};
     switch (states[i].kind) {
       case StateKind::done:
         ++done;
@@ -363,14 +369,12 @@ bool Agent::concludeCarrying(const LiveSwitch& bare) {
         break;
     }
   }
-  record_.end(plan, states, carrying_->wanted(), bare);
+  record_.end(carrying_->execution(), states, carrying_->wanted(), bare);
   saveRecord();
   memory_.save();
   log(Level::info, "applied: " + std::to_string(done) + " of " + std::to_string(states.size()) +
                        " objects, " + std::to_string(carrying_->done()) + " commands");
-  const bool inVain = done == 0 && !carrying_->stopped();
   carrying_ = nullptr;
-  return inVain;
 }
 
 // --- who has to wait ----------------------------------------------------------------------------
@@ -416,9 +420,10 @@ std::shared_ptr<const Picture> Agent::picture(const Reading& reading,
     const auto states = Execution(*plan, held).states();
     for (std::size_t i = 0; i < plan->changes.size(); ++i) {
       const Object& object = plan->changes[i].object;
-      ObjectStatus status{options_.observe ? Standing::differs : Standing::pending, "",
+      const Change& change = plan->changes[i];
+      ObjectStatus status{options_.observe ? Standing::differs : Standing::pending,
+                          change.details.empty() ? reasonOf(change.action) : change.details.front(),
                           picture->time};
-      if (!plan->changes[i].details.empty()) status.text = plan->changes[i].details.front();
       bool waits = false;
       if (const auto why = this->held(object, &waits)) {
         status = *why;

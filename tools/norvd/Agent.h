@@ -56,8 +56,8 @@ class Agent {
   void saveRecord();
   void tell();
 
-  bool concludeCarrying(const LiveSwitch& bare);
-  void decide(const Reading& reading, bool mayCarryOut);
+  void concludeCarrying(const LiveSwitch& bare);
+  void decide(const Reading& reading);
   void carryOut(const std::shared_ptr<const Plan>& plan, const Norv::State::Switch& wanted,
                 const std::set<std::size_t>& held);
   void takeEnded();

@@ -33,14 +33,17 @@ Carrying::Carrying(std::shared_ptr<const Plan> plan, const Norv::State::Switch& 
   for (std::size_t i = 0; i < plan_->steps.size(); ++i) {
     const Step& step = plan_->steps[i];
     if (step.change == Step::none) continue;
-    for (const std::size_t before : step.after) ownerOfPause_[before] = step.change;
+    for (const std::size_t before : step.behind) {
+      if (ownerOfPause_[before] == Step::none) ownerOfPause_[before] = step.change;
+    }
   }
 }
 
-// A pause belongs to what it is for.
+// A pause belongs to the first that comes behind it; its end to none.
 std::size_t Carrying::owner(std::size_t step) const {
-  const std::size_t own = plan_->steps[step].change;
-  return own != Step::none ? own : ownerOfPause_[step];
+  const Step& what = plan_->steps[step];
+  const bool end = what.change == Step::none && what.type == Norv::resumeWorker;
+  return what.change != Step::none || end ? what.change : ownerOfPause_[step];
 }
 
 std::string Carrying::what(std::size_t step) const {

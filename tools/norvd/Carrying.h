@@ -32,14 +32,13 @@ class Carrying {
   void stop(Road& road);
   // Those that were paused meanwhile and do not run again yet, as far as the daemon has answered.
   std::vector<std::int64_t> standing() const;
-  bool stopped() const { return stopped_; }
   bool finished(const Road& road) const {
     return execution_.finished() || (stopped_ && road.open() == 0);
   }
 
   const Norv::State::Plan& plan() const { return *plan_; }
   const Norv::State::Switch& wanted() const { return wanted_; }
-  std::vector<Norv::State::Execution::State> states() const { return execution_.states(); }
+  const Norv::State::Execution& execution() const { return execution_; }
   std::size_t done() const { return done_; }  // commands
   std::size_t total() const { return execution_.commands(); }
   // "createModule of module fib": what the step is about.
@@ -55,7 +54,7 @@ class Carrying {
   const Norv::State::Switch wanted_;
   const std::vector<std::string> values_;
   Norv::State::Execution execution_;
-  std::vector<std::size_t> ownerOfPause_;         // by step
+  std::vector<std::size_t> ownerOfPause_;         // a change, by step
   std::map<std::int64_t, std::size_t> standing_;  // workers, and the step that paused each
   std::set<std::size_t> waking_;                  // steps to end those pauses that were sent
   std::set<std::size_t> beside_;                  // those of them that stop has sent

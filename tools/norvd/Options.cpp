@@ -74,10 +74,12 @@ void describe(CLI::App& app, Parsed& parsed) {
       ->type_name("FILE");
   app.add_option("--host", options.host, "the daemon's host")
       ->envname("NORV_HOST")
+      ->check([](const std::string& host) { return host.empty() ? "a host has a name" : ""; })
       ->type_name("HOST")
       ->capture_default_str();
   app.add_option("--port", options.port, "the daemon's port")
       ->envname("NORV_PORT")
+      ->check(CLI::Range(1, 65535))
       ->type_name("PORT")
       ->capture_default_str();
   app.add_flag("--prune", options.prune, "delete what the document does not have");

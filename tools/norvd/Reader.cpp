@@ -94,11 +94,17 @@ void Reader::watch() {
   }).detach();
 }
 
+std::shared_ptr<Norv::State::LiveSwitch> Reader::readOnce() const {
+  return std::make_shared<Norv::State::LiveSwitch>(Norv::State::readSwitch(channel_, patience_));
+}
+
 Reading Reader::read() {
   Reading reading;
   try {
-    reading.live =
-        std::make_shared<Norv::State::LiveSwitch>(Norv::State::readSwitch(channel_, patience_));
+    const bool lostBefore = lost_ && *lost_;
+    reading.live = readOnce();
+    // Of two lives of the daemon, half of each; the second is asked again, whole.
+    if (lost_ && !lostBefore && *lost_) reading.live = readOnce();
     const auto stub = bess::pb::BESSControl::NewStub(channel_);
     for (const auto& [name, port] : reading.live->ports) {
       grpc::ClientContext context;

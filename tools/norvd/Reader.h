@@ -45,6 +45,7 @@ class Reader {
 
  private:
   void connect();
+  std::shared_ptr<Norv::State::LiveSwitch> readOnce() const;
   Reading read();
   std::string whySilent(const Norv::State::ReadError& error) const;
   void watch();

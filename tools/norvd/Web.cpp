@@ -1,6 +1,7 @@
 #include "Web.h"
 
 #include <httplib.h>
+#include <netdb.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -198,14 +199,14 @@ class Web::Server {
         server_ = std::make_unique<PageServer>();
       }
       setUp(where);
-      std::string why;
-      if (bind(where)) {
+      std::string why = unknownHost(where);
+      if (why.empty() && bind(where)) {
         notice_("");
         log(Level::notice, "pages: served at " + shown(where));
         told.clear();
         server_->listen_after_bind();
         why = "their socket listens no more";
-      } else {
+      } else if (why.empty()) {
         why = std::strerror(errno);
       }
       if (over_) return;
@@ -216,6 +217,19 @@ class Web::Server {
       notice_(text);
       std::this_thread::sleep_for(betweenAttempts);
     }
+  }
+
+  // Why there is no such host, or nothing: binding does not tell it.
+  static std::string unknownHost(const PageAddress& where) {
+    if (where.local) return "";
+    addrinfo hints{};
+    hints.ai_flags = AI_PASSIVE;
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo* found = nullptr;
+    const int error = getaddrinfo(where.host.c_str(), nullptr, &hints, &found);
+    if (error != 0) return gai_strerror(error);
+    freeaddrinfo(found);
+    return "";
   }
 
   bool bind(const PageAddress& where) {

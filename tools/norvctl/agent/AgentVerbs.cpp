@@ -259,14 +259,13 @@ int retry(const RetryArguments& arguments) {
     }
     if (file.append(arguments.object + "\n")) break;
   }
-  if (!known(arguments.object, record)) {
-    std::cerr << "norvctl: " << escaped(arguments.object)
-              << " is not wanted, and the daemon did not die of it; `norvctl status` lists the "
-                 "objects that are not in sync\n";
-  }
   print("norvd for " + target.address() + " is asked to try " + escaped(arguments.object) +
         " again\n");
-  return allOk;
+  if (known(arguments.object, record)) return allOk;
+  std::cerr << "norvctl: " << escaped(arguments.object)
+            << " is not wanted, and the daemon did not die of it; `norvctl status` lists the "
+               "objects that are not in sync\n";
+  return somethingToDo;
 }
 
 Action defineRetry(CLI::App& command) {
@@ -301,12 +300,15 @@ Verb statusVerb() {
 }
 
 Verb retryVerb() {
-  return {"retry",
-          "have norvd try an object again",
-          {"Lifts the quarantine of an object, and the pause after a refusal, by a word in norvd's "
-           "state directory."},
-          {{"norvctl retry \"module fib\"", "for the norvd of this machine"}},
-          &defineRetry};
+  return {
+      "retry",
+      "have norvd try an object again",
+      {"Lifts the quarantine of an object, and the pause after a refusal, by a word in norvd's "
+       "state directory.",
+       "Exit status: 0 norvd is asked; 4 it is asked, but does not want what is called so; 1 it "
+       "does not run, or cannot be asked."},
+      {{"norvctl retry \"module fib\"", "for the norvd of this machine"}},
+      &defineRetry};
 }
 
 }  // namespace Norvctl

@@ -14,7 +14,7 @@ namespace pb = bess::pb;
 // Asks for something that is never refused.
 template <class Response, class Request>
 Response read(Direct& direct, Norv::GrpcRequestType type, const Request& request) {
-  const auto response = direct.ask<Response>(type, request);
+  auto response = direct.ask<Response>(type, request);
   if (response.error().code() != 0) {
     throw DirectError(grpc::StatusCode::OK,
                       std::string(requestInfos()[type - 1].name) + " at " +

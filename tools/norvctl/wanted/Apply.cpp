@@ -28,6 +28,7 @@ using Norv::State::Execution;
 using Norv::State::LiveSwitch;
 using Norv::State::Object;
 using Norv::State::Plan;
+using Norv::State::Record;
 using Norv::State::StepEnd;
 
 struct Arguments : WantedOptions {
@@ -82,14 +83,23 @@ class Apply {
                arguments.dryRun ? KnownSwitch::Access::read : KnownSwitch::Access::write) {}
 
   int run() {
-    const LiveSwitch live = known_.read();
+    LiveSwitch live = known_.read();
     const auto document = usableDocument(arguments_, &live);
     if (!document) return badInput;
     wanted_ = document->wanted;
     plan_ = makePlan(live, wanted_, arguments_.plan);
-    if (!arguments_.json && !arguments_.quiet) {
-      print(planText(plan_, coloursAt(STDOUT_FILENO)));
-      flushOutput();
+    show();
+    while (!arguments_.dryRun && !plan_.empty() && asks()) {
+      // Nobody else has to wait for a person.
+      known_.letGo();
+      if (!agreed()) return badInput;
+      known_.hold();
+      live = known_.read();
+      const std::string shown = planText(plan_, false);
+      plan_ = makePlan(live, wanted_, arguments_.plan);
+      if (planText(plan_, false) == shown) break;
+      std::cerr << "norvctl: the switch has changed meanwhile; this is what is to do now\n";
+      show();
     }
     if (plan_.empty()) {
       if (arguments_.json) tellJson({});
@@ -99,8 +109,8 @@ class Apply {
       if (arguments_.json) print(planCommands(plan_));
       return somethingToDo;
     }
-    if (!agreed()) return badInput;
-    known_.record().begin(plan_, wanted_);
+    if (!asks() && !agreed()) return badInput;
+    known_.record().begin(Execution(plan_), wanted_);
     known_.saveRecord();
     carryOut(live);
   }
@@ -115,9 +125,21 @@ class Apply {
     return line;
   }
 
-  bool agreed() const {
+  void show() const {
+    if (arguments_.json || arguments_.quiet) return;
+    print(planText(plan_, coloursAt(STDOUT_FILENO)));
+    flushOutput();
+  }
+
+  bool massDeletion() const {
     const bool empties = arguments_.plan.prune && wanted_.objects() == 0 && plan_.deletions != 0;
-    if ((plan_.deletesMuch() || empties) && !arguments_.allowMassDelete) {
+    return (plan_.deletesMuch() || empties) && !arguments_.allowMassDelete;
+  }
+
+  bool asks() const { return terminal() && (massDeletion() || !arguments_.yes); }
+
+  bool agreed() const {
+    if (massDeletion()) {
       const std::string what = "this deletes " + grouped(plan_.deletions) + " of " +
                                grouped(plan_.liveObjects) + " objects";
       if (!terminal()) {
@@ -172,8 +194,12 @@ class Apply {
     const SessionEnd end = carrying->session->run();
     carrying->source.stop();
     carrying->progress.clear();
-    states = carrying->source.execution(0).states();
+    states = executionOf(*carrying).states();
     return end;
+  }
+
+  static const Execution& executionOf(const Carrying& carrying) {
+    return carrying.source.execution(0);
   }
 
   // Returns to the state before, in a session of its own: what failed has ended the first.
@@ -185,18 +211,19 @@ class Apply {
     }
     try {
       LiveSwitch bare = known_.readBare();
-      known_.record().end(plan_, states, wanted_, bare);
+      known_.record().end(executionOf(*carryings_.front()), states, wanted_, bare);
       known_.record().complement(bare);
       former_ = before;
       former_.workersStated = true;
       rollback_ = makePlan(bare, former_, {.prune = true});
-      known_.record().begin(*rollback_, former_);
+      known_.record().begin(Execution(*rollback_), former_);
       known_.saveRecord();
       std::vector<Execution::State> back;
       if (send(*rollback_, back) == SessionEnd::interrupted) notRolledBack_ = "interrupted";
       LiveSwitch after = known_.readBare();
-      settle(*rollback_, back, after, former_, {.prune = true});
-      known_.record().end(*rollback_, back, former_, after);
+      const Execution& execution = executionOf(*carryings_.back());
+      back = Record::settled(execution, after, former_, {.prune = true});
+      known_.record().end(execution, back, former_, after);
       known_.saveRecord();
       known_.record().complement(after);
       const Plan rest = makePlan(after, former_, {.prune = true});
@@ -228,8 +255,9 @@ class Apply {
       LiveSwitch bare = known_.readBare();
       letRun(bare);
       LiveSwitch after = bare;
-      settle(plan_, states, after, wanted_, arguments_.plan);
-      if (!rollback_) known_.record().end(plan_, states, wanted_, bare);
+      const Execution& execution = executionOf(*carryings_.front());
+      states = Record::settled(execution, after, wanted_, arguments_.plan);
+      if (!rollback_) known_.record().end(execution, states, wanted_, bare);
       known_.saveRecord();
       known_.record().complement(after);
       rest = makePlan(after, wanted_, arguments_.plan);
@@ -275,20 +303,6 @@ class Apply {
         resumed_.insert(std::to_string(id));
       } else {
         stillPaused_[std::to_string(id)] = why;
-      }
-    }
-  }
-
-  // What failed or did not decode may have been done: the switch says.
-  static void settle(const Plan& plan, std::vector<Execution::State>& states,
-                     const LiveSwitch& after, const Norv::State::Switch& wanted,
-                     const Norv::State::PlanOptions& options) {
-    std::set<Object> open;
-    for (const auto& change : makePlan(after, wanted, options).changes) open.insert(change.object);
-    for (std::size_t i = 0; i < states.size(); ++i) {
-      if (states[i].kind == Execution::State::Kind::unclear &&
-          !open.contains(plan.changes[i].object)) {
-        states[i] = {};
       }
     }
   }

@@ -78,22 +78,35 @@ KnownSwitch::KnownSwitch(const WantedOptions& options, const Target& target, Acc
     : direct_(target.host(), target.port(),
               options.timeoutSeconds > 0
                   ? std::chrono::ceil<std::chrono::milliseconds>(durationOf(options.timeoutSeconds))
-                  : Direct::usualPatience) {
+                  : Direct::usualPatience),
+      target_(target.address()),
+      limitSeconds_(options.timeoutSeconds) {
   if (options.target.standin || options.stateDir == "none") return;
-  const std::string folder = options.stateDir.empty() ? usualStateDir() : options.stateDir;
-  if (folder.empty()) return;
-  file_ = folder + "/" + Norv::State::recordName(target.address());
+  folder_ = options.stateDir.empty() ? usualStateDir() : options.stateDir;
+  if (folder_.empty()) return;
+  file_ = folder_ + "/" + Norv::State::recordName(target_);
   if (access == Access::write) {
-    lock_.emplace(folder, target.address(), Norv::State::applyingProgram);
-    lock(options.timeoutSeconds);
+    hold();
+  } else {
+    load();
   }
+}
+
+void KnownSwitch::hold() {
+  if (file_.empty()) return;
+  lock_.emplace(folder_, target_, Norv::State::applyingProgram);
+  lock();
+  load();
+}
+
+void KnownSwitch::load() {
   std::string said;
   record_ = Norv::State::Record::load(file_, &said);
   if (!said.empty()) std::cerr << "norvctl: " << escaped(said) << '\n';
 }
 
 // Another apply ends; norvd does not. Without a limit it is waited for as long as that takes.
-void KnownSwitch::lock(double limitSeconds) {
+void KnownSwitch::lock() {
   const auto begin = std::chrono::steady_clock::now();
   const std::string address = escaped(direct_.address());
   bool said = false;
@@ -105,7 +118,7 @@ void KnownSwitch::lock(double limitSeconds) {
       return false;
     }
     const std::chrono::duration<double> waited = std::chrono::steady_clock::now() - begin;
-    if (limitSeconds > 0 && waited.count() > limitSeconds) {
+    if (limitSeconds_ > 0 && waited.count() > limitSeconds_) {
       refusal = text(holder) + " is still at work on " + address + "; try again when it has ended";
       return false;
     }
@@ -230,21 +243,20 @@ std::string planText(const Plan& plan, bool colour) {
 
 std::string planCommands(const Plan& plan) {
   std::string all, open;
-  std::vector<bool> left(plan.steps.size(), false);  // out: it cannot be, or needs what cannot
+  const Norv::State::Execution execution(plan);
   std::size_t without = 0;
   const auto announce = [&] {
     if (!open.empty()) all += "{\"announce\":" + jsonText(open) + "}\n";
   };
   for (std::size_t i = 0; i < plan.steps.size(); ++i) {
     const auto& step = plan.steps[i];
-    left[i] = !step.impossible.empty() || std::any_of(step.after.begin(), step.after.end(),
-                                                      [&](auto one) { return left[one]; });
-    if (left[i] && step.request) ++without;
+    const bool goes = execution.mayGo(i);
+    if (!goes && step.request) ++without;
     if (!step.impossible.empty()) {
       std::cerr << "norvctl: "
                 << escaped(text(plan.changes[step.change].object) + ": " + step.impossible) << '\n';
     }
-    if (!step.request || left[i]) continue;
+    if (!goes) continue;
     const std::string queue = sectionName(step.queue);
     if (queue != open) announce();
     open = queue;

@@ -36,11 +36,15 @@ void addWanted(CLI::App& command, WantedOptions& options);
 class KnownSwitch {
  public:
   // Of a stand-in inside this process nothing is kept. Tells on standard error of a record that is
-  // damaged. Who writes it waits for another apply. Throws std::runtime_error when the record
-  // cannot be read, or norvd keeps the switch and this would write.
+  // damaged. Who writes it holds it. Throws std::runtime_error when the record cannot be read.
   enum class Access { read, write };
   KnownSwitch(const WantedOptions& options, const Target& target, Access access = Access::read);
 
+  // Takes the switch for this process, and looks what is known of it now; waits for another apply.
+  // Throws std::runtime_error when norvd keeps it, too.
+  void hold();
+  // Others may have it.
+  void letGo() { lock_.reset(); }
   // The live switch, complemented. Throws DirectError with the address and the reason.
   Norv::State::LiveSwitch read();
   // As it tells itself.
@@ -52,11 +56,14 @@ class KnownSwitch {
   void saveRecord() const;
 
  private:
-  void lock(double limitSeconds);
+  void load();
+  void lock();
 
   Direct direct_;
-  std::optional<Norv::State::SwitchLock> lock_;  // none where nothing is written
-  std::string file_;                             // empty: none
+  const std::string target_;   // its address, as it was given
+  const double limitSeconds_;  // for who has the switch; 0: none
+  std::string folder_, file_;  // empty: none
+  std::optional<Norv::State::SwitchLock> lock_;
   Norv::State::Record record_;
 };
 

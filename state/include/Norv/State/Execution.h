@@ -22,16 +22,21 @@ enum class StepEnd {
 class Execution {
  public:
   // `plan` must stay. `held`: changes, by their index, that wait for something outside the plan:
-  // they are not tried, nor what needs them, nor a pause around nothing else. An object that is to
-  // be made anew is left as it is where it could not be made whole.
+  // they are not tried, nor what needs them, nor a pause around nothing else. What is to be made
+  // anew, or moved, is left as it is where that could not be done whole.
   explicit Execution(const Plan& plan, const std::set<std::size_t>& held = {});
 
+  const Plan& plan() const { return plan_; }
   // The next step whose turn it is, in the order of the plan; none while others have to end first,
   // or all are under way or ended.
   std::optional<std::size_t> next();
   // `text`: the daemon's, or what is known.
   void ended(std::size_t step, StepEnd how, const std::string& text = "");
   bool finished() const { return open_ == 0; }
+  // Whether the step is still to go, if all goes well.
+  bool mayGo(std::size_t step) const;
+  // How its command ended; none: it was not sent, or has no answer yet.
+  std::optional<StepEnd> end(std::size_t step) const;
   // Commands that go if all goes well.
   std::size_t commands() const { return commands_; }
 
@@ -49,8 +54,8 @@ class Execution {
  private:
   enum class Phase { waiting, ready, underWay, succeeded, failed, skipped };
 
-  std::vector<bool> findStuck(std::set<std::size_t> held);
-  std::vector<bool> findIdle(const std::set<std::size_t>& held);
+  void findStuck(std::set<std::size_t> held);
+  void findIdle(const std::set<std::size_t>& held);
   void settle(std::size_t step, Phase phase);
   bool release(std::size_t step);
 
@@ -59,6 +64,7 @@ class Execution {
   std::vector<std::size_t> missing_;  // steps that have to end before
   std::vector<std::vector<std::size_t>> followers_;
   std::vector<bool> idle_;            // held, or a pause around nothing that goes
+  std::vector<bool> stuck_;           // known from the beginning not to go
   std::vector<bool> doomed_;          // a step that it needs did not succeed
   std::vector<std::size_t> culprit_;  // which
   // Changes that wait whole for another one, and a step of that.

@@ -15,6 +15,14 @@
 // nobody, and the same in gives the same out.
 namespace Norv::State {
 
+// What a command does to the table of a module, in this order; entries by their keys.
+struct TableEdit {
+  bool clears = false;
+  std::vector<std::string> removed, added;
+
+  bool empty() const { return !clears && removed.empty() && added.empty(); }
+};
+
 // One command.
 struct Step {
   static constexpr std::size_t none = SIZE_MAX;
@@ -26,6 +34,8 @@ struct Step {
   std::vector<std::size_t> after;   // earlier steps that must have succeeded
   std::vector<std::size_t> behind;  // earlier steps that must have ended, in whatever way
   std::string impossible;           // why there is no command that does it
+  TableEdit edit;
+  std::size_t parts = 1;  // it is made of; of several, a refusal may leave some done
 };
 
 // What becomes of one object.

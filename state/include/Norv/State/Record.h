@@ -28,11 +28,16 @@ class Record {
 
   // Fills in what the daemon does not tell, and forgets what does not hold any more.
   void complement(LiveSwitch& live);
-  // Before a plan is carried out: what it touches is in doubt until it is through.
-  void begin(const Plan& plan, const Switch& wanted);
-  // After it, with the switch read again, without complement.
-  void end(const Plan& plan, const std::vector<Execution::State>& states, const Switch& wanted,
-           const LiveSwitch& after);
+  // Before a plan is carried out: what it is going to touch is in doubt until it is through.
+  void begin(const Execution& execution, const Switch& wanted);
+  // The states that it ended with. What was unclear is done where `after`, the switch read again,
+  // tells so: no reply is needed for what can be seen.
+  static std::vector<Execution::State> settled(const Execution& execution, const LiveSwitch& after,
+                                               const Switch& wanted, const PlanOptions& options);
+  // After it, with the switch read again, without complement, and the settled states. What nothing
+  // was sent for, and what was refused, is as it was before.
+  void end(const Execution& execution, const std::vector<Execution::State>& states,
+           const Switch& wanted, const LiveSwitch& after);
 
   bool empty() const { return entries_.empty() && unfinished_.empty(); }
 
@@ -59,9 +64,22 @@ class Record {
     }
   };
 
+  // An entry before a plan.
+  struct Former {
+    std::size_t change;  // that opened it
+    std::optional<Entry> entry;
+  };
+
   static Entry entryOf(const Object& object, const Switch& wanted, const LiveSwitch& after);
+  static Entry madeWith(const Object& object, const Switch& wanted);
+  static std::optional<Entry> partly(const Execution& execution,
+                                     const std::vector<std::size_t>& steps, const Object& object,
+                                     Entry former, const Switch& goal, const LiveSwitch& after);
   void forgetGone(const LiveSwitch& live);
-  void enterMade(const Object& object, const Switch& wanted);
+  Entry& opened(const Object& object, std::size_t change);
+  void beginChange(const Plan& plan, std::size_t number, const Switch& wanted);
+  void endOpened(const Execution& execution, const std::vector<Execution::State>& states,
+                 const Switch& wanted, const LiveSwitch& after);
   void endHooks(const Plan& plan, const std::vector<Execution::State>& states,
                 const LiveSwitch& after);
   void endUnfinished(const std::vector<Execution::State>& states, const LiveSwitch& after);
@@ -70,6 +88,7 @@ class Record {
   static bool hidden(const Object& object, const Switch& wanted);
 
   std::map<Object, Entry> entries_;
+  std::map<Object, Former> former_;  // of what the plan under way has opened; not kept in the file
   std::map<std::string, std::string> addresses_;  // of ports, as the daemon told them
   Unfinished unfinished_;
 };
