@@ -577,8 +577,8 @@ TEST_F(PlanTest, ARefusedEntryLeavesTheOthersAsTheyAre) {
 TEST_F(PlanTest, WhatARefusalMayHaveLeftHalfDoneIsInDoubt) {
   const std::string table = "modules: {t: {class: L2Forward, default_gate: 1, entries: [%]}}";
   const std::string one = "{addr: \"02:00:00:00:00:01\", gate: 1}";
-  const std::string three = one + ", {addr: \"02:00:00:00:00:02\", gate: 1}" +
-                            ", {addr: \"02:00:00:00:00:03\", gate: 1}";
+  const std::string three =
+      one + ", {addr: \"02:00:00:00:00:02\", gate: 1}" + ", {addr: \"02:00:00:00:00:03\", gate: 1}";
   TestSwitch daemon;
   const auto refuse = [&](int number) {
     daemon.server().clearFaults();
