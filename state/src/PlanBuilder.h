@@ -132,8 +132,8 @@ class TrafficPlanner {
   bool schedulerChanges(std::int64_t worker) const;
   void findChildren();
   TrafficClass placedClass(const std::string& name) const;
-  // It cannot be made.
-  static bool lacksResource(const TrafficClass& one);
+  // Why there is no command that makes it; empty: there is.
+  std::string unmakeable(const std::string& name) const;
   std::string whyChanges(const TrafficClass& live, const TrafficClass& target) const;
   bool fresh(const std::string& name) const;
   std::vector<std::size_t> needs(const Place& place) const;

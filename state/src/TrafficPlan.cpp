@@ -243,11 +243,10 @@ void TrafficPlanner::rebuild(std::int64_t worker) {
       builder_.detail(change, "traffic class " + name + " changes, and cannot while it is there");
       builder_.detail(builder_.change({Kind::trafficClass, name}, Action::recreate), other);
     }
-    if (now != target_.trafficClasses.end() && lacksResource(now->second)) {
-      workerAdded_[worker] =
-          builder_.impossible("its traffic class " + name +
-                                  " would go with it, and its resource is not known; state it",
-                              change);
+    if (now == target_.trafficClasses.end()) continue;
+    if (const std::string whyNot = unmakeable(name); !whyNot.empty()) {
+      workerAdded_[worker] = builder_.impossible(
+          "its traffic class " + name + " would go with it and not come back: " + whyNot, change);
     }
   }
   if (workerAdded_.contains(worker)) return;
@@ -346,8 +345,12 @@ TrafficClass TrafficPlanner::placedClass(const std::string& name) const {
   return placed;
 }
 
-bool TrafficPlanner::lacksResource(const TrafficClass& one) {
-  return one.resource.empty() && (one.policy == "weighted_fair" || one.policy == "rate_limit");
+std::string TrafficPlanner::unmakeable(const std::string& name) const {
+  const TrafficClass& one = target_.trafficClasses.at(name);
+  if (one.resource.empty() && (one.policy == "weighted_fair" || one.policy == "rate_limit")) {
+    return "its resource is not known; state it";
+  }
+  return unfit(placedClass(name).place);
 }
 
 void TrafficPlanner::addClass(const std::string& name) {
@@ -362,15 +365,11 @@ void TrafficPlanner::addClass(const std::string& name) {
   const bool isNew = live == live_.trafficClasses.end();
   const std::size_t change =
       builder_.change({Kind::trafficClass, name}, isNew ? Action::create : Action::recreate);
-  if (lacksResource(one)) {
-    classAdded_[name] = builder_.impossible("its resource is not known; state it", change);
-    return;
-  }
-  const TrafficClass placed = placedClass(name);
-  if (const std::string why = unfit(placed.place); !why.empty()) {
+  if (const std::string why = unmakeable(name); !why.empty()) {
     classAdded_[name] = builder_.impossible(why, change);
     return;
   }
+  const TrafficClass placed = placedClass(name);
   auto request = std::make_unique<bess::pb::AddTcRequest>();
   auto& message = *request->mutable_class_();
   message.set_name(name);
