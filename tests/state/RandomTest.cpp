@@ -227,15 +227,16 @@ unsigned seeds() {
 
 using StateKind = Execution::State::Kind;
 
-// The changes of a plan that can be done.
-std::vector<std::size_t> possible(const Plan& plan) {
-  std::vector<std::size_t> changes;
-  const auto states = Execution(plan).states();
-  for (std::size_t i = 0; i < plan.changes.size(); ++i) {
-    const bool cannot = states[i].kind == StateKind::refused || !states[i].because.empty();
-    if (!cannot) changes.push_back(i);
+// The changes of a plan whose steps can all go.
+std::set<std::size_t> possible(const Plan& plan) {
+  const Execution execution(plan);
+  std::set<std::size_t> possible, stuck;
+  for (std::size_t i = 0; i < plan.steps.size(); ++i) {
+    (execution.mayGo(i) ? possible : stuck).insert(plan.steps[i].change);
   }
-  return changes;
+  for (const std::size_t change : stuck) possible.erase(change);
+  possible.erase(Step::none);
+  return possible;
 }
 
 // Applies one document after the other, until one does not come out as it should.
