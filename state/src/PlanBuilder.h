@@ -176,7 +176,8 @@ class TrafficPlanner {
   std::map<std::int64_t, std::vector<Task>> tasksOf_;  // of modules that stay, by worker
   std::map<std::int64_t, std::size_t> workerAdded_;
   std::map<std::int64_t, std::size_t> workerDestroyed_;  // with its classes; before it is made anew
-  std::map<std::int64_t, std::size_t> workerPaused_;     // for good
+  std::map<std::int64_t, std::size_t> blocked_;  // cannot be made anew, so that it stays as it is
+  std::map<std::int64_t, std::size_t> workerPaused_;  // for good
   std::map<std::string, std::size_t> classAdded_;
   std::map<std::int64_t, std::int64_t>
       holdingOf_;  // the worker that holds a worker's tasks meanwhile

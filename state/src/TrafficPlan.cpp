@@ -133,9 +133,9 @@ bool TrafficPlanner::fresh(const std::string& name) const {
 bool TrafficPlanner::runsThroughout(std::int64_t worker) const {
   const auto live = live_.workers.find(worker);
   const auto target = target_.workers.find(worker);
-  return live != live_.workers.end() && target != target_.workers.end() &&
-         !rebuilt_.contains(worker) && live->second.running.value_or(false) &&
-         target->second.running.value_or(true);
+  const bool goes = rebuilt_.contains(worker) && !blocked_.contains(worker);
+  return live != live_.workers.end() && target != target_.workers.end() && !goes &&
+         live->second.running.value_or(false) && target->second.running.value_or(true);
 }
 
 std::optional<std::size_t> TrafficPlanner::stopped(std::int64_t worker) const {
@@ -245,16 +245,16 @@ void TrafficPlanner::rebuild(std::int64_t worker) {
     }
     if (now == target_.trafficClasses.end()) continue;
     if (const std::string whyNot = unmakeable(name); !whyNot.empty()) {
-      workerAdded_[worker] = builder_.impossible(
+      workerAdded_[worker] = blocked_[worker] = builder_.impossible(
           "its traffic class " + name + " would go with it and not come back: " + whyNot, change);
     }
   }
-  if (workerAdded_.contains(worker)) return;
+  if (blocked_.contains(worker)) return;
   std::vector<std::size_t> gone;
   if (!tasksOf_[worker].empty()) {
     const std::int64_t holding = freeWorker();
     if (holding < 0) {
-      workerAdded_[worker] = builder_.impossible(
+      workerAdded_[worker] = blocked_[worker] = builder_.impossible(
           "all 64 workers are there, and one more is needed to hold its tasks meanwhile", change);
       return;
     }
@@ -378,8 +378,11 @@ void TrafficPlanner::addClass(const std::string& name) {
   if (!placed.resource.empty()) fillLimits(message, placed);
   std::vector<std::size_t> after = needs(placed.place);
   if (!isNew) {  // its name is free when the worker that it was below is gone
-    const auto gone = workerDestroyed_.find(rootOf(live_, live->second.place));
-    if (gone != workerDestroyed_.end()) after.push_back(gone->second);
+    const std::int64_t worker = rootOf(live_, live->second.place);
+    for (const auto* steps : {&workerDestroyed_, &blocked_}) {
+      if (const auto step = steps->find(worker); step != steps->end())
+        after.push_back(step->second);
+    }
   }
   classAdded_[name] =
       builder_.step(addTc, std::move(request), Kind::trafficClass, change, std::move(after));

@@ -651,6 +651,41 @@ TEST_F(PlanTest, AWorkerIsNotTakenFromAClassThatCannotBeMadeAgain) {
   EXPECT_TRUE(other.read().trafficClasses.contains("w"));
 }
 
+TEST_F(PlanTest, WhatLeavesAWorkerThatStaysWaitsWithIt) {
+  const std::string before =
+      "workers: {0: {core: 0}, 1: {core: 1}}\n"
+      "traffic_classes:\n"
+      "  t: {policy: round_robin, wid: 0}\n"
+      "  u: {policy: round_robin, wid: 0}\n"
+      "  v: {policy: round_robin, parent: u}\n";
+  TestSwitch daemon;
+  EXPECT_THAT(daemon.apply(before).refusals, IsEmpty());
+  // The one is to go to the other worker; what is left out would have no place below its parent.
+  const auto applied = daemon.apply(
+      "workers: {0: {core: 0}, 1: {core: 1}}\n"
+      "traffic_classes:\n"
+      "  t: {policy: round_robin, wid: 1}\n"
+      "  u: {policy: priority, wid: 0}\n");
+  EXPECT_THAT(applied.refusals, IsEmpty());
+  EXPECT_THAT(applied.states.at(0).text, testing::HasSubstr("traffic class v would go with it"));
+  EXPECT_EQ(daemon.read().trafficClasses.size(), 3u);
+  EXPECT_EQ(summary(daemon.plan(before)), "");
+}
+
+TEST_F(PlanTest, ATableOnAWorkerThatStaysIsChangedWhileItPauses) {
+  const std::string before = std::string(fib) +
+                             "traffic_classes: {u: {policy: round_robin, wid: 0},\n"
+                             "  v: {policy: round_robin, parent: u}}\n";
+  TestSwitch daemon;
+  EXPECT_THAT(daemon.apply(before).refusals, IsEmpty());
+  const auto applied =
+      daemon.apply(changed(fib, "10.0.0.2", "10.0.0.3") +
+                   std::string("traffic_classes: {u: {policy: priority, wid: 0}}\n"));
+  EXPECT_THAT(applied.refusals, IsEmpty());
+  EXPECT_EQ(daemon.read().modules.at("fib").table,
+            wanted(changed(fib, "10.0.0.2", "10.0.0.3")).modules.at("fib").table);
+}
+
 TEST_F(PlanTest, AWorkerPausesAlsoWhileSomethingElseWaits) {
   const Plan both = daemon_.plan(
       changed(changed(fib, "10.0.0.2", "10.0.0.3"), "  b: Sink\n", "  b: Sink\n  late: Sink\n"));
