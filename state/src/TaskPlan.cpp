@@ -106,6 +106,7 @@ std::string TrafficPlanner::crowded(const Place& place, const std::string& modul
 // Tasks of workers that are made anew come back when these are there.
 void TrafficPlanner::returnHeld(std::vector<Move>& moves) {
   for (const std::int64_t worker : rebuilt_) {
+    if (blocked_.contains(worker)) continue;  // its tasks are where they were
     for (const Task& task : tasksOf_[worker]) {
       held_.insert({{task.module, task.number}, worker});
       // Not before it was moved away, which would take it back.

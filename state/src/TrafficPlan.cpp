@@ -245,7 +245,7 @@ void TrafficPlanner::rebuild(std::int64_t worker) {
     }
     if (now == target_.trafficClasses.end()) continue;
     if (const std::string whyNot = unmakeable(name); !whyNot.empty()) {
-      workerAdded_[worker] = blocked_[worker] = builder_.impossible(
+      blocked_[worker] = builder_.impossible(
           "its traffic class " + name + " would go with it and not come back: " + whyNot, change);
     }
   }
@@ -254,7 +254,7 @@ void TrafficPlanner::rebuild(std::int64_t worker) {
   if (!tasksOf_[worker].empty()) {
     const std::int64_t holding = freeWorker();
     if (holding < 0) {
-      workerAdded_[worker] = blocked_[worker] = builder_.impossible(
+      blocked_[worker] = builder_.impossible(
           "all 64 workers are there, and one more is needed to hold its tasks meanwhile", change);
       return;
     }

@@ -233,24 +233,32 @@ TEST_F(PlanTest, ATaskIsNotSentWhereThereIsNoRoom) {
 // policy.
 TEST_F(PlanTest, WhatAnotherPolicyNeedsIsSaidBeforeTheDaemonRefuses) {
   const std::string parent = "traffic_classes: {up: {policy: round_robin, wid: 0}}\n";
-  const std::string children =
+  const std::string task =
       "workers: {0: {core: 0}}\n"
       "modules: {x: {class: Source, tasks: up}}\n"
       "traffic_classes:\n"
-      "  up: {policy: round_robin, wid: 0}\n"
-      "  below: {policy: round_robin, parent: up}\n";
-  for (const auto& [policy, field] :
-       {std::pair("{policy: priority, wid: 0}", "priority"),
-        std::pair("{policy: weighted_fair, resource: packet, wid: 0}", "share")}) {
-    TestSwitch daemon;
-    EXPECT_THAT(daemon.apply(children).refusals, IsEmpty());
-    const auto applied = daemon.apply(changed(parent, "{policy: round_robin, wid: 0}", policy));
-    const std::string why = "it needs a " + std::string(field) + " below up; state its place, too";
-    const auto said =
-        std::count_if(applied.states.begin(), applied.states.end(),
-                      [&](const Execution::State& state) { return state.text.find(why) == 0; });
-    EXPECT_EQ(said, 2) << policy;  // the class and the task
-    EXPECT_TRUE(daemon.read().lostTasks.empty());
+      "  up: {policy: round_robin, wid: 0}\n";
+  for (const std::string& children :
+       {task, task + "  below: {policy: round_robin, parent: up}\n"}) {
+    for (const auto& [policy, field] :
+         {std::pair("{policy: priority, wid: 0}", "priority"),
+          std::pair("{policy: weighted_fair, resource: packet, wid: 0}", "share")}) {
+      TestSwitch daemon;
+      EXPECT_THAT(daemon.apply(children).refusals, IsEmpty());
+      const auto applied = daemon.apply(changed(parent, "{policy: round_robin, wid: 0}", policy));
+      EXPECT_THAT(applied.refusals, IsEmpty());
+      const std::string why =
+          "it needs a " + std::string(field) + " below up; state its place, too";
+      const auto said =
+          std::count_if(applied.states.begin(), applied.states.end(),
+                        [&](const Execution::State& state) { return state.text.find(why) == 0; });
+      EXPECT_EQ(said, 1) << policy;
+      EXPECT_TRUE(daemon.read().lostTasks.empty());
+      // A worker stays with a class that would not come back, and all below it.
+      if (children != task) {
+        EXPECT_EQ(summary(daemon.plan(children)), "");
+      }
+    }
   }
 }
 

@@ -151,7 +151,8 @@ def test_never_gives_up_once_norvd_was_there():
     supervisor, child = bed.agent, child_of(bed.agent.popen.pid)
     supervisor.signal(signal.SIGSTOP)
     os.kill(child, signal.SIGKILL)
-    wait_until(lambda: state_of(child) == "Z", "it is dead")
+    # With the last of its threads go its files.
+    wait_until(lambda: state_of(child) == "Z" and len(os.listdir(f"/proc/{child}/task")) == 1, "it is dead")
     bed.start(supervise=False, http="off", log=f"{bed.folder}/other.log")
     other, bed.agent = bed.agent, supervisor
     wait_until(lambda: "start: keeping the switch" in other.text(), "another one has it", other.text)
