@@ -20,17 +20,17 @@ namespace {
 // Memory that has not been given back since it was entered here.
 constinit std::array<std::atomic<const void*>, 4> watched{};
 
-void noteFreed(void* memory) {
+}  // namespace
+
+// The address sanitizer has its own, and finds what is lost by itself.
+#if !defined(__SANITIZE_ADDRESS__)
+static void noteFreed(void* memory) {
   for (std::atomic<const void*>& one : watched) {
     const void* expected = memory;
     if (memory) one.compare_exchange_strong(expected, nullptr);
   }
 }
 
-}  // namespace
-
-// The address sanitizer has its own, and finds what is lost by itself.
-#if !defined(__SANITIZE_ADDRESS__)
 // Not inlined, or the compiler takes the pairs below for mismatched ones.
 [[gnu::noinline]] void* operator new(std::size_t size) {
   void* const memory = std::malloc(size);
