@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <utility>
 
 #include <Norv/State/ClassTable.h>
 #include <Norv/State/LiveSwitch.h>
@@ -133,7 +134,7 @@ class SwitchReader {
       live_.tellsHooks = live_.tellsHooks || port.incQueues.has_value();
       // A daemon that tells queues tells an argument that is empty by leaving it out.
       if (port.incQueues && !port.arg) port.arg = Any();
-      if (readPortConf(shown.name(), port)) live_.ports[shown.name()] = port;
+      if (readPortConf(shown.name(), port)) live_.ports[shown.name()] = std::move(port);
     }
   }
 
@@ -162,7 +163,7 @@ class SwitchReader {
       if (gone("get_initial_arg of " + shown.name(), arg.error())) continue;
       module.arg = arg.data();
       if (!readRuntime(shown.name(), module)) continue;
-      live_.modules[shown.name()] = module;
+      live_.modules[shown.name()] = std::move(module);
       // These tell how much is in them at the moment.
       const bool moves = shown.mclass() == "Queue" || shown.mclass() == "FlowGen";
       if (!moves) live_.descriptions[shown.name()] = shown.desc();

@@ -265,10 +265,22 @@ void Record::complement(LiveSwitch& live) {
 }
 
 // Whether it has something that the daemon will not tell.
-bool Record::hidden(const Object& object, const Switch& wanted) {
-  const auto module = wanted.modules.find(object.name);
-  if (object.kind != Kind::module || module == wanted.modules.end()) return false;
-  return module->second.table || !module->second.settings.empty();
+bool Record::hidden(const Object& object, const Switch& wanted, const Plan& plan) {
+  if (object.kind != Kind::module) return false;
+  const auto in = [&](const Switch& stated) {
+    const auto module = stated.modules.find(object.name);
+    if (module == stated.modules.end()) return false;
+    return module->second.table || !module->second.settings.empty();
+  };
+  return in(wanted) || in(plan.unfinished.comesBack);
+}
+
+void Record::enter(const Object& object, Entry entry) {
+  if (entry.holdsNothing()) {
+    entries_.erase(object);
+  } else {
+    entries_[object] = std::move(entry);
+  }
 }
 
 // What there is of the object, to be changed; `change` is what changes it.
@@ -307,8 +319,8 @@ void Record::beginChange(const Plan& plan, std::size_t number, const Switch& wan
   const auto& [action, object, details] = plan.changes[number];
   const bool anew = action == Change::Action::recreate;
   const bool inPlace = object.kind == Kind::module && action == Change::Action::change;
-  const bool unseen = hidden(object, wanted) || hidden(object, plan.unfinished.comesBack);
   const bool portAnew = object.kind == Kind::port && anew;
+  const bool unseen = hidden(object, wanted, plan);
   if (action != Change::Action::remove && (inPlace || unseen || portAnew)) {
     Entry& entry = opened(object, number) = {};
     entry.doubtful = true;
@@ -406,8 +418,7 @@ std::vector<Execution::State> Record::settled(const Execution& execution, const 
     const Step& step = plan.steps[i];
     if (step.type != moduleCommand || execution.end(i) != StepEnd::unclear) continue;
     const Object& object = plan.changes[step.change].object;
-    const bool unseen = hidden(object, wanted) || hidden(object, plan.unfinished.comesBack);
-    if (unseen) open.insert(object);
+    if (hidden(object, wanted, plan)) open.insert(object);
   }
   for (std::size_t i = 0; i < states.size(); ++i) {
     if (unclear(states[i]) && !open.contains(plan.changes[i].object)) states[i] = {};
@@ -434,12 +445,7 @@ void Record::endOpened(const Execution& execution, const std::vector<Execution::
       if (whole)
         known = partly(execution, own, object, former.entry.value_or(Entry()), goal, after);
     }
-    if (!known) continue;
-    if (known->holdsNothing()) {
-      entries_.erase(object);
-    } else {
-      entries_[object] = std::move(*known);
-    }
+    if (known) enter(object, std::move(*known));
   }
   former_.clear();
 }
@@ -554,7 +560,7 @@ void Record::end(const Execution& execution, const std::vector<Execution::State>
   // What was assumed and not touched is not known to be so.
   std::map<Object, std::set<std::string>> assumed;
   for (const Assumed& one : plan.assumed) assumed[one.object].insert(one.what);
-  const auto enter = [&](const Object& object, const Switch& stated) {
+  const auto enterStated = [&](const Object& object, const Switch& stated) {
     if (failed.contains(object)) return;
     const auto unknown = made.contains(object) ? assumed.end() : assumed.find(object);
     const bool inPlace = object.kind == Kind::module && changed.contains(object);
@@ -563,28 +569,24 @@ void Record::end(const Execution& execution, const std::vector<Execution::State>
     if (unknown != assumed.end()) {
       for (const std::string& what : unknown->second) entry.forget(what);
     }
-    if (entry.holdsNothing()) {
-      entries_.erase(object);
-    } else {
-      entries_[object] = std::move(entry);
-    }
+    enter(object, std::move(entry));
   };
   for (const auto& [name, module] : wanted.modules) {
-    if (after.modules.contains(name)) enter({Kind::module, name}, wanted);
+    if (after.modules.contains(name)) enterStated({Kind::module, name}, wanted);
   }
   for (const auto& [name, module] : unfinished_.comesBack.modules) {
     const bool whole = module.arg && !wanted.modules.contains(name);
     if (whole && after.modules.contains(name)) {
-      enter({Kind::module, name}, unfinished_.comesBack);
+      enterStated({Kind::module, name}, unfinished_.comesBack);
     }
   }
   for (const auto& [name, port] : wanted.ports) {
-    if (after.ports.contains(name)) enter({Kind::port, name}, wanted);
+    if (after.ports.contains(name)) enterStated({Kind::port, name}, wanted);
   }
   for (const auto& [id, worker] : wanted.workers) {
     const Object object{Kind::worker, std::to_string(id)};
     // Of one that states none, what it was made with counts on.
-    if (after.workers.contains(id) && worker.scheduler) enter(object, wanted);
+    if (after.workers.contains(id) && worker.scheduler) enterStated(object, wanted);
   }
   for (const Step& step : plan.steps) {
     if (step.type != addWorker || !step.request) continue;
@@ -596,7 +598,7 @@ void Record::end(const Execution& execution, const std::vector<Execution::State>
   }
   keepDoubtOfWorkers(pausedWorkers, wanted, after);
   for (const auto& [name, one] : wanted.trafficClasses) {
-    if (after.trafficClasses.contains(name)) enter({Kind::trafficClass, name}, wanted);
+    if (after.trafficClasses.contains(name)) enterStated({Kind::trafficClass, name}, wanted);
   }
   endHooks(plan, states, after);
   endUnfinished(states, after);

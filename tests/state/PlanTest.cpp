@@ -26,6 +26,10 @@ const char* const fib =
     "  b: Sink\n"
     "connections: [src -> fib, fib -> a, \"fib:1 -> b\"]\n";
 
+const char* const sourceOnAWorker =
+    "workers: {0: {core: 0}}\n"
+    "modules: {s: {class: Source, burst: 16, tasks: {wid: 0}}, d: Sink}\nconnections: [s -> d]\n";
+
 MATCHER_P(isText, wanted, "") {
   return text(arg) == wanted;
 }
@@ -35,6 +39,13 @@ std::string macAddress(int number) {
   std::snprintf(text, sizeof text, "02:00:00:%02x:%02x:%02x", number >> 16 & 255, number >> 8 & 255,
                 number & 255);
   return text;
+}
+
+// Of the commands to module t from now on this one alone is refused.
+void refuseCommand(TestSwitch& daemon, int number) {
+  daemon.server().clearFaults();
+  daemon.server().addFault(Standin::Fault::parse(
+      "kind=error rpc=moduleCommand name=t code=28 nth=" + std::to_string(number)));
 }
 
 class PlanTest : public testing::Test {
@@ -304,16 +315,13 @@ TEST_F(PlanTest, WhatWasAssumedAndNotTouchedIsAssumedAgain) {
 }
 
 TEST_F(PlanTest, WhatNothingWasSentForIsNotInDoubt) {
-  const std::string right =
-      "workers: {0: {core: 0}}\n"
-      "modules: {s: {class: Source, burst: 16, tasks: {wid: 0}}, d: Sink}\nconnections: [s -> d]\n";
   TestSwitch daemon;
-  EXPECT_THAT(daemon.apply(right).refusals, IsEmpty());
-  const auto applied =
-      daemon.apply(changed(changed(right, "workers: {0: {core: 0}}\n", ""), "wid: 0", "wid: 3"));
+  EXPECT_THAT(daemon.apply(sourceOnAWorker).refusals, IsEmpty());
+  const auto applied = daemon.apply(
+      changed(changed(sourceOnAWorker, "workers: {0: {core: 0}}\n", ""), "wid: 0", "wid: 3"));
   EXPECT_THAT(commands(applied.plan), ElementsAre(testing::StartsWith("impossible: ")));
   EXPECT_EQ(applied.states.at(0).kind, Execution::State::Kind::refused);
-  EXPECT_EQ(summary(daemon.plan(right)), "");
+  EXPECT_EQ(summary(daemon.plan(sourceOnAWorker)), "");
 }
 
 TEST_F(PlanTest, AnOlderDaemonsPortIsNotMadeElsewhere) {
@@ -551,22 +559,17 @@ TEST_F(PlanTest, ARefusedEntryLeavesTheOthersAsTheyAre) {
   const std::string four = two + ", {prefix: 12.0.0.0/8, gate: 1}, {prefix: 13.0.0.0/8, gate: 2}";
   TestSwitch daemon;
   // The question before them is the first of its commands once it is there.
-  const auto refuse = [&](const char* number) {
-    daemon.server().addFault(Standin::Fault::parse(
-        std::string("kind=error rpc=moduleCommand name=t code=28 nth=") + number));
-  };
-  refuse("2");
+  refuseCommand(daemon, 2);
   EXPECT_EQ(daemon.apply(changed(table, "%", two)).refusals.size(), 1u);
   EXPECT_THAT(commands(daemon.plan(changed(table, "%", two))), ElementsAre("moduleCommand t add"));
   EXPECT_THAT(daemon.apply(changed(table, "%", two)).refusals, IsEmpty());
   EXPECT_EQ(summary(daemon.plan(changed(table, "%", two))), "");
-  daemon.server().clearFaults();
-  refuse("3");
+  refuseCommand(daemon, 3);
   EXPECT_EQ(daemon.apply(changed(table, "%", four)).refusals.size(), 1u);
   EXPECT_THAT(commands(daemon.plan(changed(table, "%", four))), ElementsAre("moduleCommand t add"));
   daemon.server().clearFaults();
   EXPECT_THAT(daemon.apply(changed(table, "%", four)).refusals, IsEmpty());
-  refuse("2");
+  refuseCommand(daemon, 2);
   const std::string moved =
       changed(changed(table, "%", four), "13.0.0.0/8, gate: 2", "13.0.0.0/8, gate: 7");
   EXPECT_EQ(daemon.apply(moved).refusals.size(), 1u);
@@ -588,40 +591,32 @@ TEST_F(PlanTest, WhatARefusalMayHaveLeftHalfDoneIsInDoubt) {
   const std::string three =
       one + ", {addr: \"02:00:00:00:00:02\", gate: 1}" + ", {addr: \"02:00:00:00:00:03\", gate: 1}";
   TestSwitch daemon;
-  const auto refuse = [&](int number) {
-    daemon.server().clearFaults();
-    daemon.server().addFault(Standin::Fault::parse(
-        "kind=error rpc=moduleCommand name=t code=28 nth=" + std::to_string(number)));
-  };
   // Two entries in one request.
   EXPECT_THAT(daemon.apply(changed(table, "%", one)).refusals, IsEmpty());
-  refuse(2);
+  refuseCommand(daemon, 2);
   EXPECT_EQ(daemon.apply(changed(table, "%", three)).refusals.size(), 1u);
   EXPECT_THAT(summary(daemon.plan(changed(table, "%", three))), testing::HasSubstr("set again"));
   EXPECT_THAT(daemon.apply(changed(table, "%", three)).refusals, IsEmpty());
   EXPECT_EQ(summary(daemon.plan(changed(table, "%", three))), "");
   // A new one, but for its default gate.
   daemon.reset();
-  refuse(2);
+  refuseCommand(daemon, 2);
   EXPECT_EQ(daemon.apply(changed(table, "%", one)).refusals.size(), 1u);
   EXPECT_THAT(summary(daemon.plan(changed(table, "%", one))), testing::HasSubstr("default_gate"));
 }
 
 TEST_F(PlanTest, WhatWaitsForAnotherIsNotInDoubt) {
-  const std::string right =
-      "workers: {0: {core: 0}}\n"
-      "modules: {s: {class: Source, burst: 16, tasks: {wid: 0}}, d: Sink}\nconnections: [s -> d]\n";
   TestSwitch daemon;
-  EXPECT_THAT(daemon.apply(right).refusals, IsEmpty());
+  EXPECT_THAT(daemon.apply(sourceOnAWorker).refusals, IsEmpty());
   daemon.server().addFault(Standin::Fault::parse("kind=error rpc=addTc code=28"));
-  const std::string slow = changed(right, "{wid: 0}", "slow") +
+  const std::string slow = changed(sourceOnAWorker, "{wid: 0}", "slow") +
                            "traffic_classes: {slow: {policy: round_robin, wid: 0}}\n";
   for (int attempt = 0; attempt < 3; ++attempt) {
     const auto applied = daemon.apply(slow);
     EXPECT_EQ(applied.refusals.size(), 1u);
     EXPECT_THAT(commands(applied.plan), testing::Not(testing::Contains("destroyModule s")));
   }
-  EXPECT_EQ(summary(daemon.plan(right)), "");
+  EXPECT_EQ(summary(daemon.plan(sourceOnAWorker)), "");
 }
 
 TEST_F(PlanTest, AWorkerIsNotTakenFromAClassThatCannotBeMadeAgain) {

@@ -348,10 +348,11 @@ void Agent::settleEnded() {
 
 // With the switch read again: what became of each object.
 void Agent::concludeCarrying(const LiveSwitch& bare) {
-  const Plan& plan = carrying_->plan();
+  const Execution& execution = carrying_->execution();
+  const Plan& plan = execution.plan();
   using StateKind = Execution::State::Kind;
-  const auto states = Norv::State::Record::settled(carrying_->execution(), bare,
-                                                   carrying_->wanted(), documents_.planOptions());
+  const auto states =
+      Norv::State::Record::settled(execution, bare, carrying_->wanted(), documents_.planOptions());
   std::size_t done = 0;
   for (std::size_t i = 0; i < states.size(); ++i) {
     const Object& object = plan.changes[i].object;
@@ -369,7 +370,7 @@ void Agent::concludeCarrying(const LiveSwitch& bare) {
         break;
     }
   }
-  record_.end(carrying_->execution(), states, carrying_->wanted(), bare);
+  record_.end(execution, states, carrying_->wanted(), bare);
   saveRecord();
   memory_.save();
   log(Level::info, "applied: " + std::to_string(done) + " of " + std::to_string(states.size()) +

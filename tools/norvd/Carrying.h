@@ -36,7 +36,6 @@ class Carrying {
     return execution_.finished() || (stopped_ && road.open() == 0);
   }
 
-  const Norv::State::Plan& plan() const { return *plan_; }
   const Norv::State::Switch& wanted() const { return wanted_; }
   const Norv::State::Execution& execution() const { return execution_; }
   std::size_t done() const { return done_; }  // commands

@@ -79,12 +79,11 @@ KnownSwitch::KnownSwitch(const WantedOptions& options, const Target& target, Acc
               options.timeoutSeconds > 0
                   ? std::chrono::ceil<std::chrono::milliseconds>(durationOf(options.timeoutSeconds))
                   : Direct::usualPatience),
-      target_(target.address()),
       limitSeconds_(options.timeoutSeconds) {
   if (options.target.standin || options.stateDir == "none") return;
   folder_ = options.stateDir.empty() ? usualStateDir() : options.stateDir;
   if (folder_.empty()) return;
-  file_ = folder_ + "/" + Norv::State::recordName(target_);
+  file_ = folder_ + "/" + Norv::State::recordName(direct_.address());
   if (access == Access::write) {
     hold();
   } else {
@@ -94,7 +93,7 @@ KnownSwitch::KnownSwitch(const WantedOptions& options, const Target& target, Acc
 
 void KnownSwitch::hold() {
   if (file_.empty()) return;
-  lock_.emplace(folder_, target_, Norv::State::applyingProgram);
+  lock_.emplace(folder_, direct_.address(), Norv::State::applyingProgram);
   lock();
   load();
 }

@@ -60,7 +60,6 @@ class KnownSwitch {
   void lock();
 
   Direct direct_;
-  const std::string target_;   // its address, as it was given
   const double limitSeconds_;  // for who has the switch; 0: none
   std::string folder_, file_;  // empty: none
   std::optional<Norv::State::SwitchLock> lock_;

@@ -85,7 +85,8 @@ class Record {
   void endUnfinished(const std::vector<Execution::State>& states, const LiveSwitch& after);
   void keepDoubtOfWorkers(const std::set<Object>& doubtful, const Switch& wanted,
                           const LiveSwitch& after);
-  static bool hidden(const Object& object, const Switch& wanted);
+  static bool hidden(const Object& object, const Switch& wanted, const Plan& plan);
+  void enter(const Object& object, Entry entry);  // none when it holds nothing
 
   std::map<Object, Entry> entries_;
   std::map<Object, Former> former_;  // of what the plan under way has opened; not kept in the file
