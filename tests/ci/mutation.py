@@ -118,11 +118,12 @@ def test_tells_the_same_line_of_two_functions_apart():
 
 def test_plants_in_headers_also_what_only_the_tests_contain():
     made = tree(SEES_HEADER, "", header=HEADER)
-    status, said = made.run("ci/mutation", HEADER_PATH)
+    status, said = made.run("ci/mutation", "--jobs", "2", HEADER_PATH)
     equal(status, 1)
     has(said, f"noticed   {HEADER_PATH}:4: emptied: ", f"noticed   {HEADER_PATH}:6: nothing returned: ",
         f"SURVIVES  {HEADER_PATH}:9: false for true: ", "1 of 3 faults survive")
-    equal(made.read(f"build/mutation/{HEADER_PATH}"), HEADER)
+    for copy in ("1", "2"):
+        equal(made.read(f"build/mutation/{copy}/{HEADER_PATH}"), HEADER)
 
 
 def test_goes_on_with_what_the_next_fault_is_alone_in():
@@ -141,7 +142,7 @@ def test_passes_where_the_tests_notice_all_but_what_is_accepted():
     equal(status, 0)
     has(said, "noticed   manager/src/Tiny.cpp:4: dropped: ++calls;", "accepted  manager/src/Tiny.cpp:5: >= for >",
         "0 of 6 faults survive")
-    equal(made.read("build/mutation/manager/src/Tiny.cpp"), SOURCE)
+    equal(made.read("build/mutation/1/manager/src/Tiny.cpp"), SOURCE)
     equal(made.git("status", "--short"), "")
 
 
@@ -172,7 +173,7 @@ def test_refuses_what_is_accepted_and_gone():
 def test_refuses_a_tree_whose_tests_fail():
     status, said = tree(SEES_ALL.replace("calls == 2", "calls == 3")).run("ci/mutation")
     equal(status, 1)
-    has(said, "without any fault this fails in build/mutation: ")
+    has(said, "without any fault this fails in build/mutation/1: ")
 
 
 def test_refuses_what_is_no_source_of_the_library():
