@@ -42,10 +42,10 @@ function(norv_own_code target)
 endfunction()
 
 # What a shared library of ours exports is stated, see exports.map, whatever the compiler inlines. For its object
-# libraries, too.
+# libraries, too. The description of its binary interface is taken from its debug information, which has all types.
 function(norv_exports library)
   foreach(target ${library} ${ARGN})
-    target_compile_options(${target} PRIVATE -fvisibility-inlines-hidden)
+    target_compile_options(${target} PRIVATE -fvisibility-inlines-hidden $<$<CONFIG:RelWithDebInfo>:-g>)
   endforeach()
   target_link_options(${library} PRIVATE LINKER:--version-script=${PROJECT_SOURCE_DIR}/cmake/exports.map)
   set_property(TARGET ${library} APPEND PROPERTY LINK_DEPENDS ${PROJECT_SOURCE_DIR}/cmake/exports.map)
