@@ -33,7 +33,7 @@ double cost(int times, Action action) {
 
 int main() {
   const int commands = bench::quick() ? 200 : 5000;
-  const int turns = bench::quick() ? 1 : 5;
+  const int turns = bench::quick() ? 3 : 5;
   const auto file = std::filesystem::temp_directory_path() /
                     ("norvd-note-" + std::to_string(static_cast<long>(getpid())));
   Norvd::UnderWay underWay;

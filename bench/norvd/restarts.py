@@ -13,7 +13,7 @@ import tempfile
 import time
 
 PROGRAMS = os.path.abspath(sys.argv[1])
-ROUNDS = 10 if "BENCH_QUICK" in os.environ else 100
+ROUNDS = 5 if "BENCH_QUICK" in os.environ else 100
 DOCUMENT = os.path.join(os.path.dirname(__file__), "../../examples/first-light.yaml")
 
 

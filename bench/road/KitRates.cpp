@@ -1,12 +1,13 @@
 // What the agent's kit adds to a command. First the CPU time of a command on the whole road with
 // the kit around the manager, beside the same without it: the same server, taken in turns. Then a
-// batch announced at once and taken from the pending queue, without the RPC, in growing sizes: the
-// time per command must stay.
+// batch announced at once and taken from the pending queue, without the RPC, with the kit and
+// without, and in growing sizes: the time per command must stay.
 
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <optional>
 #include <vector>
 
 #include <Norv/Agent/Kit.h>
@@ -16,7 +17,6 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
 using Tracked = Norv::Agent::Tracked<road::Counting>;
 
 // A small agent with the kit. A connected manager cannot be destroyed: it lives until the process
@@ -37,7 +37,7 @@ struct KitAgent {
     queue->enqueueVersionInc(1);
   }
   void wait() {
-    while (!last.try_acquire_for(std::chrono::milliseconds(5))) {
+    while (!last.tryAcquireFor(std::chrono::milliseconds(5))) {
       Lumo::ActivityLockAnchor activity;
       kit.tick();
     }
@@ -51,7 +51,7 @@ struct KitAgent {
   Norv::Agent::Kit kit{config, pending, status};
   Lumo::Ptr<Norv::ConnectionsMgr> manager;
   std::atomic<U64> done{0};
-  std::binary_semaphore last{0};
+  bench::Signal last;
 };
 
 // CPU microseconds of each command of a batch.
@@ -76,37 +76,45 @@ void compare(U16 port, U64 rounds, U64 commands) {
   std::fflush(stdout);
 }
 
-// Seconds to queue, announce and take a batch, answered by hand.
-double secondsOfBatch(U64 commands) {
+// CPU milliseconds to queue, announce and take a batch, answered by hand.
+double cpuOfAnnouncement(bool withKit, U64 commands) {
   const auto config = Norv::GrpcGlobalCmdConfig::GrpcGlobalCmdConfigIs("bench");
   const auto queue = Norv::CmdConfigGroup::CmdConfigGroupIs("main");
   const auto pending = Norv::CmdGroup::CmdGroupIs();
   const auto status = Norv::GrpcErrorHandlingStatus::GrpcErrorHandlingStatusIs();
   config->cmdConfigGroupIs(queue);
-  Norv::Agent::Kit kit(config, pending, status);
+  std::optional<Norv::Agent::Kit> kit;
+  if (withKit) kit.emplace(config, pending, status);
   const auto manager = Norv::ConnectionsMgr::ConnectionsMgrIs(
       Norv::ConnectionConfig::ConnectionConfigIs(1, "x"), config, pending, status);
-  kit.managerIs(manager);
+  if (kit) kit->managerIs(manager);
   std::atomic<U64> done{0};
   road::pb::VersionResponse response;
-  const Clock::time_point start = Clock::now();
+  const double start = road::cpuSeconds();
   for (U64 i = 0; i < commands; ++i) {
-    queue->cmdBatchEnq(Lumo::allocate<Tracked>(kit.ledger(), &done));
+    if (kit) {
+      queue->cmdBatchEnq(Lumo::allocate<Tracked>(kit->ledger(), &done));
+    } else {
+      queue->cmdBatchEnq(Lumo::allocate<road::Counting>(&done));
+    }
   }
   queue->enqueueVersionInc(1);
   while (const Lumo::Ptr<Norv::GrpcCmd> command = pending->cmdBatchDeq()) {
     command->processResponse(&response);
   }
-  return std::chrono::duration<double>(Clock::now() - start).count();
+  return (road::cpuSeconds() - start) * 1e3;
 }
 
-void grow(U64 few) {
+void announce() {
   setenv("SIMULATION_NORV", "1", 1);
   Lumo::ActivityLockAnchor activity;
-  secondsOfBatch(1000);
+  cpuOfAnnouncement(true, 1000);
   for (int turn = 0; turn < 5; ++turn) {
-    const double peer = secondsOfBatch(few);
-    bench::pair("kit_growth", secondsOfBatch(10 * few) * 1e3, peer * 1e3);
+    const double few = cpuOfAnnouncement(true, 100000);
+    const double bare = cpuOfAnnouncement(false, 1000000);
+    const double many = cpuOfAnnouncement(true, 1000000);
+    bench::pair("kit_growth", many, few);
+    bench::pair("kit_announcement", many, bare);
   }
 }
 
@@ -116,7 +124,7 @@ void grow(U64 few) {
 int main() {
   const U16 port = road::startServer();
   compare(port, bench::quick() ? 5 : 21, bench::quick() ? 1000 : 5000);
-  grow(bench::quick() ? 10000 : 100000);
+  announce();
   std::fflush(nullptr);
   _exit(0);
 }

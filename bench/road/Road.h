@@ -11,12 +11,13 @@
 #include <csignal>
 #include <cstdlib>
 #include <memory>
-#include <semaphore>
 #include <string>
 #include <vector>
 
 #include <Norv/ConnectionsMgr.h>
 #include <bess/pb/service.grpc.pb.h>
+
+#include "../Signal.h"
 
 // What the programs of this folder share: a server with one RPC, a command that counts its
 // response, and an agent that sends such commands through a manager.
@@ -53,7 +54,7 @@ inline std::shared_ptr<grpc::Channel> channelTo(U16 port) {
 // Counts its response. The last one of a batch also says so.
 class Counting : public GrpcCmd {
  public:
-  explicit Counting(std::atomic<U64>* done, std::binary_semaphore* last = nullptr)
+  explicit Counting(std::atomic<U64>* done, bench::Signal* last = nullptr)
       : GrpcCmd(new pb::EmptyRequest(), getVersion), done_(done), last_(last) {}
   void processResponse(google::protobuf::Message*) override {
     done_->fetch_add(1, std::memory_order_release);
@@ -62,7 +63,7 @@ class Counting : public GrpcCmd {
 
  private:
   std::atomic<U64>* const done_;
-  std::binary_semaphore* const last_;
+  bench::Signal* const last_;
 };
 
 // A connected manager cannot be destroyed: an agent lives until the process ends.
@@ -82,7 +83,7 @@ struct Agent {
   }
   // Until the batch is answered. Signals again now and then, as the worker may miss the one signal.
   void wait() {
-    while (!last.try_acquire_for(std::chrono::milliseconds(100))) {
+    while (!last.tryAcquireFor(std::chrono::milliseconds(100))) {
       Lumo::LockAnchor anchor(manager->threadLock());
       manager->threadCondition()->signal();
     }
@@ -92,7 +93,7 @@ struct Agent {
   Lumo::Ptr<CmdGroup> pending = CmdGroup::CmdGroupIs();
   Lumo::Ptr<ConnectionsMgr> manager;
   std::atomic<U64> done{0};
-  std::binary_semaphore last{0};
+  bench::Signal last;
 };
 
 // CPU time of this process in seconds.

@@ -4,14 +4,15 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <semaphore>
 
 #include <Norv/ConnectionsMgr.h>
 #include <bess/pb/service.pb.h>
 
+#include "../Signal.h"
+
 namespace {
 
-std::binary_semaphore answered{0};
+bench::Signal answered;
 
 class First : public Norv::GrpcCmd {
  public:
@@ -36,7 +37,7 @@ int main(int argc, char** argv) {
     queue->enqueueVersionInc(1);
   }
   // The one signal may come before the worker waits.
-  while (!answered.try_acquire_for(std::chrono::milliseconds(5))) {
+  while (!answered.tryAcquireFor(std::chrono::milliseconds(5))) {
     Lumo::LockAnchor anchor(manager->threadLock());
     manager->threadCondition()->signal();
   }

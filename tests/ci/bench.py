@@ -1,0 +1,153 @@
+"""bench/run on a folder of made-up programs: what its table says of their turns, and how it ends."""
+
+import json
+
+import scratch
+from scratch import equal, has
+
+ROWS = """from dataclasses import dataclass
+from typing import Optional
+
+
+@dataclass(frozen=True)
+class Row:
+    name: str
+    program: str
+    here: str
+    peer: Optional[str]
+    peer_name: str
+    goal: Optional[float]
+    unit: str = "ns"
+    per: int = 1
+    long: bool = False
+
+
+ROWS = [
+    Row("ahead", "pairs", "ahead", None, "another", 1.0),
+    Row("now and then", "pairs", "near", None, "another", 1.0),
+    Row("behind", "pairs", "behind", None, "another", 1.0),
+    Row("shown only", "pairs", "shown", None, "another", None, "ms"),
+    Row("each of ten", "bench", "Ours/10", "Theirs/10", "another", 1.0, per=10),
+    Row("very long", "pairs", "long", None, "another", 1.0, long=True),
+]
+"""
+# The middle half of `near` reaches below 1.
+PAIRS = """#!/bin/sh
+for turn in 1 2 3 4 5; do
+  echo "pair ahead $turn $((2 * turn))"
+  echo "pair behind $((4 * turn)) $turn"
+done
+echo pair near 8 10
+echo pair near 9 10
+echo pair near 11 10
+echo pair near 12 10
+echo pair near 13 10
+echo pair shown 300 100
+echo pair long 1 2
+echo "one thing more"
+"""
+# A process a turn; the second takes twice as long for both.
+BENCH = """#!/usr/bin/env python3
+import json, os, sys
+turns = sys.argv[0] + ".turns"
+open(turns, "a").write(" ".join(sys.argv[1:]) + "\\n")
+slow = 2 if len(open(turns).readlines()) == 2 else 1
+print(json.dumps({"benchmarks": [
+    {"run_name": "Ours/10", "cpu_time": 30 * slow, "time_unit": "ns"},
+    {"run_name": "Theirs/10", "cpu_time": 0.04 * slow, "time_unit": "us"}]}))
+"""
+DOCUMENT = "before\n<!-- written by ./dev bench --write -->\nold\n<!-- to here -->\nafter\n"
+
+
+def tree():
+    made = scratch.Tree("bench/run")
+    made.write("bench/rows.py", ROWS)
+    made.write("bin/pairs", PAIRS, 0o755)
+    made.write("bin/bench", BENCH, 0o755)
+    made.write("speed.md", DOCUMENT)
+    return made
+
+
+def run(made, *arguments):
+    return made.run("bench/run", made.path, *arguments)
+
+
+def line_of(said, name):
+    return next(" ".join(line.split()) for line in said.splitlines() if line.startswith(name))
+
+
+def test_a_row_is_the_median_of_its_turns_and_their_middle_half():
+    _, said = run(tree())
+    equal(line_of(said, "ahead"), "ahead 3 ns another: 6 ns 0.5 0.5 to 0.5 1 met")
+    equal(line_of(said, "now and then"), "now and then 11 ns another: 10 ns 1.1 0.9 to 1.2 1 missed within the spread")
+    equal(line_of(said, "behind"), "behind 12 ns another: 3 ns 4 4 to 4 1 missed")
+    equal(line_of(said, "shown only"), "shown only 300 ms another: 100 ms 3 3 to 3")
+
+
+def test_a_turn_of_benchmarks_is_a_process_that_measures_both():
+    made = tree()
+    _, said = run(made)
+    equal(line_of(said, "each of ten"), "each of ten 3 ns another: 4 ns 0.75 0.75 to 0.75 1 met")
+    turns = made.read("bin/bench.turns").splitlines()
+    equal(len(turns), 11)
+    has(turns[0], "--benchmark_filter=^(Ours/10|Theirs/10)$")
+
+
+def test_a_check_fails_for_what_is_missed_beyond_the_spread():
+    equal(run(tree())[0], 0)
+    status, said = run(tree(), "--check")
+    equal(status, 1)
+    has(said, "1 goals missed: behind")
+    equal(run(tree(), "--check", "--row", "now|ahead|shown")[0], 0)
+
+
+def test_a_quick_run_leaves_long_rows_out():
+    _, said = run(tree(), "--quick")
+    assert "very long" not in said, said
+    has(run(tree())[1], "very long")
+
+
+def test_a_row_that_nothing_measures_is_an_error():
+    made = tree()
+    made.write("bin/pairs", "#!/bin/sh\n", 0o755)
+    status, said = run(made, "--row", "ahead")
+    equal(status, 1)
+    has(said, "pairs says nothing of ahead")
+    status, said = run(made, "--row", "nothing of the kind")
+    equal(status, 1)
+    has(said, "no row matches nothing of the kind", "each of ten")
+    made.write("bin/pairs", "#!/bin/sh\nexit 3\n", 0o755)
+    status, said = run(made, "--row", "ahead")
+    equal(status, 1)
+    has(said, "ended with status 3")
+
+
+def test_the_table_is_written_between_its_marks():
+    made = tree()
+    run(made, "--write", made.inside("speed.md"))
+    text = made.read("speed.md")
+    assert text.startswith("before\n<!-- written by ./dev bench --write -->\nA full run, on "), text
+    assert text.endswith("\n- one thing more\n<!-- to here -->\nafter\n"), text
+    assert "old" not in text, text
+    has(text, "| behind | 12 ns | another: 3 ns | 4 | 4 to 4 | 1 | missed |\n")
+    run(made, "--quick", "--write", made.inside("speed.md"))
+    has(made.read("speed.md"), "A quick run, ")
+
+
+def test_a_part_is_not_written_as_the_whole():
+    made = tree()
+    status, said = run(made, "--row", "ahead", "--write", made.inside("speed.md"))
+    equal(status, 2)
+    has(said, "not with --row")
+    equal(made.read("speed.md"), DOCUMENT)
+
+
+def test_the_same_as_json():
+    made = tree()
+    run(made, "--row", "behind", "--json", made.inside("out.json"))
+    [row] = json.loads(made.read("out.json"))["rows"]
+    equal((row["row"], row["ratio"], row["goal"], row["verdict"]), ("behind", 4, 1, "missed"))
+
+
+if __name__ == "__main__":
+    scratch.main()
