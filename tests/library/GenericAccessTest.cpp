@@ -164,7 +164,7 @@ TEST_F(GenericAccessTest, MakesNothingOfWrongArguments) {
   EXPECT_THROW(genericNew("Norv::CmdConfigGroup", 3), RangeException);
   EXPECT_THROW(genericNew("Norv::CmdGroup", 3), RangeException);
   EXPECT_THROW(genericNew("Norv::GrpcCmd", nullptr, "fetchVersion"), RangeException);
-  EXPECT_THROW(genericNew("Norv::GrpcCmd", nullptr, 46), RangeException);
+  EXPECT_THROW(genericNew("Norv::GrpcCmd", nullptr, grpcRequestTypes), RangeException);
   EXPECT_THROW(genericNew("Norv::GrpcCmd", "text", 1), RangeException);
   EXPECT_THROW(genericNew("Norv::GrpcCmd", nullptr, -1), RangeException);
   EXPECT_THROW(genericNew("Norv::GrpcCmd", nullptr, true), RangeException);
