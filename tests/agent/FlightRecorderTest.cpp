@@ -262,6 +262,35 @@ TEST_F(FlightRecorderTest, FollowsASymbolicLink) {
   EXPECT_THROW(FlightRecorder{folder.file("round")}, Lumo::ErrnoException);
 }
 
+TEST_F(FlightRecorderTest, FollowsNoLinkOfSomebodyElseWhereEverybodyMayWrite) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root gives a link to somebody else";
+  constexpr uid_t somebody = 65534;
+  const std::string common = folder.file("common"), link = common + "/trace";
+  const std::string target = folder.file("target");
+  std::filesystem::create_directory(common);
+  ASSERT_EQ(::chmod(common.c_str(), 01777), 0);
+  std::filesystem::create_symlink(target, link);
+  { const FlightRecorder own(link); }
+  ASSERT_TRUE(std::filesystem::remove(target));
+  ASSERT_EQ(::lchown(link.c_str(), somebody, somebody), 0);
+  try {
+    const FlightRecorder recorder(link);
+    ADD_FAILURE() << "made";
+  } catch (const Lumo::ErrnoException& error) {
+    EXPECT_EQ(error.errnoValue(), EACCES);
+    EXPECT_THAT(error.what(), testing::HasSubstr(link + " is a link that somebody else has put"));
+  }
+  EXPECT_FALSE(std::filesystem::exists(target));
+  // The folder's owner could put anything there.
+  ASSERT_EQ(::chown(common.c_str(), somebody, somebody), 0);
+  { const FlightRecorder owners(link); }
+  EXPECT_TRUE(std::filesystem::exists(target));
+  // Nobody else could.
+  ASSERT_EQ(::chown(common.c_str(), 0, 0), 0);
+  ASSERT_EQ(::chmod(common.c_str(), 0755), 0);
+  const FlightRecorder safe(link);
+}
+
 TEST_F(FlightRecorderTest, LeavesAFileThatSomebodyWritesAlone) {
   auto writer = std::make_unique<FlightRecorder>(path);
   leave("one");

@@ -45,8 +45,9 @@ class TraceFile {
  public:
   // Throws Lumo::ErrnoException with the path when the file cannot be made, Lumo::RangeException
   // when the size is below the minimum or beyond 2 GiB. With keepPrevious a symbolic link is
-  // followed, and the ErrnoException has EEXIST where something else than a trace file or an empty
-  // file has the name, EBUSY where somebody writes the trace file that has it.
+  // followed, but for one of somebody else's in a folder that everybody may write (EACCES), and the
+  // ErrnoException has EEXIST where something else than a trace file or an empty file has the name,
+  // EBUSY where somebody writes the trace file that has it.
   TraceFile(const std::string& path, TraceOptions options);
   ~TraceFile();
   TraceFile(const TraceFile&) = delete;
