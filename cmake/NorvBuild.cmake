@@ -42,10 +42,12 @@ function(norv_own_code target)
 endfunction()
 
 # What a shared library of ours exports is stated, see exports.map, whatever the compiler inlines. For its object
-# libraries, too. The description of its binary interface is taken from its debug information, which has all types.
+# libraries, too. Nobody replaces a function of a library inside the library: its own calls may be direct. The
+# description of its binary interface is taken from its debug information, which has all types.
 function(norv_exports library)
   foreach(target ${library} ${ARGN})
-    target_compile_options(${target} PRIVATE -fvisibility-inlines-hidden $<$<CONFIG:RelWithDebInfo>:-g>)
+    target_compile_options(${target} PRIVATE -fvisibility-inlines-hidden -fno-semantic-interposition
+      $<$<CONFIG:RelWithDebInfo>:-g>)
   endforeach()
   target_link_options(${library} PRIVATE LINKER:--version-script=${PROJECT_SOURCE_DIR}/cmake/exports.map)
   set_property(TARGET ${library} APPEND PROPERTY LINK_DEPENDS ${PROJECT_SOURCE_DIR}/cmake/exports.map)

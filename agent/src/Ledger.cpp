@@ -40,23 +40,23 @@ U64 Ledger::created(GrpcRequestType type, const TrackedEntry* entry) {
 
 void Ledger::announced(U64 id, const Lumo::Name& queue) {
   const Time now = now_();
-  CommandReport report;
-  U64 depth = 0;
+  U64 seq = 0, depth = 0;
+  GrpcRequestType type{};
   {
     Lumo::LockAnchor anchor(&lock_);
     auto waiting = waiting_.extract(id);
     if (waiting.empty()) return;
-    report = std::move(waiting.mapped());
-    report.seq = ++lastSeq_;
+    CommandReport& report = waiting.mapped();
+    seq = report.seq = ++lastSeq_;
+    type = report.type;
     report.queue = queue;
     report.announced = now;
-    seqOf_[id] = report.seq;
-    open_[report.seq] = report;
+    seqOf_[id] = seq;
+    open_.emplace_hint(open_.end(), seq, std::move(report));
     openMaximum_ = std::max<U64>(openMaximum_, open_.size());
     depth = ++openOf_[queue];
   }
-  Twine::trace<AgentTrace::announced>(report.seq, stringValue(report.type), queue.stringValue(),
-                                      depth);
+  Twine::trace<AgentTrace::announced>(seq, stringValue(type), queue.stringValue(), depth);
 }
 
 void Ledger::answered(U64 id, Time at, int errorCode, const std::string& errorText) {

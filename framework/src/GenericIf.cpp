@@ -1,3 +1,4 @@
+#include <functional>
 #include <sstream>
 
 #include <Lumo/Entity.h>
@@ -17,6 +18,14 @@ Overloaded(F...) -> Overloaded<F...>;
 [[noreturn]] void throwTypeMismatch(const char* expected, const GenericValue& value) {
   throwRangeException(String("expected ") + expected + ", got " + value.typeName() + " " +
                       value.strep());
+}
+
+// The type's row of an attribute: mostly it is asked with that very row.
+const LumoAttr* rowOf(const LumoType& type, const LumoAttr& attr) {
+  const auto rows = type.attributes();
+  const std::less<const LumoAttr*> before;
+  const bool own = !before(&attr, rows.data()) && before(&attr, rows.data() + rows.size());
+  return own ? &attr : type.attr(attr.attributeId());
 }
 
 }  // namespace
@@ -107,7 +116,7 @@ void GenericIfImpl::throwWrongCount(std::size_t expected, std::size_t got) {
 void GenericIfImpl::attributeOp(const LumoType& type, PtrInterface* object, bool isConst,
                                 const AttributeOp& op, GenericArgs args, GenericValue* result,
                                 bool* resultSet) {
-  const LumoAttr* row = op.attr() ? type.attr(op.attr()->attributeId()) : nullptr;
+  const LumoAttr* row = op.attr() ? rowOf(type, *op.attr()) : nullptr;
   const bool changes = op.opId() != opRead && op.opId() != opMemberRead;
   if (!row || !row->offers(op.opId()) || (isConst && changes)) throwOpNotSupportedException(op);
   if (result->isVoid()) {
@@ -123,13 +132,13 @@ void GenericIfImpl::attributeOp(const LumoType& type, PtrInterface* object, bool
 
 void* GenericIfImpl::iterator(const LumoType& type, PtrInterface* object, const LumoAttr& attr,
                               const IteratorOps** ops) {
-  const LumoAttr* row = type.attr(attr.attributeId());
+  const LumoAttr* row = rowOf(type, attr);
   return row && row->collection() ? row->start_(object, ops) : nullptr;
 }
 
 void* GenericIfImpl::iteratorKey(const LumoType& type, PtrInterface* object, const LumoAttr& attr,
                                  const GenericValue& key, const IteratorOps** ops) {
-  const LumoAttr* row = type.attr(attr.attributeId());
+  const LumoAttr* row = rowOf(type, attr);
   return row && row->collection() ? row->startAt_(object, key, ops) : nullptr;
 }
 

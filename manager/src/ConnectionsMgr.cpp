@@ -271,7 +271,7 @@ U32 ConnectionsMgr::doEnqueueBatchHelper(const Lumo::Ptr<CmdConfigGroup>& group)
   const Lumo::Ptr<CmdGroup> pending = pendingQueue_;
   const Lumo::Ptr<CmdConfigGroup> queue = group;
   const U32 waiting = queue->cmdBatchs();
-  while (const Lumo::Ptr<GrpcCmd> cmd = queue->cmdBatchDeq()) pending->cmdBatchEnq(cmd);
+  while (Lumo::Ptr<GrpcCmd> cmd = queue->cmdBatchDeq()) pending->cmdBatchEnq(std::move(cmd));
   return waiting;
 }
 

@@ -290,6 +290,15 @@ TEST_F(GenericIfTest, AForeignAttributeIsNotSupported) {
   EXPECT_FALSE(resultSet);
 }
 
+// What counts is the number, as where a table was loaded twice.
+TEST_F(GenericIfTest, AnAttributeOfAnotherTableIsTheOneWithItsNumber) {
+  const Lumo::LumoAttr twins[] = {boxAttributes.front(), boxAttributes.back()};
+  EXPECT_EQ(view.op(twins[0], Lumo::opRead, {}).number(), 12u);
+  box->partIs("a", thing("a"));
+  const std::vector<GenericValue> key = {Name("a")};
+  EXPECT_EQ(unwrapped<Ptr<Thing>>(view.op(twins[1], Lumo::opMemberRead, key)), box->part("a"));
+}
+
 TEST_F(GenericIfTest, RefusesArgumentsThatDoNotFit) {
   EXPECT_THROW(view.write("weight", "heavy"), RangeException);
   EXPECT_THROW(view.call("reset", std::vector<GenericValue>{1}), RangeException);

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <Lumo/Entity.h>
+#include <Norv/CmdConfigGroup.h>
 #include <Norv/CmdGroup.h>
 
 #include "QueueSupport.h"
@@ -53,6 +54,27 @@ TEST_F(CmdGroupTest, CountsModulo65536) {
 TEST_F(CmdGroupTest, DoesNotEnforceItsLimit) {
   for (int i = 0; i < 5000; ++i) group->cmdBatchEnq(cmd());
   EXPECT_EQ(group->cmdBatchs(), 5000u);
+}
+
+TEST(CmdBatchEnq, TakesOverTheReferenceThatIsGivenAway) {
+  const auto check = [](const auto& queue) {
+    Lumo::Ptr<GrpcCmd> kept = cmd(), given = cmd();
+    const Lumo::PtrInterface* const object = given.ptr();
+    queue->cmdBatchEnq(kept);
+    queue->cmdBatchEnq(std::move(given));
+    EXPECT_EQ(kept->references(), 2u);
+    EXPECT_FALSE(given);
+    EXPECT_EQ(object->references(), 1u);
+    EXPECT_EQ(queue->cmdBatchDeq(), kept);
+    EXPECT_EQ(queue->cmdBatchDeq().ptr(), object);
+    // No room.
+    queue->cmdBatchMetadataIs({5, 4});
+    EXPECT_THROW(queue->cmdBatchEnq(kept), Lumo::RangeException);
+    EXPECT_EQ(kept->references(), 1u);
+    EXPECT_THROW(queue->cmdBatchEnq(cmd()), Lumo::RangeException);
+  };
+  check(CmdGroup::CmdGroupIs());
+  check(CmdConfigGroup::CmdConfigGroupIs("ports"));
 }
 
 TEST_F(CmdGroupTest, IsAQueue) {

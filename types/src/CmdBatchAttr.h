@@ -26,7 +26,8 @@ constexpr Lumo::LumoAttr cmdBatchAttr(int id) {
   row = with<Owner, &Owner::cmdBatchIs>(row, opMemberIs);
   row = with<Owner, &Owner::cmdBatchDel>(row, opMemberDel);
   row = with<Owner, &Owner::cmdBatchDelAll>(row, opMemberDelAll);
-  row = with<Owner, &Owner::cmdBatchEnq>(row, opMemberEnq);
+  row = with<Owner, static_cast<void (Owner::*)(const Ptr<GrpcCmd>&)>(&Owner::cmdBatchEnq)>(
+      row, opMemberEnq);
   return with<Owner, &Owner::cmdBatchDeq>(row, opMemberDeq);
 }
 

@@ -40,9 +40,13 @@ void CmdConfigGroup::cmdBatchNotify(U32 index) {
 }
 
 void CmdConfigGroup::cmdBatchEnq(const Lumo::Ptr<GrpcCmd>& cmd) {
+  cmdBatchEnq(Lumo::Ptr<GrpcCmd>(cmd));
+}
+
+void CmdConfigGroup::cmdBatchEnq(Lumo::Ptr<GrpcCmd>&& cmd) {
   fwkEntityVersionInc();
   const auto kept = keptFor(notifiees_);
-  cmdBatchNotify(cmdBatch_.enq(cmd));
+  cmdBatchNotify(cmdBatch_.enq(std::move(cmd)));
 }
 
 void CmdConfigGroup::cmdBatchIs(U32 index, const Lumo::Ptr<GrpcCmd>& cmd) {

@@ -72,9 +72,9 @@ void LineStream::giveBack(LineStream* stream) {
 
 void LineStream::reset() {
   buffer_.clear();
-  clear();
+  if (rdstate() != std::ios_base::goodbit) clear();
   flags(std::ios_base::skipws | std::ios_base::dec);
-  exceptions(std::ios_base::goodbit);
+  if (exceptions() != std::ios_base::goodbit) exceptions(std::ios_base::goodbit);
   width(0);
   precision(6);
   if (fill() != ' ') fill(' ');

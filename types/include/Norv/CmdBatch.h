@@ -54,7 +54,7 @@ class CmdBatch : public Lumo::LinkQueue<CmdBatchEntry<Owner>> {
   // Appends `cmd`, null included, and returns its index.
   U32 enq(Lumo::Ptr<GrpcCmd> cmd) {
     const U32 index = this->tailIndex();
-    this->memberIs(index, entry(index, std::move(cmd)));
+    this->memberNew(entry(index, std::move(cmd)));
     return index;
   }
   // Sets, inserts or (null) deletes the command under `index`; false if there was nothing to do.

@@ -54,8 +54,10 @@ class CmdConfigGroup : public Lumo::Entity {
   Lumo::Name name() const override { return name_; }
 
   // The queue, as LinkQueue describes it. Each change fires onCmdBatch(index). Enqueuing and
-  // inserting pass the queue's RangeException on, before any notification.
+  // inserting pass the queue's RangeException on, before any notification; a reference that was
+  // given away with std::move is gone then, too.
   void cmdBatchEnq(const Lumo::Ptr<GrpcCmd>& cmd);
+  void cmdBatchEnq(Lumo::Ptr<GrpcCmd>&& cmd);
   // Inserts (absent), replaces (present) or, with null, deletes.
   // Kept on purpose: setting the command an entry already holds fires nothing only if the index is
   // below the number of entries.

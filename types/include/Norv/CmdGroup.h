@@ -23,8 +23,10 @@ class CmdGroup : public Lumo::PtrInterface {
   static Lumo::ValidPtr<CmdGroup> CmdGroupIs();
   ~CmdGroup() override = default;
 
-  // The queue, as LinkQueue describes it. Enqueuing and inserting pass its RangeException on.
+  // The queue, as LinkQueue describes it. Enqueuing and inserting pass its RangeException on; a
+  // reference that was given away with std::move is gone then, too.
   void cmdBatchEnq(const Lumo::Ptr<GrpcCmd>& cmd) { cmdBatch_.enq(cmd); }
+  void cmdBatchEnq(Lumo::Ptr<GrpcCmd>&& cmd) { cmdBatch_.enq(std::move(cmd)); }
   // Inserts (absent), replaces (present) or, with null, deletes.
   void cmdBatchIs(U32 index, const Lumo::Ptr<GrpcCmd>& cmd) { cmdBatch_.is(index, cmd); }
   // The command of the head entry, which is taken out; null if the queue is empty. Of the entry
