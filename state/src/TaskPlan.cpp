@@ -166,7 +166,7 @@ void TrafficPlanner::placeWaiting(const Created& created, std::vector<Move>& mov
     const ClassRow* row = classRow(target_.modules.at(name).moduleClass);
     if (row == nullptr || !row->tasks || moved.contains(name)) continue;
     const std::size_t change = builder_.change({Kind::module, name}, Action::create);
-    moves.push_back({name, 0, {}, change, {step}, {}});
+    moves.push_back({name, 0, Place(), change, {step}, std::nullopt});
     return;
   }
 }

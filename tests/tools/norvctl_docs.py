@@ -1,4 +1,4 @@
-"""Every command line of norvctl that README.md and the manual pages show can be typed as it stands."""
+"""Every command line of our programs that README.md, docs/ and the manual pages show can be typed as it stands."""
 
 import os
 import re
@@ -29,6 +29,18 @@ def page_lines():
             yield bold.replace("\\-", "-").replace("\\(aq", "'").replace("\\e", "\\")
 
 
+def document_lines():
+    """The lines of code in docs/ that begin with a program of ours; after two blanks comes what is said of it."""
+    for name in sorted(os.listdir(harness.SOURCES + "/docs")):
+        if not name.endswith(".md"):
+            continue
+        with open(f"{harness.SOURCES}/docs/{name}", encoding="utf-8") as file:
+            for block in re.findall(r"^```\w*\n(.*?)^```|((?:^    .*\n)+)", file.read(), re.M | re.S):
+                for line in "".join(block).splitlines():
+                    if typed := re.match(r"(?:    |\$ )?((?:norvctl|norvd|skein|bessd-standin) (?!listening ).*)", line):
+                        yield re.sub(r"  .*", "", typed[1])
+
+
 class Place:
     """A folder with the files that the lines name, and a daemon with the names that they name."""
 
@@ -40,6 +52,9 @@ class Place:
         self.write("127.0.0.1.yaml", "modules: {a: Sink, fib: Bypass}\n")
         os.mkdir(self.folder + "/.zfunc")
         self.standin = Standin()
+        recorded = norvctl("run", "--standin", "--quiet", "--flight-recorder", self.folder + "/FILE",
+                           self.folder + "/commands.jsonl")
+        equal(recorded.status, 0, recorded)
         pages = f"unix:{self.folder}/pages"
         state = f"{self.folder}/state"
         agent = Process(
@@ -63,7 +78,7 @@ class Place:
 
     def type(self, line):
         """Runs the line; one that does not end by itself is interrupted after its first output."""
-        line = re.sub(r"\bswitch\d\b", "127.0.0.1", line)
+        line = re.sub(r"\bswitch\d\b", "127.0.0.1", line).replace("127.0.0.1:40124", f"127.0.0.1:{self.standin.port}")
         process = subprocess.Popen(
             ["bash", "-c", line],
             cwd=self.folder,
@@ -102,6 +117,12 @@ def check(lines):
 
 def test_lines_of_the_readme():
     assert len(check(readme_lines())) >= 5
+
+
+def test_lines_of_the_documents():
+    lines = check(document_lines())
+    for program in ("norvctl", "norvd", "skein", "bessd-standin"):
+        assert any(line.startswith(program + " ") for line in lines), (program, lines)
 
 
 def test_lines_of_the_manual():
