@@ -37,7 +37,7 @@ def document_lines():
         with open(f"{harness.SOURCES}/docs/{name}", encoding="utf-8") as file:
             for block in re.findall(r"^```\w*\n(.*?)^```|((?:^    .*\n)+)", file.read(), re.M | re.S):
                 for line in "".join(block).splitlines():
-                    if typed := re.match(r"(?:    |\$ )?((?:norvctl|norvd|skein|bessd-standin) (?!listening ).*)", line):
+                    if typed := re.match(r"(?:    |\$ )?((?:norvctl|norvd|skein|bessd-standin) (?!listening |controlled ).*)", line):
                         yield re.sub(r"  .*", "", typed[1])
 
 
@@ -52,6 +52,8 @@ class Place:
         self.write("127.0.0.1.yaml", "modules: {a: Sink, fib: Bypass}\n")
         os.mkdir(self.folder + "/.zfunc")
         self.standin = Standin()
+        controlled = Process(harness.STANDIN, "--listen", "127.0.0.1:0", "--control", "127.0.0.1:0")
+        self.control = controlled.wait_for(r"controlled at (\S+)\n").group(1)
         recorded = norvctl("run", "--standin", "--quiet", "--flight-recorder", self.folder + "/FILE",
                            self.folder + "/commands.jsonl")
         equal(recorded.status, 0, recorded)
@@ -78,7 +80,8 @@ class Place:
 
     def type(self, line):
         """Runs the line; one that does not end by itself is interrupted after its first output."""
-        line = re.sub(r"\bswitch\d\b", "127.0.0.1", line).replace("127.0.0.1:40124", f"127.0.0.1:{self.standin.port}")
+        line = re.sub(r"\bswitch\d\b", "127.0.0.1", line)
+        line = line.replace("127.0.0.1:40124", self.control).replace("/tmp/", self.folder + "/")
         process = subprocess.Popen(
             ["bash", "-c", line],
             cwd=self.folder,
