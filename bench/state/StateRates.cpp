@@ -336,7 +336,5 @@ int main(int argc, char** argv) {
   std::fflush(stdout);
   daemon.~Daemon();
   byHandDaemon.~Daemon();
-  tables.~Daemon();
-  peer.~Daemon();
   Norvctl::leave(0);
 }
