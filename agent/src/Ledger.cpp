@@ -31,10 +31,10 @@ const char* const neverAnnounced = "let go before it was announced";
 U64 Ledger::created(GrpcRequestType type, const TrackedEntry* entry) {
   Lumo::LockAnchor anchor(&lock_);
   const U64 id = ++lastId_;
-  CommandReport& report = waiting_[id];
-  report.id = id;
-  report.type = type;
-  if (entry) entryOf_[id] = entry;
+  Command& command = commands_[id];
+  command.report.id = id;
+  command.report.type = type;
+  command.entry = entry;
   return id;
 }
 
@@ -44,16 +44,15 @@ void Ledger::announced(U64 id, const Lumo::Name& queue) {
   GrpcRequestType type{};
   {
     Lumo::LockAnchor anchor(&lock_);
-    auto waiting = waiting_.extract(id);
-    if (waiting.empty()) return;
-    CommandReport& report = waiting.mapped();
+    Command* const command = find(id);
+    if (!command || command->report.seq != 0) return;
+    CommandReport& report = command->report;
     seq = report.seq = ++lastSeq_;
     type = report.type;
     report.queue = queue;
     report.announced = now;
-    seqOf_[id] = seq;
-    open_.emplace_hint(open_.end(), seq, std::move(report));
-    openMaximum_ = std::max<U64>(openMaximum_, open_.size());
+    open_.push_back(command);
+    openMaximum_ = std::max(openMaximum_, ++openCount_);
     depth = ++openOf_[queue];
   }
   Twine::trace<AgentTrace::announced>(seq, stringValue(type), queue.stringValue(), depth);
@@ -64,12 +63,12 @@ void Ledger::answered(U64 id, Time at, int errorCode, const std::string& errorTe
   Reports ended;
   {
     Lumo::LockAnchor anchor(&lock_);
-    std::optional<CommandReport> report = take(id);
-    if (!report) return;
-    endSkippedBefore(report->seq, ended);
-    report->errorCode = errorCode;
-    report->errorText = errorText;
-    end(std::move(*report), errorCode == 0 ? Outcome::ok : Outcome::refused, at, ended);
+    Command* const command = find(id);
+    if (!command) return;
+    endSkippedBefore(command->report.seq, ended);
+    command->report.errorCode = errorCode;
+    command->report.errorText = errorText;
+    end(*command, errorCode == 0 ? Outcome::ok : Outcome::refused, at, ended);
   }
   publish(ended);
 }
@@ -87,15 +86,14 @@ void Ledger::endUnanswered(U64 id, bool maybeSent) {
   Reports ended;
   {
     Lumo::LockAnchor anchor(&lock_);
-    std::optional<CommandReport> report = take(id);
-    if (!report) return;
-    if (report->seq == 0) report->errorText = neverAnnounced;
+    Command* const command = find(id);
+    if (!command) return;
+    const U64 seq = command->report.seq;
+    if (seq == 0) command->report.errorText = neverAnnounced;
     // Whoever holds it last: it was sent if the worker has had it.
-    const bool taken =
-        maybeSent && report->seq != 0 && (isWorker() || report->seq <= lastTakenSeq_);
-    if (taken) endSkippedBefore(report->seq, ended);
-    const Outcome outcome = taken ? skippedOutcome(id) : Outcome::dropped;
-    end(std::move(*report), outcome, now_(), ended);
+    const bool taken = maybeSent && seq != 0 && (isWorker() || seq <= lastTakenSeq_);
+    if (taken) endSkippedBefore(seq, ended);
+    end(*command, taken ? skippedOutcome(id) : Outcome::dropped, now_(), ended);
   }
   publish(ended);
 }
@@ -108,15 +106,17 @@ std::optional<U64> Ledger::takenBefore(std::optional<U64> firstPending) {
     Lumo::LockAnchor anchor(&lock_);
     auto behind = open_.end();
     if (firstPending) {
-      const auto seq = seqOf_.find(*firstPending);
-      if (seq == seqOf_.end()) return std::nullopt;
-      behind = open_.find(seq->second);
+      const Command* const first = find(*firstPending);
+      if (!first || first->report.seq == 0) return std::nullopt;
+      behind = open_.begin() + static_cast<std::ptrdiff_t>(placeOf(first->report.seq));
     }
     if (behind == open_.begin()) return std::nullopt;
-    --behind;
-    last = behind->second.id;
-    lastTakenSeq_ = std::max(lastTakenSeq_, behind->first);
-    endSkippedBefore(behind->first, ended);
+    do --behind;
+    while (!*behind);  // the first one never is null
+    const CommandReport& report = (*behind)->report;
+    last = report.id;
+    lastTakenSeq_ = std::max(lastTakenSeq_, report.seq);
+    endSkippedBefore(report.seq, ended);
   }
   publish(ended);
   return last;
@@ -129,8 +129,8 @@ void Ledger::flagRose(bool commandFailed, const std::string& text, int rpcCode) 
     Lumo::LockAnchor anchor(&lock_);
     stopped_ = true;
     if (commandFailed && !open_.empty()) {
-      open_.begin()->second.errorText = text;
-      open_.begin()->second.rpcCode = rpcCode;
+      open_.front()->report.errorText = text;
+      open_.front()->report.rpcCode = rpcCode;
       endOldest(Outcome::failed, ended);
     }
   }
@@ -152,14 +152,15 @@ void Ledger::close(std::optional<U64> underWay, const std::string& reason) {
   Reports ended;
   {
     Lumo::LockAnchor anchor(&lock_);
-    if (!open_.empty() && underWay == open_.begin()->second.id) {
-      open_.begin()->second.errorText = reason;
+    if (!open_.empty() && underWay == open_.front()->report.id) {
+      open_.front()->report.errorText = reason;
       endOldest(Outcome::failed, ended);
     }
     while (!open_.empty()) endOldest(Outcome::dropped, ended);
-    std::map<U64, CommandReport> waiting(waiting_.begin(), waiting_.end());
-    waiting_.clear();
-    for (auto& [id, report] : waiting) end(std::move(report), Outcome::dropped, now_(), ended);
+    std::vector<U64> waiting;
+    for (const auto& [id, command] : commands_) waiting.push_back(id);
+    std::sort(waiting.begin(), waiting.end());
+    for (const U64 id : waiting) end(*find(id), Outcome::dropped, now_(), ended);
   }
   publish(ended);
 }
@@ -198,12 +199,13 @@ U64 Ledger::announcedCount() const {
 
 bool Ledger::isOpen(U64 id) const {
   Lumo::LockAnchor anchor(&lock_);
-  return seqOf_.contains(id);
+  const auto found = commands_.find(id);
+  return found != commands_.end() && found->second.report.seq != 0;
 }
 
 U64 Ledger::openAnnounced() const {
   Lumo::LockAnchor anchor(&lock_);
-  return open_.size();
+  return openCount_;
 }
 
 U64 Ledger::openAnnouncedMaximum() const {
@@ -214,7 +216,7 @@ U64 Ledger::openAnnouncedMaximum() const {
 std::optional<CommandReport> Ledger::oldestOpen() const {
   Lumo::LockAnchor anchor(&lock_);
   if (open_.empty()) return std::nullopt;
-  CommandReport report = open_.begin()->second;
+  CommandReport report = open_.front()->report;
   report.started = std::max(report.announced, lastEnd_);
   return report;
 }
@@ -228,13 +230,30 @@ std::optional<CommandReport> Ledger::lastFailure() const {
 std::string Ledger::oldestOpenRequest(std::size_t mostBytes) const {
   Lumo::LockAnchor anchor(&lock_);
   if (open_.empty()) return {};
-  const auto entry = entryOf_.find(open_.begin()->second.id);
-  return entry == entryOf_.end() ? std::string()
-                                 : jsonOf(entry->second->trackedRequest(), mostBytes);
+  const TrackedEntry* const entry = open_.front()->entry;
+  return entry ? jsonOf(entry->trackedRequest(), mostBytes) : std::string();
 }
 
-void Ledger::end(CommandReport report, Outcome outcome, Time at, Reports& ended) {
-  entryOf_.erase(report.id);
+Ledger::Command* Ledger::find(U64 id) {
+  const auto found = commands_.find(id);
+  return found == commands_.end() ? nullptr : &found->second;
+}
+
+// Where it stands in open_.
+std::size_t Ledger::placeOf(U64 seq) const {
+  return seq - open_.front()->report.seq;
+}
+
+void Ledger::leaveOpen(U64 seq) {
+  open_[placeOf(seq)] = nullptr;
+  --openCount_;
+  while (!open_.empty() && !open_.front()) open_.pop_front();
+}
+
+void Ledger::end(Command& command, Outcome outcome, Time at, Reports& ended) {
+  if (command.report.seq != 0) leaveOpen(command.report.seq);
+  CommandReport report = std::move(command.report);
+  commands_.erase(report.id);
   report.outcome = outcome;
   report.ended = at;
   report.started = std::max(report.announced, lastEnd_);
@@ -248,9 +267,7 @@ void Ledger::end(CommandReport report, Outcome outcome, Time at, Reports& ended)
 }
 
 void Ledger::endOldest(Outcome outcome, Reports& ended) {
-  auto oldest = open_.extract(open_.begin());
-  seqOf_.erase(oldest.mapped().id);
-  end(std::move(oldest.mapped()), outcome, now_(), ended);
+  end(*open_.front(), outcome, now_(), ended);
 }
 
 // What a command has come to that the worker let go without a response: its reply did not decode,
@@ -260,18 +277,9 @@ Outcome Ledger::skippedOutcome(U64 id) const {
 }
 
 void Ledger::endSkippedBefore(U64 seq, Reports& ended) {
-  while (!open_.empty() && open_.begin()->first < seq) {
-    endOldest(skippedOutcome(open_.begin()->second.id), ended);
+  while (!open_.empty() && open_.front()->report.seq < seq) {
+    endOldest(skippedOutcome(open_.front()->report.id), ended);
   }
-}
-
-std::optional<CommandReport> Ledger::take(U64 id) {
-  if (auto waiting = waiting_.extract(id); !waiting.empty()) return std::move(waiting.mapped());
-  const auto seq = seqOf_.find(id);
-  if (seq == seqOf_.end()) return std::nullopt;
-  auto open = open_.extract(seq->second);
-  seqOf_.erase(seq);
-  return std::move(open.mapped());
 }
 
 void Ledger::publish(const Reports& ended) {

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <chrono>
+#include <deque>
 #include <functional>
 #include <map>
 #include <optional>
@@ -107,13 +108,21 @@ class Ledger {
  private:
   using Reports = std::vector<CommandReport>;
 
-  void end(CommandReport report, Outcome outcome, Time at, Reports& ended) LUMO_REQUIRES(lock_);
+  struct Command {
+    CommandReport report;
+    const TrackedEntry* entry = nullptr;
+  };
+
+  // Null if it has ended or never was.
+  Command* find(U64 id) LUMO_REQUIRES(lock_);
+  void end(Command& command, Outcome outcome, Time at, Reports& ended) LUMO_REQUIRES(lock_);
+  std::size_t placeOf(U64 seq) const LUMO_REQUIRES(lock_);
+  void leaveOpen(U64 seq) LUMO_REQUIRES(lock_);
   void endUnanswered(U64 id, bool maybeSent);
   void endOldest(Outcome outcome, Reports& ended) LUMO_REQUIRES(lock_);
   Outcome skippedOutcome(U64 id) const LUMO_REQUIRES(lock_);
   void endSkippedBefore(U64 seq, Reports& ended) LUMO_REQUIRES(lock_);
   bool isWorker() const LUMO_REQUIRES(lock_);
-  std::optional<CommandReport> take(U64 id) LUMO_REQUIRES(lock_);
   void publish(const Reports& ended) LUMO_REQUIRES(publishing_);
 
   const TimeSource now_;
@@ -124,11 +133,11 @@ class Ledger {
   mutable Lumo::Lock lock_;
   U64 lastId_ LUMO_GUARDED_BY(lock_) = 0;
   U64 lastSeq_ LUMO_GUARDED_BY(lock_) = 0;
-  std::unordered_map<U64, CommandReport> waiting_ LUMO_GUARDED_BY(lock_);  // by id, not announced
-  std::map<U64, CommandReport> open_ LUMO_GUARDED_BY(lock_);               // by seq, announced
-  std::unordered_map<U64, U64> seqOf_ LUMO_GUARDED_BY(lock_);              // id to seq, while open
-  std::unordered_map<U64, const TrackedEntry*> entryOf_
-      LUMO_GUARDED_BY(lock_);  // by id, until ended
+  std::unordered_map<U64, Command> commands_ LUMO_GUARDED_BY(lock_);  // by id, until they end
+  // Those that were announced, from the oldest open one on, in the order of their numbers, which
+  // have no gaps: null for what has ended.
+  std::deque<Command*> open_ LUMO_GUARDED_BY(lock_);
+  U64 openCount_ LUMO_GUARDED_BY(lock_) = 0;
   U64 openMaximum_ LUMO_GUARDED_BY(lock_) = 0;
   std::map<Lumo::Name, U64> openOf_ LUMO_GUARDED_BY(lock_);  // by queue
   bool stopped_ LUMO_GUARDED_BY(lock_) = false;
