@@ -39,6 +39,9 @@ constexpr Wrong form[] = {
     {"modules: {[a]: Sink}", "f:1:11: a key that is no text"},
     {"modules:\n  a\xff: Sink", "f:2:4: no UTF-8"},
     {"a: \xed\xa0\x80", "f:1:4: no UTF-8"},
+    {"a: \xe0\x9f\xbf", "f:1:4: no UTF-8"},
+    {"a: \xf0\x8f\xbf\xbf", "f:1:4: no UTF-8"},
+    {"a: \xf4\x90\x80\x80", "f:1:4: no UTF-8"},
     {"a: 1\n---\nb: 2", "f:3:1: a second document in the file; join them"},
     {"plugins:\n---\n---\nb: 2", "f:4:1: a second document in the file; join them"},
     {"plugins: {a: b}", "f:1:10: a list belongs here"},
@@ -396,6 +399,17 @@ TEST(Document, OfJsonMayHaveTheHalvesOfACharacter) {
   EXPECT_EQ(read.modules.count("b\xf0\x9f\x98\x80\xc3\xa9\\ud83d"), 1u);
   // Half of one is none.
   EXPECT_NE(problems(R"({"modules": {"b\ud83d": "Sink"}})"), "");
+}
+
+// The first and the last of each length, and those around what stands for halves of others.
+TEST(Document, EveryCharacterOfUtf8IsTaken) {
+  for (const char* const character :
+       {"\xc2\x80", "\xdf\xbf", "\xe0\xa0\x80", "\xed\x9f\xbf", "\xee\x80\x80", "\xef\xbf\xbd",
+        "\xf0\x90\x80\x80", "\xf4\x8f\xbf\xbf"}) {
+    const std::string name = std::string("m") + character;
+    const Document document = readDocument({{"f", "modules: {\"" + name + "\": Sink}"}});
+    EXPECT_TRUE(document.wanted.modules.contains(name)) << name;
+  }
 }
 
 TEST(Document, PlacesBehindLongKeysOfJsonAreThoseOfTheFile) {

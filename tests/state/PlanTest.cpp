@@ -76,6 +76,22 @@ TEST_F(PlanTest, AChangedRuleSendsThatRuleWhileTheWorkerThatReachesItPauses) {
   EXPECT_THAT(plan.pauses, ElementsAre("worker 0 while fib is changed"));
 }
 
+TEST_F(PlanTest, ATableThatIsSetAgainIsClearedWhileTheWorkerThatReachesItPauses) {
+  const std::string two =
+      "workers: {0: {core: 0}}\n"
+      "modules: {s: Source, t: {class: IPLookup, rules: [{prefix: 10.0.0.0/8, gate: 1}, {prefix: "
+      "11.0.0.0/8, gate: 2}]}}\n"
+      "connections: [s -> t]\n";
+  const std::string one = changed(two, ", {prefix: 11.0.0.0/8, gate: 2}", "");
+  TestSwitch daemon;
+  EXPECT_THAT(daemon.apply(two).refusals, IsEmpty());
+  daemon.server().addFault(
+      Standin::Fault::parse("kind=undecodable rpc=moduleCommand name=t nth=2"));
+  EXPECT_EQ(daemon.apply(one).states.at(0).kind, Execution::State::Kind::unclear);
+  EXPECT_THAT(commands(daemon.plan(one)), ElementsAre("pauseWorker 0", "moduleCommand t clear",
+                                                      "moduleCommand t add", "resumeWorker 0"));
+}
+
 TEST_F(PlanTest, AWorkerRunsAgainAlsoWhenWhatItPausedForIsRefused) {
   const std::string document =
       "modules: {src: Source, q: {class: Queue, arg: {size: 64}}}\nconnections: [src -> q]\n";
@@ -322,6 +338,41 @@ TEST_F(PlanTest, WhatNothingWasSentForIsNotInDoubt) {
   EXPECT_THAT(commands(applied.plan), ElementsAre(testing::StartsWith("impossible: ")));
   EXPECT_EQ(applied.states.at(0).kind, Execution::State::Kind::refused);
   EXPECT_EQ(summary(daemon.plan(sourceOnAWorker)), "");
+}
+
+TEST_F(PlanTest, AnArgumentOfAnotherTypeIsAnotherWhateverItsBytes) {
+  const std::string document = "modules: {m: {class: Timestamp, arg: {offset: 64}}}";
+  TestSwitch daemon;
+  EXPECT_THAT(daemon.apply(document).refusals, IsEmpty());
+  LiveSwitch live = daemon.read();
+  bess::pb::QueueArg other;
+  other.set_size(64);
+  live.modules.at("m").arg.emplace().PackFrom(other);
+  const Plan plan = makePlan(live, readDocument({{"wanted", document}}).wanted);
+  EXPECT_THAT(summary(plan), testing::StartsWith("-/+ module m"));
+}
+
+TEST_F(PlanTest, EachTaskOfAModuleHasItsPlace) {
+  const std::string document =
+      "workers: {0: {core: 0}, 1: {core: 1}}\n"
+      "ports: {p: {driver: PMDPort, arg: {vdev: net_null0}, num_inc_q: 2}}\n"
+      "modules: {i: {class: PortInc, arg: {port: p}, tasks: [{wid: 0}, {wid: 1}]}, d: Sink}\n"
+      "connections: [i -> d]\n";
+  TestSwitch daemon;
+  EXPECT_THAT(daemon.apply(document).refusals, IsEmpty());
+  EXPECT_EQ(summary(daemon.plan(document)), "");
+  const std::string crossed = changed(document, "[{wid: 0}, {wid: 1}]", "[{wid: 1}, {wid: 0}]");
+  EXPECT_THAT(daemon.apply(crossed).refusals, IsEmpty());
+  const auto tasks = daemon.read().modules.at("i").tasks;
+  EXPECT_EQ(tasks.at(0)->worker, 1);
+  EXPECT_EQ(tasks.at(1)->worker, 0);
+}
+
+// As where it was read while another took the class away.
+TEST_F(PlanTest, ATaskBelowAClassThatIsNotThereIsNotSought) {
+  LiveSwitch live = daemon_.read();
+  live.modules.at("src").tasks.at(0)->parent = "gone";
+  EXPECT_EQ(summary(makePlan(live, readDocument({{"wanted", fib}}).wanted)), "");
 }
 
 TEST_F(PlanTest, AnOlderDaemonsPortIsNotMadeElsewhere) {
