@@ -359,12 +359,20 @@ Node readYaml(const std::string& text, const std::string& file, std::vector<Prob
     builder.insertedAt(joined, marks);
     YAML::Parser parser(stream);
     parser.HandleNextDocument(builder);
-    for (bool more = true; more;) {
+    for (Mark last = builder.root.mark;;) {
       Builder other(file, problems, limits);
-      more = parser.HandleNextDocument(other);
-      if (!more || other.root.kind == Node::Kind::null) continue;
-      problems.push_back({other.root.mark, "a second document in the file; join them"});
-      more = false;
+      if (!parser.HandleNextDocument(other)) break;
+      const Node& root = other.root;
+      if (root.kind != Node::Kind::null) {
+        problems.push_back({root.mark, "a second document in the file; join them"});
+        break;
+      }
+      // What begins no value is left where it is, and comes as an empty document for ever.
+      if (root.mark.line == last.line && root.mark.column == last.column) {
+        problems.push_back({root.mark, "not YAML: no value begins so"});
+        break;
+      }
+      last = root.mark;
     }
   } catch (const Stop&) {
   } catch (const YAML::Exception& error) {

@@ -40,6 +40,9 @@ constexpr Wrong form[] = {
     {"modules:\n  a\xff: Sink", "f:2:4: no UTF-8"},
     {"a: \xed\xa0\x80", "f:1:4: no UTF-8"},
     {"a: \xe0\x9f\xbf", "f:1:4: no UTF-8"},
+    {"  ,  ", "f:1:3: not YAML: no value begins so"},
+    {"modules: {}\n,", "f:2:1: not YAML: end of map not found"},
+    {"---\n---\n,\n", "f:3:1: not YAML: no value begins so"},
     {"a: \xf0\x8f\xbf\xbf", "f:1:4: no UTF-8"},
     {"a: \xf4\x90\x80\x80", "f:1:4: no UTF-8"},
     {"a: 1\n---\nb: 2", "f:3:1: a second document in the file; join them"},
@@ -399,6 +402,15 @@ TEST(Document, OfJsonMayHaveTheHalvesOfACharacter) {
   EXPECT_EQ(read.modules.count("b\xf0\x9f\x98\x80\xc3\xa9\\ud83d"), 1u);
   // Half of one is none.
   EXPECT_NE(problems(R"({"modules": {"b\ud83d": "Sink"}})"), "");
+}
+
+TEST(Document, MayBeginAndEndAsDocumentsOfYamlDo) {
+  for (const char* const text :
+       {"---\nmodules: {a: Sink}\n", "modules: {a: Sink}\n---\n", "modules: {a: Sink}\n...\n",
+        "---\nmodules: {a: Sink}\n...\n---\n---\n...\n# the end\n"}) {
+    EXPECT_EQ(problems(text), "") << text;
+    EXPECT_EQ(wanted(text).modules.size(), 1u) << text;
+  }
 }
 
 // The first and the last of each length, and those around what stands for halves of others.
