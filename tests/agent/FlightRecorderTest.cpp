@@ -285,6 +285,10 @@ TEST_F(FlightRecorderTest, FollowsNoLinkOfSomebodyElseWhereEverybodyMayWrite) {
   ASSERT_EQ(::chown(common.c_str(), somebody, somebody), 0);
   { const FlightRecorder owners(link); }
   EXPECT_TRUE(std::filesystem::exists(target));
+  // And one's own leads where one has chosen.
+  ASSERT_EQ(::lchown(link.c_str(), 0, 0), 0);
+  { const FlightRecorder own(link); }
+  ASSERT_EQ(::lchown(link.c_str(), somebody, somebody), 0);
   // Nobody else could.
   ASSERT_EQ(::chown(common.c_str(), 0, 0), 0);
   ASSERT_EQ(::chmod(common.c_str(), 0755), 0);

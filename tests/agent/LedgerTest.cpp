@@ -80,6 +80,31 @@ TEST_F(Ledger, ACommandEndsOnce) {
   EXPECT_EQ(books.ended(), 1u);
 }
 
+TEST_F(Ledger, ACommandIsAnnouncedOnce) {
+  const U64 id = announce();
+  books.announced(id, "another");
+  EXPECT_EQ(books.announcedCount(), 1u);
+  EXPECT_EQ(books.openAnnounced(), 1u);
+  answer(id);
+  EXPECT_EQ(reports[0].queue, "main");
+  EXPECT_EQ(books.openAnnounced(), 0u);
+}
+
+TEST_F(Ledger, WhatWasNotAnnouncedIsNoPlaceInTheQueue) {
+  announce();
+  EXPECT_EQ(books.takenBefore(books.created(Norv::getVersion)), std::nullopt);
+  EXPECT_THAT(ends(), IsEmpty());
+}
+
+TEST_F(Ledger, WhatWasNotAnnouncedIsClosedInTheOrderOfItsMaking) {
+  for (int i = 0; i < 100; ++i) books.created(Norv::getVersion);
+  announce();
+  books.close(std::nullopt, "closed");
+  ASSERT_EQ(reports.size(), 101u);
+  EXPECT_EQ(reports[0].id, 101u);
+  for (U64 i = 1; i <= 100; ++i) EXPECT_EQ(reports[i].id, i);
+}
+
 TEST_F(Ledger, ServiceBeginsWhenThePredecessorEndsIfThatIsLater) {
   const U64 first = announce();
   now += 2ms;
