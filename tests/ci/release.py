@@ -1,5 +1,8 @@
 """ci/release in a scratch tree whose gates and packages are stand-ins: what it refuses, and what it does."""
 
+import os
+import subprocess
+
 import scratch
 from scratch import equal, has
 
@@ -108,6 +111,57 @@ def test_refuses_a_version_that_is_not_later_than_all():
     equal(status, 1)
     has(said, "0.10.0 is released already")
     equal(made.git("tag", "--list"), "v0.10.0\n")
+
+
+def after_a_release(function):
+    """A tree in which 0.1.0 is released, and whose library has these functions since then."""
+    for program in ("abidw", "abidiff", "g++"):
+        scratch.need(program)
+    made = tree()
+
+    def describe(code):
+        made.write("build/queue.cpp", code)
+        subprocess.run(["g++", "-g", "-shared", "-fPIC", "queue.cpp", "-o", "queue.so"], check=True,
+                       cwd=made.inside("build"))
+        made.write("ci/abi/queue.abi", subprocess.run(["abidw", "--no-corpus-path", "queue.so"], check=True, text=True,
+                                                      cwd=made.inside("build"), stdout=subprocess.PIPE).stdout)
+        made.commit()
+
+    made.write(".gitignore", "build/\n")
+    describe("int length() { return 1; }")
+    made.git("tag", "v0.1.0")
+    describe(function)
+    return made
+
+
+def test_what_came_takes_no_new_first_number():
+    made = after_a_release("int length() { return 1; } int width() { return 1; }")
+    equal(made.run("ci/release", "0.2.0", "--dry-run")[0], 0)
+
+
+def test_refuses_a_broken_interface_under_the_same_first_number():
+    for changed in ("int width() { return 1; }", "long length() { return 1; }"):
+        status, said = after_a_release(changed).run("ci/release", "0.2.0")
+        equal(status, 1)
+        has(said, "ci/abi/queue.abi has changed since 0.1.0", "raise the first number")
+        assert "called:" not in said, said
+
+
+def test_refuses_a_library_that_has_gone():
+    made = after_a_release("int length() { return 1; } int width() { return 1; }")
+    os.remove(made.inside("ci/abi/queue.abi"))
+    made.commit()
+    status, said = made.run("ci/release", "0.2.0")
+    equal(status, 1)
+    has(said, "ci/abi/queue.abi has changed since 0.1.0")
+
+
+def test_a_new_first_number_may_break():
+    made = after_a_release("int width() { return 1; }")
+    made.write("CMakeLists.txt", "project(norv VERSION 1.0.0 LANGUAGES CXX)\n")
+    made.write("CHANGELOG.md", CHANGELOG.replace("[0.2.0]", "[1.0.0]"))
+    made.commit()
+    equal(made.run("ci/release", "1.0.0", "--dry-run")[0], 0)
 
 
 def test_a_gate_that_fails_leaves_no_tag():
