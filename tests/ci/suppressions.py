@@ -65,14 +65,22 @@ int main(int, char**) {
 """
 
 
-def outcome(source, sanitizer, variable, file):
-    """Whether the sanitizer finds nothing in the program, and what it says."""
+def outcome(source, sanitizer, variable, file, library=None, code="", instrumented=False):
+    """Whether the sanitizer finds nothing in the program, and what it says. The code is a shared library's."""
     scratch.need("g++")
     with tempfile.TemporaryDirectory(prefix="norv-suppressed-") as folder:
-        with open(f"{folder}/program.cpp", "w", encoding="utf-8") as program:
-            program.write(source)
-        subprocess.run(["g++", "-std=c++20", "-g", f"-fsanitize={sanitizer}", "-pthread", "program.cpp", "-o", "program"],
-                       cwd=folder, check=True)
+
+        def build(name, text, *options):
+            with open(f"{folder}/{name}.cpp", "w", encoding="utf-8") as program:
+                program.write(text)
+            subprocess.run(["g++", "-std=c++20", "-g", "-pthread", f"{name}.cpp", "-o", name, *options], cwd=folder,
+                           check=True)
+
+        loaded = []
+        if library:
+            build(library, code, "-shared", "-fPIC", *([f"-fsanitize={sanitizer}"] if instrumented else []))
+            loaded = [f"-Wl,--push-state,--no-as-needed,-rpath,{folder}", library, "-Wl,--pop-state"]
+        build("program", source, f"-fsanitize={sanitizer}", *loaded)
         options = f"suppressions={scratch.SOURCES}/ci/{file}" if file else ""
         done = subprocess.run([f"{folder}/program"], env={**os.environ, variable: options}, check=False, text=True,
                               stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
@@ -90,7 +98,15 @@ OURS = ("namespace Norv { template <class T> struct Client { static void add() {
         "void racy() { Norv::Client<NAMESPACE::Holder<Norv::Ours>>::add(); Norv::Client<NAMESPACE::Message>::add(); }")
 
 
-NAMESPACES = ["grpc", "google::protobuf", "bess::pb", "absl"]
+NAMESPACES = ["grpc", "google::protobuf", "bess::pb", "absl", "support::FakeDaemon"]
+# Functions of a library that have no namespace, or one of the standard library's that runs a library's.
+FUNCTIONS = [
+    ("void grpc_add() { ++counter; }", "grpc_add()"),
+    ("namespace grpc { struct Task {}; }\n"
+     "namespace std { template <class Function, class Task> struct _Function_handler {\n"
+     "  static void add() { ++counter; }\n"
+     "}; }", "std::_Function_handler<void(), grpc::Task>::add()"),
+]
 
 
 def test_a_race_of_a_library_is_passed_over():
@@ -110,6 +126,88 @@ def test_a_race_of_ours_is_reported_whatever_it_is_instantiated_with():
         good, said = race(namespace, OURS)
         assert not good, f"{namespace}: {said}"
         has(said, "data race", "Norv::Client<")
+
+
+def test_a_race_of_a_library_s_function_is_passed_over():
+    for code, call in FUNCTIONS:
+        good, said = race("theirs", f"{code}\nvoid racy() {{ {call}; }}")
+        assert good, f"{call}: {said}"
+
+
+def test_a_race_of_ours_is_reported_whatever_it_is_called():
+    for code, call in (("namespace Norv { void grpc_add() { ++counter; } }", "Norv::grpc_add()"),
+                       ("namespace support { struct Daemon { static void add() { ++counter; } }; }",
+                        "support::Daemon::add()"),
+                       (FUNCTIONS[1][0], "std::_Function_handler<void(), Norv::Ours>::add()")):
+        good, said = race("theirs", f"{code}\nvoid racy() {{ {call}; }}")
+        assert not good, f"{call}: {said}"
+        has(said, "data race")
+
+
+# What Debian builds, by the name of its library: in code of its own, and where it calls the C library.
+ADDS = "static int counter;\nvoid add() { ++counter; }\n"
+COPIES = "#include <cstring>\nstatic char text[64];\nvoid add() { std::memset(text, 1, sizeof text); }\n"
+
+
+def race_in(library, code, instrumented):
+    source = RACE.replace("RACY", "void add();\nvoid racy() { add(); }").replace("NAMESPACE", "theirs")
+    return outcome(source, "thread", "TSAN_OPTIONS", "tsan.supp", library, code, instrumented)
+
+
+def test_a_race_within_a_library_is_passed_over():
+    for library in ("libgrpc.so", "libgpr.so", "libabsl_base.so", "libupb.so"):
+        good, said = race_in(library, ADDS, instrumented=True)
+        assert good, f"{library}: {said}"
+    for library in ("libgrpc.so", "libgrpc++.so", "libgpr.so", "libprotobuf.so", "libcares.so"):
+        good, said = race_in(library, COPIES, instrumented=False)
+        assert good, f"{library}: {said}"
+
+
+def test_a_race_within_a_library_of_ours_is_reported():
+    for library in ("libnorv.so", "liblumo.so", "libbessgrpc.so", "libnorv_standin.so"):
+        for code, instrumented in ((ADDS, True), (COPIES, False)):
+            good, said = race_in(library, code, instrumented)
+            assert not good, f"{library}: {said}"
+            has(said, "data race")
+
+
+# A thread that has ended and that nobody joins.
+LOST = "#include <thread>\nvoid lose() { (void)new std::thread([] {}); }\n"
+
+
+def lost_in(library):
+    return outcome("#include <unistd.h>\nvoid lose();\nint main() { lose(); sleep(1); }\n", "thread", "TSAN_OPTIONS",
+                   "tsan.supp", library, LOST, instrumented=True)
+
+
+def test_a_thread_that_is_never_joined_is_reported_but_for_the_library_s():
+    good, said = lost_in("libgpr.so")
+    assert good, said
+    good, said = lost_in("libnorv.so")
+    assert not good, said
+    has(said, "thread leak")
+
+
+# An inline function of a library that gives a lock back, which it did not take where that is seen.
+UNLOCKS = """
+#include <pthread.h>
+pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+namespace google { namespace protobuf { namespace internal {
+template <class Key> struct MapField { static void sync() { pthread_mutex_unlock(&mutex); } };
+} } }
+namespace Norv { template <class Map> struct Plan { static void sync() { pthread_mutex_unlock(&mutex); } }; }
+int main() { FUNCTION; }
+"""
+
+
+def test_a_lock_that_was_not_taken_is_reported_but_for_the_library_s():
+    theirs = "google::protobuf::internal::MapField<int>"
+    good, said = outcome(UNLOCKS.replace("FUNCTION", theirs + "::sync()"), "thread", "TSAN_OPTIONS", "tsan.supp")
+    assert good, said
+    good, said = outcome(UNLOCKS.replace("FUNCTION", f"Norv::Plan<{theirs}>::sync()"), "thread", "TSAN_OPTIONS",
+                         "tsan.supp")
+    assert not good, said
+    has(said, "unlock of an unlocked mutex")
 
 
 def leak(where, file="lsan.supp"):
