@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <iostream>
 
+#include <Norv/Agent/AscendingTable.h>
 #include <Norv/Agent/Kit.h>
 
 #include "RpcFailures.h"
@@ -54,8 +55,10 @@ class Kit::QueueWatcher : public CmdConfigGroup::NotifieeConst {
     const auto entry = notifier()->cmdBatchIteratorConst(index);
     if (entry && entry.key() == index) {
       enter(index, tracked(entry.cmdBatch()));
-    } else if (const auto left = ids_.extract(index); !left.empty()) {
-      leave(left.mapped());
+    } else if (const U64* const known = ids_.find(index)) {
+      const U64 left = *known;
+      ids_.erase(index);
+      leave(left);
     }
   }
   U64 maximum() const { return maximum_; }
@@ -64,17 +67,17 @@ class Kit::QueueWatcher : public CmdConfigGroup::NotifieeConst {
   // What stands under the index now, null for a command that is not tracked.
   void enter(U32 index, const TrackedEntry* entry) {
     maximum_ = std::max<U64>(maximum_, notifier()->cmdBatchs());
-    const auto known = ids_.find(index);
-    if (known == ids_.end()) {
-      if (entry) ids_.emplace(index, entry->id());
+    U64* const known = ids_.find(index);
+    if (!known) {
+      if (entry) ids_.make(index) = entry->id();
       return;
     }
-    if (entry && entry->id() == known->second) return;
-    const U64 replaced = known->second;
+    if (entry && entry->id() == *known) return;
+    const U64 replaced = *known;
     if (entry) {
-      known->second = entry->id();
+      *known = entry->id();
     } else {
-      ids_.erase(known);
+      ids_.erase(index);
     }
     leave(replaced);
   }
@@ -84,7 +87,7 @@ class Kit::QueueWatcher : public CmdConfigGroup::NotifieeConst {
   }
 
   Kit* const kit_;
-  std::unordered_map<U32, U64> ids_;  // index to id, of the tracked commands in the queue
+  AscendingTable<U32, U64> ids_;  // index to id, of the tracked commands in the queue
   U64 maximum_ = 0;
 };
 

@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <utility>
 
 #include <Norv/Agent/AgentTrace.h>
 #include <Norv/Agent/Ledger.h>
@@ -26,12 +27,22 @@ namespace {
 
 const char* const neverAnnounced = "let go before it was announced";
 
+// As a text that needs no memory of its own.
+const Lumo::String& textOf(Outcome outcome) {
+  static const std::array<Lumo::String, outcomes>& texts = *[] {
+    auto* made = new std::array<Lumo::String, outcomes>;
+    for (std::size_t i = 0; i < outcomes; ++i) (*made)[i] = outcomeName(static_cast<Outcome>(i));
+    return made;
+  }();
+  return texts[static_cast<std::size_t>(outcome)];
+}
+
 }  // namespace
 
 U64 Ledger::created(GrpcRequestType type, const TrackedEntry* entry) {
   Lumo::LockAnchor anchor(&lock_);
   const U64 id = ++lastId_;
-  Command& command = commands_[id];
+  Command& command = commands_.make(id);
   command.report.id = id;
   command.report.type = type;
   command.entry = entry;
@@ -44,7 +55,7 @@ void Ledger::announced(U64 id, const Lumo::Name& queue) {
   GrpcRequestType type{};
   {
     Lumo::LockAnchor anchor(&lock_);
-    Command* const command = find(id);
+    Command* const command = commands_.find(id);
     if (!command || command->report.seq != 0) return;
     CommandReport& report = command->report;
     seq = report.seq = ++lastSeq_;
@@ -60,17 +71,16 @@ void Ledger::announced(U64 id, const Lumo::Name& queue) {
 
 void Ledger::answered(U64 id, Time at, int errorCode, const std::string& errorText) {
   Lumo::LockAnchor inOrder(&publishing_);
-  Reports ended;
   {
     Lumo::LockAnchor anchor(&lock_);
-    Command* const command = find(id);
+    Command* const command = commands_.find(id);
     if (!command) return;
-    endSkippedBefore(command->report.seq, ended);
+    endSkippedBefore(command->report.seq);
     command->report.errorCode = errorCode;
     command->report.errorText = errorText;
-    end(*command, errorCode == 0 ? Outcome::ok : Outcome::refused, at, ended);
+    end(*command, errorCode == 0 ? Outcome::ok : Outcome::refused, at);
   }
-  publish(ended);
+  publish();
 }
 
 void Ledger::released(U64 id) {
@@ -83,30 +93,28 @@ void Ledger::discarded(U64 id) {
 
 void Ledger::endUnanswered(U64 id, bool maybeSent) {
   Lumo::LockAnchor inOrder(&publishing_);
-  Reports ended;
   {
     Lumo::LockAnchor anchor(&lock_);
-    Command* const command = find(id);
+    Command* const command = commands_.find(id);
     if (!command) return;
     const U64 seq = command->report.seq;
     if (seq == 0) command->report.errorText = neverAnnounced;
     // Whoever holds it last: it was sent if the worker has had it.
     const bool taken = maybeSent && seq != 0 && (isWorker() || seq <= lastTakenSeq_);
-    if (taken) endSkippedBefore(seq, ended);
-    end(*command, taken ? skippedOutcome(id) : Outcome::dropped, now_(), ended);
+    if (taken) endSkippedBefore(seq);
+    end(*command, taken ? skippedOutcome(id) : Outcome::dropped, now_());
   }
-  publish(ended);
+  publish();
 }
 
 std::optional<U64> Ledger::takenBefore(std::optional<U64> firstPending) {
   Lumo::LockAnchor inOrder(&publishing_);
-  Reports ended;
   std::optional<U64> last;
   {
     Lumo::LockAnchor anchor(&lock_);
     auto behind = open_.end();
     if (firstPending) {
-      const Command* const first = find(*firstPending);
+      const Command* const first = commands_.find(*firstPending);
       if (!first || first->report.seq == 0) return std::nullopt;
       behind = open_.begin() + static_cast<std::ptrdiff_t>(placeOf(first->report.seq));
     }
@@ -116,25 +124,24 @@ std::optional<U64> Ledger::takenBefore(std::optional<U64> firstPending) {
     const CommandReport& report = (*behind)->report;
     last = report.id;
     lastTakenSeq_ = std::max(lastTakenSeq_, report.seq);
-    endSkippedBefore(report.seq, ended);
+    endSkippedBefore(report.seq);
   }
-  publish(ended);
+  publish();
   return last;
 }
 
 void Ledger::flagRose(bool commandFailed, const std::string& text, int rpcCode) {
   Lumo::LockAnchor inOrder(&publishing_);
-  Reports ended;
   {
     Lumo::LockAnchor anchor(&lock_);
     stopped_ = true;
     if (commandFailed && !open_.empty()) {
       open_.front()->report.errorText = text;
       open_.front()->report.rpcCode = rpcCode;
-      endOldest(Outcome::failed, ended);
+      endOldest(Outcome::failed);
     }
   }
-  publish(ended);
+  publish();
 }
 
 void Ledger::flagCleared() {
@@ -149,20 +156,19 @@ void Ledger::takenWhileStopped(U64 id) {
 
 void Ledger::close(std::optional<U64> underWay, const std::string& reason) {
   Lumo::LockAnchor inOrder(&publishing_);
-  Reports ended;
   {
     Lumo::LockAnchor anchor(&lock_);
     if (!open_.empty() && underWay == open_.front()->report.id) {
       open_.front()->report.errorText = reason;
-      endOldest(Outcome::failed, ended);
+      endOldest(Outcome::failed);
     }
-    while (!open_.empty()) endOldest(Outcome::dropped, ended);
+    while (!open_.empty()) endOldest(Outcome::dropped);
     std::vector<U64> waiting;
-    for (const auto& [id, command] : commands_) waiting.push_back(id);
+    commands_.visit([&](U64 id, const Command&) { waiting.push_back(id); });
     std::sort(waiting.begin(), waiting.end());
-    for (const U64 id : waiting) end(*find(id), Outcome::dropped, now_(), ended);
+    for (const U64 id : waiting) end(*commands_.find(id), Outcome::dropped, now_());
   }
-  publish(ended);
+  publish();
 }
 
 void Ledger::workerIs(std::thread::id worker) {
@@ -199,8 +205,8 @@ U64 Ledger::announcedCount() const {
 
 bool Ledger::isOpen(U64 id) const {
   Lumo::LockAnchor anchor(&lock_);
-  const auto found = commands_.find(id);
-  return found != commands_.end() && found->second.report.seq != 0;
+  const Command* const command = commands_.find(id);
+  return command && command->report.seq != 0;
 }
 
 U64 Ledger::openAnnounced() const {
@@ -234,11 +240,6 @@ std::string Ledger::oldestOpenRequest(std::size_t mostBytes) const {
   return entry ? jsonOf(entry->trackedRequest(), mostBytes) : std::string();
 }
 
-Ledger::Command* Ledger::find(U64 id) {
-  const auto found = commands_.find(id);
-  return found == commands_.end() ? nullptr : &found->second;
-}
-
 // Where it stands in open_.
 std::size_t Ledger::placeOf(U64 seq) const {
   return seq - open_.front()->report.seq;
@@ -250,7 +251,7 @@ void Ledger::leaveOpen(U64 seq) {
   while (!open_.empty() && !open_.front()) open_.pop_front();
 }
 
-void Ledger::end(Command& command, Outcome outcome, Time at, Reports& ended) {
+void Ledger::end(Command& command, Outcome outcome, Time at) {
   if (command.report.seq != 0) leaveOpen(command.report.seq);
   CommandReport report = std::move(command.report);
   commands_.erase(report.id);
@@ -263,11 +264,11 @@ void Ledger::end(Command& command, Outcome outcome, Time at, Reports& ended) {
   }
   ++counts_[static_cast<std::size_t>(outcome)];
   if (outcome == Outcome::failed) lastFailure_ = report;
-  ended.push_back(std::move(report));
+  ended_.push_back(std::move(report));
 }
 
-void Ledger::endOldest(Outcome outcome, Reports& ended) {
-  end(*open_.front(), outcome, now_(), ended);
+void Ledger::endOldest(Outcome outcome) {
+  end(*open_.front(), outcome, now_());
 }
 
 // What a command has come to that the worker let go without a response: its reply did not decode,
@@ -276,21 +277,26 @@ Outcome Ledger::skippedOutcome(U64 id) const {
   return stopped_ || doubtful_ == id ? Outcome::dropped : Outcome::undecodable;
 }
 
-void Ledger::endSkippedBefore(U64 seq, Reports& ended) {
+void Ledger::endSkippedBefore(U64 seq) {
   while (!open_.empty() && open_.front()->report.seq < seq) {
-    endOldest(skippedOutcome(open_.front()->report.id), ended);
+    endOldest(skippedOutcome(open_.front()->report.id));
   }
 }
 
-void Ledger::publish(const Reports& ended) {
+void Ledger::publish() {
+  std::vector<CommandReport> ended = std::exchange(ended_, {});
   for (const CommandReport& report : ended) {
     if (report.seq != 0) {
       Twine::trace<AgentTrace::ended>(report.seq, stringValue(report.type),
-                                      report.queue.stringValue(),
-                                      Lumo::String(outcomeName(report.outcome)), report.queueDepth);
+                                      report.queue.stringValue(), textOf(report.outcome),
+                                      report.queueDepth);
     }
     if (listener_) listener_(report);
   }
+  // Commands end one at a time: the memory of one serves the next.
+  if (ended.size() > 1) return;
+  ended.clear();
+  ended_ = std::move(ended);
 }
 
 }  // namespace Norv::Agent

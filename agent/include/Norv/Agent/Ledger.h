@@ -8,11 +8,11 @@
 #include <optional>
 #include <string>
 #include <thread>
-#include <unordered_map>
 #include <vector>
 
 #include <Lumo/Lock.h>
 #include <Lumo/Name.h>
+#include <Norv/Agent/AscendingTable.h>
 #include <Norv/Agent/Outcome.h>
 #include <Norv/GrpcCmd.h>
 
@@ -106,34 +106,32 @@ class Ledger {
   Time now() const { return now_(); }
 
  private:
-  using Reports = std::vector<CommandReport>;
-
   struct Command {
     CommandReport report;
     const TrackedEntry* entry = nullptr;
   };
 
-  // Null if it has ended or never was.
-  Command* find(U64 id) LUMO_REQUIRES(lock_);
-  void end(Command& command, Outcome outcome, Time at, Reports& ended) LUMO_REQUIRES(lock_);
+  void end(Command& command, Outcome outcome, Time at) LUMO_REQUIRES(publishing_, lock_);
   std::size_t placeOf(U64 seq) const LUMO_REQUIRES(lock_);
   void leaveOpen(U64 seq) LUMO_REQUIRES(lock_);
   void endUnanswered(U64 id, bool maybeSent);
-  void endOldest(Outcome outcome, Reports& ended) LUMO_REQUIRES(lock_);
+  void endOldest(Outcome outcome) LUMO_REQUIRES(publishing_, lock_);
   Outcome skippedOutcome(U64 id) const LUMO_REQUIRES(lock_);
-  void endSkippedBefore(U64 seq, Reports& ended) LUMO_REQUIRES(lock_);
+  void endSkippedBefore(U64 seq) LUMO_REQUIRES(publishing_, lock_);
   bool isWorker() const LUMO_REQUIRES(lock_);
-  void publish(const Reports& ended) LUMO_REQUIRES(publishing_);
+  // What has ended and was not told yet.
+  void publish() LUMO_REQUIRES(publishing_);
 
   const TimeSource now_;
   Listener listener_;
   // Held from a command's end until the listener has been told, so that one who closes the books
   // has everything told when that returns. Taken before lock_.
   Lumo::Lock publishing_;
+  std::vector<CommandReport> ended_ LUMO_GUARDED_BY(publishing_);  // not told yet
   mutable Lumo::Lock lock_;
   U64 lastId_ LUMO_GUARDED_BY(lock_) = 0;
   U64 lastSeq_ LUMO_GUARDED_BY(lock_) = 0;
-  std::unordered_map<U64, Command> commands_ LUMO_GUARDED_BY(lock_);  // by id, until they end
+  AscendingTable<U64, Command> commands_ LUMO_GUARDED_BY(lock_);  // by id, until they end
   // Those that were announced, from the oldest open one on, in the order of their numbers, which
   // have no gaps: null for what has ended.
   std::deque<Command*> open_ LUMO_GUARDED_BY(lock_);
