@@ -238,6 +238,19 @@ def test_without_the_file_it_is_a_leak():
         has(said, "detected memory leaks")
 
 
+# Whoever calls it, the memory is asked for there.
+KEEPS = "#include <cstdlib>\nvoid keep() { *static_cast<void* volatile*>(std::malloc(64)) = nullptr; }\n"
+
+
+def test_what_the_resolver_keeps_may_leak_and_no_library_of_ours():
+    for library, expected in (("libcares.so", True), ("libnorv.so", False), ("liblumo.so", False)):
+        good, said = outcome("void keep();\nint main() { keep(); }\n", "address", "LSAN_OPTIONS", "lsan.supp", library,
+                             KEEPS, instrumented=True)
+        equal((library, good), (library, expected))
+        if not expected:
+            has(said, "detected memory leaks", "keep()")
+
+
 def test_each_rule_has_its_reason():
     for name in ("tsan.supp", "lsan.supp"):
         with open(os.path.join(scratch.SOURCES, "ci", name), encoding="utf-8") as file:
