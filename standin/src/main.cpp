@@ -29,9 +29,21 @@ struct Arguments {
 
 // A line a rule; empty ones and those with # are passed over.
 void readFaults(const std::string& path, std::vector<std::string>& rules) {
+  constexpr const char* blanks = " \t\r";
   std::istringstream lines(Standin::contentOf(path));
-  for (std::string line; std::getline(lines, line);)
-    if (line.find_first_not_of(" \t") != std::string::npos && line[0] != '#') rules.push_back(line);
+  int number = 0;
+  for (std::string line; std::getline(lines, line);) {
+    ++number;
+    const std::size_t begin = line.find_first_not_of(blanks);
+    if (begin == std::string::npos || line[begin] == '#') continue;
+    const std::string rule = line.substr(begin, line.find_last_not_of(blanks) + 1 - begin);
+    try {
+      Standin::Fault::parse(rule);
+    } catch (const std::invalid_argument& error) {
+      throw std::runtime_error(path + ":" + std::to_string(number) + ": " + error.what());
+    }
+    rules.push_back(rule);
+  }
 }
 
 void describe(CLI::App& app, Arguments& arguments) {

@@ -260,11 +260,69 @@ TEST_F(StandinServer, AFaultIsCountedAndGoes) {
   EXPECT_TRUE(server_->faults().empty());
 }
 
-TEST(StandinFault, RefusesWhatItDoesNotKnow) {
-  for (const char* text : {"", "rpc=getVersion", "kind=nope", "kind=delay rpc=fly",
-                           "kind=delay ms=x", "kind=delay ms=5 max-ms=4", "kind=exit probability=2",
-                           "kind=status code=17", "kind=delay colour=red", "delay"})
-    EXPECT_THROW(Standin::Fault::parse(text), std::invalid_argument) << text;
+TEST(StandinFault, RefusesWhatItDoesNotKnowAndWordsThatWouldDoNothing) {
+  const struct {
+    const char* rule;
+    const char* text;
+  } rows[] = {
+      {"", "'' has no kind"},
+      {"rpc=getVersion", "'rpc=getVersion' has no kind"},
+      {"kind=nope", "no kind of fault is called 'nope'"},
+      {"kind=exit rpc=fly", "no request is called 'fly'; give its name as in command files"},
+      {"kind=delay ms=x", "'x' is no value for ms"},
+      {"kind=delay ms=", "'' is no value for ms"},
+      {"kind=exit colour=red", "no word is called 'colour'"},
+      {"delay", "'delay' is no key=value"},
+      {"kind=exit delay ms=5", "'delay' is no key=value"},
+      {"kind=exit name=\"my module", "a name in quotes ends with a quote"},
+      {"kind=exit name=\"my\"module", "a name in quotes ends with a quote"},
+      {"kind=exit name=", "the name is empty"},
+      {"kind=delay kind=exit", "kind is given twice"},
+      {"kind=exit nth=1 nth=2", "nth is given twice"},
+      {"kind=delay", "a delay needs its milliseconds"},
+      {"kind=delay ms=0", "a delay needs its milliseconds"},
+      {"kind=delay ms=5 max-ms=4", "max-ms is less than ms"},
+      {"kind=delay ms=5 max-ms=0", "max-ms is less than ms"},
+      {"kind=error ms=5", "ms is for kind=delay alone"},
+      {"kind=exit max-ms=5", "max-ms is for kind=delay alone"},
+      {"kind=delay ms=5 code=5", "code is for kind=status and kind=error alone"},
+      {"kind=hang-up text=gone", "text is for kind=status and kind=error alone"},
+      {"kind=status code=17", "a gRPC status code is from 1 to 16"},
+      {"kind=status code=0", "a gRPC status code is from 1 to 16"},
+      {"kind=error code=0", "the code of an error is not 0"},
+      {"kind=exit nth=0", "nth counts from 1"},
+      {"kind=exit every=0", "every is 1 or more"},
+      {"kind=exit nth=2 every=3", "give nth or every, not both"},
+      {"kind=exit probability=2", "a probability is from 0 to 1"},
+      {"kind=exit seed=2", "seed is for probability and max-ms"},
+  };
+  for (const auto& row : rows) {
+    try {
+      Standin::Fault::parse(row.rule);
+      ADD_FAILURE() << "taken: " << row.rule;
+    } catch (const std::invalid_argument& error) {
+      EXPECT_EQ(std::string(error.what()).rfind(row.text, 0), 0u)
+          << row.rule << ": " << error.what();
+    }
+  }
+}
+
+TEST(StandinFault, ComesBackFromItsText) {
+  for (const char* rule :
+       {"kind=exit rpc=createModule name=fib nth=3",
+        "kind=exit rpc=* name=\"my \\\"own\\\" module\"", "kind=exit rpc=* name=\"\\\"\"",
+        "kind=exit rpc=* name=back\\slash every=2",
+        "kind=delay rpc=* probability=0.5 seed=7 ms=5 max-ms=20",
+        "kind=status rpc=* code=14 text=gone for \"good\"", "kind=error rpc=* code=-22"})
+    EXPECT_EQ(Standin::Fault::parse(rule).toString(), rule);
+  EXPECT_EQ(Standin::Fault::parse("kind=exit rpc=CreateModule").rpc, "createModule");
+  EXPECT_EQ(Standin::Fault::parse(" kind=exit\tname=\"my module\" nth=2 ").name, "my module");
+}
+
+TEST_F(StandinServer, AFaultFindsANameWithBlanks) {
+  server_->addFault(Standin::Fault::parse("kind=error rpc=CreateModule name=\"my module\""));
+  EXPECT_EQ(createModule("Sink", "my module", EmptyArg()), 5);
+  EXPECT_EQ(createModule("Sink", "my", EmptyArg()), 0);
 }
 
 TEST_F(StandinServer, AFaultFindsTheNameWhereverARequestHasIt) {

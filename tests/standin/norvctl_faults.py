@@ -189,6 +189,21 @@ def test_a_dumped_state_is_loaded_by_another_daemon():
     equal(other.modules(), ["src"])
     # A dump is a command file, too.
     third = Faulty()
+def test_a_file_of_faults_may_be_indented_and_of_another_system():
+    file = write_file("  # a comment\r", "\r", "\t kind=error rpc=getVersion \r", name="faults")
+    daemon = Faulty(options=("--faults", file))
+    equal(outcomes(daemon, command("getVersion")), ["refused"])
+    equal(daemon.ctl("faults"), "1 of 1  kind=error rpc=getVersion\n")
+
+
+def test_a_file_of_faults_is_refused_with_its_line():
+    file = write_file("# a comment", "kind=exit", "", "kind=delay", name="faults")
+    finished = Process(STANDIN, "--listen=127.0.0.1:0", "--faults", file).finish()
+    equal(finished.status, 1)
+    assert finished.err.startswith(f"bessd-standin: {file}:4: a delay needs"), finished
+    equal(len(finished.err.splitlines()), 1)
+
+
     equal(run(*third.address, file).status, 0)
     equal(third.modules(), ["src"])
     # At run time it takes the place of what was there.

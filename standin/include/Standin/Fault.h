@@ -7,7 +7,7 @@ namespace Standin {
 
 // A fault to inject, and into which calls. Its text form is a list of words `key=value`, of which
 // `kind` is needed: "kind=status rpc=createModule name=fib nth=3 code=14 text=gone for good". A
-// `text` goes on to the end.
+// name with blanks stands in quotes; a `text` goes on to the end.
 struct Fault {
   enum class Kind {
     Delay,          // Answers after `ms` to `maxMs` milliseconds.
@@ -23,7 +23,7 @@ struct Fault {
   };
 
   Kind kind = Kind::Delay;
-  std::string rpc = "*";    // The request's name, such as createModule; * for all.
+  std::string rpc = "*";    // The request's name, such as createModule, not its RPC's; * for all.
   std::string name;         // A module, port or class that the request names; empty for any.
   std::uint64_t nth = 0;    // Only this matching call, counted from 1; 0 for any.
   std::uint64_t every = 0;  // Every so many matching calls; 0 for each.
@@ -34,7 +34,8 @@ struct Fault {
   int code = 0;             // 0: 14 for a status, 5 for an error.
   std::string text;
 
-  // Throws std::invalid_argument with what is wrong and what would be right.
+  // Takes the name of a request or of its RPC. Throws std::invalid_argument with what is wrong and
+  // what would be right, also for words that would do nothing.
   static Fault parse(const std::string& text);
   std::string toString() const;
 };
