@@ -1,14 +1,18 @@
 #include "Connections.h"
 
 #include <arpa/inet.h>
+#include <netdb.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <charconv>
+#include <cstring>
 #include <filesystem>
 #include <functional>
+#include <iterator>
+#include <set>
 
 namespace Standin {
 
@@ -78,8 +82,29 @@ std::string unixName(const std::string& address) {
   return address.rfind("unix:///", 0) == 0 ? "unix:" + address.substr(7) : address;
 }
 
-std::string portOf(const std::string& address) {
-  return address.substr(address.rfind(':') + 1);
+// The names that sockets have that listen at HOST:PORT; more than one when the host is a name, or
+// any address of this machine, which stands for both families.
+std::set<std::string> namesOf(const std::string& address) {
+  if (address.empty()) return {};  // It listens nowhere.
+  const std::size_t colon = address.rfind(':');
+  std::string host = address.substr(0, colon);
+  const std::string port = address.substr(colon + 1);
+  if (host.front() == '[' && host.back() == ']') host = host.substr(1, host.size() - 2);
+  addrinfo hints{};
+  hints.ai_socktype = SOCK_STREAM;
+  hints.ai_flags = AI_NUMERICSERV;
+  addrinfo* list = nullptr;
+  if (getaddrinfo(host.c_str(), port.c_str(), &hints, &list) != 0) return {};
+  std::set<std::string> names;
+  for (const addrinfo* each = list; each != nullptr; each = each->ai_next) {
+    sockaddr_storage socket{};
+    std::memcpy(&socket, each->ai_addr, each->ai_addrlen);
+    names.insert(text(socket, each->ai_addrlen));
+  }
+  freeaddrinfo(list);
+  const std::string any[] = {"0.0.0.0:" + port, "[::]:" + port};
+  if (names.count(any[0]) + names.count(any[1]) > 0) names.insert(std::begin(any), std::end(any));
+  return names;
 }
 
 }  // namespace
@@ -114,11 +139,10 @@ bool hangUp(const std::string& peer, const std::string& address) {
 }
 
 void stopListening(const std::string& address) {
-  const bool unixSocket = isUnix(address);
+  const std::set<std::string> names =
+      isUnix(address) ? std::set<std::string>{unixName(address)} : namesOf(address);
   forEachSocket([&](int descriptor) {
-    if (!listens(descriptor)) return;
-    const std::string name = nameOf(descriptor, getsockname);
-    if (unixSocket ? name == unixName(address) : portOf(name) == portOf(address))
+    if (listens(descriptor) && names.count(nameOf(descriptor, getsockname)) > 0)
       shutdown(descriptor, SHUT_RD);
   });
 }

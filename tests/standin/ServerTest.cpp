@@ -517,7 +517,20 @@ TEST_P(StandinHangsUp, OnOneServersClientAndStopsListeningThere) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Addresses, StandinHangsUp,
-                         testing::Values("127.0.0.1:0", "[::1]:0", "unix:"));
+                         testing::Values("127.0.0.1:0", "[::1]:0", "unix:", "localhost:0",
+                                         "0.0.0.0:0", "[::]:0"));
+
+TEST(StandinServerListens, OnWhereAnotherStopsAtTheSamePortOfAnotherAddress) {
+  Standin::Options options;
+  options.listen = "127.0.0.1:0";
+  Standin::Server server(options);
+  options.listen = "127.0.0.2:" + std::to_string(server.port());
+  Standin::Server other(options);
+  server.addFault(Standin::Fault::parse("kind=stop-accepting nth=1"));
+  EXPECT_EQ(Connection(server.address()).getVersion(), grpc::StatusCode::OK);
+  EXPECT_EQ(Connection(server.address()).getVersion(), grpc::StatusCode::UNAVAILABLE);
+  EXPECT_EQ(Connection(other.address()).getVersion(), grpc::StatusCode::OK);
+}
 
 TEST(StandinServerListens, ToIpv4AtAnIpv6AddressAndHangsUpThere) {
   Standin::Options options;
