@@ -32,7 +32,11 @@ Response ask(standin::Control::Stub& stub, const std::string& address,
     throw std::runtime_error("what answers at " + address +
                              " cannot be controlled; give the address that the stand-in prints "
                              "as `controlled at`");
-  if (!status.ok()) throw std::runtime_error(status.error_message());
+  if (!status.ok())
+    throw std::runtime_error(status.error_message().empty()
+                                 ? "what answers at " + address + " failed the call with status " +
+                                       std::to_string(status.error_code()) + " and said no more"
+                                 : status.error_message());
   return response;
 }
 

@@ -1,8 +1,5 @@
 #include "Journal.h"
 
-#include <google/protobuf/util/json_util.h>
-#include <google/protobuf/wrappers.pb.h>
-
 #include <algorithm>
 #include <iterator>
 #include <memory>
@@ -10,6 +7,8 @@
 #include <string_view>
 
 #include <bess/pb/service.pb.h>
+
+#include "RequestText.h"
 
 namespace Standin {
 
@@ -58,14 +57,9 @@ bool asks(const google::protobuf::Message& request) {
   return command.starts_with("get_") || command == "lookup";
 }
 
-std::string json(const google::protobuf::Message& message) {
-  std::string text;
-  return google::protobuf::util::MessageToJsonString(message, &text).ok() ? text : "";
-}
-
 }  // namespace
 
-void Journal::note(int number, const google::protobuf::Message& request) {
+void Journal::note(int number, const google::protobuf::Message& request, int code) {
   if (number == Number::resetAll) {
     // What goes on beyond a reset is little: plugins, and whose turn it is. It is kept so long as
     // there is room.
@@ -74,7 +68,7 @@ void Journal::note(int number, const google::protobuf::Message& request) {
              (number == Number::moduleCommand && asks(request))) {
     return;
   }
-  calls_.push_back({number, request.SerializeAsString()});
+  calls_.push_back({number, code, request.SerializeAsString()});
   bytes_ += sizeof(Call) + calls_.back().request.size();
   if (bytes_ <= limit) return;
   full_ = true;
@@ -89,19 +83,11 @@ std::string Journal::lines() const {
   for (const Call& call : calls_) {
     const auto request = requests[call.number].make();
     request->ParseFromString(call.request);
-    std::string text = json(*request);
-    const auto again = requests[call.number].make();
-    if (!google::protobuf::util::JsonStringToMessage(text, again.get()).ok() ||
-        again->SerializeAsString() != call.request)
-      text.clear();
-    lines += std::string("{\"type\":\"") + requests[call.number].name + "\",";
-    if (!text.empty()) {
-      lines += "\"request\":" + text + "}\n";
-    } else {  // Something that JSON cannot show.
-      google::protobuf::BytesValue bytes;
-      bytes.set_value(call.request);
-      lines += "\"request_raw\":" + json(bytes) + "}\n";
-    }
+    // As a recording has it, cut down to what a load compares.
+    const std::string error =
+        call.code == 0 ? "" : "\"error\":{\"code\":" + std::to_string(call.code) + "}";
+    lines += std::string("{\"type\":\"") + requests[call.number].name + "\"," +
+             requestText(*request) + ",\"response\":{" + error + "}}\n";
   }
   return lines;
 }

@@ -4,6 +4,7 @@
 #include <google/protobuf/util/json_util.h>
 #include <google/protobuf/wrappers.pb.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -13,6 +14,7 @@
 #include <stdexcept>
 
 #include "Connections.h"
+#include "RequestText.h"
 
 namespace Standin {
 
@@ -23,12 +25,47 @@ constexpr int unknownField = 1000;                // No message has it.
 constexpr auto glance =
     std::chrono::milliseconds(20);  // Between looks at whether a client is there.
 
+// One call of a dump or a recording.
+nlohmann::json parsed(const std::string& line) {
+  nlohmann::json call = nlohmann::json::parse(line, nullptr, false);
+  if (!call.is_object()) throw std::invalid_argument("is no object of JSON");
+  if (!call.contains("type") || !call["type"].is_string())
+    throw std::invalid_argument("has no type, the request's name");
+  if (call.contains("response") && !call["response"].is_object())
+    throw std::invalid_argument("has a response that is no object");
+  if (call.contains("status") && !call["status"].is_object())
+    throw std::invalid_argument(
+        "is of a log, which tells no state; write one with `bessd-standin ctl ADDRESS dump FILE`");
+  return call;
+}
+
 // Whether the line is of a recording and its call did not come to the daemon: one that could not be
 // decoded, or that it did not have.
-bool neverArrived(const nlohmann::json& line) {
-  if (!line.contains("status")) return false;
-  const int code = line["status"].value("code", 0);
-  return code == grpc::StatusCode::INTERNAL || code == grpc::StatusCode::UNIMPLEMENTED;
+bool neverArrived(const nlohmann::json& call) {
+  if (!call.contains("status") || !call["status"].contains("code")) return false;
+  const nlohmann::json& code = call["status"]["code"];
+  return code == static_cast<int>(grpc::StatusCode::INTERNAL) ||
+         code == static_cast<int>(grpc::StatusCode::UNIMPLEMENTED);
+}
+
+// Refuses what ends otherwise than it did where it was dumped. A recording, whose lines have a
+// status, is of another daemon, and nothing in it must be so here.
+void checkCode(const nlohmann::json& call, const bess::pb::Error& error) {
+  if (call.contains("status") || !call.contains("response")) return;
+  const nlohmann::json& response = call["response"];
+  const nlohmann::json::json_pointer path("/error/code");
+  if (response.contains(path) && !response[path].is_number_integer())
+    throw std::invalid_argument("has a code that is no number");
+  const int expected = response.contains(path) ? response[path].get<int>() : 0;
+  if (expected == error.code()) return;
+  const auto shown = [](int code) {
+    return code == 0 ? std::string("taken") : "refused with " + std::to_string(code);
+  };
+  throw std::invalid_argument(
+      "was " + shown(expected) + " where it was dumped and is " + shown(error.code()) + " here" +
+      (error.errmsg().empty() ? "" : " (" + error.errmsg() + ")") +
+      "; start this stand-in with the options of that one, such as --cores, and where its files "
+      "are");
 }
 
 template <class Message>
@@ -46,13 +83,12 @@ void fromLine(const nlohmann::json& line, Message& message) {
     if (google::protobuf::util::JsonStringToMessage(line["request"].dump(), &message, options).ok())
       return;
   }
-  throw std::invalid_argument("its request is not one of its type");
+  throw std::invalid_argument("has a request that is not one of its type");
 }
 
 }  // namespace
 
-Service::Service(const Options& options)
-    : options_(options), daemon_(std::make_unique<Daemon>(options)) {
+Service::Service(const Options& options) : options_(options), state_(stateFrom(options.state)) {
   for (const std::string& rule : options.faults) faults_.add(Fault::parse(rule));
   paceIs(options.pace);
   if (options.log.empty()) return;
@@ -68,21 +104,14 @@ Service::~Service() {
 
 std::string Service::dump() const {
   const std::lock_guard lock(mutex_);
-  return journal_.lines();
+  return state_.journal.lines();
 }
 
-void Service::load(const std::string& text) {
-  auto daemon = std::make_unique<Daemon>(options_);
-  Journal journal;
-  std::istringstream lines(text);
-  std::string line;
-  for (int at = 1; std::getline(lines, line); ++at) {
-    if (line.find_first_not_of(" \t\r") == std::string::npos) continue;
-    try {
-      const nlohmann::json call = nlohmann::json::parse(line);
-      if (neverArrived(call)) continue;
-      const std::string type = call.value("type", "");
-      bool known = false;
+void Service::playLine(State& state, const std::string& line) const {
+  const nlohmann::json call = parsed(line);
+  if (neverArrived(call)) return;
+  const std::string type = call["type"];
+  bool known = false;
 #define NORV_REQUEST(number, name, rpc, request, response) \
   if (type == #name) {                                     \
     bess::pb::request in;                                  \
@@ -90,19 +119,33 @@ void Service::load(const std::string& text) {
     fromLine(call, in);                                    \
     known = true;                                          \
     if (std::strcmp(#name, "killBess") != 0) {             \
-      journal.note(number, in);                            \
-      apply(*daemon, &Daemon::name, in, out);              \
+      apply(state, number, &Daemon::name, in, out);        \
+      checkCode(call, out.error());                        \
     }                                                      \
   }
 #include <Norv/GrpcRequests.def>
-      if (!known) throw std::invalid_argument("no request is called '" + type + "'");
-    } catch (const std::exception& error) {
-      throw std::invalid_argument("line " + std::to_string(at) + " is no call: " + error.what());
+  if (!known) throw std::invalid_argument("has the type '" + type + "', which no request has");
+}
+
+Service::State Service::stateFrom(const std::string& text) const {
+  State state{std::make_unique<Daemon>(options_), {}};
+  std::istringstream lines(text);
+  std::string line;
+  for (int at = 1; std::getline(lines, line); ++at) {
+    if (line.find_first_not_of(" \t\r") == std::string::npos) continue;
+    try {
+      playLine(state, line);
+    } catch (const std::invalid_argument& error) {
+      throw std::invalid_argument("line " + std::to_string(at) + " of the state " + error.what());
     }
   }
+  return state;
+}
+
+void Service::load(const std::string& lines) {
+  State state = stateFrom(lines);
   const std::lock_guard lock(mutex_);
-  daemon_ = std::move(daemon);
-  journal_ = std::move(journal);
+  std::swap(state_, state);
 }
 
 void Service::stopWaiting() {

@@ -42,7 +42,7 @@ class Service final : public bess::pb::BESSControl::Service {
   Pace pace() const;
   void paceIs(const Pace& pace);
   std::string dump() const;
-  // Throws std::invalid_argument with the line that is no call; the state is as before.
+  // See Server.
   void load(const std::string& lines);
   // Ends all waiting; calls are answered at once from now on.
   void stopWaiting();
@@ -81,28 +81,39 @@ class Service final : public bess::pb::BESSControl::Service {
       if (options_.strictDaemon) return {grpc::StatusCode::UNIMPLEMENTED, ""};
     }
     const std::lock_guard lock(mutex_);
-    journal_.note(number, in);
-    return apply(*daemon_, handler, in, out);
+    return apply(state_, number, handler, in, out);
   }
 
   template <class Request, class Response>
-  static grpc::Status apply(Daemon& daemon, Handler<Request, Response> handler, const Request& in,
-                            Response& out) {
+  static grpc::Status apply(State& state, int number, Handler<Request, Response> handler,
+                            const Request& in, Response& out) {
+    grpc::Status status;
+  // The daemon and how it came to be as it is.
+  struct State {
+    std::unique_ptr<Daemon> daemon;
+    Journal journal;
+  };
+
     try {
-      (daemon.*handler)(in, out);
+      (state.daemon.get()->*handler)(in, out);
     } catch (const Refusal& refusal) {
       out.Clear();
       out.mutable_error()->set_code(refusal.code);
       out.mutable_error()->set_errmsg(refusal.what());
     } catch (const HandlerFailure& failure) {
-      return {grpc::StatusCode::UNKNOWN, failure.what()};
+      status = {grpc::StatusCode::UNKNOWN, failure.what()};
     }
-    return grpc::Status::OK;
+    state.journal.note(number, in, out.error().code());
+    return status;
   }
 
   template <class Response>
   static grpc::Status refusedBy(const Fault& fault, Response& out) {
     if (fault.kind == Fault::Kind::Error) {
+  // The state that a dump or a recording leads to.
+  State stateFrom(const std::string& lines) const;
+  void playLine(State& state, const std::string& line) const;
+
       out.mutable_error()->set_code(fault.code == 0 ? 5 : fault.code);
       out.mutable_error()->set_errmsg(fault.text);
       return grpc::Status::OK;

@@ -99,13 +99,8 @@ void serve(Arguments& arguments) {
   // As a signal from outside: it is blocked in every thread, and taken by sigwait.
   options.onKill = [] { kill(getpid(), SIGTERM); };
 
+  if (!arguments.stateFile.empty()) options.state = Standin::contentOf(arguments.stateFile);
   Standin::Server server(options);
-  if (!arguments.stateFile.empty()) {
-    // A signal ends it at once so long as it is busy with this.
-    pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
-    server.load(Standin::contentOf(arguments.stateFile));
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-  }
   std::printf("bessd-standin listening on %s\n", server.address().c_str());
   if (!options.control.empty())
     std::printf("bessd-standin controlled at %s\n", server.controlAddress().c_str());

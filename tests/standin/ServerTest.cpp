@@ -240,11 +240,42 @@ TEST_F(StandinServer, ADumpKeepsArgumentsThatJsonCannotShow) {
   EXPECT_EQ(server_->dump(), dump);
 }
 
-TEST_F(StandinServer, ALineThatIsNoCallLeavesTheStateAsItWas) {
+namespace {
+
+// What loading the lines is refused with; empty when it is not.
+std::string loadRefusal(Standin::Server& server, const std::string& lines) {
+  try {
+    server.load(lines);
+    return "";
+  } catch (const std::invalid_argument& error) {
+    return error.what();
+  }
+}
+
+}  // namespace
+
+TEST_F(StandinServer, ALineThatIsNoCallIsToldAndLeavesTheStateAsItWas) {
   createModule("Sink", "a");
-  for (const char* lines :
-       {"{", "{\"type\":\"fly\"}", "\n{\"type\":\"createModule\",\"request\":5}"})
-    EXPECT_THROW(server_->load(lines), std::invalid_argument) << lines;
+  const struct {
+    const char* lines;
+    const char* text;
+  } rows[] = {
+      {"{", "line 1 of the state is no object of JSON"},
+      {"\xff", "line 1 of the state is no object of JSON"},
+      {"5", "line 1 of the state is no object of JSON"},
+      {"{}", "line 1 of the state has no type, the request's name"},
+      {R"({"type":5})", "line 1 of the state has no type, the request's name"},
+      {R"({"type":"fly"})", "line 1 of the state has the type 'fly', which no request has"},
+      {"\n{\"type\":\"createModule\",\"request\":5}",
+       "line 2 of the state has a request that is not one of its type"},
+      {R"({"type":"resetAll","request":{},"response":5})",
+       "line 1 of the state has a response that is no object"},
+      {R"({"type":"resetAll","request":{},"response":{"error":{"code":"x"}}})",
+       "line 1 of the state has a code that is no number"},
+      {R"({"type":"resetAll","request":{},"status":0})",
+       "line 1 of the state is of a log, which tells no state; write one with `bessd-standin ctl "
+       "ADDRESS dump FILE`"}};
+  for (const auto& row : rows) EXPECT_EQ(loadRefusal(*server_, row.lines), row.text) << row.lines;
   EXPECT_EQ(ask(&Stub::ListModules).modules_size(), 1);
 }
 
@@ -263,6 +294,53 @@ TEST_F(StandinServer, AFaultIsCountedAndGoes) {
 TEST(StandinFault, RefusesWhatItDoesNotKnowAndWordsThatWouldDoNothing) {
   const struct {
     const char* rule;
+TEST_F(StandinServer, BeginsWithAStateThatItsFirstCallFinds) {
+  createModule("Sink", "a");
+  Standin::Options options;
+  options.listen = "";
+  options.state = server_->dump();
+  Standin::Server other(options);
+  EXPECT_EQ(other.dump(), options.state);
+  const auto stub = BESSControl::NewStub(other.inProcessChannel());
+  grpc::ClientContext context;
+  ListModulesResponse response;
+  ASSERT_TRUE(stub->ListModules(&context, EmptyRequest(), &response).ok());
+  EXPECT_EQ(response.modules_size(), 1);
+  options.state = "{";
+  EXPECT_THROW(Standin::Server{options}, std::invalid_argument);
+}
+
+TEST_F(StandinServer, AStateIsRefusedWhereOneOfItsCallsEndsOtherwise) {
+  Standin::Options options;
+  options.listen = "";
+  options.cores = 8;
+  Standin::Server large(options);
+  const auto stub = BESSControl::NewStub(large.inProcessChannel());
+  AddWorkerRequest request;
+  request.set_core(3);
+  for (int wid : {0, 1}) {
+    request.set_wid(wid);
+    grpc::ClientContext context;
+    EmptyResponse response;
+    ASSERT_TRUE(stub->AddWorker(&context, request, &response).ok());
+    ASSERT_EQ(response.error().code(), 0);
+  }
+  createModule("Sink", "a");
+  const std::string refusal = loadRefusal(*server_, large.dump());
+  EXPECT_EQ(refusal.substr(0, refusal.find(';')),
+            "line 1 of the state was taken where it was dumped and is refused with 22 here "
+            "(Invalid core 3)");
+  EXPECT_EQ(ask(&Stub::ListModules).modules_size(), 1);
+  EXPECT_EQ(loadRefusal(large, large.dump()), "");
+  // What was refused and is not any more, too.
+  EXPECT_EQ(addWorker(0, 5), EINVAL);
+  EXPECT_NE(loadRefusal(large, server_->dump())
+                .find("refused with 22 where it was dumped and is "
+                      "taken here"),
+            std::string::npos);
+  EXPECT_EQ(loadRefusal(*server_, server_->dump()), "");
+}
+
     const char* text;
   } rows[] = {
       {"", "'' has no kind"},
@@ -552,7 +630,7 @@ TEST_F(StandinServer, ADumpIsRefusedAfterTooMuchUntilAReset) {
   for (int i = 0; i < 68; ++i) call(&Stub::ModuleCommand, request);
   EXPECT_THROW(server_->dump(), std::runtime_error);
   ask(&Stub::ResetAll);
-  EXPECT_EQ(server_->dump(), "{\"type\":\"resetAll\",\"request\":{}}\n");
+  EXPECT_EQ(server_->dump(), "{\"type\":\"resetAll\",\"request\":{},\"response\":{}}\n");
 }
 
 TEST_F(StandinServer, QuestionsAreNotKeptForADump) {

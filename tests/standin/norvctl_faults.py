@@ -7,7 +7,22 @@ import sys
 sys.path.insert(0, os.environ["SOURCES"] + "/tests/tools")
 
 import harness
-from harness import STANDIN, Process, command, equal, run, write_file
+from harness import STANDIN, Process, command, equal, free_port, run, write_file
+
+
+def ctl(*words):
+    return subprocess.run(
+        [STANDIN, "ctl", *words], capture_output=True, text=True, timeout=60
+    )
+
+
+def refusal(*words):
+    """The one line that ctl refuses the words with."""
+    finished = ctl(*words)
+    equal(finished.returncode, 1, finished)
+    equal(finished.stdout, "")
+    equal(len(finished.stderr.splitlines()), 1, finished)
+    return finished.stderr
 
 
 class Faulty(Process):
@@ -27,6 +42,9 @@ class Faulty(Process):
             [STANDIN, "ctl", self.control, *words], capture_output=True, text=True, timeout=60
         )
         equal(finished.returncode, 0, finished)
+    def refusal(self, *words):
+        return refusal(self.control, *words)
+
         return finished.stdout
 
     def modules(self):
@@ -211,6 +229,80 @@ def test_a_file_of_faults_is_refused_with_its_line():
     run(*fourth.address, write_file(command("createModule", name="gone", mclass="Sink"), name="other.jsonl"))
     fourth.ctl("load", file)
     equal(fourth.modules(), ["src"])
+def test_a_state_is_not_loaded_where_it_would_be_another():
+    daemon = Faulty(options=("--cores", "8"))
+    equal(outcomes(daemon, command("addWorker", wid=0, core=3)), ["ok"])
+    file = write_file(name="state.jsonl")
+    daemon.ctl("dump", file)
+    finished = Process(STANDIN, "--listen=127.0.0.1:0", "--load", file).finish()
+    equal([finished.status, finished.out], [1, ""])
+    equal(len(finished.err.splitlines()), 1)
+    assert "line 1 of the state was taken where it was dumped" in finished.err, finished
+    Faulty(options=("--cores", "8", "--load", file))
+    other = Faulty()
+    equal(one(other)["outcome"], "ok")
+    assert "Invalid core 3" in other.refusal("load", file)
+    equal(other.modules(), ["src"])
+
+
+def test_ctl_says_what_is_wrong():
+    log = write_file(name="log")
+    daemon = Faulty(options=("--log", log))
+    outcomes(daemon, SOURCE)
+    bytes_file = write_file(name="bytes")
+    with open(bytes_file, "wb") as file:
+        file.write(b"\xff\xfe\n")
+    for words, text in [
+        (("fly",), "ctl takes ADDRESS and one of: faults, add RULE"),
+        (("add",), "ctl takes ADDRESS and one of"),
+        (("faults", "more"), "ctl takes ADDRESS and one of"),
+        (("load",), "ctl takes ADDRESS and one of"),
+        (("add", "kind=exit", "kind=nope"), "no kind of fault is called 'nope'"),
+        (("latency", "x"), "'x' is no latency"),
+        (("rate", "x"), "'x' is no number"),
+        (("rate", "-1"), "a rate is answers per second"),
+        (("dump", "/nowhere/at/all"), "cannot write /nowhere/at/all"),
+        (("load", "/nowhere/at/all"), "cannot read /nowhere/at/all"),
+        (("load", bytes_file), "line 1 of the state is no object of JSON"),
+        (("load", log), "line 1 of the state is of a log"),
+    ]:
+        said = daemon.refusal(*words)
+        assert said.startswith("bessd-standin: ") and text in said, (words, said)
+    equal(daemon.ctl("faults"), "")
+    equal(daemon.modules(), ["src"])
+    port = free_port()
+    assert "nothing answers at" in refusal(f"127.0.0.1:{port}", "faults")
+    assert "cannot be controlled" in refusal(f"127.0.0.1:{daemon.port}", "faults")
+
+
+def test_a_rule_whose_text_is_no_text_is_told_so():
+    finished = subprocess.run(
+        [STANDIN, "ctl", Faulty().control, "add", b"kind=error text=\xff"], capture_output=True, timeout=60
+    )
+    equal(finished.returncode, 1, finished)
+    assert finished.stderr.endswith(b"and said no more\n"), finished
+
+
+def test_a_rate_is_kept_from_the_beginning():
+    daemon = Faulty(options=("--rate", "500"))
+    equal(daemon.ctl("pace"), "latency 0 ms, rate 500 per second\n")
+
+
+def test_a_log_may_be_the_error_stream():
+    daemon = Faulty(options=("--log", "-"))
+    equal(outcomes(daemon, SOURCE), ["ok"])
+    daemon.wait_for(r'"type":"createModule","request":\{"name":"src","mclass":"Source"\}.*\n', err=True)
+
+
+def test_the_call_that_ends_the_daemon_is_in_its_log():
+    file = write_file(name="log")
+    daemon = Faulty("kind=exit rpc=createModule", options=("--log", file))
+    equal(outcomes(daemon, SOURCE), ["failed"])
+    equal(daemon.popen.wait(60), 1)
+    with open(file) as log:
+        assert '"fault":"kind=exit rpc=createModule"' in log.read()
+
+
 
 
 def test_a_log_has_a_line_for_each_call():

@@ -35,6 +35,8 @@ struct Options {
   // Faults in force from the beginning, in their text form.
   std::vector<std::string> faults;
   Pace pace;  // From the beginning.
+  // A dump to begin with: its state is there before the first call; empty begins with nothing.
+  std::string state;
   // Packets of 60 bytes that each counted gate pretends to pass in a second, since `began`.
   double traffic = 0;
   std::chrono::steady_clock::time_point began = std::chrono::steady_clock::now();
@@ -55,7 +57,7 @@ class Server {
  public:
   // Throws std::runtime_error, with a text for the person who chose the options, when an address
   // has no port or cannot be listened at or the log cannot be written; std::invalid_argument for a
-  // fault that is none.
+  // fault that is none, and for a state as `load` does.
   explicit Server(const Options& options);
   // Shuts down and waits for the handlers.
   ~Server();
@@ -82,10 +84,13 @@ class Server {
   // Calls that wait for their turn are answered at once, those that come keep the new pace.
   void paceIs(const Pace& pace);
 
-  // The whole state, as the calls that lead to it, in the form of command files. Throws
-  // std::runtime_error when too much has happened since the last resetAll.
+  // The whole state, as the calls that lead to it, in the form of command files. They begin with
+  // the start, not with the last resetAll, as that leaves plugins and whose turn it is. Throws
+  // std::runtime_error once they are more than 256 MiB, until the next resetAll, where they begin
+  // from then on.
   std::string dump() const;
-  // Begins anew from a dump. Throws std::invalid_argument with the line that is none; the state is
+  // Begins anew from a dump. Throws std::invalid_argument with the line that is none, or that this
+  // server refuses otherwise than the dumped one did, as one with other options may; the state is
   // as before then.
   void load(const std::string& lines);
 
