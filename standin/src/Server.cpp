@@ -71,7 +71,7 @@ class Server::Impl {
         service_(options),
         control_(service_),
         server_(serve(service_, address_)) {
-    service_.addressIs(address_);
+    service_.addressIs(address_);  // It serves already; who needs the address waits for it.
     if (!controlAddress_.empty()) controlServer_ = serve(control_, controlAddress_, -1);
   }
 

@@ -196,7 +196,12 @@ void Service::keepPace(grpc::ServerContext& context) {
 }
 
 void Service::hangUp(grpc::ServerContext& context) {
-  if (!Standin::hangUp(context.peer(), address_)) context.TryCancel();
+  if (!Standin::hangUp(context.peer(), address())) context.TryCancel();
+}
+
+void Service::exit() {
+  if (!options_.onExit) std::_Exit(1);
+  options_.onExit();
 }
 
 bool Service::strikesBefore(const Faults::Strike& strike, grpc::ServerContext& context) {
@@ -207,15 +212,10 @@ bool Service::strikesBefore(const Faults::Strike& strike, grpc::ServerContext& c
     case Fault::Kind::HangUp:
       hangUp(context);
       return true;
-    case Fault::Kind::Exit:
-      if (options_.onExit)
-        options_.onExit();
-      else
-        std::_Exit(1);
-      return true;
     case Fault::Kind::StopAccepting:
-      stopListening(address_);
+      stopListening(address());
       return false;
+    case Fault::Kind::Exit:  // Once it is logged.
     case Fault::Kind::Status:
     case Fault::Kind::Error:
       return true;
@@ -250,9 +250,7 @@ void Service::log(const char* rpc, const google::protobuf::Message& in,
   nlohmann::ordered_json line;
   line["time"] = duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
   line["type"] = rpc;
-  std::string request;
-  if (google::protobuf::util::MessageToJsonString(in, &request).ok())
-    line["request"] = nlohmann::ordered_json::parse(request);
+  line.update(nlohmann::ordered_json::parse("{" + requestText(in) + "}"));
   line["status"] = static_cast<int>(status.error_code());
   if (error.code() != 0) line["error"] = {{"code", error.code()}, {"errmsg", error.errmsg()}};
   if (strike) line["fault"] = strike->fault.toString();

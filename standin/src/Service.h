@@ -46,9 +46,11 @@ class Service final : public bess::pb::BESSControl::Service {
   void load(const std::string& lines);
   // Ends all waiting; calls are answered at once from now on.
   void stopWaiting();
-  // Where the server listens, for faults that end that.
+  // Where the server listens, for faults that end that; once, as soon as it serves.
   void addressIs(const std::string& address) {
     address_ = address;
+    addressKnown_.test_and_set();
+    addressKnown_.notify_all();
   }
 
  private:
@@ -71,6 +73,7 @@ class Service final : public bess::pb::BESSControl::Service {
       status = spoil(strike->fault, context, out, status);
     }
     if (log_ != nullptr) log(rpc, in, out.error(), status, strike, begin);
+    if (strike && strike->fault.kind == Fault::Kind::Exit) exit();
     return status;
   }
 
@@ -84,16 +87,16 @@ class Service final : public bess::pb::BESSControl::Service {
     return apply(state_, number, handler, in, out);
   }
 
-  template <class Request, class Response>
-  static grpc::Status apply(State& state, int number, Handler<Request, Response> handler,
-                            const Request& in, Response& out) {
-    grpc::Status status;
   // The daemon and how it came to be as it is.
   struct State {
     std::unique_ptr<Daemon> daemon;
     Journal journal;
   };
 
+  template <class Request, class Response>
+  static grpc::Status apply(State& state, int number, Handler<Request, Response> handler,
+                            const Request& in, Response& out) {
+    grpc::Status status;
     try {
       (state.daemon.get()->*handler)(in, out);
     } catch (const Refusal& refusal) {
@@ -107,13 +110,13 @@ class Service final : public bess::pb::BESSControl::Service {
     return status;
   }
 
-  template <class Response>
-  static grpc::Status refusedBy(const Fault& fault, Response& out) {
-    if (fault.kind == Fault::Kind::Error) {
   // The state that a dump or a recording leads to.
   State stateFrom(const std::string& lines) const;
   void playLine(State& state, const std::string& line) const;
 
+  template <class Response>
+  static grpc::Status refusedBy(const Fault& fault, Response& out) {
+    if (fault.kind == Fault::Kind::Error) {
       out.mutable_error()->set_code(fault.code == 0 ? 5 : fault.code);
       out.mutable_error()->set_errmsg(fault.text);
       return grpc::Status::OK;
@@ -130,6 +133,12 @@ class Service final : public bess::pb::BESSControl::Service {
   grpc::Status spoil(const Fault& fault, grpc::ServerContext& context,
                      google::protobuf::Message& out, const grpc::Status& status);
   void hangUp(grpc::ServerContext& context);
+  // Ends the process, unless the options say otherwise.
+  void exit();
+  const std::string& address() const {
+    addressKnown_.wait(false);
+    return address_;
+  }
   // Returns early when the client gives up, the server ends, or `over` says so, with waitMutex_
   // held.
   void waitUntil(
@@ -140,10 +149,10 @@ class Service final : public bess::pb::BESSControl::Service {
            std::chrono::steady_clock::time_point begin);
 
   const Options options_;
-  std::string address_;
-  mutable std::mutex mutex_;  // Held while a handler runs; guards the daemon and the journal.
-  std::unique_ptr<Daemon> daemon_;
-  Journal journal_;
+  std::string address_;            // Written once, before the flag says so.
+  std::atomic_flag addressKnown_;  // Set with release, waited for with acquire.
+  mutable std::mutex mutex_;       // Held while a handler runs; guards the state.
+  State state_;
   Faults faults_;
 
   mutable std::mutex waitMutex_;

@@ -1,10 +1,13 @@
 #include <google/protobuf/unknown_field_set.h>
 #include <grpcpp/generic/generic_stub.h>
+#include <standin/control.grpc.pb.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
+#include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <limits>
 #include <stdexcept>
 #include <vector>
@@ -432,6 +435,89 @@ class StandinNewer : public StandinTest::StandinFixture {
                                                      int number) {
     const auto& fields = message.GetReflection()->GetUnknownFields(message);
     for (int i = 0; i < fields.field_count(); ++i)
+namespace {
+
+std::string contentOf(const std::string& path) {
+  std::ifstream file(path);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+}  // namespace
+
+TEST(StandinLog, HasTheCallThatEndsTheDaemonBeforeItEnds) {
+  const std::string path = testing::TempDir() + "standin-" + std::to_string(getpid()) + ".log";
+  std::filesystem::remove(path);
+  std::string logged;
+  int exits = 0;
+  Standin::Options options;
+  options.listen = "";
+  options.log = path;
+  options.faults = {"kind=exit rpc=createModule"};
+  options.onExit = [&] {
+    ++exits;
+    logged = contentOf(path);
+  };
+  {
+    Standin::Server server(options);
+    const auto stub = BESSControl::NewStub(server.inProcessChannel());
+    grpc::ClientContext context;
+    CreateModuleRequest request;
+    request.set_mclass("Sink");
+    CreateModuleResponse response;
+    EXPECT_EQ(stub->CreateModule(&context, request, &response).error_code(),
+              grpc::StatusCode::UNAVAILABLE);
+    grpc::ClientContext after;
+    ListModulesResponse modules;
+    EXPECT_TRUE(stub->ListModules(&after, EmptyRequest(), &modules).ok());
+    EXPECT_EQ(modules.modules_size(), 0);  // It goes on, without the effect.
+  }
+  std::filesystem::remove(path);
+  EXPECT_EQ(exits, 1);
+  EXPECT_NE(logged.find("\"type\":\"createModule\",\"request\":{\"mclass\":\"Sink\"}"),
+            std::string::npos)
+      << logged;
+  EXPECT_NE(logged.find("\"fault\":\"kind=exit"), std::string::npos) << logged;
+}
+
+TEST(StandinLog, ShowsRequestsThatJsonCannotAsBytes) {
+  const std::string path = testing::TempDir() + "standin-" + std::to_string(getpid()) + ".log";
+  std::filesystem::remove(path);
+  Standin::Options options;
+  options.listen = "";
+  options.log = path;
+  CreateModuleRequest request;
+  request.set_mclass("Sink");
+  request.mutable_arg()->set_type_url("type.googleapis.com/bess.pb.Nowhere");
+  {
+    Standin::Server server(options);
+    const auto stub = BESSControl::NewStub(server.inProcessChannel());
+    grpc::ClientContext context;
+    CreateModuleResponse response;
+    EXPECT_TRUE(stub->CreateModule(&context, request, &response).ok());
+  }
+  const std::string logged = contentOf(path);
+  std::filesystem::remove(path);
+  EXPECT_NE(logged.find("\"type\":\"createModule\",\"request_raw\":\""), std::string::npos)
+      << logged;
+}
+
+TEST_F(StandinServer, RulesAreAddedTogetherOrNotAtAll) {
+  Standin::Options options;
+  options.listen = "127.0.0.1:0";
+  options.control = "127.0.0.1:0";
+  Standin::Server server(options);
+  const auto control =
+      standin::Control::NewStub(StandinTest::directChannel(server.controlAddress()));
+  standin::AddFaultsRequest request;
+  request.add_rules("kind=exit");
+  request.add_rules("kind=nope");
+  grpc::ClientContext context;
+  standin::Faults faults;
+  EXPECT_EQ(control->AddFaults(&context, request, &faults).error_code(),
+            grpc::StatusCode::INVALID_ARGUMENT);
+  EXPECT_TRUE(server.faults().empty());
+}
+
       if (fields.field(i).number() == number) return &fields.field(i);
     return nullptr;
   }
