@@ -151,7 +151,7 @@ constexpr ModuleCommand exactMatchCommands[] = {
      call<&ExactMatchState::setDefaultGate>},
 };
 constexpr ModuleCommand flowGenCommands[] = {
-    {"update", "FlowGenArg", false, call<&FlowGenState::update>},
+    {"update", "FlowGenArg", true, call<&FlowGenState::update>},
     {"set_burst", "FlowGenCommandSetBurstArg", true, call<&FlowGenState::setBurst>},
 };
 constexpr ModuleCommand flowMeasureCommands[] = {

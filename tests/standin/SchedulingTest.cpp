@@ -332,8 +332,7 @@ TEST_F(StandinScheduling, ACommandIsTakenUntilTheDaemonHasFoundItsModuleReached)
   createModule("Queue", "q");
   ask(&Stub::ResumeAll);
   const auto tried = [this] {
-    return commandRefusal("flowgen0", "update", "FlowGenArg", R"("pps":500)") +
-           commandRefusal("q", "set_runtime_config", "QueueArg", R"("size":64)");
+    return commandRefusal("q", "set_runtime_config", "QueueArg", R"("size":64)");
   };
   EXPECT_EQ(tried(), "");
   ask(&Stub::CheckSchedulingConstraints);
@@ -376,6 +375,14 @@ TEST_F(StandinScheduling, AListTellsParentAndShare) {
   add.mutable_class_()->set_share(0);
   EXPECT_EQ(refusal(call(&Stub::AddTc, add).error()), "22 AddChild() failed");
   add.mutable_class_()->set_share(3);
+TEST_F(StandinScheduling, AFlowGeneratorIsUpdatedWhileItsWorkerRuns) {
+  const char* frame = R"("template":"BhY+G3IyAh5nn02uCABFAAAqAAEAAEARAAAKAAABCgAAAicRJxIAFg==")";
+  EXPECT_EQ(createRefusal("FlowGen", "FlowGenArg", frame), "");
+  ask(&Stub::ResumeAll);
+  ask(&Stub::CheckSchedulingConstraints);
+  EXPECT_EQ(commandRefusal("flowgen0", "update", "FlowGenArg", R"("pps":500)"), "");
+}
+
   EXPECT_EQ(call(&Stub::AddTc, add).error().code(), 0);
   EXPECT_EQ(find("c")->share(), 3);
   for (const auto& status : trafficClasses())
