@@ -22,6 +22,10 @@ std::string addressWithPort(const std::string& address, int port) {
 void checkAddress(const std::string& address) {
   if (isUnix(address) && address.size() > 5) return;
   const std::size_t colon = address.rfind(':');
+  if (address.find(':') != colon && address[0] != '[')
+    throw std::runtime_error("'" + address +
+                             "' is no address to listen at; put an IPv6 address in brackets, such "
+                             "as [::1]:10514");
   if (colon == std::string::npos || colon == 0 ||
       address.find_first_not_of("0123456789", colon + 1) != std::string::npos ||
       colon + 1 == address.size() || address.size() - colon > 6 ||

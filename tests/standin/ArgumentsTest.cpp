@@ -284,11 +284,163 @@ TEST_F(StandinArguments, InitialArgumentsAreAsTheClassTellsThem) {
   EXPECT_EQ(url.blacklist_size(), 0);
 }
 
-TEST_F(StandinArguments, AClassWhoseMessageIsForeignRefusesItsDefaults) {
-  EXPECT_EQ(createRefusal("IPFrag", "EmptyArg", ""), "22 Invalid MTU size!");
-  bess::pb::CreateModuleRequest request;
-  request.set_mclass("IPFrag");
-  request.mutable_arg()->set_type_url("type.googleapis.com/bess.pb.IPFragArg");
-  request.mutable_arg()->set_value("\x08\x64");
-  EXPECT_EQ(call(&Stub::CreateModule, request).error().code(), 0);
+TEST_F(StandinArguments, EveryClassRefusesInItsWords) {
+  const struct {
+    const char* mclass;
+    const char* argument;
+    const char* json;
+    const char* refusal;  // Empty: none.
+  } rows[] = {
+      {"Source", "SourceArg", R"("pktSize":2049)", "22 Invalid packet size"},
+      {"Source", "SourceArg", R"("pktSize":2048)", ""},
+      {"RandomSplit", "RandomSplitArg", R"("dropRate":1.5,"gates":[9999])",
+       "22 drop rate needs to be between [0, 1]"},
+      {"RandomSplit", "RandomSplitArg", R"("dropRate":-0.5)",
+       "22 drop rate needs to be between [0, 1]"},
+      {"RandomSplit", "RandomSplitArg", R"("gates":[8193])", "22 Invalid gate 8193"},
+      {"RandomSplit", "RandomSplitArg", R"("dropRate":1,"gates":[8191])", ""},
+      {"RoundRobin", "RoundRobinArg", R"("mode":"x")",
+       "22 argument must be either 'packet' or 'batch'"},
+      {"Split", "SplitArg", "", "22 'size' must be 1-8"},
+      {"Split", "SplitArg", R"("size":9)", "22 'size' must be 1-8"},
+      {"Split", "SplitArg", R"("size":1,"offset":-1)", "22 invalid 'offset'"},
+      {"Split", "SplitArg", R"("size":1,"offset":1025)", "22 invalid 'offset'"},
+      {"Split", "SplitArg", R"("size":1,"attribute":"")", "22 add_metadata_attr() failed"},
+      {"Split", "SplitArg", R"("size":1,"offset":1024)", ""},
+      {"GenericDecap", "GenericDecapArg", R"("bytes":1025)", "22 invalid decap size"},
+      {"GenericDecap", "GenericDecapArg", R"("bytes":1024)", ""},
+      {"VXLANEncap", "VXLANEncapArg", R"("dstport":65536)", "22 invalid 'dstport' field"},
+      {"VXLANEncap", "VXLANEncapArg", R"("dstport":65535)", ""},
+      {"BPF", "BPFArg", R"("filters":[{"gate":8192}])", "22 Invalid gate"},
+      {"BPF", "BPFArg", R"("filters":[{"gate":-1}])", "22 Invalid gate"},
+      {"L2Forward", "L2ForwardArg", R"("size":3)",
+       "22 initialization failed with argument size: '3' bucket: '4'"},
+      {"L2Forward", "L2ForwardArg", R"("bucket":3)",
+       "22 initialization failed with argument size: '4096' bucket: '3'"},
+      {"NAT", "NATArg", "", "22 at least one external IP address must be specified"},
+      {"PortInc", "PortIncArg", R"("port":"nope")", "19 Port nope not found"},
+      {"PortOut", "PortOutArg", R"("port":"nope")", "19 Port nope not found"},
+      {"QueueInc", "QueueIncArg", R"("port":"nope")", "19 Port nope not found"},
+      {"QueueOut", "QueueOutArg", R"("port":"nope")", "19 Port nope not found"},
+      {"ExactMatch", "ExactMatchArg", R"("fields":[{"numBytes":9}])",
+       "22 idx 0: 'size' must be in [1,8]"},
+      {"ExactMatch", "ExactMatchArg", R"("fields":[{"numBytes":1},{"numBytes":1,"offset":1025}])",
+       "22 idx 1: invalid 'offset'"},
+  };
+  for (const auto& row : rows)
+    EXPECT_EQ(createRefusal(row.mclass, row.argument, row.json), row.refusal)
+        << row.mclass << row.json;
+}
+
+TEST_F(StandinArguments, EveryCommandRefusesInItsWords) {
+  createPort("p", "net_null0", 2);
+  createRefusal("PortInc", "PortIncArg", R"("port":"p")");
+  createPort("q", "net_null1");
+  createRefusal("QueueInc", "QueueIncArg", R"("port":"q")");
+  createRefusal("ExactMatch", "ExactMatchArg", R"("fields":[{"numBytes":1,"offset":23}])");
+  createRefusal("WildcardMatch", "WildcardMatchArg", R"("fields":[{"numBytes":1,"offset":23}])");
+  createRefusal("FlowGen", "FlowGenArg",
+                R"("template":"BhY+G3IyAh5nn02uCABFAAAqAAEAAEARAAAKAAABCgAAAicRJxIAFg==")");
+  for (const char* mclass : {"BPF", "DRR", "HashLB", "IPLookup", "L2Forward", "Queue",
+                             "RandomSplit", "RoundRobin", "Source"})
+    createModule(mclass, mclass);
+  const char* burst = "22 burst size must be [0,64]";
+  const struct {
+    const char* module;
+    const char* cmd;
+    const char* argument;
+    const char* json;
+    const char* refusal;  // Empty: none.
+  } rows[] = {
+      {"Source", "set_burst", "SourceCommandSetBurstArg", R"("burst":65)", burst},
+      {"Source", "set_burst", "SourceCommandSetBurstArg", R"("burst":64)", ""},
+      {"Source", "set_pkt_size", "SourceCommandSetPktSizeArg", "", "22 Invalid packet size"},
+      {"Source", "set_pkt_size", "SourceCommandSetPktSizeArg", R"("pktSize":2049)",
+       "22 Invalid packet size"},
+      {"Queue", "set_burst", "QueueCommandSetBurstArg", R"("burst":65)", burst},
+      {"Queue", "set_size", "QueueCommandSetSizeArg", R"("size":2)", "22 must be in [4, 16384]"},
+      {"flowgen0", "set_burst", "FlowGenCommandSetBurstArg", R"("burst":65)", burst},
+      {"port_inc0", "set_burst", "PortIncCommandSetBurstArg", R"("burst":65)", burst},
+      {"queue_inc0", "set_burst", "QueueIncCommandSetBurstArg", R"("burst":65)", burst},
+      {"DRR", "set_quantum_size", "DRRQuantumArg", "", "22 quantum size must be at least 1"},
+      {"DRR", "set_max_flow_queue_size", "DRRMaxFlowQueueSizeArg", "",
+       "22 max queue size must be at least 1"},
+      {"RandomSplit", "set_droprate", "RandomSplitCommandSetDroprateArg", R"("dropRate":1.5)",
+       "22 drop rate needs to be between [0, 1]"},
+      {"RandomSplit", "set_gates", "RandomSplitCommandSetGatesArg", R"("gates":[8193])",
+       "22 Invalid gate 8193"},
+      {"RoundRobin", "set_mode", "RoundRobinCommandSetModeArg", R"("mode":"x")",
+       "22 argument must be either 'packet' or 'batch'"},
+      {"HashLB", "set_mode", "HashLBCommandSetModeArg", R"("mode":"l9")",
+       "22 available LB modes: l2, l3, l4"},
+      {"IPLookup", "add", "IPLookupCommandAddArg", "", "22 prefix' is missing"},
+      {"IPLookup", "add", "IPLookupCommandAddArg", R"("prefix":"10.0.0")",
+       "22 Invalid IP prefix: 10.0.0"},
+      {"IPLookup", "add", "IPLookupCommandAddArg", R"("prefix":"10.0.0.0","prefixLen":33)",
+       "22 Invalid prefix length: 33"},
+      {"IPLookup", "add", "IPLookupCommandAddArg", R"("prefix":"10.0.0.1","prefixLen":24)",
+       "22 Invalid IP prefix 10.0.0.1/24 a000001 ffffff00"},
+      {"IPLookup", "add", "IPLookupCommandAddArg",
+       R"("prefix":"10.0.0.0","prefixLen":24,"gate":8193)", "22 Invalid gate: 8193"},
+      {"IPLookup", "delete", "IPLookupCommandDeleteArg", R"("prefix":"10.0.0.0","prefixLen":24)",
+       "2 rpm_lpm_delete() failed"},
+      {"IPLookup", "add", "IPLookupCommandAddArg", R"("prefix":"0.0.0.0")", ""},
+      {"IPLookup", "delete", "IPLookupCommandDeleteArg", R"("prefix":"0.0.0.0")", ""},
+      {"BPF", "add", "BPFArg", R"("filters":[{"gate":8192}])", "22 Invalid gate"},
+      {"L2Forward", "add", "L2ForwardCommandAddArg", R"("entries":[{}])",
+       "22 add list item map must contain addr as a string"},
+      {"L2Forward", "add", "L2ForwardCommandAddArg", R"("entries":[{"addr":"zz"}])",
+       "22 zz is not a proper mac address"},
+      {"L2Forward", "add", "L2ForwardCommandAddArg", R"("entries":[{"addr":"2:0:0:0:0:1"}])", ""},
+      {"L2Forward", "add", "L2ForwardCommandAddArg", R"("entries":[{"addr":"2:0:0:0:0:1"}])",
+       "17 MAC address '2:0:0:0:0:1' already exist"},
+      {"L2Forward", "delete", "L2ForwardCommandDeleteArg", R"("addrs":[""])",
+       "22 delete list item map must contain addr as a string"},
+      {"L2Forward", "delete", "L2ForwardCommandDeleteArg", R"("addrs":["2:0:0:0:0:2"])",
+       "2 MAC address '2:0:0:0:0:2' does not exist"},
+      {"L2Forward", "lookup", "L2ForwardCommandLookupArg", R"("addrs":["2:0:0:0:0:2"])",
+       "2 MAC address '2:0:0:0:0:2' does not exist"},
+      {"L2Forward", "lookup", "L2ForwardCommandLookupArg", R"("addrs":[""])",
+       "22 lookup list item map must contain addr as a string"},
+      {"L2Forward", "populate", "L2ForwardCommandPopulateArg", R"("base":"2:0:0:0:0:1","count":1)",
+       "22 'count' or 'gate_count' is out of range"},
+      {"em0", "add", "ExactMatchCommandAddArg", R"("gate":8193)", "22 Invalid gate: 8193"},
+      {"em0", "add", "ExactMatchCommandAddArg", "", "22 'fields' must be a list"},
+      {"em0", "add", "ExactMatchCommandAddArg", R"("fields":[{"valueInt":256}])",
+       "22 idx 0: not a correct 1-byte value"},
+      {"em0", "delete", "ExactMatchCommandDeleteArg", "", "22 argument must be a list"},
+      {"em0", "delete", "ExactMatchCommandDeleteArg", R"("fields":[{"valueInt":6}])",
+       "2 rule doesn't exist"},
+      {"wm0", "add", "WildcardMatchCommandAddArg", "", "22 must specify 1 values"},
+      {"wm0", "add", "WildcardMatchCommandAddArg", R"("values":[{"valueInt":1}])",
+       "22 must specify 1 masks"},
+      {"wm0", "delete", "WildcardMatchCommandDeleteArg",
+       R"("values":[{"valueInt":1}],"masks":[{"valueInt":1}])", "2 failed to delete a rule"},
+  };
+  for (const auto& row : rows)
+    EXPECT_EQ(commandRefusal(row.module, row.cmd, row.argument, row.json), row.refusal)
+        << row.module << " " << row.cmd << " " << row.json;
+}
+
+TEST_F(StandinArguments, ClassesWhoseMessagesAreForeignRefuseTheirDefaults) {
+  const struct {
+    const char* mclass;
+    const char* argument;
+    const char* refusal;
+  } rows[] = {
+      {"Counter", "CounterArg", "22 Invalid counter idx name"},
+      {"FlowMeasure", "FlowMeasureArg", "22 invalid flag attribute name"},
+      {"GtpuEcho", "GtpuEchoArg", "22 Invalid S1U SGW IP address!"},
+      {"IPDefrag", "IPDefragArg", "22 Invalid num_flows!"},
+      {"IPFrag", "IPFragArg", "22 Invalid MTU size!"},
+  };
+  for (const auto& row : rows) {
+    bess::pb::CreateModuleRequest request;
+    request.set_mclass(row.mclass);
+    request.mutable_arg()->set_type_url(std::string("type.googleapis.com/bess.pb.") + row.argument);
+    EXPECT_EQ(refusal(call(&Stub::CreateModule, request).error()), row.refusal) << row.mclass;
+    request.mutable_arg()->set_value("\x08\x64");
+    EXPECT_EQ(refusal(call(&Stub::CreateModule, request).error()), "") << row.mclass;
+    EXPECT_EQ(createRefusal(row.mclass, "EmptyArg", ""), row.refusal) << row.mclass;
+  }
 }

@@ -36,6 +36,28 @@ class StandinPausing : public StandinTest::StandinFixture {
             }};
   }
 
+  // Answer the code of the refusal.
+  static int resetBusyPort(Stub& stub) {
+    PortOutArg arg;
+    arg.set_port("p");
+    CreateModuleRequest user;
+    user.set_mclass("PortOut");
+    user.mutable_arg()->PackFrom(arg);
+    CreateModuleResponse created;
+    grpc::ClientContext creation, reset;
+    EXPECT_TRUE(stub.CreateModule(&creation, user, &created).ok());
+    EmptyResponse response;
+    EXPECT_TRUE(stub.ResetPorts(&reset, EmptyRequest(), &response).ok());
+    return response.error().code();
+  }
+
+  static int unloadItself(Stub& stub) {
+    grpc::ClientContext context;
+    EmptyResponse response;
+    EXPECT_TRUE(stub.UnloadPlugin(&context, UnloadPluginRequest(), &response).ok());
+    return response.error().code();
+  }
+
   // Calls that pause, for modules src and snk and a port p.
   static std::vector<Row> pausing() {
     const auto asIs = [](auto&) {};
@@ -60,6 +82,7 @@ class StandinPausing : public StandinTest::StandinFixture {
         row("updateTcParent", &Stub::UpdateTcParent,
             [](auto& one) { one.mutable_class_()->set_leaf_module_name("src"); }),
         row("resetPorts", &Stub::ResetPorts, asIs),
+        {"resetPorts of a busy one", [](Stub& stub) { EXPECT_EQ(resetBusyPort(stub), EBUSY); }},
         row("setPortConf", &Stub::SetPortConf,
             [](auto& one) {
               one.set_name("p");
@@ -76,6 +99,7 @@ class StandinPausing : public StandinTest::StandinFixture {
             [](auto& one) { one.set_path("/nowhere"); }),
         row("unloadPlugin of none", &Stub::UnloadPlugin,
             [](auto& one) { one.set_path("/nowhere"); }),
+        {"unloadPlugin", [](Stub& stub) { EXPECT_EQ(unloadItself(stub), 0); }},
     };
   }
 
@@ -114,6 +138,15 @@ class StandinPausing : public StandinTest::StandinFixture {
     };
   }
 };
+
+TEST_F(StandinPausing, AResetOfAllTakesLeavesWithItAndLaunchesNoWorker) {
+  createModule("Source", "src");
+  EXPECT_EQ(ask(&Stub::ResetAll).error().code(), 0);
+  EXPECT_TRUE(ask(&Stub::ListWorkers).workers_status().empty());
+  EXPECT_TRUE(trafficClasses().empty());
+  createModule("Source", "src");
+  EXPECT_EQ(workerOf("!leaf_src:0"), -1);
+}
 
 TEST_F(StandinPausing, EveryPausingCallPlacesLeavesWhetherItIsRefusedOrNot) {
   for (const Row& row : pausing()) {

@@ -145,9 +145,11 @@ TEST_F(StandinPorts, TheLinkFollowsTheAdministration) {
   request.mutable_conf()->set_mac_addr(keepMac);
   EXPECT_EQ(call(&Stub::SetPortConf, request).error().code(), 0);
   EXPECT_FALSE(call(&Stub::GetLinkStatus, status).link_up());
+  EXPECT_FALSE(conf("p").admin_up());
   request.mutable_conf()->set_admin_up(true);
   EXPECT_EQ(call(&Stub::SetPortConf, request).error().code(), 0);
   EXPECT_TRUE(call(&Stub::GetLinkStatus, status).link_up());
+  EXPECT_TRUE(conf("p").admin_up());
 }
 
 TEST_F(StandinPorts, AConfigurationThatNamesNoPortOrAddressPausesNothing) {
@@ -207,6 +209,39 @@ TEST_F(StandinPorts, APciAddressHasThreeNumbersOrFour) {
   EXPECT_EQ(create("1:02:03.4"), "19 Cannot attach PCI device 00000001:02:03.04");
   EXPECT_EQ(create("02:03.4"), "19 Cannot attach PCI device 00000000:02:03.04");
   EXPECT_EQ(create("02"), "22 PCI address must be like dddd:bb:dd.ff or bb:dd.ff");
+}
+
+TEST_F(StandinPorts, EachDriverRefusesInItsWords) {
+  createPort("taken", "net_null0");
+  const struct {
+    const char* driver;
+    const char* argument;
+    const char* json;
+    std::uint64_t queues;
+    const char* refusal;
+  } rows[] = {
+      {"", "EmptyArg", "", 1, "22 Missing 'driver' field"},
+      {"NoPort", "EmptyArg", "", 1, "2 No port driver 'NoPort' found"},
+      {"PCAPPort", "EmptyArg", "", 1, "22 Error initializing device."},
+      {"VPort", "EmptyArg", "", 1, "19 the kernel module is not loaded"},
+      {"UnixSocketPort", "EmptyArg", "", 2, "22 Cannot have more than 1 queue per RX/TX"},
+      {"UnixSocketPort", "UnixSocketPortArg", R"("path":"/nowhere/at/all")", 1,
+       "2 bind(/nowhere/at/all) failed"},
+      {"PMDPort", "PMDPortArg", "", 1, "22 No port specified"},
+      {"PMDPort", "PMDPortArg", R"("vdev":"net_ring0")", 1, "19 Cannot attach vdev net_ring0"},
+      {"PMDPort", "PMDPortArg", R"("vdev":"net_null0")", 1, "16 rte_eth_dev_configure() failed"},
+      {"PMDPort", "PMDPortArg", R"("portId":0)", 1, "16 rte_eth_dev_configure() failed"},
+      {"PMDPort", "PMDPortArg", R"("portId":5)", 1, "19 Port id 5 is not available"},
+      {"PMDPort", "PMDPortArg", R"("portId":32)", 1, "22 Invalid port id 32"},
+  };
+  for (const auto& row : rows) {
+    CreatePortRequest request;
+    request.set_driver(row.driver);
+    request.set_num_inc_q(row.queues);
+    *request.mutable_arg() = packed(row.argument, row.json);
+    EXPECT_EQ(refusal(call(&Stub::CreatePort, request).error()), row.refusal)
+        << row.driver << row.json;
+  }
 }
 
 TEST_F(StandinPorts, AFreedNameIsGivenAgain) {

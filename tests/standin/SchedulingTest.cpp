@@ -104,7 +104,37 @@ TEST_F(StandinScheduling, NamesOfTrafficClassesAreCheckedFirst) {
 TEST_F(StandinScheduling, ALeafTakesNoChildren) {
   addWorker(0);
   createModule("Source", "src");
-  EXPECT_EQ(addTc("x", "round_robin", "!leaf_src:0"), EPERM);
+  AddTcRequest add;
+  add.mutable_class_()->set_name("x");
+  add.mutable_class_()->set_policy("round_robin");
+  add.mutable_class_()->set_parent("!leaf_src:0");
+  add.mutable_class_()->set_wid(-1);
+  EXPECT_EQ(refusal(call(&Stub::AddTc, add).error()), "1 Parent tc doesn't support children");
+}
+
+TEST_F(StandinScheduling, OnlyALeafMovesAndTheOthersAreToldSo) {
+  addTc("rr", "round_robin");
+  UpdateTcParentRequest move;
+  move.mutable_class_()->set_name("rr");
+  EXPECT_EQ(refusal(call(&Stub::UpdateTcParent, move).error()),
+            "22 Cannot detach 'rr'. while it is part of a worker");
+  EXPECT_EQ(workerOf("rr"), 0);
+}
+
+TEST_F(StandinScheduling, AResourceIsOneOfFour) {
+  AddTcRequest add;
+  add.mutable_class_()->set_name("r");
+  add.mutable_class_()->set_policy("rate_limit");
+  add.mutable_class_()->set_resource("byte");
+  EXPECT_EQ(refusal(call(&Stub::AddTc, add).error()), "22 Invalid resource");
+  add.mutable_class_()->set_policy("weighted_fair");
+  EXPECT_EQ(refusal(call(&Stub::AddTc, add).error()), "22 Invalid resource");
+  EXPECT_EQ(find("r"), nullptr);
+  add.mutable_class_()->set_resource("packet");
+  EXPECT_EQ(call(&Stub::AddTc, add).error().code(), 0);
+  UpdateTcParamsRequest update;
+  update.mutable_class_()->set_name("r");
+  EXPECT_EQ(refusal(call(&Stub::UpdateTcParams, update).error()), "22 Invalid resource");
 }
 
 TEST_F(StandinScheduling, ALeafThatCannotBeMovedIsLost) {
@@ -280,6 +310,11 @@ TEST_F(StandinScheduling, ParametersThatAreNotGivenKeepTheirValues) {
   EXPECT_EQ(call(&Stub::UpdateTcParams, update).error().code(), 0);
   EXPECT_EQ(find("r")->limit().at("bit"), 9);
   EXPECT_EQ(find("r")->max_burst().at("bit"), 7);
+  update.mutable_class_()->clear_limit();
+  (*update.mutable_class_()->mutable_max_burst())["bit"] = 11;
+  EXPECT_EQ(call(&Stub::UpdateTcParams, update).error().code(), 0);
+  EXPECT_EQ(find("r")->limit().at("bit"), 9);
+  EXPECT_EQ(find("r")->max_burst().at("bit"), 11);
 }
 
 TEST_F(StandinScheduling, ParametersMayNameALeafWhichHasNone) {
@@ -327,8 +362,6 @@ TEST_F(StandinScheduling, AResumeDoesNotFindOutWhatTheWorkersReachAndAConnection
 }
 
 TEST_F(StandinScheduling, ACommandIsTakenUntilTheDaemonHasFoundItsModuleReached) {
-  const char* frame = R"("template":"BhY+G3IyAh5nn02uCABFAAAqAAEAAEARAAAKAAABCgAAAicRJxIAFg==")";
-  EXPECT_EQ(createRefusal("FlowGen", "FlowGenArg", frame), "");
   createModule("Queue", "q");
   ask(&Stub::ResumeAll);
   const auto tried = [this] {
@@ -337,10 +370,17 @@ TEST_F(StandinScheduling, ACommandIsTakenUntilTheDaemonHasFoundItsModuleReached)
   EXPECT_EQ(tried(), "");
   ask(&Stub::CheckSchedulingConstraints);
   EXPECT_EQ(tried(),
-            "16 There is a running worker and command 'update' is not MT safe"
             "16 There is a running worker and command 'set_runtime_config' is not MT safe");
   ask(&Stub::PauseAll);
   EXPECT_EQ(tried(), "");
+}
+
+TEST_F(StandinScheduling, AFlowGeneratorIsUpdatedWhileItsWorkerRuns) {
+  const char* frame = R"("template":"BhY+G3IyAh5nn02uCABFAAAqAAEAAEARAAAKAAABCgAAAicRJxIAFg==")";
+  EXPECT_EQ(createRefusal("FlowGen", "FlowGenArg", frame), "");
+  ask(&Stub::ResumeAll);
+  ask(&Stub::CheckSchedulingConstraints);
+  EXPECT_EQ(commandRefusal("flowgen0", "update", "FlowGenArg", R"("pps":500)"), "");
 }
 
 TEST_F(StandinScheduling, AListOfOneWorkerHasItsClassesOnly) {
@@ -375,14 +415,6 @@ TEST_F(StandinScheduling, AListTellsParentAndShare) {
   add.mutable_class_()->set_share(0);
   EXPECT_EQ(refusal(call(&Stub::AddTc, add).error()), "22 AddChild() failed");
   add.mutable_class_()->set_share(3);
-TEST_F(StandinScheduling, AFlowGeneratorIsUpdatedWhileItsWorkerRuns) {
-  const char* frame = R"("template":"BhY+G3IyAh5nn02uCABFAAAqAAEAAEARAAAKAAABCgAAAicRJxIAFg==")";
-  EXPECT_EQ(createRefusal("FlowGen", "FlowGenArg", frame), "");
-  ask(&Stub::ResumeAll);
-  ask(&Stub::CheckSchedulingConstraints);
-  EXPECT_EQ(commandRefusal("flowgen0", "update", "FlowGenArg", R"("pps":500)"), "");
-}
-
   EXPECT_EQ(call(&Stub::AddTc, add).error().code(), 0);
   EXPECT_EQ(find("c")->share(), 3);
   for (const auto& status : trafficClasses())

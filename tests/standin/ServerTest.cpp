@@ -107,6 +107,18 @@ TEST_F(StandinServer, AnAddressWithoutPortIsRefused) {
   }
 }
 
+TEST_F(StandinServer, AnIpv6AddressWithoutBracketsIsToldThatItNeedsThem) {
+  Standin::Options options;
+  options.listen = "::1:0";
+  try {
+    Standin::Server server(options);
+    FAIL() << "listens at ::1:0";
+  } catch (const std::runtime_error& error) {
+    EXPECT_NE(std::string(error.what()).find("brackets, such as [::1]:"), std::string::npos)
+        << error.what();
+  }
+}
+
 TEST_F(StandinServer, ShutdownEndsTheServiceAndMayBeRepeated) {
   Standin::Options options;
   options.listen = "127.0.0.1:0";
@@ -282,21 +294,6 @@ TEST_F(StandinServer, ALineThatIsNoCallIsToldAndLeavesTheStateAsItWas) {
   EXPECT_EQ(ask(&Stub::ListModules).modules_size(), 1);
 }
 
-TEST_F(StandinServer, AFaultIsCountedAndGoes) {
-  server_->addFault(Standin::Fault::parse("kind=error rpc=getVersion every=2 code=7 text=a b"));
-  EXPECT_EQ(ask(&Stub::GetVersion).error().code(), 0);
-  EXPECT_EQ(refusal(ask(&Stub::GetVersion).error()), "7 a b");
-  ASSERT_EQ(server_->faults().size(), 1u);
-  EXPECT_EQ(server_->faults()[0].matched, 2u);
-  EXPECT_EQ(server_->faults()[0].injected, 1u);
-  EXPECT_EQ(server_->faults()[0].rule, "kind=error rpc=getVersion every=2 code=7 text=a b");
-  server_->clearFaults();
-  EXPECT_TRUE(server_->faults().empty());
-}
-
-TEST(StandinFault, RefusesWhatItDoesNotKnowAndWordsThatWouldDoNothing) {
-  const struct {
-    const char* rule;
 TEST_F(StandinServer, BeginsWithAStateThatItsFirstCallFinds) {
   createModule("Sink", "a");
   Standin::Options options;
@@ -344,6 +341,21 @@ TEST_F(StandinServer, AStateIsRefusedWhereOneOfItsCallsEndsOtherwise) {
   EXPECT_EQ(loadRefusal(*server_, server_->dump()), "");
 }
 
+TEST_F(StandinServer, AFaultIsCountedAndGoes) {
+  server_->addFault(Standin::Fault::parse("kind=error rpc=getVersion every=2 code=7 text=a b"));
+  EXPECT_EQ(ask(&Stub::GetVersion).error().code(), 0);
+  EXPECT_EQ(refusal(ask(&Stub::GetVersion).error()), "7 a b");
+  ASSERT_EQ(server_->faults().size(), 1u);
+  EXPECT_EQ(server_->faults()[0].matched, 2u);
+  EXPECT_EQ(server_->faults()[0].injected, 1u);
+  EXPECT_EQ(server_->faults()[0].rule, "kind=error rpc=getVersion every=2 code=7 text=a b");
+  server_->clearFaults();
+  EXPECT_TRUE(server_->faults().empty());
+}
+
+TEST(StandinFault, RefusesWhatItDoesNotKnowAndWordsThatWouldDoNothing) {
+  const struct {
+    const char* rule;
     const char* text;
   } rows[] = {
       {"", "'' has no kind"},
@@ -423,18 +435,6 @@ TEST_F(StandinServer, AFaultFindsTheNameWhereverARequestHasIt) {
   EXPECT_EQ(call(&Stub::GetPortStats, stats).error().code(), 5);
 }
 
-class StandinNewer : public StandinTest::StandinFixture {
- protected:
-  StandinNewer() : StandinFixture(newer()) {}
-  static Standin::Options newer() {
-    Standin::Options options;
-    options.newerReplies = true;
-    return options;
-  }
-  static const google::protobuf::UnknownField* field(const google::protobuf::Message& message,
-                                                     int number) {
-    const auto& fields = message.GetReflection()->GetUnknownFields(message);
-    for (int i = 0; i < fields.field_count(); ++i)
 namespace {
 
 std::string contentOf(const std::string& path) {
@@ -518,6 +518,18 @@ TEST_F(StandinServer, RulesAreAddedTogetherOrNotAtAll) {
   EXPECT_TRUE(server.faults().empty());
 }
 
+class StandinNewer : public StandinTest::StandinFixture {
+ protected:
+  StandinNewer() : StandinFixture(newer()) {}
+  static Standin::Options newer() {
+    Standin::Options options;
+    options.newerReplies = true;
+    return options;
+  }
+  static const google::protobuf::UnknownField* field(const google::protobuf::Message& message,
+                                                     int number) {
+    const auto& fields = message.GetReflection()->GetUnknownFields(message);
+    for (int i = 0; i < fields.field_count(); ++i)
       if (fields.field(i).number() == number) return &fields.field(i);
     return nullptr;
   }
@@ -667,12 +679,14 @@ TEST_P(StandinHangsUp, OnOneServersClientAndStopsListeningThere) {
   Connection client(server.address()), bystander(other.address());
   ASSERT_EQ(client.getVersion(), grpc::StatusCode::OK);
   ASSERT_EQ(bystander.getVersion(), grpc::StatusCode::OK);
-  server.addFault(Standin::Fault::parse("kind=hang-up nth=1"));
-  EXPECT_EQ(client.getVersion(), grpc::StatusCode::UNAVAILABLE);
-  EXPECT_TRUE(client.lost());
-  EXPECT_TRUE(bystander.connected());
-  EXPECT_EQ(client.getVersion(), grpc::StatusCode::OK);  // It connects again.
-  server.clearFaults();
+  for (const char* kind : {"hang-up", "hang-up-after"}) {
+    server.addFault(Standin::Fault::parse(std::string("nth=1 kind=") + kind));
+    EXPECT_EQ(client.getVersion(), grpc::StatusCode::UNAVAILABLE) << kind;
+    EXPECT_TRUE(client.lost()) << kind;
+    EXPECT_TRUE(bystander.connected()) << kind;
+    EXPECT_EQ(client.getVersion(), grpc::StatusCode::OK) << kind;  // It connects again.
+    server.clearFaults();
+  }
   server.addFault(Standin::Fault::parse("kind=stop-accepting nth=1"));
   EXPECT_EQ(client.getVersion(), grpc::StatusCode::OK);
   EXPECT_EQ(Connection(server.address()).getVersion(), grpc::StatusCode::UNAVAILABLE);

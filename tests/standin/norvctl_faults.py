@@ -38,14 +38,12 @@ class Faulty(Process):
         self.address = ("--host", "127.0.0.1", "--port", self.port)
 
     def ctl(self, *words):
-        finished = subprocess.run(
-            [STANDIN, "ctl", self.control, *words], capture_output=True, text=True, timeout=60
-        )
+        finished = ctl(self.control, *words)
         equal(finished.returncode, 0, finished)
+        return finished.stdout
+
     def refusal(self, *words):
         return refusal(self.control, *words)
-
-        return finished.stdout
 
     def modules(self):
         result = run(*self.address, write_file(command("listModules"), name="list.jsonl"))
@@ -191,6 +189,21 @@ def test_faults_come_from_a_file():
     equal(outcomes(daemon, command("getVersion")), ["refused"])
 
 
+def test_a_file_of_faults_may_be_indented_and_of_another_system():
+    file = write_file("  # a comment\r", "\r", "\t kind=error rpc=getVersion \r", name="faults")
+    daemon = Faulty(options=("--faults", file))
+    equal(outcomes(daemon, command("getVersion")), ["refused"])
+    equal(daemon.ctl("faults"), "1 of 1  kind=error rpc=getVersion\n")
+
+
+def test_a_file_of_faults_is_refused_with_its_line():
+    file = write_file("# a comment", "kind=exit", "", "kind=delay", name="faults")
+    finished = Process(STANDIN, "--listen=127.0.0.1:0", "--faults", file).finish()
+    equal(finished.status, 1)
+    assert finished.err.startswith(f"bessd-standin: {file}:4: a delay needs"), finished
+    equal(len(finished.err.splitlines()), 1)
+
+
 def test_a_fault_that_is_none_is_refused_with_what_there_is():
     finished = Process(STANDIN, "--listen=127.0.0.1:0", "--fault", "kind=nope").finish()
     equal(finished.status, 1)
@@ -207,21 +220,6 @@ def test_a_dumped_state_is_loaded_by_another_daemon():
     equal(other.modules(), ["src"])
     # A dump is a command file, too.
     third = Faulty()
-def test_a_file_of_faults_may_be_indented_and_of_another_system():
-    file = write_file("  # a comment\r", "\r", "\t kind=error rpc=getVersion \r", name="faults")
-    daemon = Faulty(options=("--faults", file))
-    equal(outcomes(daemon, command("getVersion")), ["refused"])
-    equal(daemon.ctl("faults"), "1 of 1  kind=error rpc=getVersion\n")
-
-
-def test_a_file_of_faults_is_refused_with_its_line():
-    file = write_file("# a comment", "kind=exit", "", "kind=delay", name="faults")
-    finished = Process(STANDIN, "--listen=127.0.0.1:0", "--faults", file).finish()
-    equal(finished.status, 1)
-    assert finished.err.startswith(f"bessd-standin: {file}:4: a delay needs"), finished
-    equal(len(finished.err.splitlines()), 1)
-
-
     equal(run(*third.address, file).status, 0)
     equal(third.modules(), ["src"])
     # At run time it takes the place of what was there.
@@ -229,6 +227,8 @@ def test_a_file_of_faults_is_refused_with_its_line():
     run(*fourth.address, write_file(command("createModule", name="gone", mclass="Sink"), name="other.jsonl"))
     fourth.ctl("load", file)
     equal(fourth.modules(), ["src"])
+
+
 def test_a_state_is_not_loaded_where_it_would_be_another():
     daemon = Faulty(options=("--cores", "8"))
     equal(outcomes(daemon, command("addWorker", wid=0, core=3)), ["ok"])
@@ -301,8 +301,6 @@ def test_the_call_that_ends_the_daemon_is_in_its_log():
     equal(daemon.popen.wait(60), 1)
     with open(file) as log:
         assert '"fault":"kind=exit rpc=createModule"' in log.read()
-
-
 
 
 def test_a_log_has_a_line_for_each_call():
