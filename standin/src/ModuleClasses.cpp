@@ -316,9 +316,9 @@ constexpr ModuleClass classTable[] = {
     {"GtpuDecap",          nullptr,      1,         1,         0, 0, plain,
      noCommands, "takes the GTP-U tunnel headers off"},  // assumed
     {"GtpuEcho",           nullptr,      1,         2,         0, 0, needArgument<echoArgument>,
-     noCommands, "answers GTP-U echo requests"},  // assumed
+     noCommands, "answers GTP-U echo requests"},  // outputs seen, inputs assumed
     {"GtpuEncap",          nullptr,      1,         2,         0, 0, make<GtpuEncapState, EmptyArg>,
-     noCommands, "puts GTP-U tunnel headers in front"},  // assumed
+     noCommands, "puts GTP-U tunnel headers in front"},  // outputs seen, inputs assumed
     {"GtpuParser",         nullptr,      1,         2,         0, 0, make<GtpuParserState, EmptyArg>,
      noCommands, "reads the headers of GTP-U packets into metadata"},  // assumed
     {"GtpuPathMonitoring", nullptr,      1,         1,         0, 0, plain,
@@ -326,7 +326,7 @@ constexpr ModuleClass classTable[] = {
     {"HashLB",             nullptr,      1,         gateLimit, 0, 0, make<HashLbState, HashLBArg>,
      hashLBCommands, "spreads flows over gates by a hash of their header fields"},  // assumed
     {"IPChecksum",         nullptr,      1,         2,         0, 0, plain,
-     noCommands, "computes the checksum of the IPv4 header anew"},  // assumed
+     noCommands, "computes the checksum of the IPv4 header anew"},  // outputs seen, inputs assumed
     {"IPDefrag",           nullptr,      1,         2,         0, 0, needArgument<defragArgument>,
      noCommands, "puts IPv4 fragments together again"},  // assumed
     {"IPEncap",            nullptr,      1,         1,         0, 0, make<IpEncapState, IPEncapArg>,
@@ -340,19 +340,19 @@ constexpr ModuleClass classTable[] = {
     {"L2Forward",          nullptr,      1,         gateLimit, 0, 0, make<L2ForwardState, L2ForwardArg>,
      l2ForwardCommands, "chooses the gate by the destination MAC address"},  // assumed
     {"L4Checksum",         nullptr,      1,         2,         0, 0, plain,
-     noCommands, "computes the TCP or UDP checksum anew"},  // assumed
+     noCommands, "computes the TCP or UDP checksum anew"},  // outputs seen, inputs assumed
     {"MACSwap",            "macswap",    1,         1,         0, 0, plain,
      noCommands, "exchanges the source and destination MAC addresses"},  // outputs seen, inputs assumed
     {"MPLSPop",            nullptr,      1,         2,         0, 0, plain,
-     mplsPopCommands, "takes the outermost MPLS label off"},  // outputs seen, inputs assumed
+     mplsPopCommands, "takes the outermost MPLS label off"},  // outputs: 1 seen taken, 3 refused; inputs assumed
     {"Measure",            nullptr,      1,         1,         0, 1, make<MeasureState, MeasureArg>,
      measureCommands, "measures how old packets are that a Timestamp has marked"},  // assumed
     {"Merge",              nullptr,      gateLimit, 1,         0, 0, plain,
      noCommands, "joins all inputs into one output"},  // assumed
     {"MetadataTest",       "mt_test",    gateLimit, gateLimit, 0, 1, make<MetadataTestState, MetadataTestArg>,
-     noCommands, "reads and writes the metadata it is told, for tests"},  // outputs seen, inputs assumed
+     noCommands, "reads and writes the metadata it is told, for tests"},  // outputs: 4 seen taken, 8193 refused; inputs assumed
     {"NAT",                nullptr,      2,         2,         0, 2, make<NatState, NATArg>,
-     natCommands, "translates addresses and ports of IPv4 flows as they appear"},  // assumed, workers too
+     natCommands, "translates addresses and ports of IPv4 flows as they appear"},  // workers seen, inputs and outputs assumed
     {"NoOP",               "noop",       0,         0,         1, 0, plain,
      noCommands, "has a task that has nothing to do"},  // seen
     {"PortInc",            nullptr,      0,         1,         1, 0, makePortUser<PortIncArg, Direction::Inc>,
@@ -368,7 +368,7 @@ constexpr ModuleClass classTable[] = {
     {"QueueOut",           nullptr,      1,         0,         0, 0, makeQueueUser<QueueOutArg, Direction::Out>,
      noCommands, "sends packets out through one queue of a port"},  // outputs seen, inputs assumed
     {"RandomSplit",        nullptr,      1,         gateLimit, 0, 0, make<RandomSplitState, RandomSplitArg>,
-     randomSplitCommands, "drops some packets and spreads the others, by chance"},  // outputs seen, inputs assumed
+     randomSplitCommands, "drops some packets and spreads the others, by chance"},  // outputs: 32 seen taken, 8193 refused; inputs assumed
     {"RandomUpdate",       "rupdate",    1,         1,         0, 1, make<RandomUpdateState, RandomUpdateArg>,
      randomUpdateCommands, "overwrites packet bytes with random numbers from a range"},  // assumed
     {"Replicate",          "repl",       1,         maxCopies, 0, 0, make<ReplicateState, ReplicateArg>,
@@ -376,7 +376,7 @@ constexpr ModuleClass classTable[] = {
     {"Rewrite",            nullptr,      1,         1,         0, 0, make<RewriteState, RewriteArg>,
      rewriteCommands, "exchanges the whole content of packets for given ones"},  // assumed
     {"RoundRobin",         "rr",         1,         gateLimit, 0, 1, make<RoundRobinState, RoundRobinArg>,
-     roundRobinCommands, "sends to one gate after the other in turn"},  // outputs seen, inputs assumed, workers too
+     roundRobinCommands, "sends to one gate after the other in turn"},  // outputs and workers seen, inputs assumed
     {"SetMetadata",        "setattr",    1,         1,         0, 0, make<SetMetadataState, SetMetadataArg>,
      setMetadataCommands, "gives packets metadata, fixed or copied from their bytes"},  // assumed
     {"Sink",               nullptr,      1,         0,         0, 0, plain,

@@ -1,7 +1,8 @@
 // Recordings of a daemon against the stand-in. What differs: where the recorded daemon dies of a
 // fault of its own, or goes on with memory that it has given back (the leaf of a task, lost by a
-// refused move), and how many addresses its packets made it translate. `standin_replay_report`
-// shows the lines.
+// refused move), how many addresses its packets made it translate, and, in two lists of one
+// recording, the place of `!default_rr_1` before `!default_rr_0`: it hangs on when the daemon
+// entered their names, and nothing tells when that was. `standin_replay_report` shows the lines.
 
 #include <gtest/gtest.h>
 

@@ -49,7 +49,8 @@ struct Options {
 };
 
 // A stand-in for the switch daemon: serves every request with the daemon's rules and refusals, and
-// keeps what they create, but moves no packet, so counters stay 0.
+// keeps what they create, but moves no packet, so counters stay 0 unless `Options::traffic` says
+// otherwise.
 //
 // All functions may be called from any thread. The server runs on threads of its own from
 // construction to `shutdown`; handlers run one at a time.
