@@ -135,6 +135,23 @@ def test_get_port_conf_is_asked_beside_the_library():
     equal(finished.status, 0, finished)
     assert "mtu" in json.loads(finished.out)["conf"], finished
     assert "beside the library" in finished.err, finished
+def test_json_and_yaml_have_nothing_that_a_terminal_obeys():
+    standin = Standin()
+    name = "a\x7f\x85\x9b2J\u202eb\u2066ü"
+    request = json.dumps({"name": name, "mclass": "Sink"})
+    equal(norvctl("call", *standin.address, "createModule", request).status, 0)
+    file = write_file(command("listModules"))
+    for arguments in (["call", "listModules"], ["call", "--json", "listModules"], ["call", "--yaml", "listModules"],
+                      ["run", "--json", file], ["show", "modules", "--json"], ["show", "pipeline", "--json"]):
+        finished = norvctl(arguments[0], *standin.address, *arguments[1:])
+        equal(finished.status, 0, finished)
+        assert not set("\x7f\x85\x9b\u202e\u2066") & set(finished.out), repr(finished.out)
+        assert r"\u202e" in finished.out, finished
+    equal(json.loads(norvctl("call", *standin.address, "listModules").out)["modules"][0]["name"], name)
+    shown = norvctl("call", *standin.address, "--yaml", "listModules").out
+    equal(json.loads(re.search(r'name: (".*")', shown).group(1)), name)
+
+
     finished = norvctl("call", *standin.address, "getPortConf", '{"name":"lost"}')
     equal(finished.status, 2, finished)
 

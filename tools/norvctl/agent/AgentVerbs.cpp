@@ -124,7 +124,7 @@ int tell(const StatusArguments& arguments, const std::string& body) {
     throw std::runtime_error(arguments.agent + " answers what is no status; is that norvd?");
   }
   if (arguments.json) {
-    print(arguments.watch ? json.dump() + "\n" : body);
+    print(withoutCommands(arguments.watch ? json.dump() + "\n" : body));
   } else {
     const std::size_t width = isatty(STDOUT_FILENO) ? columnsAt(STDOUT_FILENO) : 0;
     print(textOf(json, Colours(coloursAt(STDOUT_FILENO)), width));

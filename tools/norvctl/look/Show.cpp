@@ -77,9 +77,7 @@ int showPipeline(Direct& direct, const Arguments& arguments) {
     for (const auto& module : modules) {
       all.push_back(ordered_json::parse(messageJson(module, true)));
     }
-    print(ordered_json({{"modules", all}, {"rates", rates}})
-              .dump(2, ' ', false, ordered_json::error_handler_t::replace) +
-          "\n");
+    print(jsonForPerson({{"modules", all}, {"rates", rates}}));
   } else if (arguments.dot) {
     print(pipelineDot(modules, rates));
   } else if (arguments.svg) {
@@ -102,7 +100,7 @@ int show(const Arguments& arguments) {
   for (const Shown& one : shownThings()) {
     if (one.name != arguments.what) continue;
     if (arguments.asJson) {
-      print(one.json(direct).dump(2, ' ', false, ordered_json::error_handler_t::replace) + "\n");
+      print(jsonForPerson(one.json(direct)));
       return allOk;
     }
     const Table table = one.table(direct);

@@ -60,7 +60,7 @@ void writeYaml(const ordered_json& value, int indent, std::string& out) {
   const auto isLeaf = [](const ordered_json& one) { return !one.is_structured() || one.empty(); };
   const auto child = [&](const ordered_json& one) {
     if (isLeaf(one)) {
-      out += " " + one.dump(-1, ' ', false, ordered_json::error_handler_t::replace) + "\n";
+      out += " " + oneLineJson(one) + "\n";
     } else {
       out += "\n";
       writeYaml(one, indent + 2, out);
@@ -165,26 +165,26 @@ std::string messageJson(const Message& message, bool emitDefaults) {
   google::protobuf::util::JsonPrintOptions options;
   options.always_print_primitive_fields = emitDefaults;
   std::string json;
-  if (google::protobuf::util::MessageToJsonString(message, &json, options).ok()) return json;
+  if (google::protobuf::util::MessageToJsonString(message, &json, options).ok()) {
+    return withoutCommands(json);
+  }
   const std::unique_ptr<Message> copy(message.New());
   copy->CopyFrom(message);
   json.clear();
   if (removeUnshowable(copy.get()) &&
       google::protobuf::util::MessageToJsonString(*copy, &json, options).ok()) {
-    return json;
+    return withoutCommands(json);
   }
   return jsonText(message.ShortDebugString());
 }
 
 std::string indentedJson(const Message& message, bool emitDefaults) {
-  return ordered_json::parse(messageJson(message, emitDefaults))
-             .dump(2, ' ', false, ordered_json::error_handler_t::replace) +
-         "\n";
+  return jsonForPerson(ordered_json::parse(messageJson(message, emitDefaults)));
 }
 
 std::string messageYaml(const Message& message, bool emitDefaults) {
   const auto json = ordered_json::parse(messageJson(message, emitDefaults));
-  if (!json.is_structured() || json.empty()) return json.dump() + "\n";
+  if (!json.is_structured() || json.empty()) return oneLineJson(json) + "\n";
   std::string out;
   writeYaml(json, 0, out);
   return out;

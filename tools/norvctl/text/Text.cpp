@@ -14,6 +14,8 @@
 
 namespace Norvctl {
 
+using nlohmann::ordered_json;
+
 namespace {
 
 std::string lower(std::string_view text) {
@@ -31,8 +33,33 @@ std::string escaped(std::string_view text) {
 }
 
 std::string jsonText(std::string_view text) {
-  return nlohmann::json(std::string(text))
-      .dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+  return oneLineJson(std::string(text));
+}
+
+std::string oneLineJson(const ordered_json& value) {
+  return withoutCommands(value.dump(-1, ' ', false, ordered_json::error_handler_t::replace));
+}
+
+std::string jsonForPerson(const ordered_json& value) {
+  return withoutCommands(value.dump(2, ' ', false, ordered_json::error_handler_t::replace)) + "\n";
+}
+
+std::string withoutCommands(const std::string& json) {
+  std::string out;
+  for (std::size_t at = 0; at < json.size();) {
+    // It is UTF-8 and has no control characters of ASCII in it but DEL.
+    const auto first = static_cast<unsigned char>(json[at]);
+    const std::size_t length = first < 0x80 ? 1 : first < 0xe0 ? 2 : first < 0xf0 ? 3 : 4;
+    if (first == 0x7f) {
+      out += "\\u007f";
+    } else if (length == 1) {
+      out += json[at];
+    } else {
+      out += escaped(std::string_view(json).substr(at, length));
+    }
+    at += length;
+  }
+  return out;
 }
 
 std::string refusalText(int code, const std::string& text) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -12,6 +13,13 @@ namespace Norvctl {
 std::string escaped(std::string_view text);
 // A JSON string, quotes included; what is not UTF-8 becomes the replacement character.
 std::string jsonText(std::string_view text);
+// JSON on one line, and indented with a line end. What is not UTF-8 becomes the replacement
+// character, and all that a terminal would obey is escaped.
+std::string oneLineJson(const nlohmann::ordered_json& value);
+std::string jsonForPerson(const nlohmann::ordered_json& value);
+// JSON whose texts have characters that a terminal would obey instead of showing them (C1 control
+// characters, what turns the direction of writing), with these escaped, as JSON allows it.
+std::string withoutCommands(const std::string& json);
 // The errno name and text of a refusal, as in "ENOENT: no such port", or what there is of it.
 std::string refusalText(int code, const std::string& text);
 
