@@ -262,6 +262,30 @@ def test_call_with_unknown_field():
     refuse(["call", "createPort", '{"nme":"a"}'], "nme", "norvctl template createPort")
 
 
+def test_call_with_a_key_given_twice():
+    refuse(["call", "createPort", '{"name":"a","name":"b"}'], "line 1, column 13", '"name" comes twice', "template createPort")
+    refuse(["call", "createPort", "-"], "line 3, column 1", '"name" comes twice', input='{\n"name":"a",\n"name":"b"}\n')
+    refuse(["call", "createPort", '{"name":}'], "line 1, column 9", "malformed JSON")
+    refuse(["call", "createPort", "{name:'a'}"], "malformed JSON")
+    refuse(["call", "createPort", ""], "malformed JSON")
+    refuse(["call", "createPort", "-"], "NUL", input='{"name":"a"}\0')
+
+
+def test_a_field_under_both_its_names():
+    fields = '{"num_inc_q":1,"numIncQ":2}'
+    refuse(["call", "createPort", fields], '"numIncQ" and "num_inc_q" are the same field')
+    refuse_line('{"type":"createPort","request":' + fields + "}", ":3:22:", "the same field")
+    # In an argument, and in the elements of a list.
+    strip = '{"@type":"type.googleapis.com/bess.pb.PMDPortArg","vlan_offload_rx_strip":true,"vlanOffloadRxStrip":false}'
+    refuse_line('{"type":"createPort","request":{"arg":' + strip + "}}", '"vlanOffloadRxStrip" and "vlan_offload_rx_strip"')
+    inner = '{"wid":"1","class":{"leaf_module_name":"a","leafModuleName":"b"}}'
+    refuse_line('{"type":"addTc","request":' + inner + "}", "leafModuleName")
+
+
+def test_options_of_call_that_exclude_each_other():
+    refuse(["call", "--json", "--yaml", "getVersion"], "excludes")
+
+
 def test_recording_into_an_input():
     file = write_file(GOOD)
     refuse(["run", "--record", file, file], "one of the files to run")

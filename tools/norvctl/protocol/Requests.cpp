@@ -4,6 +4,7 @@
 #include <google/protobuf/util/json_util.h>
 #include <google/protobuf/wrappers.pb.h>
 
+#include <map>
 #include <nlohmann/json.hpp>
 
 #include <Bess/Facts.h>
@@ -16,6 +17,7 @@ namespace Norvctl {
 
 namespace {
 
+using google::protobuf::Descriptor;
 using google::protobuf::FieldDescriptor;
 using google::protobuf::Message;
 using google::protobuf::Reflection;
@@ -146,6 +148,35 @@ std::string parseRequest(const std::string& json, Message* message) {
   // Behind the first line the parser shows where in the text it stood.
   const std::string reason(status.message());
   return reason.substr(0, reason.find('\n'));
+}
+
+std::string fieldNamedTwice(const nlohmann::json& body, const Descriptor& message) {
+  if (!body.is_object()) return {};
+  const Descriptor* fields = &message;
+  if (message.full_name() == "google.protobuf.Any") {
+    const std::string type = body.value("@type", "");
+    fields = google::protobuf::DescriptorPool::generated_pool()->FindMessageTypeByName(
+        type.substr(type.rfind('/') + 1));
+  }
+  if (!fields) return {};
+  std::map<const FieldDescriptor*, std::string> seen;
+  for (const auto& [key, value] : body.items()) {
+    const FieldDescriptor* field = fields->FindFieldByName(key);
+    if (!field) field = fields->FindFieldByCamelcaseName(key);
+    if (!field) continue;
+    const auto [other, first] = seen.emplace(field, key);
+    if (!first) {
+      return "\"" + other->second + "\" and \"" + key + "\" are the same field; leave one out";
+    }
+    if (field->cpp_type() != FieldDescriptor::CPPTYPE_MESSAGE || field->is_map()) continue;
+    const Descriptor& inner = *field->message_type();
+    std::string wrong = field->is_repeated() ? "" : fieldNamedTwice(value, inner);
+    for (std::size_t i = 0; field->is_repeated() && i < value.size() && wrong.empty(); ++i) {
+      wrong = fieldNamedTwice(value[i], inner);
+    }
+    if (!wrong.empty()) return wrong;
+  }
+  return {};
 }
 
 std::string badRequest(const RequestInfo& info, const std::string& body, const std::string& error) {

@@ -3,6 +3,7 @@
 #include <google/protobuf/message.h>
 
 #include <memory>
+#include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -32,6 +33,10 @@ std::unique_ptr<google::protobuf::Message> newRequest(Norv::GrpcRequestType type
 std::unique_ptr<google::protobuf::Message> newResponse(Norv::GrpcRequestType type);
 // Fills `message` from proto3 JSON; the empty text on success, else what is wrong with it.
 std::string parseRequest(const std::string& json, google::protobuf::Message* message);
+// A field that stands in an object under both its names, as in "num_inc_q" and "numIncQ", of which
+// the parser would take the last: what to say about it; empty when there is none.
+std::string fieldNamedTwice(const nlohmann::json& body,
+                            const google::protobuf::Descriptor& message);
 // What to say about a body that is no request, with advice where its fields are shown.
 std::string badRequest(const RequestInfo& info, const std::string& body, const std::string& error);
 

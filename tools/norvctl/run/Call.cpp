@@ -3,13 +3,14 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
-#include <fstream>
+#include <algorithm>
 #include <iostream>
-#include <sstream>
+#include <nlohmann/json.hpp>
 
 #include "../Verb.h"
 #include "../look/Direct.h"
 #include "../protocol/Requests.h"
+#include "../protocol/StrictJson.h"
 #include "../text/Terminal.h"
 #include "../text/Text.h"
 #include "Fleet.h"
@@ -92,6 +93,27 @@ std::string bodyText(const std::string& given) {
   return body;
 }
 
+// "line 2, column 5: ", of a place in the body.
+std::string placeText(const std::string& body, std::size_t column) {
+  if (column == 0) return {};
+  const std::size_t at = std::min(column - 1, body.size());
+  const auto line = std::count(body.begin(), body.begin() + static_cast<std::ptrdiff_t>(at), '\n');
+  const std::size_t lineEnd = at == 0 ? std::string::npos : body.rfind('\n', at - 1);
+  const std::size_t begin = lineEnd == std::string::npos ? 0 : lineEnd + 1;
+  return "line " + std::to_string(line + 1) + ", column " + std::to_string(at - begin + 1) + ": ";
+}
+
+// Fills the request as strictly as from the line of a file; the empty text, or what is wrong.
+std::string fill(Message* request, const std::string& body) {
+  try {
+    const nlohmann::json given = parseStrictly(body);
+    const std::string error = parseRequest(body, request);
+    return error.empty() ? fieldNamedTwice(given, *request->GetDescriptor()) : error;
+  } catch (const Complaint& complaint) {
+    return placeText(body, complaint.column) + complaint.reason;
+  }
+}
+
 int tellRefusal(int code, const std::string& text) {
   std::cerr << "norvctl: refused: " << escaped(refusalText(code, text)) << '\n';
   return refused;
@@ -152,7 +174,7 @@ int call(const Arguments& arguments) {
   step.request = newRequest(info->type);
   step.line = 1;
   const std::string body = bodyText(arguments.body);
-  const std::string error = parseRequest(body, step.request.get());
+  const std::string error = fill(step.request.get(), body);
   if (!error.empty()) {
     std::cerr << "norvctl: " << escaped(badRequest(*info, body, error)) << '\n';
     return badInput;

@@ -3,8 +3,6 @@
 #include <algorithm>
 #include <array>
 #include <nlohmann/json.hpp>
-#include <set>
-#include <vector>
 
 #include <Bess/Text.h>
 
@@ -22,70 +20,11 @@ namespace {
 
 using nlohmann::json;
 
-// No message nests as deeply, and what does would exhaust the stack of those who walk through it.
-constexpr int deepestNesting = 100;
-
 // Those of a command; the others are a recording's, and say nothing about what to send.
 constexpr std::array<const char*, 9> keys{"type",     "queue",        "request",
                                           "announce", "request_raw",  "response",
                                           "status",   "response_raw", "situation"};
 constexpr const char* timeKey = "time";
-
-// Where the quoted key stands in the line, the given time from 1, for the reader's eye.
-std::size_t columnOf(const std::string& line, const std::string& key, int time = 1) {
-  const std::string quoted = '"' + key + '"';
-  std::size_t at = line.find(quoted);
-  for (; time > 1 && at != std::string::npos; --time) at = line.find(quoted, at + 1);
-  return at == std::string::npos ? 0 : at + 1;
-}
-
-// Refuses what the parser would take: nesting without end, and a key given twice in one object.
-class Strictness {
- public:
-  explicit Strictness(const std::string& line) : line_(line) {}
-
-  bool operator()(int depth, json::parse_event_t event, json& parsed) {
-    if (depth > deepestNesting) {
-      throw Complaint{0, "nested more than " + std::to_string(deepestNesting) + " levels deep"};
-    }
-    if (event == json::parse_event_t::object_start) {
-      seen_.emplace_back();
-    } else if (event == json::parse_event_t::object_end) {
-      seen_.pop_back();
-    } else if (event == json::parse_event_t::key) {
-      const auto& key = parsed.get_ref<const std::string&>();
-      if (std::find(seen_.back().begin(), seen_.back().end(), key) != seen_.back().end()) {
-        throw Complaint{columnOf(line_, key, 2), "the key \"" + key + "\" comes twice"};
-      }
-      seen_.back().push_back(key);
-    }
-    return true;
-  }
-
- private:
-  const std::string& line_;
-  std::vector<std::vector<std::string>> seen_;
-};
-
-json parseJson(const std::string& line) {
-  if (const std::size_t nul = line.find('\0'); nul != std::string::npos) {
-    throw Complaint{nul + 1, "there is a NUL byte"};
-  }
-  try {
-    return json::parse(line, Strictness(line));
-  } catch (const json::out_of_range& error) {
-    // "[json.exception.out_of_range.406] number overflow parsing '1e999'"
-    const std::string reason = error.what();
-    throw Complaint{0, "malformed JSON: " + reason.substr(reason.find("] ") + 2)};
-  } catch (const json::parse_error& error) {
-    std::string reason = error.what();
-    // "[json.exception.parse_error.101] parse error at line 1, column 8: REASON"
-    if (const auto colon = reason.find(": "); colon != std::string::npos) {
-      reason.erase(0, colon + 2);
-    }
-    throw Complaint{error.byte, "malformed JSON: " + reason};
-  }
-}
 
 std::string text(const json& object, const std::string& line, const std::string& key) {
   const json& value = object.at(key);
@@ -125,8 +64,10 @@ void fillFromRaw(const json& object, const std::string& line, const RequestInfo&
 
 void fillFromJson(const json& object, const std::string& line, const RequestInfo& info,
                   google::protobuf::Message* request) {
-  const std::string body = object.at("request").dump();
-  const std::string error = parseRequest(body, request);
+  const json& given = object.at("request");
+  const std::string body = given.dump();
+  std::string error = parseRequest(body, request);
+  if (error.empty()) error = fieldNamedTwice(given, *request->GetDescriptor());
   if (!error.empty()) {
     throw Complaint{columnOf(line, "request"), badRequest(info, body, error)};
   }
@@ -164,7 +105,7 @@ bool blankLine(std::string_view line) {
 }
 
 Step parseCommandLine(const std::string& line, const CommandLineOptions& options) {
-  const json object = parseJson(line);
+  const json object = parseStrictly(line);
   if (!object.is_object()) throw Complaint{1, "a line is a JSON object"};
   refuseUnknownKeys(object, line);
   Step step;

@@ -8,6 +8,8 @@
 
 #include <Norv/GrpcRequestType.h>
 
+#include "../protocol/StrictJson.h"
+
 namespace Norvctl {
 
 // One line of a command file: a command for a queue, or the announcement of a queue.
@@ -20,12 +22,6 @@ struct Step {
   std::size_t bytes = 0;  // of the line
 
   bool announcement() const { return type == Norv::unknown; }
-};
-
-// What is wrong with a line; column 0 when the place in the line is not known.
-struct Complaint {
-  std::size_t column;
-  std::string reason;
 };
 
 struct CommandLineOptions {
