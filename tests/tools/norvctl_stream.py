@@ -290,40 +290,4 @@ def test_text_of_a_file_is_made_safe_for_a_terminal():
     assert r"\x1b[31mred" in finished.out and "\x1b" not in finished.out, finished
 
 
-def test_several_hosts():
-    one, two = Standin(), ScriptedDaemon("ok", "error=22")
-    file = write_file(command("getVersion"), command("pauseAll"))
-    # Both listen at 127.0.0.1, so that the same daemon is asked twice by two of its names.
-    finished = norvctl("run", "--host", "127.0.0.1,localhost", "--port", one.port, file)
-    equal(finished.status, 0, finished)
-    rows = finished.out.splitlines()
-    equal([row.split()[:2] for row in rows], [["host", "outcome"], ["127.0.0.1", "ok"], ["localhost", "ok"]])
-    finished = norvctl("run", "--json", "--host", "127.0.0.1,localhost", "--port", two.port, "--timeout", "20", file)
-    rows = [json.loads(line) for line in finished.out.splitlines()]
-    equal(sorted(row["status"] for row in rows), [0, 2], finished)
-
-
-def test_several_hosts_that_are_not_there():
-    hosts = ["--host", "127.0.0.1,nowhere.invalid", "--port", str(harness.free_port()), "--timeout", "2"]
-    for arguments in (["run", *hosts, write_file(command("getVersion"))], ["call", *hosts, "getVersion"]):
-        finished = norvctl(*arguments)
-        equal(finished.status, 3, finished)
-        refused, unknown = finished.out.splitlines()[1:]
-        assert "the connection is refused" in refused, finished
-        assert "the host's name is not known" in unknown, finished
-
-
-def test_several_hosts_and_standard_input():
-    finished = norvctl("run", "--host", "a,b", "-", input=VERSION)
-    equal(finished.status, 1)
-    assert "one host only" in finished.err, finished
-
-
-def test_call_of_several_hosts():
-    daemon = Standin()
-    finished = norvctl("call", "--host", "127.0.0.1,localhost", "--port", daemon.port, "getVersion")
-    equal(finished.status, 0)
-    equal(finished.out.count("bessd-standin"), 2)
-
-
 harness.main()

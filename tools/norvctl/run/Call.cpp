@@ -165,8 +165,12 @@ int call(const Arguments& arguments) {
     std::cerr << "norvctl: " << escaped(unknownType(arguments.type)) << '\n';
     return badInput;
   }
-  if (arguments.target.hosts.size() > 1) {
-    return callOnEach(arguments.target.hosts, arguments.json);
+  const bool several = arguments.target.hosts.size() > 1;
+  if (several && (arguments.yaml || !arguments.session.flightRecorder.empty())) {
+    std::cerr
+        << "norvctl: --yaml and --flight-recorder are for one host; give one, or --json for a "
+           "line per host\n";
+    return badInput;
   }
   Step step;
   step.queue = "main";
@@ -178,6 +182,9 @@ int call(const Arguments& arguments) {
   if (!error.empty()) {
     std::cerr << "norvctl: " << escaped(badRequest(*info, body, error)) << '\n';
     return badInput;
+  if (several) {
+    return callOnEach(arguments.target.hosts, arguments.json, arguments.body, body);
+  }
   }
   if (info->type == Norv::getPortConf && !arguments.allowAbort) {
     return askDirectly(*info, *step.request, arguments);
@@ -216,6 +223,9 @@ Verb callVerb() {
        "standard output, as indented JSON, with --json on one line, or as YAML; all else goes to "
        "standard error.",
        "getPortConf, which ends the process of whoever sends it through the library, is asked "
+       "The body is read as strictly as a line of a file: a key that comes twice, and a field "
+       "under both its names, is an error. With several hosts, each gets the same body, and its "
+       "line has the response.",
        "beside it. `norvctl template TYPE` prints a body to fill in."},
       {{"norvctl call --standin getVersion", "a request without fields"},
        {"norvctl call --standin --yaml listMclass", "as YAML"},

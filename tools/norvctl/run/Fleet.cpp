@@ -6,17 +6,21 @@
 #include <signal.h>
 #include <spawn.h>
 #include <string.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <stdexcept>
 
 #include "../Verb.h"
 #include "../text/Table.h"
 #include "../text/Text.h"
+#include "Steps.h"
 
 extern char** environ;
 
@@ -44,13 +48,42 @@ std::vector<std::string> repeated(const std::string& host) {
   return arguments;
 }
 
+// A program that has ended.
+struct Finished {
+  int status = 0;  // as a shell has it
+  std::string out;
+  std::string err;
+};
+
 struct Child {
   pid_t process = -1;
   int out = -1;
   int err = -1;
 };
 
-pid_t start(const std::vector<std::string>& arguments, posix_spawn_file_actions_t* actions) {
+// Signals that end this process: how many there were, and the last.
+constexpr int endings[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
+std::atomic<unsigned> signals{0};
+std::atomic<int> lastSignal{0};
+
+// They are for the children, which report before they end. One that was ignored stays so.
+void keepSignals() {
+  for (const int number : endings) {
+    struct sigaction action {};
+    sigaction(number, nullptr, &action);
+    if (action.sa_handler == SIG_IGN) continue;
+    action.sa_handler = [](int caught) {
+      lastSignal = caught;
+      ++signals;
+    };
+    action.sa_flags = SA_RESTART;
+    sigaction(number, &action, nullptr);
+  }
+}
+
+// `apart`: in a process group of its own, so that ^C in the terminal is not heard twice.
+pid_t start(const std::vector<std::string>& arguments, posix_spawn_file_actions_t* actions,
+            bool apart) {
   std::vector<char*> pointers;
   static char name[] = "norvctl";
   pointers.push_back(name);
@@ -63,7 +96,8 @@ pid_t start(const std::vector<std::string>& arguments, posix_spawn_file_actions_
   sigemptyset(&usual);
   for (const int number : {SIGINT, SIGPIPE, SIGQUIT}) sigaddset(&usual, number);
   posix_spawnattr_setsigdefault(&attributes, &usual);
-  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
+  const int group = apart ? POSIX_SPAWN_SETPGROUP : 0;
+  posix_spawnattr_setflags(&attributes, static_cast<short>(POSIX_SPAWN_SETSIGDEF | group));
   pid_t process = -1;
   const int error =
       posix_spawn(&process, "/proc/self/exe", actions, &attributes, pointers.data(), environ);
@@ -72,20 +106,40 @@ pid_t start(const std::vector<std::string>& arguments, posix_spawn_file_actions_
   return process;
 }
 
-Child startPiped(const std::vector<std::string>& arguments) {
+// A file without a name that holds the text, to be read from its beginning.
+int fileWith(const std::string& text) {
+  const int file = memfd_create("norvctl-input", MFD_CLOEXEC);
+  std::size_t written = 0;
+  while (file >= 0 && written < text.size()) {
+    const ssize_t length = write(file, text.data() + written, text.size() - written);
+    if (length < 0) break;
+    written += static_cast<std::size_t>(length);
+  }
+  if (file < 0 || written < text.size() || lseek(file, 0, SEEK_SET) != 0) {
+    throw std::runtime_error(std::string("cannot keep the input: ") + strerror(errno));
+  }
+  return file;
+}
+
+// Without an input it has that of this process.
+Child startPiped(const std::vector<std::string>& arguments,
+                 const std::optional<std::string>& input) {
   int out[2];
   int err[2];
   if (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0) {
     throw std::runtime_error(std::string("cannot make a pipe: ") + strerror(errno));
   }
+  const int in = input ? fileWith(*input) : STDIN_FILENO;
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, in, STDIN_FILENO);
   posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
   posix_spawn_file_actions_adddup2(&actions, err[1], STDERR_FILENO);
-  Child child{start(arguments, &actions), out[0], err[0]};
+  Child child{start(arguments, &actions, true), out[0], err[0]};
   posix_spawn_file_actions_destroy(&actions);
   close(out[1]);
   close(err[1]);
+  if (input) close(in);
   return child;
 }
 
@@ -97,19 +151,29 @@ int waitFor(pid_t process) {
   return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
 }
 
-// Reads until both ends are closed.
-Finished collect(const Child& child) {
-  Finished finished;
-  pollfd ends[] = {{child.out, POLLIN, 0}, {child.err, POLLIN, 0}};
-  std::string* texts[] = {&finished.out, &finished.err};
-  for (int open = 2; open > 0;) {
-    poll(ends, 2, -1);
-    for (int i = 0; i < 2; ++i) {
-      if (!(ends[i].revents & (POLLIN | POLLHUP | POLLERR))) continue;
+// Reads until all ends are closed, and passes signals on meanwhile.
+std::vector<Finished> collect(const std::vector<Child>& children) {
+  constexpr int lookForSignals = 50;  // milliseconds: one may come just before it is waited
+  std::vector<Finished> all(children.size());
+  std::vector<pollfd> ends;
+  for (const Child& child : children) {
+    ends.push_back({child.out, POLLIN, 0});
+    ends.push_back({child.err, POLLIN, 0});
+  }
+  unsigned passedOn = 0;
+  for (std::size_t open = ends.size(); open > 0;) {
+    const bool some = poll(ends.data(), ends.size(), lookForSignals) > 0;
+    if (passedOn != signals) {
+      passedOn = signals;
+      for (const Child& child : children) kill(child.process, lastSignal);
+    }
+    for (std::size_t i = 0; some && i < ends.size(); ++i) {
+      if (ends[i].fd < 0 || !(ends[i].revents & (POLLIN | POLLHUP | POLLERR))) continue;
       char buffer[65536];
       const ssize_t length = read(ends[i].fd, buffer, sizeof buffer);
       if (length > 0) {
-        texts[i]->append(buffer, static_cast<std::size_t>(length));
+        std::string& text = i % 2 == 0 ? all[i / 2].out : all[i / 2].err;
+        text.append(buffer, static_cast<std::size_t>(length));
       } else if (length == 0 || errno != EINTR) {
         close(ends[i].fd);
         ends[i].fd = -1;
@@ -117,34 +181,49 @@ Finished collect(const Child& child) {
       }
     }
   }
-  finished.status = waitFor(child.process);
-  return finished;
+  for (std::size_t i = 0; i < children.size(); ++i) all[i].status = waitFor(children[i].process);
+  return all;
+}
+
+std::vector<std::string> linesOf(const std::string& text) {
+  std::vector<std::string> lines;
+  for (std::size_t at = 0; at < text.size();) {
+    const std::size_t end = std::min(text.find('\n', at), text.size());
+    if (end > at) lines.push_back(text.substr(at, end - at));
+    at = end + 1;
+  }
+  return lines;
 }
 
 std::vector<json> objectsOf(const std::string& text) {
   std::vector<json> objects;
-  for (std::size_t at = 0; at < text.size();) {
-    const std::size_t end = std::min(text.find('\n', at), text.size());
-    const json one = json::parse(text.substr(at, end - at), nullptr, false);
+  for (const std::string& line : linesOf(text)) {
+    const json one = json::parse(line, nullptr, false);
     if (one.is_object()) objects.push_back(one);
-    at = end + 1;
   }
   return objects;
 }
 
-// The last line of what a program said, without its own name.
-std::string lastWord(const std::string& text) {
-  std::string last;
-  for (std::size_t at = 0; at < text.size();) {
-    const std::size_t end = std::min(text.find('\n', at), text.size());
-    if (end > at) last = text.substr(at, end - at);
-    at = end + 1;
+// What a program said on standard error, without its own name; what an event says is its text.
+std::string wordsOf(const std::string& text) {
+  std::string words;
+  for (std::string line : linesOf(text)) {
+    const json event = json::parse(line, nullptr, false);
+    if (event.is_object() && event.value("event", "") == "no answer yet") continue;
+    if (event.is_object()) line = event.value("text", "");
+    if (line.starts_with("norvctl: ")) line.erase(0, 9);
+    if (!line.empty()) words += (words.empty() ? "" : "; ") + escaped(line);
   }
-  return escaped(last.starts_with("norvctl: ") ? last.substr(9) : last);
+  return words;
 }
 
 // Why no answer came, if that was said.
 std::string whyNoAnswer(const std::string& text) {
+  for (const json& event : objectsOf(text)) {
+    if (event.value("event", "") != "no answer") continue;
+    return "no answer from " + escaped(event.value("target", "")) + ": " +
+           escaped(event.value("text", ""));
+  }
   const std::size_t at = text.find("no answer from ");
   return at == std::string::npos ? "" : escaped(text.substr(at, text.find('\n', at) - at));
 }
@@ -152,7 +231,7 @@ std::string whyNoAnswer(const std::string& text) {
 // What is told of one that printed nothing to go by.
 std::string withoutAnswer(const Finished& finished, json& line) {
   const std::string why = whyNoAnswer(finished.err);
-  line["error"] = why.empty() ? lastWord(finished.err) : why;
+  line["error"] = why.empty() ? wordsOf(finished.err) : why;
   return line["error"];
 }
 
@@ -199,16 +278,24 @@ json summaryOf(const Finished& finished) {
   return objects.empty() ? json() : objects.back().value("summary", json());
 }
 
+// What a process for another host takes beside the command line of this one.
+struct ForEach {
+  std::vector<std::string> more;     // options
+  std::optional<std::string> input;  // instead of that of this one
+};
+
 // A line per host, with what `tell` makes of its lines.
 template <class Tell>
-int onEach(const std::vector<std::string>& hosts, bool asJson, const std::vector<std::string>& more,
+int onEach(const std::vector<std::string>& hosts, bool asJson, const ForEach& forEach,
            const char* two, Tell tell) {
-  std::vector<std::vector<std::string>> lists;
+  keepSignals();
+  std::vector<Child> children;
   for (const std::string& host : hosts) {
-    lists.push_back(repeated(host));
-    lists.back().insert(lists.back().begin() + 1, more.begin(), more.end());
+    std::vector<std::string> arguments = repeated(host);
+    arguments.insert(arguments.begin() + 1, forEach.more.begin(), forEach.more.end());
+    children.push_back(startPiped(arguments, forEach.input));
   }
-  const std::vector<Finished> all = runSelf(lists);
+  const std::vector<Finished> all = collect(children);
   Table table({{"host"}, {"outcome"}, {"what became of it"}});
   int worst = allOk;
   for (std::size_t i = 0; i < hosts.size(); ++i) {
@@ -217,12 +304,12 @@ int onEach(const std::vector<std::string>& hosts, bool asJson, const std::vector
     json line = {{"host", hosts[i]}, {"status", status}};
     const std::string text = tell(all[i], line);
     if (asJson) {
-      std::printf("%s\n", line.dump(-1, ' ', false, json::error_handler_t::replace).c_str());
+      std::printf("%s\n", oneLineJson(line).c_str());
     }
     table.add({escaped(hosts[i]), {statusWord(status, two), toneOf(status)}, text});
   }
   if (!asJson) std::fputs(table.text(Colours(coloursAt(STDOUT_FILENO))).c_str(), stdout);
-  return worst;
+  return signals != 0 ? 128 + lastSignal : worst;
 }
 
 }  // namespace
@@ -231,56 +318,66 @@ void commandLineIs(int argc, char** argv) {
   ownArguments.assign(argv + 1, argv + argc);
 }
 
-int runOnEach(const std::vector<std::string>& hosts, const std::vector<std::string>& files,
-              bool asJson) {
-  if (std::find(files.begin(), files.end(), "-") != files.end()) {
-    std::fputs("norvctl: standard input can be sent to one host only; give a file\n", stderr);
-    return badInput;
+bool refusedForSeveral(const std::vector<std::string>& files) {
+  for (const std::string& file : files) {
+    if (readableTwice({file})) continue;
+    const std::string name = file == "-" ? "standard input" : escaped(file);
+    std::fprintf(stderr,
+                 "norvctl: %s can be read once, and each host gets all of it; write it into a file "
+                 "and give that\n",
+                 name.c_str());
+    return true;
   }
-  return onEach(hosts, asJson, {"--quiet"}, "refused", [](const Finished& finished, json& line) {
-    const json summary = summaryOf(finished);
-    if (summary.is_null()) return withoutAnswer(finished, line);
-    line["summary"] = summary;
-    const std::string why = whyNoAnswer(finished.err);
-    if (!why.empty()) line["error"] = why;
-    return summaryText(summary) + (why.empty() ? "" : "; " + why);
-  });
+  return false;
+}
+
+int runOnEach(const std::vector<std::string>& hosts, bool asJson) {
+  return onEach(hosts, asJson, {{"--quiet"}, {}}, "refused",
+                [](const Finished& finished, json& line) {
+                  const json summary = summaryOf(finished);
+                  if (summary.is_null()) return withoutAnswer(finished, line);
+                  line["summary"] = summary;
+                  // Why no answer came stands in the summary already.
+                  std::string why = whyNoAnswer(finished.err);
+                  if (!why.empty()) line["error"] = why;
+                  if (finished.status != badInput) return summaryText(summary);
+                  why = wordsOf(finished.err);
+                  line["error"] = why;
+                  return summaryText(summary) + "; " + why;
+                });
 }
 
 int replayOnEach(const std::vector<std::string>& hosts, bool asJson) {
-  return onEach(hosts, asJson, {"--quiet"}, "different", [](const Finished& finished, json& line) {
-    const json summary = summaryOf(finished);
-    if (summary.is_null()) return withoutAnswer(finished, line);
-    line["summary"] = summary;
-    std::string text = std::to_string(summary.value("calls", 0u)) + " calls";
-    for (const auto& [key, words] :
-         {std::pair{"as_recorded", " as recorded"}, std::pair{"different", " different"},
-          std::pair{"left_out", " left out"}}) {
-      text += ", " + std::to_string(summary.value(key, 0u)) + words;
-    }
-    return text;
-  });
+  return onEach(hosts, asJson, {{"--quiet"}, {}}, "different",
+                [](const Finished& finished, json& line) {
+                  const json summary = summaryOf(finished);
+                  if (summary.is_null()) return withoutAnswer(finished, line);
+                  line["summary"] = summary;
+                  std::string text = std::to_string(summary.value("calls", 0u)) + " calls";
+                  for (const auto& [key, words] :
+                       {std::pair{"as_recorded", " as recorded"},
+                        std::pair{"different", " different"}, std::pair{"left_out", " left out"}}) {
+                    text += ", " + std::to_string(summary.value(key, 0u)) + words;
+                  }
+                  return text;
+                });
 }
 
-int callOnEach(const std::vector<std::string>& hosts, bool asJson) {
-  return onEach(hosts, asJson, {}, "refused", [](const Finished& finished, json& line) {
+int callOnEach(const std::vector<std::string>& hosts, bool asJson, const std::string& given,
+               const std::string& body) {
+  // An argument may not be as long as a body.
+  const auto place = std::find(ownArguments.rbegin(), ownArguments.rend(), given);
+  if (place != ownArguments.rend()) *place = "-";
+  return onEach(hosts, asJson, {{}, body}, "refused", [](const Finished& finished, json& line) {
     const std::vector<json> objects = objectsOf(finished.out);
     if (objects.empty()) return withoutAnswer(finished, line);
     line["response"] = objects.front();
-    return line["response"].dump(-1, ' ', false, json::error_handler_t::replace);
+    return oneLineJson(line["response"]);
   });
 }
 
-std::vector<Finished> runSelf(const std::vector<std::vector<std::string>>& argumentLists) {
-  std::vector<Child> children;
-  for (const auto& arguments : argumentLists) children.push_back(startPiped(arguments));
-  std::vector<Finished> all;
-  for (const Child& child : children) all.push_back(collect(child));
-  return all;
-}
-
 int runSelfHere(const std::vector<std::string>& arguments) {
-  return waitFor(start(arguments, nullptr));
+  return waitFor(start(arguments, nullptr, false));
 }
 
 }  // namespace Norvctl

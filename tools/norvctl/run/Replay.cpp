@@ -294,6 +294,7 @@ Action defineReplay(CLI::App& command) {
 
 Verb replayVerb() {
   return {
+    if (refusedForSeveral(arguments.files)) return badInput;
       "replay",
       "send a recording and show where the replies differ",
       {"Sends the requests of a recording one after the other, beside the library, and compares "

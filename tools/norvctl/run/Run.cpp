@@ -89,17 +89,18 @@ int run(const Arguments& arguments) {
         << "norvctl: --record and --flight-recorder write a file of one host; give one host\n";
     return badInput;
   }
-  if (arguments.target.hosts.size() > 1) {
-    return runOnEach(arguments.target.hosts, arguments.files, arguments.json);
-  }
+  const bool several = arguments.target.hosts.size() > 1;
+  if (several && refusedForSeveral(arguments.files)) return badInput;
   const InputOptions input{arguments.allowAbort, arguments.stream};
   if (arguments.stream || !readableTwice(arguments.files)) {
+    if (several) return runOnEach(arguments.target.hosts, arguments.json);
     StreamedFiles source(arguments.files, input);
     return play(arguments, source, 0);
   }
   std::vector<std::string> complaints;
   CheckedFiles source(arguments.files, input, complaints);
   if (!complaints.empty()) return tellComplaints(complaints, "nothing was sent");
+  if (several) return runOnEach(arguments.target.hosts, arguments.json);
   return play(arguments, source, source.commands());
 }
 
@@ -164,7 +165,9 @@ Verb runVerb() {
        "Files are read through and checked before anything is sent. Standard input, pipes and, "
        "with --stream, files are taken as they come: the first commands are under way before the "
        "last are read, and a bad line ends the run there.",
-       "Any number of commands takes the same memory: two thousand are under way at a time.",
+       "Two thousand commands are under way at a time, and any number of them takes the same "
+       "memory where they are for one queue or come as a stream. Of a file that is checked, each "
+       "place where the next line is for another queue takes about a hundred bytes.",
        "With --json, each command is an object {seq, queue, type, outcome, latency_us, response "
        "or reason, line}, dropped ones after each other are one with --quiet, and the last line "
        "is {\"summary\": {sent, ok, refused, failed, undecodable, dropped, unanswered, seconds, "
@@ -173,8 +176,9 @@ Verb runVerb() {
        "input or output lost.",
        "A command that was under way when the run ended has failed and is counted as unanswered, "
        "not as sent: whether it reached the daemon is not known. It has no latency.",
-       "With several hosts, each gets all commands from a process of its own, and a line tells "
-       "how it went."},
+       "With several hosts, each gets all commands from a process of its own, so they must stand "
+       "in files, not come from standard input or a pipe. A line tells how it went with each, also "
+       "after ^C, SIGTERM or SIGHUP, which all of them get."},
       {{"norvctl run --standin examples/first-light.jsonl", "needs no daemon"},
        {"norvctl run --host switch1 --timeout 60 commands.jsonl", "a minute at most"},
        {"tail -f commands.jsonl | norvctl run -", "commands as they are written"},
