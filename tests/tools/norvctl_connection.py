@@ -85,6 +85,36 @@ def test_as_json():
     equal(event["reason"], "refused")
 
 
+def events(finished):
+    """Of a run with --json, which says nothing else on standard error."""
+    return [json.loads(line) for line in finished.err.splitlines()]
+
+
+def test_words_at_the_end_as_json():
+    port = free_port()
+    file = write_file(*[command("getVersion")] * 2)
+    finished = norvctl("run", "--json", "--timeout", "0.3", *at(port), file)
+    equal(finished.status, 3, finished)
+    last = [one for one in events(finished) if one["event"] == "no answer"]
+    equal([(one["target"], one["reason"]) for one in last], [(f"127.0.0.1:{port}", "refused")], finished)
+    equal(events(finished)[-1]["event"], "timed out", finished)
+    summary = harness.Result(finished).summary
+    assert "no answer before the time ran out: the connection is refused" in summary["failure"]["reason"], summary
+    finished = norvctl("call", "--json", "--timeout", "0.3", *at(port), "getVersion")
+    equal((finished.status, finished.out), (3, ""), finished)
+    equal([(one["event"], one.get("reason")) for one in events(finished)], [("no answer", "refused"), ("failed", None)])
+
+
+def test_what_stopped_a_run_as_json():
+    daemon = ScriptedDaemon("status=14")
+    finished = norvctl("run", "--json", *daemon.address, write_file(*[command("getVersion")] * 2))
+    equal([one["event"] for one in events(finished)], ["failed", "stopped"], finished)
+    assert "UNAVAILABLE: as the test told it" in events(finished)[0]["text"], finished
+    finished = norvctl("run", "--json", *daemon.address, "-", input='{"type":"getVersion"}\nx\n')
+    equal([one["event"] for one in events(finished)], ["bad input", "stopped"], finished)
+    assert "standard input:2:" in events(finished)[0]["text"], finished
+
+
 def test_a_silent_command_after_others():
     """A daemon that answers and hangs on one command is there, and that is said."""
     daemon = ScriptedDaemon("ok", "hold")

@@ -61,9 +61,9 @@ class OneReport : public SessionListener {
   }
   const CommandReport& report() const { return report_; }
   const Message* response() const { return response_.get(); }
-  // What there is to say about an answer that did not come; empty if one did.
-  std::string whyNoAnswer(SessionEnd end) {
-    return waiting_ || end == SessionEnd::timedOut ? noAnswer_.atTheEnd() : std::string();
+  // What there is to say about an answer that did not come.
+  void tellWhyNoAnswer(SessionEnd end) const {
+    if (waiting_ || end == SessionEnd::timedOut) noAnswer_.tell(noAnswer_.atTheEnd());
   }
 
  private:
@@ -151,11 +151,10 @@ int askDirectly(const RequestInfo& info, const Message& request, const Arguments
     }
     leave(allOk);
   }
-  if (const std::string why = told.whyNoAnswer(end); !why.empty()) {
-    std::cerr << "norvctl: " << why << '\n';
-  }
-  std::cerr << "norvctl: " << outcomeName(report.outcome) << " at " << escaped(target.address())
-            << ": " << reasonOf(report) << '\n';
+  told.tellWhyNoAnswer(end);
+  const std::string outcome = outcomeName(report.outcome);
+  tellEvent(arguments.json, outcome,
+            outcome + " at " + escaped(target.address()) + ": " + reasonOf(report));
   leave(end == SessionEnd::interrupted ? 128 + endingSignal() : static_cast<int>(lost));
 }
 

@@ -56,6 +56,15 @@ const char* endName(SessionEnd end) {
 
 }  // namespace
 
+void tellEvent(bool json, const std::string& event, const std::string& text) {
+  if (json) {
+    std::fprintf(stderr, "{\"event\":%s,\"text\":%s}\n", jsonText(event).c_str(),
+                 jsonText(text).c_str());
+  } else {
+    std::fprintf(stderr, "norvctl: %s\n", text.c_str());
+  }
+}
+
 std::string statusName(int code) {
   constexpr const char* names[] = {"OK",
                                    "CANCELLED",
@@ -133,22 +142,34 @@ bool NoAnswer::waiting() {
   return true;
 }
 
-std::string NoAnswer::atTheEnd() {
-  DiagnosisUnderWay look(host_, port_, 1000ms);
+Diagnosis NoAnswer::atTheEnd() const {
+  const DiagnosisUnderWay look(host_, port_, 1000ms);
   std::optional<Diagnosis> found = look.result(1500ms);
   if (!found && look_) found = look_->result();
-  const std::string text = found ? found->text : "looking for the reason takes too long";
-  return "no answer from " + escaped(host_ + ":" + std::to_string(port_)) + ": " + escaped(text);
+  return found.value_or(Diagnosis{"unknown", "looking for the reason takes too long"});
+}
+
+void NoAnswer::tell(const Diagnosis& found) const {
+  const std::string address = host_ + ":" + std::to_string(port_);
+  if (json_) {
+    std::fprintf(stderr, "{\"event\":\"no answer\",\"target\":%s,\"reason\":\"%s\",\"text\":%s}\n",
+                 jsonText(address).c_str(), found.reason.c_str(), jsonText(found.text).c_str());
+  } else {
+    std::fprintf(stderr, "norvctl: no answer from %s: %s\n", escaped(address).c_str(),
+                 escaped(found.text).c_str());
+  }
 }
 
 Report::Report(const ReportOptions& options)
     : options_(options),
       linesBesideBar_(isatty(STDOUT_FILENO)),
-      noAnswer_(options.host, options.port, options.json) {}
+      noAnswer_(options.host, options.port, options.json),
+      bar_(options.progress, options.total) {}
 
 void Report::ended(const CommandReport& report, const Entry& entry) {
   ++counts_[static_cast<std::size_t>(report.outcome)];
   ++done_;
+  bar_.step();
   if (wasSent(report)) latencies_.add(latencyUs(report));
   unanswered_ += isUnanswered(report);
   if (report.outcome == Outcome::failed) {
@@ -243,49 +264,19 @@ void Report::printLine(const CommandReport& report, const std::string& queue) {
 }
 
 void Report::progress(const Norv::Agent::Kit& kit) {
-  const auto now = std::chrono::steady_clock::now();
   const auto usual = done_ == 0 ? 1s : 5s;
   const auto oldest = kit.ledger()->oldestOpen();
   if (oldest && !kit.stopped() && kit.ledger()->now() - oldest->started > usual) {
     waiting_ = true;
-    clearBar();
+    bar_.clear();
     noAnswer_.waiting();
   }
-  if (options_.progress && now - start_ >= 500ms && now - barAt_ >= 100ms) showBar(now);
-}
-
-void Report::showBar(std::chrono::steady_clock::time_point now) {
-  barAt_ = now;
-  const double seconds = std::chrono::duration<double>(now - start_).count();
-  char numbers[96];
-  if (options_.total == 0) {
-    std::snprintf(numbers, sizeof numbers, "%zu  %.0f/s ", done_,
-                  static_cast<double>(done_) / seconds);
-  } else {
-    std::snprintf(numbers, sizeof numbers, "%zu/%zu  %.0f/s ", done_, options_.total,
-                  static_cast<double>(done_) / seconds);
-  }
-  const std::size_t columns = columnsAt(STDERR_FILENO);
-  const std::size_t taken = std::string_view(numbers).size() + 3;
-  std::string bar;
-  if (options_.total != 0 && columns > taken + 5) {
-    const std::size_t width = std::min<std::size_t>(40, columns - taken - 1);
-    const std::size_t filled = width * std::min(done_, options_.total) / options_.total;
-    bar = "[" + std::string(filled, '=') + std::string(width - filled, ' ') + "] ";
-  }
-  const std::string line = (bar + numbers).substr(0, columns > 1 ? columns - 1 : 0);
-  std::fprintf(stderr, "\r%s", line.c_str());
-  barShown_ = true;
+  bar_.show();
 }
 
 // For a line on standard output.
 void Report::makeRoom() {
-  if (linesBesideBar_) clearBar();
-}
-
-void Report::clearBar() {
-  if (barShown_) std::fprintf(stderr, "\r\033[K");
-  barShown_ = false;
+  if (linesBesideBar_) bar_.clear();
 }
 
 void Report::summary(std::chrono::duration<double> elapsed, SessionEnd end,
@@ -298,19 +289,21 @@ void Report::summary(std::chrono::duration<double> elapsed, SessionEnd end,
     run_.lastLine = 0;  // not known
   }
   printRun();
-  clearBar();
+  bar_.clear();
+  const std::optional<Diagnosis> noAnswer = whyNoAnswer(end);
   const double seconds = elapsed.count();
   const double rate = seconds > 0 ? static_cast<double>(latencies_.count()) / seconds : 0;
   if (options_.json) {
-    printJsonSummary(seconds, rate, end);
+    printJsonSummary(seconds, rate, end, noAnswer);
   } else {
     printSummaryLine(seconds, rate);
   }
   flushOutput();
-  explain(end, complaint);
+  explain(end, complaint, noAnswer);
 }
 
-void Report::printJsonSummary(double seconds, double rate, SessionEnd end) const {
+void Report::printJsonSummary(double seconds, double rate, SessionEnd end,
+                              const std::optional<Diagnosis>& noAnswer) const {
   std::printf("{\"summary\":{\"sent\":%zu", latencies_.count());
   for (std::size_t i = 0; i < counts_.size(); ++i) {
     std::printf(",\"%s\":%zu", outcomeName(static_cast<Outcome>(i)), counts_[i]);
@@ -324,7 +317,9 @@ void Report::printJsonSummary(double seconds, double rate, SessionEnd end) const
     if (failure_->report.rpcCode != 0) {
       std::printf(",\"status\":\"%s\"", statusName(failure_->report.rpcCode).c_str());
     }
-    std::printf(",\"reason\":%s}", jsonText(failure_->report.errorText).c_str());
+    std::string reason = failure_->report.errorText;
+    if (noAnswer && isUnanswered(failure_->report)) reason += ": " + noAnswer->text;
+    std::printf(",\"reason\":%s}", jsonText(reason).c_str());
   }
   std::printf("}}\n");
 }
@@ -351,28 +346,38 @@ std::string Report::failureText() const {
          reasonOf(failure_->report);
 }
 
+// Looked up when the session ended while an answer was waited for.
+std::optional<Diagnosis> Report::whyNoAnswer(SessionEnd end) const {
+  if (end != SessionEnd::timedOut && end != SessionEnd::interrupted) return std::nullopt;
+  const bool noneCame = end == SessionEnd::timedOut && unanswered_ != 0 &&
+                        latencies_.count() + unanswered_ == count(Outcome::failed);
+  if (!waiting_ && !noneCame) return std::nullopt;
+  return noAnswer_.atTheEnd();
+}
+
 // What is to be said about the end beside the numbers.
-void Report::explain(SessionEnd end, const std::string& complaint) {
-  const auto say = [](const std::string& text) {
-    std::fprintf(stderr, "norvctl: %s\n", text.c_str());
+void Report::explain(SessionEnd end, const std::string& complaint,
+                     const std::optional<Diagnosis>& noAnswer) {
+  const auto say = [this](const char* event, const std::string& text) {
+    tellEvent(options_.json, event, text);
   };
-  if (failure_ && failure_->report.rpcCode != 0) say(failureText());
+  if (failure_ && failure_->report.rpcCode != 0) say("failed", failureText());
   if (count(Outcome::undecodable) != 0 && !options_.json) {
-    say("undecodable: " + std::string(undecodableText));
+    say("undecodable", "undecodable: " + std::string(undecodableText));
   }
-  if (end == SessionEnd::timedOut || end == SessionEnd::interrupted) {
-    const bool noneCame = end == SessionEnd::timedOut && unanswered_ != 0 &&
-                          latencies_.count() + unanswered_ == count(Outcome::failed);
-    if (waiting_ || noneCame) say(noAnswer_.atTheEnd());
+  if (noAnswer) noAnswer_.tell(*noAnswer);
+  if (end == SessionEnd::timedOut) {
+    say("timed out", "the time ran out; --timeout gives it longer");
   }
-  if (end == SessionEnd::timedOut) say("the time ran out; --timeout gives it longer");
   if (end == SessionEnd::stoppedByFailure) {
-    say("stopped at the first failed RPC, as the library does; --on-failure continue clears the "
+    say("stopped",
+        "stopped at the first failed RPC, as the library does; --on-failure continue clears the "
         "error flag and goes on");
   }
   if (end == SessionEnd::badInput) {
-    say(escaped(complaint) + "\nnorvctl: stopped there; " + std::to_string(latencies_.count()) +
-        " commands before it were sent");
+    say("bad input", escaped(complaint));
+    say("stopped",
+        "stopped there; " + std::to_string(latencies_.count()) + " commands before it were sent");
   }
 }
 

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "../look/Diagnosis.h"
+#include "../text/ProgressBar.h"
 #include "Session.h"
 
 namespace Norvctl {
@@ -49,8 +50,10 @@ class NoAnswer {
     look_.reset();
     told_ = false;
   }
-  // What there is to say at the end; empty if nothing is waited for.
-  std::string atTheEnd();
+  // Looks once more, at the end of the waiting.
+  Diagnosis atTheEnd() const;
+  // Says what was found then.
+  void tell(const Diagnosis& found) const;
 
  private:
   const std::string host_;
@@ -93,12 +96,13 @@ class Report : public SessionListener {
   void printRun();
   void printJson(const Norv::Agent::CommandReport& report, const Entry& entry) const;
   void printLine(const Norv::Agent::CommandReport& report, const std::string& queue);
-  void printJsonSummary(double seconds, double rate, SessionEnd end) const;
+  void printJsonSummary(double seconds, double rate, SessionEnd end,
+                        const std::optional<Diagnosis>& noAnswer) const;
   void printSummaryLine(double seconds, double rate);
-  void explain(SessionEnd end, const std::string& complaint);
-  void showBar(std::chrono::steady_clock::time_point now);
+  std::optional<Diagnosis> whyNoAnswer(SessionEnd end) const;
+  void explain(SessionEnd end, const std::string& complaint,
+               const std::optional<Diagnosis>& noAnswer);
   void makeRoom();
-  void clearBar();
   std::string failureText() const;
 
   const ReportOptions options_;
@@ -114,11 +118,13 @@ class Report : public SessionListener {
   };
   std::optional<Failure> failure_;  // the first
   std::size_t unanswered_ = 0;
-  const std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
-  std::chrono::steady_clock::time_point barAt_ = start_;
+  ProgressBar bar_;
   std::size_t done_ = 0;
-  bool barShown_ = false;
 };
+
+// Says on standard error how things ended: a line for a person, or an object with the same text,
+// which is safe for a terminal.
+void tellEvent(bool json, const std::string& event, const std::string& text);
 
 // "UNAVAILABLE" and so on; the number where it has no name.
 std::string statusName(int code);
