@@ -141,6 +141,22 @@ def test_loopback_goes_past_a_proxy():
         equal(run(*address, "--timeout", "20", write_file(command("getVersion"))).status, 0, host)
 
 
+def test_every_loopback_goes_past_a_proxy():
+    os.environ.pop("no_grpc_proxy", None)
+    os.environ["http_proxy"] = f"http://127.0.0.1:{free_port()}"
+    process = Process(harness.STANDIN, "--listen", "127.0.0.2:0")
+    port = process.wait_for(r"listening on 127\.0\.0\.2:(\d+)\n").group(1)
+    for arguments in (["run", "--timeout", "20", write_file(command("getVersion"))], ["show", "workers"], ["doctor"]):
+        finished = norvctl(*arguments[:1], "--host", "127.0.0.2", "--port", port, *arguments[1:])
+        equal(finished.status, 0, finished)
+
+
+def test_a_name_that_begins_like_the_loopback_is_none():
+    os.environ.pop("no_grpc_proxy", None)
+    os.environ["http_proxy"] = f"http://127.0.0.1:{free_port()}"
+    told(("--host", "127.example.invalid"), "calls go through a proxy")
+
+
 def test_a_proxy_for_another_host_is_told():
     os.environ.pop("no_grpc_proxy", None)
     proxy = f"http://127.0.0.1:{free_port()}"
@@ -179,6 +195,14 @@ def test_the_environment_names_the_daemon():
     result = run("--timeout", "20", write_file(command("getVersion")))
     equal((result.status, result.summary["target"]), (0, f"127.0.0.1:{standin.port}"))
     equal(run("--standin", write_file(command("getVersion"))).status, 0)
+
+
+def test_the_environment_names_several_daemons_and_the_standin_is_driven():
+    os.environ["NORV_HOST"] = "a,b"
+    equal(run("--standin", write_file(command("getVersion"))).status, 0)
+    for verb in (["call", "getVersion"], ["show", "workers"], ["doctor"]):
+        finished = norvctl(*verb, "--standin")
+        equal(finished.status, 0, finished)
 
 
 harness.main()

@@ -72,7 +72,7 @@ void addTarget(CLI::App& command, TargetOptions& options, bool several) {
       ->excludes(host)
       ->excludes(port);
   command.parse_complete_callback([&options, host, port, several] {
-    const char* const hostSet = environment("NORV_HOST");
+    const char* const hostSet = options.standin ? nullptr : environment("NORV_HOST");
     const char* const portSet = options.standin ? nullptr : environment("NORV_PORT");
     if (host->count() == 0) options.host = hostSet ? hostSet : "localhost";
     options.hosts = several ? partsOf(options.host) : std::vector{options.host};
@@ -90,7 +90,7 @@ void addTarget(CLI::App& command, TargetOptions& options, bool several) {
 }
 
 Target::Target(const TargetOptions& options) {
-  exemptLoopbackFromProxies();
+  exemptLoopbackFromProxies(options.hosts.front());
   if (!options.standin) {
     host_ = channelHost(options.hosts.front());
     port_ = options.port;

@@ -10,7 +10,7 @@ int main(int argc, char** argv) {
   const Norvd::Options options = Norvd::optionsOf(argc, argv);
   Norvd::outliveFailedWrites();
   if (options.supervise) return Norvd::supervise(argc, argv);
-  Norvctl::exemptLoopbackFromProxies();
+  Norvctl::exemptLoopbackFromProxies(options.host);
   Norvd::Memory memory(options.stateDir, options.address());
   if (const std::string why = memory.lock(); !why.empty()) {
     std::cerr << "norvd: another norvd keeps the switch at " << options.address() << ": " << why

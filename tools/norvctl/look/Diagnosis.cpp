@@ -90,8 +90,17 @@ Diagnosis greet(int fd, milliseconds patience) {
   return {"answers", "the daemon is there and speaks HTTP/2; it may be busy with the call"};
 }
 
-bool loopback(const std::string& host) {
-  return host == "localhost" || host == "::1" || host == "[::1]" || host.starts_with("127.");
+std::string withoutBrackets(const std::string& host) {
+  return host.starts_with('[') && host.ends_with(']') ? host.substr(1, host.size() - 2) : host;
+}
+
+bool loopback(const std::string& givenHost) {
+  const std::string host = withoutBrackets(givenHost);
+  in_addr v4;
+  in6_addr v6;
+  if (inet_aton(host.c_str(), &v4) != 0) return ntohl(v4.s_addr) >> 24 == 127;
+  if (inet_pton(AF_INET6, host.c_str(), &v6) == 1) return IN6_IS_ADDR_LOOPBACK(&v6);
+  return strcasecmp(host.c_str(), "localhost") == 0;
 }
 
 const char* environment(const char* name) {
@@ -126,9 +135,10 @@ std::string proxyFor(const std::string& host) {
   return proxy;
 }
 
-void exemptLoopbackFromProxies() {
+void exemptLoopbackFromProxies(const std::string& host) {
   const std::string before = exempted();
-  const std::string all = (before.empty() ? "" : before + ",") + "localhost,127.0.0.1,::1";
+  std::string all = (before.empty() ? "" : before + ",") + "localhost,127.0.0.1,::1";
+  if (loopback(host)) all += "," + withoutBrackets(host);
   setenv("no_grpc_proxy", all.c_str(), 1);
 }
 
@@ -137,8 +147,7 @@ Diagnosis diagnose(const std::string& givenHost, U16 port, milliseconds patience
     return {"proxy", "calls go through a proxy, as the environment has " + proxy +
                          "; put the host into no_proxy to reach it directly"};
   }
-  std::string host = givenHost;
-  if (host.starts_with('[') && host.ends_with(']')) host = host.substr(1, host.size() - 2);
+  const std::string host = withoutBrackets(givenHost);
   addrinfo hints{};
   hints.ai_socktype = SOCK_STREAM;
   addrinfo* found = nullptr;

@@ -34,8 +34,8 @@ class DiagnosisUnderWay {
 
 // The proxy that calls to the host go through, as the environment says; empty: none.
 std::string proxyFor(const std::string& host);
-// Takes the loopback out of what goes through a proxy, for the channels of this process. Call it
-// before there are threads.
-void exemptLoopbackFromProxies();
+// Takes the loopback out of what goes through a proxy, for the channels of this process: its usual
+// names, and the host if it is another. Call it before there are threads.
+void exemptLoopbackFromProxies(const std::string& host);
 
 }  // namespace Norvctl
