@@ -3,10 +3,13 @@
 import base64
 import json
 import os
+import signal
 import stat
+import subprocess
+import tempfile
 
 import harness
-from harness import ScriptedDaemon, Standin, command, equal, norvctl, run, write_file
+from harness import NORVCTL, Process, ScriptedDaemon, command, equal, norvctl, run, write_file
 
 FIRST_LIGHT = harness.SOURCES + "/examples/first-light.jsonl"
 RECORDINGS = os.path.join(harness.SOURCES, "..", "shared", "recordings")
@@ -152,6 +155,110 @@ def test_update_takes_the_answers_over():
     equal(rows[1]["status"], {"code": 0, "message": ""})
     equal(rows[1]["situation"], "kept")
     equal(norvctl("replay", "--standin", path).status, 0)
+
+
+def test_an_update_writes_only_where_something_differs():
+    path = recorded(write_file(command("getVersion")), "--standin")
+    before = os.stat(path)
+    equal(norvctl("replay", "--update", "--standin", path).status, 0)
+    after = os.stat(path)
+    equal((after.st_ino, after.st_mtime_ns), (before.st_ino, before.st_mtime_ns))
+
+
+def test_an_update_touches_no_other_file():
+    """Neither one beside it, nor a link to it."""
+    path = recorded(write_file(command("pauseAll")), *ScriptedDaemon("error=22").address)
+    beside = write_file("somebody else's", name="recorded.jsonl.new")
+    link = write_file(name="link.jsonl")
+    os.remove(link)
+    os.symlink(path, link)
+    equal(norvctl("replay", "--update", *ScriptedDaemon().address, link).status, 2)
+    equal(lines_of(path)[0]["response"], {})
+    assert os.path.islink(link), link
+    with open(beside) as file:
+        equal(file.read(), "somebody else's\n")
+    equal([name for name in os.listdir(".") if name.startswith(os.path.basename(path))],
+          [os.path.basename(path), os.path.basename(beside)])
+
+
+def test_an_update_of_standard_input():
+    folder = tempfile.mkdtemp(dir=os.getcwd())
+    os.chdir(folder)
+    line = json.dumps({"type": "pauseAll", "request": {}, "status": {"code": 12, "message": ""}})
+    finished = norvctl("replay", "--update", "--standin", "-", input=line + "\n")
+    equal((finished.status, finished.out), (1, ""), finished)
+    assert "give files" in finished.err, finished
+    equal(os.listdir(folder), [])
+
+
+def test_a_command_that_was_not_answered():
+    path = write_file(name="recorded.jsonl")
+    daemon = ScriptedDaemon("ok", "hold")
+    result = run("--record", path, *daemon.address, "--timeout", "2", write_file(*[command("pauseAll")] * 3))
+    equal([result.summary[key] for key in ("ok", "failed", "dropped")], [1, 1, 1])
+    rows = lines_of(path)
+    equal(len(rows), 2)
+    equal(("status" in rows[1], "response" in rows[1]), (False, False))
+    equal(rows[1]["situation"], "no answer before the time ran out")
+    finished = norvctl("replay", "--standin", path)
+    equal(finished.status, 0, finished)
+    assert "1 calls: 1 as recorded, 0 different; 1 left out" in finished.out, finished
+    equal(run("--standin", path).summary["ok"], 2)
+
+
+def test_a_file_without_answers_says_so():
+    path = write_file(command("getVersion"))
+    finished = norvctl("replay", "--standin", path)
+    equal(finished.status, 0, finished)
+    assert "0 calls" in finished.out and "no line has an answer to compare" in finished.err, finished
+
+
+def test_an_interrupted_replay():
+    answered = {"type": "pauseAll", "request": {}, "status": {"code": 12, "message": ""}}
+    path = write_file(*[answered] * 4)
+    with open(path) as file:
+        before = file.read()
+    for number in (signal.SIGINT, signal.SIGTERM):
+        daemon = ScriptedDaemon("ok", "hold")
+        process = Process(NORVCTL, "replay", "--update", "--timeout", "0", *daemon.address, path)
+        daemon.wait_for("(call pauseAll\n){2}")
+        process.signal(number)
+        finished = process.finish()
+        equal(finished.status, 128 + number, finished)
+        assert "1 calls: 0 as recorded, 1 different; 0 left out" in finished.out, finished
+        with open(path) as file:
+            equal(file.read(), before, "nothing is updated")
+
+
+def test_an_interrupted_replay_of_a_pipe():
+    process = Process(NORVCTL, "replay", "--json", "--standin", "-", stdin=subprocess.PIPE)
+    process.popen.stdin.write(b'{"type":"pauseAll","status":{"code":12,"message":""}}\n')
+    process.popen.stdin.flush()
+    process.wait_for('"line":1')
+    process.signal(signal.SIGINT)
+    finished = process.finish()
+    equal(finished.status, 130, finished)
+    summary = json.loads(finished.out.splitlines()[-1])["summary"]
+    equal((summary["calls"], summary["ended"]), (1, "interrupted"))
+
+
+def test_differences_are_made_safe():
+    version = "a\u0085\u009b2J\u202eb"
+    path = write_file({"type": "listMclass", "request": {}, "response": {"names": [version], "\u001b[2J": 1},
+                       "status": {"code": 0, "message": ""}})
+    finished = norvctl("replay", *ScriptedDaemon().address, path)
+    equal(finished.status, 2, finished)
+    assert r"a\u0085\u009b2J\u202eb" in finished.out, finished
+    told = json.loads(norvctl("replay", "--json", *ScriptedDaemon().address, path).out.splitlines()[0])
+    for text in [finished.out, *told["differences"]]:
+        assert not set("\x1b\x85\x9b\u202e") & set(text), text
+
+
+def test_a_long_difference_is_cut_between_two_characters():
+    path = write_file({"type": "listMclass", "request": {}, "response": {"names": ["x" + "ü" * 300]},
+                       "status": {"code": 0, "message": ""}})
+    finished = norvctl("replay", *ScriptedDaemon().address, path)
+    assert "ü..., now nothing" in finished.out, finished
 
 
 def test_a_daemon_that_is_gone_during_a_replay():

@@ -7,6 +7,7 @@
 #include "Verb.h"
 #include "look/Direct.h"
 #include "run/Fleet.h"
+#include "run/Session.h"
 #include "text/Terminal.h"
 #include "text/Text.h"
 
@@ -35,6 +36,7 @@ int carryOut(CLI::App& app, std::map<std::string, Action>& actions, int argc, ch
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? allOk : badInput;
   } catch (const DirectError& error) {
+    if (endingSignal()) return 128 + endingSignal();
     std::cerr << "norvctl: " << error.what() << '\n';
     return lost;
   } catch (const std::exception& error) {

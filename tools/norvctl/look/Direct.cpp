@@ -59,7 +59,11 @@ Direct::Reply Direct::call(std::string_view rpc, const std::string& requestBytes
   reader->Finish(&response, &status, this);
   void* tag = nullptr;
   bool ok = false;
-  queue.Next(&tag, &ok);
+  constexpr std::chrono::milliseconds lookForSignals{50};
+  while (queue.AsyncNext(&tag, &ok, std::chrono::system_clock::now() + lookForSignals) ==
+         grpc::CompletionQueue::TIMEOUT) {
+    if (signalled_ && signalled_()) context.TryCancel();
+  }
   return {status.error_code(), status.error_message(), bytesOf(response)};
 }
 

@@ -34,6 +34,9 @@ class Direct {
   // Loopback addresses are reached without a proxy if exemptLoopbackFromProxies was called.
   Direct(const std::string& host, U16 port, std::chrono::milliseconds patience = usualPatience);
 
+  // Gives a call up, as CANCELLED, soon after this begins to return anything but 0.
+  void endOn(int (*signalled)()) { signalled_ = signalled; }
+
   struct Reply {
     grpc::StatusCode status = grpc::StatusCode::OK;
     std::string message;  // of the status
@@ -66,6 +69,7 @@ class Direct {
   const std::chrono::milliseconds patience_;
   std::shared_ptr<grpc::Channel> channel_;
   grpc::GenericStub stub_;
+  int (*signalled_)() = nullptr;
 };
 
 }  // namespace Norvctl

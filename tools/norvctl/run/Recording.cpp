@@ -3,7 +3,6 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <google/protobuf/util/json_util.h>
-#include <grpcpp/support/status_code_enum.h>
 #include <string.h>
 #include <sys/stat.h>
 
@@ -25,10 +24,21 @@ bool sameFile(const std::string& a, const std::string& b) {
          first.st_dev == second.st_dev && first.st_ino == second.st_ino;
 }
 
-std::string statusJson(const CommandReport& report) {
-  if (report.outcome != Outcome::failed) return "{\"code\":0,\"message\":\"\"}";
-  const int code = report.rpcCode ? report.rpcCode : static_cast<int>(grpc::StatusCode::CANCELLED);
-  return "{\"code\":" + std::to_string(code) + ",\"message\":" + jsonText(report.errorText) + "}";
+// Opens the file for writing, emptied; a new one only its owner can read, as requests and responses
+// may hold what is nobody else's. Null, with errno, if it cannot be opened.
+std::FILE* createPrivately(const std::string& path) {
+  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  return fd < 0 ? nullptr : fdopen(fd, "w");
+}
+
+// How the call ended; where it did not, why there is no answer.
+std::string endJson(const CommandReport& report) {
+  const bool failed = report.outcome == Outcome::failed;
+  if (failed && report.rpcCode == 0) {
+    return "\"situation\":" + jsonText(report.errorText);
+  }
+  return "\"status\":{\"code\":" + std::to_string(failed ? report.rpcCode : 0) +
+         ",\"message\":" + jsonText(failed ? report.errorText : "") + "}";
 }
 
 }  // namespace
@@ -54,7 +64,7 @@ void RecordingWriter::add(const CommandReport& report, const Entry& entry) {
   if (entry.queue != "main") line += ",\"queue\":" + jsonText(entry.queue);
   line += "," + recordedMessage("request", *entry.request);
   if (entry.response) line += "," + recordedMessage("response", *entry.response);
-  line += ",\"status\":" + statusJson(report);
+  line += "," + endJson(report);
   if (report.outcome == Outcome::undecodable) {
     line += ",\"situation\":\"the reply did not decode\"";
   }
@@ -67,11 +77,6 @@ bool RecordingWriter::close() {
   if (!failed && closed) return true;
   std::fprintf(stderr, "norvctl: cannot write %s to its end: %s\n", path_.c_str(), strerror(errno));
   return false;
-}
-
-std::FILE* createPrivately(const std::string& path) {
-  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-  return fd < 0 ? nullptr : fdopen(fd, "w");
 }
 
 std::string recordedMessage(const std::string& key, const google::protobuf::Message& message) {

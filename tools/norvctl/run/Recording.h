@@ -8,7 +8,8 @@
 namespace Norvctl {
 
 // Writes what crossed the wire, a JSON line per command that was sent: type, request, response,
-// status and time; bytes (`request_raw`, `response_raw`) where JSON cannot show a message.
+// status and time; bytes (`request_raw`, `response_raw`) where JSON cannot show a message. One that
+// was not answered has a situation in the place of a status: whether it was sent is not known.
 class RecordingWriter {
  public:
   // Replaces the file. Throws InputError when it cannot be written, or is one of the inputs.
@@ -25,10 +26,6 @@ class RecordingWriter {
   const std::string path_;
   std::FILE* file_;
 };
-
-// Opens the file for writing, emptied; a new one only its owner can read, as requests and responses
-// may hold what is nobody else's. Null, with errno, if it cannot be opened.
-std::FILE* createPrivately(const std::string& path);
 
 // `"KEY":JSON`, or `"KEY_raw":"BASE64"` where JSON cannot show the message.
 std::string recordedMessage(const std::string& key, const google::protobuf::Message& message);

@@ -1,12 +1,15 @@
 // The verb replay.
 
 #include <errno.h>
+#include <fcntl.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
+#include <cstdlib>
+#include <filesystem>
 #include <iostream>
 
 #include <Bess/Text.h>
@@ -16,6 +19,7 @@
 #include "../look/Direct.h"
 #include "../protocol/Requests.h"
 #include "../text/Table.h"
+#include "../text/Terminal.h"
 #include "../text/Text.h"
 #include "Fleet.h"
 #include "Recording.h"
@@ -91,10 +95,10 @@ void compare(const json& before, const json& now, const std::string& path,
   if (before == now) return;
   if (before.is_object() && now.is_object()) {
     for (const auto& [key, value] : before.items()) {
-      compare(value, now.contains(key) ? now[key] : json(), path + "." + key, differences);
+      compare(value, now.contains(key) ? now[key] : json(), path + "." + escaped(key), differences);
     }
     for (const auto& [key, value] : now.items()) {
-      if (!before.contains(key)) compare(json(), value, path + "." + key, differences);
+      if (!before.contains(key)) compare(json(), value, path + "." + escaped(key), differences);
     }
     return;
   }
@@ -106,8 +110,12 @@ void compare(const json& before, const json& now, const std::string& path,
   }
   const auto shown = [](const json& value) {
     if (value.is_null()) return std::string("nothing");
-    std::string text = value.dump(-1, ' ', false, json::error_handler_t::replace);
-    return text.size() > 200 ? text.substr(0, 200) + "..." : text;
+    const std::string text = oneLineJson(value);
+    constexpr std::size_t most = 200;
+    if (text.size() <= most) return text;
+    std::size_t end = most;
+    while ((text[end] & 0xc0) == 0x80) --end;  // between two characters
+    return text.substr(0, end) + "...";
   };
   differences.push_back(path + ": recorded " + shown(before) + ", now " + shown(now));
 }
@@ -147,10 +155,13 @@ class Replay {
     LineReader reader(name);
     std::string line;
     std::string updated;
-    while (reader.next(line)) {
+    const std::size_t differentBefore = different_;
+    reader.endOn(&endingSignal);
+    while (reader.next(line) && !endingSignal()) {
       if (!blankLine(line)) replayLine(reader, line);
       updated += line + "\n";
     }
+    if (endingSignal() || different_ == differentBefore) return;
     if (arguments_.update) rewrite(name, updated);
   }
 
@@ -159,12 +170,19 @@ class Replay {
     if (arguments_.asJson) {
       std::printf(
           "{\"summary\":{\"calls\":%zu,\"as_recorded\":%zu,\"different\":%zu,"
-          "\"left_out\":%zu,\"target\":%s}}\n",
-          calls_, calls_ - different_, different_, leftOut_, jsonText(direct_.address()).c_str());
+          "\"left_out\":%zu,\"ended\":\"%s\",\"target\":%s}}\n",
+          calls_, calls_ - different_, different_, leftOut_,
+          endingSignal() ? "interrupted" : "complete", jsonText(direct_.address()).c_str());
     } else {
       std::printf("%zu calls: %zu as recorded, %s%zu different%s; %zu left out\n", calls_,
                   calls_ - different_, different_ ? colours.warning() : "", different_,
                   different_ ? colours.end() : "", leftOut_);
+    }
+    if (endingSignal()) return 128 + endingSignal();
+    if (calls_ == 0 && leftOut_ != 0) {
+      tellEvent(arguments_.asJson, "nothing to compare",
+                "no line has an answer to compare (\"status\" or \"response\"); `norvctl run "
+                "--record FILE` writes lines that have");
     }
     return different_ ? refused : allOk;
   }
@@ -193,8 +211,9 @@ class Replay {
       return;
     }
     const RequestInfo& info = requestInfos()[step.type - 1];
-    ++calls_;
     const Direct::Reply reply = direct_.call(info.rpc, step.request->SerializeAsString());
+    if (endingSignal()) return;
+    ++calls_;
     Answer is;
     is.status = reply.status;
     is.message = reply.message;
@@ -218,13 +237,14 @@ class Replay {
                              {"line", reader.number()},
                              {"type", std::string(info.name)},
                              {"differences", differences}};
-      std::printf("%s\n",
-                  object.dump(-1, ' ', false, ordered_json::error_handler_t::replace).c_str());
+      std::printf("%s\n", oneLineJson(object).c_str());
+      flushOutput();
       return;
     }
     if (arguments_.quiet) return;
     std::printf("%s:%zu: %s\n", escaped(reader.name()).c_str(), reader.number(), info.name.data());
     for (const std::string& one : differences) std::printf("    %s\n", one.c_str());
+    flushOutput();
   }
 
   static std::string withAnswer(const std::string& line, const Answer& answer) {
@@ -234,18 +254,22 @@ class Replay {
     if (!answer.response.is_null()) object["response"] = answer.response;
     if (!answer.responseRaw.empty()) object["response_raw"] = answer.responseRaw;
     object["status"] = {{"code", answer.status}, {"message", answer.message}};
-    return object.dump(-1, ' ', false, ordered_json::error_handler_t::replace);
+    return oneLineJson(object);
   }
 
-  // Written beside it and then put in its place.
+  // Written beside it, under a name that nobody has, and then put in its place: that of the file
+  // itself where the name is a link.
   static void rewrite(const std::string& name, const std::string& text) {
-    const std::string beside = name + ".new";
-    std::FILE* file = createPrivately(beside);
+    const std::string real = std::filesystem::canonical(name).string();
+    std::string beside = real + ".XXXXXX";
+    const int descriptor = mkostemp(beside.data(), O_CLOEXEC);
+    if (descriptor < 0) throw InputError("cannot update " + name + ": " + strerror(errno));
+    struct stat status;
+    if (stat(real.c_str(), &status) == 0) fchmod(descriptor, status.st_mode & 07777);
+    std::FILE* file = fdopen(descriptor, "w");
     const bool written = file && std::fwrite(text.data(), 1, text.size(), file) == text.size();
     const bool closed = file && std::fclose(file) == 0;
-    struct stat status;
-    if (stat(name.c_str(), &status) == 0) chmod(beside.c_str(), status.st_mode & 07777);
-    if (!written || !closed || std::rename(beside.c_str(), name.c_str()) != 0) {
+    if (!written || !closed || std::rename(beside.c_str(), real.c_str()) != 0) {
       const int error = errno;
       std::remove(beside.c_str());
       throw InputError("cannot update " + name + ": " + strerror(error));
@@ -260,11 +284,17 @@ class Replay {
 };
 
 int replay(const Arguments& arguments) {
+  if (arguments.update && !readableTwice(arguments.files)) {
+    std::cerr << "norvctl: --update writes into the files that it reads; give files, not standard "
+                 "input or a pipe\n";
+    return badInput;
+  }
   if (arguments.target.hosts.size() > 1) {
     if (arguments.update) {
       std::cerr << "norvctl: --update takes over the answers of one host; give one\n";
       return badInput;
     }
+    if (refusedForSeveral(arguments.files)) return badInput;
     return replayOnEach(arguments.target.hosts, arguments.asJson);
   }
   const Target target(arguments.target);
@@ -272,8 +302,12 @@ int replay(const Arguments& arguments) {
   Direct direct(target.host(), target.port(),
                 patience.count() ? std::chrono::ceil<std::chrono::milliseconds>(patience)
                                  : std::chrono::hours(24));
+  endOnSignals();
+  direct.endOn(&endingSignal);
   Replay replay(arguments, direct);
-  for (const std::string& file : arguments.files) replay.file(file);
+  for (const std::string& file : arguments.files) {
+    if (!endingSignal()) replay.file(file);
+  }
   return replay.finish();
 }
 
@@ -294,7 +328,6 @@ Action defineReplay(CLI::App& command) {
 
 Verb replayVerb() {
   return {
-    if (refusedForSeveral(arguments.files)) return badInput;
       "replay",
       "send a recording and show where the replies differ",
       {"Sends the requests of a recording one after the other, beside the library, and compares "
@@ -302,8 +335,9 @@ Verb replayVerb() {
        "the daemon's version are not compared. Lines without an answer, and those that the "
        "daemon did not live to answer, are not sent.",
        "With several hosts, each is asked by a process of its own, and a line tells how many of "
-       "its "
-       "replies differ.",
+       "its replies differ.",
+       "--update writes a file anew only where replies differ, and leaves it as it was where the "
+       "replay is interrupted.",
        "Exit status 0: all as recorded; 2: some replies differ."},
       {{"norvctl replay --standin talk.jsonl", "against a fresh stand-in daemon"},
        {"norvctl replay --update talk.jsonl", "takes over what has changed"}},

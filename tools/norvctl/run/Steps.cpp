@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -57,6 +58,11 @@ LineReader::~LineReader() {
 
 // What a stream has now; of a file whose contents matter, as much as there is. 0 at the end.
 std::size_t LineReader::read(char* at, std::size_t most) {
+  pollfd end{fd_, POLLIN, 0};
+  constexpr int lookForSignals = 50;  // milliseconds
+  while (signalled_ && poll(&end, 1, lookForSignals) <= 0) {
+    if (signalled_()) return 0;
+  }
   std::size_t taken = 0;
   do {
     const ssize_t length = ::read(fd_, at + taken, most - taken);

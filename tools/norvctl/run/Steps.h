@@ -60,6 +60,8 @@ class LineReader {
   LineReader(const LineReader&) = delete;
   LineReader& operator=(const LineReader&) = delete;
 
+  // Ends the file where it must be waited for after this has begun to return anything but 0.
+  void endOn(int (*signalled)()) { signalled_ = signalled; }
   // The next line without its end; false at the end of the file. Throws InputError.
   bool next(std::string& line);
   std::size_t number() const { return number_; }  // of the last line, from 1
@@ -82,6 +84,7 @@ class LineReader {
   std::size_t at_ = 0;  // in the buffer, where the next line begins
   std::size_t number_ = 0;
   off_t offset_ = 0;
+  int (*signalled_)() = nullptr;
   Contents* noted_ = nullptr;
   const Contents* expected_ = nullptr;
   std::size_t block_ = 0;  // the next that is expected
