@@ -80,6 +80,30 @@ def test_what_is_down_is_coloured():
     assert re.search(r"\x1b\[33mpaused\x1b\[0m", terminal.text), repr(terminal.text)
 
 
+def test_a_link_that_is_down_is_coloured():
+    standin = Standin()
+    for type, request in (
+        ("createPort", '{"name":"up","driver":"UnixSocketPort"}'),
+        ("createPort", '{"name":"gone","driver":"PMDPort","arg":{"@type":"type.googleapis.com/bess.pb.PMDPortArg","portId":"0"}}'),
+        ("setPortConf", '{"name":"gone","conf":{"mtu":1500,"adminUp":false}}'),
+    ):
+        finished = norvctl("call", *standin.address, type, request)
+        equal(finished.status, 0, finished)
+    terminal = Terminal("show", *standin.address, "ports", columns=200)
+    equal(terminal.finish(), 0)
+    assert re.search(r"gone .*\x1b\[31mdown\x1b\[0m", terminal.text), repr(terminal.text)
+    assert re.search(r"up .*\x1b\[32mup\x1b\[0m", terminal.text), repr(terminal.text)
+
+
+def test_watch_shows_a_table_at_once():
+    standin = Standin()
+    equal(norvctl("call", *standin.address, "createPort", '{"name":"left","driver":"UnixSocketPort"}').status, 0)
+    terminal = Terminal("watch", *standin.address, "--interval", "3600")
+    terminal.wait_for(r"ports at [^\n]*\n.*packet/s[^\n]*\n.*left .* -")
+    terminal.popen.send_signal(signal.SIGINT)
+    equal(terminal.finish(), 130)
+
+
 def test_watch_refreshes_in_place_and_leaves_a_last_table():
     standin = Standin()
     equal(norvctl("call", *standin.address, "addWorker", '{"wid":"0"}').status, 0)

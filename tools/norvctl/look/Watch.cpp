@@ -133,10 +133,16 @@ int watch(const Arguments& arguments) {
   const Target target(arguments.target);
   Direct direct(target.host(), target.port(), std::chrono::milliseconds(2000));
   endOnSignals();
+  direct.endOn(&endingSignal);
   const Colours colours(coloursAt(STDOUT_FILENO));
   Screen screen;
-  std::vector<Flow> before = readFlows(direct, arguments.what);
   const std::string head = escaped(arguments.what) + " at " + escaped(target.address());
+  const auto showTable = [&](const std::vector<Flow>& before, const std::vector<Flow>& now) {
+    return screen.show(head + "  " + timeOfDay().substr(11, 8) + " UTC\n" +
+                       tableOf(before, now, colours, screen.width()));
+  };
+  std::vector<Flow> before = readFlows(direct, arguments.what);
+  if (!arguments.asJson && !showTable({}, before)) return badInput;
   for (std::size_t round = 0; arguments.count == 0 || round < arguments.count; ++round) {
     if (!wait(durationOf(arguments.interval))) break;
     std::vector<Flow> now;
@@ -144,6 +150,7 @@ int watch(const Arguments& arguments) {
     try {
       now = readFlows(direct, arguments.what);
     } catch (const std::exception& error) {
+      if (endingSignal()) break;
       trouble = escaped(error.what());
     }
     bool written = true;
@@ -160,8 +167,7 @@ int watch(const Arguments& arguments) {
       std::fputs(jsonLine(before, now).c_str(), stdout);
       written = flushOutput();
     } else {
-      written = screen.show(head + "  " + timeOfDay().substr(11, 8) + " UTC\n" +
-                            tableOf(before, now, colours, screen.width()));
+      written = showTable(before, now);
     }
     if (!written) return badInput;
     before = std::move(now);
@@ -180,7 +186,7 @@ Action defineWatch(CLI::App& command) {
       ->check(CLI::Range(0.01, 3600.0))
       ->type_name("SECONDS")
       ->capture_default_str();
-  command.add_option("--count", arguments->count, "end after so many rounds; 0: never")
+  command.add_option("--count", arguments->count, "end after so many rounds of rates; 0: never")
       ->type_name("ROUNDS")
       ->capture_default_str();
   addTarget(command, arguments->target);
@@ -195,8 +201,9 @@ Verb watchVerb() {
       "show rates as they change",
       {"Shows packets, bits and drops per second of the ports, what the traffic classes run, the "
        "connections of the pipeline or the gates of one module, again and again in the same place "
-       "on a terminal, one table after the other elsewhere. ^C ends it and leaves the last table. "
-       "A daemon that goes away and comes back is waited for. Rates come from the daemon's own "
+       "on a terminal, one table after the other elsewhere. The first table comes at once, without "
+       "rates; --count counts those behind it. ^C ends it and leaves the last table. A daemon that "
+       "goes away and comes back is waited for. Rates come from the daemon's own "
        "clock; - stands where it does not count."},
       {{"norvctl watch ports", "until ^C"},
        {"norvctl watch pipeline --json --count 10", "ten rounds for a program"}},
