@@ -2,6 +2,7 @@
 
 import json
 import os
+import re
 import shutil
 import subprocess
 
@@ -56,6 +57,8 @@ def test_choices_that_do_not_fit():
         (["createModule", "--driver", "PMDPort"], "--driver is for createPort"),
         (["moduleCommand", "--class", "Queue", "--command", "set_sise"], 'nearest is "set_size"'),
         (["moduleCommand", "--command", "add"], "together with --class"),
+        (["moduleCommand", "--class", "Queue"], "needs --command; Queue has "),
+        (["moduleCommand", "--class", "Sink"], "Sink has no commands"),
         (["configureGateHook", "--hook", "Trak"], 'nearest is "Track"'),
         (["getVersion", "--hook", "Track"], "--hook is for configureGateHook"),
     ):
@@ -133,6 +136,17 @@ def test_every_verb_has_help_and_a_page():
         for part in (".TH NORVCTL\\-" + name.upper(), ".SH OPTIONS", ".SH EXAMPLES", ".SH EXIT STATUS"):
             assert part in page, page
     assert "norvctl\\-show(1)" in norvctl("man").out
+
+
+def test_the_page_of_the_program_names_every_variable():
+    """Those that an option takes, as its help tells."""
+    page = norvctl("man").out
+    verbs = re.findall(r"norvctl\\-(\w+)\(1\)", page)
+    named = {"NORV_HOST", "NORV_PORT"}
+    for verb in verbs:
+        named |= set(re.findall(r"Env:(\w+)", norvctl(verb, "--help").out))
+    assert len(named) >= 5, named
+    equal([name for name in sorted(named) if f"\\fB{name}\\fR" not in page], [])
 
 
 def test_pages_are_readable():

@@ -101,6 +101,16 @@ def test_completion_of_verbs_types_and_fields():
     equal(leave(session), 0)
 
 
+def test_completion_in_a_line_that_goes_on():
+    home()
+    session = Session()
+    session.type('createModule {"mclass":"Sink",\n')
+    session.wait_for(r"\.\.\. ")
+    session.type('"na\t":"drain"}\n')
+    session.wait_for('"name": "drain"')
+    equal(leave(session), 0)
+
+
 def test_completion_of_live_names():
     home()
     standin = Standin()

@@ -240,6 +240,12 @@ std::string checkChoice(const RequestInfo& info, const TemplateChoice& choice) {
   if (!choice.moduleClass.empty() && !known) {
     return unknown("class", choice.moduleClass, namesOf(Bess::moduleClasses()));
   }
+  if (info.type == Norv::moduleCommand && known && choice.command.empty()) {
+    const std::vector<std::string> commands = namesOf(known->commands);
+    return commands.empty() ? choice.moduleClass + " has no commands"
+                            : "--class of moduleCommand needs --command; " + choice.moduleClass +
+                                  " has " + listed(commands);
+  }
   if (!choice.command.empty() && !Bess::command(*known, choice.command)) {
     return unknown("command of " + choice.moduleClass, choice.command, namesOf(known->commands));
   }

@@ -181,9 +181,9 @@ int call(const Arguments& arguments) {
   if (!error.empty()) {
     std::cerr << "norvctl: " << escaped(badRequest(*info, body, error)) << '\n';
     return badInput;
+  }
   if (several) {
     return callOnEach(arguments.target.hosts, arguments.json, arguments.body, body);
-  }
   }
   if (info->type == Norv::getPortConf && !arguments.allowAbort) {
     return askDirectly(*info, *step.request, arguments);
@@ -203,12 +203,14 @@ Action defineCall(CLI::App& command) {
   command.add_option(
       "JSON", arguments->body,
       "the request in proto3 JSON; @FILE reads it from a file, - from standard input");
-  command.add_flag("--yaml", arguments->yaml, "print the response as YAML");
+  CLI::Option* yaml = command.add_flag("--yaml", arguments->yaml, "print the response as YAML");
   command.add_flag("--emit-defaults", arguments->emitDefaults,
                    "print the fields that have their usual value, too");
   addRunOptions(command, *arguments);
-  command.get_option("--json")->description(
+  CLI::Option* json = command.get_option("--json");
+  json->description(
       "print the response on one line; words about the connection as JSON on standard error");
+  yaml->excludes(json);
   return [arguments] { return call(*arguments); };
 }
 
@@ -221,10 +223,10 @@ Verb callVerb() {
       {"Sends a command through queue, manager and client, and prints the response alone on "
        "standard output, as indented JSON, with --json on one line, or as YAML; all else goes to "
        "standard error.",
-       "getPortConf, which ends the process of whoever sends it through the library, is asked "
        "The body is read as strictly as a line of a file: a key that comes twice, and a field "
        "under both its names, is an error. With several hosts, each gets the same body, and its "
        "line has the response.",
+       "getPortConf, which ends the process of whoever sends it through the library, is asked "
        "beside it. `norvctl template TYPE` prints a body to fill in."},
       {{"norvctl call --standin getVersion", "a request without fields"},
        {"norvctl call --standin --yaml listMclass", "as YAML"},

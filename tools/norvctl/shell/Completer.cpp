@@ -53,7 +53,7 @@ void addFields(const google::protobuf::Descriptor* message, std::vector<std::str
 // The key whose value stands at the end of the line; empty where a key stands there itself.
 std::string keyOfValue(const std::string& line, std::size_t wordStart) {
   std::size_t at = wordStart;
-  while (at > 0 && (line[at - 1] == ' ' || line[at - 1] == '"')) --at;
+  while (at > 0 && (line[at - 1] == ' ' || line[at - 1] == '\n' || line[at - 1] == '"')) --at;
   if (at == 0 || line[at - 1] != ':') return {};
   const std::size_t end = line.rfind('"', at - 1);
   if (end == std::string::npos || end == 0) return {};
@@ -71,7 +71,7 @@ Completer::Completer(const CLI::App& app, const std::string& host, U16 port)
     : app_(app), direct_(host, port, patience) {}
 
 std::size_t Completer::wordStart(const std::string& line) {
-  const std::size_t at = line.find_last_of(" \t\"{}[]:,=");
+  const std::size_t at = line.find_last_of(" \t\n\"{}[]:,=");
   return at == std::string::npos ? 0 : at + 1;
 }
 

@@ -32,6 +32,7 @@ struct Arguments {
 };
 
 Completer* completer = nullptr;
+std::string earlierLines;  // of the command whose next line is edited
 volatile sig_atomic_t interrupted = 0;
 // Set while a line is edited: ^C leaves the editor by a jump, whatever it is doing.
 volatile sig_atomic_t editing = 0;
@@ -54,12 +55,17 @@ char* editLine(const char* prompt) {
   return line;
 }
 
+// What stands before the cursor, from the beginning of the command.
+std::string beforeCursor() {
+  return earlierLines + std::string(rl_line_buffer, static_cast<std::size_t>(rl_point));
+}
+
 // For the line editor: the first call makes the list, each gives one of it.
 char* nextCandidate(const char*, int state) {
   static std::vector<std::string> found;
   static std::size_t next = 0;
   if (state == 0) {
-    found = completer->candidates(std::string(rl_line_buffer, static_cast<std::size_t>(rl_point)));
+    found = completer->candidates(beforeCursor());
     next = 0;
   }
   return next < found.size() ? strdup(found[next++].c_str()) : nullptr;
@@ -67,9 +73,8 @@ char* nextCandidate(const char*, int state) {
 
 char** complete(const char* text, int, int) {
   rl_attempted_completion_over = 1;  // no names of files instead
-  const std::string before(rl_line_buffer, static_cast<std::size_t>(rl_point));
   // Inside JSON a quote or a comma follows.
-  rl_completion_append_character = before.find('{') == std::string::npos ? ' ' : '\0';
+  rl_completion_append_character = beforeCursor().find('{') == std::string::npos ? ' ' : '\0';
   return rl_completion_matches(text, nextCandidate);
 }
 
@@ -105,6 +110,7 @@ class Input {
   std::optional<std::string> next() {
     std::string text;
     while (true) {
+      earlierLines = text.empty() ? "" : text + "\n";
       std::optional<std::string> line = nextLine(text.empty() ? prompt_ : "... ");
       if (!line) return text.empty() ? std::nullopt : std::optional(text);
       if (std::exchange(interrupted, 0)) {
