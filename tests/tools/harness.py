@@ -110,8 +110,8 @@ class Process:
 
 
 class Standin(Process):
-    def __init__(self, port=0):
-        super().__init__(STANDIN, "--listen", f"127.0.0.1:{port}")
+    def __init__(self, port=0, options=()):
+        super().__init__(STANDIN, "--listen", f"127.0.0.1:{port}", *options)
         self.port = self.wait_for(r"listening on 127\.0\.0\.1:(\d+)\n").group(1)
         self.address = ("--host", "127.0.0.1", "--port", self.port)
 

@@ -5,6 +5,8 @@ import os
 import re
 import shutil
 import signal
+import socket
+import threading
 
 import harness
 from harness import NORVCTL, Process, ScriptedDaemon, Standin, command, equal, free_port, norvctl, run, write_file
@@ -12,12 +14,12 @@ from harness import NORVCTL, Process, ScriptedDaemon, Standin, command, equal, f
 FIRST_LIGHT = harness.SOURCES + "/examples/first-light.jsonl"
 
 
-def switch():
+def switch(*options):
     """A stand-in with the first light's pipeline, as it is before the last lines take it down."""
     with open(FIRST_LIGHT) as file:
         lines = [line for line in file.read().splitlines() if '"announce":"scheduler"' not in line]
     lines = [line for line in lines if not ('"scheduler"' in line and '"resetAll"' in line)]
-    standin = Standin()
+    standin = Standin(options=options)
     finished = norvctl("run", *standin.address, "--quiet", write_file(*lines, name="first-light.jsonl"))
     assert finished.status in (0, 2), finished
     return standin
@@ -95,6 +97,18 @@ def test_the_pipeline():
     assert dot.startswith("digraph") and dot.endswith("}\n"), dot
 
 
+def test_rates_of_the_pipeline():
+    standin = switch("--traffic", "1500000")
+    rate = r"1\.\d+ Mpacket/s, \d+ Mbit/s"
+    text = show(standin)
+    connections = len(re.findall(r"─> ", text))
+    equal(len(re.findall(r"─\d+─> \d+:\S+  " + rate + "$", text, re.M)), connections, text)
+    dot = show(standin, "pipeline", "--dot")
+    equal(len(re.findall(r'label="' + rate + '"]', dot)), connections, dot)
+    equal(len(json.loads(show(standin, "pipeline", "--json"))["rates"]), connections)
+    assert "packet/s" not in show(standin, "pipeline", "--interval", "0")
+
+
 def test_the_pipeline_as_a_picture():
     if not shutil.which("dot"):
         finished = norvctl("show", "--standin", "--svg")
@@ -121,20 +135,6 @@ def test_names_are_made_safe():
     equal(json.loads(show(standin, "modules", "--json"))[0]["name"], name)
 
 
-def test_nobody_listens():
-    for verb in (["show"], ["show", "ports"], ["watch"], ["doctor"], ["call", "getPortConf"]):
-        finished = norvctl(*verb[:1], "--host", "127.0.0.1", "--port", str(free_port()), *verb[1:])
-        equal(finished.status, 3, finished)
-        assert "the connection is refused" in finished.out + finished.err, finished
-
-
-def test_get_port_conf_is_asked_beside_the_library():
-    standin = switch()
-    port = live(standin, "listPorts", "ports")[0]["name"]
-    finished = norvctl("call", *standin.address, "getPortConf", json.dumps({"name": port}))
-    equal(finished.status, 0, finished)
-    assert "mtu" in json.loads(finished.out)["conf"], finished
-    assert "beside the library" in finished.err, finished
 def test_json_and_yaml_have_nothing_that_a_terminal_obeys():
     standin = Standin()
     name = "a\x7f\x85\x9b2J\u202eb\u2066ü"
@@ -152,6 +152,20 @@ def test_json_and_yaml_have_nothing_that_a_terminal_obeys():
     equal(json.loads(re.search(r'name: (".*")', shown).group(1)), name)
 
 
+def test_nobody_listens():
+    for verb in (["show"], ["show", "ports"], ["watch"], ["doctor"], ["call", "getPortConf"]):
+        finished = norvctl(*verb[:1], "--host", "127.0.0.1", "--port", str(free_port()), *verb[1:])
+        equal(finished.status, 3, finished)
+        assert "the connection is refused" in finished.out + finished.err, finished
+
+
+def test_get_port_conf_is_asked_beside_the_library():
+    standin = switch()
+    port = live(standin, "listPorts", "ports")[0]["name"]
+    finished = norvctl("call", *standin.address, "getPortConf", json.dumps({"name": port}))
+    equal(finished.status, 0, finished)
+    assert "mtu" in json.loads(finished.out)["conf"], finished
+    assert "beside the library" in finished.err, finished
     finished = norvctl("call", *standin.address, "getPortConf", '{"name":"lost"}')
     equal(finished.status, 2, finished)
 
@@ -264,6 +278,74 @@ def test_doctor_of_a_daemon_that_lacks_calls():
     equal(finished.status, 2, finished)
     assert f"{requests() - 2} of {requests()} are there" in finished.out, finished
     assert "Do not send addPortMacAddress and removePortMacAddress" in finished.out, finished
+
+
+def test_doctor_of_a_reply_that_does_not_decode():
+    standin = Standin(options=("--fault", "kind=undecodable rpc=listPlugins"))
+    finished = norvctl("doctor", *standin.address)
+    equal(finished.status, 2, finished)
+    assert re.search("bad +replies +the reply of listPlugins does not decode here", finished.out), finished
+    assert "Ask the daemon with a client of its own version" in finished.out, finished
+
+
+def test_doctor_of_a_daemon_whose_first_replies_do_not_decode():
+    standin = Standin(options=("--fault", "kind=undecodable rpc=listMclass"))
+    finished = norvctl("doctor", *standin.address)
+    equal(finished.status, 3, finished)
+    assert "the reply does not decode as ListMclassResponse" in finished.out, finished
+
+
+def test_doctor_of_a_daemon_without_classes():
+    finished = norvctl("doctor", *ScriptedDaemon().address)
+    equal(finished.status, 2, finished)
+    assert re.search("bad +classes +0 module classes", finished.out), finished
+    assert "A daemon without classes makes no module" in finished.out, finished
+    rows = [json.loads(line) for line in norvctl("doctor", "--json", *ScriptedDaemon().address).out.splitlines()]
+    equal([row["about"] for row in rows if row["health"] == "bad"], ["classes"])
+
+
+class HttpProxy:
+    """Takes every connection that a CONNECT asks for to one port of this machine."""
+
+    def __init__(self, port):
+        self.target = ("127.0.0.1", int(port))
+        self.listener = socket.create_server(("127.0.0.1", 0))
+        self.port = self.listener.getsockname()[1]
+        self.asked = []
+        threading.Thread(target=self._serve, daemon=True).start()
+
+    def _serve(self):
+        while True:
+            client, _ = self.listener.accept()
+            words = b""
+            while b"\r\n\r\n" not in words:
+                words += client.recv(1)
+            self.asked.append(words.split()[1].decode())
+            client.sendall(b"HTTP/1.1 200 OK\r\n\r\n")
+            server = socket.create_connection(self.target)
+            for one, other in ((client, server), (server, client)):
+                threading.Thread(target=self._pass_on, args=(one, other), daemon=True).start()
+
+    @staticmethod
+    def _pass_on(one, other):
+        try:
+            while data := one.recv(65536):
+                other.sendall(data)
+            other.shutdown(socket.SHUT_WR)
+        except OSError:
+            pass
+
+
+def test_doctor_through_a_proxy():
+    standin = Standin()
+    proxy = HttpProxy(standin.port)
+    os.environ.pop("no_grpc_proxy", None)
+    os.environ["http_proxy"] = f"http://127.0.0.1:{proxy.port}"
+    finished = norvctl("doctor", "--host", "switch.invalid", "--port", "10514")
+    equal(finished.status, 2, finished)
+    assert re.search(f"bad +proxy +calls go through a proxy, as the environment has http_proxy=.*:{proxy.port}", finished.out), finished
+    assert "Set no_proxy for this host" in finished.out and "round trip" in finished.out, finished
+    equal(set(proxy.asked), {"switch.invalid:10514"})
 
 
 harness.main()

@@ -229,8 +229,20 @@ def full(*arguments):
 
 def test_a_full_disk_behind_the_output():
     file = write_file(*[command("getVersion")] * 10)
+    recording = write_file({"type": "pauseAll", "status": {"code": 12, "message": ""}}, name="recording.jsonl")
+    hosts = ["--host", "127.0.0.1,localhost", "--port", Standin().port]
     for arguments in (
         ["run", "--standin", file],
+        ["run", *hosts, file],
+        ["call", *hosts, "getVersion"],
+        ["replay", *hosts, recording],
+        ["replay", "--standin", recording],
+        ["replay", "--standin", "--json", recording],
+        ["doctor", "--standin"],
+        ["doctor", "--standin", "--json"],
+        ["man"],
+        ["man", "run"],
+        ["export", "--standin"],
         ["run", "--json", "--standin", file],
         ["call", "--standin", "getVersion"],
         ["types"],

@@ -84,7 +84,7 @@ def test_a_link_that_is_down_is_coloured():
     standin = Standin()
     for type, request in (
         ("createPort", '{"name":"up","driver":"UnixSocketPort"}'),
-        ("createPort", '{"name":"gone","driver":"PMDPort","arg":{"@type":"type.googleapis.com/bess.pb.PMDPortArg","portId":"0"}}'),
+        ("createPort", '{"name":"gone","driver":"PMDPort","arg":{"@type":"type.googleapis.com/bess.pb.PMDPortArg","vdev":"net_null0"}}'),
         ("setPortConf", '{"name":"gone","conf":{"mtu":1500,"adminUp":false}}'),
     ):
         finished = norvctl("call", *standin.address, type, request)
