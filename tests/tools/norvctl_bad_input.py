@@ -278,8 +278,8 @@ def test_a_field_under_both_its_names():
     # In an argument, and in the elements of a list.
     strip = '{"@type":"type.googleapis.com/bess.pb.PMDPortArg","vlan_offload_rx_strip":true,"vlanOffloadRxStrip":false}'
     refuse_line('{"type":"createPort","request":{"arg":' + strip + "}}", '"vlanOffloadRxStrip" and "vlan_offload_rx_strip"')
-    inner = '{"wid":"1","class":{"leaf_module_name":"a","leafModuleName":"b"}}'
-    refuse_line('{"type":"addTc","request":' + inner + "}", "leafModuleName")
+    inner = '{"class":{"leaf_module_name":"a","leafModuleName":"b"}}'
+    refuse_line('{"type":"addTc","request":' + inner + "}", '"leafModuleName" and "leaf_module_name"')
 
 
 def test_options_of_call_that_exclude_each_other():

@@ -177,8 +177,8 @@ def test_an_update_touches_no_other_file():
     assert os.path.islink(link), link
     with open(beside) as file:
         equal(file.read(), "somebody else's\n")
-    equal([name for name in os.listdir(".") if name.startswith(os.path.basename(path))],
-          [os.path.basename(path), os.path.basename(beside)])
+    equal({name for name in os.listdir(".") if name.startswith(os.path.basename(path))},
+          {os.path.basename(path), os.path.basename(beside)})
 
 
 def test_an_update_of_standard_input():

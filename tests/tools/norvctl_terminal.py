@@ -85,7 +85,7 @@ def test_a_link_that_is_down_is_coloured():
     for type, request in (
         ("createPort", '{"name":"up","driver":"UnixSocketPort"}'),
         ("createPort", '{"name":"gone","driver":"PMDPort","arg":{"@type":"type.googleapis.com/bess.pb.PMDPortArg","vdev":"net_null0"}}'),
-        ("setPortConf", '{"name":"gone","conf":{"mtu":1500,"adminUp":false}}'),
+        ("setPortConf", '{"name":"gone","conf":{"mtu":1500,"macAddr":"02:00:00:00:00:01","adminUp":false}}'),
     ):
         finished = norvctl("call", *standin.address, type, request)
         equal(finished.status, 0, finished)
@@ -99,7 +99,7 @@ def test_watch_shows_a_table_at_once():
     standin = Standin()
     equal(norvctl("call", *standin.address, "createPort", '{"name":"left","driver":"UnixSocketPort"}').status, 0)
     terminal = Terminal("watch", *standin.address, "--interval", "3600")
-    terminal.wait_for(r"ports at [^\n]*\n.*packet/s[^\n]*\n.*left .* -")
+    terminal.wait_for(r"ports at [^\n]*\n.*packet/s[^\n]*\n.*left  UnixSocketPort [^\n]*-")
     terminal.popen.send_signal(signal.SIGINT)
     equal(terminal.finish(), 130)
 
