@@ -9,6 +9,7 @@ import subprocess
 import harness
 from harness import (
     NORVCTL,
+    SLOWNESS,
     Process,
     Result,
     ScriptedDaemon,
@@ -17,6 +18,7 @@ from harness import (
     equal,
     norvctl,
     run,
+    skip,
     write_file,
 )
 
@@ -192,6 +194,22 @@ def test_many_commands_in_one_announcement():
     lines = [command("getVersion", "a")] * 20000 + [{"announce": "a"}]
     result = run(*Standin().address, write_file(*lines))
     equal((result.status, result.summary["ok"]), (0, 20000))
+
+
+def test_memory_does_not_grow_with_the_number_of_commands():
+    if SLOWNESS != 1:
+        skip("a sanitizer keeps what is given back")
+    standin = Standin()
+
+    def peak(commands):  # KiB
+        path = write_file(*[command("getVersion")] * commands)
+        process = subprocess.Popen([NORVCTL, "run", "--quiet", *standin.address, path], stdout=subprocess.DEVNULL)
+        _, status, usage = os.wait4(process.pid, 0)
+        equal(status, 0)
+        return usage.ru_maxrss
+
+    few, many = peak(5000), peak(50000)
+    assert many < few + 4096, (few, many)
 
 
 def test_a_run_of_dropped_commands_is_one_line():
