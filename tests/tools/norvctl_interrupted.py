@@ -16,7 +16,7 @@ WHOLE = ["--prune", "--allow-mass-delete", "--timeout", "100"]
 
 def questions(switch, document):
     """How many calls there are before the first command."""
-    switch.standin.fault("kind=delay nth=1000000")
+    switch.standin.fault("kind=delay ms=1 nth=1000000")
     switch.plan(document)
     return switch.standin.counts()[1]
 
