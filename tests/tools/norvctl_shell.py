@@ -155,4 +155,14 @@ def test_interrupting_a_line_and_a_command():
     equal(leave(session), 0)
 
 
+def test_interrupting_whatever_the_editor_does():
+    home()
+    session = Session()
+    for _ in range(400):
+        session.type("getVer\x7f")
+        os.kill(session.popen.pid, signal.SIGINT)
+    session.command("\x15describe Sink", "Sink: module class")
+    equal(leave(session), 0)
+
+
 harness.main()

@@ -2,7 +2,7 @@
 
 #include <editline/readline.h>
 #include <errno.h>
-#include <setjmp.h>
+#include <poll.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <cwchar>
 #include <filesystem>
 #include <iostream>
 #include <optional>
@@ -34,25 +35,29 @@ struct Arguments {
 Completer* completer = nullptr;
 std::string earlierLines;  // of the command whose next line is edited
 volatile sig_atomic_t interrupted = 0;
-// Set while a line is edited: ^C leaves the editor by a jump, whatever it is doing.
-volatile sig_atomic_t editing = 0;
-sigjmp_buf beforeEditing;
 
 void onInterrupt(int) {
   interrupted = 1;
-  if (std::exchange(editing, 0)) siglongjmp(beforeEditing, 1);
 }
 
-// Null at the end of the input, and after ^C. Nothing here has a destructor, as the jump passes by.
-char* editLine(const char* prompt) {
-  if (sigsetjmp(beforeEditing, 1) != 0) {
-    rl_deprep_terminal();
-    return nullptr;
+// For the line editor: the next key, or the end of the line once there was a ^C, which may come at
+// any moment and on any thread: it is seen here, where the editor waits, and nowhere else.
+int nextKey(FILE* terminal) {
+  constexpr int lookForSignals = 50;  // milliseconds
+  pollfd ready{fileno(terminal), POLLIN, 0};
+  std::mbstate_t state{};
+  while (!interrupted) {
+    if (poll(&ready, 1, lookForSignals) <= 0) continue;
+    char byte = 0;
+    const ssize_t length = read(ready.fd, &byte, 1);
+    if (length < 0 && errno == EINTR) continue;
+    if (length <= 0) return EOF;
+    wchar_t key = 0;
+    const std::size_t used = std::mbrtowc(&key, &byte, 1, &state);
+    if (used == static_cast<std::size_t>(-2)) continue;  // more bytes belong to it
+    return used <= 1 ? static_cast<int>(key) : static_cast<unsigned char>(byte);
   }
-  editing = 1;
-  char* line = readline(prompt);
-  editing = 0;
-  return line;
+  return '\n';
 }
 
 // What stands before the cursor, from the beginning of the command.
@@ -92,7 +97,8 @@ class Input {
       : prompt_(prompt), terminal_(isatty(STDIN_FILENO) && isatty(STDOUT_FILENO)) {
     if (!terminal_) return;
     rl_readline_name = const_cast<char*>("norvctl");
-    rl_catch_signals = 0;  // ^C is ours, see onInterrupt
+    rl_catch_signals = 0;  // ^C is ours, see nextKey
+    rl_getc_function = nextKey;
     rl_initialize();
     static char breaks[] = " \t\"{}[]:,=";
     rl_completer_word_break_characters = breaks;
@@ -136,11 +142,7 @@ class Input {
       if (!std::getline(std::cin, line)) return std::nullopt;
       return line;
     }
-    char* line = editLine(prompt.c_str());
-    if (!line && interrupted) {
-      std::printf("\n");
-      return std::string();
-    }
+    char* line = readline(prompt.c_str());
     if (!line) return std::nullopt;
     std::string text = line;
     std::free(line);
@@ -224,7 +226,10 @@ int shell(const Arguments& arguments) {
   completer = &words;
   struct sigaction action {};
   action.sa_handler = onInterrupt;
-  sigaction(SIGINT, &action, nullptr);  // ends the line, or the command that runs
+  // On a terminal what the editor writes goes on, and a line is given up between two keys; from
+  // anything else a signal ends the wait for a line, and with it the shell.
+  action.sa_flags = isatty(STDIN_FILENO) ? SA_RESTART : 0;
+  sigaction(SIGINT, &action, nullptr);
   return Shell(*app, target).run();
 }
 
