@@ -73,6 +73,18 @@ TEST_F(NotifieeListTest, VisitsItsMembersWithoutOwningThem) {
   EXPECT_EQ(list().members(), 0u);
 }
 
+TEST_F(NotifieeListTest, OneThatWasEnteredByHandLeavesAloneAtItsEnd) {
+  add(4);
+  const auto other = thing();
+  for (const auto& reactor : reactors) other->notifieeList()->newMember(reactor.ptr());
+  std::sort(reactors.begin(), reactors.end(),
+            [](const auto& a, const auto& b) { return std::less<>()(a.ptr(), b.ptr()); });
+  while (!reactors.empty()) {
+    reactors.erase(reactors.begin());
+    EXPECT_EQ(other->notifieeList()->members(), reactors.size());
+  }
+}
+
 TEST_F(NotifieeListTest, DeletingWhatIsNotAMemberDoesNothing) {
   add(1);
   const auto other = thing();

@@ -1,23 +1,30 @@
-// Locks, conditions and memory against a platform that is looked at, and that fails.
+// Locks, conditions, memory and waits against a platform that is looked at, and that fails.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <support/Eventually.h>
 #include <support/Platform.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <new>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <Lumo/Exception.h>
 #include <Lumo/Lock.h>
+#include <Lumo/MainLoop.h>
 
 namespace {
 
 // Blocks that the program has taken from its heap and not given back.
 std::atomic<std::size_t> blocks{0};
 std::atomic<std::size_t> lastSize{0};
+
+std::atomic<int> waits{0};
 
 }  // namespace
 
@@ -34,6 +41,13 @@ std::atomic<std::size_t> lastSize{0};
 }
 void operator delete(void* memory, std::size_t) noexcept {
   ::operator delete(memory);
+}
+
+// The wait for descriptors of the whole program.
+extern "C" int poll(pollfd* descriptors, nfds_t count, int timeout) {
+  ++waits;
+  const timespec time{timeout / 1000, timeout % 1000 * 1000000L};
+  return ppoll(descriptors, count, timeout < 0 ? nullptr : &time, nullptr);
 }
 
 namespace {
@@ -136,6 +150,14 @@ TEST(ConditionOnThePlatform, RaisesWhenItCannotSignal) {
   Condition condition;
   const Failing platform("pthread_cond_broadcast");
   EXPECT_EQ(errnoOf("Condition variable signal failed", [&] { condition.signal(); }), EAGAIN);
+}
+
+TEST(MainLoopOnThePlatform, WaitsWhereNothingIsDue) {
+  Lumo::MainLoop loop;
+  std::thread runner([&] { loop.run(); });
+  EXPECT_TRUE(support::eventually([] { return waits > 0; }));
+  loop.stop();
+  runner.join();
 }
 
 TEST(PtrInterface, TakesItsMemoryFromTheOrdinaryHeap) {

@@ -421,6 +421,8 @@ TEST_F(Tracking, RefusesNullQueues) {
   EXPECT_THROW(agent.manager->doEnqueueBatchHelper(nullptr), Lumo::RangeException);
   const auto none = Lumo::Ptr<CmdConfigGroup>();
   EXPECT_THROW(Lumo::genericCall(agent.manager, "doEnqueueBatch", none), Lumo::RangeException);
+  agent.status->errorOccuredIs(true);
+  EXPECT_THROW(agent.manager->doEnqueueBatch(nullptr), Lumo::RangeException);
 }
 
 TEST_F(Tracking, RefusesToHandleAQueueWhileItFollowsNoCollection) {

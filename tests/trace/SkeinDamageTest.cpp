@@ -1,3 +1,4 @@
+#include <cerrno>
 #include <fstream>
 #include <random>
 
@@ -104,6 +105,18 @@ TEST_F(SkeinDamage, ATruncatedFileYieldsWhatIsThere) {
     previous = finding.records.size();
   }
   EXPECT_GT(previous, 0U);
+}
+
+TEST_F(SkeinDamage, AnInterruptionOfEarlierIsNotTakenForOneOfTheRead) {
+  writeBytes(path, whole.substr(0, 40));
+  errno = EINTR;
+  EXPECT_NE(readFile(path).error.find("cut off within its header"), std::string::npos);
+}
+
+TEST_F(SkeinDamage, AFileThatCannotBeReadIsRefused) {
+  const std::string unreadable = "/sys/class/net/lo/speed";  // has a size, and no reading works
+  if (!std::filesystem::exists(unreadable)) GTEST_SKIP() << "there is no " << unreadable;
+  EXPECT_NE(readFile(unreadable).error, "");
 }
 
 TEST_F(SkeinDamage, ARecordThatWasNotCommittedIsNotSeen) {

@@ -1,9 +1,13 @@
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <csignal>
 #include <fstream>
+#include <thread>
 
 #include "TraceFixture.h"
 
@@ -68,6 +72,30 @@ TEST_F(SkeinFile, TheIdStartsAtZeroAndIsFilledByTheDescriptor) {
   EXPECT_EQ(id, first);
   EXPECT_EQ(textsIn(path), (std::vector<std::string>{"value 5", "value 6"}));
   EXPECT_EQ(recordsIn(path)[0].id, 1) << "ids in a file start at 1";
+}
+
+TEST_F(SkeinFile, ATextWithoutPlacesIsFollowedByItsArguments) {
+  ringIsOn();
+  int id = 0;
+  Skein::MsgDesc descriptor(skein->traceFile(), &id, "hand.cpp", 12, false);
+  descriptor.formatString() << 5;
+  descriptor << "load in %s:";
+  descriptor.finish();
+  Skein::RingBuf& ring = skein->traceFile()->log(4);
+  ring.startMsg(skein->traceFile(), id);
+  ring.put(5);
+  ring.endMsg();
+  EXPECT_EQ(textsIn(path), std::vector<std::string>{"load in %s: 5"});
+}
+
+TEST_F(SkeinFile, ADescriptorMayHaveNoTextAtAll) {
+  ringIsOn();
+  int id = 0;
+  Skein::MsgDesc(skein->traceFile(), &id, "", 0, true).finish();
+  Skein::Reader reader(path);
+  EXPECT_EQ(reader.problem(), "");
+  ASSERT_TRUE(reader.sites()[0]);
+  EXPECT_EQ(reader.sites()[0]->file + reader.sites()[0]->text, "");
 }
 
 TEST_F(SkeinFile, ADescriptorSaysWhereThePointIs) {
@@ -156,6 +184,32 @@ TEST_F(SkeinFile, LongTextsAreCutAndTheRestOfTheRecordStays) {
   EXPECT_EQ(texts[0].substr(texts[0].size() - 8), "... b=77");
 }
 
+// A text leaves 64 bytes for what follows it.
+TEST_F(SkeinFile, ARecordFillsABlockAtMost) {
+  for (const unsigned numbers : {8U, 9U}) {
+    ringIsOn({.size = 16 * 1024});
+    int id = 0;
+    Skein::MsgDesc descriptor(skein->traceFile(), &id, "hand.cpp", 12, false);
+    descriptor.formatString() << std::string();
+    for (unsigned i = 0; i < numbers; ++i) descriptor.formatString() << U64{i};
+    descriptor.finish();
+    int other = 0;
+    logByHand(skein->traceFile(), &other, 1);
+    Skein::RingBuf& ring = skein->traceFile()->log(4);
+    ring.startMsg(skein->traceFile(), id);
+    ring.put(std::string(100000, 'x'));
+    for (unsigned i = 0; i < numbers; ++i) ring.put(U64{i});
+    ring.endMsg();
+    logByHand(skein->traceFile(), &other, 2);
+    Skein::Reader reader(path);
+    EXPECT_EQ(recordsOf(reader).size(), numbers == 8 ? 3U : 2U);
+    EXPECT_EQ(reader.counters().dropped, numbers - 8);
+    EXPECT_EQ(reader.problem(), "");
+    EXPECT_EQ(textsIn(path).back(), "value 2");
+    skein.reset();
+  }
+}
+
 TEST_F(SkeinFile, RecordsOfEveryLengthAreKeptAcrossBlocks) {
   ringIsOn({.size = 16 * 1024});
   for (std::size_t length = 0; length < 900; ++length) {
@@ -180,6 +234,19 @@ TEST_F(SkeinFile, WithoutRoomForADescriptorRecordsAreCountedAsDropped) {
   EXPECT_EQ(reader.problem(), "");
 }
 
+TEST_F(SkeinFile, ADescriptorMayTakeAllTheRoomThereIsForThem) {
+  for (const int tooMuch : {0, 1}) {
+    ringIsOn({.size = 16 * 1024});
+    const std::size_t room = headerOf(path).heapSize - sizeof(Skein::SiteHeader);
+    int id = 0;
+    Skein::MsgDesc descriptor(skein->traceFile(), &id, "", 1, false);
+    descriptor << std::string(room + tooMuch, 'x').c_str();
+    EXPECT_EQ(descriptor.finish() == 0, tooMuch == 1);
+    EXPECT_EQ(sitesIn(path), 1U - tooMuch);
+    skein.reset();
+  }
+}
+
 TEST_F(SkeinFile, ReplacesAnOlderFileOfItsNameWithoutTouchingIt) {
   ringIsOn();
   Twine::trace<Sample::numbered>(1);
@@ -194,6 +261,17 @@ TEST_F(SkeinFile, ReplacesAnOlderFileOfItsNameWithoutTouchingIt) {
   }
 }
 
+TEST_F(SkeinFile, AReaderGivesItsDescriptorBack) {
+  ringIsOn();
+  const auto open = [] {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
+                         std::filesystem::directory_iterator());
+  };
+  const auto before = open();
+  for (int i = 0; i < 3; ++i) Skein::Reader reader(path);
+  EXPECT_EQ(open(), before);
+}
+
 TEST_F(SkeinFile, SaysWhyItCannotBeMade) {
   try {
     Skein::TraceHandle handle(folder.file("missing/trace.skein"));
@@ -205,6 +283,33 @@ TEST_F(SkeinFile, SaysWhyItCannotBeMade) {
   EXPECT_THROW(Skein::TraceHandle(path, {.size = 100}), Lumo::RangeException);
   EXPECT_THROW(Skein::TraceHandle(path, {.size = U64{1} << 40}), Lumo::RangeException);
   EXPECT_TRUE(std::filesystem::is_empty(std::filesystem::path(path).parent_path()));
+}
+
+TEST_F(SkeinFile, LeavesNothingBehindWhereThereIsNoRoomForIt) {
+  rlimit before;
+  ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &before), 0);
+  rlimit tight = before;
+  tight.rlim_cur = 1 << 20;
+  ::signal(SIGXFSZ, SIG_IGN);
+  ::setrlimit(RLIMIT_FSIZE, &tight);
+  // The largest size that is taken.
+  EXPECT_THROW(Skein::TraceHandle(path, {.size = U64{1} << 31}), Lumo::ErrnoException);
+  ::setrlimit(RLIMIT_FSIZE, &before);
+  ::signal(SIGXFSZ, SIG_DFL);
+  EXPECT_TRUE(folder.names().empty());
+}
+
+TEST_F(SkeinFile, AtItsEndNobodyHoldsABlock) {
+  ringIsOn();
+  std::thread([] { Twine::trace<Sample::plain>(); }).join();
+  for (int i = 0; i < 1000; ++i) Twine::trace<Sample::numbered>(i);
+  skein.reset();
+  U64 records = 0;
+  for (const Skein::BlockHeader& block : blocksIn(path)) {
+    EXPECT_EQ(block.owner, 0U);
+    records += block.records;
+  }
+  EXPECT_EQ(records, 1001U);
 }
 
 TEST_F(SkeinFile, WhatNoLivingProcessHoldsOfItsMakingIsClearedAway) {
@@ -278,6 +383,19 @@ TEST_F(SkeinFile, ASnapshotKeepsWhatWasThere) {
 }
 
 // At every record of several rounds of the ring: a reader finds nothing of a block's former use.
+TEST_F(SkeinFile, ASnapshotThatCannotBeWrittenSaysSoAndLeavesNothing) {
+  ringIsOn();
+  std::filesystem::create_directory(folder.file("taken"));
+  EXPECT_THROW(Skein::snapshot(*skein->traceFile(), folder.file("taken")), Lumo::ErrnoException);
+  EXPECT_EQ(folder.names(), (std::vector<std::string>{"taken", "trace.skein"}));
+}
+
+TEST_F(SkeinFile, AnErrorFromBeforeIsNotTheSnapshots) {
+  ringIsOn();
+  errno = EBADF;
+  EXPECT_NO_THROW(Skein::snapshot(*skein->traceFile(), folder.file("frozen")));
+}
+
 TEST_F(SkeinFile, ARecordInTheMakingLooksLikeNone) {
   ringIsOn({.size = 16 * 1024});
   Twine::trace<Sample::numbered>(-1);

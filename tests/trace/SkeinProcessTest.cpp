@@ -1,3 +1,4 @@
+#include <cerrno>
 #include <chrono>
 #include <map>
 #include <random>
@@ -117,6 +118,10 @@ TEST_F(SkeinProcess, AForkedChildWritesBesideItsParent) {
     }
     EXPECT_EQ(mine, 3002);
     EXPECT_EQ(theirs, 3001);
+    std::map<U32, U64> last;  // of each writer
+    for (const Skein::BlockHeader& block : blocksIn(path)) {
+      EXPECT_EQ(block.ordinal, ++last[block.writer]) << "of writer " << block.writer;
+    }
   }
 }
 
@@ -136,6 +141,54 @@ TEST_F(SkeinProcess, BlocksOfDeadChildrenComeBack) {
   EXPECT_EQ(reader.counters().dropped, 0U);
   EXPECT_EQ(records.size() + reader.counters().overwritten, 1050U);
   EXPECT_EQ(records.front().text, "n=" + std::to_string(2000 - static_cast<int>(records.size())));
+}
+
+TEST_F(SkeinProcess, TheBlockOfALivingChildIsLeftAlone) {
+  ringIsOn({.size = 16 * 1024, .multiThreaded = false});
+  int traced[2], goOn[2];
+  ASSERT_EQ(::pipe(traced) + ::pipe(goOn), 0);
+  const pid_t child = ::fork();
+  if (child == 0) {
+    ::alarm(60);
+    char byte = 0;
+    Twine::trace<Sample::other>(1);
+    const bool told = ::write(traced[1], &byte, 1) == 1 && ::read(goOn[0], &byte, 1) == 1;
+    ::_exit(told ? 0 : 1);
+  }
+  char byte = 0;
+  ASSERT_EQ(::read(traced[0], &byte, 1), 1);
+  for (int i = 0; i < 10000; ++i) {
+    errno = ESRCH;  // as of some process that was asked for before
+    Twine::trace<Sample::numbered>(i);
+  }
+  EXPECT_EQ(textsIn(path).front(), "other 1");
+  EXPECT_EQ(::write(goOn[1], &byte, 1), 1);
+  EXPECT_EQ(ended(child), 0);
+  for (const int end : {traced[0], traced[1], goOn[0], goOn[1]}) ::close(end);
+}
+
+TEST_F(SkeinProcess, ABlockThatADeadChildFilledToItsEndIsCounted) {
+  ringIsOn({.size = 16 * 1024, .multiThreaded = false});
+  const Skein::FileHeader header = headerOf(path);
+  constexpr int emptyOnes = 40;
+  ASSERT_EQ(header.blockSize - sizeof(Skein::BlockHeader),
+            32 + emptyOnes * sizeof(Skein::RecordHeader));
+  const int blocks = static_cast<int>(header.blockCount);
+  const pid_t child = ::fork();
+  if (child == 0) {
+    for (int i = 0; i < blocks; ++i) {
+      Twine::trace<Sample::numbered>(i);
+      for (int j = 0; j < emptyOnes; ++j) Twine::trace<Sample::plain>();
+    }
+    ::_exit(0);
+  }
+  ASSERT_EQ(ended(child), 0);
+  EXPECT_EQ(recordsIn(path).size(), static_cast<std::size_t>(blocks * (emptyOnes + 1)));
+  for (int i = 0; i < blocks * 100; ++i) Twine::trace<Sample::numbered>(i);
+  Skein::Reader reader(path);
+  EXPECT_EQ(recordsOf(reader).size() + reader.counters().overwritten,
+            static_cast<std::size_t>(blocks * (emptyOnes + 1 + 100)));
+  EXPECT_EQ(reader.counters().dropped, 0U);
 }
 
 TEST_F(SkeinProcess, AForkWhileOthersTraceLeavesAWorkingChild) {

@@ -7,12 +7,14 @@
 #include <cerrno>
 #include <ctime>
 #include <locale>
+#include <semaphore>
 #include <set>
 #include <sstream>
 #include <thread>
 
 #include <Lumo/Trace.h>
 
+#include "Process.h"
 #include "TraceFixture.h"
 
 using Lumo::TraceFacility;
@@ -88,6 +90,13 @@ TEST_F(TraceHandleTest, OnByDefaultHoldsUntilASettingNamesTheFacility) {
   Lumo::traceSettingIs("Loud/0");
   EXPECT_FALSE(handle.enabled(9));
   EXPECT_TRUE(handle.enabled(0));
+}
+
+TEST_F(TraceHandleTest, OneLevelOfAFacilityThatIsOnByDefaultLeavesItsOthers) {
+  Lumo::TraceHandle loud("LoudByName", true);
+  Lumo::traceLevelIs("LoudByName", 3, false);
+  EXPECT_FALSE(loud.enabled(3));
+  EXPECT_TRUE(loud.enabled(4));
 }
 
 TEST_F(TraceHandleTest, OneLevelOfEveryFacilityLeavesTheOthersOfOneThatIsOnByDefault) {
@@ -345,6 +354,23 @@ struct Endless {
   }
 };
 
+// Writes itself character by character.
+struct Spelled {
+  std::string text;
+  friend std::ostream& operator<<(std::ostream& out, const Spelled& spelled) {
+    for (const char character : spelled.text) out.put(character);
+    return out;
+  }
+};
+
+TEST_F(TraceHelperTest, ATextMayComeCharacterByCharacter) {
+  textIsOn();
+  std::string text;
+  for (int i = 0; i < 10000; ++i) text += std::to_string(i);
+  Twine::trace<Sample::textSending>(Spelled{text});
+  EXPECT_EQ(recorder.texts(), std::vector<std::string>{"Sending " + text});
+}
+
 // A number as a locale writes it.
 struct Plain {
   int value;
@@ -415,6 +441,37 @@ TEST_F(TraceHelperTest, ASinkMayGoWhileOthersTrace) {
   stop = true;
   tracing.join();
   EXPECT_GE(seen, 40U);
+}
+
+TEST_F(TraceHelperTest, AForkWhileASinkIsReplacedLeavesAChildThatMayReplaceIt) {
+  struct Slow : Lumo::TraceSink {
+    void lineIs(const Lumo::TraceLine&) override {
+      inside.release();
+      goOn.acquire();
+    }
+    std::binary_semaphore inside{0}, goOn{0};
+  } slow;
+  textIsOn();
+  Lumo::traceSinkIs(&slow);
+  std::thread tracing([] { Twine::trace<Sample::textOnly>(); });
+  slow.inside.acquire();
+  std::atomic<bool> replaced{false};
+  std::thread replacing([&] {
+    Lumo::traceSinkIs(&recorder);
+    replaced = true;
+  });
+  while (Lumo::traceSink() != &recorder) std::this_thread::yield();
+  const pid_t child = ::fork();
+  if (child == 0) {
+    ::alarm(60);
+    Lumo::traceSinkIs(nullptr);
+    ::_exit(0);
+  }
+  EXPECT_EQ(ended(child), 0);
+  EXPECT_FALSE(replaced) << "while somebody is inside the old one";
+  slow.goOn.release();
+  replacing.join();
+  tracing.join();
 }
 
 TEST_F(TraceHelperTest, TheErrorNumberOfTheCallerStays) {

@@ -5,11 +5,13 @@
 
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include <Lumo/TraceRecorder.h>
+#include <Skein/Layout.h>
 #include <Skein/Skein.h>
 
 #include "TracePoints.h"
@@ -55,6 +57,26 @@ inline std::size_t sitesIn(const std::string& path) {
   std::size_t count = 0;
   for (const auto& site : reader.sites()) count += site ? 1 : 0;
   return count;
+}
+
+inline Skein::FileHeader headerOf(const std::string& path) {
+  Skein::FileHeader header;
+  std::ifstream(path, std::ios::binary).read(reinterpret_cast<char*>(&header), sizeof header);
+  return header;
+}
+
+// The heads of the blocks that were begun, as they stand in the file.
+inline std::vector<Skein::BlockHeader> blocksIn(const std::string& path) {
+  const Skein::FileHeader header = headerOf(path);
+  std::ifstream file(path, std::ios::binary);
+  std::vector<Skein::BlockHeader> blocks;
+  for (U32 i = 0; i < header.blockCount; ++i) {
+    Skein::BlockHeader block;
+    file.seekg(static_cast<std::streamoff>(header.blocksOffset + U64{i} * header.blockSize));
+    file.read(reinterpret_cast<char*>(&block), sizeof block);
+    if (block.sequence != 0) blocks.push_back(block);
+  }
+  return blocks;
 }
 
 // All tracing off at start and at the end, lines recorded, and a trace file on demand.

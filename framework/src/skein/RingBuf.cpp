@@ -76,7 +76,6 @@ void RingBuf::leaveBlock() {
   reinterpret_cast<BlockHeader*>(block_)->records = records_;
   std::atomic_ref<U32>(reinterpret_cast<BlockHeader*>(block_)->owner)
       .store(0, std::memory_order_release);
-  forgetBlock();
 }
 
 void RingBuf::forgetBlock() {
