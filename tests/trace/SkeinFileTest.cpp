@@ -285,18 +285,47 @@ TEST_F(SkeinFile, SaysWhyItCannotBeMade) {
   EXPECT_TRUE(std::filesystem::is_empty(std::filesystem::path(path).parent_path()));
 }
 
+namespace {
+
+// No file of this process grows beyond `size` while it lives.
+class SmallDisk {
+ public:
+  explicit SmallDisk(rlim_t size) {
+    ::getrlimit(RLIMIT_FSIZE, &before_);
+    rlimit tight = before_;
+    tight.rlim_cur = size;
+    ::signal(SIGXFSZ, SIG_IGN);
+    ::setrlimit(RLIMIT_FSIZE, &tight);
+  }
+  ~SmallDisk() {
+    ::setrlimit(RLIMIT_FSIZE, &before_);
+    ::signal(SIGXFSZ, SIG_DFL);
+  }
+  SmallDisk(const SmallDisk&) = delete;
+  SmallDisk& operator=(const SmallDisk&) = delete;
+
+ private:
+  rlimit before_;
+};
+
+}  // namespace
+
 TEST_F(SkeinFile, LeavesNothingBehindWhereThereIsNoRoomForIt) {
-  rlimit before;
-  ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &before), 0);
-  rlimit tight = before;
-  tight.rlim_cur = 1 << 20;
-  ::signal(SIGXFSZ, SIG_IGN);
-  ::setrlimit(RLIMIT_FSIZE, &tight);
-  // The largest size that is taken.
-  EXPECT_THROW(Skein::TraceHandle(path, {.size = U64{1} << 31}), Lumo::ErrnoException);
-  ::setrlimit(RLIMIT_FSIZE, &before);
-  ::signal(SIGXFSZ, SIG_DFL);
+  {
+    const SmallDisk small(1 << 20);
+    // The largest size that is taken.
+    EXPECT_THROW(Skein::TraceHandle(path, {.size = U64{1} << 31}), Lumo::ErrnoException);
+  }
   EXPECT_TRUE(folder.names().empty());
+}
+
+TEST_F(SkeinFile, ASnapshotLeavesNothingBehindWhereThereIsNoRoomForIt) {
+  ringIsOn({.size = 64 * 1024});
+  {
+    const SmallDisk small(16 * 1024);
+    EXPECT_THROW(Skein::snapshot(*skein->traceFile(), folder.file("frozen")), Lumo::ErrnoException);
+  }
+  EXPECT_EQ(folder.names(), std::vector<std::string>{"trace.skein"});
 }
 
 TEST_F(SkeinFile, AtItsEndNobodyHoldsABlock) {
