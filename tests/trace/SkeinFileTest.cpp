@@ -184,6 +184,24 @@ TEST_F(SkeinFile, LongTextsAreCutAndTheRestOfTheRecordStays) {
   EXPECT_EQ(texts[0].substr(texts[0].size() - 8), "... b=77");
 }
 
+TEST_F(SkeinFile, ATextMayFillABlockToItsEnd) {
+  ringIsOn({.size = 16 * 1024});
+  Twine::trace<Sample::plain>();
+  const std::string text(headerOf(path).blockSize - sizeof(Skein::BlockHeader) -
+                             sizeof(Skein::RecordHeader) - sizeof(U32),
+                         'x');
+  int id = 0;
+  Skein::MsgDesc descriptor(skein->traceFile(), &id, "hand.cpp", 12, true);
+  descriptor.formatString() << text;
+  descriptor << "%s";
+  descriptor.finish();
+  Skein::RingBuf& ring = skein->traceFile()->log(4);
+  ring.startMsg(skein->traceFile(), id);
+  ring.put(text);
+  ring.endMsg();
+  EXPECT_EQ(textsIn(path), (std::vector<std::string>{"Entry", text}));
+}
+
 // A text leaves 64 bytes for what follows it.
 TEST_F(SkeinFile, ARecordFillsABlockAtMost) {
   for (const unsigned numbers : {8U, 9U}) {
@@ -267,8 +285,12 @@ TEST_F(SkeinFile, AReaderGivesItsDescriptorBack) {
     return std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
                          std::filesystem::directory_iterator());
   };
+  std::ofstream(folder.file("foreign")) << "of somebody else";
   const auto before = open();
-  for (int i = 0; i < 3; ++i) Skein::Reader reader(path);
+  for (int i = 0; i < 3; ++i) {
+    Skein::Reader reader(path);
+    EXPECT_THROW(Skein::Reader(folder.file("foreign")), Skein::FileError);
+  }
   EXPECT_EQ(open(), before);
 }
 
