@@ -42,8 +42,10 @@ bool copyBlocks(int descriptor, const FileHeader& header, std::string& bytes) {
     const U64 offset = header.blocksOffset + index * header.blockSize;
     const BlockCopy copy = copyBlock(descriptor, offset, header.blockSize, block.data(), probe);
     if (copy.header.sequence == 0 || copy.header.sequence > begun) continue;
-    if (!copied && copy.committed > sizeof(BlockHeader)) {
-      // One that is left alone, of a writer that is about to take it, is no copy of this moment.
+    // One that is left alone, of a writer that is about to take it, is no copy of this moment, be
+    // it from the lap before or because the writers have gone round meanwhile.
+    const bool ofThisLap = copy.header.sequence + header.blockCount > begun;
+    if (!copied && ofThisLap && copy.committed > sizeof(BlockHeader)) {
       if (blocksBegun(descriptor) >= begun + header.blockCount) return false;
       copied = true;
     }
