@@ -28,14 +28,14 @@ struct GateHookClass {
   void (*check)(const google::protobuf::Any& arg);
 };
 
-constexpr GateHookClass classTable[] = {
+constexpr GateHookClass hookTable[] = {
     {"PcapNg", "pcapng", checkFifo<bess::pb::PcapngArg>},
     {"TcpDump", "tcpdump", checkFifo<bess::pb::TcpdumpArg>},
     {"Track", "track", [](const google::protobuf::Any&) {}},
 };
 
 const GateHookClass& existingClass(const std::string& name) {
-  for (const GateHookClass& row : classTable)
+  for (const GateHookClass& row : hookTable)
     if (name == row.name) return row;
   throw Refusal(ENOENT, "No such gate hook: " + name);
 }

@@ -10,13 +10,13 @@ namespace Standin {
 
 namespace {
 
-constexpr int maxFields = 16;                  // Of one Update or RandomUpdate.
+constexpr int maxChanges = 16;                 // Of one Update or RandomUpdate.
 constexpr int maxTemplates = 64;               // Of one Rewrite.
 constexpr std::uint64_t maxMetadataSize = 32;  // Bytes of one value.
 
 void checkCount(int present, int added) {
-  if (present + added > maxFields)
-    throw Refusal(EINVAL, "max " + std::to_string(maxFields) + " variables can be specified");
+  if (present + added > maxChanges)
+    throw Refusal(EINVAL, "max " + std::to_string(maxChanges) + " variables can be specified");
 }
 
 // A negative offset wraps around, and so passes.

@@ -44,7 +44,7 @@ std::unique_ptr<google::protobuf::Message> make() {
 }
 
 // By number, which begins with 1.
-constexpr Request requests[] = {
+constexpr Request byNumber[] = {
     {"", false, nullptr},
 #define NORV_REQUEST(number, name, rpc, request, response) \
   {#name, changes(#name), make<bess::pb::request>},
@@ -64,7 +64,7 @@ void Journal::note(int number, const google::protobuf::Message& request, int cod
     // What goes on beyond a reset is little: plugins, and whose turn it is. It is kept so long as
     // there is room.
     if (full_) *this = Journal();
-  } else if (full_ || !requests[number].changes ||
+  } else if (full_ || !byNumber[number].changes ||
              (number == Number::moduleCommand && asks(request))) {
     return;
   }
@@ -81,12 +81,12 @@ std::string Journal::lines() const {
         "more has happened than can be dumped (256 MiB); the next resetAll begins anew");
   std::string lines;
   for (const Call& call : calls_) {
-    const auto request = requests[call.number].make();
+    const auto request = byNumber[call.number].make();
     request->ParseFromString(call.request);
     // As a recording has it, cut down to what a load compares.
     const std::string error =
         call.code == 0 ? "" : "\"error\":{\"code\":" + std::to_string(call.code) + "}";
-    lines += std::string("{\"type\":\"") + requests[call.number].name + "\"," +
+    lines += std::string("{\"type\":\"") + byNumber[call.number].name + "\"," +
              requestText(*request) + ",\"response\":{" + error + "}}\n";
   }
   return lines;

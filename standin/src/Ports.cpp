@@ -15,8 +15,8 @@ namespace Standin {
 
 namespace {
 
-constexpr std::uint64_t maxQueueSize = 4096;
-constexpr std::uint64_t defaultQueueSize = 1024;
+constexpr std::uint64_t maxPortQueue = 4096;
+constexpr std::uint64_t usualPortQueue = 1024;
 constexpr std::uint64_t maxDevices = 32;
 constexpr std::uint32_t minMtu = 68;
 constexpr std::uint32_t maxMtu = 2048;
@@ -182,7 +182,7 @@ Port& Ports::create(const bess::pb::CreatePortRequest& request) {
   const std::size_t out = queueCount(request.num_out_q());
   if (inc > driver->maxQueues || out > driver->maxQueues)
     throw Refusal(EINVAL, "Invalid number of queues");
-  if (request.size_inc_q() > maxQueueSize || request.size_out_q() > maxQueueSize)
+  if (request.size_inc_q() > maxPortQueue || request.size_out_q() > maxPortQueue)
     throw Refusal(EINVAL, "Invalid queue size");
   if (find(request.name()) != nullptr)
     throw Refusal(EEXIST, "Port '" + request.name() + "' already exists");
@@ -197,8 +197,8 @@ Port& Ports::create(const bess::pb::CreatePortRequest& request) {
   port->conf.set_mac_addr(randomMac());
   port->conf.set_mtu(1500);
   port->conf.set_admin_up(true);
-  port->incSize = request.size_inc_q() == 0 ? defaultQueueSize : request.size_inc_q();
-  port->outSize = request.size_out_q() == 0 ? defaultQueueSize : request.size_out_q();
+  port->incSize = request.size_inc_q() == 0 ? usualPortQueue : request.size_inc_q();
+  port->outSize = request.size_out_q() == 0 ? usualPortQueue : request.size_out_q();
   port->arg = request.arg();
   port->incUsed.resize(inc);
   port->outUsed.resize(out);

@@ -20,7 +20,6 @@ namespace {
 
 constexpr const char* sections[] = {"plugins",     "workers",         "ports", "modules",
                                     "connections", "traffic_classes", "hooks"};
-constexpr std::int64_t workerLimit = 64;  // ids are below it
 
 template <class Range>
 std::vector<std::string> namesOf(const Range& range) {

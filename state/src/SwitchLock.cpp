@@ -36,15 +36,15 @@ struct flock lockOf(short type) {
 }
 
 // A descriptor that is closed with its scope.
-class Descriptor {
+class OpenFile {
  public:
-  Descriptor(const std::string& file, int flags)
+  OpenFile(const std::string& file, int flags)
       : number_(open(file.c_str(), flags | O_CLOEXEC | O_NOFOLLOW, 0600)) {}
-  ~Descriptor() {
+  ~OpenFile() {
     if (number_ >= 0) close(number_);
   }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
+  OpenFile(const OpenFile&) = delete;
+  OpenFile& operator=(const OpenFile&) = delete;
 
   int number() const { return number_; }
   int release() { return std::exchange(number_, -1); }
@@ -97,7 +97,7 @@ bool SwitchLock::take(const Waits& waits) {
   if (descriptor_ >= 0) return true;
   std::error_code shown;  // with the file
   std::filesystem::create_directories(std::filesystem::path(file_).parent_path(), shown);
-  Descriptor file(file_, O_RDWR | O_CREAT);
+  OpenFile file(file_, O_RDWR | O_CREAT);
   if (file.number() < 0) failFile("cannot write", file_);
   while (true) {
     struct flock lock = lockOf(F_WRLCK);
@@ -117,7 +117,7 @@ bool SwitchLock::take(const Waits& waits) {
 }
 
 std::optional<SwitchLock::Holder> SwitchLock::holder() const {
-  const Descriptor file(file_, O_RDONLY);
+  const OpenFile file(file_, O_RDONLY);
   if (file.number() < 0 && errno == ENOENT) return {};
   if (file.number() < 0) failFile("cannot read", file_);
   return holderOf(file.number(), file_);

@@ -11,7 +11,6 @@ namespace Norv::State {
 namespace {
 
 using Action = Change::Action;
-constexpr std::int64_t workerLimit = 64;
 
 void fill(bess::pb::TrafficClass& message, const Place& place) {
   message.set_parent(place.parent);

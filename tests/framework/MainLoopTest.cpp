@@ -27,11 +27,11 @@ using testing::ElementsAre;
 // Longer than any test takes; a loop that needs it has failed.
 constexpr auto patience = 30s;
 
-class Alarm : public Clock::NotifieeConst {
+class Caller : public Clock::NotifieeConst {
  public:
-  Alarm(const Ptr<Clock const>& clock, std::function<void()> action)
+  Caller(const Ptr<Clock const>& clock, std::function<void()> action)
       : NotifieeConst(clock), action_(std::move(action)) {}
-  ~Alarm() override { doZombieReactor(true); }
+  ~Caller() override { doZombieReactor(true); }
   void onTime() override { action_(); }
 
  private:
@@ -155,9 +155,9 @@ TEST_F(MainLoopTest, MovesItsClock) {
 }
 
 TEST_F(MainLoopTest, CallsTheReactorsOfItsClockWhenTheyAreDue) {
-  Ptr<Alarm> alarm;
+  Ptr<Caller> alarm;
   std::vector<double> times;
-  alarm = Lumo::allocate<Alarm>(loop.clock(), [&] {
+  alarm = Lumo::allocate<Caller>(loop.clock(), [&] {
     times.push_back(loop.clock()->time());
     if (times.size() == 3) return loop.stop();
     alarm->timeoutIs(loop.clock()->time() + 0.005);
@@ -170,9 +170,9 @@ TEST_F(MainLoopTest, CallsTheReactorsOfItsClockWhenTheyAreDue) {
 
 // A handler's request is for the next round, be it for the time at which the clock began.
 TEST_F(MainLoopTest, DoesNotWaitForWhatIsDueLongSince) {
-  Ptr<Alarm> alarm;
+  Ptr<Caller> alarm;
   int calls = 0;
-  alarm = Lumo::allocate<Alarm>(loop.clock(), [&] {
+  alarm = Lumo::allocate<Caller>(loop.clock(), [&] {
     if (++calls == 3) return loop.stop();
     alarm->timeoutIs(0);
   });
@@ -183,7 +183,7 @@ TEST_F(MainLoopTest, DoesNotWaitForWhatIsDueLongSince) {
 // run() has nothing else to wake it: it sleeps for good if a request of another thread is missed.
 TEST_F(MainLoopTest, WakesForATimerThatAnotherThreadSets) {
   std::counting_semaphore<> calls(0);
-  const auto alarm = Lumo::allocate<Alarm>(loop.clock(), [&] { calls.release(); });
+  const auto alarm = Lumo::allocate<Caller>(loop.clock(), [&] { calls.release(); });
   std::thread other([&] {
     bool called = calls.try_acquire_for(patience);
     for (int round = 0; called && round < 500; ++round) {
@@ -202,8 +202,8 @@ TEST_F(MainLoopTest, WakesForATimerThatAnotherThreadSets) {
 
 TEST_F(MainLoopTest, WakesForATimerEarlierThanTheOneItSleepsFor) {
   std::counting_semaphore<> calls(0);
-  const auto early = Lumo::allocate<Alarm>(loop.clock(), [&] { calls.release(); });
-  const auto late = Lumo::allocate<Alarm>(loop.clock(), [] {});
+  const auto early = Lumo::allocate<Caller>(loop.clock(), [&] { calls.release(); });
+  const auto late = Lumo::allocate<Caller>(loop.clock(), [] {});
   std::thread other([&] {
     bool called = calls.try_acquire_for(patience);
     for (int round = 0; called && round < 100; ++round) {
@@ -228,7 +228,7 @@ TEST(MainLoop, LeavesItsClockUsable) {
     clock = loop.clock();
   }
   int calls = 0;
-  const auto alarm = Lumo::allocate<Alarm>(clock, [&] { ++calls; });
+  const auto alarm = Lumo::allocate<Caller>(clock, [&] { ++calls; });
   clock->timeIs(1);
   EXPECT_EQ(calls, 1);
   alarm->timeoutIs(2);  // the first request of all, of which the loop would be told
@@ -283,7 +283,7 @@ TEST(MainLoopDeathTest, RefusesToRunInsideAnActivityAnchor) {
 }
 
 TEST_F(MainLoopTest, ARequestFarAwayDoesNotKeepItBusyOrWakeIt) {
-  const auto alarm = Lumo::allocate<Alarm>(loop.clock(), [&] { log.push_back(1); });
+  const auto alarm = Lumo::allocate<Caller>(loop.clock(), [&] { log.push_back(1); });
   const auto turns = [&](double timeout) {
     {
       const ActivityLockAnchor activity;

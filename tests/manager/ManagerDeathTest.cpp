@@ -35,16 +35,16 @@ void destroyWith(int pointers, Lumo::Condition* condition = nullptr) {
   agent.manager->destroyGrpcClient();
 }
 
-const testing::KilledBySignal aborted(SIGABRT);
+const testing::KilledBySignal endedByAbort(SIGABRT);
 
 TEST_F(ConnectionsMgrDeathTest, AssertsEachOfTheFourInOrder) {
-  EXPECT_EXIT(destroyWith(0), aborted,
+  EXPECT_EXIT(destroyWith(0), endedByAbort,
               "ConnectionsMgr.cpp.*destroyGrpcClient.*`grpcReplyThread\\(\\)' failed");
-  EXPECT_EXIT(destroyWith(1), aborted,
+  EXPECT_EXIT(destroyWith(1), endedByAbort,
               "ConnectionsMgr.cpp.*destroyGrpcClient.*`threadCondition\\(\\)' failed");
-  EXPECT_EXIT(destroyWith(2), aborted,
+  EXPECT_EXIT(destroyWith(2), endedByAbort,
               "ConnectionsMgr.cpp.*destroyGrpcClient.*`threadLock\\(\\)' failed");
-  EXPECT_EXIT(destroyWith(3), aborted,
+  EXPECT_EXIT(destroyWith(3), endedByAbort,
               "ConnectionsMgr.cpp.*destroyGrpcClient.*`client\\(\\)' failed");
 }
 
@@ -52,7 +52,8 @@ TEST_F(ConnectionsMgrDeathTest, DeletesEachBeforeItAsksForTheNext) {
   struct LastWords : Lumo::Condition {
     ~LastWords() override { std::fputs("condition deleted\n", stderr); }
   };
-  EXPECT_EXIT(destroyWith(2, new LastWords()), aborted, "condition deleted\n.*`threadLock\\(\\)'");
+  EXPECT_EXIT(destroyWith(2, new LastWords()), endedByAbort,
+              "condition deleted\n.*`threadLock\\(\\)'");
   EXPECT_EXIT(
       {
         Agent agent;
@@ -60,7 +61,7 @@ TEST_F(ConnectionsMgrDeathTest, DeletesEachBeforeItAsksForTheNext) {
         agent.manager->threadConditionIs(nullptr);
         agent.manager->destroyGrpcClient();
       },
-      aborted, "terminate called without an active exception");
+      endedByAbort, "terminate called without an active exception");
 }
 
 TEST_F(ConnectionsMgrDeathTest, KeptOnPurposeDestroyingAConnectedManagerEndsTheProcess) {
@@ -70,7 +71,7 @@ TEST_F(ConnectionsMgrDeathTest, KeptOnPurposeDestroyingAConnectedManagerEndsTheP
         agent.connect(1);
         agent.manager = nullptr;
       },
-      aborted, "terminate called without an active exception");
+      endedByAbort, "terminate called without an active exception");
 }
 
 TEST_F(ConnectionsMgrDeathTest, NeedsACollection) {

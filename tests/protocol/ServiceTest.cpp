@@ -9,14 +9,14 @@
 
 namespace {
 
-struct Row {
+struct ServiceRow {
   int number;
   const char* rpc;
   const char* request;
   const char* response;
 };
 
-constexpr Row rows[] = {
+constexpr ServiceRow serviceRows[] = {
 #define NORV_REQUEST(number, name, rpc, request, response) {number, #rpc, #request, #response},
 #include <Norv/GrpcRequests.def>
 };
@@ -36,12 +36,12 @@ TEST(Service, HasTheNameThatDaemonsAnswerTo) {
 
 TEST(Service, HasOneMethodPerRequest) {
   ASSERT_NE(service(), nullptr);
-  EXPECT_EQ(service()->method_count(), static_cast<int>(std::size(rows)));
+  EXPECT_EQ(service()->method_count(), static_cast<int>(std::size(serviceRows)));
 }
 
 TEST(Service, MethodsTakeAndAnswerTheMessagesOfTheirRow) {
   ASSERT_NE(service(), nullptr);
-  for (const Row& row : rows) {
+  for (const ServiceRow& row : serviceRows) {
     SCOPED_TRACE(row.rpc);
     const auto* method = service()->FindMethodByName(row.rpc);
     ASSERT_NE(method, nullptr);
@@ -54,7 +54,7 @@ TEST(Service, MethodsTakeAndAnswerTheMessagesOfTheirRow) {
 
 TEST(Service, RequestsAreNumberedInOrder) {
   int expected = 1;
-  for (const Row& row : rows) EXPECT_EQ(row.number, expected++) << row.rpc;
+  for (const ServiceRow& row : serviceRows) EXPECT_EQ(row.number, expected++) << row.rpc;
 }
 
 TEST(Service, MacAddressRequestNamesPortAndAddress) {

@@ -23,9 +23,9 @@ static_assert(std::is_same_v<U64, unsigned long long> && std::is_same_v<U32, uns
               std::is_same_v<U16, unsigned short>);
 
 // Writes down what it is told, and how many entries it sees then.
-class Witness : public CmdConfigGroup::NotifieeConst {
+class GroupWitness : public CmdConfigGroup::NotifieeConst {
  public:
-  explicit Witness(const Lumo::Ptr<CmdConfigGroup>& group) : NotifieeConst(group) {}
+  explicit GroupWitness(const Lumo::Ptr<CmdConfigGroup>& group) : NotifieeConst(group) {}
   void onCmdBatch(U32 index) override {
     changes.push_back(index);
     seen = notifier()->cmdBatchs();
@@ -50,7 +50,7 @@ struct CmdConfigGroupTest : testing::Test {
     witness->changes.clear();
   }
   Lumo::Ptr<CmdConfigGroup> group = CmdConfigGroup::CmdConfigGroupIs("ports");
-  Lumo::Ptr<Witness> witness = Lumo::allocate<Witness>(group);
+  Lumo::Ptr<GroupWitness> witness = Lumo::allocate<GroupWitness>(group);
 };
 
 TEST_F(CmdConfigGroupTest, StartsWithItsDefaults) {
@@ -213,9 +213,9 @@ TEST_F(CmdConfigGroupTest, NeverFiresTheCollectionWideForms) {
 
 TEST_F(CmdConfigGroupTest, TellsNothingWhenDestroyedWithEntries) {
   // A reactor that does not hold the queue, so that the queue can go.
-  class Unheld : public Witness {
+  class Unheld : public GroupWitness {
    public:
-    Unheld(const Lumo::Ptr<CmdConfigGroup>& group, int* gone) : Witness(group), gone_(gone) {
+    Unheld(const Lumo::Ptr<CmdConfigGroup>& group, int* gone) : GroupWitness(group), gone_(gone) {
       group->notifieeList()->newMember(this);
       notifier_ = nullptr;
     }
@@ -274,7 +274,7 @@ void diesHaving(const std::string& state, const std::function<void(CmdConfigGrou
   const auto group = CmdConfigGroup::CmdConfigGroupIs("ports");
   group->cmdBatchEnq(cmd());
   group->cmdBatchEnq(cmd());
-  const auto witness = Lumo::allocate<Witness>(group);
+  const auto witness = Lumo::allocate<GroupWitness>(group);
   EXPECT_DEATH(
       {
         Lumo::FwkEntityReadsPreserve scope(group.ptr());
@@ -308,9 +308,9 @@ TEST(CmdConfigGroupDeathTest, HasMadeTheChangeWhenItAborts) {
 
 // Holds its queue no longer than it takes to follow it, and has the last pointer dropped at the
 // first change it hears of. The queue is there until its mutator is done, so at the others as well.
-class Dropper : public CmdConfigGroup::NotifieeConst {
+class GroupDropper : public CmdConfigGroup::NotifieeConst {
  public:
-  Dropper(Lumo::Ptr<CmdConfigGroup>* last, const bool* gone)
+  GroupDropper(Lumo::Ptr<CmdConfigGroup>* last, const bool* gone)
       : NotifieeConst(*last), last_(last), gone_(gone) {
     notifier_ = nullptr;
   }
@@ -336,7 +336,7 @@ TEST(CmdConfigGroup, LivesUntilItsMutatorIsDoneWhenAHandlerDropsIt) {
     Lumo::Ptr<CmdConfigGroup> group =
         Lumo::allocate<support::Mortal<CmdConfigGroup>>(&gone, "short-lived");
     for (int i = 0; i < 3; ++i) group->cmdBatchEnq(cmd());
-    const auto dropper = Lumo::allocate<Dropper>(&group, &gone);
+    const auto dropper = Lumo::allocate<GroupDropper>(&group, &gone);
     change(*group);
     EXPECT_TRUE(gone);
     return dropper->changes;

@@ -14,9 +14,9 @@ using testing::ElementsAre;
 
 static_assert(std::is_base_of_v<Lumo::Entity, GrpcGlobalCmdConfig>);
 
-class Witness : public GrpcGlobalCmdConfig::NotifieeConst {
+class ConfigWitness : public GrpcGlobalCmdConfig::NotifieeConst {
  public:
-  explicit Witness(const Lumo::Ptr<GrpcGlobalCmdConfig>& config) : NotifieeConst(config) {}
+  explicit ConfigWitness(const Lumo::Ptr<GrpcGlobalCmdConfig>& config) : NotifieeConst(config) {}
   void onCmdConfigGroup(Lumo::Name name) override {
     names.push_back(name.stringValue().stdString());
     present = notifier()->cmdConfigGroupHas(name);
@@ -42,7 +42,7 @@ struct GrpcGlobalCmdConfigTest : testing::Test {
     return names;
   }
   Lumo::Ptr<GrpcGlobalCmdConfig> config = GrpcGlobalCmdConfig::GrpcGlobalCmdConfigIs("all");
-  Lumo::Ptr<Witness> witness = Lumo::allocate<Witness>(config);
+  Lumo::Ptr<ConfigWitness> witness = Lumo::allocate<ConfigWitness>(config);
 };
 
 TEST_F(GrpcGlobalCmdConfigTest, StartsEmptyUnderItsName) {
@@ -155,9 +155,10 @@ TEST_F(GrpcGlobalCmdConfigTest, StepsTheEntityVersionWithEveryMutator) {
 
 TEST_F(GrpcGlobalCmdConfigTest, TellsOfItsEndAndNotOfItsQueues) {
   // A reactor that does not hold the configuration, so that the configuration can go.
-  class Unheld : public Witness {
+  class Unheld : public ConfigWitness {
    public:
-    Unheld(const Lumo::Ptr<GrpcGlobalCmdConfig>& config, int* gone) : Witness(config), gone_(gone) {
+    Unheld(const Lumo::Ptr<GrpcGlobalCmdConfig>& config, int* gone)
+        : ConfigWitness(config), gone_(gone) {
       config->notifieeList()->newMember(this);
       notifier_ = nullptr;
     }
@@ -178,7 +179,8 @@ TEST_F(GrpcGlobalCmdConfigTest, TellsOfItsEndAndNotOfItsQueues) {
 
 // A configuration with the queues "a" and "b" that is changed while its reads are preserved. It
 // dies with the change made.
-void diesHaving(const std::string& names, const std::function<void(GrpcGlobalCmdConfig&)>& change) {
+void diesWithQueues(const std::string& names,
+                    const std::function<void(GrpcGlobalCmdConfig&)>& change) {
   const auto config = GrpcGlobalCmdConfig::GrpcGlobalCmdConfigIs("all");
   config->cmdConfigGroupIs(queue("a"));
   config->cmdConfigGroupIs(queue("b"));
@@ -200,13 +202,13 @@ void diesHaving(const std::string& names, const std::function<void(GrpcGlobalCmd
 
 TEST(GrpcGlobalCmdConfigDeathTest, AbortsWhenChangedUnderPreservedReads) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  diesHaving(" a b c", [](auto& all) { all.cmdConfigGroupIs(queue("c")); });
-  diesHaving(" b", [](auto& all) { all.cmdConfigGroupDel("a"); });
-  diesHaving(" b", [](auto& all) {
+  diesWithQueues(" a b c", [](auto& all) { all.cmdConfigGroupIs(queue("c")); });
+  diesWithQueues(" b", [](auto& all) { all.cmdConfigGroupDel("a"); });
+  diesWithQueues(" b", [](auto& all) {
     auto iterator = all.cmdConfigGroupIterator();
     all.cmdConfigGroupDel(iterator);
   });
-  diesHaving(" b", [](auto& all) { all.cmdConfigGroupDelAll(); });
+  diesWithQueues(" b", [](auto& all) { all.cmdConfigGroupDelAll(); });
   const auto a = queue("a");
   const auto config = GrpcGlobalCmdConfig::GrpcGlobalCmdConfigIs("all");
   config->cmdConfigGroupIs(a);
@@ -237,9 +239,9 @@ TEST_F(GrpcGlobalCmdConfigTest, DeletesNothingByAnIteratorWhoseQueueWasReplaced)
 }
 
 // As the one of CmdConfigGroup's test.
-class Dropper : public GrpcGlobalCmdConfig::NotifieeConst {
+class ConfigDropper : public GrpcGlobalCmdConfig::NotifieeConst {
  public:
-  Dropper(Lumo::Ptr<GrpcGlobalCmdConfig>* last, const bool* gone)
+  ConfigDropper(Lumo::Ptr<GrpcGlobalCmdConfig>* last, const bool* gone)
       : NotifieeConst(*last), last_(last), gone_(gone) {
     notifier_ = nullptr;
   }
@@ -262,7 +264,7 @@ TEST_F(GrpcGlobalCmdConfigTest, LivesUntilItsMutatorIsDoneWhenAHandlerDropsIt) {
     Lumo::Ptr<GrpcGlobalCmdConfig> all =
         Lumo::allocate<support::Mortal<GrpcGlobalCmdConfig>>(&gone, "all");
     for (const char* name : {"a", "b", "c"}) all->cmdConfigGroupIs(queue(name));
-    const auto dropper = Lumo::allocate<Dropper>(&all, &gone);
+    const auto dropper = Lumo::allocate<ConfigDropper>(&all, &gone);
     change(*all);
     EXPECT_TRUE(gone);
     return dropper->changes;

@@ -36,16 +36,17 @@ TEST(ConnectionConfig, KeepsExactlyWhatItIsGiven) {
   }
 }
 
-class Witness : public GrpcErrorHandlingStatus::NotifieeConst {
+class StatusWitness : public GrpcErrorHandlingStatus::NotifieeConst {
  public:
-  explicit Witness(const Lumo::Ptr<GrpcErrorHandlingStatus>& status) : NotifieeConst(status) {}
+  explicit StatusWitness(const Lumo::Ptr<GrpcErrorHandlingStatus>& status)
+      : NotifieeConst(status) {}
   void onErrorOccured() override { seen.push_back(notifier()->errorOccured()); }
   std::vector<bool> seen;
 };
 
 TEST(GrpcErrorHandlingStatus, TellsOfEveryChangeAndNothingElse) {
   const auto status = GrpcErrorHandlingStatus::GrpcErrorHandlingStatusIs();
-  const auto witness = Lumo::allocate<Witness>(status);
+  const auto witness = Lumo::allocate<StatusWitness>(status);
   EXPECT_FALSE(status->errorOccured());
   status->errorOccuredIs(false);
   EXPECT_THAT(witness->seen, testing::ElementsAre());
@@ -66,10 +67,10 @@ TEST(GrpcErrorHandlingStatus, HasNoName) {
 
 TEST(GrpcErrorHandlingStatus, TellsOfItsEndOnce) {
   // A reactor that does not hold the status, so that the status can go.
-  class Unheld : public Witness {
+  class Unheld : public StatusWitness {
    public:
     Unheld(const Lumo::Ptr<GrpcErrorHandlingStatus>& status, int* gone)
-        : Witness(status), gone_(gone) {
+        : StatusWitness(status), gone_(gone) {
       status->notifieeList()->newMember(this);
       notifier_ = nullptr;
     }
@@ -103,7 +104,7 @@ TEST(GrpcErrorHandlingStatusDeathTest, AbortsWhenChangedUnderPreservedReads) {
 TEST(GrpcErrorHandlingStatusDeathTest, HasStoredTheValueAndToldNobodyWhenItAborts) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   const auto status = grpcErrorHandlingStatusFactory();
-  const auto witness = Lumo::allocate<Witness>(status);
+  const auto witness = Lumo::allocate<StatusWitness>(status);
   EXPECT_DEATH(
       {
         Lumo::FwkEntityReadsPreserve scope(status.ptr());
@@ -141,7 +142,7 @@ TEST(GrpcErrorHandlingStatus, LivesUntilItsMutatorIsDoneWhenAHandlerDropsIt) {
 
 TEST(GrpcErrorHandlingStatus, AReactorOfItHearsNothingAsAZombie) {
   const auto status = grpcErrorHandlingStatusFactory();
-  const auto witness = Lumo::allocate<Witness>(status);
+  const auto witness = Lumo::allocate<StatusWitness>(status);
   witness->lumoDoZombieReactors(true);
   EXPECT_TRUE(witness->lumoMarkedForDeletion());
   EXPECT_FALSE(witness->isRegisteredNotifiee());
@@ -154,7 +155,7 @@ TEST(GrpcErrorHandlingStatus, AReactorOfItHearsNothingAsAZombie) {
 
 TEST(GrpcErrorHandlingStatus, AReactorOfItRefusesOtherObjects) {
   const auto status = grpcErrorHandlingStatusFactory();
-  const auto witness = Lumo::allocate<Witness>(status);
+  const auto witness = Lumo::allocate<StatusWitness>(status);
   const Lumo::Ptr<Lumo::PtrInterface const> other = connectionConfigFactory(1, "h");
   EXPECT_THROW(witness->notifierIs(other), Lumo::RangeException);
   EXPECT_EQ(witness->notifier(), status);

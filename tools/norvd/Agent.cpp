@@ -23,16 +23,9 @@ using Norvctl::deathKey;
 namespace {
 
 constexpr double busyTick = 0.005, idleTick = 0.05;  // seconds
-constexpr auto betweenAttempts = 100ms;
+constexpr auto betweenSteps = 100ms;
 // At the end: for what is under way, and for what lets workers run again beside it.
 constexpr auto longestLeave = 200ms, longestWaking = 200ms;
-
-Time now() {
-  return std::chrono::steady_clock::now();
-}
-WallTime wallNow() {
-  return std::chrono::system_clock::now();
-}
 
 // The first objects that are going to be changed, and how many more there are.
 std::string namesOf(const Execution& execution) {
@@ -261,7 +254,7 @@ void Agent::onSilence(const std::string& error) {
                             "); trying again until there is one");
   }
   silence_ = error;
-  nextLook_ = now() + betweenAttempts;
+  nextLook_ = now() + betweenSteps;
 }
 
 // --- carrying out -------------------------------------------------------------------------------

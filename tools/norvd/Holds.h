@@ -13,6 +13,9 @@
 namespace Norvd {
 
 using Time = std::chrono::steady_clock::time_point;
+inline Time now() {
+  return std::chrono::steady_clock::now();
+}
 
 // Objects that have to wait before they are tried again: one that the daemon refused, after growing
 // pauses; one that somebody else changes back each time it is repaired, after growing pauses, too.

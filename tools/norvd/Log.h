@@ -6,6 +6,9 @@
 namespace Norvd {
 
 using WallTime = std::chrono::system_clock::time_point;
+inline WallTime wallNow() {
+  return std::chrono::system_clock::now();
+}
 
 // "2026-03-01T12:00:00Z", in UTC.
 std::string text(WallTime time);

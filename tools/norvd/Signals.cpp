@@ -20,7 +20,7 @@ namespace {
 using namespace std::chrono_literals;
 
 // For the main thread to end the process by itself.
-constexpr auto patience = 700ms;
+constexpr auto lastChance = 700ms;
 
 std::atomic<int> ending{0};
 std::atomic<bool> hangUp{false};
@@ -54,7 +54,7 @@ void handle(int number, void (*handler)(int), int flags) {
 void watchTheEnd() {
   while (sem_wait(&endAsked) != 0 && errno == EINTR) {
   }
-  std::this_thread::sleep_for(patience);
+  std::this_thread::sleep_for(lastChance);
   log(Level::notice, "end: on signal " + std::to_string(ending) + ", in the middle of something");
   _exit(ended);
 }

@@ -21,13 +21,6 @@ constexpr auto betweenTellings = 250ms;
 constexpr auto unusuallyLong = 300ms;  // for a command
 constexpr std::size_t mostSamples = 600;
 
-Time now() {
-  return std::chrono::steady_clock::now();
-}
-WallTime wallNow() {
-  return std::chrono::system_clock::now();
-}
-
 std::string nameOf(Norv::GrpcRequestType type) {
   return stringValue(type).stdString();
 }

@@ -35,8 +35,8 @@ constexpr std::size_t mostWaiting = 64;  // connections
 constexpr std::size_t mostBody = 1024;   // bytes of a request's body: none is needed
 // For a connection, from the beginning to the end of the answer.
 constexpr std::chrono::milliseconds longest = 10s, longestCrowded = 500ms;
-constexpr std::chrono::milliseconds betweenLooks = 50ms;
-constexpr auto betweenAttempts = 2s;
+constexpr std::chrono::milliseconds betweenPolls = 50ms;
+constexpr auto betweenBinds = 2s;
 constexpr auto alive = 10s;  // since the main thread put something on the board
 
 // Threads that serve connections. When too many wait, whoever accepts them waits, too, and the
@@ -140,7 +140,7 @@ class Connection : public httplib::Stream {
       const auto age = std::chrono::steady_clock::now() - begin_;
       if (age > (crowded_() ? longestCrowded : longest)) return false;
       pollfd one{socket_, event, 0};
-      const int found = poll(&one, 1, static_cast<int>(betweenLooks.count()));
+      const int found = poll(&one, 1, static_cast<int>(betweenPolls.count()));
       if (found > 0) return true;
       if (found < 0 && errno != EINTR) return false;
     }
@@ -215,7 +215,7 @@ class Web::Server {
       if (told.empty()) log(Level::warning, "pages: " + text);
       told = text;
       notice_(text);
-      std::this_thread::sleep_for(betweenAttempts);
+      std::this_thread::sleep_for(betweenBinds);
     }
   }
 

@@ -46,10 +46,6 @@ bt_message_iterator_class_next_method_status next(bt_self_message_iterator* iter
                      : BT_MESSAGE_ITERATOR_CLASS_NEXT_METHOD_STATUS_OK;
 }
 
-void check(bool good, const char* step) {
-  if (!good) throw CtfError(std::string("the trace library failed to ") + step);
-}
-
 const bt_component_source* addSource(bt_graph* graph, CtfWriter& writer) {
   bt_message_iterator_class* iterators = bt_message_iterator_class_create(next);
   check(iterators != nullptr, "make an iterator");

@@ -4,10 +4,6 @@
 
 namespace {
 
-void check(bool good, const char* step) {
-  if (!good) throw CtfError(std::string("the trace library failed to ") + step);
-}
-
 template <class T>
 T* made(T* object, const char* what) {
   check(object != nullptr, what);
@@ -54,6 +50,10 @@ void setField(bt_field* field, const Skein::Value& value) {
 }
 
 }  // namespace
+
+void check(bool good, const char* step) {
+  if (!good) throw CtfError(std::string("the trace library failed to ") + step);
+}
 
 CtfWriter::~CtfWriter() {
   for (const auto& [thread, stream] : streams_) bt_stream_put_ref(stream);

@@ -35,7 +35,7 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-constexpr int patience = 5;  // seconds
+constexpr int pagePatience = 5;  // seconds
 
 struct StatusArguments {
   std::string agent = "127.0.0.1:9514";
@@ -48,8 +48,8 @@ std::string fetch(const std::string& agent) {
   const PageAddress address = pageAddress(agent).value();
   httplib::Client client(address.local ? address.host : "http://" + text(address));
   if (address.local) client.set_address_family(AF_UNIX);
-  client.set_connection_timeout(patience);
-  client.set_read_timeout(patience);
+  client.set_connection_timeout(pagePatience);
+  client.set_read_timeout(pagePatience);
   const auto answer = client.Get("/status.json");
   if (!answer) {
     throw std::runtime_error("no norvd answers at " + agent + ": " + to_string(answer.error()) +

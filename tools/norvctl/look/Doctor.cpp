@@ -30,7 +30,7 @@ namespace {
 namespace pb = bess::pb;
 using google::protobuf::Message;
 
-struct Arguments {
+struct DoctorArguments {
   TargetOptions target;
   double timeoutSeconds = 5;
   bool asJson = false;
@@ -247,7 +247,7 @@ void print(const std::vector<Finding>& findings, bool asJson) {
   }
 }
 
-int doctor(const Arguments& arguments) {
+int doctor(const DoctorArguments& arguments) {
   const Target target(arguments.target);
   Direct direct(target.host(), target.port(),
                 std::chrono::ceil<std::chrono::milliseconds>(durationOf(arguments.timeoutSeconds)));
@@ -277,7 +277,7 @@ int doctor(const Arguments& arguments) {
 }
 
 Action defineDoctor(CLI::App& command) {
-  const auto arguments = std::make_shared<Arguments>();
+  const auto arguments = std::make_shared<DoctorArguments>();
   command.add_flag("--json", arguments->asJson, "a JSON object per finding");
   addTarget(command, arguments->target);
   addTimeout(command, arguments->timeoutSeconds, "SECONDS to wait for each answer");

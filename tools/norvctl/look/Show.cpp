@@ -23,7 +23,7 @@ namespace {
 
 using nlohmann::ordered_json;
 
-struct Arguments {
+struct ShowArguments {
   TargetOptions target;
   double timeoutSeconds = 5;
   std::string what = "pipeline";
@@ -61,7 +61,7 @@ ConnectionTexts ratesBetween(const std::vector<Flow>& before, const std::vector<
   return texts;
 }
 
-int showPipeline(Direct& direct, const Arguments& arguments) {
+int showPipeline(Direct& direct, const ShowArguments& arguments) {
   auto modules = readModules(direct);
   const std::vector<Flow> before = connectionFlows(modules);
   const bool counted = std::any_of(before.begin(), before.end(),
@@ -88,7 +88,7 @@ int showPipeline(Direct& direct, const Arguments& arguments) {
   return allOk;
 }
 
-int show(const Arguments& arguments) {
+int show(const ShowArguments& arguments) {
   if ((arguments.dot || arguments.svg) && arguments.what != "pipeline") {
     std::cerr << "norvctl: --dot and --svg are for the pipeline\n";
     return badInput;
@@ -115,7 +115,7 @@ int show(const Arguments& arguments) {
 }
 
 Action defineShow(CLI::App& command) {
-  const auto arguments = std::make_shared<Arguments>();
+  const auto arguments = std::make_shared<ShowArguments>();
   completes(command.add_option("WHAT", arguments->what, listed(names())), names())
       ->check(CLI::IsMember(names()))
       ->type_name("")

@@ -17,7 +17,7 @@ namespace Norvctl {
 
 namespace {
 
-struct Arguments {
+struct WatchArguments {
   TargetOptions target;
   std::string what = "ports";
   bool asJson = false;
@@ -129,7 +129,7 @@ class Screen {
   std::size_t lines_ = 0;
 };
 
-int watch(const Arguments& arguments) {
+int watch(const WatchArguments& arguments) {
   const Target target(arguments.target);
   Direct direct(target.host(), target.port(), std::chrono::milliseconds(2000));
   endOnSignals();
@@ -176,7 +176,7 @@ int watch(const Arguments& arguments) {
 }
 
 Action defineWatch(CLI::App& command) {
-  const auto arguments = std::make_shared<Arguments>();
+  const auto arguments = std::make_shared<WatchArguments>();
   completes(
       command.add_option("WHAT", arguments->what, "ports, tcs, pipeline, or the name of a module"),
       {"ports", "tcs", "pipeline"})

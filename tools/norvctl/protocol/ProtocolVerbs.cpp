@@ -17,13 +17,6 @@ namespace Norvctl {
 
 namespace {
 
-template <class Named>
-std::vector<std::string> namesOf(const std::vector<Named>& all) {
-  std::vector<std::string> names;
-  for (const Named& one : all) names.emplace_back(one.name);
-  return names;
-}
-
 Action defineTypes(CLI::App&) {
   return [] {
     std::printf("%3s  %-27s %-25s %s\n", "", "type", "request", "response");

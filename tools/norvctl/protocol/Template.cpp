@@ -194,13 +194,6 @@ class YamlTemplate {
   std::string out_;
 };
 
-template <class Named>
-std::vector<std::string> namesOf(const std::vector<Named>& all) {
-  std::vector<std::string> names;
-  for (const Named& one : all) names.emplace_back(one.name);
-  return names;
-}
-
 std::string unknown(const std::string& what, const std::string& given,
                     const std::vector<std::string>& names) {
   return "unknown " + what + " \"" + given + "\"; " +

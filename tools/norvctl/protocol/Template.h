@@ -3,10 +3,19 @@
 #include <google/protobuf/descriptor.h>
 
 #include <string>
+#include <vector>
 
 #include "Requests.h"
 
 namespace Norvctl {
+
+// The names of what Bess::Facts tells.
+template <class Named>
+std::vector<std::string> namesOf(const std::vector<Named>& all) {
+  std::vector<std::string> names;
+  for (const Named& one : all) names.emplace_back(one.name);
+  return names;
+}
 
 // What the argument of a template is for; names of Bess::Facts, empty where none is given.
 struct TemplateChoice {

@@ -23,7 +23,7 @@ namespace {
 using google::protobuf::Message;
 using Norv::Agent::CommandReport;
 
-struct Arguments : RunOptions {
+struct CallArguments : RunOptions {
   std::string type;
   std::string body = "{}";
   bool yaml = false;
@@ -73,7 +73,7 @@ class OneReport : public SessionListener {
   bool waiting_ = false;
 };
 
-void print(const Message& response, const Arguments& arguments) {
+void print(const Message& response, const CallArguments& arguments) {
   if (arguments.json) {
     Norvctl::print(messageJson(response, arguments.emitDefaults) + "\n");
   } else if (arguments.yaml) {
@@ -119,7 +119,7 @@ int tellRefusal(int code, const std::string& text) {
   return refused;
 }
 
-int askDirectly(const RequestInfo& info, const Message& request, const Arguments& arguments) {
+int askDirectly(const RequestInfo& info, const Message& request, const CallArguments& arguments) {
   const Target target(arguments.target);
   const auto patience = durationOf(arguments.timeoutSeconds);
   Direct direct(target.host(), target.port(),
@@ -134,7 +134,7 @@ int askDirectly(const RequestInfo& info, const Message& request, const Arguments
   return error.code ? tellRefusal(error.code, error.text) : static_cast<int>(allOk);
 }
 
-[[noreturn]] void send(Step step, const Arguments& arguments) {
+[[noreturn]] void send(Step step, const CallArguments& arguments) {
   const Target target(arguments.target);
   SessionOptions session = sessionOptions(arguments, target);
   session.keepResponses = true;
@@ -158,7 +158,7 @@ int askDirectly(const RequestInfo& info, const Message& request, const Arguments
   leave(end == SessionEnd::interrupted ? 128 + endingSignal() : static_cast<int>(lost));
 }
 
-int call(const Arguments& arguments) {
+int call(const CallArguments& arguments) {
   const RequestInfo* info = requestInfo(arguments.type);
   if (!info) {
     std::cerr << "norvctl: " << escaped(unknownType(arguments.type)) << '\n';
@@ -196,7 +196,7 @@ int call(const Arguments& arguments) {
 }
 
 Action defineCall(CLI::App& command) {
-  const auto arguments = std::make_shared<Arguments>();
+  const auto arguments = std::make_shared<CallArguments>();
   completes(command.add_option("TYPE", arguments->type, "as `norvctl types` lists them"),
             requestNames())
       ->required();

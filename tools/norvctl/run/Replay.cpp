@@ -35,7 +35,7 @@ using google::protobuf::Message;
 using nlohmann::json;
 using nlohmann::ordered_json;
 
-struct Arguments {
+struct ReplayArguments {
   TargetOptions target;
   double timeoutSeconds = 10;
   std::vector<std::string> files;
@@ -149,7 +149,8 @@ std::vector<std::string> differencesOf(std::string_view type, const json& line, 
 
 class Replay {
  public:
-  Replay(const Arguments& arguments, Direct& direct) : arguments_(arguments), direct_(direct) {}
+  Replay(const ReplayArguments& arguments, Direct& direct)
+      : arguments_(arguments), direct_(direct) {}
 
   void file(const std::string& name) {
     LineReader reader(name);
@@ -276,14 +277,14 @@ class Replay {
     }
   }
 
-  const Arguments& arguments_;
+  const ReplayArguments& arguments_;
   Direct& direct_;
   std::size_t calls_ = 0;
   std::size_t different_ = 0;
   std::size_t leftOut_ = 0;
 };
 
-int replay(const Arguments& arguments) {
+int replay(const ReplayArguments& arguments) {
   if (arguments.update && !readableTwice(arguments.files)) {
     std::cerr << "norvctl: --update writes into the files that it reads; give files, not standard "
                  "input or a pipe\n";
@@ -312,7 +313,7 @@ int replay(const Arguments& arguments) {
 }
 
 Action defineReplay(CLI::App& command) {
-  const auto arguments = std::make_shared<Arguments>();
+  const auto arguments = std::make_shared<ReplayArguments>();
   command.add_option("FILE", arguments->files, "recordings, as `norvctl run --record` writes them")
       ->required();
   command.add_flag("--update", arguments->update,

@@ -28,7 +28,7 @@ namespace Norvctl {
 
 namespace {
 
-struct Arguments {
+struct ShellArguments {
   TargetOptions target;
 };
 
@@ -218,7 +218,7 @@ class Shell {
   const Target& target_;
 };
 
-int shell(const Arguments& arguments) {
+int shell(const ShellArguments& arguments) {
   const Target target(arguments.target);
   std::map<std::string, Action> actions;
   const auto app = makeApp(actions);
@@ -234,7 +234,7 @@ int shell(const Arguments& arguments) {
 }
 
 Action defineShell(CLI::App& command) {
-  const auto arguments = std::make_shared<Arguments>();
+  const auto arguments = std::make_shared<ShellArguments>();
   addTarget(command, arguments->target);
   return [arguments] { return shell(*arguments); };
 }

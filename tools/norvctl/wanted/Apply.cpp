@@ -31,7 +31,7 @@ using Norv::State::Plan;
 using Norv::State::Record;
 using Norv::State::StepEnd;
 
-struct Arguments : WantedOptions {
+struct ApplyArguments : WantedOptions {
   SessionOptions session;
   bool yes = false;
   bool dryRun = false;
@@ -42,7 +42,8 @@ struct Arguments : WantedOptions {
 // Passes ends on to the plan, and shows how far it is.
 class Progress : public SessionListener {
  public:
-  Progress(PlanSource& source, const Target& target, std::size_t total, const Arguments& arguments)
+  Progress(PlanSource& source, const Target& target, std::size_t total,
+           const ApplyArguments& arguments)
       : source_(source),
         noAnswer_(target.host(), target.port(), arguments.json),
         bar_(isatty(STDERR_FILENO) && !arguments.json && !arguments.quiet, total) {}
@@ -76,7 +77,7 @@ class Progress : public SessionListener {
 
 class Apply {
  public:
-  explicit Apply(const Arguments& arguments)
+  explicit Apply(const ApplyArguments& arguments)
       : arguments_(arguments),
         target_(arguments.target),
         known_(arguments, target_,
@@ -165,7 +166,7 @@ class Apply {
 
   // A plan on its way. It stays to the end of the process, as the session does.
   struct Carrying {
-    Carrying(const Plan& plan, const Target& target, const Arguments& arguments)
+    Carrying(const Plan& plan, const Target& target, const ApplyArguments& arguments)
         : source(plan, [] { return nullptr; }),
           progress(source, target, plan.commands(), arguments) {}
     PlanSource source;
@@ -405,7 +406,7 @@ class Apply {
 
   bool rolledBack() const { return rollback_ && notRolledBack_.empty(); }
 
-  const Arguments& arguments_;
+  const ApplyArguments& arguments_;
   const Target target_;
   KnownSwitch known_;
   Norv::State::Switch wanted_;
@@ -420,7 +421,7 @@ class Apply {
   std::set<std::string> mayStand_;                  // the switch cannot be read
 };
 
-int apply(const Arguments& arguments) {
+int apply(const ApplyArguments& arguments) {
   if (const std::string reason = simulationReason(); !reason.empty()) {
     std::cerr << "norvctl: " << reason << '\n';
     return badInput;
@@ -429,7 +430,7 @@ int apply(const Arguments& arguments) {
 }
 
 Action defineApply(CLI::App& command) {
-  const auto arguments = std::make_shared<Arguments>();
+  const auto arguments = std::make_shared<ApplyArguments>();
   addWanted(command, *arguments);
   addTarget(command, arguments->target);
   addTimeout(command, arguments->timeoutSeconds, "give up after so many SECONDS; 0 is for ever");

@@ -14,12 +14,12 @@ namespace Norvctl {
 
 namespace {
 
-struct Arguments : WantedOptions {
+struct ExportArguments : WantedOptions {
   bool check = false;
   bool schema = false;
 };
 
-int exportSwitch(const Arguments& arguments) {
+int exportSwitch(const ExportArguments& arguments) {
   const Target target(arguments.target);
   KnownSwitch known(arguments, target);
   const Norv::State::LiveSwitch live = known.read();
@@ -31,7 +31,7 @@ int exportSwitch(const Arguments& arguments) {
         "hooks: no gate tells of any; what there is beside the usual Track of a connection is "
         "missing here");
   }
-  print(arguments.json ? json(now) : document);
+  print(arguments.json ? Norv::State::json(now) : document);
   if (!arguments.quiet) {
     for (const std::string& what : notTold) std::cerr << "norvctl: " << escaped(what) << '\n';
   }
@@ -39,7 +39,7 @@ int exportSwitch(const Arguments& arguments) {
 }
 
 Action defineExport(CLI::App& command) {
-  const auto arguments = std::make_shared<Arguments>();
+  const auto arguments = std::make_shared<ExportArguments>();
   addTarget(command, arguments->target);
   addTimeout(command, arguments->timeoutSeconds,
              "give up when an answer takes so many SECONDS (5)");
@@ -49,7 +49,7 @@ Action defineExport(CLI::App& command) {
   return [arguments] { return exportSwitch(*arguments); };
 }
 
-int check(const Arguments& arguments) {
+int check(const ExportArguments& arguments) {
   const auto document = usableDocument(arguments, nullptr);
   if (!document) return badInput;
   for (const std::string& what : gateWarnings(document->wanted)) {
@@ -60,7 +60,7 @@ int check(const Arguments& arguments) {
   return allOk;
 }
 
-int plan(const Arguments& arguments) {
+int plan(const ExportArguments& arguments) {
   if (arguments.schema) {
     print(Norv::State::jsonSchema());
     return allOk;
@@ -85,7 +85,7 @@ int plan(const Arguments& arguments) {
 }
 
 Action definePlan(CLI::App& command) {
-  const auto arguments = std::make_shared<Arguments>();
+  const auto arguments = std::make_shared<ExportArguments>();
   addWanted(command, *arguments);
   addTarget(command, arguments->target);
   addTimeout(command, arguments->timeoutSeconds,

@@ -18,6 +18,8 @@ namespace Norv::State {
 
 using google::protobuf::Any;
 
+inline constexpr std::int64_t workerLimit = 64;  // ids of workers are below it
+
 struct Worker {
   std::int64_t core = 0;
   std::optional<bool> running;
