@@ -41,6 +41,18 @@ function(norv_own_code target)
   endif()
 endfunction()
 
+# Sources that go to the compiler several at a time: what they include takes longer to read than they do. Not the
+# library's, whose objects are as they were written, one by one. The presets for every day have it on; a release and
+# the clang build take each source alone, and so see that it includes what it needs. g++ takes it for a header's
+# mistake when a class of an included source has a base or member that only that source knows.
+option(NORV_TOGETHER "Compile sources of the tools, their libraries and the tests several at a time" OFF)
+function(norv_together target)
+  set_target_properties(${target} PROPERTIES UNITY_BUILD ${NORV_TOGETHER} UNITY_BUILD_BATCH_SIZE 6)
+  if(NORV_TOGETHER)
+    target_compile_options(${target} PRIVATE $<$<CXX_COMPILER_ID:GNU>:-Wno-subobject-linkage>)
+  endif()
+endfunction()
+
 # What a shared library of ours exports is stated, see exports.map, whatever the compiler inlines. For its object
 # libraries, too. Nobody replaces a function of a library inside the library: its own calls may be direct. The
 # description of its binary interface is taken from its debug information, which has all types.
