@@ -236,6 +236,29 @@ TEST(MainLoop, LeavesItsClockUsable) {
   EXPECT_EQ(calls, 2);
 }
 
+TEST(MainLoop, MayEndWhileAnotherThreadSetsATimer) {
+  std::atomic<bool> stop{false};
+  std::atomic<int> rounds{0};
+  std::thread other;
+  {
+    MainLoop loop;
+    other = std::thread([&, clock = loop.clock()] {
+      Ptr<Caller> alarm;
+      for (double time = 1e6; !stop; time -= 1) {
+        const ActivityLockAnchor activity;
+        if (!alarm) alarm = Lumo::allocate<Caller>(clock, [] {});
+        alarm->timeoutIs(time);
+        ++rounds;
+      }
+      const ActivityLockAnchor activity;
+      alarm = nullptr;
+    });
+    while (rounds < 3) std::this_thread::yield();
+  }
+  stop = true;
+  other.join();
+}
+
 TEST_F(MainLoopTest, AnExceptionOfATaskLeavesTheRestPosted) {
   loop.post(entry(1));
   loop.post([] { throw std::runtime_error("task"); });

@@ -85,6 +85,22 @@ TEST_F(NotifieeListTest, OneThatWasEnteredByHandLeavesAloneAtItsEnd) {
   }
 }
 
+TEST_F(NotifieeListTest, SeveralThreadsMayEnterByHand) {
+  const auto enter = [] {
+    const auto own = thing(), other = thing();
+    Reactor::Log unused;
+    const auto reactor = Lumo::allocate<Reactor>(own, &unused, 0);
+    for (int round = 0; round < 1000; ++round) {
+      other->notifieeList()->newMember(reactor.ptr());
+      other->notifieeList()->deleteMember(reactor.ptr());
+    }
+    EXPECT_EQ(other->notifieeList()->members(), 0U);
+  };
+  std::thread another(enter);
+  enter();
+  another.join();
+}
+
 TEST_F(NotifieeListTest, DeletingWhatIsNotAMemberDoesNothing) {
   add(1);
   const auto other = thing();

@@ -115,6 +115,18 @@ TEST_F(SkeinThreads, FilesComeAndGoWhileThreadsTrace) {
   }
 }
 
+TEST_F(SkeinThreads, SeveralMayMakeFilesAtOnce) {
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i) {
+    threads.emplace_back([&, i] {
+      const std::string own = folder.file("own" + std::to_string(i));
+      for (int round = 0; round < 20; ++round) Skein::TraceHandle(own, {.size = 16 * 1024});
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(folder.names(), (std::vector<std::string>{"own0", "own1", "own2", "own3"}));
+}
+
 TEST_F(SkeinThreads, AReaderBesideWritersSeesOnlyWholeRecords) {
   ringIsOn({.size = 32 * 1024});
   const Writers writers(2, [](int i) {
