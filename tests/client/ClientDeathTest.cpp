@@ -1,11 +1,9 @@
 // How a process ends that hands the client what it cannot send, in every build type.
 
 #include <gtest/gtest.h>
-#include <support/AtAbort.h>
+#include <support/Abort.h>
 #include <support/Eventually.h>
 #include <support/FakeDaemon.h>
-
-#include <csignal>
 
 #include <Lumo/Trace.h>
 #include <Norv/GrpcClient.h>
@@ -14,6 +12,7 @@
 namespace {
 
 using namespace Norv;
+using support::aborted;
 using support::FakeDaemon;
 
 struct ClientDeathTest : testing::Test {
@@ -38,8 +37,6 @@ const char* const unknownType = "sendRequestInternal.*false && \"unknown request
 const char* const invalidRequest =
     "sendRequestCommon.*Request = bess::pb::EmptyRequest. Response = bess::pb::EmptyResponse.*"
     "request && \"Found an invalid Grpc Request\"";
-
-const testing::KilledBySignal aborted(SIGABRT);
 
 TEST_F(ClientDeathTest, AbortsOnATypeWithoutAnRpc) {
   EXPECT_EXIT(die(unknown, new bess::pb::EmptyRequest()), aborted, unknownType);

@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <support/Abort.h>
 #include <support/Commands.h>
 #include <support/Eventually.h>
 #include <support/FakeDaemon.h>
@@ -9,7 +10,6 @@
 #include <support/TraceRecorder.h>
 
 #include <cerrno>
-#include <csignal>
 #include <thread>
 
 #include <Lumo/Trace.h>
@@ -150,7 +150,7 @@ TEST_F(ClientOnThePlatformDeathTest, AWaitThatFailsEndsTheProcess) {
         });
         std::thread([&] { shared.client.doProcessGrpcCmd(); }).join();
       },
-      testing::KilledBySignal(SIGABRT), "Condition variable wait failed");
+      support::aborted, "Condition variable wait failed");
 }
 
 }  // namespace

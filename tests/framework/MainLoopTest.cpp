@@ -1,11 +1,11 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <support/ThisProcess.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <filesystem>
 #include <functional>
 #include <limits>
 #include <semaphore>
@@ -338,13 +338,9 @@ TEST(MainLoop, RunsWhereStandardInputIsClosed) {
 }
 
 TEST(MainLoop, GivesItsDescriptorsBack) {
-  const auto open = [] {
-    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
-                         std::filesystem::directory_iterator());
-  };
-  const auto before = open();
+  const auto before = support::openDescriptors();
   for (int i = 0; i < 3; ++i) MainLoop();
-  EXPECT_EQ(open(), before);
+  EXPECT_EQ(support::openDescriptors(), before);
 }
 
 TEST(MainLoop, RaisesAndKeepsNothingWhereDescriptorsRunOut) {

@@ -2,9 +2,9 @@
 
 #include <grpcpp/grpcpp.h>
 #include <gtest/gtest.h>
+#include <support/Abort.h>
 #include <support/Agent.h>
 
-#include <csignal>
 #include <cstdio>
 
 #include <Norv/GrpcClient.h>
@@ -12,6 +12,7 @@
 namespace {
 
 using namespace Norv;
+using support::aborted;
 using support::Agent;
 using support::Environment;
 
@@ -35,16 +36,14 @@ void destroyWith(int pointers, Lumo::Condition* condition = nullptr) {
   agent.manager->destroyGrpcClient();
 }
 
-const testing::KilledBySignal endedByAbort(SIGABRT);
-
 TEST_F(ConnectionsMgrDeathTest, AssertsEachOfTheFourInOrder) {
-  EXPECT_EXIT(destroyWith(0), endedByAbort,
+  EXPECT_EXIT(destroyWith(0), aborted,
               "ConnectionsMgr.cpp.*destroyGrpcClient.*`grpcReplyThread\\(\\)' failed");
-  EXPECT_EXIT(destroyWith(1), endedByAbort,
+  EXPECT_EXIT(destroyWith(1), aborted,
               "ConnectionsMgr.cpp.*destroyGrpcClient.*`threadCondition\\(\\)' failed");
-  EXPECT_EXIT(destroyWith(2), endedByAbort,
+  EXPECT_EXIT(destroyWith(2), aborted,
               "ConnectionsMgr.cpp.*destroyGrpcClient.*`threadLock\\(\\)' failed");
-  EXPECT_EXIT(destroyWith(3), endedByAbort,
+  EXPECT_EXIT(destroyWith(3), aborted,
               "ConnectionsMgr.cpp.*destroyGrpcClient.*`client\\(\\)' failed");
 }
 
@@ -52,8 +51,7 @@ TEST_F(ConnectionsMgrDeathTest, DeletesEachBeforeItAsksForTheNext) {
   struct LastWords : Lumo::Condition {
     ~LastWords() override { std::fputs("condition deleted\n", stderr); }
   };
-  EXPECT_EXIT(destroyWith(2, new LastWords()), endedByAbort,
-              "condition deleted\n.*`threadLock\\(\\)'");
+  EXPECT_EXIT(destroyWith(2, new LastWords()), aborted, "condition deleted\n.*`threadLock\\(\\)'");
   EXPECT_EXIT(
       {
         Agent agent;
@@ -61,7 +59,7 @@ TEST_F(ConnectionsMgrDeathTest, DeletesEachBeforeItAsksForTheNext) {
         agent.manager->threadConditionIs(nullptr);
         agent.manager->destroyGrpcClient();
       },
-      endedByAbort, "terminate called without an active exception");
+      aborted, "terminate called without an active exception");
 }
 
 TEST_F(ConnectionsMgrDeathTest, KeptOnPurposeDestroyingAConnectedManagerEndsTheProcess) {
@@ -71,7 +69,7 @@ TEST_F(ConnectionsMgrDeathTest, KeptOnPurposeDestroyingAConnectedManagerEndsTheP
         agent.connect(1);
         agent.manager = nullptr;
       },
-      endedByAbort, "terminate called without an active exception");
+      aborted, "terminate called without an active exception");
 }
 
 TEST_F(ConnectionsMgrDeathTest, NeedsACollection) {

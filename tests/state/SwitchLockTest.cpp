@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <support/ThisProcess.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -116,18 +117,14 @@ TEST_F(SwitchLockTest, OneThatCannotWriteItsNameHasItAllTheSame) {
 }
 
 TEST_F(SwitchLockTest, KeepsNoFileOpenThatIsNotItsOwn) {
-  const auto open = [] {
-    const auto files = std::filesystem::directory_iterator("/proc/self/fd");
-    return std::distance(begin(files), end(files));
-  };
   SwitchLock first(folder_, address, "norvd");
-  const auto before = open();
+  const auto before = support::openDescriptors();
   ASSERT_TRUE(first.take());
-  EXPECT_EQ(open(), before + 1);
+  EXPECT_EQ(support::openDescriptors(), before + 1);
   SwitchLock second(folder_, address, "norvctl apply");
   EXPECT_FALSE(second.take());
   EXPECT_TRUE(second.holder());
-  EXPECT_EQ(open(), before + 1);
+  EXPECT_EQ(support::openDescriptors(), before + 1);
 }
 
 TEST_F(SwitchLockTest, AFolderThatCannotBeIsTold) {

@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <support/ThisProcess.h>
 #include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -281,17 +282,13 @@ TEST_F(SkeinFile, ReplacesAnOlderFileOfItsNameWithoutTouchingIt) {
 
 TEST_F(SkeinFile, AReaderGivesItsDescriptorBack) {
   ringIsOn();
-  const auto open = [] {
-    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
-                         std::filesystem::directory_iterator());
-  };
   std::ofstream(folder.file("foreign")) << "of somebody else";
-  const auto before = open();
+  const auto before = support::openDescriptors();
   for (int i = 0; i < 3; ++i) {
     Skein::Reader reader(path);
     EXPECT_THROW(Skein::Reader(folder.file("foreign")), Skein::FileError);
   }
-  EXPECT_EQ(open(), before);
+  EXPECT_EQ(support::openDescriptors(), before);
 }
 
 TEST_F(SkeinFile, SaysWhyItCannotBeMade) {

@@ -1,6 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <support/AtAbort.h>
+#include <support/Abort.h>
 #include <support/Mortal.h>
 
 #include <functional>

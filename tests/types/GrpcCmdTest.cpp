@@ -1,5 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <support/Abort.h>
 #include <support/Commands.h>
 #include <support/TraceRecorder.h>
 
@@ -166,7 +167,7 @@ TEST(GrpcCmdDeathTest, LetsNoExceptionOutOfItsDestruction) {
           std::_Exit(0);
         }
       },
-      testing::KilledBySignal(SIGABRT), "terminate.*(.|\n)*sink");
+      support::aborted, "terminate.*(.|\n)*sink");
 }
 
 TEST(GrpcCmdDeathTest, EndsTheProcessWhenItsDestructionThrows) {

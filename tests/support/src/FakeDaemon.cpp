@@ -7,6 +7,7 @@
 #include <condition_variable>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <thread>
 
 #include <bess/pb/service.pb.h>
@@ -55,11 +56,15 @@ grpc::ByteBuffer buffer(const std::string& bytes) {
 class FakeDaemon::Impl {
  public:
   explicit Impl(unsigned short port) {
-    grpc::ServerBuilder builder;
-    builder.AddListeningPort("127.0.0.1:" + std::to_string(port), grpc::InsecureServerCredentials(),
-                             &port_);
-    builder.RegisterCallbackGenericService(&service_);
-    server_ = builder.BuildAndStart();
+    do {
+      grpc::ServerBuilder builder;
+      builder.AddListeningPort("127.0.0.1:" + std::to_string(port),
+                               grpc::InsecureServerCredentials(), &port_);
+      server_ = nullptr;
+      service_ = std::make_unique<Service>(this);
+      builder.RegisterCallbackGenericService(service_.get());
+      server_ = builder.BuildAndStart();
+    } while (!isNew(port_) && port == 0);
   }
   ~Impl() { shutdown(); }
 
@@ -122,6 +127,15 @@ class FakeDaemon::Impl {
     Impl* const daemon_;
   };
 
+  // Workers outlive the tests that they were started in and go on calling where they did: a port is
+  // that of one daemon only, but for one that comes back to it.
+  static bool isNew(int port) {
+    static std::mutex mutex;
+    static std::set<int> before;
+    std::lock_guard guard(mutex);
+    return before.insert(port).second;
+  }
+
   void answering(std::function<void()> work) {
     {
       std::lock_guard guard(mutex_);
@@ -183,7 +197,7 @@ class FakeDaemon::Impl {
   int mostAtOnce_ = 0;
   bool held_ = false;
   int port_ = 0;
-  Service service_{this};
+  std::unique_ptr<Service> service_;
   std::unique_ptr<grpc::Server> server_;
 };
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <csignal>
 #include <cstdio>
 #include <functional>
@@ -14,6 +16,9 @@ inline void atAbort(std::function<std::string()> state) {
   kept = std::move(state);
   std::signal(SIGABRT, [](int) { std::fputs((kept() + "\n").c_str(), stderr); });
 }
+
+// How a death test expects a process to end that an assertion stops.
+inline const testing::KilledBySignal aborted(SIGABRT);
 
 inline const char* const readsPreserved = "!Lumo::FwkEntityReadsPreserve::anyActive\\( this \\)";
 
