@@ -4,6 +4,7 @@ import os
 import re
 import signal
 import tempfile
+import time
 
 import harness
 from harness import Standin, equal, norvctl
@@ -163,6 +164,45 @@ def test_interrupting_whatever_the_editor_does():
         os.kill(session.popen.pid, signal.SIGINT)
     session.command("\x15describe Sink", "Sink: module class")
     equal(leave(session), 0)
+
+
+def test_interrupting_between_the_candidates():
+    home()
+    session = Session()
+    session.type("describe \t\t")
+    session.wait_for("WorkerSplitArg[^>]*> describe ")
+    session.type("\x03")
+    session.wait_for("norvctl [^ ]*> ")
+    session.command("describe Sink", "Sink: module class")
+    equal(leave(session), 0)
+
+
+def test_interrupting_where_the_output_is_no_terminal():
+    home()
+    # The other end of the pipe is to see the end of what the shell writes.
+    command = f'trap "" INT; {harness.NORVCTL} shell --standin | cat'
+    session = Terminal("-c", command, program="/bin/sh", input=True)
+    session.type("describe Sink\n")
+    session.wait_for("Sink: module class")
+    until = time.monotonic() + harness.PATIENCE
+    while session.popen.poll() is None and time.monotonic() < until:
+        session.type("\x03")  # the first may still be for the command
+        time.sleep(0.1)
+    equal(session.finish(), 0)
+
+
+def test_letters_of_every_language():
+    for locale, word in (("C.UTF-8", "desc\u0414"), ("C", "desc")):
+        home()
+        os.environ["LC_ALL"] = locale
+        session = Session()
+        session.command("describe Sink", "Sink: module class")
+        # Each byte would be a key with Meta to the editor: one seeks in the history.
+        session.type("desc\u0414\n")
+        session.wait_for(f'neither verb nor type: "{word}"')
+        session.command('createModule {"mclass":"Sink","name":"\u0414"}', "name")
+        equal(leave(session), 0)
+    del os.environ["LC_ALL"]
 
 
 harness.main()

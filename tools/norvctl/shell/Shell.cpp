@@ -8,12 +8,15 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <atomic>
+#include <clocale>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <cwchar>
 #include <filesystem>
 #include <iostream>
+#include <limits>
 #include <optional>
 
 #include "../Options.h"
@@ -34,10 +37,14 @@ struct ShellArguments {
 
 Completer* completer = nullptr;
 std::string earlierLines;  // of the command whose next line is edited
-volatile sig_atomic_t interrupted = 0;
+std::atomic<bool> interrupted = false;
 
 void onInterrupt(int) {
-  interrupted = 1;
+  interrupted = true;
+}
+
+bool onTerminal() {
+  return isatty(STDIN_FILENO) && isatty(STDOUT_FILENO);
 }
 
 // For the line editor: the next key, or the end of the line once there was a ^C, which may come at
@@ -55,7 +62,12 @@ int nextKey(FILE* terminal) {
     wchar_t key = 0;
     const std::size_t used = std::mbrtowc(&key, &byte, 1, &state);
     if (used == static_cast<std::size_t>(-2)) continue;  // more bytes belong to it
-    return used <= 1 ? static_cast<int>(key) : static_cast<unsigned char>(byte);
+    // What is no character here would be a key with Meta to the editor.
+    if (used == static_cast<std::size_t>(-1)) {
+      state = {};
+      continue;
+    }
+    return static_cast<int>(key);
   }
   return '\n';
 }
@@ -93,9 +105,9 @@ std::string historyFile() {
 // Lines from a terminal, edited and remembered, or from anything else as they are.
 class Input {
  public:
-  explicit Input(const std::string& prompt)
-      : prompt_(prompt), terminal_(isatty(STDIN_FILENO) && isatty(STDOUT_FILENO)) {
+  explicit Input(const std::string& prompt) : prompt_(prompt), terminal_(onTerminal()) {
     if (!terminal_) return;
+    std::setlocale(LC_CTYPE, "");  // what a character is
     rl_readline_name = const_cast<char*>("norvctl");
     rl_catch_signals = 0;  // ^C is ours, see nextKey
     rl_getc_function = nextKey;
@@ -103,6 +115,7 @@ class Input {
     static char breaks[] = " \t\"{}[]:,=";
     rl_completer_word_break_characters = breaks;
     rl_attempted_completion_function = complete;
+    rl_completion_query_items = std::numeric_limits<int>::max();  // its question hears no ^C
     using_history();
     stifle_history(1000);
     if (const std::string file = historyFile(); !file.empty()) read_history(file.c_str());
@@ -119,7 +132,7 @@ class Input {
       earlierLines = text.empty() ? "" : text + "\n";
       std::optional<std::string> line = nextLine(text.empty() ? prompt_ : "... ");
       if (!line) return text.empty() ? std::nullopt : std::optional(text);
-      if (std::exchange(interrupted, 0)) {
+      if (interrupted.exchange(false)) {
         text.clear();
         continue;
       }
@@ -194,7 +207,7 @@ class Shell {
     std::fflush(stdout);
     // A process of its own: whatever becomes of it, the shell stays.
     const int status = runSelfHere(words);
-    if (std::exchange(interrupted, 0)) std::printf("\n");  // that was for the command
+    if (interrupted.exchange(false)) std::printf("\n");  // that was for the command
     if (status == 128 + SIGABRT) {
       std::fprintf(stderr, "norvctl: the process of this command was ended by an assertion\n");
     }
@@ -228,7 +241,7 @@ int shell(const ShellArguments& arguments) {
   action.sa_handler = onInterrupt;
   // On a terminal what the editor writes goes on, and a line is given up between two keys; from
   // anything else a signal ends the wait for a line, and with it the shell.
-  action.sa_flags = isatty(STDIN_FILENO) ? SA_RESTART : 0;
+  action.sa_flags = onTerminal() ? SA_RESTART : 0;
   sigaction(SIGINT, &action, nullptr);
   return Shell(*app, target).run();
 }
