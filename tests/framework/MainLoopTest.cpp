@@ -236,6 +236,7 @@ TEST(MainLoop, LeavesItsClockUsable) {
   EXPECT_EQ(calls, 2);
 }
 
+// Whether the clock still asks the loop that has gone is seen by the address sanitizer.
 TEST(MainLoop, MayEndWhileAnotherThreadSetsATimer) {
   std::atomic<bool> stop{false};
   std::atomic<int> rounds{0};

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <barrier>
 #include <random>
 #include <stdexcept>
 #include <thread>
@@ -85,11 +86,14 @@ TEST_F(NotifieeListTest, OneThatWasEnteredByHandLeavesAloneAtItsEnd) {
   }
 }
 
+// What they would disturb of each other is seen by the thread sanitizer.
 TEST_F(NotifieeListTest, SeveralThreadsMayEnterByHand) {
-  const auto enter = [] {
+  std::barrier together(2);
+  const auto enter = [&] {
     const auto own = thing(), other = thing();
     Reactor::Log unused;
     const auto reactor = Lumo::allocate<Reactor>(own, &unused, 0);
+    together.arrive_and_wait();
     for (int round = 0; round < 1000; ++round) {
       other->notifieeList()->newMember(reactor.ptr());
       other->notifieeList()->deleteMember(reactor.ptr());

@@ -154,8 +154,9 @@ TEST(ConditionOnThePlatform, RaisesWhenItCannotSignal) {
 
 TEST(MainLoopOnThePlatform, WaitsWhereNothingIsDue) {
   Lumo::MainLoop loop;
+  const int before = waits;
   std::thread runner([&] { loop.run(); });
-  EXPECT_TRUE(support::eventually([] { return waits > 0; }));
+  EXPECT_TRUE(support::eventually([&] { return waits > before; }));
   loop.stop();
   runner.join();
 }

@@ -430,7 +430,6 @@ TEST_F(SkeinFile, ASnapshotKeepsWhatWasThere) {
                Lumo::ErrnoException);
 }
 
-// At every record of several rounds of the ring: a reader finds nothing of a block's former use.
 TEST_F(SkeinFile, ASnapshotThatCannotBeWrittenSaysSoAndLeavesNothing) {
   ringIsOn();
   std::filesystem::create_directory(folder.file("taken"));
@@ -444,6 +443,7 @@ TEST_F(SkeinFile, AnErrorFromBeforeIsNotTheSnapshots) {
   EXPECT_NO_THROW(Skein::snapshot(*skein->traceFile(), folder.file("frozen")));
 }
 
+// At every record of several rounds of the ring: a reader finds nothing of a block's former use.
 TEST_F(SkeinFile, ARecordInTheMakingLooksLikeNone) {
   ringIsOn({.size = 16 * 1024});
   Twine::trace<Sample::numbered>(-1);
