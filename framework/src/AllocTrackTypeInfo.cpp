@@ -61,7 +61,6 @@ ThreadCounts* takeCounts() {
   if (unused == allCounts.end()) return nullptr;
   ownCounts = &*unused;
   static thread_local AtThreadEnd atThreadEnd;
-  static_cast<void>(&atThreadEnd);
   return ownCounts;
 }
 

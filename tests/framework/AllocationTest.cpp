@@ -207,6 +207,36 @@ TEST_F(AllocationTest, TwoSnapshotsShowWhatHappenedBetween) {
   EXPECT_EQ(change[0].bytes, 2 * sizeof(sample::Thing));
 }
 
+TEST_F(AllocationTest, WhatOnlyCameOrOnlyWentIsADifference) {
+  auto thing = sample::thing();
+  const auto whileItLives = Lumo::allocTrackSnapshot();
+  thing = nullptr;
+  const auto after = Lumo::allocTrackSnapshot();
+  const auto gone = Lumo::allocTrackDifference(whileItLives, after);
+  ASSERT_EQ(gone.size(), 1U);
+  EXPECT_EQ(gone[0].allocations, 0U);
+  EXPECT_EQ(gone[0].deallocations, 1U);
+  const auto kept = sample::thing();
+  const auto come = Lumo::allocTrackDifference(after, Lumo::allocTrackSnapshot());
+  ASSERT_EQ(come.size(), 1U);
+  EXPECT_EQ(come[0].allocations, 1U);
+  EXPECT_EQ(come[0].deallocations, 0U);
+}
+
+// Of which nothing but arrays are made.
+class OnlyInArrays : public PtrInterface {
+  LUMO_OBJECT(OnlyInArrays)
+};
+constinit const Lumo::LumoType OnlyInArrays::_lumoType("OnlyInArrays");
+
+TEST_F(AllocationTest, AClassThatIsMadeInArraysAloneIsListed) {
+  const auto array = std::make_unique<OnlyInArrays[]>(2);
+  const auto rows = Lumo::allocTrackSnapshot();
+  EXPECT_TRUE(std::any_of(rows.begin(), rows.end(), [](const AllocTrackRow& row) {
+    return row.typeName.ends_with("OnlyInArrays") && row.live() == 1;
+  }));
+}
+
 TEST_F(AllocationTest, SnapshotsAreSortedByName) {
   const auto a = sample::thing();
   const auto b = Lumo::allocate<Tracked>();

@@ -181,6 +181,13 @@ TEST_F(NotifieeTest, MovesToTheListOfANewNotifier) {
   EXPECT_THAT(log, ElementsAre(1));
 }
 
+TEST_F(NotifieeTest, KeepsItsPlaceWithTheNotifierThatItHas) {
+  const auto second = Lumo::allocate<Reactor>(followed, &log, 2);
+  reactor->notifierIs(followed);
+  change();
+  EXPECT_THAT(log, ElementsAre(1, 2));
+}
+
 TEST_F(NotifieeTest, StaysUnregisteredWithANewNotifier) {
   const auto other = thing("other");
   reactor->isRegisteredNotifieeIs(false);

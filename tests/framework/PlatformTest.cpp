@@ -86,6 +86,18 @@ TEST(LockOnThePlatform, SetsUpAnErrorCheckingMutexOfTheProcess) {
                                  "pthread_mutex_destroy 0"));
 }
 
+TEST(ConditionOnThePlatform, IsMadeAndGivenBack) {
+  std::vector<std::string> calls;
+  const void* condition = nullptr;
+  const Platform platform([&](const char* called, const void* object, int) {
+    if (object == condition || called == std::string("pthread_cond_init")) calls.push_back(called);
+    if (!condition) condition = object;
+    return std::nullopt;
+  });
+  { const Condition made; }
+  EXPECT_THAT(calls, ElementsAre("pthread_cond_init", "pthread_cond_destroy"));
+}
+
 // An object in memory that is all zero, which is a mutex or a condition already.
 template <class T>
 class Zeroed {

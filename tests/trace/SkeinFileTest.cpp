@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <ctime>
 #include <fstream>
 #include <thread>
 
@@ -278,6 +279,21 @@ TEST_F(SkeinFile, ReplacesAnOlderFileOfItsNameWithoutTouchingIt) {
     EXPECT_EQ(recordsOf(reader).size(), 2U) << "the first handle still writes its own file";
     EXPECT_TRUE(recordsIn(path).empty());
   }
+}
+
+TEST_F(SkeinFile, KnowsBothClocksAtItsBeginning) {
+  const auto now = [](clockid_t clock) {
+    timespec time;
+    ::clock_gettime(clock, &time);
+    return static_cast<U64>(time.tv_sec) * 1'000'000'000 + static_cast<U64>(time.tv_nsec);
+  };
+  const U64 wall = now(CLOCK_REALTIME), monotonic = now(CLOCK_MONOTONIC);
+  ringIsOn();
+  const Skein::FileHeader header = headerOf(path);
+  EXPECT_GE(header.wallNs, wall);
+  EXPECT_LE(header.wallNs, now(CLOCK_REALTIME));
+  EXPECT_GE(header.monotonicNs, monotonic);
+  EXPECT_LE(header.monotonicNs, now(CLOCK_MONOTONIC));
 }
 
 TEST_F(SkeinFile, AReaderGivesItsDescriptorBack) {

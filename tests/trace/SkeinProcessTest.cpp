@@ -1,3 +1,4 @@
+#include <barrier>
 #include <cerrno>
 #include <chrono>
 #include <map>
@@ -123,6 +124,24 @@ TEST_F(SkeinProcess, AForkedChildWritesBesideItsParent) {
       EXPECT_EQ(block.ordinal, ++last[block.writer]) << "of writer " << block.writer;
     }
   }
+}
+
+// Whether it touches what is gone is seen by the address sanitizer.
+TEST_F(SkeinProcess, AForkedChildPassesOverFilesThatOthersTracedInto) {
+  std::barrier step(2);
+  ringIsOn();
+  std::thread tracing([&] {
+    Twine::trace<Sample::plain>();
+    step.arrive_and_wait();
+    step.arrive_and_wait();
+  });
+  step.arrive_and_wait();
+  skein = nullptr;
+  const pid_t child = ::fork();
+  if (child == 0) ::_exit(0);
+  EXPECT_EQ(ended(child), 0);
+  step.arrive_and_wait();
+  tracing.join();
 }
 
 TEST_F(SkeinProcess, BlocksOfDeadChildrenComeBack) {
