@@ -1,5 +1,7 @@
 """ci/gates with a ./dev that only writes down what it is asked for: what is run, what is passed over, how it ends."""
 
+import os
+
 import scratch
 from scratch import equal, has
 
@@ -48,14 +50,46 @@ def test_it_is_run_again_on_other_sources_also_where_they_are_not_committed():
     made.write("source", "two\n")
     made.run("ci/gates", "form")
     made.write("another", "new\n")
+    made.git("add", "another")
     made.run("ci/gates", "form")
     equal(asked(made), ["form"] * 3)
-    equal(made.git("status", "--short"), " M source\n?? another\n")
+    equal(made.git("status", "--short"), "A  another\n M source\n")
     # As it was committed, nothing is left to do.
     made.git("add", "--all")
     made.git("commit", "--quiet", "--message", "two")
     made.run("ci/gates", "form")
     equal(asked(made), ["form"] * 3)
+
+
+def test_a_file_that_git_does_not_know_is_an_error():
+    made = tree()
+    made.write("another", "new\n")
+    status, said = made.run("ci/gates", "form")
+    equal(status, 1)
+    has(said, "git does not know another")
+    assert not os.path.exists(made.inside("asked")), said
+
+
+def test_what_was_run_on_changing_sources_is_run_again():
+    made = tree()
+    made.write("dev", "#!/bin/sh\necho \"$*\" >>asked\necho more >>source\n", 0o755)
+    made.commit()
+    status, said = made.run("ci/gates", "form")
+    equal(status, 0)
+    has(said, "the sources have changed meanwhile")
+    made.run("ci/gates", "form")
+    equal(asked(made), ["form"] * 2)
+
+
+def test_what_could_not_be_tried_has_not_passed():
+    made = tree()
+    made.write("dev", "#!/bin/sh\necho \"$*\" >>asked\necho no room here\nexit 77\n", 0o755)
+    made.commit()
+    for _ in range(2):
+        status, said = made.run("ci/gates", "package")
+        equal(status, 77)
+        has(said, "SKIPPED", ": no room here", "1 gates could not be tried here: package")
+    equal(asked(made), ["package"] * 2)
 
 
 def test_the_others_go_on_after_one_that_fails():
