@@ -154,11 +154,15 @@ def race_in(library, code, instrumented):
     return outcome(source, "thread", "TSAN_OPTIONS", "tsan.supp", library, code, instrumented)
 
 
+RACY_LIBRARIES = ["libgrpc.so", "libgpr.so", "libabsl_base.so", "libupb.so"]
+CALLED_FROM = ["libgrpc.so", "libgrpc++.so", "libgpr.so", "libprotobuf.so", "libcares.so"]
+
+
 def test_a_race_within_a_library_is_passed_over():
-    for library in ("libgrpc.so", "libgpr.so", "libabsl_base.so", "libupb.so"):
+    for library in RACY_LIBRARIES:
         good, said = race_in(library, ADDS, instrumented=True)
         assert good, f"{library}: {said}"
-    for library in ("libgrpc.so", "libgrpc++.so", "libgpr.so", "libprotobuf.so", "libcares.so"):
+    for library in CALLED_FROM:
         good, said = race_in(library, COPIES, instrumented=False)
         assert good, f"{library}: {said}"
 
@@ -251,10 +255,31 @@ def test_what_the_resolver_keeps_may_leak_and_no_library_of_ours():
             has(said, "detected memory leaks", "keep()")
 
 
+def lines_of(name):
+    with open(os.path.join(scratch.SOURCES, "ci", name), encoding="utf-8") as file:
+        return file.read().splitlines()
+
+
+def rules_of(name):
+    return sorted(line for line in lines_of(name) if line and not line.startswith("#"))
+
+
+def test_each_rule_is_tried():
+    """Those of the tests above, and no other."""
+    equal(rules_of("tsan.supp"), sorted(
+        [f"called_from_lib:{library}" for library in CALLED_FROM]
+        + [f"race:{library.split('.')[0].split('_')[0]}" for library in RACY_LIBRARIES]
+        + [f"race:^{namespace}" + ("" if "Daemon" in namespace else "::") for namespace in NAMESPACES]
+        + ["race:^grpc_", "race:^std::_Function_handler<void (), grpc::"]
+        + ["thread:libgpr", "mutex:^google::protobuf::internal::MapField"]))
+    equal(rules_of("lsan.supp"), sorted([
+        "leak:^Norv::ConnectionsMgr::Connecting::startWorker()$", "leak:^void Norv::GrpcClient::sendRequestCommon<",
+        "leak:libcares.so"]))
+
+
 def test_each_rule_has_its_reason():
     for name in ("tsan.supp", "lsan.supp"):
-        with open(os.path.join(scratch.SOURCES, "ci", name), encoding="utf-8") as file:
-            lines = file.read().splitlines()
+        lines = lines_of(name)
         bare = [line for before, line in zip([""] + lines, lines)
                 if line and not line.startswith("#") and not before.startswith("#")]
         equal(bare, [])

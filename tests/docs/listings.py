@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
-"""Writes the C++ listings of documents to a folder, each under the name in its first line, `// name: ...`.
+"""Writes the C++ listings of documents to a folder, each under the name in its first line, `// name: ...`, which it
+has to have.
 Prints the names. Arguments: folder, documents."""
 
 import os
@@ -12,7 +13,11 @@ def main():
     listings = []
     for document in documents:
         with open(document, encoding="utf-8") as file:
-            listings += re.findall(r"^```cpp\n(// (\w+): .*?)^```", file.read(), flags=re.M | re.S)
+            text = file.read()
+        named = re.findall(r"^```cpp\n(// (\w+): .*?)^```", text, flags=re.M | re.S)
+        if len(named) != len(re.findall(r"^ *```(?:cpp|c\+\+)", text, flags=re.M)):
+            sys.exit(f"{document}: a listing does not begin with // NAME: and what it shows")
+        listings += named
     os.makedirs(folder, exist_ok=True)
     for text, name in listings:
         path = os.path.join(folder, name + ".cpp")
