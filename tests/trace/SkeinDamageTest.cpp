@@ -136,6 +136,29 @@ TEST_F(SkeinDamage, AWrongLengthEndsItsBlockAndIsReported) {
   }
 }
 
+TEST_F(SkeinDamage, ADamagedBlockIsReportedOnce) {
+  writeBytes(path, withCommit(Skein::commitWord(commit >> 32, 1, 8)));
+  Skein::Reader reader(path);
+  for (int look = 0; look < 3; ++look) {
+    recordsOf(reader);
+    EXPECT_NE(reader.problem().find("damaged in 1 place"), std::string::npos) << look;
+  }
+}
+
+TEST_F(SkeinDamage, BlocksMayEndWithTheFileAndNotBehindIt) {
+  Skein::FileHeader header;
+  std::memcpy(&header, whole.data(), sizeof header);
+  const U64 end = header.blocksOffset + U64{header.blockSize} * header.blockCount;
+  const auto findingWith = [&](U64 size) {
+    std::string bytes = whole;
+    std::memcpy(bytes.data() + offsetof(Skein::FileHeader, fileSize), &size, sizeof size);
+    return findingOf(bytes);
+  };
+  EXPECT_EQ(findingWith(end).error, "");
+  EXPECT_EQ(findingWith(end).records.size(), 0U + recordCount);
+  EXPECT_NE(findingWith(end - 1).error.find("its header contradicts itself"), std::string::npos);
+}
+
 TEST_F(SkeinDamage, ALeftoverOfAnotherLapIsNotARecord) {
   const U64 leftover = Skein::commitWord((commit >> 32) + 1, 1, Skein::committedLength(commit));
   const Finding finding = findingOf(withCommit(leftover));

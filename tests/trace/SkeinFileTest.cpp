@@ -296,6 +296,20 @@ TEST_F(SkeinFile, KnowsBothClocksAtItsBeginning) {
   EXPECT_LE(header.monotonicNs, now(CLOCK_MONOTONIC));
 }
 
+TEST_F(SkeinFile, ARecordHasItsTime) {
+  ringIsOn();
+  Twine::trace<Sample::numbered>(1);
+  Twine::trace<Sample::numbered>(2);
+  const auto records = recordsIn(path);
+  const U64 atTheBeginning = headerOf(path).monotonicNs;
+  EXPECT_GE(records[0].monotonicNs, atTheBeginning);
+  EXPECT_GE(records[1].monotonicNs, records[0].monotonicNs);
+  timespec now;
+  ::clock_gettime(CLOCK_MONOTONIC, &now);
+  EXPECT_LE(records[1].monotonicNs,
+            static_cast<U64>(now.tv_sec) * 1'000'000'000 + static_cast<U64>(now.tv_nsec));
+}
+
 TEST_F(SkeinFile, AReaderGivesItsDescriptorBack) {
   ringIsOn();
   std::ofstream(folder.file("foreign")) << "of somebody else";
@@ -303,6 +317,17 @@ TEST_F(SkeinFile, AReaderGivesItsDescriptorBack) {
   for (int i = 0; i < 3; ++i) {
     Skein::Reader reader(path);
     EXPECT_THROW(Skein::Reader(folder.file("foreign")), Skein::FileError);
+  }
+  EXPECT_EQ(support::openDescriptors(), before);
+}
+
+TEST_F(SkeinFile, OneThatIsMadeOrCannotBeGivesItsDescriptorBack) {
+  std::filesystem::create_directory(folder.file("taken"));
+  const auto before = support::openDescriptors();
+  for (int i = 0; i < 3; ++i) {
+    ringIsOn();
+    skein = nullptr;
+    EXPECT_THROW(Skein::TraceHandle(folder.file("taken")), Lumo::ErrnoException);
   }
   EXPECT_EQ(support::openDescriptors(), before);
 }

@@ -43,6 +43,29 @@ class Writers {
 
 }  // namespace
 
+// Of those that were dropped none has begun a block, though each has asked for one.
+TEST_F(SkeinThreads, ASnapshotOfARingWhoseBlocksAreAllHeldHasTheirRecords) {
+  ringIsOn({.size = 16 * 1024});
+  const int blocks = static_cast<int>(headerOf(path).blockCount);
+  std::barrier step(blocks + 1);
+  std::vector<std::thread> holders;
+  for (int i = 0; i < blocks; ++i) {
+    holders.emplace_back([&step, i] {
+      Twine::trace<Sample::numbered>(i);
+      step.arrive_and_wait();
+      step.arrive_and_wait();
+    });
+  }
+  step.arrive_and_wait();
+  for (int i = 0; i < 100; ++i) Twine::trace<Sample::plain>();
+  Skein::snapshot(*skein->traceFile(), folder.file("frozen"));
+  step.arrive_and_wait();
+  for (std::thread& holder : holders) holder.join();
+  Skein::Reader frozen(folder.file("frozen"));
+  EXPECT_EQ(recordsOf(frozen).size(), static_cast<std::size_t>(blocks));
+  EXPECT_EQ(frozen.counters().dropped, 100U);
+}
+
 TEST_F(SkeinThreads, EachThreadsRecordsComeCompleteAndInOrder) {
   ringIsOn({.size = 8 << 20});
   std::vector<std::thread> threads;

@@ -16,6 +16,7 @@ namespace {
 
 constexpr U64 longestCarry = 1000000;       // ns
 constexpr U64 calibrationNeeds = 10000000;  // ns
+constexpr U64 longestReading = 5000;        // ticks: of both clocks, one after the other
 
 U64 kernelNs() {
   timespec now;
@@ -100,6 +101,8 @@ U64 RecordClock::now() {
 
 U64 RecordClock::fromKernel(U64 ticks) {
   const U64 ns = kernelNs();
+  // Where the thread was interrupted between the two clocks, their readings do not belong together.
+  if (readTicks() - ticks > longestReading) return ns;
   if (tickLength.load(std::memory_order_relaxed) == 0) calibration.measure(ticks, ns);
   anchorTicks_ = ticks;
   anchorNs_ = ns;
