@@ -10,6 +10,7 @@
 #include <ctime>
 #include <fstream>
 #include <thread>
+#include <utility>
 
 #include "TraceFixture.h"
 
@@ -88,6 +89,33 @@ TEST_F(SkeinFile, ATextWithoutPlacesIsFollowedByItsArguments) {
   ring.put(5);
   ring.endMsg();
   EXPECT_EQ(textsIn(path), std::vector<std::string>{"load in %s: 5"});
+}
+
+// As when a library is unloaded and another one comes to its place.
+TEST_F(SkeinFile, ANumberThatIsUsedAgainIsAnotherPoint) {
+  ringIsOn();
+  int id = 0;
+  logByHand(skein->traceFile(), &id, 1, 12);
+  const int first = std::exchange(id, 0);
+  logByHand(skein->traceFile(), &id, 2, 13);
+  EXPECT_NE(id, first);
+  id = 0;
+  logByHand(skein->traceFile(), &id, 3, 12);
+  EXPECT_EQ(id, first);
+  EXPECT_EQ(sitesIn(path), 2U);
+}
+
+TEST_F(SkeinFile, AThreadMayWriteTwoByTurns) {
+  ringIsOn({.size = 64 * 1024});
+  Skein::TraceHandle another(folder.file("another"), {.size = 64 * 1024});
+  for (int i = 0; i < 500; ++i) {
+    Twine::trace<Sample::numbered>(i);
+    Skein::defaultSkeinHandleIs(&another);
+    Twine::trace<Sample::numbered>(-i);
+    Skein::defaultSkeinHandleIs(skein.get());
+  }
+  EXPECT_EQ(recordsIn(path).size(), 500U);
+  EXPECT_EQ(recordsIn(folder.file("another")).size(), 500U);
 }
 
 TEST_F(SkeinFile, ADescriptorMayHaveNoTextAtAll) {
@@ -422,6 +450,15 @@ TEST_F(SkeinFile, WhatNoLivingProcessHoldsOfItsMakingIsClearedAway) {
   Skein::snapshot(*skein->traceFile(), frozen);
   EXPECT_FALSE(std::filesystem::exists(frozen + ".new-1-1"));
   EXPECT_TRUE(std::filesystem::exists(frozen));
+}
+
+TEST_F(SkeinFile, NamesThatOthersHaveArePassedOver) {
+  const std::string ours = path + ".new-" + std::to_string(::getpid()) + "-";
+  for (int serial = 1; serial < 5000; ++serial) {
+    std::ofstream(ours + std::to_string(serial)) << "somebody's";
+  }
+  ringIsOn();
+  EXPECT_EQ(folder.names().size(), 5000U);
 }
 
 TEST_F(SkeinFile, WhatOnlyLooksLikeItsMakingIsLeftAlone) {

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cerrno>
 #include <ctime>
+#include <iomanip>
 #include <locale>
 #include <semaphore>
 #include <set>
@@ -31,7 +32,7 @@ TEST_F(TraceFacilityTest, EverythingIsOffByDefault) {
 }
 
 TEST_F(TraceFacilityTest, ASettingNamesFacilitiesAndLevels) {
-  EXPECT_TRUE(Lumo::traceSettingIs("Sample/0-5,Other/*, Third/7"));
+  EXPECT_TRUE(Lumo::traceSettingIs(" Sample/0-5 ,Other/*,  Third/7  "));
   EXPECT_TRUE(TraceFacility::levelEnabled({"Sample", 5}));
   EXPECT_FALSE(TraceFacility::levelEnabled({"Sample", 6}));
   EXPECT_TRUE(TraceFacility::levelEnabled({"Other", 9}));
@@ -190,14 +191,14 @@ TEST_F(TraceHelperTest, AStreamComesBackEmptyAndPlain) {
     auto* helper = Lumo::TraceHelper::createIfEnabled(Sample::handle(), 5, storage);
     Lumo::EnsureTraceHelperIsDestroyed ensure(helper);
     std::ostream& out = helper->stringstream();
-    out << 255 << ' ' << 1.5 << ' ' << 1000000;
+    out << 255 << std::setw(4) << 7 << ' ' << 1.5 << ' ' << 1000000;
     helper->trace("f", 1, "g");
     out << std::hex << std::string(100000, 'x');
     out.fill('*');
     out.width(20);
     out.setstate(std::ios_base::failbit);
   }
-  EXPECT_EQ(recorder.texts(), (std::vector<std::string>{"255 1.5 1000000", "255 1.5 1000000"}));
+  EXPECT_EQ(recorder.texts(), std::vector<std::string>(2, "255   7 1.5 1000000"));
 }
 
 namespace {
@@ -305,6 +306,8 @@ TEST(TraceLine, ShowsWhatIsNoPlainCharacter) {
   EXPECT_EQ(shown("\xff \x9b \xc3"), R"(\xff \x9b \xc3)");
   EXPECT_EQ(shown("\xc0\x80 \xe0\x80\x80 \xf0\x80\x80\x80"),
             R"(\xc0\x80 \xe0\x80\x80 \xf0\x80\x80\x80)");
+  EXPECT_EQ(shown("\xe0\x9f\xbf \xf0\x8f\xbf\xbf"), R"(\xe0\x9f\xbf \xf0\x8f\xbf\xbf)");
+  EXPECT_EQ(shown("\xe0\xa0\x80 \xf0\x90\x80\x80"), "\xe0\xa0\x80 \xf0\x90\x80\x80");
   EXPECT_EQ(shown("\xed\xa0\x80 \xf4\x90\x80\x80 \xf5"), R"(\xed\xa0\x80 \xf4\x90\x80\x80 \xf5)");
   EXPECT_EQ(shown("\xe2\x28\x82"), R"(\xe2(\x82)");
   EXPECT_EQ(shown("\n\r\t\\"), R"(\n\r\t\\)");
@@ -450,17 +453,20 @@ TEST_F(TraceHelperTest, AForkWhileASinkIsReplacedLeavesAChildThatMayReplaceIt) {
       goOn.acquire();
     }
     std::binary_semaphore inside{0}, goOn{0};
-  } slow;
+  } old, fresh;
   textIsOn();
-  Lumo::traceSinkIs(&slow);
-  std::thread tracing([] { Twine::trace<Sample::textOnly>(); });
-  slow.inside.acquire();
+  Lumo::traceSinkIs(&old);
+  const auto trace = [] { Twine::trace<Sample::textOnly>(); };
+  std::thread tracing(trace);
+  old.inside.acquire();
   std::atomic<bool> replaced{false};
   std::thread replacing([&] {
-    Lumo::traceSinkIs(&recorder);
+    Lumo::traceSinkIs(&fresh);
     replaced = true;
   });
-  while (Lumo::traceSink() != &recorder) std::this_thread::yield();
+  while (Lumo::traceSink() != &fresh) std::this_thread::yield();
+  std::thread newcomer(trace);
+  fresh.inside.acquire();
   const pid_t child = ::fork();
   if (child == 0) {
     ::alarm(60);
@@ -469,9 +475,28 @@ TEST_F(TraceHelperTest, AForkWhileASinkIsReplacedLeavesAChildThatMayReplaceIt) {
   }
   EXPECT_EQ(ended(child), 0);
   EXPECT_FALSE(replaced) << "while somebody is inside the old one";
-  slow.goOn.release();
-  replacing.join();
-  tracing.join();
+  old.goOn.release();
+  fresh.goOn.release();
+  for (std::thread* thread : {&tracing, &newcomer, &replacing}) thread->join();
+}
+
+TEST_F(TraceHelperTest, AForkedChildMayWriteToStandardErrorAsItsParent) {
+  textIsOn();
+  Lumo::traceSinkIs(nullptr);
+  const int kept = ::dup(STDERR_FILENO);
+  const int nowhere = ::open("/dev/null", O_WRONLY);
+  ::dup2(nowhere, STDERR_FILENO);
+  Twine::trace<Sample::textOnly>();
+  const pid_t child = ::fork();
+  if (child == 0) {
+    ::alarm(60);
+    Twine::trace<Sample::textOnly>();
+    ::_exit(0);
+  }
+  ::dup2(kept, STDERR_FILENO);
+  ::close(nowhere);
+  ::close(kept);
+  EXPECT_EQ(ended(child), 0);
 }
 
 TEST_F(TraceHelperTest, TheErrorNumberOfTheCallerStays) {

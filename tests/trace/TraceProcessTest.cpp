@@ -136,6 +136,10 @@ TEST(TraceProcess, ALineWaitsForAPipeThatIsFullAndDoesNotBlock) {
   };
   EXPECT_TRUE(support::eventually([&] { return state() == 'S' || state() == 'Z'; }));
   EXPECT_EQ(state(), 'S');
+  ::kill(child, SIGUSR1);  // an interruption is not the end of the wait
+  ASSERT_EQ(::read(told[0], part, 1), 1);
+  EXPECT_TRUE(support::eventually([&] { return state() == 'S' || state() == 'Z'; }));
+  EXPECT_EQ(state(), 'S');
   std::string text;
   for (ssize_t count; (count = ::read(ends[0], part, sizeof part)) > 0;) {
     text.append(part, static_cast<std::size_t>(count));

@@ -1,6 +1,7 @@
 // Traces on demand, for tests that look at a process from outside.
 //   trace_program text                one line of text, as LUMO_TRACE allows
-//   trace_program told                the same, after a word to standard output
+//   trace_program told                the same, after a letter to standard output; another one for
+//                                     each SIGUSR1
 //   trace_program errno FILE          ends well if records leave the error number alone
 //   trace_program threads             long lines from four threads
 //   trace_program late                lines from destructors while the process exits
@@ -223,6 +224,9 @@ int main(int count, char** words) {
     return 0;
   }
   if (mode == "told") {
+    struct sigaction action {};
+    action.sa_handler = [](int) { std::ignore = ::write(STDOUT_FILENO, "y", 1); };
+    ::sigaction(SIGUSR1, &action, nullptr);
     if (::write(STDOUT_FILENO, "x", 1) != 1) return 1;
     Twine::trace<Sample::textOnly>();
     return 0;

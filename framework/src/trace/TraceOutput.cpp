@@ -150,12 +150,12 @@ Character firstCharacter(std::string_view text) {
   return {code, length};
 }
 
-// Whether a terminal would obey the character instead of showing it: control characters, line and
-// paragraph ends, and what turns the direction of writing (UAX #9).
+// Whether a terminal would obey the character, which is none of ASCII, instead of showing it:
+// control characters, line and paragraph ends, and what turns the direction of writing (UAX #9).
 bool commandsTerminal(U32 code) {
   const auto within = [code](U32 first, U32 last) { return code >= first && code <= last; };
-  return code < 0x20 || within(0x7f, 0x9f) || code == 0x61c || within(0x200e, 0x200f) ||
-         within(0x2028, 0x202e) || within(0x2066, 0x2069);
+  return within(0x80, 0x9f) || code == 0x61c || within(0x200e, 0x200f) || within(0x2028, 0x202e) ||
+         within(0x2066, 0x2069);
 }
 
 void appendHexadecimal(std::string& out, U32 value, int digits) {
