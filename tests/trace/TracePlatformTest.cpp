@@ -4,6 +4,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
@@ -20,6 +21,9 @@ namespace {
 int clockReads = 0;
 // Asked before a read; a result stands for that of the read.
 std::function<std::optional<ssize_t>(int file, void* bytes, std::size_t size, off_t offset)> onRead;
+
+// How much is written at once at most.
+std::size_t mostAtOnce = ~std::size_t{0};
 
 U64 kernelNs() {
   timespec time;
@@ -41,11 +45,18 @@ extern "C" ssize_t pread(int file, void* bytes, std::size_t size, off_t offset) 
   return ::syscall(SYS_pread64, file, bytes, size, offset);
 }
 
+extern "C" ssize_t write(int file, const void* bytes, std::size_t size) {
+  return ::syscall(SYS_write, file, bytes, std::min(size, mostAtOnce));
+}
+
 namespace {
 
 class TraceOnThePlatform : public TraceTest {
  protected:
-  ~TraceOnThePlatform() override { onRead = nullptr; }
+  ~TraceOnThePlatform() override {
+    onRead = nullptr;
+    mostAtOnce = ~std::size_t{0};
+  }
 };
 
 TEST_F(TraceOnThePlatform, TimesKeepToTheKernelsClock) {
@@ -88,6 +99,15 @@ TEST_F(TraceOnThePlatform, AReadThatIsInterruptedGoesOn) {
     return -1;
   };
   EXPECT_EQ(textsIn(path), std::vector<std::string>{"n=1"});
+}
+
+TEST_F(TraceOnThePlatform, ASnapshotIsWrittenInAsManyPiecesAsItTakes) {
+  ringIsOn();
+  for (int i = 0; i < 100; ++i) Twine::trace<Sample::numbered>(i);
+  mostAtOnce = 1000;
+  Skein::snapshot(*skein->traceFile(), folder.file("frozen"));
+  EXPECT_EQ(textsIn(folder.file("frozen")), textsIn(path));
+  EXPECT_EQ(std::filesystem::file_size(folder.file("frozen")), std::filesystem::file_size(path));
 }
 
 // A writer clears what was left behind its last record, before it commits that one.

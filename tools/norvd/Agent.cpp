@@ -23,7 +23,7 @@ using Norvctl::deathKey;
 namespace {
 
 constexpr double busyTick = 0.005, idleTick = 0.05;  // seconds
-constexpr auto betweenSteps = 100ms;
+constexpr auto betweenLooks = 100ms;
 // At the end: for what is under way, and for what lets workers run again beside it.
 constexpr auto longestLeave = 200ms, longestWaking = 200ms;
 
@@ -254,7 +254,7 @@ void Agent::onSilence(const std::string& error) {
                             "); trying again until there is one");
   }
   silence_ = error;
-  nextLook_ = now() + betweenSteps;
+  nextLook_ = now() + betweenLooks;
 }
 
 // --- carrying out -------------------------------------------------------------------------------

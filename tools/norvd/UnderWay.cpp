@@ -13,7 +13,7 @@ namespace Norvd {
 namespace {
 
 // The first byte says how it ended, then come the note and a line's end.
-constexpr char alive = ' ';
+constexpr char goesOn = ' ';
 constexpr char deadly = '!';
 constexpr char broken = '*';
 
@@ -41,16 +41,16 @@ std::optional<UnderWay::Death> UnderWay::takeDeath() {
   const ssize_t length = pread(file_, text.data(), text.size(), 0);
   text.resize(length > 0 ? static_cast<std::size_t>(length) : 0);
   noteIs("");
-  const char how = text.empty() ? alive : text.front();
+  const char how = text.empty() ? goesOn : text.front();
   const std::size_t end = std::min(text.find('\n'), text.size());
-  if (how == alive || (how == deadly && end == 1)) return {};
+  if (how == goesOn || (how == deadly && end == 1)) return {};
   return Death{text.substr(1, end - 1), how == broken};
 }
 
 void UnderWay::noteIs(const std::string& note) {
   const std::lock_guard guard(mutex_);
   if (file_ < 0 || dead_) return;
-  const std::string whole = alive + note.substr(0, most) + "\n";
+  const std::string whole = goesOn + note.substr(0, most) + "\n";
   error_ = pwrite(file_, whole.data(), whole.size(), 0) < 0 ? errno : 0;
 }
 

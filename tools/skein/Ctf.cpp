@@ -48,23 +48,23 @@ bt_message_iterator_class_next_method_status next(bt_self_message_iterator* iter
 
 const bt_component_source* addSource(bt_graph* graph, CtfWriter& writer) {
   bt_message_iterator_class* iterators = bt_message_iterator_class_create(next);
-  check(iterators != nullptr, "make an iterator");
+  checkStep(iterators != nullptr, "make an iterator");
   bt_component_class_source* sources = bt_component_class_source_create("skein", iterators);
   bt_message_iterator_class_put_ref(iterators);
-  check(sources != nullptr, "make a source");
+  checkStep(sources != nullptr, "make a source");
   bt_component_class_source_set_initialize_method(sources, initialize);
   const bt_component_source* source = nullptr;
   const auto status = bt_graph_add_source_component_with_initialize_method_data(
       graph, sources, "skein", nullptr, &writer, BT_LOGGING_LEVEL_NONE, &source);
   bt_component_class_source_put_ref(sources);
-  check(status == BT_GRAPH_ADD_COMPONENT_STATUS_OK, "take the recording");
+  checkStep(status == BT_GRAPH_ADD_COMPONENT_STATUS_OK, "take the recording");
   return source;
 }
 
 const bt_component_sink* addSink(bt_graph* graph, const std::string& folder) {
   const bt_plugin* plugin = nullptr;
   bt_plugin_find("ctf", BT_TRUE, BT_TRUE, BT_TRUE, BT_TRUE, BT_FALSE, &plugin);
-  check(plugin != nullptr, "find its ctf plugin: install libbabeltrace2-0");
+  checkStep(plugin != nullptr, "find its ctf plugin: install libbabeltrace2-0");
   const bt_component_class_sink* sinks =
       bt_plugin_borrow_sink_component_class_by_name_const(plugin, "fs");
   bt_value* parameters = bt_value_map_create();
@@ -79,14 +79,14 @@ const bt_component_sink* addSink(bt_graph* graph, const std::string& folder) {
   }
   bt_value_put_ref(parameters);
   bt_plugin_put_ref(plugin);
-  check(good, "open the folder for writing");
+  checkStep(good, "open the folder for writing");
   return sink;
 }
 
 void write(const Recording& recording, const std::string& folder) {
   CtfWriter writer(recording);
   bt_graph* graph = bt_graph_create(0);
-  check(graph != nullptr, "make a graph");
+  checkStep(graph != nullptr, "make a graph");
   struct PutGraph {
     bt_graph* graph;
     ~PutGraph() {
@@ -96,13 +96,13 @@ void write(const Recording& recording, const std::string& folder) {
   } putGraph{graph};
   const bt_component_source* source = addSource(graph, writer);
   const bt_component_sink* sink = addSink(graph, folder);
-  check(bt_graph_connect_ports(graph,
-                               bt_component_source_borrow_output_port_by_name_const(source, "out"),
-                               bt_component_sink_borrow_input_port_by_name_const(sink, "in"),
-                               nullptr) == BT_GRAPH_CONNECT_PORTS_STATUS_OK,
-        "connect the recording to its writer");
-  check(bt_graph_run(graph) == BT_GRAPH_RUN_STATUS_OK,
-        "write the trace: check the free space and that the folder may be written");
+  checkStep(bt_graph_connect_ports(
+                graph, bt_component_source_borrow_output_port_by_name_const(source, "out"),
+                bt_component_sink_borrow_input_port_by_name_const(sink, "in"),
+                nullptr) == BT_GRAPH_CONNECT_PORTS_STATUS_OK,
+            "connect the recording to its writer");
+  checkStep(bt_graph_run(graph) == BT_GRAPH_RUN_STATUS_OK,
+            "write the trace: check the free space and that the folder may be written");
 }
 
 }  // namespace

@@ -6,14 +6,14 @@ namespace {
 
 template <class T>
 T* made(T* object, const char* what) {
-  check(object != nullptr, what);
+  checkStep(object != nullptr, what);
   return object;
 }
 
 void append(bt_field_class* structure, const std::string& name, bt_field_class* member) {
-  check(bt_field_class_structure_append_member(structure, name.c_str(), member) ==
-            BT_FIELD_CLASS_STRUCTURE_APPEND_MEMBER_STATUS_OK,
-        "describe a field");
+  checkStep(bt_field_class_structure_append_member(structure, name.c_str(), member) ==
+                BT_FIELD_CLASS_STRUCTURE_APPEND_MEMBER_STATUS_OK,
+            "describe a field");
   bt_field_class_put_ref(member);
 }
 
@@ -21,9 +21,9 @@ void setText(bt_field* field, std::string_view text) {
   bt_field_string_clear(field);
   // Strings of the format end at a NUL.
   text = text.substr(0, text.find('\0'));
-  check(bt_field_string_append_with_length(field, text.data(), text.size()) ==
-            BT_FIELD_STRING_APPEND_STATUS_OK,
-        "write a text");
+  checkStep(bt_field_string_append_with_length(field, text.data(), text.size()) ==
+                BT_FIELD_STRING_APPEND_STATUS_OK,
+            "write a text");
 }
 
 void setField(bt_field* field, const Skein::Value& value) {
@@ -51,7 +51,7 @@ void setField(bt_field* field, const Skein::Value& value) {
 
 }  // namespace
 
-void check(bool good, const char* step) {
+void checkStep(bool good, const char* step) {
   if (!good) throw CtfError(std::string("the trace library failed to ") + step);
 }
 
@@ -97,9 +97,9 @@ void CtfWriter::describeContext() {
       made(bt_field_class_structure_create(traceClass_), "make a field class");
   append(context, "tid", fieldClassOf('i'));
   append(context, "level", fieldClassOf('u'));
-  check(bt_stream_class_set_event_common_context_field_class(streamClass_, context) ==
-            BT_STREAM_CLASS_SET_FIELD_CLASS_STATUS_OK,
-        "describe the context of events");
+  checkStep(bt_stream_class_set_event_common_context_field_class(streamClass_, context) ==
+                BT_STREAM_CLASS_SET_FIELD_CLASS_STATUS_OK,
+            "describe the context of events");
   bt_field_class_put_ref(context);
 }
 
@@ -107,17 +107,17 @@ void CtfWriter::describeSite(const Skein::Site& site) {
   bt_event_class* event = made(bt_event_class_create(streamClass_), "make an event class");
   eventClasses_[&site] = event;
   const std::string name = site.facility + ":" + site.function + ":" + std::to_string(site.line);
-  check(bt_event_class_set_name(event, name.c_str()) == BT_EVENT_CLASS_SET_NAME_STATUS_OK,
-        "name an event class");
+  checkStep(bt_event_class_set_name(event, name.c_str()) == BT_EVENT_CLASS_SET_NAME_STATUS_OK,
+            "name an event class");
   bt_field_class* payload =
       made(bt_field_class_structure_create(traceClass_), "make a field class");
   append(payload, "text", fieldClassOf('s'));
   for (std::size_t i = 0; i < site.codes.size(); ++i) {
     append(payload, "arg" + std::to_string(i), fieldClassOf(site.codes[i]));
   }
-  check(bt_event_class_set_payload_field_class(event, payload) ==
-            BT_EVENT_CLASS_SET_FIELD_CLASS_STATUS_OK,
-        "describe an event");
+  checkStep(bt_event_class_set_payload_field_class(event, payload) ==
+                BT_EVENT_CLASS_SET_FIELD_CLASS_STATUS_OK,
+            "describe an event");
   bt_field_class_put_ref(payload);
 }
 
@@ -127,9 +127,9 @@ void CtfWriter::describe(bt_self_component* component) {
   bt_clock_class_set_frequency(clockClass_, 1000000000);
   bt_clock_class_set_origin_is_unix_epoch(clockClass_, BT_TRUE);
   streamClass_ = made(bt_stream_class_create(traceClass_), "make a stream class");
-  check(bt_stream_class_set_default_clock_class(streamClass_, clockClass_) ==
-            BT_STREAM_CLASS_SET_DEFAULT_CLOCK_CLASS_STATUS_OK,
-        "set the clock");
+  checkStep(bt_stream_class_set_default_clock_class(streamClass_, clockClass_) ==
+                BT_STREAM_CLASS_SET_DEFAULT_CLOCK_CLASS_STATUS_OK,
+            "set the clock");
   describeContext();
   trace_ = made(bt_trace_create(traceClass_), "make a trace");
   for (const Skein::Record& record : recording_.records()) {

@@ -15,7 +15,7 @@ class CtfError : public std::runtime_error {
   using runtime_error::runtime_error;
 };
 // Throws CtfError unless the step went well.
-void check(bool good, const char* step);
+void checkStep(bool good, const char* step);
 
 // Describes a recording to the trace library and hands out its messages in order of time: a stream
 // per thread, an event class per site. Lives within one run of one graph.

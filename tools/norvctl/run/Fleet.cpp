@@ -205,7 +205,7 @@ std::vector<json> objectsOf(const std::string& text) {
 }
 
 // What a program said on standard error, without its own name; what an event says is its text.
-std::string wordsOf(const std::string& text) {
+std::string lastWords(const std::string& text) {
   std::string words;
   for (std::string line : linesOf(text)) {
     const json event = json::parse(line, nullptr, false);
@@ -231,7 +231,7 @@ std::string whyNoAnswer(const std::string& text) {
 // What is told of one that printed nothing to go by.
 std::string withoutAnswer(const Finished& finished, json& line) {
   const std::string why = whyNoAnswer(finished.err);
-  line["error"] = why.empty() ? wordsOf(finished.err) : why;
+  line["error"] = why.empty() ? lastWords(finished.err) : why;
   return line["error"];
 }
 
@@ -341,7 +341,7 @@ int runOnEach(const std::vector<std::string>& hosts, bool asJson) {
                   std::string why = whyNoAnswer(finished.err);
                   if (!why.empty()) line["error"] = why;
                   if (finished.status != badInput) return summaryText(summary);
-                  why = wordsOf(finished.err);
+                  why = lastWords(finished.err);
                   line["error"] = why;
                   return summaryText(summary) + "; " + why;
                 });

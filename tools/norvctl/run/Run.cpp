@@ -17,7 +17,7 @@ namespace Norvctl {
 
 namespace {
 
-struct RunArguments : RunOptions {
+struct ScriptArguments : RunOptions {
   std::vector<std::string> files;
   bool stream = false;
   bool quiet = false;
@@ -51,7 +51,7 @@ class RecordingReport : public Report {
   RecordingWriter* const recording_;
 };
 
-int play(const RunArguments& arguments, StepSource& source, std::size_t total) {
+int play(const ScriptArguments& arguments, StepSource& source, std::size_t total) {
   const Target target(arguments.target);
   SessionOptions session = sessionOptions(arguments, target);
   session.stream = !source.bounded();
@@ -78,7 +78,7 @@ int play(const RunArguments& arguments, StepSource& source, std::size_t total) {
   leave(recorded ? report.exitStatus(end) : badInput);
 }
 
-int run(const RunArguments& arguments) {
+int run(const ScriptArguments& arguments) {
   if (const std::string reason = simulationReason(); !reason.empty()) {
     std::cerr << "norvctl: " << reason << '\n';
     return badInput;
@@ -105,7 +105,7 @@ int run(const RunArguments& arguments) {
 }
 
 Action defineRun(CLI::App& command) {
-  const auto arguments = std::make_shared<RunArguments>();
+  const auto arguments = std::make_shared<ScriptArguments>();
   command
       .add_option("FILE", arguments->files,
                   "files of commands, one JSON object a line; - is standard input")
@@ -122,7 +122,7 @@ Action defineRun(CLI::App& command) {
   return [arguments] { return run(*arguments); };
 }
 
-int check(const RunArguments& arguments) {
+int check(const ScriptArguments& arguments) {
   std::vector<std::string> complaints;
   if (!readableTwice(arguments.files)) {
     StreamedFiles source(arguments.files, {arguments.allowAbort, true});
@@ -145,7 +145,7 @@ int check(const RunArguments& arguments) {
 }
 
 Action defineCheck(CLI::App& command) {
-  const auto arguments = std::make_shared<RunArguments>();
+  const auto arguments = std::make_shared<ScriptArguments>();
   command.add_option("FILE", arguments->files, "files of commands; - is standard input")
       ->required();
   command.add_flag("--allow-abort", arguments->allowAbort, "take getPortConf too");

@@ -14,12 +14,12 @@ namespace Norvctl {
 
 namespace {
 
-struct ExportArguments : WantedOptions {
+struct DocumentArguments : WantedOptions {
   bool check = false;
   bool schema = false;
 };
 
-int exportSwitch(const ExportArguments& arguments) {
+int exportSwitch(const DocumentArguments& arguments) {
   const Target target(arguments.target);
   KnownSwitch known(arguments, target);
   const Norv::State::LiveSwitch live = known.read();
@@ -39,7 +39,7 @@ int exportSwitch(const ExportArguments& arguments) {
 }
 
 Action defineExport(CLI::App& command) {
-  const auto arguments = std::make_shared<ExportArguments>();
+  const auto arguments = std::make_shared<DocumentArguments>();
   addTarget(command, arguments->target);
   addTimeout(command, arguments->timeoutSeconds,
              "give up when an answer takes so many SECONDS (5)");
@@ -49,7 +49,7 @@ Action defineExport(CLI::App& command) {
   return [arguments] { return exportSwitch(*arguments); };
 }
 
-int check(const ExportArguments& arguments) {
+int check(const DocumentArguments& arguments) {
   const auto document = usableDocument(arguments, nullptr);
   if (!document) return badInput;
   for (const std::string& what : gateWarnings(document->wanted)) {
@@ -60,7 +60,7 @@ int check(const ExportArguments& arguments) {
   return allOk;
 }
 
-int plan(const ExportArguments& arguments) {
+int plan(const DocumentArguments& arguments) {
   if (arguments.schema) {
     print(Norv::State::jsonSchema());
     return allOk;
@@ -85,7 +85,7 @@ int plan(const ExportArguments& arguments) {
 }
 
 Action definePlan(CLI::App& command) {
-  const auto arguments = std::make_shared<ExportArguments>();
+  const auto arguments = std::make_shared<DocumentArguments>();
   addWanted(command, *arguments);
   addTarget(command, arguments->target);
   addTimeout(command, arguments->timeoutSeconds,
