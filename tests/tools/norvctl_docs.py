@@ -41,6 +41,10 @@ def document_lines():
                         yield re.sub(r"  .*", "", typed[1])
 
 
+# What serves or watches until it is told to end.
+RUNS_ON = re.compile(r"^(norvd|bessd-standin|tail -f) |norvctl (.* )?(watch|top)\b|--follow|--watch")
+
+
 class Place:
     """A folder with the files that the lines name, and a daemon with the names that they name."""
 
@@ -79,7 +83,7 @@ class Place:
             file.write(text)
 
     def type(self, line):
-        """Runs the line; one that does not end by itself is interrupted after its first output."""
+        """Runs the line; one that is to run on is interrupted after some seconds."""
         line = re.sub(r"\bswitch\d\b", "127.0.0.1", line)
         line = line.replace("127.0.0.1:40124", self.control).replace("/tmp/", self.folder + "/")
         process = subprocess.Popen(
@@ -93,9 +97,10 @@ class Place:
             start_new_session=True,
         )
         try:
-            out, err = process.communicate(timeout=3)
+            out, err = process.communicate(timeout=3 if RUNS_ON.search(line) else harness.PATIENCE)
             return process.returncode, out, err
         except subprocess.TimeoutExpired:
+            assert RUNS_ON.search(line), f"does not end: {line}"
             os.killpg(process.pid, signal.SIGINT)
             out, err = process.communicate(timeout=harness.PATIENCE)
             return 130, out, err
