@@ -100,9 +100,9 @@ class Place:
             out, err = process.communicate(timeout=3 if RUNS_ON.search(line) else harness.PATIENCE)
             return process.returncode, out, err
         except subprocess.TimeoutExpired:
-            assert RUNS_ON.search(line), f"does not end: {line}"
             os.killpg(process.pid, signal.SIGINT)
             out, err = process.communicate(timeout=harness.PATIENCE)
+            assert RUNS_ON.search(line), f"does not end: {line}"
             return 130, out, err
 
 

@@ -92,9 +92,10 @@ TEST_F(TraceOnThePlatform, AReadThatIsInterruptedGoesOn) {
   ringIsOn();
   Twine::trace<Sample::numbered>(1);
   bool interrupted = false;
-  onRead = [&](int, void*, std::size_t, off_t) -> std::optional<ssize_t> {
+  onRead = [&](int file, void* bytes, std::size_t size, off_t offset) -> std::optional<ssize_t> {
     interrupted = !interrupted;
-    if (!interrupted) return std::nullopt;
+    if (!interrupted)
+      return ::syscall(SYS_pread64, file, bytes, std::min<std::size_t>(size, 100), offset);
     errno = EINTR;
     return -1;
   };
