@@ -48,12 +48,14 @@ endfunction()
 # Sources that go to the compiler several at a time: what they include takes longer to read than they do. Not the
 # library's, whose objects are as they were written, one by one. The presets for every day have it on; a release and
 # the clang build take each source alone, and so see that it includes what it needs. g++ takes it for a header's
-# mistake when a class of an included source has a base or member that only that source knows.
+# mistake when a class of an included source has a base or member that only that source knows; clang++ for a shadow when
+# a name in one source is that of a variable of another one.
 option(NORV_TOGETHER "Compile sources of the tools, their libraries and the tests several at a time" OFF)
 function(norv_together target)
   set_target_properties(${target} PROPERTIES UNITY_BUILD ${NORV_TOGETHER} UNITY_BUILD_BATCH_SIZE 6)
   if(NORV_TOGETHER)
-    target_compile_options(${target} PRIVATE $<$<CXX_COMPILER_ID:GNU>:-Wno-subobject-linkage>)
+    target_compile_options(${target} PRIVATE $<$<CXX_COMPILER_ID:GNU>:-Wno-subobject-linkage>
+      $<$<CXX_COMPILER_ID:Clang>:-Wno-shadow>)
   endif()
 endfunction()
 
