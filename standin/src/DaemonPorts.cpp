@@ -77,13 +77,19 @@ void Daemon::getPortConf(const bess::pb::GetPortConfRequest& request,
   *response.mutable_conf() = port->conf;
 }
 
+void Daemon::requireMacAddressCalls() const {
+  if (options_.strictDaemon) throw Unimplemented("");
+}
+
 void Daemon::addPortMacAddress(const bess::pb::MacAddressRequest& request,
                                bess::pb::EmptyResponse&) {
+  requireMacAddressCalls();
   ports_.addMac(request.name(), request.mac_addr());
 }
 
 void Daemon::removePortMacAddress(const bess::pb::MacAddressRequest& request,
                                   bess::pb::EmptyResponse&) {
+  requireMacAddressCalls();
   ports_.removeMac(request.name(), request.mac_addr());
 }
 

@@ -17,4 +17,9 @@ struct HandlerFailure : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+// A request that the daemon does not have: the call itself ends with status UNIMPLEMENTED.
+struct Unimplemented : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
 }  // namespace Standin

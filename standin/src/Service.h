@@ -32,7 +32,7 @@ class Service final : public bess::pb::BESSControl::Service {
 #define NORV_REQUEST(number, name, rpc, request, response)                    \
   grpc::Status rpc(grpc::ServerContext* context, const bess::pb::request* in, \
                    bess::pb::response* out) override {                        \
-    return answer(number, #name, &Daemon::name, *context, *in, *out);         \
+    return answer(number, #name, &Requests::name, *context, *in, *out);       \
   }
 #include <Norv/GrpcRequests.def>
 
@@ -55,7 +55,7 @@ class Service final : public bess::pb::BESSControl::Service {
 
  private:
   template <class Request, class Response>
-  using Handler = void (Daemon::*)(const Request&, Response&);
+  using Handler = void (Requests::*)(const Request&, Response&);
 
   template <class Request, class Response>
   grpc::Status answer(int number, const char* rpc, Handler<Request, Response> handler,
@@ -80,9 +80,6 @@ class Service final : public bess::pb::BESSControl::Service {
   template <class Request, class Response>
   grpc::Status run(int number, Handler<Request, Response> handler, const Request& in,
                    Response& out) {
-    if constexpr (std::is_same_v<Request, bess::pb::MacAddressRequest>) {
-      if (options_.strictDaemon) return {grpc::StatusCode::UNIMPLEMENTED, ""};
-    }
     const std::lock_guard lock(mutex_);
     return apply(state_, number, handler, in, out);
   }
@@ -103,6 +100,8 @@ class Service final : public bess::pb::BESSControl::Service {
       out.Clear();
       out.mutable_error()->set_code(refusal.code);
       out.mutable_error()->set_errmsg(refusal.what());
+    } catch (const Unimplemented& unimplemented) {
+      return {grpc::StatusCode::UNIMPLEMENTED, unimplemented.what()};
     } catch (const HandlerFailure& failure) {
       status = {grpc::StatusCode::UNKNOWN, failure.what()};
     }
