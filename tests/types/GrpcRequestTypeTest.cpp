@@ -79,7 +79,9 @@ TEST(GrpcRequestType, ConvertsEveryValueToItsNameAndBack) {
     const GrpcRequestType type = GrpcRequestTypeInstance(i);
     EXPECT_EQ(type, i);
     const Lumo::String name = stringValue(type);
-    if (i < std::size(names)) EXPECT_EQ(name, names[i]);
+    if (i < std::size(names)) {
+      EXPECT_EQ(name, names[i]);
+    }
     EXPECT_EQ(valueToStrep(type), name);
     EXPECT_EQ(printed(type), name);
     EXPECT_EQ(GrpcRequestTypeInstance(name), type);
