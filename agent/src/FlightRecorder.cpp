@@ -7,7 +7,6 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <nlohmann/json.hpp>
 
 #include <Norv/Agent/AgentTrace.h>
@@ -83,15 +82,18 @@ std::string timeOfDay() {
 }
 
 void writeDetails(const std::string& path, const ordered_json& details) {
-  // A request may hold what only its owner should read: a file of our own, and nobody's link.
+  // What is not UTF-8 comes out as the replacement character.
+  const std::string text =
+      details.dump(-1, ' ', false, ordered_json::error_handler_t::replace) + "\n";
+  // A request may hold what only its owner should read: a file of our own, written under no name,
+  // as another file may have got it meanwhile.
   const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
   if (fd < 0) throw std::runtime_error("cannot make " + path + ": " + std::strerror(errno));
-  ::close(fd);
-  std::ofstream out(path);
-  // What is not UTF-8 comes out as the replacement character.
-  out << details.dump(-1, ' ', false, ordered_json::error_handler_t::replace) << '\n';
-  out.close();
-  if (!out) throw std::runtime_error("cannot write " + path + "; check the free space");
+  std::FILE* const file = ::fdopen(fd, "w");
+  const bool written = file && std::fwrite(text.data(), 1, text.size(), file) == text.size();
+  const bool closed = file && std::fclose(file) == 0;
+  if (!written || !closed)
+    throw std::runtime_error("cannot write " + path + "; check the free space");
 }
 
 // The N of a file named PREFIX followed by N or N.json; 0 for any other.

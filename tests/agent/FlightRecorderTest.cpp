@@ -1,6 +1,10 @@
 #include <support/TemporaryFolder.h>
+#include <sys/inotify.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
@@ -97,6 +101,28 @@ TEST_F(FlightRecorderTest, LetsOnlyTheOwnerReadWhatItWrites) {
               perms::owner_read | perms::owner_write)
         << file;
   }
+}
+
+// Else another file, or a link, could have got the name meanwhile.
+TEST_F(FlightRecorderTest, OpensTheDetailsOnceByTheirName) {
+  FlightRecorder recorder(path);
+  const int events = ::inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
+  // Of two of a kind behind each other only one would come.
+  ASSERT_GE(::inotify_add_watch(events, folder.file("").c_str(), IN_OPEN | IN_CLOSE), 0)
+      << std::strerror(errno);
+  recorder.freeze(failedCommand(), "");
+  int opened = 0;
+  alignas(inotify_event) char bytes[4096];
+  for (ssize_t size; (size = ::read(events, bytes, sizeof bytes)) > 0;) {
+    for (ssize_t at = 0; at < size;) {
+      const auto& event = reinterpret_cast<const inotify_event&>(bytes[at]);
+      const bool ofDetails = event.len > 0 && event.name == std::string("run.failure-1.json");
+      if (ofDetails && (event.mask & IN_OPEN) != 0) ++opened;
+      at += static_cast<ssize_t>(sizeof event + event.len);
+    }
+  }
+  ::close(events);
+  EXPECT_EQ(opened, 1);
 }
 
 TEST_F(FlightRecorderTest, SaysWhenTheCommandFailed) {
