@@ -8,9 +8,9 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
 
 #include <Lumo/Exception.h>
+#include <Lumo/PrivateFile.h>
 
 #include "BlockCopy.h"
 
@@ -70,34 +70,14 @@ bool isTraceFile(const std::string& path) {
   return true;
 }
 
-// Where everybody may put a link, only one's own is followed, and that of the folder's owner: as
-// the kernel does it for links on the way (protected_symlinks in sysctl/fs).
-bool mayBeFollowed(const std::filesystem::path& link) {
-  struct stat folder, own;
-  const std::string parent = link.has_parent_path() ? link.parent_path().string() : ".";
-  if (::stat(parent.c_str(), &folder) != 0 || ::lstat(link.c_str(), &own) != 0) return true;
-  const bool everybodys = (folder.st_mode & S_IWOTH) != 0;
-  return !everybodys || own.st_uid == ::geteuid() || own.st_uid == folder.st_uid;
-}
-
 }  // namespace
 
 std::string targetOfLinks(const std::string& path) {
-  constexpr int mostLinks = 40;
-  std::filesystem::path target = path;
-  std::error_code error;
-  for (int links = 0; std::filesystem::is_symlink(target, error); ++links) {
-    if (links == mostLinks) refuse(path, std::strerror(ELOOP), ELOOP);
-    if (!mayBeFollowed(target)) {
-      refuse(path,
-             target.string() +
-                 " is a link that somebody else has put where everybody may write; "
-                 "remove it or name another file",
-             EACCES);
-    }
-    target = target.parent_path() / std::filesystem::read_symlink(target);
+  try {
+    return Lumo::targetOfLinks(path);
+  } catch (const Lumo::PathError& error) {
+    refuse(path, error.what(), error.errnoValue());
   }
-  return target;
 }
 
 bool isOlderTraceFile(const std::string& path) {

@@ -6,8 +6,7 @@ namespace Skein {
 
 // What is there already under the name of a new trace file.
 
-// The path itself, or where the symbolic links of that name lead, there or not. Throws
-// Lumo::ErrnoException when they lead in a circle.
+// As Lumo's, throwing Lumo::ErrnoException.
 std::string targetOfLinks(const std::string& path);
 
 // True for a trace file, false where nothing or an empty file is. Throws Lumo::ErrnoException with
