@@ -349,6 +349,70 @@ TEST_F(SkeinExport, AnOlderTargetIsReplacedAndNotCutOff) {
             std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
 }
 
+TEST_F(SkeinExport, ATargetIsItsOwnersWhateverTheUmask) {
+  makeCommands();
+  const mode_t usual = ::umask(0);
+  for (const char* format : {"perfetto", "svg", "ctf"}) {
+    EXPECT_EQ(exportTo(format, folder.file(format)).status, 0) << format;
+  }
+  ::umask(usual);
+  std::vector<std::filesystem::path> made{folder.file("perfetto"), folder.file("svg"),
+                                          folder.file("ctf")};
+  for (const auto& entry : std::filesystem::directory_iterator(made.back())) {
+    made.push_back(entry.path());
+  }
+  EXPECT_GT(made.size(), 4U);
+  for (const std::filesystem::path& each : made) {
+    struct stat status {};
+    ASSERT_EQ(::stat(each.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 077, 0U) << each;
+  }
+}
+
+TEST_F(SkeinExport, WhatAKilledOneLeftIsNeitherWrittenNorFollowed) {
+  makeCommands();
+  const std::string target = folder.file("target");
+  std::ofstream(folder.file("precious")) << "of importance";
+  const Outcome outcome =
+      run({"/bin/sh", "-c",
+           "ln -s precious \"$2.new-$$\"; exec \"$0\" export --format perfetto \"$1\" \"$2\"",
+           SKEIN_PROGRAM, path, target});
+  EXPECT_EQ(outcome.status, 0) << outcome.error;
+  EXPECT_FALSE(std::filesystem::is_symlink(target));
+  EXPECT_TRUE(json::parse(std::ifstream(target)).contains("traceEvents"));
+  std::string precious;
+  std::getline(std::ifstream(folder.file("precious")), precious);
+  EXPECT_EQ(precious, "of importance");
+}
+
+TEST_F(SkeinExport, WhatSomebodyElseHasPutInTheWayIsRefused) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root gives a file to somebody else";
+  constexpr uid_t somebody = 65534;
+  makeCommands();
+  std::ofstream(folder.file("precious")) << "of importance";
+  const std::string common = folder.file("common");
+  std::filesystem::create_directory(common);
+  for (const mode_t mode : {01777, 0777}) {
+    ASSERT_EQ(::chmod(common.c_str(), mode), 0);
+    const std::string link = common + "/link", file = common + "/file", ctf = common + "/ctf";
+    std::filesystem::remove(link);
+    std::filesystem::create_symlink(folder.file("precious"), link);
+    std::ofstream(file) << "of somebody";
+    std::filesystem::create_directory(ctf);
+    for (const std::string& each : {link, file, ctf}) {
+      ASSERT_EQ(::lchown(each.c_str(), somebody, somebody), 0);
+      const Outcome outcome = exportTo(each == ctf ? "ctf" : "perfetto", each);
+      EXPECT_EQ(outcome.status, 1) << each;
+      EXPECT_NE(outcome.error.find(" that somebody else has put where everybody may write; "),
+                std::string::npos)
+          << outcome.error;
+    }
+    EXPECT_EQ(std::filesystem::file_size(folder.file("precious")), 13U);
+    EXPECT_EQ(std::filesystem::file_size(file), 11U);
+    EXPECT_TRUE(std::filesystem::is_empty(ctf));
+  }
+}
+
 TEST_F(SkeinExport, ATargetThatIsNoFileIsWrittenAsItIs) {
   makeCommands();
   for (const char* format : {"perfetto", "svg"}) {

@@ -1,7 +1,10 @@
 #include <babeltrace2/babeltrace.h>
+#include <sys/stat.h>
 
 #include <cstdio>
 #include <filesystem>
+
+#include <Lumo/PrivateFile.h>
 
 #include "CtfWriter.h"
 #include "Export.h"
@@ -108,6 +111,12 @@ void write(const Recording& recording, const std::string& folder) {
 }  // namespace
 
 int exportCtf(const Recording& recording, const std::string& folder) {
+  try {
+    Lumo::trustedFolder(folder);
+  } catch (const Lumo::PathError& refusal) {
+    std::fprintf(stderr, "skein: cannot write %s: %s\n", folder.c_str(), refusal.what());
+    return 1;
+  }
   std::error_code error;
   const bool there = std::filesystem::exists(folder, error);
   if (there && !std::filesystem::is_empty(folder, error)) {
@@ -118,11 +127,15 @@ int exportCtf(const Recording& recording, const std::string& folder) {
     std::fprintf(stderr, "skein: there are no records to export\n");
     return 1;
   }
+  // Records hold arguments, and the trace library makes its files as everybody may read them.
+  const mode_t usual = ::umask(077);
+  int status = 0;
   try {
     write(recording, folder);
   } catch (const CtfError& failure) {
     std::fprintf(stderr, "skein: %s\n", failure.what());
-    return 1;
+    status = 1;
   }
-  return 0;
+  ::umask(usual);
+  return status;
 }

@@ -1,11 +1,16 @@
+#include <ext/stdio_filebuf.h>
+#include <fcntl.h>
+#include <stdlib.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <iostream>
+
+#include <Lumo/PrivateFile.h>
 
 #include "Export.h"
 
@@ -23,28 +28,38 @@ int toStandardOutput(const Write& write) {
   return 1;
 }
 
-// 0, or the error number.
-int toFile(const std::string& path, const Write& write) {
-  errno = 0;
-  std::ofstream out(path, std::ios::trunc);
-  if (out) write(out);
-  out.close();
-  if (out) return 0;
-  return errno != 0 ? errno : EIO;
+[[noreturn]] void fail(int error) {
+  throw Lumo::PathError(error, std::strerror(error));
 }
 
-int toRegularFile(const std::string& path, const Write& write) {
-  std::error_code ignored;
-  std::error_code lost;
-  const bool there = fs::exists(path, ignored);
-  const std::string target = there ? fs::canonical(path, lost).string() : path;
-  if (lost) return lost.value();
-  const std::string unnamed = target + ".new-" + std::to_string(::getpid());
-  int error = toFile(unnamed, write);
-  if (error == 0 && there) fs::permissions(unnamed, fs::status(target).permissions(), ignored);
-  if (error == 0 && std::rename(unnamed.c_str(), target.c_str()) != 0) error = errno;
-  if (error != 0) ::unlink(unnamed.c_str());
-  return error;
+// Closes the descriptor.
+void toDescriptor(int descriptor, const Write& write) {
+  errno = 0;
+  __gnu_cxx::stdio_filebuf<char> buffer(descriptor, std::ios::out);
+  std::ostream out(&buffer);
+  write(out);
+  if (buffer.close() == nullptr || !out) fail(errno != 0 ? errno : EIO);
+}
+
+// Written beside it under a name that nobody has, also not what was left of a killed export, and
+// then put in its place. Records hold arguments: only the owner can read it, unless there was a
+// file that others could.
+void toRegularFile(const std::string& path, const Write& write) {
+  const std::string target = Lumo::targetOfLinks(path);
+  struct stat former {};
+  const bool there = ::lstat(target.c_str(), &former) == 0;
+  if (there) Lumo::checkOwner(target, former, "file");
+  std::string unnamed = target + ".new-XXXXXX";
+  const int descriptor = ::mkostemp(unnamed.data(), O_CLOEXEC);
+  if (descriptor < 0) fail(errno);
+  try {
+    if (there) ::fchmod(descriptor, former.st_mode & 07777);
+    toDescriptor(descriptor, write);
+    if (std::rename(unnamed.c_str(), target.c_str()) != 0) fail(errno);
+  } catch (...) {
+    ::unlink(unnamed.c_str());
+    throw;
+  }
 }
 
 // A descriptor of a process goes by these names too, whatever it is open on.
@@ -59,8 +74,15 @@ bool isFile(const std::string& path) {
 
 int writeTo(const std::string& path, const Write& write) {
   if (path == "-") return toStandardOutput(write);
-  const int error = isFile(path) ? toRegularFile(path, write) : toFile(path, write);
-  if (error == 0) return 0;
-  std::fprintf(stderr, "skein: cannot write %s: %s\n", path.c_str(), std::strerror(error));
-  return 1;
+  try {
+    if (isFile(path)) {
+      toRegularFile(path, write);
+    } else {
+      toDescriptor(Lumo::openPrivately(path, O_WRONLY | O_TRUNC), write);
+    }
+    return 0;
+  } catch (const Lumo::PathError& error) {
+    std::fprintf(stderr, "skein: cannot write %s: %s\n", path.c_str(), error.what());
+    return 1;
+  }
 }
