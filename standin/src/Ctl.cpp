@@ -1,13 +1,18 @@
 #include "Ctl.h"
 
+#include <fcntl.h>
 #include <grpcpp/grpcpp.h>
 #include <standin/control.grpc.pb.h>
 
+#include <cerrno>
 #include <charconv>
 #include <chrono>
-#include <fstream>
+#include <cstdio>
+#include <cstring>
 #include <iostream>
 #include <stdexcept>
+
+#include <Lumo/PrivateFile.h>
 
 #include "ContentOf.h"
 
@@ -53,6 +58,17 @@ void show(const standin::Pace& pace) {
     std::cout << pace.rate() << " per second\n";
 }
 
+void writeFile(const std::string& path, const std::string& text) {
+  try {
+    std::FILE* const out = ::fdopen(Lumo::openPrivately(path, O_WRONLY | O_TRUNC), "w");
+    const bool written = std::fwrite(text.data(), 1, text.size(), out) == text.size();
+    const bool closed = std::fclose(out) == 0;
+    if (!written || !closed) throw std::runtime_error(std::strerror(errno));
+  } catch (const std::runtime_error& error) {
+    throw std::runtime_error("cannot write the dump to " + path + ": " + error.what());
+  }
+}
+
 double number(const std::string& text) {
   double value = 0;
   const auto [at, error] = std::from_chars(text.data(), text.data() + text.size(), value);
@@ -92,10 +108,10 @@ int control(const std::string& address, const std::vector<std::string>& words) {
     show(ask(*stub, address, &Stub::SetPace, pace));
   } else if (command == "dump" && words.size() < 3) {
     const auto state = ask(*stub, address, &Stub::Dump, standin::Nothing());
-    std::ofstream out;
-    if (file) out.open(words[1]);
-    (file ? out : std::cout) << state.lines() << std::flush;
-    if (file && !out) throw std::runtime_error("cannot write " + words[1]);
+    if (file)
+      writeFile(words[1], state.lines());
+    else
+      std::cout << state.lines() << std::flush;
   } else if (command == "load" && file) {
     standin::State state;
     state.set_lines(contentOf(words[1]));

@@ -1,17 +1,19 @@
 #include "Service.h"
 
+#include <fcntl.h>
 #include <google/protobuf/unknown_field_set.h>
 #include <google/protobuf/util/json_util.h>
 #include <google/protobuf/wrappers.pb.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <stdexcept>
+
+#include <Lumo/PrivateFile.h>
 
 #include "Connections.h"
 #include "RequestText.h"
@@ -95,10 +97,16 @@ Service::Service(const Options& options) : options_(options), state_(stateFrom(o
   for (const std::string& rule : options.faults) faults_.add(Fault::parse(rule));
   paceIs(options.pace);
   if (options.log.empty()) return;
-  log_ = options.log == "-" ? stderr : std::fopen(options.log.c_str(), "a");
-  if (log_ == nullptr)
-    throw std::runtime_error("cannot write the log to " + options.log + ": " +
-                             std::strerror(errno) + "; choose another file, or - for stderr");
+  if (options.log == "-") {
+    log_ = stderr;
+    return;
+  }
+  try {
+    log_ = ::fdopen(Lumo::openPrivately(options.log, O_WRONLY | O_APPEND), "a");
+  } catch (const Lumo::PathError& error) {
+    throw std::runtime_error("cannot write the log to " + options.log + ": " + error.what() +
+                             "; choose another file, or - for stderr");
+  }
 }
 
 Service::~Service() {

@@ -30,3 +30,44 @@ esac
 grep -q "${line##* }" "$folder/err" || fail "no word about the address in use"
 kill -TERM "$pid"
 wait "$pid" || fail "SIGTERM ends it with $?"
+
+# What holds requests is its owner's, whatever the umask, and goes through no stranger's link.
+(
+  umask 0
+  exec "$program" --listen 127.0.0.1:0 --control 127.0.0.1:0 --log "$folder/log" >"$folder/out"
+) &
+pid=$!
+{
+  read -r _
+  read -r line
+} <"$folder/out"
+control=${line##* }
+(umask 0 && "$program" ctl "$control" dump "$folder/dump") || fail "no dump: $line"
+[ "$(stat -c %a "$folder/log" "$folder/dump")" = "600
+600" ] || fail "others may read $(ls -l "$folder/log" "$folder/dump")"
+"$program" ctl "$control" dump /dev/stdout >"$folder/out2" || fail "no dump to /dev/stdout"
+cmp "$folder/dump" "$folder/out2" || fail "another dump to /dev/stdout"
+if [ "$(id -u)" -eq 0 ]; then
+  for mode in 1777 777; do
+    mkdir "$folder/common" && chmod "$mode" "$folder/common"
+    echo "of importance" >"$folder/target"
+    ln -s "$folder/target" "$folder/common/link" && chown -h 65534 "$folder/common/link"
+    echo "of somebody" >"$folder/common/file" && chown 65534 "$folder/common/file"
+    for name in link file; do
+      "$program" ctl "$control" dump "$folder/common/$name" 2>"$folder/err" && fail "dumped into a $name of somebody"
+      grep -q "$name is a $name that somebody else has put where everybody may write; remove it" "$folder/err" ||
+        fail "no word about the $name: $(cat "$folder/err")"
+      "$program" --listen 127.0.0.1:0 --log "$folder/common/$name" >/dev/null 2>"$folder/err" &&
+        fail "logged into a $name of somebody"
+      grep -q "$name is a $name that somebody else has put where everybody may write; remove it" "$folder/err" ||
+        fail "no word about the $name: $(cat "$folder/err")"
+    done
+    [ "$(cat "$folder/target" "$folder/common/file")" = "of importance
+of somebody" ] || fail "somebody's link or file was written through"
+    rm -r "$folder/common"
+  done
+else
+  echo "skipped what somebody else has put in the way: only root gives files away"
+fi
+kill -TERM "$pid"
+wait "$pid" || fail "SIGTERM ends it with $?"
