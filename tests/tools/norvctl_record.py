@@ -3,6 +3,7 @@
 import base64
 import json
 import os
+import shutil
 import signal
 import stat
 import subprocess
@@ -50,6 +51,36 @@ def test_a_recording_is_its_owners():
     os.remove(path)
     run("--record", path, "--standin", write_file(command("getVersion")))
     equal(mode_of(path), 0o600)
+
+
+def test_nothing_is_recorded_into_what_somebody_else_has_put_in_the_way():
+    folder = tempfile.mkdtemp(dir=os.getcwd())
+    target = write_file("of importance", name="target")
+    link, theirs, pipe = (os.path.join(folder, name) for name in ("link", "theirs", "pipe"))
+    for mode in (0o1777, 0o777):
+        os.symlink(target, link)
+        with open(theirs, "w") as file:
+            file.write("of somebody")
+        for path, kind in ((link, "link"), (theirs, "file")):
+            harness.somebodys(path, mode)
+            finished = norvctl("run", "--record", path, "--standin", write_file(command("getVersion")))
+            equal(finished.status, 1, finished)
+            equal(finished.err, f"norvctl: cannot record into {path}: {path} is a {kind} that somebody else has put "
+                                "where everybody may write; remove it or name another\n")
+        with open(target) as file, open(theirs) as second:
+            equal((file.read(), second.read()), ("of importance\n", "of somebody"))
+        os.remove(link)
+        os.remove(theirs)
+    # One's own link is followed.
+    os.symlink(target, link)
+    run("--record", link, "--standin", write_file(command("getVersion")))
+    equal(len(lines_of(target)), 1)
+    os.mkfifo(pipe)
+    reader = os.open(pipe, os.O_RDONLY | os.O_NONBLOCK)
+    run("--record", pipe, "--standin", write_file(command("getVersion")))
+    equal(json.loads(os.read(reader, 65536))["type"], "getVersion")
+    os.close(reader)
+    shutil.rmtree(folder)
 
 
 def test_an_update_keeps_the_mode_of_the_recording():

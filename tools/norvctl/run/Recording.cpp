@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 
 #include <Bess/Text.h>
+#include <Lumo/PrivateFile.h>
 
 #include "../text/Text.h"
 
@@ -22,13 +23,6 @@ bool sameFile(const std::string& a, const std::string& b) {
   struct stat second;
   return stat(a.c_str(), &first) == 0 && stat(b.c_str(), &second) == 0 &&
          first.st_dev == second.st_dev && first.st_ino == second.st_ino;
-}
-
-// Opens the file for writing, emptied; a new one only its owner can read, as requests and responses
-// may hold what is nobody else's. Null, with errno, if it cannot be opened.
-std::FILE* createPrivately(const std::string& path) {
-  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-  return fd < 0 ? nullptr : fdopen(fd, "w");
 }
 
 // How the call ended; where it did not, why there is no answer.
@@ -50,8 +44,12 @@ RecordingWriter::RecordingWriter(const std::string& path, const std::vector<std:
       throw InputError(path + " is one of the files to run; record into another");
     }
   }
-  file_ = createPrivately(path);
-  if (!file_) throw InputError(path + ": " + strerror(errno));
+  try {
+    // Requests and responses may hold what is nobody else's.
+    file_ = fdopen(Lumo::openPrivately(path, O_WRONLY | O_TRUNC), "w");
+  } catch (const Lumo::PathError& error) {
+    throw InputError("cannot record into " + path + ": " + error.what());
+  }
 }
 
 RecordingWriter::~RecordingWriter() {
