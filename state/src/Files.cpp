@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -7,6 +8,7 @@
 #include <filesystem>
 #include <stdexcept>
 
+#include <Lumo/PrivateFile.h>
 #include <Norv/State/Files.h>
 
 namespace Norv::State {
@@ -15,9 +17,26 @@ void failFile(const std::string& what, const std::string& file) {
   throw std::runtime_error(what + " " + file + ": " + std::strerror(errno));
 }
 
+void checkFolder(const std::string& folder) {
+  try {
+    Lumo::trustedFolder(folder);
+  } catch (const Lumo::PathError& error) {
+    throw std::runtime_error("cannot keep the state in " + folder + ": " + error.what());
+  }
+}
+
+bool makeFolder(const std::string& folder) {
+  std::filesystem::path made;
+  for (const std::filesystem::path& name : std::filesystem::path(folder)) {
+    made /= name;
+    if (mkdir(made.c_str(), 0700) != 0 && errno != EEXIST) return false;
+  }
+  return true;
+}
+
 void replaceFile(const std::string& file, const std::string& text) {
   const std::filesystem::path folder = std::filesystem::path(file).parent_path();
-  if (!folder.empty()) std::filesystem::create_directories(folder);
+  if (!makeFolder(folder)) failFile("cannot make", folder);
   const std::string fresh = file + ".new";
   // A file of our own, not what an interrupted call, or somebody else, has left there.
   unlink(fresh.c_str());

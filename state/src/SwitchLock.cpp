@@ -95,8 +95,7 @@ SwitchLock::~SwitchLock() {
 
 bool SwitchLock::take(const Waits& waits) {
   if (descriptor_ >= 0) return true;
-  std::error_code shown;  // with the file
-  std::filesystem::create_directories(std::filesystem::path(file_).parent_path(), shown);
+  makeFolder(std::filesystem::path(file_).parent_path());  // where it cannot, the file says so
   OpenFile file(file_, O_RDWR | O_CREAT);
   if (file.number() < 0) failFile("cannot write", file_);
   while (true) {

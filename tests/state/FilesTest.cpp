@@ -2,6 +2,7 @@
 #include <support/TemporaryFolder.h>
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -34,6 +35,37 @@ TEST_F(Files, AreReplacedWholeForTheirOwnerAlone) {
   ASSERT_EQ(stat(file.c_str(), &found), 0);
   EXPECT_EQ(found.st_mode & 0777, 0600u);
   EXPECT_EQ(std::distance(std::filesystem::directory_iterator(file.parent_path()), {}), 1);
+}
+
+TEST_F(Files, TheirFolderIsTheirOwnersAlone) {
+  const mode_t usual = umask(0);
+  EXPECT_TRUE(Norv::State::makeFolder(folder.file("a/b")));
+  umask(usual);
+  for (const char* name : {"a", "a/b"}) {
+    struct stat found {};
+    ASSERT_EQ(stat(folder.file(name).c_str(), &found), 0);
+    EXPECT_EQ(found.st_mode & 0777, 0700u) << name;
+  }
+  EXPECT_TRUE(Norv::State::makeFolder(folder.file("a/b/")));
+  write(folder.file("file"), "");
+  EXPECT_FALSE(Norv::State::makeFolder(folder.file("file/below")));
+  EXPECT_EQ(errno, ENOTDIR);
+}
+
+TEST_F(Files, AreNotKeptWhereEverybodyMayWrite) {
+  Norv::State::checkFolder(folder.file("none"));
+  const std::string common = folder.file("common");
+  ASSERT_TRUE(Norv::State::makeFolder(common));
+  Norv::State::checkFolder(common);
+  ASSERT_EQ(chmod(common.c_str(), 0777), 0);
+  try {
+    Norv::State::checkFolder(common);
+    FAIL() << "nothing was thrown";
+  } catch (const std::runtime_error& error) {
+    EXPECT_EQ(error.what(), "cannot keep the state in " + common + ": " + common +
+                                " is a folder that everybody may write; take that away (chmod "
+                                "o-w) or name another");
+  }
 }
 
 TEST_F(Files, WhatAnInterruptedCallLeftIsNotInTheWay) {

@@ -6,7 +6,9 @@ import os
 import random
 import re
 import signal
+import shutil
 import subprocess
+import tempfile
 
 import agent
 import harness
@@ -294,6 +296,28 @@ def test_a_state_folder_that_cannot_be_written_is_said_with_what_helps():
     equal(finished.status, 1, finished)
     assert "cannot write /proc/none/" in finished.err, finished
     assert "; give another folder with --state-dir, or none\n" in finished.err, finished
+    equal(switch.export(), "workers: {}\n")
+
+
+def test_no_state_is_taken_from_a_folder_that_others_may_write():
+    switch = Switch()
+    folder = tempfile.mkdtemp(dir=os.getcwd())
+    inner = folder + "/inner"
+    os.mkdir(inner)
+    document = switch.document("modules: {a: Sink}")
+    for mode in (0o1777, 0o777):
+        os.chmod(folder, mode)
+        for verb in (["plan"], ["apply", "--yes"]):
+            finished = norvctl(*verb, *switch.standin.address, "--state-dir", folder, document)
+            equal(finished.status, 1, finished)
+            equal(finished.err, f"norvctl: cannot keep the state in {folder}: {folder} is a folder that everybody may "
+                                "write; take that away (chmod o-w) or name another\n")
+    equal(os.listdir(folder), ["inner"])
+    harness.somebodys(inner)
+    finished = norvctl("apply", "--yes", *switch.standin.address, "--state-dir", inner, document)
+    equal(finished.status, 1, finished)
+    assert "is a folder that somebody else has put where everybody may write; " in finished.err, finished
+    shutil.rmtree(folder)
     equal(switch.export(), "workers: {}\n")
 
 

@@ -1032,6 +1032,18 @@ def test_nothing_is_asked_of_one_that_does_not_run():
     assert not [name for name in os.listdir(bed.state) if "retry" in name]
 
 
+def test_a_state_directory_that_everybody_may_write_is_refused():
+    bed = Bed(PIPELINE)
+    os.makedirs(bed.state, exist_ok=True)
+    os.chmod(bed.state, 0o777)
+    bed.start()
+    equal(bed.agent.finish(), 2)
+    assert f"norvd: cannot keep the state in {bed.state}: " in bed.agent.text(), bed.agent.text()
+    finished = norvctl("retry", "fib", *at(bed))
+    assert finished.status == 1 and "everybody may write; take that away (chmod o-w)" in finished.err, finished
+    equal(os.listdir(bed.state), [])
+
+
 def test_another_user_may_ask():
     if os.geteuid() != 0:
         harness.skip("only root gives files away")

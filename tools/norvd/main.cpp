@@ -1,4 +1,7 @@
 #include <iostream>
+#include <stdexcept>
+
+#include <Norv/State/Files.h>
 
 #include "Agent.h"
 #include "Signals.h"
@@ -11,6 +14,12 @@ int main(int argc, char** argv) {
   Norvd::outliveFailedWrites();
   if (options.supervise) return Norvd::supervise(argc, argv);
   Norvctl::exemptLoopbackFromProxies(options.host);
+  try {
+    if (!options.stateDir.empty()) Norv::State::checkFolder(options.stateDir);
+  } catch (const std::runtime_error& error) {
+    std::cerr << "norvd: " << error.what() << '\n';
+    return Norvd::unusable;
+  }
   Norvd::Memory memory(options.stateDir, options.address());
   if (const std::string why = memory.lock(); !why.empty()) {
     std::cerr << "norvd: another norvd keeps the switch at " << options.address() << ": " << why

@@ -234,6 +234,7 @@ bool known(const std::string& words, const std::filesystem::path& record) {
 
 int retry(const RetryArguments& arguments) {
   const Target target(arguments.target);
+  Norv::State::checkFolder(arguments.stateDir);
   const std::filesystem::path record =
       std::filesystem::path(arguments.stateDir) / Norv::State::recordName(target.address());
   std::filesystem::path lock = record, request = record;

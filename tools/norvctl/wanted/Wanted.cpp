@@ -6,6 +6,7 @@
 #include <iostream>
 #include <utility>
 
+#include <Norv/State/Files.h>
 #include <bess/pb/service.pb.h>
 
 #include "../protocol/Requests.h"
@@ -83,6 +84,7 @@ KnownSwitch::KnownSwitch(const WantedOptions& options, const Target& target, Acc
   if (options.target.standin || options.stateDir == "none") return;
   folder_ = options.stateDir.empty() ? usualStateDir() : options.stateDir;
   if (folder_.empty()) return;
+  Norv::State::checkFolder(folder_);
   file_ = folder_ + "/" + Norv::State::recordName(direct_.address());
   if (access == Access::write) {
     hold();
