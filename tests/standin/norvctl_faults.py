@@ -261,7 +261,7 @@ def test_ctl_says_what_is_wrong():
         (("latency", "x"), "'x' is no latency"),
         (("rate", "x"), "'x' is no number"),
         (("rate", "-1"), "a rate is answers per second"),
-        (("dump", "/nowhere/at/all"), "cannot write /nowhere/at/all"),
+        (("dump", "/nowhere/at/all"), "cannot write the dump to /nowhere/at/all: No such file"),
         (("load", "/nowhere/at/all"), "cannot read /nowhere/at/all"),
         (("load", bytes_file), "line 1 of the state is no object of JSON"),
         (("load", log), "line 1 of the state is of a log"),

@@ -68,6 +68,12 @@ TEST_F(Files, AreNotKeptWhereEverybodyMayWrite) {
   }
 }
 
+TEST_F(Files, AFolderThatCannotBeLookedAtIsForWhoeverWritesThere) {
+  std::filesystem::create_symlink("circle", folder.file("circle"));
+  Norv::State::checkFolder(folder.file("circle"));
+  EXPECT_THROW(replaceFile(folder.file("circle/file"), "text"), std::runtime_error);
+}
+
 TEST_F(Files, WhatAnInterruptedCallLeftIsNotInTheWay) {
   replaceFile(file, "one");
   write(file.string() + ".new", "the half of something that was longer than what follows");

@@ -1106,7 +1106,7 @@ def test_the_log_names_what_an_apply_is_about():
 def test_a_disk_that_gets_room_again():
     bed = Bed(PIPELINE)
     os.mkdir(bed.state)
-    mount = f"mount -t tmpfs -o size=8m none {bed.state} && "
+    mount = f"mount -t tmpfs -o size=8m,mode=700 none {bed.state} && "
     if harness.Process("unshare", "-rm", "sh", "-c", mount + "true").finish().status != 0:
         harness.skip("nothing can be mounted here")
     bed.start_daemon()
