@@ -4,14 +4,19 @@
 
 #include <algorithm>
 #include <atomic>
+#include <barrier>
 #include <cerrno>
 #include <ctime>
+#include <functional>
 #include <iomanip>
 #include <locale>
+#include <memory>
 #include <semaphore>
 #include <set>
 #include <sstream>
+#include <streambuf>
 #include <thread>
+#include <utility>
 
 #include <Lumo/Trace.h>
 
@@ -50,8 +55,9 @@ TEST_F(TraceFacilityTest, AnEveryFacilityPartAddsToTheNamedOnes) {
 }
 
 TEST_F(TraceFacilityTest, ABadPartIsReportedOnceAndTheRestHolds) {
-  for (const char* bad : {"Sample", "Sample/", "/5", "Sample/10", "Sample/5-3", "Sample/a",
-                          "Sample/1-", "Sample/-1", "Sample/1,5"}) {
+  for (const char* bad :
+       {"Sample", "Sample/", "/5", "Sample/10", "Sample/5-3", "Sample/a", "Sample/1-", "Sample/-1",
+        "Sample/1,5", "Sample/1x5", "Sample/a-5", "Sample/1-a", "Sample/0-55"}) {
     testing::internal::CaptureStderr();
     EXPECT_FALSE(Lumo::traceSettingIs(Lumo::String(std::string("Other/3,") + bad))) << bad;
     const std::string warning = testing::internal::GetCapturedStderr();
@@ -75,6 +81,32 @@ TEST_F(TraceFacilityTest, OneLevelIsTurnedOnAndOff) {
   Lumo::traceLevelIs("Sample", 10, true);
   Lumo::traceLevelIs("Sample", -2, true);
   EXPECT_FALSE(Sample::handle().enabled(3));
+  EXPECT_FALSE(Sample::handle().enabled(10));
+  Lumo::traceLevelIs("Other", 0, false);
+  EXPECT_FALSE(Sample::otherHandle().enabled(0));
+  EXPECT_TRUE(Sample::otherHandle().enabled(1));
+}
+
+TEST_F(TraceFacilityTest, SeveralThreadsMayChangeTheSettingAndAskForIt) {
+  constexpr int threads = 4;
+  Lumo::traceSettingIs("Sample/5");
+  EXPECT_TRUE(Sample::handle().enabled(5));
+  std::barrier together(threads);
+  const auto change = [&](const Lumo::String& own) {
+    int missed = 0;
+    together.arrive_and_wait();
+    for (int round = 0; round < 2000; ++round) {
+      Lumo::traceSettingIs(own + "/3,Sample/0-5,Other/*");
+      Lumo::traceLevelIs(own, 7, true);
+      // On in each of the settings, so it never is off.
+      missed += TraceFacility::levelEnabled({"Sample", 5}) ? 0 : 1;
+      missed += Sample::handle().enabled(5) ? 0 : 1;
+    }
+    EXPECT_EQ(missed, 0);
+  };
+  std::vector<std::thread> changing;
+  for (const char* own : {"First", "Second", "Third", "Fourth"}) changing.emplace_back(change, own);
+  for (std::thread& thread : changing) thread.join();
 }
 
 TEST_F(TraceHandleTest, EnabledFollowsFacilityAndLevel) {
@@ -88,6 +120,7 @@ TEST_F(TraceHandleTest, EnabledFollowsFacilityAndLevel) {
 TEST_F(TraceHandleTest, OnByDefaultHoldsUntilASettingNamesTheFacility) {
   Lumo::TraceHandle handle("Loud", true);
   EXPECT_TRUE(handle.enabled(9));
+  EXPECT_TRUE(TraceFacility::facilityEnabled("Loud"));
   Lumo::traceSettingIs("Loud/0");
   EXPECT_FALSE(handle.enabled(9));
   EXPECT_TRUE(handle.enabled(0));
@@ -98,6 +131,13 @@ TEST_F(TraceHandleTest, OneLevelOfAFacilityThatIsOnByDefaultLeavesItsOthers) {
   Lumo::traceLevelIs("LoudByName", 3, false);
   EXPECT_FALSE(loud.enabled(3));
   EXPECT_TRUE(loud.enabled(4));
+}
+
+TEST_F(TraceHandleTest, OneLevelOfAFacilityThatIsOffLeavesItsOthers) {
+  const Lumo::TraceHandle& handle = Sample::handle();
+  Lumo::traceLevelIs("Sample", 3, true);
+  EXPECT_TRUE(handle.enabled(3));
+  EXPECT_FALSE(handle.enabled(4));
 }
 
 TEST_F(TraceHandleTest, OneLevelOfEveryFacilityLeavesTheOthersOfOneThatIsOnByDefault) {
@@ -124,6 +164,30 @@ TEST_F(TraceHandleTest, ItsNameMayBeReadWhileAnotherHandleOfTheFacilityIsMade) {
   for (int i = 0; i < 1000; ++i) Lumo::TraceHandle("Shared", false);
   stop = true;
   reading.join();
+}
+
+TEST_F(TraceHandleTest, SeveralThreadsMayMakeThoseOfTheSameFacilities) {
+  constexpr int threads = 4, facilities = 200;
+  std::vector<Lumo::String> names;
+  for (int i = 0; i < facilities; ++i) names.push_back("Many" + std::to_string(i));
+  std::barrier together(threads);
+  std::vector<std::thread> making;
+  for (int i = 0; i < threads; ++i) {
+    making.emplace_back([&] {
+      together.arrive_and_wait();
+      for (const Lumo::String& name : names) {
+        const Lumo::TraceHandle handle(name, false);
+        EXPECT_EQ(handle.name(), name);
+        const std::vector<Lumo::String> known = TraceFacility::handleNames();
+        EXPECT_NE(std::find(known.begin(), known.end(), name), known.end());
+      }
+    });
+  }
+  for (std::thread& thread : making) thread.join();
+  const std::vector<Lumo::String> known = TraceFacility::handleNames();
+  for (const Lumo::String& name : names) {
+    EXPECT_EQ(std::count(known.begin(), known.end(), name), 1) << name;
+  }
 }
 
 TEST_F(TraceHandleTest, ALateTraceThroughADestroyedHandleIsSafe) {
@@ -191,14 +255,90 @@ TEST_F(TraceHelperTest, AStreamComesBackEmptyAndPlain) {
     auto* helper = Lumo::TraceHelper::createIfEnabled(Sample::handle(), 5, storage);
     Lumo::EnsureTraceHelperIsDestroyed ensure(helper);
     std::ostream& out = helper->stringstream();
+    EXPECT_EQ(out.exceptions(), std::ios_base::goodbit);
     out << 255 << std::setw(4) << 7 << ' ' << 1.5 << ' ' << 1000000;
     helper->trace("f", 1, "g");
     out << std::hex << std::string(100000, 'x');
     out.fill('*');
     out.width(20);
+    out.precision(1);
+    out.exceptions(std::ios_base::eofbit);
     out.setstate(std::ios_base::failbit);
   }
   EXPECT_EQ(recorder.texts(), std::vector<std::string>(2, "255   7 1.5 1000000"));
+}
+
+// A stream tells those who ask for it that it goes.
+TEST_F(TraceHelperTest, AThreadKeepsAFewStreamsUntilItsEnd) {
+  static std::atomic<int> gone;
+  gone = 0;
+  const auto watch = [](std::ostream& stream) {
+    stream.register_callback(
+        [](std::ios_base::event event, std::ios_base&, int) {
+          if (event == std::ios_base::erase_event) ++gone;
+        },
+        0);
+  };
+  struct Nest {
+    static void lend(int depth, const std::function<void(std::ostream&)>& use) {
+      alignas(void*) std::byte storage[Lumo::TraceHelper::storageSize];
+      auto* helper = Lumo::TraceHelper::createIfEnabled(Sample::handle(), 5, storage);
+      Lumo::EnsureTraceHelperIsDestroyed ensure(helper);
+      use(helper->stringstream());
+      if (depth > 1) lend(depth - 1, use);
+    }
+  };
+  Lumo::traceSettingIs("Sample/*");
+  std::thread([&] {
+    std::vector<std::ostream*> lent;
+    for (int i = 0; i < 10; ++i) {
+      Nest::lend(1, [&](std::ostream& stream) {
+        if (lent.empty()) watch(stream);
+        lent.push_back(&stream);
+      });
+    }
+    EXPECT_EQ(lent, std::vector<std::ostream*>(10, lent[0]));
+    EXPECT_EQ(gone.load(), 0);
+    Nest::lend(10, watch);
+    EXPECT_GT(gone.load(), 0) << "more than are kept";
+    EXPECT_LT(gone.load(), 10);
+  }).join();
+  EXPECT_EQ(gone.load(), 11);
+}
+
+// Where the memory of a stream is, and how much.
+struct StreamMemory : std::streambuf {
+  static std::pair<const void*, std::ptrdiff_t> of(std::ostream& stream) {
+    const std::streambuf& buffer = *stream.rdbuf();
+    const char* const begin = (buffer.*&StreamMemory::pbase)();
+    return {begin, (buffer.*&StreamMemory::epptr)() - begin};
+  }
+};
+
+TEST_F(TraceHelperTest, AStreamKeepsTheMemoryOfALineUnlessItWasLong) {
+  Lumo::traceSettingIs("Sample/*");
+  const auto withLine = [](std::size_t length) {
+    alignas(void*) std::byte storage[Lumo::TraceHelper::storageSize];
+    auto* helper = Lumo::TraceHelper::createIfEnabled(Sample::handle(), 5, storage);
+    Lumo::EnsureTraceHelperIsDestroyed ensure(helper);
+    helper->stringstream() << std::string(length, 'x');
+    return StreamMemory::of(helper->stringstream());
+  };
+  const auto usual = withLine(20000);
+  EXPECT_EQ(withLine(0), usual);
+  const auto larger = withLine(1000000);
+  EXPECT_GE(larger.second, 1000000);
+  const auto after = withLine(0);
+  EXPECT_LT(after.second, 100000);
+  EXPECT_NE(after.first, larger.first);
+}
+
+TEST_F(TraceHelperTest, AStreamSaysWhichCharacterItTook) {
+  Lumo::traceSettingIs("Sample/*");
+  alignas(void*) std::byte storage[Lumo::TraceHelper::storageSize];
+  auto* helper = Lumo::TraceHelper::createIfEnabled(Sample::handle(), 5, storage);
+  Lumo::EnsureTraceHelperIsDestroyed ensure(helper);
+  for (int i = 0; i < 100000; ++i) ASSERT_EQ(helper->stringstream().rdbuf()->sputc('x'), int{'x'});
 }
 
 namespace {
@@ -277,6 +417,23 @@ TEST(TraceLine, HasAFixedFormWithTheTextLast) {
             "one\\ntwo\\rthree\n");
 }
 
+TEST(TraceLine, HasTheSecondThatItWasTracedIn) {
+  const auto secondOf = [](U64 second) {
+    Lumo::TraceLine line;
+    line.timeNs = second * 1000000000ULL;
+    std::string text;
+    Lumo::appendTraceLine(text, line);
+    return text.substr(0, 20);
+  };
+  // On a thread that has shown none before, the first of all, and there and back.
+  std::thread([&] {
+    EXPECT_EQ(secondOf(0), "1970-01-01T00:00:00.");
+    EXPECT_EQ(secondOf(1769860800), "2026-01-31T12:00:00.");
+    EXPECT_EQ(secondOf(1769860801), "2026-01-31T12:00:01.");
+    EXPECT_EQ(secondOf(0), "1970-01-01T00:00:00.");
+  }).join();
+}
+
 TEST(TraceLine, HasItsTimeInUtcWhereverTheProcessIs) {
   const support::Environment tokyo("TZ", "JST-9");
   ::tzset();
@@ -309,6 +466,9 @@ TEST(TraceLine, ShowsWhatIsNoPlainCharacter) {
   EXPECT_EQ(shown("\xe0\x9f\xbf \xf0\x8f\xbf\xbf"), R"(\xe0\x9f\xbf \xf0\x8f\xbf\xbf)");
   EXPECT_EQ(shown("\xe0\xa0\x80 \xf0\x90\x80\x80"), "\xe0\xa0\x80 \xf0\x90\x80\x80");
   EXPECT_EQ(shown("\xed\xa0\x80 \xf4\x90\x80\x80 \xf5"), R"(\xed\xa0\x80 \xf4\x90\x80\x80 \xf5)");
+  EXPECT_EQ(shown("\xed\x9f\xbf \xee\x80\x80 \xf4\x8f\xbf\xbf"),
+            "\xed\x9f\xbf \xee\x80\x80 \xf4\x8f\xbf\xbf");
+  EXPECT_EQ(shown("\xed\xbf\xbf \xf8\x90\x80\x80"), R"(\xed\xbf\xbf \xf8\x90\x80\x80)");
   EXPECT_EQ(shown("\xe2\x28\x82"), R"(\xe2(\x82)");
   EXPECT_EQ(shown("\n\r\t\\"), R"(\n\r\t\\)");
   EXPECT_EQ(shown(std::string_view("\x1b[1m\x7f\0\x1f", 7)), R"(\x1b[1m\x7f\x00\x1f)");
@@ -424,6 +584,32 @@ TEST_F(TraceHelperTest, AThreadMayBeCancelledWhileItTraces) {
   EXPECT_EQ(recorder.texts().size(), 1U);
 }
 
+TEST_F(TraceHelperTest, ADestructorThatRunsAfterTheStreamsOfItsThreadMayTrace) {
+  struct Late {
+    pthread_key_t key = 0;
+    int round = 0;
+  } late;
+  const auto trace = [](void* value) {
+    Late* const self = static_cast<Late*>(value);
+    if (++self->round == 1) {
+      ::pthread_setspecific(self->key, self);  // once more, when those of all keys have run
+      return;
+    }
+    // What was the streams' is somebody else's now, and empty.
+    std::vector<std::unique_ptr<char[]>> blocks;
+    for (int i = 0; i < 100; ++i) blocks.push_back(std::make_unique<char[]>(256));
+    Twine::trace<Sample::textSending>("late");
+  };
+  ASSERT_EQ(::pthread_key_create(&late.key, trace), 0);
+  textIsOn();
+  std::thread([&] {
+    Twine::trace<Sample::textOnly>();
+    ::pthread_setspecific(late.key, &late);
+  }).join();
+  ::pthread_key_delete(late.key);
+  EXPECT_EQ(recorder.texts(), (std::vector<std::string>{"Nothing to do", "Sending late"}));
+}
+
 TEST_F(TraceHelperTest, ASinkMayGoWhileOthersTrace) {
   textIsOn();
   std::atomic<bool> stop{false};
@@ -444,6 +630,47 @@ TEST_F(TraceHelperTest, ASinkMayGoWhileOthersTrace) {
   stop = true;
   tracing.join();
   EXPECT_GE(seen, 40U);
+}
+
+TEST_F(TraceHelperTest, ARecorderGivesTheLinesBackToTheSinkThatWasThere) {
+  textIsOn();
+  {
+    Lumo::TraceRecorder inner;
+    Twine::trace<Sample::textOnly>();
+    EXPECT_EQ(inner.lines().size(), 1U);
+    inner.clear();
+    EXPECT_TRUE(inner.lines().empty());
+  }
+  EXPECT_TRUE(recorder.lines().empty());
+  EXPECT_EQ(Lumo::traceSink(), &recorder);
+  Twine::trace<Sample::textOnly>();
+  EXPECT_EQ(recorder.lines().size(), 1U);
+}
+
+TEST_F(TraceHelperTest, ARecorderMayBeReadAndClearedWhileOthersTrace) {
+  textIsOn();
+  const std::string sent(50, 'x');
+  const std::string whole = "Sending " + sent;
+  std::atomic<bool> stop{false};
+  std::vector<std::thread> tracing;
+  for (int i = 0; i < 2; ++i) {
+    tracing.emplace_back([&] {
+      while (!stop) Twine::trace<Sample::textSending>(sent);
+    });
+  }
+  std::size_t seen = 0;
+  bool allWhole = true;
+  for (int round = 0; round < 500 || seen < 1000; ++round) {
+    for (const std::string& text : recorder.texts()) allWhole = allWhole && text == whole;
+    for (const auto& line : recorder.lines()) {
+      allWhole = allWhole && line.text == whole;
+      ++seen;
+    }
+    if (round % 3 == 2) recorder.clear();
+  }
+  stop = true;
+  for (std::thread& thread : tracing) thread.join();
+  EXPECT_TRUE(allWhole);
 }
 
 TEST_F(TraceHelperTest, AForkWhileASinkIsReplacedLeavesAChildThatMayReplaceIt) {

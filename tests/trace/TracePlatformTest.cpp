@@ -1,5 +1,5 @@
-// What the trace files make of the platform: clocks that are read, and reads that do not go as they
-// mostly do.
+// What the traces make of the platform: clocks that are read, and reads and writes that do not go
+// as they mostly do.
 
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -19,11 +19,15 @@
 namespace {
 
 int clockReads = 0;
+// What stands for the time of day.
+std::optional<timespec> timeOfDay;
+
 // Asked before a read; a result stands for that of the read.
 std::function<std::optional<ssize_t>(int file, void* bytes, std::size_t size, off_t offset)> onRead;
 
-// How much is written at once at most.
+// How much is written at once at most, and how many writes before take nothing.
 std::size_t mostAtOnce = ~std::size_t{0};
+int idleWrites = 0;
 
 U64 kernelNs() {
   timespec time;
@@ -35,6 +39,10 @@ U64 kernelNs() {
 
 extern "C" int clock_gettime(clockid_t clock, timespec* time) noexcept {
   ++clockReads;
+  if (clock == CLOCK_REALTIME && timeOfDay) {
+    *time = *timeOfDay;
+    return 0;
+  }
   return static_cast<int>(::syscall(SYS_clock_gettime, clock, time));
 }
 
@@ -46,6 +54,10 @@ extern "C" ssize_t pread(int file, void* bytes, std::size_t size, off_t offset) 
 }
 
 extern "C" ssize_t write(int file, const void* bytes, std::size_t size) {
+  if (idleWrites > 0) {
+    --idleWrites;
+    return 0;
+  }
   return ::syscall(SYS_write, file, bytes, std::min(size, mostAtOnce));
 }
 
@@ -56,6 +68,8 @@ class TraceOnThePlatform : public TraceTest {
   ~TraceOnThePlatform() override {
     onRead = nullptr;
     mostAtOnce = ~std::size_t{0};
+    idleWrites = 0;
+    timeOfDay.reset();
   }
 };
 
@@ -86,6 +100,29 @@ TEST_F(TraceOnThePlatform, TheKernelIsAskedForFewTimesWhereTheCounterIsSteady) {
   clockReads = 0;
   for (int i = 0; i < 10000; ++i) clock.now();
   EXPECT_LT(clockReads, 1000);
+}
+
+TEST_F(TraceOnThePlatform, ALineCarriesTheTimeOfDay) {
+  textIsOn();
+  timeOfDay = timespec{1769860800, 123456789};
+  Twine::trace<Sample::textOnly>();
+  const auto lines = recorder.lines();
+  ASSERT_EQ(lines.size(), 1U);
+  EXPECT_EQ(lines[0].timeNs, 1769860800123456789ULL);
+}
+
+TEST_F(TraceOnThePlatform, ALineIsWrittenInAsManyPiecesAsItTakes) {
+  textIsOn();
+  Lumo::traceSinkIs(nullptr);
+  testing::internal::CaptureStderr();
+  mostAtOnce = 7;
+  idleWrites = 1;
+  errno = EBADF;  // of an earlier call: a write that takes nothing has not failed
+  Twine::trace<Sample::textOnly>();
+  mostAtOnce = ~std::size_t{0};
+  const std::string written = testing::internal::GetCapturedStderr();
+  Lumo::traceSinkIs(&recorder);
+  EXPECT_TRUE(written.ends_with(" Sample/5 Sample.lumo:77 work: Nothing to do\n")) << written;
 }
 
 TEST_F(TraceOnThePlatform, AReadThatIsInterruptedGoesOn) {

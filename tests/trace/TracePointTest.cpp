@@ -1,3 +1,4 @@
+#include <array>
 #include <functional>
 #include <sstream>
 
@@ -199,6 +200,27 @@ TEST_F(TracePointTest, TheLevelMapMovesRecordsAndNotTheText) {
   Lumo::traceSettingIs("Sample/9");
   Twine::trace<Sample::plain>();
   EXPECT_EQ(recorder.lines().size(), 1U) << "the text half tests the point's own level";
+}
+
+TEST_F(TracePointTest, ALevelMapIsTenLevelsLong) {
+  struct {
+    std::array<U8, 10> levels{9, 8, 7, 6, 5, 4, 3, 2, 1, 0};
+    U8 behind = 66;
+  } given;
+  U8 map[11] = {};
+  map[10] = 77;
+  Twine::levelMapIs(map, given.levels);
+  for (std::size_t i = 0; i < given.levels.size(); ++i) EXPECT_EQ(map[i], given.levels[i]);
+  EXPECT_EQ(map[10], 77);
+}
+
+TEST_F(TracePointTest, AConverterGivesItsStreamBack) {
+  const auto lent = [] {
+    Twine::SkeinConverter converter;
+    return &converter.fixed();
+  };
+  std::ostream* const first = lent();
+  EXPECT_EQ(lent(), first);
 }
 
 TEST_F(TracePointTest, ConverterTakesEveryArgumentType) {

@@ -96,6 +96,10 @@ TEST(TraceProcess, ALineThatCannotGoOutKeepsNobodyElseWaiting) {
   ::close(ends[1]);
 }
 
+TEST(TraceProcess, AChildForkedWhileAThreadIsInASinkDoesNotWaitForThatThread) {
+  EXPECT_EQ(ended(start({TRACE_PROGRAM, "forked"}, nullptr, -1, -1)), 0);
+}
+
 TEST(TraceProcess, ALineIsOneWrite) {
   int ends[2];
   ASSERT_EQ(::pipe2(ends, O_DIRECT), 0);  // what is written at once is read at once

@@ -7,7 +7,9 @@
 //   trace_program late                lines from destructors while the process exits
 //   trace_program first               the facilities with handles before and after first traces
 //   trace_program exiting             ends while a thread goes on tracing
-//   trace_program stuck               settings, a handle and a fork while a line cannot go out
+//   trace_program stuck               settings, a handle, a fork and the child's line while a line
+//                                     cannot go out
+//   trace_program forked              a fork while a thread is in a sink
 //   trace_program commands FILE       a queue of commands on one thread, their ends on another
 //   trace_program many FILE COUNT     so many commands back to back: one refused, later three of
 //                                     each bad kind in turn, some dropped, and one after a pause
@@ -27,6 +29,7 @@
 #include <thread>
 #include <vector>
 
+#include <Lumo/TraceSink.h>
 #include <Skein/Skein.h>
 
 #include "TracePoints.h"
@@ -94,7 +97,36 @@ int stuck() {
   Lumo::traceLevelIs("*", 3, true);
   const Lumo::TraceHandle handle("Fresh", false);
   const pid_t child = ::fork();
-  if (child == 0) ::_exit(handle.enabled(3) ? 0 : 1);
+  if (child == 0) {
+    ::alarm(30);
+    ::close(STDERR_FILENO);
+    Twine::trace<Sample::textOnly>();
+    ::_exit(handle.enabled(3) ? 0 : 1);
+  }
+  int status = 1;
+  ::waitpid(child, &status, 0);
+  ::_exit(status == 0 ? 0 : 1);
+}
+
+// The thread that is in the sink stays there; the child would wait for it until a signal ends it.
+int forked() {
+  struct : Lumo::TraceSink {
+    void lineIs(const Lumo::TraceLine&) override {
+      entered = true;
+      while (true) ::pause();
+    }
+    std::atomic<bool> entered{false};
+  } sink;
+  Lumo::traceSettingIs("*/*");
+  Lumo::traceSinkIs(&sink);
+  std::thread([] { Twine::trace<Sample::textOnly>(); }).detach();
+  while (!sink.entered) std::this_thread::yield();
+  const pid_t child = ::fork();
+  if (child == 0) {
+    ::alarm(30);
+    Lumo::traceSinkIs(nullptr);
+    ::_exit(0);
+  }
   int status = 1;
   ::waitpid(child, &status, 0);
   ::_exit(status == 0 ? 0 : 1);
@@ -250,12 +282,13 @@ int main(int count, char** words) {
   if (mode == "first") return first();
   if (mode == "exiting") return exiting();
   if (mode == "stuck") return stuck();
+  if (mode == "forked") return forked();
   if (mode == "commands" && count == 3) return commands(words[2]);
   if (mode == "many" && count == 4) return many(words[2], words[3]);
   if (mode == "ring" && count == 5) return ring(words[2], words[3], words[4]);
   std::fprintf(
       stderr,
-      "usage: trace_program text|told|errno FILE|threads|late|first|exiting|stuck|commands "
+      "usage: trace_program text|told|errno FILE|threads|late|first|exiting|stuck|forked|commands "
       "FILE|many FILE COUNT|ring FILE SIZE THREADS\n");
   return 2;
 }
