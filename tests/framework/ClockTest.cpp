@@ -212,6 +212,18 @@ TEST_F(ClockTest, TellsOfTheFirstRequestOfAll) {
   EXPECT_EQ(told, 1);
 }
 
+TEST_F(ClockTest, TellsOfARequestForItsBeginningAndOfNoneBehindIt) {
+  const auto a = alarm(1, 1);
+  clock->timeIs(1);
+  int told = 0;
+  clock->earlierRequestHookIs([&] { ++told; });
+  a->timeoutIs(0);
+  EXPECT_EQ(told, 1);
+  const auto b = alarm(2, 6);
+  EXPECT_EQ(told, 1);
+  EXPECT_EQ(clock->nextTimeout(), 0);
+}
+
 TEST_F(ClockTest, ARequestBeforeTheBeginningIsNotNobodys) {
   const auto a = alarm(1, -1);
   EXPECT_EQ(clock->nextTimeout(), 0);
@@ -279,6 +291,19 @@ TEST_F(ClockTest, TheSameTimeAgainChangesNothingThatSomebodyReliesOn) {
   const U64 version = clock->fwkEntityVersion();
   clock->timeIs(2);
   EXPECT_EQ(clock->fwkEntityVersion(), version + 1);
+}
+
+struct ClockDeathTest : ClockTest {
+  ClockDeathTest() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+};
+
+TEST_F(ClockDeathTest, RefusesToMoveWhileSomebodyReliesOnItsTime) {
+  EXPECT_DEATH(
+      {
+        const Lumo::FwkEntityReadsPreserve preserved(clock.ptr());
+        clock->timeIs(1);
+      },
+      testing::HasSubstr("!Lumo::FwkEntityReadsPreserve::anyActive( this )"));
 }
 
 TEST_F(ClockTest, ThoseOfTheSameTimeKeepTheirOrderHoweverOftenTheyAskAgain) {

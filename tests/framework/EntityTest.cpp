@@ -162,6 +162,9 @@ TEST(String, CanBeWalked) {
   std::string walked;
   for (auto at = text.iteratorConst(); at != text.endConst(); ++at) walked += *at;
   EXPECT_EQ(walked, "abc");
+  auto at = text.iteratorConst();
+  for (int i = 0; i < 3; ++i, ++at) EXPECT_TRUE(at);
+  EXPECT_FALSE(at);
   EXPECT_FALSE(String().iteratorConst());
 }
 

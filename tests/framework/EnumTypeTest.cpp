@@ -23,7 +23,7 @@ using Lumo::RangeException;
 using Lumo::String;
 using Colour = Lumo::EnumType<unsigned int>;
 
-constexpr EnumRow rows[] = {{"red", 0}, {"dark_red", 1}, {"green2", 70000}};
+constexpr EnumRow rows[] = {{"red", 0}, {"dark_red", 1}, {"green2", 70000}, {"azAZ09", 3}};
 constinit const EnumLumoType colours("sample::Colour", rows);
 
 TEST(EnumType, FindsAValueByName) {
@@ -75,6 +75,15 @@ TEST(EnumType, ReadsNamesFromAText) {
   Colour::sequenceToValue(colours, at, text.endConst(), &value);
   EXPECT_EQ(value, 0u);
   EXPECT_TRUE(at == text.endConst());
+}
+
+TEST(EnumType, ReadsNamesOfAnyLettersAndDigits) {
+  const String text("azAZ09-");
+  auto at = text.iteratorConst();
+  unsigned value = 99;
+  Colour::sequenceToValue(colours, at, text.endConst(), &value);
+  EXPECT_EQ(value, 3u);
+  EXPECT_EQ(*at, '-');
 }
 
 // A locale of one byte per character, in which there are letters beyond ASCII.

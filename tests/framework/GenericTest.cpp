@@ -282,6 +282,8 @@ TEST_F(GenericIfTest, RefusesWhatTheTypeDoesNotOffer) {
 TEST_F(GenericIfTest, AForeignAttributeIsNotSupported) {
   const Lumo::LumoAttr foreign = Lumo::described(7, "foreign", "none");
   EXPECT_THROW(view.op(foreign, Lumo::opRead), OpNotSupportedException);
+  const Lumo::LumoAttr readable = Lumo::readOnly<Box, &Box::weight>(7, "foreign");
+  EXPECT_THROW(view.op(readable, Lumo::opRead), OpNotSupportedException);
   GenericValue result;
   bool resultSet = false;
   EXPECT_THROW(Box::_lumoType.attributeOp(box.ptr(), false, AttributeOp(nullptr, Lumo::opRead), {},

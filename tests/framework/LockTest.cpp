@@ -1,11 +1,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <support/ThisProcess.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
-#include <fstream>
 #include <memory>
 #include <thread>
 #include <utility>
@@ -349,14 +349,6 @@ TEST(ThreadId, KeepsAThreadAsANumber) {
   EXPECT_NE(other, Lumo::toU64(self));
 }
 
-// Whether a thread of this process waits for something.
-bool waits(pid_t thread) {
-  std::ifstream in("/proc/self/task/" + std::to_string(thread) + "/stat");
-  std::string stat;
-  std::getline(in, stat);
-  return stat.find(") S ") != std::string::npos;
-}
-
 TEST_F(LockTest, AnInsistingAnchorLooksAtTheMarkOnceItHoldsTheLock) {
   std::atomic<pid_t> insisting{0};
   std::atomic<bool> refused{false};
@@ -371,7 +363,7 @@ TEST_F(LockTest, AnInsistingAnchorLooksAtTheMarkOnceItHoldsTheLock) {
         refused = true;
       }
     });
-    while (insisting == 0 || !waits(insisting)) std::this_thread::yield();
+    while (insisting == 0 || !support::sleeps(insisting)) std::this_thread::yield();
   }
   other.join();
   EXPECT_FALSE(refused);

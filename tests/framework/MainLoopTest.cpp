@@ -2,12 +2,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <support/ThisProcess.h>
+#include <support/Vanishing.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <functional>
 #include <limits>
+#include <memory>
 #include <semaphore>
 #include <stdexcept>
 #include <thread>
@@ -125,6 +127,27 @@ TEST_F(MainLoopTest, GivesUpAtTheDeadline) {
   EXPECT_TRUE(loop.runUntil([] { return true; }, 0ms));
 }
 
+TEST_F(MainLoopTest, SleepsAgainOnceItWasWoken) {
+  loop.post([] {});
+  int looks = 0;
+  EXPECT_FALSE(loop.runUntil([&] { return ++looks < 0; }, 20ms));
+  EXPECT_LE(looks, 20 / 2 + 3);
+}
+
+TEST_F(MainLoopTest, SleepsWhileNothingIsDueYet) {
+  const auto alarm = Lumo::allocate<Caller>(loop.clock(), [] {});
+  EXPECT_TRUE(loop.runUntil([] { return true; }, patience));  // uses up the first request
+  for (const double ahead : {1000.0, 1e18}) {
+    {
+      const ActivityLockAnchor activity;
+      alarm->timeoutIs(loop.clock()->time() + ahead);
+    }
+    int looks = 0;
+    EXPECT_FALSE(loop.runUntil([&] { return ++looks < 0; }, 20ms));
+    EXPECT_LE(looks, 20 / 2 + 3) << ahead;
+  }
+}
+
 TEST_F(MainLoopTest, LooksAtTheConditionUnderTheActivityLock) {
   bool taken = true;
   loop.runUntil(
@@ -236,6 +259,34 @@ TEST(MainLoop, LeavesItsClockUsable) {
   EXPECT_EQ(calls, 2);
 }
 
+TEST(MainLoop, IsNotToldOfRequestsOnceItHasEnded) {
+  support::Vanishing<MainLoop> loop;
+  const Ptr<Clock> clock = loop->clock();
+  loop.end();
+  const auto alarm = Lumo::allocate<Caller>(clock, [] {});
+  clock->timeIs(1);
+  alarm->timeoutIs(2);
+  EXPECT_EQ(clock->nextTimeout(), 2);
+}
+
+TEST(MainLoop, DoesNotEndWhileAnotherThreadMayBeAtItsClock) {
+  auto loop = std::make_unique<MainLoop>();
+  std::atomic<pid_t> ending{0};
+  std::atomic<bool> ended{false};
+  std::thread other;
+  {
+    const ActivityLockAnchor activity;
+    other = std::thread([&] {
+      ending = ::gettid();
+      loop = nullptr;
+      ended = true;
+    });
+    while (!ended && (ending == 0 || !support::sleeps(ending))) std::this_thread::yield();
+    EXPECT_FALSE(ended);
+  }
+  other.join();
+}
+
 // Whether the clock still asks the loop that has gone is seen by the address sanitizer.
 TEST(MainLoop, MayEndWhileAnotherThreadSetsATimer) {
   std::atomic<bool> stop{false};
@@ -281,6 +332,34 @@ TEST_F(MainLoopTest, AnExceptionKeepsTheRestBeforeWhatIsPostedLater) {
   EXPECT_THROW(loop.run(), std::runtime_error);
   EXPECT_TRUE(loop.runUntil([&] { return log.size() == 2; }, patience));
   EXPECT_THAT(log, ElementsAre(1, 2));
+}
+
+TEST_F(MainLoopTest, AnExceptionLosesNothingOfWhatOthersPostMeanwhile) {
+  constexpr int threads = 3, each = 200;
+  int ran = 0;
+  std::vector<std::thread> posting;
+  for (int i = 0; i < threads; ++i) {
+    posting.emplace_back([&] {
+      for (int n = 0; n < each; ++n) {
+        loop.post([&ran] {
+          ++ran;
+          throw std::runtime_error("task");
+        });
+      }
+    });
+  }
+  int caught = 0;
+  for (bool over = false; !over;) {
+    try {
+      loop.runUntil([&] { return ran == threads * each; }, patience);
+      over = true;
+    } catch (const std::runtime_error&) {
+      ++caught;
+    }
+  }
+  for (std::thread& thread : posting) thread.join();
+  EXPECT_EQ(ran, threads * each);
+  EXPECT_EQ(caught, ran);
 }
 
 TEST(MainLoop, DropsWhatIsStillPosted) {

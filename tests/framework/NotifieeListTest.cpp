@@ -1,5 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <support/Vanishing.h>
 
 #include <algorithm>
 #include <atomic>
@@ -7,6 +8,7 @@
 #include <random>
 #include <stdexcept>
 #include <thread>
+#include <vector>
 
 #include "Thing.h"
 
@@ -104,6 +106,44 @@ TEST_F(NotifieeListTest, SeveralThreadsMayEnterByHand) {
   std::thread another(enter);
   enter();
   another.join();
+}
+
+// Follows nothing, and is on the lists that it is entered in.
+struct Listed : NotifieeConst {};
+
+TEST_F(NotifieeListTest, OneThatWasEnteredByHandDoesNotLookForAListThatHasGone) {
+  support::Vanishing<Lumo::NotifieeList> vanishing;
+  auto stayed = Lumo::allocate<Listed>();
+  auto left = Lumo::allocate<Listed>();
+  vanishing->newMember(stayed.ptr());
+  vanishing->newMember(left.ptr());
+  vanishing->deleteMember(left.ptr());
+  EXPECT_EQ(vanishing->members(), 1U);
+  vanishing.end();
+  stayed = nullptr;
+  left = nullptr;
+}
+
+TEST_F(NotifieeListTest, SeveralThreadsMayChangeAndVisitOneList) {
+  constexpr int threads = 4;
+  std::barrier together(threads);
+  const auto changeAndVisit = [&] {
+    Reactor::Log unused;
+    together.arrive_and_wait();
+    for (int round = 0; round < 1000; ++round) {
+      const auto registered = Lumo::allocate<Reactor>(followed, &unused, 0);
+      const auto byHand = Lumo::allocate<Listed>();
+      list().newMember(byHand.ptr());
+      list().doVisit([](NotifieeConst*) {});
+      if (round % 4 == 0) list().deleteAll();
+      if (round % 4 == 1) list().deleteMember(byHand.ptr());
+      if (round % 4 == 2) registered->isRegisteredNotifieeIs(false);
+    }
+  };
+  std::vector<std::thread> changing;
+  for (int i = 0; i < threads; ++i) changing.emplace_back(changeAndVisit);
+  for (std::thread& thread : changing) thread.join();
+  EXPECT_EQ(list().members(), 0U);
 }
 
 TEST_F(NotifieeListTest, DeletingWhatIsNotAMemberDoesNothing) {

@@ -271,6 +271,26 @@ TEST_F(NotifieeTest, LearnsThatALooselyFollowedObjectGoes) {
   EXPECT_EQ(onlooker->told, 1);
 }
 
+TEST_F(NotifieeTest, AnOnlookerMayPointAtTheObjectThatGoes) {
+  struct Pointing : Lumo::NotifieeConst {
+    void onZeroReferences() override {
+      if (++told > 1) return;
+      const Ptr<Thing> again(object);
+    }
+    Thing* object = nullptr;
+    int told = 0;
+  };
+  auto object = thing();
+  int gone = 0;
+  object->onDestruction = [&] { ++gone; };
+  const auto pointing = Lumo::allocate<Pointing>();
+  pointing->object = object.ptr();
+  object->notifieeList()->newMember(pointing.ptr());
+  object = nullptr;
+  EXPECT_EQ(pointing->told, 1);
+  EXPECT_EQ(gone, 1);
+}
+
 TEST_F(NotifieeTest, AnOnlookerThatGoesFirstLeavesEveryListItIsOn) {
   const auto other = thing("other");
   auto onlooker = Lumo::allocate<Onlooker>();

@@ -5,11 +5,18 @@
 #include <poll.h>
 #include <support/Eventually.h>
 #include <support/Platform.h>
+#include <support/ThisProcess.h>
+#include <sys/eventfd.h>
+#include <sys/syscall.h>
+#include <sys/timerfd.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
+#include <functional>
 #include <new>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -25,6 +32,11 @@ std::atomic<std::size_t> blocks{0};
 std::atomic<std::size_t> lastSize{0};
 
 std::atomic<int> waits{0};
+// What a wait begins with.
+std::function<void()> onWait;
+
+itimerspec lastTimer{};
+bool eventsRefused = false;
 
 }  // namespace
 
@@ -46,8 +58,23 @@ void operator delete(void* memory, std::size_t) noexcept {
 // The wait for descriptors of the whole program.
 extern "C" int poll(pollfd* descriptors, nfds_t count, int timeout) {
   ++waits;
+  if (onWait) onWait();
   const timespec time{timeout / 1000, timeout % 1000 * 1000000L};
   return ppoll(descriptors, count, timeout < 0 ? nullptr : &time, nullptr);
+}
+
+extern "C" int eventfd(unsigned int count, int flags) noexcept {
+  if (eventsRefused) {
+    errno = EMFILE;
+    return -1;
+  }
+  return static_cast<int>(::syscall(SYS_eventfd2, count, flags));
+}
+
+extern "C" int timerfd_settime(int timer, int flags, const itimerspec* time,
+                               itimerspec* before) noexcept {
+  lastTimer = *time;
+  return static_cast<int>(::syscall(SYS_timerfd_settime, timer, flags, time, before));
 }
 
 namespace {
@@ -173,6 +200,48 @@ TEST(MainLoopOnThePlatform, WaitsWhereNothingIsDue) {
   runner.join();
 }
 
+TEST(MainLoopOnThePlatform, SleepsUntilTheNextRequest) {
+  struct Alarm : Lumo::Clock::NotifieeConst {
+    explicit Alarm(const Lumo::Ptr<Lumo::Clock const>& clock) : NotifieeConst(clock) {}
+    ~Alarm() override { doZombieReactor(true); }
+  };
+  Lumo::MainLoop loop;
+  const auto alarm = Lumo::allocate<Alarm>(loop.clock());
+  loop.post([&] { alarm->timeoutIs(1e6); });
+  onWait = [&] { loop.stop(); };
+  loop.run();
+  onWait = nullptr;
+  EXPECT_LE(lastTimer.it_value.tv_sec, 1000000);
+  EXPECT_GE(lastTimer.it_value.tv_sec, 1000000 - 3600);
+}
+
+TEST(MainLoopOnThePlatform, AsksItsClockForTheNextRequestUnderTheActivityLock) {
+  const void* const activityLock = Lumo::ActivityLockAnchor::lock();
+  int taken = 0;
+  const Platform platform([&](const char* called, const void* object, int) -> std::optional<int> {
+    if (object == activityLock && called == std::string("pthread_mutex_lock")) ++taken;
+    return std::nullopt;
+  });
+  Lumo::MainLoop loop;
+  int takenBeforeTheWait = 0;
+  loop.post([&] { taken = 0; });  // from here on, the lock being held
+  onWait = [&] {
+    takenBeforeTheWait = taken;
+    loop.stop();
+  };
+  loop.run();
+  onWait = nullptr;
+  EXPECT_EQ(takenBeforeTheWait, 1);
+}
+
+TEST(MainLoopOnThePlatform, KeepsNoDescriptorWhereTheFirstOfTwoIsRefused) {
+  const auto before = support::openDescriptors();
+  eventsRefused = true;
+  EXPECT_THROW(Lumo::MainLoop(), ErrnoException);
+  eventsRefused = false;
+  EXPECT_EQ(support::openDescriptors(), before);
+}
+
 TEST(PtrInterface, TakesItsMemoryFromTheOrdinaryHeap) {
   const std::size_t before = blocks;
   void* const memory = Lumo::PtrInterface::lumoMemAlloc(12345);
@@ -184,6 +253,10 @@ TEST(PtrInterface, TakesItsMemoryFromTheOrdinaryHeap) {
   EXPECT_EQ(lastSize, sizeof(Condition));
   EXPECT_EQ(blocks, before + 1);
   delete condition;
+  EXPECT_EQ(blocks, before);
+  Condition* const conditions = new Condition[2];
+  EXPECT_EQ(blocks, before + 1);
+  delete[] conditions;
   EXPECT_EQ(blocks, before);
 }
 

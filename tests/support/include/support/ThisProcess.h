@@ -20,6 +20,13 @@ inline std::ptrdiff_t openDescriptors() {
   return entriesOf("/proc/self/fd");
 }
 
+// Whether a thread of this process waits for something.
+inline bool sleeps(int thread) {
+  std::string stat;
+  std::getline(std::ifstream("/proc/self/task/" + std::to_string(thread) + "/stat"), stat);
+  return stat.find(") S ") != std::string::npos;
+}
+
 // The threads of this process, but for those of gRPC, which come and go as it likes: it gives them
 // names of its own, soon after their start; a thread that nobody named is called as the program is.
 inline std::set<int> ownThreads() {
