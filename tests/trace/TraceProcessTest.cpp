@@ -47,6 +47,8 @@ TEST(TraceProcess, WarnsOnceOfABadSettingAndGoesOn) {
 TEST(TraceProcess, LongLinesOfSeveralThreadsStayWholeInAPipe) {
   int ends[2];
   ASSERT_EQ(::pipe(ends), 0);
+  // So small that a line waits for the reader several times, and others might come between.
+  ASSERT_GT(::fcntl(ends[1], F_SETPIPE_SZ, 4096), 0);
   const pid_t child = start({TRACE_PROGRAM, "threads"}, "*/*", -1, ends[1]);
   ::close(ends[1]);
   std::string text;
