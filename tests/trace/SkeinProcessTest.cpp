@@ -126,7 +126,32 @@ TEST_F(SkeinProcess, AForkedChildWritesBesideItsParent) {
   }
 }
 
-// Whether it touches what is gone is seen by the address sanitizer.
+namespace {
+
+// They take the place of what was given back last, so that whoever still uses it finds out.
+std::vector<std::string> textsOfManySizes() {
+  std::vector<std::string> texts;
+  for (std::size_t size = 32; size < 1024; size += 8) {
+    for (int i = 0; i < 8; ++i) texts.emplace_back(size, '\xff');
+  }
+  return texts;
+}
+
+}  // namespace
+
+TEST_F(SkeinProcess, AForkedChildKeepsWhatItsThreadHad) {
+  ringIsOn({.size = 64 * 1024});
+  Twine::trace<Sample::numbered>(1);
+  const pid_t child = ::fork();
+  if (child == 0) {
+    const auto texts = textsOfManySizes();
+    Twine::trace<Sample::numbered>(2);
+    ::_exit(texts.empty() ? 1 : 0);
+  }
+  EXPECT_EQ(ended(child), 0);
+  EXPECT_EQ(textsIn(path), (std::vector<std::string>{"n=1", "n=2"}));
+}
+
 TEST_F(SkeinProcess, AForkedChildPassesOverFilesThatOthersTracedInto) {
   std::barrier step(2);
   ringIsOn();
@@ -137,6 +162,7 @@ TEST_F(SkeinProcess, AForkedChildPassesOverFilesThatOthersTracedInto) {
   });
   step.arrive_and_wait();
   skein = nullptr;
+  const auto texts = textsOfManySizes();
   const pid_t child = ::fork();
   if (child == 0) ::_exit(0);
   EXPECT_EQ(ended(child), 0);
@@ -207,6 +233,26 @@ TEST_F(SkeinProcess, ABlockThatADeadChildFilledToItsEndIsCounted) {
   Skein::Reader reader(path);
   EXPECT_EQ(recordsOf(reader).size() + reader.counters().overwritten,
             static_cast<std::size_t>(blocks * (emptyOnes + 1 + 100)));
+  EXPECT_EQ(reader.counters().dropped, 0U);
+}
+
+// Those that its writer before the child had left there are counted already.
+TEST_F(SkeinProcess, OfABlockThatADeadChildTookOnlyItsOwnRecordsAreCounted) {
+  ringIsOn({.size = 16 * 1024, .multiThreaded = false});
+  for (int i = 0; i < 1000; ++i) Twine::trace<Sample::numbered>(i);
+  constexpr int children = 5;
+  for (int i = 0; i < children; ++i) {
+    const pid_t child = ::fork();
+    if (child == 0) {
+      Twine::trace<Sample::numbered>(i);
+      ::_exit(0);
+    }
+    EXPECT_EQ(ended(child), 0);
+  }
+  for (int i = 0; i < 1000; ++i) Twine::trace<Sample::numbered>(i);
+  Skein::Reader reader(path);
+  EXPECT_EQ(recordsOf(reader).size() + reader.counters().overwritten, 2000U + children);
+  EXPECT_EQ(reader.counters().behindGaps, 0U);
   EXPECT_EQ(reader.counters().dropped, 0U);
 }
 
