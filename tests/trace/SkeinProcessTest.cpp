@@ -1,6 +1,8 @@
 #include <barrier>
 #include <cerrno>
 #include <chrono>
+#include <fstream>
+#include <functional>
 #include <map>
 #include <random>
 #include <thread>
@@ -124,6 +126,49 @@ TEST_F(SkeinProcess, AForkedChildWritesBesideItsParent) {
       EXPECT_EQ(block.ordinal, ++last[block.writer]) << "of writer " << block.writer;
     }
   }
+}
+
+namespace {
+
+// A text that takes its time.
+struct Lengthy {
+  std::function<void()> wait;
+  operator std::string_view() const {
+    wait();
+    return "text";
+  }
+};
+
+}  // namespace
+
+template <>
+inline constexpr bool Skein::isText<Lengthy> = true;
+
+TEST_F(SkeinProcess, InAForkedChildAFileStaysUntilItsThreadHasTraced) {
+  ringIsOn();
+  Twine::trace<Sample::plain>();
+  const pid_t child = ::fork();
+  if (child == 0) {
+    ::alarm(60);
+    std::thread closing;
+    const auto isMapped = [&] {
+      std::ifstream in("/proc/self/maps");
+      const std::string maps{std::istreambuf_iterator<char>(in), {}};
+      return maps.find("/trace.skein") != std::string::npos;
+    };
+    Twine::trace<Sample::numbered>(Lengthy{[&] {
+      closing = std::thread([&] { skein.reset(); });
+      while (Skein::defaultSkeinFile() != nullptr) std::this_thread::yield();
+      // Long enough for whoever does not wait.
+      for (int look = 0; look < 100; ++look) {
+        if (!isMapped()) ::_exit(1);
+      }
+    }});
+    closing.join();
+    ::_exit(isMapped() ? 2 : 0);
+  }
+  EXPECT_EQ(ended(child), 0);
+  EXPECT_EQ(textsIn(path), (std::vector<std::string>{"Entry", "n=text"}));
 }
 
 namespace {
