@@ -141,8 +141,57 @@ TEST_F(SkeinDamage, ADamagedBlockIsReportedOnce) {
   Skein::Reader reader(path);
   for (int look = 0; look < 3; ++look) {
     recordsOf(reader);
-    EXPECT_NE(reader.problem().find("damaged in 1 place"), std::string::npos) << look;
+    EXPECT_EQ(reader.problem(),
+              path + " is damaged in 1 place, which were skipped; the rest was read")
+        << look;
   }
+}
+
+TEST_F(SkeinDamage, ADescriptorWithAnUnknownCodeIsReportedOnce) {
+  std::string bytes = whole;
+  // Codes and text of the only one.
+  const std::size_t codes = bytes.find("isa=%s b=%s");
+  ASSERT_NE(codes, std::string::npos);
+  bytes[codes] = 'x';
+  writeBytes(path, bytes);
+  Skein::Reader reader(path);
+  EXPECT_FALSE(reader.sites()[0]);
+  EXPECT_EQ(reader.problem(),
+            path + " is damaged in 1 place, which were skipped; the rest was read");
+  // And each of its records.
+  EXPECT_TRUE(recordsOf(reader).empty());
+  EXPECT_EQ(reader.problem(), path + " is damaged in " + std::to_string(1 + recordCount) +
+                                  " places, which were skipped; the rest was read");
+}
+
+TEST_F(SkeinDamage, ADescriptorMayEndWithTheRoomForThemOrWithTheFile) {
+  Skein::FileHeader header;
+  std::memcpy(&header, whole.data(), sizeof header);
+  U64 entry;
+  std::memcpy(&entry, whole.data() + header.indexOffset, sizeof entry);
+  ASSERT_EQ(entry >> 32, 0U);  // its offset: it is the first
+  const auto isRead = [&](const std::string& bytes) {
+    writeBytes(path, bytes);
+    const Skein::Reader reader(path);
+    return reader.sites()[0] != nullptr;
+  };
+  for (const U32 missing : {0U, 1U}) {
+    const U32 length = static_cast<U32>(entry) - missing;
+    std::string bytes = whole;
+    std::memcpy(bytes.data() + offsetof(Skein::FileHeader, heapSize), &length, sizeof length);
+    EXPECT_EQ(isRead(bytes), missing == 0);
+    EXPECT_EQ(isRead(whole.substr(0, header.heapOffset + length)), missing == 0);
+  }
+}
+
+TEST_F(SkeinDamage, ARecordThatEndsBeforeItsArgumentsIsReported) {
+  // Those of the first are 0 and "": behind its header they read as the end of the block.
+  const Finding finding =
+      findingOf(withCommit(Skein::commitWord(commit >> 32, 1, sizeof(Skein::RecordHeader))));
+  EXPECT_EQ(finding.problem,
+            path + " is damaged in 1 place, which were skipped; the rest was read");
+  EXPECT_LT(finding.records.size(), 0U + recordCount);
+  EXPECT_GT(finding.records.size(), 0U);
 }
 
 TEST_F(SkeinDamage, BlocksMayEndWithTheFileAndNotBehindIt) {
@@ -157,6 +206,40 @@ TEST_F(SkeinDamage, BlocksMayEndWithTheFileAndNotBehindIt) {
   EXPECT_EQ(findingWith(end).error, "");
   EXPECT_EQ(findingWith(end).records.size(), 0U + recordCount);
   EXPECT_NE(findingWith(end - 1).error.find("its header contradicts itself"), std::string::npos);
+}
+
+TEST_F(SkeinDamage, TheHeaderMayBeAtItsLimitsAndNotBeyond) {
+  using Header = Skein::FileHeader;
+  const auto errorWith = [&](auto change) {
+    std::string bytes = whole;
+    Header header;
+    std::memcpy(&header, bytes.data(), sizeof header);
+    change(header);
+    std::memcpy(bytes.data(), &header, sizeof header);
+    return findingOf(bytes).error;
+  };
+  const std::string contradiction = path + " is damaged: its header contradicts itself";
+  constexpr U64 largest = U64{1} << 31;
+  EXPECT_EQ(errorWith([](Header& h) { h.fileSize = largest; }), "");
+  EXPECT_EQ(errorWith([](Header& h) { h.fileSize = largest + 1; }), contradiction);
+  EXPECT_EQ(errorWith([](Header& h) { h.indexOffset = sizeof h; }), "");
+  EXPECT_EQ(errorWith([](Header& h) { h.indexOffset = sizeof h - 8; }), contradiction);
+  EXPECT_EQ(errorWith([](Header& h) { h.indexOffset = sizeof h + 4; }), contradiction);
+  EXPECT_EQ(errorWith([](Header& h) { h.indexSlots += 1; }), contradiction);
+  EXPECT_EQ(errorWith([](Header& h) { h.heapSize += 1; }), contradiction);
+  EXPECT_EQ(errorWith([](Header& h) { h.blockSize = 64; }), "");
+  EXPECT_EQ(errorWith([](Header& h) { h.blockSize = 56; }), contradiction);
+  EXPECT_EQ(errorWith([](Header& h) { h.blockCount = 1; }), "");
+  EXPECT_EQ(errorWith([](Header& h) { h.blockCount = 0; }), contradiction);
+  for (const U32 slots : {65535U, 65536U}) {
+    const auto withSlots = [slots](Header& h) {
+      h.fileSize = largest;
+      h.indexSlots = slots;
+      h.heapOffset = h.blocksOffset = h.indexOffset + slots * static_cast<U32>(sizeof(U64));
+      h.heapSize = 0;
+    };
+    EXPECT_EQ(errorWith(withSlots), slots == 65535 ? "" : contradiction);
+  }
 }
 
 TEST_F(SkeinDamage, ALeftoverOfAnotherLapIsNotARecord) {
@@ -187,6 +270,33 @@ TEST_F(SkeinDamage, ATimeThatNoSignedNumberHoldsIsReported) {
     const Finding finding = findingOf(bytes);
     EXPECT_EQ(finding.problem == "", good) << monotonicNs;
     EXPECT_EQ(finding.records.size(), recordCount - (good ? 0U : 1U)) << monotonicNs;
+  }
+}
+
+TEST_F(SkeinDamage, RecordsOfOneMomentStayInTheirOrder) {
+  Skein::FileHeader header;
+  std::memcpy(&header, whole.data(), sizeof header);
+  std::string bytes = whole;
+  for (U32 i = 0; i < header.blockCount; ++i) {
+    const std::size_t start = header.blocksOffset + i * std::size_t{header.blockSize};
+    const std::size_t end = start + header.blockSize;
+    Skein::BlockHeader block;
+    std::memcpy(&block, bytes.data() + start, sizeof block);
+    for (std::size_t at = start + sizeof block; at + sizeof(Skein::RecordHeader) <= end;) {
+      Skein::RecordHeader record;
+      std::memcpy(&record, bytes.data() + at, sizeof record);
+      if (!Skein::committedIn(block.sequence, record.commit)) break;
+      record.monotonicNs = header.monotonicNs;
+      std::memcpy(bytes.data() + at, &record, sizeof record);
+      at += Skein::committedLength(record.commit);
+    }
+  }
+  const auto expected = findingOf(whole).records;
+  const auto records = findingOf(bytes).records;
+  ASSERT_EQ(records.size(), expected.size());
+  for (std::size_t i = 0; i < records.size(); ++i) {
+    EXPECT_EQ(records[i].monotonicNs, header.monotonicNs);
+    EXPECT_EQ(records[i].text, expected[i].text);
   }
 }
 
@@ -248,5 +358,31 @@ TEST_F(SkeinDamage, OfAWriterNothingIsShownBehindAMissingBlock) {
     EXPECT_EQ(reader.counters().behindGaps, oldest.records);
   }
   EXPECT_EQ(reader.counters().overwritten, 0U);
+  EXPECT_EQ(reader.problem(), "");
+}
+
+TEST_F(SkeinDamage, BlocksThatAllSayToBeTheSameOneAreReadOnceEach) {
+  const std::string ring = folder.file("ring.skein");
+  {
+    Skein::TraceHandle handle(ring, {.size = 64 * 1024});
+    Skein::defaultSkeinHandleIs(&handle);
+    for (int i = 0; i < 3000; ++i) Twine::trace<Sample::numbered>(i);
+    Skein::defaultSkeinHandleIs(nullptr);
+  }
+  const std::size_t before = textsIn(ring).size();
+  std::string bytes = bytesOf(ring);
+  Skein::FileHeader header;
+  std::memcpy(&header, bytes.data(), sizeof header);
+  const U64 ordinal = 7;
+  for (U32 i = 0; i < header.blockCount; ++i) {
+    const std::size_t block = header.blocksOffset + i * std::size_t{header.blockSize};
+    std::memcpy(bytes.data() + block + offsetof(Skein::BlockHeader, ordinal), &ordinal,
+                sizeof ordinal);
+  }
+  writeBytes(ring, bytes);
+  Skein::Reader reader(ring);
+  const auto records = recordsOf(reader);
+  EXPECT_FALSE(records.empty());
+  EXPECT_EQ(records.size() + reader.counters().behindGaps, before);
   EXPECT_EQ(reader.problem(), "");
 }

@@ -91,6 +91,21 @@ TEST_F(SkeinFile, ATextWithoutPlacesIsFollowedByItsArguments) {
   EXPECT_EQ(textsIn(path), std::vector<std::string>{"load in %s: 5"});
 }
 
+TEST_F(SkeinFile, BehindATextThatEndsInABlankArgumentsAreStillApart) {
+  ringIsOn();
+  int id = 0;
+  Skein::MsgDesc descriptor(skein->traceFile(), &id, "hand.cpp", 12, false);
+  descriptor.formatString() << 5 << 6;
+  descriptor << "at ";
+  descriptor.finish();
+  Skein::RingBuf& ring = skein->traceFile()->log(4);
+  ring.startMsg(skein->traceFile(), id);
+  ring.put(5);
+  ring.put(6);
+  ring.endMsg();
+  EXPECT_EQ(textsIn(path), std::vector<std::string>{"at 5 6"});
+}
+
 // As when a library is unloaded and another one comes to its place.
 TEST_F(SkeinFile, ANumberThatIsUsedAgainIsAnotherPoint) {
   ringIsOn();
@@ -214,6 +229,25 @@ TEST_F(SkeinFile, LongTextsAreCutAndTheRestOfTheRecordStays) {
   EXPECT_EQ(texts[0].substr(texts[0].size() - 8), "... b=77");
 }
 
+TEST_F(SkeinFile, ATextIsCutBetweenItsCharacters) {
+  ringIsOn({.size = 16 * 1024});
+  const std::string rest = "... b=7";
+  // In one of them the limit is within a character.
+  for (const std::size_t before : {0U, 1U}) {
+    std::string text(before, 'x');
+    for (int i = 0; i < 5000; ++i) text += "\xc3\xa4";
+    Twine::trace<Sample::pair>(text, 7);
+    const std::string shown = textsIn(path).back();
+    ASSERT_GT(shown.size(), 500U);
+    EXPECT_EQ(shown.substr(2, 400), text.substr(0, 400));
+    EXPECT_EQ(shown.substr(shown.size() - rest.size()), rest);
+    EXPECT_EQ((shown.size() - 2 - before - rest.size()) % 2, 0U) << before;
+  }
+  // No character begins anywhere.
+  Twine::trace<Sample::pair>(std::string(5000, '\x80'), 7);
+  EXPECT_EQ(textsIn(path).back(), "a=" + rest);
+}
+
 TEST_F(SkeinFile, ATextMayFillABlockToItsEnd) {
   ringIsOn({.size = 16 * 1024});
   Twine::trace<Sample::plain>();
@@ -258,6 +292,46 @@ TEST_F(SkeinFile, ARecordFillsABlockAtMost) {
   }
 }
 
+// What is left behind a long one and the numbers takes its length, and none of its characters.
+TEST_F(SkeinFile, AShortTextIsCutWhereTheRecordHasNoRoomForIt) {
+  ringIsOn({.size = 16 * 1024});
+  int id = 0;
+  Skein::MsgDesc descriptor(skein->traceFile(), &id, "hand.cpp", 12, false);
+  descriptor.formatString() << std::string();
+  for (U64 i = 0; i < 7; ++i) descriptor.formatString() << i;
+  descriptor.formatString() << 5 << std::string();
+  descriptor.finish();
+  Skein::RingBuf& ring = skein->traceFile()->log(4);
+  ring.startMsg(skein->traceFile(), id);
+  ring.put(std::string(100000, 'x'));
+  for (U64 i = 0; i < 7; ++i) ring.put(i);
+  ring.put(5);
+  ring.put(std::string("abc"));
+  ring.endMsg();
+  EXPECT_EQ(Skein::Reader(path).counters().dropped, 0U);
+  const auto texts = textsIn(path);
+  ASSERT_EQ(texts.size(), 1U);
+  EXPECT_EQ(texts[0].substr(texts[0].size() - 10), " 5 6 5 ...");
+}
+
+// As where an argument raises: the record has filled its block when it is given up.
+TEST_F(SkeinFile, ARecordThatIsNotEndedTakesNoRoom) {
+  ringIsOn({.size = 16 * 1024});
+  int id = 0;
+  Skein::MsgDesc descriptor(skein->traceFile(), &id, "hand.cpp", 12, false);
+  descriptor.formatString() << std::string();
+  for (U64 i = 0; i < 8; ++i) descriptor.formatString() << i;
+  descriptor.finish();
+  Skein::RingBuf& ring = skein->traceFile()->log(4);
+  ring.startMsg(skein->traceFile(), id);
+  ring.put(std::string(100000, 'x'));
+  for (U64 i = 0; i < 8; ++i) ring.put(i);
+  int other = 0;
+  logByHand(skein->traceFile(), &other, 1);
+  EXPECT_EQ(textsIn(path), std::vector<std::string>{"value 1"});
+  EXPECT_EQ(Skein::Reader(path).counters().dropped, 0U);
+}
+
 TEST_F(SkeinFile, RecordsOfEveryLengthAreKeptAcrossBlocks) {
   ringIsOn({.size = 16 * 1024});
   for (std::size_t length = 0; length < 900; ++length) {
@@ -291,6 +365,7 @@ TEST_F(SkeinFile, ADescriptorMayTakeAllTheRoomThereIsForThem) {
     descriptor << std::string(room + tooMuch, 'x').c_str();
     EXPECT_EQ(descriptor.finish() == 0, tooMuch == 1);
     EXPECT_EQ(sitesIn(path), 1U - tooMuch);
+    EXPECT_EQ(Skein::Reader(path).problem(), "");
     skein.reset();
   }
 }
@@ -307,6 +382,38 @@ TEST_F(SkeinFile, ReplacesAnOlderFileOfItsNameWithoutTouchingIt) {
     EXPECT_EQ(recordsOf(reader).size(), 2U) << "the first handle still writes its own file";
     EXPECT_TRUE(recordsIn(path).empty());
   }
+}
+
+TEST_F(SkeinFile, IsReplacedWhereNothingHasItsNameAnyMore) {
+  ringIsOn();
+  const Skein::Reader reader(path);
+  EXPECT_FALSE(reader.replaced());
+  std::filesystem::remove(path);
+  EXPECT_TRUE(reader.replaced());
+}
+
+TEST_F(SkeinFile, AReaderTellsWhatTheHeaderSays) {
+  for (const bool multiThreaded : {false, true}) {
+    ringIsOn({.size = 16 * 1024, .multiThreaded = multiThreaded});
+    const Skein::Reader reader(path);
+    EXPECT_EQ(reader.counters().fileSize, 16384U);
+    EXPECT_EQ(reader.counters().multiThreaded, multiThreaded);
+    EXPECT_EQ(reader.counters().pid, static_cast<U32>(::getpid()));
+    EXPECT_EQ(reader.counters().openedNs, headerOf(path).wallNs);
+    skein.reset();
+  }
+}
+
+TEST_F(SkeinFile, APointThatAReaderHasReadStaysWhereItIs) {
+  ringIsOn();
+  Twine::trace<Sample::numbered>(1);
+  Skein::Reader reader(path);
+  const Skein::Site* const site = reader.sites()[0].get();
+  ASSERT_NE(site, nullptr);
+  Twine::trace<Sample::plain>();
+  EXPECT_EQ(recordsOf(reader).size(), 2U);
+  EXPECT_EQ(reader.sites()[0].get(), site);
+  EXPECT_TRUE(reader.sites()[1]);
 }
 
 TEST_F(SkeinFile, KnowsBothClocksAtItsBeginning) {
@@ -358,6 +465,84 @@ TEST_F(SkeinFile, OneThatIsMadeOrCannotBeGivesItsDescriptorBack) {
     EXPECT_THROW(Skein::TraceHandle(folder.file("taken")), Lumo::ErrnoException);
   }
   EXPECT_EQ(support::openDescriptors(), before);
+}
+
+TEST_F(SkeinFile, OneThatIsGoneOrCannotBeMadeIsNotMapped) {
+  std::filesystem::create_directory(folder.file("taken"));
+  const std::string here =
+      std::filesystem::canonical(std::filesystem::path(path).parent_path()).string();
+  const auto isMapped = [&] {
+    std::ifstream in("/proc/self/maps");
+    const std::string maps{std::istreambuf_iterator<char>(in), {}};
+    return maps.find(here) != std::string::npos;
+  };
+  ringIsOn();
+  EXPECT_TRUE(isMapped());
+  skein.reset();
+  EXPECT_FALSE(isMapped());
+  EXPECT_THROW(Skein::TraceHandle(folder.file("taken")), Lumo::ErrnoException);
+  EXPECT_FALSE(isMapped());
+}
+
+TEST_F(SkeinFile, ASnapshotThatIsMadeOrCannotBeGivesItsDescriptorBack) {
+  ringIsOn();
+  std::filesystem::create_directory(folder.file("taken"));
+  const auto before = support::openDescriptors();
+  for (int i = 0; i < 3; ++i) {
+    Skein::snapshot(*skein->traceFile(), folder.file("frozen"));
+    EXPECT_THROW(Skein::snapshot(*skein->traceFile(), folder.file("taken")), Lumo::ErrnoException);
+  }
+  EXPECT_EQ(support::openDescriptors(), before);
+}
+
+TEST_F(SkeinFile, WhatOthersHaveLeftIsNotKeptOpen) {
+  std::ofstream(path + ".new-1-1") << "SKEIN\r\n\x1a";
+  std::ofstream(path + ".new-1-2") << "somebody's";
+  const auto before = support::openDescriptors();
+  ringIsOn();
+  skein.reset();
+  EXPECT_EQ(support::openDescriptors(), before);
+  EXPECT_EQ(folder.names(), (std::vector<std::string>{"trace.skein", "trace.skein.new-1-2"}));
+}
+
+namespace {
+
+// Standard input is closed while it lives: what is opened next has the descriptor 0.
+class NoStandardInput {
+ public:
+  NoStandardInput() : kept_(::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3)) { ::close(STDIN_FILENO); }
+  ~NoStandardInput() {
+    ::dup2(kept_, STDIN_FILENO);
+    ::close(kept_);
+  }
+  NoStandardInput(const NoStandardInput&) = delete;
+  NoStandardInput& operator=(const NoStandardInput&) = delete;
+
+ private:
+  const int kept_;
+};
+
+}  // namespace
+
+TEST_F(SkeinFile, ItsDescriptorMayBe0) {
+  Skein::TraceHandle another(folder.file("another"), {.size = 16 * 1024});
+  {
+    const NoStandardInput closed;
+    errno = EEXIST;  // as of something before
+    ringIsOn({.size = 16 * 1024});
+    EXPECT_NE(::fcntl(STDIN_FILENO, F_GETFD), -1);
+    const int again = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    EXPECT_NE(::flock(again, LOCK_EX | LOCK_NB), 0);
+    ::close(again);
+    Twine::trace<Sample::numbered>(1);
+    skein.reset();
+    EXPECT_EQ(textsIn(path), std::vector<std::string>{"n=1"});
+    { Skein::TraceHandle next(path, {.size = 16 * 1024, .keepPrevious = true}); }
+    Skein::snapshot(*another.traceFile(), folder.file("frozen"));
+    EXPECT_EQ(::fcntl(STDIN_FILENO, F_GETFD), -1);
+  }
+  EXPECT_EQ(folder.names(),
+            (std::vector<std::string>{"another", "frozen", "trace.skein", "trace.skein.previous"}));
 }
 
 TEST_F(SkeinFile, SaysWhyItCannotBeMade) {
@@ -495,6 +680,21 @@ TEST_F(SkeinFile, AReaderSeesEachRecordOnceWhileItIsWritten) {
   EXPECT_EQ(reader.problem(), "");
 }
 
+TEST_F(SkeinFile, AReaderSeesARecordThatJustFillsItsBlock) {
+  ringIsOn({.size = 16 * 1024});
+  Skein::Reader reader(path);
+  const std::size_t room = headerOf(path).blockSize - sizeof(Skein::BlockHeader);
+  Twine::trace<Sample::numbered>(1);
+  EXPECT_EQ(recordsOf(reader).size(), 1U);
+  // Behind that one, which takes 32 bytes, the empty ones go up to the end.
+  ASSERT_EQ((room - 32) % sizeof(Skein::RecordHeader), 0U);
+  for (std::size_t at = 32; at < room; at += sizeof(Skein::RecordHeader)) {
+    Twine::trace<Sample::plain>();
+    EXPECT_EQ(recordsOf(reader).size(), 1U) << at;
+  }
+  EXPECT_EQ(blocksIn(path).size(), 1U);
+}
+
 TEST_F(SkeinFile, ASnapshotKeepsWhatWasThere) {
   const std::string frozen = folder.file("frozen.skein");
   ringIsOn({.size = 64 * 1024});
@@ -506,6 +706,30 @@ TEST_F(SkeinFile, ASnapshotKeepsWhatWasThere) {
   EXPECT_EQ(before.back(), "n=4999");
   EXPECT_THROW(Skein::snapshot(*skein->traceFile(), folder.file("missing/f.skein")),
                Lumo::ErrnoException);
+}
+
+TEST_F(SkeinFile, ASnapshotIsWholeWhereverTheRingIs) {
+  const std::string frozen = folder.file("frozen.skein");
+  ringIsOn({.size = 16 * 1024});
+  const Skein::FileHeader header = headerOf(path);
+  for (int i = 0; headerOf(path).blocksWanted < 3 * header.blockCount; ++i) {
+    Twine::trace<Sample::numbered>(i);
+    if (i % 10 != 0) continue;
+    Skein::snapshot(*skein->traceFile(), frozen);
+    ASSERT_EQ(textsIn(frozen), textsIn(path)) << i;
+    for (const Skein::BlockHeader& block : blocksIn(frozen)) ASSERT_EQ(block.owner, 0U) << i;
+  }
+}
+
+TEST_F(SkeinFile, ASnapshotSaysWhyItCannotBeMade) {
+  ringIsOn();
+  try {
+    Skein::snapshot(*skein->traceFile(), folder.file("missing/frozen"));
+    FAIL() << "made in a folder that is not there";
+  } catch (const Lumo::ErrnoException& error) {
+    EXPECT_EQ(error.errnoValue(), ENOENT);
+    EXPECT_NE(error.message().stdString().find("missing/frozen"), std::string::npos);
+  }
 }
 
 TEST_F(SkeinFile, ASnapshotThatCannotBeWrittenSaysSoAndLeavesNothing) {

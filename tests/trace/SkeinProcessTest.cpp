@@ -1,6 +1,8 @@
 #include <barrier>
 #include <cerrno>
 #include <chrono>
+#include <fstream>
+#include <functional>
 #include <map>
 #include <random>
 #include <thread>
@@ -126,7 +128,75 @@ TEST_F(SkeinProcess, AForkedChildWritesBesideItsParent) {
   }
 }
 
-// Whether it touches what is gone is seen by the address sanitizer.
+namespace {
+
+// A text that takes its time.
+struct Lengthy {
+  std::function<void()> wait;
+  operator std::string_view() const {
+    wait();
+    return "text";
+  }
+};
+
+}  // namespace
+
+template <>
+inline constexpr bool Skein::isText<Lengthy> = true;
+
+TEST_F(SkeinProcess, InAForkedChildAFileStaysUntilItsThreadHasTraced) {
+  ringIsOn();
+  Twine::trace<Sample::plain>();
+  const pid_t child = ::fork();
+  if (child == 0) {
+    ::alarm(60);
+    std::thread closing;
+    const auto isMapped = [&] {
+      std::ifstream in("/proc/self/maps");
+      const std::string maps{std::istreambuf_iterator<char>(in), {}};
+      return maps.find("/trace.skein") != std::string::npos;
+    };
+    Twine::trace<Sample::numbered>(Lengthy{[&] {
+      closing = std::thread([&] { skein.reset(); });
+      while (Skein::defaultSkeinFile() != nullptr) std::this_thread::yield();
+      // Long enough for whoever does not wait.
+      for (int look = 0; look < 100; ++look) {
+        if (!isMapped()) ::_exit(1);
+      }
+    }});
+    closing.join();
+    ::_exit(isMapped() ? 2 : 0);
+  }
+  EXPECT_EQ(ended(child), 0);
+  EXPECT_EQ(textsIn(path), (std::vector<std::string>{"Entry", "n=text"}));
+}
+
+namespace {
+
+// They take the place of what was given back last, so that whoever still uses it finds out.
+std::vector<std::string> textsOfManySizes() {
+  std::vector<std::string> texts;
+  for (std::size_t size = 32; size < 1024; size += 8) {
+    for (int i = 0; i < 8; ++i) texts.emplace_back(size, '\xff');
+  }
+  return texts;
+}
+
+}  // namespace
+
+TEST_F(SkeinProcess, AForkedChildKeepsWhatItsThreadHad) {
+  ringIsOn({.size = 64 * 1024});
+  Twine::trace<Sample::numbered>(1);
+  const pid_t child = ::fork();
+  if (child == 0) {
+    const auto texts = textsOfManySizes();
+    Twine::trace<Sample::numbered>(2);
+    ::_exit(texts.empty() ? 1 : 0);
+  }
+  EXPECT_EQ(ended(child), 0);
+  EXPECT_EQ(textsIn(path), (std::vector<std::string>{"n=1", "n=2"}));
+}
+
 TEST_F(SkeinProcess, AForkedChildPassesOverFilesThatOthersTracedInto) {
   std::barrier step(2);
   ringIsOn();
@@ -137,6 +207,7 @@ TEST_F(SkeinProcess, AForkedChildPassesOverFilesThatOthersTracedInto) {
   });
   step.arrive_and_wait();
   skein = nullptr;
+  const auto texts = textsOfManySizes();
   const pid_t child = ::fork();
   if (child == 0) ::_exit(0);
   EXPECT_EQ(ended(child), 0);
@@ -207,6 +278,26 @@ TEST_F(SkeinProcess, ABlockThatADeadChildFilledToItsEndIsCounted) {
   Skein::Reader reader(path);
   EXPECT_EQ(recordsOf(reader).size() + reader.counters().overwritten,
             static_cast<std::size_t>(blocks * (emptyOnes + 1 + 100)));
+  EXPECT_EQ(reader.counters().dropped, 0U);
+}
+
+// Those that its writer before the child had left there are counted already.
+TEST_F(SkeinProcess, OfABlockThatADeadChildTookOnlyItsOwnRecordsAreCounted) {
+  ringIsOn({.size = 16 * 1024, .multiThreaded = false});
+  for (int i = 0; i < 1000; ++i) Twine::trace<Sample::numbered>(i);
+  constexpr int children = 5;
+  for (int i = 0; i < children; ++i) {
+    const pid_t child = ::fork();
+    if (child == 0) {
+      Twine::trace<Sample::numbered>(i);
+      ::_exit(0);
+    }
+    EXPECT_EQ(ended(child), 0);
+  }
+  for (int i = 0; i < 1000; ++i) Twine::trace<Sample::numbered>(i);
+  Skein::Reader reader(path);
+  EXPECT_EQ(recordsOf(reader).size() + reader.counters().overwritten, 2000U + children);
+  EXPECT_EQ(reader.counters().behindGaps, 0U);
   EXPECT_EQ(reader.counters().dropped, 0U);
 }
 

@@ -1,12 +1,21 @@
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <pthread.h>
 #include <sched.h>
 #include <signal.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <barrier>
+#include <cerrno>
 #include <chrono>
+#include <cstddef>
+#include <cstdlib>
 #include <functional>
+#include <iterator>
 #include <map>
 #include <random>
 #include <thread>
@@ -100,6 +109,41 @@ TEST_F(SkeinThreads, ManyShortThreadsDoNotWasteTheRing) {
   EXPECT_EQ(texts[999], "n=999");
 }
 
+TEST_F(SkeinThreads, TwoAtATimeTakeOverFromTheTwoBefore) {
+  ringIsOn({.size = 64 * 1024});
+  for (int round = 0; round < 3; ++round) {
+    std::barrier traced(2);
+    const auto trace = [&traced, round] {
+      Twine::trace<Sample::numbered>(round);
+      traced.arrive_and_wait();
+    };
+    std::thread one(trace), two(trace);
+    one.join();
+    two.join();
+  }
+  EXPECT_EQ(textsIn(path).size(), 6U);
+  EXPECT_EQ(headerOf(path).writersWanted, 2U);
+}
+
+// Its block is handed on once more.
+TEST_F(SkeinThreads, AThreadMayTraceAfterItsBlockWasHandedOn) {
+  ringIsOn({.size = 64 * 1024});
+  Twine::trace<Sample::numbered>(-1);
+  // Keys come to their end in the order in which they were made; the library has made its own.
+  pthread_key_t later;
+  ASSERT_EQ(::pthread_key_create(&later, [](void*) { Twine::trace<Sample::plain>(); }), 0);
+  for (int i = 0; i < 3; ++i) {
+    std::thread([&later, i] {
+      Twine::trace<Sample::numbered>(i);
+      ::pthread_setspecific(later, &later);
+    }).join();
+  }
+  ::pthread_key_delete(later);
+  EXPECT_EQ(textsIn(path),
+            (std::vector<std::string>{"n=-1", "n=0", "Entry", "n=1", "Entry", "n=2", "Entry"}));
+  EXPECT_EQ(headerOf(path).writersWanted, 2U);
+}
+
 TEST_F(SkeinThreads, MoreWritersThanBlocksDropAndCount) {
   ringIsOn({.size = 16 * 1024});
   constexpr int writers = 20;
@@ -120,7 +164,10 @@ TEST_F(SkeinThreads, MoreWritersThanBlocksDropAndCount) {
             static_cast<std::size_t>(writers));
 }
 
-TEST_F(SkeinThreads, FilesComeAndGoWhileThreadsTrace) {
+namespace {
+
+void filesComeAndGoWhileThreadsTrace() {
+  const TemporaryFolder folder;
   const Writers writers(3, [](int i) { Twine::trace<Sample::pair>(i, i); });
   for (int round = 0; round < 40; ++round) {
     const std::string name = folder.file("trace" + std::to_string(round % 3));
@@ -137,6 +184,35 @@ TEST_F(SkeinThreads, FilesComeAndGoWhileThreadsTrace) {
     }
     EXPECT_EQ(reader.problem(), "");
   }
+}
+
+// Whether the kernel has its barrier on all threads no more.
+bool barrierIsGone() {
+  sock_filter steps[] = {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+                         BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_membarrier, 0, 1),
+                         BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | ENOSYS),
+                         BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW)};
+  const sock_fprog program{static_cast<unsigned short>(std::size(steps)), steps};
+  return ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
+         ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
+}
+
+}  // namespace
+
+TEST_F(SkeinThreads, FilesComeAndGoWhileThreadsTrace) {
+  filesComeAndGoWhileThreadsTrace();
+}
+
+// Where filters of system calls are not allowed it is the same once more.
+TEST(SkeinThreadsDeathTest, FilesComeAndGoAlsoWhereTheKernelHasNoBarrier) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");  // in a process that has asked for none yet
+  EXPECT_EXIT(
+      {
+        if (!barrierIsGone()) std::perror("no filter");
+        filesComeAndGoWhileThreadsTrace();
+        std::_Exit(testing::Test::HasFailure() ? 1 : 0);
+      },
+      testing::ExitedWithCode(0), "");
 }
 
 // What they would disturb of each other is seen by the thread sanitizer.

@@ -1,16 +1,27 @@
-// What the traces make of the platform: clocks that are read, and reads and writes that do not go
-// as they mostly do.
+// What the traces make of the platform: clocks that are read, and reads, writes and locks that do
+// not go as they mostly do.
 
+#include <dlfcn.h>
+#include <support/ThisProcess.h>
+#include <sys/file.h>
+#include <sys/mman.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <barrier>
 #include <cerrno>
+#include <cstddef>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <fstream>
 #include <functional>
 #include <optional>
+#include <string_view>
+#include <thread>
+#include <utility>
 
 #include <Skein/RecordClock.h>
 
@@ -19,11 +30,18 @@
 namespace {
 
 int clockReads = 0;
+U64 clockReadTakes = 0;    // ns
+bool clockStands = false;  // the clock says the same all the time
+time_t clockIsBehind = 0;  // seconds
+std::string clockSource;   // the file that is read for the kernel's, unless empty
 // What stands for the time of day.
 std::optional<timespec> timeOfDay;
 
 // Asked before a read; a result stands for that of the read.
 std::function<std::optional<ssize_t>(int file, void* bytes, std::size_t size, off_t offset)> onRead;
+
+// Asked before a file is locked; a result stands for that of the lock.
+std::function<std::optional<int>(int file)> onLock;
 
 // How much is written at once at most, and how many writes before take nothing.
 std::size_t mostAtOnce = ~std::size_t{0};
@@ -43,7 +61,28 @@ extern "C" int clock_gettime(clockid_t clock, timespec* time) noexcept {
     *time = *timeOfDay;
     return 0;
   }
-  return static_cast<int>(::syscall(SYS_clock_gettime, clock, time));
+  if (clockReadTakes != 0) {
+    for (const U64 end = kernelNs() + clockReadTakes; kernelNs() < end;) {
+    }
+  }
+  const int result = static_cast<int>(::syscall(SYS_clock_gettime, clock, time));
+  if (clockStands) *time = {1000, 0};
+  time->tv_sec -= clockIsBehind;
+  return result;
+}
+
+extern "C" std::FILE* fopen64(const char* name, const char* mode) {
+  using Open = std::FILE* (*)(const char*, const char*);
+  static const auto real = reinterpret_cast<Open>(::dlsym(RTLD_NEXT, "fopen64"));
+  const bool ofClock = std::string_view(name).ends_with("/current_clocksource");
+  return real(ofClock && !clockSource.empty() ? clockSource.c_str() : name, mode);
+}
+
+extern "C" int flock(int file, int operation) noexcept {
+  if (onLock) {
+    if (const auto result = onLock(file)) return *result;
+  }
+  return static_cast<int>(::syscall(SYS_flock, file, operation));
 }
 
 extern "C" ssize_t pread(int file, void* bytes, std::size_t size, off_t offset) {
@@ -67,9 +106,27 @@ class TraceOnThePlatform : public TraceTest {
  protected:
   ~TraceOnThePlatform() override {
     onRead = nullptr;
+    onLock = nullptr;
     mostAtOnce = ~std::size_t{0};
     idleWrites = 0;
     timeOfDay.reset();
+    clockReadTakes = 0;
+    clockIsBehind = 0;
+  }
+
+  // Goes on until the length of a tick is known, where it ever is.
+  static void tickIsMeasured() {
+    Skein::RecordClock clock;
+    for (const U64 end = kernelNs() + 50'000'000; clock.now() < end;) {
+    }
+  }
+
+  // Traces until every block of the ring that is free has been taken once more.
+  void goRound() const {
+    const Skein::FileHeader before = headerOf(path);
+    while (headerOf(path).blocksWanted < before.blocksWanted + before.blockCount) {
+      Twine::trace<Sample::plain>();
+    }
   }
 };
 
@@ -94,9 +151,8 @@ TEST_F(TraceOnThePlatform, TheKernelIsAskedForFewTimesWhereTheCounterIsSteady) {
   source = "no counter";
 #endif
   if (source != "tsc") GTEST_SKIP() << "the kernel goes by " << source;
+  tickIsMeasured();
   Skein::RecordClock clock;
-  for (const U64 end = kernelNs() + 50'000'000; clock.now() < end;) {
-  }
   clockReads = 0;
   for (int i = 0; i < 10000; ++i) clock.now();
   EXPECT_LT(clockReads, 1000);
@@ -125,6 +181,66 @@ TEST_F(TraceOnThePlatform, ALineIsWrittenInAsManyPiecesAsItTakes) {
   EXPECT_TRUE(written.ends_with(" Sample/5 Sample.lumo:77 work: Nothing to do\n")) << written;
 }
 
+// For a process that has read no clock for records yet: whether each of their times is the
+// kernel's, for 30 ms, where the kernel says to have its own from that source.
+bool eachTimeIsTheKernels(std::string_view source) {
+  const int file = ::memfd_create("source", MFD_CLOEXEC);
+  if (::write(file, source.data(), source.size()) < 0) return false;
+  clockSource = "/proc/self/fd/" + std::to_string(file);
+  Skein::RecordClock clock;
+  for (const U64 end = kernelNs() + 30'000'000; kernelNs() < end;) {
+    const int before = clockReads;
+    clock.now();
+    if (clockReads != before + 1) return false;
+  }
+  return true;
+}
+
+TEST(RecordClockDeathTest, TheKernelIsAskedForEachTimeWhereItDoesNotTrustTheCounter) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");  // a process of its own, started anew
+  EXPECT_EXIT(std::_Exit(eachTimeIsTheKernels("hpet") ? 0 : 1), testing::ExitedWithCode(0), "");
+}
+
+TEST(RecordClockDeathTest, TheKernelIsAskedForEachTimeUntilItsClockHasMoved) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        clockStands = true;
+        std::_Exit(eachTimeIsTheKernels("tsc") ? 0 : 1);
+      },
+      testing::ExitedWithCode(0), "");
+}
+
+TEST_F(TraceOnThePlatform, ATimeIsNeverBeforeTheLastOne) {
+  tickIsMeasured();
+  Skein::RecordClock clock;
+  U64 last = clock.now();
+  clockIsBehind = 1;
+  const int before = clockReads;
+  while (clockReads == before) {
+    const U64 time = clock.now();
+    ASSERT_GE(time, last);
+    last = time;
+  }
+}
+
+// By less than a reading of the kernel's clock is carried on for.
+TEST_F(TraceOnThePlatform, AnInterruptionBetweenTheTwoClocksShiftsNoTime) {
+  constexpr U64 near = 100'000;  // ns
+  tickIsMeasured();
+  for (int round = 0; round < 20; ++round) {
+    Skein::RecordClock clock;
+    const U64 before = kernelNs();
+    clockReadTakes = 500'000;
+    const U64 interrupted = clock.now();
+    clockReadTakes = 0;
+    ASSERT_GE(interrupted, before);
+    ASSERT_LE(interrupted, kernelNs());
+    const U64 next = clock.now();
+    ASSERT_LE(next, kernelNs() + near);
+  }
+}
+
 TEST_F(TraceOnThePlatform, AReadThatIsInterruptedGoesOn) {
   ringIsOn();
   Twine::trace<Sample::numbered>(1);
@@ -146,6 +262,184 @@ TEST_F(TraceOnThePlatform, ASnapshotIsWrittenInAsManyPiecesAsItTakes) {
   Skein::snapshot(*skein->traceFile(), folder.file("frozen"));
   EXPECT_EQ(textsIn(folder.file("frozen")), textsIn(path));
   EXPECT_EQ(std::filesystem::file_size(folder.file("frozen")), std::filesystem::file_size(path));
+}
+
+TEST_F(TraceOnThePlatform, NothingBehindTheEndOfACutFileIsAskedFor) {
+  ringIsOn({.size = 16 * 1024});
+  for (int i = 0; i < 200; ++i) Twine::trace<Sample::numbered>(i);
+  skein.reset();
+  const Skein::FileHeader header = headerOf(path);
+  ASSERT_GT(header.blocksWanted, 3U);
+  ASSERT_LE(header.blocksWanted, header.blockCount);
+  // Two blocks and a half are left.
+  const U64 left = header.blocksOffset + header.blockSize * 5 / 2;
+  std::filesystem::resize_file(path, left);
+  bool behind = false;
+  onRead = [&](int, void*, std::size_t size, off_t offset) -> std::optional<ssize_t> {
+    behind = behind || static_cast<U64>(offset) + size > left;
+    return std::nullopt;
+  };
+  Skein::Reader reader(path);
+  EXPECT_EQ(recordsOf(reader).back().text, "n=61");
+  EXPECT_FALSE(behind);
+}
+
+TEST_F(TraceOnThePlatform, OnlyBlocksWithNewsAreReadAgain) {
+  ringIsOn({.size = 16 * 1024});
+  for (int i = 0; i < 100; ++i) Twine::trace<Sample::numbered>(i);
+  Skein::Reader reader(path);
+  EXPECT_EQ(recordsOf(reader).size(), 100U);
+  const std::size_t blockSize = headerOf(path).blockSize;
+  int blocks = 0;
+  onRead = [&](int, void*, std::size_t size, off_t) -> std::optional<ssize_t> {
+    if (size == blockSize) ++blocks;
+    return std::nullopt;
+  };
+  EXPECT_TRUE(recordsOf(reader).empty());
+  EXPECT_EQ(blocks, 0);
+  Twine::trace<Sample::numbered>(100);
+  EXPECT_EQ(recordsOf(reader).size(), 1U);
+  EXPECT_EQ(blocks, 1);
+}
+
+// Writers go round the ring while a reader, or a snapshot, is between the first block and the
+// second one: it has what the newest one held.
+TEST_F(TraceOnThePlatform, TheNewestBlockIsCopiedFirst) {
+  ringIsOn({.size = 16 * 1024});
+  const std::string frozen = folder.file("frozen");
+  const std::size_t blockSize = headerOf(path).blockSize;
+  for (const bool ofSnapshot : {false, true}) {
+    constexpr int count = 1000;
+    goRound();
+    for (int i = 0; i < count; ++i) Twine::trace<Sample::numbered>(i);
+    Skein::Reader reader(path);
+    int blocks = 0;
+    onRead = [&](int, void*, std::size_t size, off_t) -> std::optional<ssize_t> {
+      if (size == blockSize && ++blocks == 2) goRound();
+      return std::nullopt;
+    };
+    if (ofSnapshot) Skein::snapshot(*skein->traceFile(), frozen);
+    const auto records = ofSnapshot ? recordsIn(frozen) : recordsOf(reader);
+    onRead = nullptr;
+    ASSERT_FALSE(records.empty());
+    EXPECT_LT(records.size(), 31U) << "no more than the newest, which is not full";
+    for (std::size_t i = 0; i < records.size(); ++i) {
+      EXPECT_EQ(records[i].text, "n=" + std::to_string(count - records.size() + i));
+    }
+  }
+}
+
+TEST_F(TraceOnThePlatform, ASnapshotThatIsOvertakenStartsAnew) {
+  ringIsOn({.size = 16 * 1024});
+  for (int i = 0; i < 100; ++i) Twine::trace<Sample::numbered>(i);
+  const std::size_t blockSize = headerOf(path).blockSize;
+  bool overtaken = false;
+  onRead = [&](int, void*, std::size_t size, off_t) -> std::optional<ssize_t> {
+    if (size == blockSize && !std::exchange(overtaken, true)) goRound();
+    return std::nullopt;
+  };
+  Skein::snapshot(*skein->traceFile(), folder.file("frozen"));
+  onRead = nullptr;
+  EXPECT_TRUE(overtaken);
+  EXPECT_EQ(textsIn(folder.file("frozen")), textsIn(path));
+}
+
+// It could be copied all the while.
+TEST_F(TraceOnThePlatform, ASnapshotIsNotOfOneBlockThatWasLeftAlone) {
+  ringIsOn({.size = 16 * 1024});
+  std::barrier step(2);
+  std::thread holder([&] {
+    Twine::trace<Sample::numbered>(-1);
+    step.arrive_and_wait();
+    step.arrive_and_wait();
+  });
+  step.arrive_and_wait();
+  for (int i = 0; i < 10; ++i) Twine::trace<Sample::numbered>(i);
+  const Skein::FileHeader begun = headerOf(path);
+  bool overtaken = false;
+  onRead = [&](int, void*, std::size_t size, off_t) -> std::optional<ssize_t> {
+    if (size == begun.blockSize && !std::exchange(overtaken, true)) goRound();
+    return std::nullopt;
+  };
+  Skein::snapshot(*skein->traceFile(), folder.file("frozen"));
+  onRead = nullptr;
+  EXPECT_EQ(headerOf(path).blocksWanted, begun.blocksWanted + begun.blockCount);
+  EXPECT_EQ(textsIn(folder.file("frozen")), textsIn(path));
+  step.arrive_and_wait();
+  holder.join();
+}
+
+TEST_F(TraceOnThePlatform, ASnapshotThatIsOvertakenEachTimeComesToAnEnd) {
+  ringIsOn({.size = 16 * 1024});
+  for (int i = 0; i < 100; ++i) Twine::trace<Sample::numbered>(i);
+  const std::size_t blockSize = headerOf(path).blockSize;
+  constexpr int most = 100;
+  bool begins = false;
+  int rounds = 0;
+  onRead = [&](int, void*, std::size_t size, off_t offset) -> std::optional<ssize_t> {
+    if (static_cast<std::size_t>(offset) == offsetof(Skein::FileHeader, blocksWanted)) {
+      begins = true;
+    } else if (begins && size == blockSize && rounds < most) {
+      begins = false;
+      ++rounds;
+      goRound();
+    }
+    return std::nullopt;
+  };
+  Skein::snapshot(*skein->traceFile(), folder.file("frozen"));
+  EXPECT_GT(rounds, 1);
+  EXPECT_LT(rounds, most);
+}
+
+TEST_F(TraceOnThePlatform, ASnapshotOfWhatNobodyWritesIsMadeAtOnce) {
+  for (const int records : {0, 100}) {
+    ringIsOn({.size = 16 * 1024});
+    for (int i = 0; i < records; ++i) Twine::trace<Sample::numbered>(i);
+    const Skein::FileHeader header = headerOf(path);
+    const U64 newest = header.blocksWanted == 0 ? 0 : header.blocksWanted - 1;
+    ASSERT_LT(newest, header.blockCount);
+    int copies = 0;
+    onRead = [&](int, void*, std::size_t size, off_t offset) -> std::optional<ssize_t> {
+      if (size == header.blockSize &&
+          static_cast<U64>(offset) == header.blocksOffset + newest * header.blockSize) {
+        ++copies;
+      }
+      return std::nullopt;
+    };
+    Skein::snapshot(*skein->traceFile(), folder.file("frozen"));
+    onRead = nullptr;
+    EXPECT_EQ(copies, 1) << records;
+    EXPECT_EQ(textsIn(folder.file("frozen")).size(), static_cast<std::size_t>(records));
+    skein.reset();
+  }
+}
+
+TEST_F(TraceOnThePlatform, WhereThereAreNoLocksFilesAreMadeAllTheSame) {
+  ringIsOn();
+  skein.reset();
+  onLock = [](int) -> std::optional<int> {
+    errno = ENOLCK;
+    return -1;
+  };
+  EXPECT_NO_THROW(Skein::TraceHandle(path, {.keepPrevious = true}));
+  EXPECT_EQ(folder.names(), (std::vector<std::string>{"trace.skein", "trace.skein.previous"}));
+}
+
+// Somebody takes it for abandoned before it is locked.
+TEST_F(TraceOnThePlatform, AFileThatLosesItsNameInTheMakingIsMadeAnew) {
+  const auto before = support::openDescriptors();
+  int lost = 0;
+  onLock = [&](int) -> std::optional<int> {
+    if (lost == 3) return std::nullopt;
+    ++lost;
+    for (const std::string& name : folder.names()) std::filesystem::remove(folder.file(name));
+    return std::nullopt;
+  };
+  ringIsOn();
+  EXPECT_EQ(lost, 3);
+  EXPECT_EQ(folder.names(), std::vector<std::string>{"trace.skein"});
+  skein.reset();
+  EXPECT_EQ(support::openDescriptors(), before);
 }
 
 // A writer clears what was left behind its last record, before it commits that one.

@@ -34,7 +34,6 @@ void RingBuf::putText(std::string_view text) {
     const auto before = static_cast<std::size_t>(cursor_ - record_);
     if (before + text.size() > room) {
       std::size_t kept = room > before + keptFree ? room - before - keptFree : 0;
-      kept = std::min(kept, text.size());
       while (kept > 0 && (static_cast<U8>(text[kept]) & 0xc0) == 0x80) --kept;  // whole characters
       text = text.substr(0, kept);
       length = static_cast<U32>(kept) | clippedText;
