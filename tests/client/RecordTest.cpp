@@ -1,4 +1,5 @@
 // The record of a call: when it is made and freed, and that a command is lent the response in it.
+// Also what a client frees at its end.
 
 #include <gtest/gtest.h>
 #include <support/Commands.h>
@@ -7,8 +8,12 @@
 #include <support/FakeDaemon.h>
 #include <support/FreeHere.h>
 
+#include <algorithm>
+#include <array>
 #include <atomic>
 #include <cstdlib>
+#include <cstring>
+#include <memory>
 #include <new>
 #include <thread>
 
@@ -35,6 +40,30 @@ void noteFreed() {
   }
 }
 
+// All blocks that this thread makes while it says so, until they are freed.
+thread_local bool entering = false;
+constinit std::array<std::atomic<const void*>, 4096> entered{};
+constinit std::atomic<std::size_t> entries{0};
+
+void enter(const void* memory) {
+  if (!entering) return;
+  const std::size_t entry = entries++;
+  if (entry < entered.size()) entered[entry] = memory;
+}
+
+void leave(const void* memory) {
+  const std::size_t used = std::min(entries.load(), entered.size());
+  for (std::size_t entry = 0; entry < used; ++entry) {
+    const void* expected = memory;
+    entered[entry].compare_exchange_strong(expected, nullptr);
+  }
+}
+
+bool isEntered(const void* memory) {
+  return memory && std::any_of(entered.begin(), entered.end(),
+                               [&](const auto& one) { return one.load() == memory; });
+}
+
 }  // namespace
 
 // Not inlined, or the compiler takes the pairs below for mismatched ones.
@@ -45,16 +74,19 @@ void noteFreed() {
     ++live;
     latest = static_cast<const char*>(memory);
   }
+  enter(memory);
   return memory;
 }
 [[gnu::noinline]] void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
   return std::malloc(size);
 }
 [[gnu::noinline]] void operator delete(void* memory) noexcept {
+  leave(memory);
   std::free(memory);
 }
 [[gnu::noinline]] void operator delete(void* memory, std::size_t size) noexcept {
   if (memory && size == sizeof(Record)) noteFreed();
+  leave(memory);
   std::free(memory);
 }
 
@@ -135,6 +167,22 @@ TEST_F(CallRecord, KeptOnPurposeStaysWhenTheReplyDoesNotDecode) {
   EXPECT_EQ(live, 1);
   delete reinterpret_cast<const Record*>(latest.load());
   EXPECT_EQ(live, 0);
+}
+
+using ClientAtItsEnd = CallRecord;
+
+TEST_F(ClientAtItsEnd, FreesItsStubAndItsCompletionQueue) {
+  const std::shared_ptr<grpc::Channel> channel = daemon.inProcessChannel();
+  const Lumo::Ptr<CmdGroup> pending = CmdGroup::CmdGroupIs();
+  entering = true;
+  auto brief = std::make_unique<GrpcClient>(channel, pending, status, &lock, &condition);
+  entering = false;
+  std::array<const void*, sizeof(GrpcClient) / sizeof(void*)> members;
+  std::memcpy(members.data(), brief.get(), sizeof(members));
+  const auto own = [&] { return std::count_if(members.begin(), members.end(), isEntered); };
+  EXPECT_EQ(own(), 2);
+  brief = nullptr;
+  EXPECT_EQ(own(), 0);
 }
 
 // A client with a worker, neither of which ends before the process does.

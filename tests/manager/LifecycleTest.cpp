@@ -470,13 +470,17 @@ TEST_F(ConnectionsMgrTest, StartsItsWorkerHoweverLongTheMachinesTook) {
   EXPECT_TRUE(agent.eventually([&] { return agent.log->responses == 1; }));
 }
 
-TEST_F(ConnectionsMgrTest, LeavesAnothersLockAndConditionAloneWhenAProducerThrowsInSimulation) {
+TEST_F(ConnectionsMgrTest, LeavesWhatWasSetByHandAloneWhenAProducerThrowsInSimulation) {
   const Environment simulation("SIMULATION_NORV", "1");
   agent.connect(1);
   Lumo::Lock lock;
   Lumo::Condition condition;
+  std::thread thread;
+  GrpcClient client(daemon.inProcessChannel(), agent.pending, agent.status, &lock, &condition);
   agent.manager->threadLockIs(&lock);
   agent.manager->threadConditionIs(&condition);
+  agent.manager->grpcReplyThreadIs(&thread);
+  agent.manager->clientIs(&client);
   agent.enqueue();
   const auto thrower = Lumo::allocate<Thrower>(agent.queue());
   agent.manager->cmdConfigGroupSmDelAll();
@@ -485,6 +489,8 @@ TEST_F(ConnectionsMgrTest, LeavesAnothersLockAndConditionAloneWhenAProducerThrow
   EXPECT_FALSE(agent.manager->initialized());
   EXPECT_EQ(agent.manager->threadLock(), &lock);
   EXPECT_EQ(agent.manager->threadCondition(), &condition);
+  EXPECT_EQ(agent.manager->grpcReplyThread(), &thread);
+  EXPECT_EQ(agent.manager->client(), &client);
 }
 
 }  // namespace

@@ -20,6 +20,9 @@ namespace {
 // Memory that has not been given back since it was entered here.
 constinit std::array<std::atomic<const void*>, 4> watched{};
 
+// The size of a block that this thread does not get, once; 0: it gets all.
+constinit thread_local std::size_t refused = 0;
+
 }  // namespace
 
 // The address sanitizer has its own, and finds what is lost by itself.
@@ -33,6 +36,10 @@ static void noteFreed(void* memory) {
 
 // Not inlined, or the compiler takes the pairs below for mismatched ones.
 [[gnu::noinline]] void* operator new(std::size_t size) {
+  if (refused != 0 && size == refused) {
+    refused = 0;
+    throw std::bad_alloc();
+  }
   void* const memory = std::malloc(size);
   if (!memory) throw std::bad_alloc();
   return memory;
@@ -101,6 +108,26 @@ TEST_F(TakeDown, FreesAllOfAConnectionThatAProducerThrowsOutOf) {
   EXPECT_THROW(agent.manager->handleInitialized(), std::runtime_error);
   EXPECT_EQ(thrower->there, 4);
   EXPECT_EQ(stillThere(), 0);
+}
+
+// The manager has made nothing of its connection then that it could take down.
+TEST_F(TakeDown, LeavesWhatWasSetByHandAloneWhenThereIsNoMemoryForALock) {
+  Lumo::Lock lock;
+  Lumo::Condition condition;
+  std::thread thread;
+  GrpcClient client(daemon.inProcessChannel(), agent.pending, agent.status, &lock, &condition);
+  agent.manager->threadLockIs(&lock);
+  agent.manager->threadConditionIs(&condition);
+  agent.manager->grpcReplyThreadIs(&thread);
+  agent.manager->clientIs(&client);
+  watch(*agent.manager);
+  agent.manager->initializedIs(false);
+  simulation.reset();
+  refused = sizeof(Lumo::Lock);
+  EXPECT_THROW(agent.manager->handleInitialized(), std::bad_alloc);
+  EXPECT_EQ(refused, 0u);
+  EXPECT_EQ(stillThere(), 4);
+  EXPECT_FALSE(agent.manager->initialized());
 }
 
 TEST_F(TakeDown, FreesAllWhenTheClientIsDestroyed) {

@@ -754,6 +754,24 @@ TEST_F(Reactors, ThatOfTheManagerIsAZombieWithoutItOnceItIsGone) {
   EXPECT_EQ(onConfig->connectionsMgr(), nullptr);
 }
 
+TEST_F(Reactors, ThatOfAZombieHandlesNothingAlsoWhenItIsBackInItsList) {
+  agent.manager->lumoDoZombieReactors(true);
+  agent.manager->hasNotificationActiveIs(false);
+  agent.manager->hasNotificationActiveIs(true);
+  EXPECT_EQ(agent.config->notifieeList()->members(), 1u);
+  agent.queue("later");
+  EXPECT_FALSE(machine("later"));
+}
+
+TEST_F(Reactors, ThatOfAManagerThatIsGoneHandlesNothingAlsoWhenItIsRevived) {
+  const auto onConfig = reactorOn<ConnectionsMgr::LumoGlobalCmdConfig>(*agent.config);
+  agent.dropManager();
+  onConfig->lumoDoZombieReactors(false);
+  EXPECT_EQ(agent.config->notifieeList()->members(), 1u);
+  agent.queue("later");
+  EXPECT_TRUE(agent.config->cmdConfigGroupHas("later"));
+}
+
 TEST_F(Reactors, HandleNothingWhenToldToFollowWhatTheyFollowAlready) {
   queue->cmdBatchEnq(agent.command());
   const TraceRecorder trace("NorvConnectionsMgr/5");
