@@ -106,6 +106,16 @@ TEST_F(PrivateFile, WhatSomebodyElseHasPutWhereEverybodyMayWriteIsLeftAlone) {
   }
 }
 
+TEST_F(PrivateFile, ThePipeOfSomebodyElseIsNotWaitedFor) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root gives a pipe to somebody else";
+  const std::string pipe = folderOf(01777) + "/pipe";
+  ASSERT_EQ(::mkfifo(pipe.c_str(), 0666), 0);
+  ASSERT_EQ(::chown(pipe.c_str(), somebody, somebody), 0);
+  EXPECT_EQ(reasonAgainst(pipe), pipe +
+                                     " is a file that somebody else has put where everybody may "
+                                     "write; remove it or name another");
+}
+
 TEST_F(PrivateFile, WhatNobodyElseCouldPutThereIsTaken) {
   if (::geteuid() != 0) GTEST_SKIP() << "only root gives a file to somebody else";
   const std::string file = folderOf(0755) + "/file";

@@ -100,6 +100,9 @@ inline std::string trustedFolder(const std::string& path) {
 // there keeps its mode. Throws PathError; nothing is changed then.
 inline int openPrivately(const std::string& path, int flags) {
   const std::string target = targetOfLinks(path);
+  struct stat status {};
+  // Also before it is opened: a pipe of somebody else's would wait for whoever reads it.
+  if (::lstat(target.c_str(), &status) == 0) checkOwner(target, status, "file");
   int usual = (flags & ~O_TRUNC) | O_CLOEXEC;
   if (!detail::isOfProc(target)) usual |= O_NOFOLLOW;  // a link that has come meanwhile
   int descriptor = -1;
@@ -114,7 +117,6 @@ inline int openPrivately(const std::string& path, int flags) {
     throw PathError(error, std::strerror(error));
   }
   try {
-    struct stat status {};
     if (::fstat(descriptor, &status) != 0) throw PathError(errno, std::strerror(errno));
     checkOwner(target, status, "file");
     const bool emptied = (flags & O_TRUNC) != 0 && S_ISREG(status.st_mode);
