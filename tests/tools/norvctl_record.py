@@ -91,6 +91,31 @@ def test_an_update_keeps_the_mode_of_the_recording():
     equal(mode_of(path), 0o640)
 
 
+def test_nothing_is_updated_that_somebody_else_has_put_in_the_way():
+    folder = tempfile.mkdtemp(dir=os.getcwd())
+    target = recorded(write_file(command("pauseAll")), *ScriptedDaemon("error=22").address)
+    link, theirs = os.path.join(folder, "link"), os.path.join(folder, "theirs")
+    os.symlink(target, link)
+    shutil.copy(target, theirs)
+    with open(target) as file:
+        before = file.read()
+    for path, kind in ((link, "link"), (theirs, "file")):
+        harness.somebodys(path)
+        finished = norvctl("replay", "--update", *ScriptedDaemon().address, path)
+        equal(finished.status, 1, finished)
+        assert finished.err.endswith(f"norvctl: cannot update {path}: {path} is a {kind} that somebody else has put where "
+                                     "everybody may write; remove it or name another\n"), finished
+        with open(path) as file:
+            equal(file.read(), before)
+    os.remove(link)
+    # One's own link is followed, and stays one.
+    os.symlink(target, link)
+    norvctl("replay", "--update", *ScriptedDaemon().address, link)
+    equal(lines_of(target)[0]["response"], {})
+    assert os.path.islink(link)
+    shutil.rmtree(folder)
+
+
 def test_a_recording_can_be_run_and_replayed():
     path = recorded(FIRST_LIGHT, "--standin")
     equal(len(lines_of(path)), 64)

@@ -9,10 +9,10 @@
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <iostream>
 
 #include <Bess/Text.h>
+#include <Lumo/PrivateFile.h>
 #include <bess/pb/service.pb.h>
 
 #include "../Verb.h"
@@ -258,10 +258,22 @@ class Replay {
     return oneLineJson(object);
   }
 
-  // Written beside it, under a name that nobody has, and then put in its place: that of the file
-  // itself where the name is a link.
+  // The file itself where the name is a link; not what somebody else has put where everybody may
+  // write.
+  static std::string ownFile(const std::string& name) {
+    try {
+      const std::string real = Lumo::targetOfLinks(name);
+      struct stat status {};
+      if (::lstat(real.c_str(), &status) == 0) Lumo::checkOwner(real, status, "file");
+      return real;
+    } catch (const Lumo::PathError& error) {
+      throw InputError("cannot update " + name + ": " + error.what());
+    }
+  }
+
+  // Written beside it, under a name that nobody has, and then put in its place.
   static void rewrite(const std::string& name, const std::string& text) {
-    const std::string real = std::filesystem::canonical(name).string();
+    const std::string real = ownFile(name);
     std::string beside = real + ".XXXXXX";
     const int descriptor = mkostemp(beside.data(), O_CLOEXEC);
     if (descriptor < 0) throw InputError("cannot update " + name + ": " + strerror(errno));
