@@ -45,6 +45,13 @@ def test_what_is_outside_is_left_out():
     equal(set(bars(sample("a", "work") + 5 * sample("a", "other", "main"))), {"work", "a"})
 
 
+def test_what_is_too_narrow_to_be_seen_takes_no_room():
+    many = 10000 * sample("a", "work")
+    alone, beside = drawn(many)[1], drawn(many + sample(*"zyxwvutsrqponmlkjihg", "work"))[1]
+    equal(re.search(r'viewBox="[^"]*"', beside)[0], re.search(r'viewBox="[^"]*"', alone)[0])
+    equal(set(bars(many + sample("c", "b", "work"))), {"work", "a"})
+
+
 def test_names_lose_their_arguments():
     found = bars(sample("void Lumo::visit<Norv::A, std::map<int, int> >(Norv::A&)", "work") +
                  sample("operator new(unsigned long)", "work") + sample("cfree@GLIBC_2.2.5", "work") +
