@@ -1,8 +1,5 @@
 #include <ext/stdio_filebuf.h>
 #include <fcntl.h>
-#include <stdlib.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -28,38 +25,15 @@ int toStandardOutput(const Write& write) {
   return 1;
 }
 
-[[noreturn]] void fail(int error) {
-  throw Lumo::PathError(error, std::strerror(error));
-}
-
 // Closes the descriptor.
 void toDescriptor(int descriptor, const Write& write) {
   errno = 0;
   __gnu_cxx::stdio_filebuf<char> buffer(descriptor, std::ios::out);
   std::ostream out(&buffer);
   write(out);
-  if (buffer.close() == nullptr || !out) fail(errno != 0 ? errno : EIO);
-}
-
-// Written beside it under a name that nobody has, also not what was left of a killed export, and
-// then put in its place. Records hold arguments: only the owner can read it, unless there was a
-// file that others could.
-void toRegularFile(const std::string& path, const Write& write) {
-  const std::string target = Lumo::targetOfLinks(path);
-  struct stat former {};
-  const bool there = ::lstat(target.c_str(), &former) == 0;
-  if (there) Lumo::checkOwner(target, former, "file");
-  std::string unnamed = target + ".new-XXXXXX";
-  const int descriptor = ::mkostemp(unnamed.data(), O_CLOEXEC);
-  if (descriptor < 0) fail(errno);
-  try {
-    if (there) ::fchmod(descriptor, former.st_mode & 07777);
-    toDescriptor(descriptor, write);
-    if (std::rename(unnamed.c_str(), target.c_str()) != 0) fail(errno);
-  } catch (...) {
-    ::unlink(unnamed.c_str());
-    throw;
-  }
+  if (buffer.close() != nullptr && out) return;
+  const int error = errno != 0 ? errno : EIO;
+  throw Lumo::PathError(error, std::strerror(error));
 }
 
 // A descriptor of a process goes by these names too, whatever it is open on.
@@ -76,7 +50,8 @@ int writeTo(const std::string& path, const Write& write) {
   if (path == "-") return toStandardOutput(write);
   try {
     if (isFile(path)) {
-      toRegularFile(path, write);
+      // Records hold arguments, which are nobody else's.
+      Lumo::replacePrivately(path, [&](int descriptor) { toDescriptor(descriptor, write); });
     } else {
       toDescriptor(Lumo::openPrivately(path, O_WRONLY | O_TRUNC), write);
     }

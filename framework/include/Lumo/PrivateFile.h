@@ -2,11 +2,13 @@
 
 #include <fcntl.h>
 #include <linux/magic.h>
+#include <stdlib.h>
 #include <sys/stat.h>
 #include <sys/vfs.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <stdexcept>
@@ -78,6 +80,22 @@ inline std::string targetOfLinks(const std::string& path) {
   return target;
 }
 
+namespace detail {
+
+// Whether there is something under the name that links lead to, and what. Throws PathError for what
+// somebody else has put there.
+inline bool isThere(const std::string& target, struct stat& status) {
+  if (::lstat(target.c_str(), &status) != 0) return false;
+  checkOwner(target, status, "file");
+  return true;
+}
+
+[[noreturn]] inline void fail(int errnoValue) {
+  throw PathError(errnoValue, std::strerror(errnoValue));
+}
+
+}  // namespace detail
+
 // The folder that the path leads to, there or not. Throws PathError as above, also for a folder
 // that everybody may write: what is read from it could be anybody's.
 inline std::string trustedFolder(const std::string& path) {
@@ -102,7 +120,7 @@ inline int openPrivately(const std::string& path, int flags) {
   const std::string target = targetOfLinks(path);
   struct stat status {};
   // Also before it is opened: a pipe of somebody else's would wait for whoever reads it.
-  if (::lstat(target.c_str(), &status) == 0) checkOwner(target, status, "file");
+  detail::isThere(target, status);
   int usual = (flags & ~O_TRUNC) | O_CLOEXEC;
   if (!detail::isOfProc(target)) usual |= O_NOFOLLOW;  // a link that has come meanwhile
   int descriptor = -1;
@@ -112,20 +130,39 @@ inline int openPrivately(const std::string& path, int flags) {
       descriptor = ::open(target.c_str(), usual | O_CREAT | O_EXCL, 0600);
     }
   } while (descriptor < 0 && errno == EEXIST);  // it has come meanwhile
-  if (descriptor < 0) {
-    const int error = errno;
-    throw PathError(error, std::strerror(error));
-  }
+  if (descriptor < 0) detail::fail(errno);
   try {
-    if (::fstat(descriptor, &status) != 0) throw PathError(errno, std::strerror(errno));
+    if (::fstat(descriptor, &status) != 0) detail::fail(errno);
     checkOwner(target, status, "file");
     const bool emptied = (flags & O_TRUNC) != 0 && S_ISREG(status.st_mode);
-    if (emptied && ::ftruncate(descriptor, 0) != 0) throw PathError(errno, std::strerror(errno));
+    if (emptied && ::ftruncate(descriptor, 0) != 0) detail::fail(errno);
   } catch (...) {
     ::close(descriptor);
     throw;
   }
   return descriptor;
+}
+
+// Replaces the file that the path leads to by a whole new one: written beside it, under a name that
+// nobody has, and then put in its place. Only its owner can read it, unless there was a file that
+// others could. `write` is called with a descriptor, which it closes, and throws what goes wrong.
+// Throws PathError, and what `write` throws; the file stays as it was then.
+template <class Write>
+void replacePrivately(const std::string& path, Write write) {
+  const std::string target = targetOfLinks(path);
+  struct stat former {};
+  const bool there = detail::isThere(target, former);
+  std::string beside = target + ".new-XXXXXX";
+  const int descriptor = ::mkostemp(beside.data(), O_CLOEXEC);
+  if (descriptor < 0) detail::fail(errno);
+  try {
+    if (there) ::fchmod(descriptor, former.st_mode & 07777);
+    write(descriptor);
+    if (std::rename(beside.c_str(), target.c_str()) != 0) detail::fail(errno);
+  } catch (...) {
+    ::unlink(beside.c_str());
+    throw;
+  }
 }
 
 }  // namespace Lumo

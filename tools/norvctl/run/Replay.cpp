@@ -1,10 +1,7 @@
 // The verb replay.
 
 #include <errno.h>
-#include <fcntl.h>
 #include <string.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
@@ -258,34 +255,16 @@ class Replay {
     return oneLineJson(object);
   }
 
-  // The file itself where the name is a link; not what somebody else has put where everybody may
-  // write.
-  static std::string ownFile(const std::string& name) {
+  static void rewrite(const std::string& name, const std::string& text) {
     try {
-      const std::string real = Lumo::targetOfLinks(name);
-      struct stat status {};
-      if (::lstat(real.c_str(), &status) == 0) Lumo::checkOwner(real, status, "file");
-      return real;
+      Lumo::replacePrivately(name, [&](int descriptor) {
+        std::FILE* file = fdopen(descriptor, "w");
+        const bool written = file && std::fwrite(text.data(), 1, text.size(), file) == text.size();
+        const bool closed = file && std::fclose(file) == 0;
+        if (!written || !closed) throw Lumo::PathError(errno, strerror(errno));
+      });
     } catch (const Lumo::PathError& error) {
       throw InputError("cannot update " + name + ": " + error.what());
-    }
-  }
-
-  // Written beside it, under a name that nobody has, and then put in its place.
-  static void rewrite(const std::string& name, const std::string& text) {
-    const std::string real = ownFile(name);
-    std::string beside = real + ".XXXXXX";
-    const int descriptor = mkostemp(beside.data(), O_CLOEXEC);
-    if (descriptor < 0) throw InputError("cannot update " + name + ": " + strerror(errno));
-    struct stat status;
-    if (stat(real.c_str(), &status) == 0) fchmod(descriptor, status.st_mode & 07777);
-    std::FILE* file = fdopen(descriptor, "w");
-    const bool written = file && std::fwrite(text.data(), 1, text.size(), file) == text.size();
-    const bool closed = file && std::fclose(file) == 0;
-    if (!written || !closed || std::rename(beside.c_str(), real.c_str()) != 0) {
-      const int error = errno;
-      std::remove(beside.c_str());
-      throw InputError("cannot update " + name + ": " + strerror(error));
     }
   }
 
