@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <support/Agent.h>
 #include <support/FakeDaemon.h>
+#include <support/SetByHand.h>
 #include <support/ThisProcess.h>
 #include <support/TraceRecorder.h>
 
@@ -110,27 +111,20 @@ TEST_F(ConnectionsMgrTest, DoesNotWaitForADaemon) {
 TEST_F(ConnectionsMgrTest, StoresItsPlainPointersAndDeletesNothing) {
   const Environment simulation("SIMULATION_NORV", "1");
   agent.connect(1);
-  Lumo::Lock lock;
-  Lumo::Condition condition;
-  std::thread thread;
-  GrpcClient client(daemon.inProcessChannel(), agent.pending, agent.status, &lock, &condition);
+  support::SetByHand parts(agent, daemon);
   const TraceRecorder trace("GrpcClient/1");
-  agent.manager->threadLockIs(&lock);
-  agent.manager->threadConditionIs(&condition);
-  agent.manager->grpcReplyThreadIs(&thread);
-  agent.manager->clientIs(&client);
-  EXPECT_EQ(agent.manager->threadLock(), &lock);
-  EXPECT_EQ(agent.manager->threadCondition(), &condition);
-  EXPECT_EQ(agent.manager->grpcReplyThread(), &thread);
-  EXPECT_EQ(agent.manager->client(), &client);
-  EXPECT_EQ(condition.references(), 1u);  // a counted object, not counted here
+  EXPECT_EQ(agent.manager->threadLock(), &parts.lock);
+  EXPECT_EQ(agent.manager->threadCondition(), &parts.condition);
+  EXPECT_EQ(agent.manager->grpcReplyThread(), &parts.thread);
+  EXPECT_EQ(agent.manager->client(), &parts.client);
+  EXPECT_EQ(parts.condition.references(), 1u);  // a counted object, not counted here
   agent.manager->threadLockIs(nullptr);
   agent.manager->threadConditionIs(nullptr);
   agent.manager->grpcReplyThreadIs(nullptr);
   agent.manager->clientIs(nullptr);
   EXPECT_EQ(trace.count("Terminating GrpcClient"), 0u);
-  EXPECT_TRUE(lock.lock());  // still alive
-  lock.unlock();
+  EXPECT_TRUE(parts.lock.lock());  // still alive
+  parts.lock.unlock();
 }
 
 TEST_F(ConnectionsMgrTest, DoesNotFollowTheErrorFlag) {
@@ -473,24 +467,17 @@ TEST_F(ConnectionsMgrTest, StartsItsWorkerHoweverLongTheMachinesTook) {
 TEST_F(ConnectionsMgrTest, LeavesWhatWasSetByHandAloneWhenAProducerThrowsInSimulation) {
   const Environment simulation("SIMULATION_NORV", "1");
   agent.connect(1);
-  Lumo::Lock lock;
-  Lumo::Condition condition;
-  std::thread thread;
-  GrpcClient client(daemon.inProcessChannel(), agent.pending, agent.status, &lock, &condition);
-  agent.manager->threadLockIs(&lock);
-  agent.manager->threadConditionIs(&condition);
-  agent.manager->grpcReplyThreadIs(&thread);
-  agent.manager->clientIs(&client);
+  support::SetByHand parts(agent, daemon);
   agent.enqueue();
   const auto thrower = Lumo::allocate<Thrower>(agent.queue());
   agent.manager->cmdConfigGroupSmDelAll();
   agent.manager->initializedIs(false);
   EXPECT_THROW(agent.manager->handleInitialized(), std::runtime_error);
   EXPECT_FALSE(agent.manager->initialized());
-  EXPECT_EQ(agent.manager->threadLock(), &lock);
-  EXPECT_EQ(agent.manager->threadCondition(), &condition);
-  EXPECT_EQ(agent.manager->grpcReplyThread(), &thread);
-  EXPECT_EQ(agent.manager->client(), &client);
+  EXPECT_EQ(agent.manager->threadLock(), &parts.lock);
+  EXPECT_EQ(agent.manager->threadCondition(), &parts.condition);
+  EXPECT_EQ(agent.manager->grpcReplyThread(), &parts.thread);
+  EXPECT_EQ(agent.manager->client(), &parts.client);
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <support/Agent.h>
 #include <support/FakeDaemon.h>
+#include <support/SetByHand.h>
 
 #include <algorithm>
 #include <array>
@@ -112,14 +113,7 @@ TEST_F(TakeDown, FreesAllOfAConnectionThatAProducerThrowsOutOf) {
 
 // The manager has made nothing of its connection then that it could take down.
 TEST_F(TakeDown, LeavesWhatWasSetByHandAloneWhenThereIsNoMemoryForALock) {
-  Lumo::Lock lock;
-  Lumo::Condition condition;
-  std::thread thread;
-  GrpcClient client(daemon.inProcessChannel(), agent.pending, agent.status, &lock, &condition);
-  agent.manager->threadLockIs(&lock);
-  agent.manager->threadConditionIs(&condition);
-  agent.manager->grpcReplyThreadIs(&thread);
-  agent.manager->clientIs(&client);
+  support::SetByHand parts(agent, daemon);
   watch(*agent.manager);
   agent.manager->initializedIs(false);
   simulation.reset();
