@@ -182,13 +182,13 @@ TEST_F(TraceOnThePlatform, ALineIsWrittenInAsManyPiecesAsItTakes) {
 }
 
 // For a process that has read no clock for records yet: whether each of their times is the
-// kernel's, for 30 ms, where the kernel says to have its own from that source.
-bool eachTimeIsTheKernels(std::string_view source) {
+// kernel's, for so many nanoseconds, where the kernel says to have its own from that source.
+bool eachTimeIsTheKernels(std::string_view source, U64 length) {
   const int file = ::memfd_create("source", MFD_CLOEXEC);
   if (::write(file, source.data(), source.size()) < 0) return false;
   clockSource = "/proc/self/fd/" + std::to_string(file);
   Skein::RecordClock clock;
-  for (const U64 end = kernelNs() + 30'000'000; kernelNs() < end;) {
+  for (const U64 end = kernelNs() + length; kernelNs() < end;) {
     const int before = clockReads;
     clock.now();
     if (clockReads != before + 1) return false;
@@ -198,7 +198,8 @@ bool eachTimeIsTheKernels(std::string_view source) {
 
 TEST(RecordClockDeathTest, TheKernelIsAskedForEachTimeWhereItDoesNotTrustTheCounter) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");  // a process of its own, started anew
-  EXPECT_EXIT(std::_Exit(eachTimeIsTheKernels("hpet") ? 0 : 1), testing::ExitedWithCode(0), "");
+  EXPECT_EXIT(std::_Exit(eachTimeIsTheKernels("hpet", 30'000'000) ? 0 : 1),
+              testing::ExitedWithCode(0), "");
 }
 
 TEST(RecordClockDeathTest, TheKernelIsAskedForEachTimeUntilItsClockHasMoved) {
@@ -206,9 +207,15 @@ TEST(RecordClockDeathTest, TheKernelIsAskedForEachTimeUntilItsClockHasMoved) {
   EXPECT_EXIT(
       {
         clockStands = true;
-        std::_Exit(eachTimeIsTheKernels("tsc") ? 0 : 1);
+        std::_Exit(eachTimeIsTheKernels("tsc", 30'000'000) ? 0 : 1);
       },
       testing::ExitedWithCode(0), "");
+}
+
+TEST(RecordClockDeathTest, TheKernelIsAskedForEachTimeUntilATickCanBeMeasured) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(std::_Exit(eachTimeIsTheKernels("tsc", 9'000'000) ? 0 : 1),
+              testing::ExitedWithCode(0), "");
 }
 
 TEST_F(TraceOnThePlatform, ATimeIsNeverBeforeTheLastOne) {
