@@ -1,5 +1,5 @@
 // A change of an attribute told to so many reactors, beside signals with so many slots; and reading
-// an integer attribute by its id, beside a look-up in a map of std::function.
+// an integer attribute by its descriptor, beside a look-up in a map of std::function.
 
 #include <benchmark/benchmark.h>
 #include <sigc++/sigc++.h>

@@ -1,6 +1,7 @@
 """bench/run on a folder of made-up programs: what its table says of their turns, and how it ends."""
 
 import json
+import re
 
 import scratch
 from scratch import equal, has
@@ -126,7 +127,7 @@ def test_the_table_is_written_between_its_marks():
     made = tree()
     run(made, "--write", made.inside("speed.md"))
     text = made.read("speed.md")
-    assert text.startswith("before\n<!-- written by ./dev bench --write -->\nA full run, on "), text
+    assert text.startswith("before\n<!-- written by ./dev bench --write -->\nA full run of norv "), text
     assert text.endswith("\n- one thing more\n<!-- to here -->\nafter\n"), text
     assert "old" not in text, text
     has(text, "| behind | 12 ns | another: 3 ns | 4 | 4 to 4 | 1 | missed |\n")
@@ -142,10 +143,27 @@ def test_a_part_is_not_written_as_the_whole():
     equal(made.read("speed.md"), DOCUMENT)
 
 
+def test_a_file_that_cannot_be_written_is_seen_before_anything_is_measured():
+    made = tree()
+    for option in ("--json", "--write"):
+        status, said = run(made, option, made.inside("nowhere/out"))
+        equal(status, 2)
+        has(said, "nowhere/out cannot be written: No such file or directory")
+        assert "bin/pairs" not in said, said
+
+
+def test_what_is_measured_and_with_what_is_named():
+    _, said = run(tree(), "--row", "ahead")
+    assert re.search(r"^norv .+, on \d+ cores of .*, g\+\+ [\d.]+, gRPC ", said, re.M), said
+    assert not re.search(r" \d+:\d", said), said
+
+
 def test_the_same_as_json():
     made = tree()
     run(made, "--row", "behind", "--json", made.inside("out.json"))
-    [row] = json.loads(made.read("out.json"))["rows"]
+    out = json.loads(made.read("out.json"))
+    equal(out["also"], ["one thing more"])
+    [row] = out["rows"]
     equal((row["row"], row["ratio"], row["goal"], row["verdict"]), ("behind", 4, 1, "missed"))
 
 
