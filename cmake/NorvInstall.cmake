@@ -17,6 +17,8 @@ install(TARGETS bess_facts agent state norv_standin EXPORT norvTargets
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT dev)
 install(TARGETS norvctl bessd-standin skein RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
 install(TARGETS norvd RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT norvd)
+install(FILES ${PROJECT_SOURCE_DIR}/tools/skein/skein.1 ${PROJECT_SOURCE_DIR}/standin/bessd-standin.1
+  DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
 foreach(layer framework types client manager agent state standin)
   install(DIRECTORY ${PROJECT_SOURCE_DIR}/${layer}/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
     COMPONENT dev)

@@ -17,6 +17,7 @@ env -u LD_LIBRARY_PATH "$folder/norv/bin/skein" --help >"$folder/log"
 mv "$folder/norv" "$folder/moved"
 "$folder/moved/bin/norvctl" run --standin --quiet "$sources/examples/first-light.jsonl" || [ $? -eq 2 ]
 for file in share/man/man8/norvd.8 lib/systemd/system/norvd.service share/man/man1/norvctl.1 share/man/man1/norvctl-run.1 \
+  share/man/man1/skein.1 share/man/man1/bessd-standin.1 \
   share/bash-completion/completions/norvctl share/zsh/site-functions/_norvctl \
   share/norv/wanted-state.schema.json; do
   [ -s "$folder/moved/$file" ] || {
