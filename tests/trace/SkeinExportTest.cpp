@@ -81,14 +81,15 @@ TEST_F(SkeinExport, EachCommandIsASliceAfterItsPredecessor) {
   for (const json& event : trace["traceEvents"]) {
     const std::string phase = event["ph"];
     ++counts[phase];
-    if (phase == "X") slices.push_back(event);
+    if (phase == "X" && event["cat"] == "command") slices.push_back(event);
     if (phase == "M") named.insert(event["tid"].get<int>());
     if (phase == "X" || phase == "i") tracks.insert(event["tid"].get<int>());
     if (phase == "C" && event["args"]["commands"] == 20 && announced < 0) announced = event["ts"];
   }
   ASSERT_EQ(slices.size(), 21U);
   EXPECT_EQ(counts["C"], 41);
-  EXPECT_EQ(counts["i"], 42);   // 21 announcements, and records of other points
+  EXPECT_EQ(counts["X"], 42);   // and the announcements
+  EXPECT_EQ(counts["i"], 21);   // records of other points
   EXPECT_EQ(named.size(), 3U);  // two threads and the process
   EXPECT_TRUE(std::includes(named.begin(), named.end(), tracks.begin(), tracks.end()));
   EXPECT_EQ(slices[0]["ts"], 0.0) << "the first was served from its announcement on";
@@ -112,23 +113,69 @@ TEST_F(SkeinExport, PerfettoIsToldTheNamesTheWallClockAndTheWayOfEachCommand) {
   const std::vector<Seen> seen = recordsIn(path);
   const std::string origin = trace.at("otherData").at("origin");
   EXPECT_EQ(origin.substr(0, 10) + "T" + origin.substr(11, 8), seen[0].line.substr(0, 19));
-  std::map<std::string, std::set<std::string>> names;
-  std::map<int, double> announced;  // by sequence
-  std::map<int, double> served;
-  std::map<std::string, std::string> colours;  // by outcome
+  std::map<std::string, std::map<int, std::string>> names;  // of what, by thread
+  std::map<int, json> announced;                            // by way
+  std::map<int, json> served;
+  json previous;
   for (const json& event : trace["traceEvents"]) {
     const std::string phase = event["ph"];
-    if (phase == "M") names[event["name"]].insert(event["args"]["name"].get<std::string>());
-    if (phase == "s") announced[event["id"]] = event["ts"];
-    if (phase == "f") served[event["id"]] = event["ts"];
-    if (phase == "X") colours[event["args"]["outcome"]] = event["cname"];
+    if (phase == "M") names[event["name"]][event["tid"]] = event["args"]["name"];
+    if (phase == "s") announced[event["id"]] = event;
+    if (phase == "f") served[event["id"]] = event;
+    if (phase == "s" || phase == "f") {
+      // A viewer takes what begins there and then for the end of the arrow.
+      EXPECT_EQ(previous["ph"], "X");
+      EXPECT_EQ(previous["tid"], event["tid"]);
+      EXPECT_EQ(previous["ts"], event["ts"]);
+      EXPECT_EQ(previous["cat"] == "command", phase == "f");
+    }
+    previous = event;
   }
-  EXPECT_EQ(names["thread_name"], (std::set<std::string>{"main", "worker"}));
-  EXPECT_EQ(names["process_name"], (std::set<std::string>{"trace.skein from " + origin}));
+  EXPECT_EQ(names["process_name"], (std::map<int, std::string>{{0, "trace.skein from " + origin}}));
+  EXPECT_EQ(names["thread_name"].size(), 2U);
   EXPECT_EQ(announced.size(), 21U);
   ASSERT_EQ(served.size(), 21U);
-  for (const auto& [sequence, at] : served) EXPECT_GE(at, announced.at(sequence)) << sequence;
-  EXPECT_NE(colours["failed"], colours["in flight"]);
+  for (const auto& [way, event] : served) {
+    EXPECT_GE(event["ts"], announced.at(way)["ts"]) << way;
+    EXPECT_EQ(names["thread_name"][event["tid"]], "worker");
+    EXPECT_EQ(names["thread_name"][announced.at(way)["tid"]], "main");
+  }
+}
+
+TEST_F(SkeinExport, PerfettoIsToldAColourForEachOutcome) {
+  ASSERT_EQ(run({TRACE_PROGRAM, "many", path, "64"}).status, 0);
+  std::map<std::string, std::string> colours;
+  const json trace = json::parse(exportTo("perfetto", "-").out);
+  for (const json& event : trace["traceEvents"]) {
+    if (event.contains("cname")) colours[event["args"]["outcome"]] = event["cname"];
+  }
+  EXPECT_EQ(colours, (std::map<std::string, std::string>{{"ok", "good"},
+                                                         {"refused", "bad"},
+                                                         {"failed", "terrible"},
+                                                         {"undecodable", "terrible"}}));
+}
+
+// Each from one on.
+TEST_F(SkeinExport, TheCommandsOfTwoRunsInOneFileHaveWaysOfTheirOwn) {
+  ringIsOn();
+  const Lumo::String type("createModule");
+  const Lumo::String queue("q");
+  for (int agent = 0; agent < 2; ++agent) {
+    for (unsigned i = 1; i <= 3; ++i) Twine::trace<Sample::announced>(i, type, queue, i);
+    for (unsigned i = 1; i <= 3; ++i) {
+      Twine::trace<Sample::ended>(i, type, queue, Lumo::String("ok"), 3 - i);
+    }
+  }
+  skein.reset();
+  std::map<int, std::vector<std::string>> ways;
+  const json trace = json::parse(exportTo("perfetto", "-").out);
+  for (const json& event : trace["traceEvents"]) {
+    if (event.contains("id")) ways[event["id"]].push_back(event["ph"]);
+  }
+  EXPECT_EQ(ways.size(), 6U);
+  for (const auto& [way, phases] : ways) {
+    EXPECT_EQ(phases, (std::vector<std::string>{"s", "f"})) << way;
+  }
 }
 
 namespace {
@@ -272,6 +319,30 @@ TEST_F(SkeinExport, ACommandThatFailedIsSeenBesideOneThatWasRefused) {
     ASSERT_NE(found, rects.end()) << what;
     EXPECT_GE(widthShown(found, rects.end()), 2) << what;
   }
+}
+
+// It is what a daemon that hangs hangs in, however short before the end of the recording.
+TEST_F(SkeinExport, ACommandThatIsInFlightForAMomentIsSeen) {
+  ringIsOn({.multiThreaded = false});
+  const Lumo::String type("createModule");
+  const Lumo::String queue("q");
+  Twine::trace<Sample::announced>(1U, type, queue, 1U);
+  Twine::trace<Sample::announced>(2U, type, queue, 2U);
+  Twine::trace<Sample::ended>(1U, type, queue, Lumo::String("ok"), 1U);
+  Twine::trace<Sample::plain>();
+  skein.reset();
+  timesAre(path, {0, 0, 819.5, 820});
+  const std::vector<Rect> rects = rectsIn(exportTo("svg", "-").out);
+  const auto titled = [&](const std::string& words) {
+    return std::find_if(rects.begin(), rects.end(), [&](const Rect& rect) {
+      return rect.title.find(words) != std::string::npos;
+    });
+  };
+  const auto found = titled("2 createModule, in flight");
+  ASSERT_NE(found, rects.end());
+  ASSERT_NE(titled("1 createModule, ok"), rects.end());
+  EXPECT_NE(found->colour, titled("1 createModule, ok")->colour);
+  EXPECT_GE(widthShown(found, rects.end()), 2);
 }
 
 TEST_F(SkeinExport, AFileWithoutRecordsIsAValidEmptyTrace) {

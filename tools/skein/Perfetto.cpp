@@ -58,12 +58,19 @@ class EventList {
            {"dur", static_cast<double>(slice.endNs - slice.startNs) / 1e3},
            {"cname", colourOf(slice.command.outcome)},
            {"args", std::move(arguments)}});
-    flow("f", slice.command.sequence, slice.thread, slice.startNs);
+    const auto announced = flows_.find(slice.command.sequence);
+    if (announced == flows_.end()) return;
+    flow("f", announced->second, slice.thread, slice.startNs);
+    flows_.erase(announced);
   }
-  // From the announcement of a command to its service.
+  // Where the way of a command to its service begins. A way leads from slice to slice, and this
+  // one is as short as can be. Another run of an agent counts its commands from one again.
   void announcement(const CommandNews& news, const Skein::Record& record) {
-    instant(record);
-    flow("s", news.sequence, record.thread, record.timeNs);
+    nlohmann::json event = told(record);
+    event["ph"] = "X";
+    event["dur"] = 0.001;
+    write(std::move(event));
+    flow("s", flows_[news.sequence] = ++ways_, record.thread, record.timeNs);
   }
   void depth(const CommandNews& news, U64 timeNs) {
     write({{"ph", "C"},
@@ -73,26 +80,31 @@ class EventList {
            {"args", {{"commands", news.depth}}}});
   }
   void instant(const Skein::Record& record) {
-    std::string text;
-    record.appendText(text);
-    write({{"ph", "i"},
-           {"s", "t"},
-           {"cat", record.site->facility},
-           {"name", record.site->function},
-           {"tid", record.thread},
-           {"ts", at(record.timeNs)},
-           {"args", {{"text", text}, {"level", record.level}}}});
+    nlohmann::json event = told(record);
+    event["ph"] = "i";
+    event["s"] = "t";
+    write(std::move(event));
   }
 
  private:
   // Microseconds from the first record on: a double holds them to the nanosecond.
   double at(U64 timeNs) const { return static_cast<double>(timeNs - originNs_) / 1e3; }
 
-  void flow(const char* phase, U64 sequence, int thread, U64 timeNs) {
+  nlohmann::json told(const Skein::Record& record) const {
+    std::string text;
+    record.appendText(text);
+    return {{"cat", record.site->facility},
+            {"name", record.site->function},
+            {"tid", record.thread},
+            {"ts", at(record.timeNs)},
+            {"args", {{"text", text}, {"level", record.level}}}};
+  }
+
+  void flow(const char* phase, U64 way, int thread, U64 timeNs) {
     write({{"ph", phase},
            {"cat", "command"},
            {"name", "announced"},
-           {"id", sequence},
+           {"id", way},
            {"tid", thread},
            {"ts", at(timeNs)},
            {"bp", "e"}});
@@ -108,6 +120,8 @@ class EventList {
   const U32 process_;
   const U64 originNs_;
   bool first_ = true;
+  std::map<U64, U64> flows_;  // the ways that have begun, by the command's sequence
+  U64 ways_ = 0;
 };
 
 void writeEvents(const Recording& recording, std::ostream& out) {

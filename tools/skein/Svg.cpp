@@ -12,7 +12,7 @@
 
 // The commands of a recording as a picture: a lane per queue with a bar per command, and under it
 // how many commands waited. Where bars would be too narrow to be seen they are counted together,
-// column by column; whatever did not end well stands out at any length.
+// column by column; whatever has not ended well stands out at any length.
 namespace {
 
 constexpr int width = 960;
@@ -24,7 +24,7 @@ constexpr int dropHeight = 5;
 constexpr int top = 92;
 constexpr int depthHeight = 70;
 constexpr double narrowest = 3;          // a bar of its own
-constexpr double markWidth = 3;          // of what did not end well, at least
+constexpr double markWidth = 3;          // of what has not ended well, at least
 constexpr std::size_t longestName = 13;  // characters beside a lane
 
 // From what is drawn first to what stands on top.
@@ -54,8 +54,9 @@ int rankOf(const std::string& outcome) {
   return &look == &otherLook ? static_cast<int>(std::size(looks)) : static_cast<int>(&look - looks);
 }
 
-bool endedWell(const std::string& outcome) {
-  return outcome == "ok" || outcome == "in flight";
+// Those are many, and counted together where they are too short to be seen; each other stands out.
+bool isUsual(const std::string& outcome) {
+  return outcome == "ok";
 }
 
 std::string escaped(const std::string& text) {
@@ -174,11 +175,11 @@ class Picture {
   double widthOf(const CommandSlice& slice) const {
     return scale_.at(slice.endNs) - scale_.at(slice.startNs);
   }
-  // What did not end well has one only where the marks of its neighbours, at either end, leave
+  // What has not ended well has one only where the marks of its neighbours, at either end, leave
   // enough of it to be seen.
   bool hasBar(const CommandSlice& slice) const {
     return widthOf(slice) >=
-           (endedWell(slice.command.outcome) ? narrowest : narrowest + 2 * markWidth);
+           (isUsual(slice.command.outcome) ? narrowest : narrowest + 2 * markWidth);
   }
   static std::string described(const CommandSlice& slice) {
     std::string words = std::to_string(slice.command.sequence) + ' ' + escaped(slice.command.type) +
@@ -259,7 +260,7 @@ class Picture {
   void columns(std::ostream& out) const {
     std::map<std::string, std::map<int, Column>> columnsOf;
     for (const CommandSlice& slice : timeline_.served) {
-      if (hasBar(slice) || !endedWell(slice.command.outcome)) continue;
+      if (hasBar(slice) || !isUsual(slice.command.outcome)) continue;
       auto& columns = columnsOf[slice.command.queue];
       const double from = scale_.at(slice.startNs);
       const double to = scale_.at(slice.endNs);
@@ -290,7 +291,7 @@ class Picture {
     }
   }
 
-  // On top of everything: what did not end well and has no bar. What falls into one place shares
+  // On top of everything: what has not ended well and has no bar. What falls into one place shares
   // its height.
   void marks(std::ostream& out) const {
     std::map<Place, std::map<int, Mark>> dropped;  // by rank
@@ -302,7 +303,7 @@ class Picture {
     };
     for (const CommandSlice& slice : timeline_.dropped) add(dropped, slice);
     for (const CommandSlice& slice : timeline_.served) {
-      if (!hasBar(slice) && !endedWell(slice.command.outcome)) add(served, slice);
+      if (!hasBar(slice) && !isUsual(slice.command.outcome)) add(served, slice);
     }
     for (const auto& [place, marks] : dropped) {
       stack(out, place, marks, laneTop(place.first) + barHeight + 2, dropHeight);
