@@ -153,6 +153,13 @@ def test_names_a_fault_that_survives():
     equal(tree(SEES_NO_COUNT, EQUIVALENT + "# Nobody needs it.\n" + UNCOUNTED).run("ci/mutation")[0], 0)
 
 
+def test_counts_what_is_known_and_real():
+    status, said = tree(SEES_NO_COUNT, EQUIVALENT + "# Nobody looks.\nreal " + UNCOUNTED).run("ci/mutation")
+    equal(status, 1)
+    has(said, "is known  manager/src/Tiny.cpp:4: dropped: ++calls;",
+        "1 of 6 faults survive, and 1 that are accepted, of 6 that there are")
+
+
 def test_a_fault_that_makes_a_test_run_for_ever_is_noticed():
     # What is dropped is the way out.
     source = "int larger(int one, int other) {\n  while (one < other) {\n    one += other;\n  }\n  return one;\n}\n"
