@@ -1,3 +1,5 @@
+#include <cxxabi.h>
+
 #include <algorithm>
 #include <cmath>
 #include <limits>
@@ -49,6 +51,8 @@ void Clock::timeIs(double time) {
     scheduleDel(reactor.ptr());
     try {
       reactor->onTime();
+    } catch (abi::__forced_unwind&) {
+      throw;  // the thread is cancelled
     } catch (...) {
       reactor->onNotificationException();
     }

@@ -77,7 +77,9 @@ void MainLoop::run() {
 
 bool MainLoop::runUntil(const std::function<bool()>& condition, Duration timeout) {
   assertActivityLockFree();
-  const TimePoint deadline = std::chrono::steady_clock::now() + timeout;
+  const TimePoint start = std::chrono::steady_clock::now();
+  const bool endless = timeout > TimePoint::max() - start;
+  const TimePoint deadline = endless ? TimePoint::max() : start + timeout;
   while (true) {
     turn();
     {

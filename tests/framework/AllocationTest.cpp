@@ -1,8 +1,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <array>
 #include <atomic>
 #include <barrier>
+#include <cstdlib>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
@@ -256,6 +259,21 @@ TEST_F(AllocationTest, ReportsALinePerClass) {
   Lumo::allocTrackReport(report);
   EXPECT_THAT(report.str(), testing::StartsWith("live allocations deallocations bytes type\n"));
   EXPECT_THAT(report.str(), testing::HasSubstr(expected.str()));
+}
+
+// In a process of its own, as the rows stay for ever.
+TEST(AllocationDeathTest, ManyClassesMayHaveOneName) {
+  const auto haveOneName = [] {
+    static std::array<AllocTrackTypeInfo, 5000> records;
+    for (AllocTrackTypeInfo& one : records) {
+      AllocTrackTypeInfo::trackAllocation(&one, typeid(wchar_t), sizeof(wchar_t));
+    }
+    const auto rows = Lumo::allocTrackSnapshot();
+    return std::count_if(rows.begin(), rows.end(), [](const AllocTrackRow& row) {
+      return row.typeName == "wchar_t" && row.allocations == 1;
+    });
+  };
+  EXPECT_EXIT(std::_Exit(haveOneName() == 5000 ? 0 : 1), testing::ExitedWithCode(0), "");
 }
 
 }  // namespace

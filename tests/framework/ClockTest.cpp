@@ -1,5 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <support/Cancelled.h>
 
 #include <functional>
 #include <limits>
@@ -385,6 +386,22 @@ TEST_F(ClockTest, ARequestUsedUpTakesNobodyElsesPlace) {
   first->timeoutIs(6);
   clock->timeIs(6);
   EXPECT_THAT(log, ElementsAre(1, 2, 1));
+}
+
+TEST_F(ClockTest, AThreadMayBeCancelledInAHandler) {
+  struct Forgiving : Alarm {
+    using Alarm::Alarm;
+    ~Forgiving() override { doZombieReactor(true); }
+    void onNotificationException() override {}
+  };
+  const auto reactor = Lumo::allocate<Forgiving>(clock, &log, 1);
+  reactor->timeoutIs(5);
+  reactor->then = [] {
+    ::pthread_cancel(::pthread_self());
+    ::pthread_testcancel();
+  };
+  EXPECT_TRUE(support::isCancelledIn([&] { clock->timeIs(5); }));
+  EXPECT_THAT(log, ElementsAre(1));
 }
 
 }  // namespace

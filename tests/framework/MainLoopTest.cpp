@@ -127,6 +127,11 @@ TEST_F(MainLoopTest, GivesUpAtTheDeadline) {
   EXPECT_TRUE(loop.runUntil([] { return true; }, 0ms));
 }
 
+TEST_F(MainLoopTest, WaitsForAsLongAsADurationCanSay) {
+  int looks = 0;
+  EXPECT_TRUE(loop.runUntil([&] { return ++looks == 3; }, Lumo::MainLoop::Duration::max()));
+}
+
 TEST_F(MainLoopTest, SleepsAgainOnceItWasWoken) {
   loop.post([] {});
   int looks = 0;

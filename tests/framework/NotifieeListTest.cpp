@@ -1,5 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <support/Cancelled.h>
 #include <support/Vanishing.h>
 
 #include <algorithm>
@@ -423,6 +424,20 @@ TEST_F(NotifieeListTest, MayBeChangedWhileAnotherThreadDelivers) {
   done = true;
   deliverer.join();
   EXPECT_EQ(list().members(), 1u);
+}
+
+TEST_F(NotifieeListTest, AThreadMayBeCancelledInAHandler) {
+  add(2);
+  reactors[0]->onException = [] {};
+  reactors[0]->then = [] {
+    ::pthread_cancel(::pthread_self());
+    ::pthread_testcancel();
+  };
+  EXPECT_TRUE(support::isCancelledIn([&] { change(); }));
+  EXPECT_THAT(log, ElementsAre(0));
+  reactors[0]->then = nullptr;
+  change();
+  EXPECT_THAT(log, ElementsAre(0, 0, 1));
 }
 
 }  // namespace

@@ -1,12 +1,15 @@
 // Trace points while memory runs out: every allocation on their way fails once.
 
 #include <algorithm>
+#include <atomic>
+#include <barrier>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <new>
 #include <thread>
 
+#include "Process.h"
 #include "TraceFixture.h"
 
 namespace {
@@ -15,6 +18,7 @@ namespace {
 thread_local int allowed = -1;
 thread_local bool refused = false;
 thread_local std::size_t largest = 0;  // asked for
+std::atomic<long> blocks{0};           // of the whole program that are not given back
 
 void* allocate(std::size_t size, std::size_t alignment = alignof(std::max_align_t)) {
   if (allowed == 0) {
@@ -24,8 +28,16 @@ void* allocate(std::size_t size, std::size_t alignment = alignof(std::max_align_
   if (allowed > 0) --allowed;
   largest = std::max(largest, size);
   const std::size_t whole = (size + alignment - 1) / alignment * alignment;
-  if (void* memory = std::aligned_alloc(alignment, whole)) return memory;
+  if (void* memory = std::aligned_alloc(alignment, whole)) {
+    ++blocks;
+    return memory;
+  }
   throw std::bad_alloc();
+}
+
+void giveBack(void* memory) {
+  if (memory) --blocks;
+  std::free(memory);
 }
 
 // Points of their own module, so that this program has made no handle for it.
@@ -70,16 +82,16 @@ int withEachAllocationRefused(Body body) {
   return allocate(size, static_cast<std::size_t>(alignment));
 }
 [[gnu::noinline]] void operator delete(void* memory) noexcept {
-  std::free(memory);
+  giveBack(memory);
 }
 [[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept {
-  std::free(memory);
+  giveBack(memory);
 }
 [[gnu::noinline]] void operator delete(void* memory, std::align_val_t) noexcept {
-  std::free(memory);
+  giveBack(memory);
 }
 [[gnu::noinline]] void operator delete(void* memory, std::size_t, std::align_val_t) noexcept {
-  std::free(memory);
+  giveBack(memory);
 }
 
 class OutOfMemory : public TraceTest {
@@ -167,4 +179,30 @@ TEST_F(OutOfMemory, ReadingADamagedFileAsksForNoMoreThanTheFileHas) {
   Skein::Reader reader(path);
   EXPECT_LT(largest, 1U << 20);
   EXPECT_NE(reader.problem(), "");
+}
+
+TEST_F(OutOfMemory, AThreadGivesBackWhatItHadForItsRecords) {
+  ringIsOn();
+  const auto trace = [] { Twine::trace<Sample::numbered>(1); };
+  std::thread(trace).join();  // its ring stays, for the next one
+  const long before = blocks;
+  std::thread(trace).join();
+  EXPECT_EQ(blocks, before);
+}
+
+TEST_F(OutOfMemory, AForkedChildGivesBackWhatOtherThreadsHad) {
+  ringIsOn();
+  std::barrier step(2);
+  std::thread other([&] {
+    Twine::trace<Sample::plain>();
+    step.arrive_and_wait();
+    step.arrive_and_wait();
+  });
+  step.arrive_and_wait();
+  const long before = blocks;
+  const pid_t child = ::fork();
+  if (child == 0) ::_exit(blocks < before ? 0 : 1);
+  EXPECT_EQ(ended(child), 0);
+  step.arrive_and_wait();
+  other.join();
 }

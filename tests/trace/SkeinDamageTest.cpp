@@ -225,6 +225,7 @@ TEST_F(SkeinDamage, TheHeaderMayBeAtItsLimitsAndNotBeyond) {
   EXPECT_EQ(errorWith([](Header& h) { h.indexOffset = sizeof h; }), "");
   EXPECT_EQ(errorWith([](Header& h) { h.indexOffset = sizeof h - 8; }), contradiction);
   EXPECT_EQ(errorWith([](Header& h) { h.indexOffset = sizeof h + 4; }), contradiction);
+  EXPECT_EQ(errorWith([](Header& h) { h.indexSlots = 0; }), "");
   EXPECT_EQ(errorWith([](Header& h) { h.indexSlots += 1; }), contradiction);
   EXPECT_EQ(errorWith([](Header& h) { h.heapSize += 1; }), contradiction);
   EXPECT_EQ(errorWith([](Header& h) { h.blockSize = 64; }), "");
@@ -385,4 +386,18 @@ TEST_F(SkeinDamage, BlocksThatAllSayToBeTheSameOneAreReadOnceEach) {
   EXPECT_FALSE(records.empty());
   EXPECT_EQ(records.size() + reader.counters().behindGaps, before);
   EXPECT_EQ(reader.problem(), "");
+}
+
+// What is left there of an earlier use of the block.
+TEST_F(SkeinDamage, WhereNoRecordFitsNothingIsLookedAt) {
+  ringIsOn({.size = 16 * 1024});
+  for (int i = 0; i < 50; ++i) Twine::trace<Sample::plain>();
+  skein.reset();
+  std::string bytes = bytesOf(path);
+  const Skein::FileHeader header = headerOf(path);
+  ASSERT_EQ((header.blockSize - sizeof(Skein::BlockHeader)) % sizeof(Skein::RecordHeader), 8U);
+  std::memset(bytes.data() + header.blocksOffset + header.blockSize - 8, 0xff, 8);
+  const Finding finding = findingOf(bytes);
+  EXPECT_EQ(finding.problem, "");
+  EXPECT_EQ(finding.records.size(), 50U);
 }

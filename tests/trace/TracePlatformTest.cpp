@@ -2,6 +2,9 @@
 // not go as they mostly do.
 
 #include <dlfcn.h>
+#include <linux/membarrier.h>
+#include <sched.h>
+#include <support/Platform.h>
 #include <support/ThisProcess.h>
 #include <sys/file.h>
 #include <sys/mman.h>
@@ -9,8 +12,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <barrier>
 #include <cerrno>
+#include <cstdarg>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
@@ -19,12 +24,14 @@
 #include <fstream>
 #include <functional>
 #include <optional>
+#include <semaphore>
 #include <string_view>
 #include <thread>
 #include <utility>
 
 #include <Skein/RecordClock.h>
 
+#include "Process.h"
 #include "TraceFixture.h"
 
 namespace {
@@ -42,6 +49,16 @@ std::function<std::optional<ssize_t>(int file, void* bytes, std::size_t size, of
 
 // Asked before a file is locked; a result stands for that of the lock.
 std::function<std::optional<int>(int file)> onLock;
+
+// Asked after a file is closed; stands for the result.
+std::function<int()> onClose;
+
+// How often a thread has given way to others, where it counts that.
+thread_local std::atomic<int>* yields = nullptr;
+
+// How often the kernel's barrier was made known to it, and asked for.
+std::atomic<int> barriersRegistered{0};
+std::atomic<int> barriers{0};
 
 // How much is written at once at most, and how many writes before take nothing.
 std::size_t mostAtOnce = ~std::size_t{0};
@@ -78,6 +95,33 @@ extern "C" std::FILE* fopen64(const char* name, const char* mode) {
   return real(ofClock && !clockSource.empty() ? clockSource.c_str() : name, mode);
 }
 
+extern "C" long syscall(long number, ...) noexcept {
+  using Call = long (*)(long, ...);
+  static const auto real = reinterpret_cast<Call>(::dlsym(RTLD_NEXT, "syscall"));
+  va_list list;
+  va_start(list, number);
+  long arguments[6];
+  for (long& argument : arguments) argument = va_arg(list, long);
+  va_end(list);
+  if (number == SYS_membarrier) {
+    const auto command = static_cast<int>(arguments[0]);
+    if (command == MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED) ++barriersRegistered;
+    if (command == MEMBARRIER_CMD_PRIVATE_EXPEDITED) ++barriers;
+  }
+  return real(number, arguments[0], arguments[1], arguments[2], arguments[3], arguments[4],
+              arguments[5]);
+}
+
+extern "C" int sched_yield() noexcept {
+  if (yields) ++*yields;
+  return static_cast<int>(::syscall(SYS_sched_yield));
+}
+
+extern "C" int close(int file) {
+  const int result = static_cast<int>(::syscall(SYS_close, file));
+  return onClose ? onClose() : result;
+}
+
 extern "C" int flock(int file, int operation) noexcept {
   if (onLock) {
     if (const auto result = onLock(file)) return *result;
@@ -107,6 +151,7 @@ class TraceOnThePlatform : public TraceTest {
   ~TraceOnThePlatform() override {
     onRead = nullptr;
     onLock = nullptr;
+    onClose = nullptr;
     mostAtOnce = ~std::size_t{0};
     idleWrites = 0;
     timeOfDay.reset();
@@ -119,6 +164,18 @@ class TraceOnThePlatform : public TraceTest {
     Skein::RecordClock clock;
     for (const U64 end = kernelNs() + 50'000'000; clock.now() < end;) {
     }
+  }
+
+  // While writers go round the ring between its first block and its second one.
+  void takeSnapshotOvertaken() {
+    const std::size_t blockSize = headerOf(path).blockSize;
+    int blocks = 0;
+    onRead = [&](int, void*, std::size_t size, off_t) -> std::optional<ssize_t> {
+      if (size == blockSize && ++blocks == 2) goRound();
+      return std::nullopt;
+    };
+    Skein::snapshot(*skein->traceFile(), folder.file("frozen"));
+    onRead = nullptr;
   }
 
   // Traces until every block of the ring that is free has been taken once more.
@@ -266,6 +323,8 @@ TEST_F(TraceOnThePlatform, ASnapshotIsWrittenInAsManyPiecesAsItTakes) {
   ringIsOn();
   for (int i = 0; i < 100; ++i) Twine::trace<Sample::numbered>(i);
   mostAtOnce = 1000;
+  idleWrites = 1;
+  errno = EBADF;  // of an earlier call: a write that takes nothing has not failed
   Skein::snapshot(*skein->traceFile(), folder.file("frozen"));
   EXPECT_EQ(textsIn(folder.file("frozen")), textsIn(path));
   EXPECT_EQ(std::filesystem::file_size(folder.file("frozen")), std::filesystem::file_size(path));
@@ -399,12 +458,11 @@ TEST_F(TraceOnThePlatform, ASnapshotThatIsOvertakenEachTimeComesToAnEnd) {
 }
 
 TEST_F(TraceOnThePlatform, ASnapshotOfWhatNobodyWritesIsMadeAtOnce) {
-  for (const int records : {0, 100}) {
+  for (const int records : {0, 100, 1000}) {
     ringIsOn({.size = 16 * 1024});
     for (int i = 0; i < records; ++i) Twine::trace<Sample::numbered>(i);
     const Skein::FileHeader header = headerOf(path);
-    const U64 newest = header.blocksWanted == 0 ? 0 : header.blocksWanted - 1;
-    ASSERT_LT(newest, header.blockCount);
+    const U64 newest = header.blocksWanted == 0 ? 0 : (header.blocksWanted - 1) % header.blockCount;
     int copies = 0;
     onRead = [&](int, void*, std::size_t size, off_t offset) -> std::optional<ssize_t> {
       if (size == header.blockSize &&
@@ -416,9 +474,149 @@ TEST_F(TraceOnThePlatform, ASnapshotOfWhatNobodyWritesIsMadeAtOnce) {
     Skein::snapshot(*skein->traceFile(), folder.file("frozen"));
     onRead = nullptr;
     EXPECT_EQ(copies, 1) << records;
-    EXPECT_EQ(textsIn(folder.file("frozen")).size(), static_cast<std::size_t>(records));
+    EXPECT_EQ(textsIn(folder.file("frozen")), textsIn(path));
     skein.reset();
   }
+}
+
+// The newest block may have been begun and nothing more, by a writer that goes on later.
+TEST_F(TraceOnThePlatform, ASnapshotIsNotOfABlockThatHasNoRecordYet) {
+  ringIsOn({.size = 16 * 1024});
+  for (int i = 0; i < 40; ++i) Twine::trace<Sample::numbered>(i);
+  Skein::TraceFile* const file = skein->traceFile();
+  int id = 0;
+  Skein::MsgDesc(file, &id, "hand.cpp", 12, true).finish();
+  std::thread([&] { file->log(4).startMsg(file, id); }).join();
+  takeSnapshotOvertaken();
+  EXPECT_EQ(textsIn(folder.file("frozen")), textsIn(path));
+}
+
+// Or not even that: the writer has taken its number, and the block is still that of the lap before.
+TEST_F(TraceOnThePlatform, ASnapshotIsNotOfABlockThatSomebodyIsAboutToTake) {
+  ringIsOn({.size = 16 * 1024});
+  for (int i = 0; i < 10; ++i) Twine::trace<Sample::numbered>(i);
+  const Skein::FileHeader header = headerOf(path);
+  const U64 wanted = header.blocksWanted + header.blockCount;
+  const int file = ::open(path.c_str(), O_WRONLY | O_CLOEXEC);
+  ASSERT_EQ(::pwrite(file, &wanted, sizeof wanted, offsetof(Skein::FileHeader, blocksWanted)),
+            static_cast<ssize_t>(sizeof wanted));
+  ::close(file);
+  takeSnapshotOvertaken();
+  EXPECT_EQ(textsIn(folder.file("frozen")), textsIn(path));
+}
+
+TEST_F(TraceOnThePlatform, ASnapshotWhoseFileFailsToCloseSaysSo) {
+  ringIsOn();
+  int error = 0;
+  onClose = [] {
+    errno = EDQUOT;
+    return -1;
+  };
+  try {
+    Skein::snapshot(*skein->traceFile(), folder.file("frozen"));
+  } catch (const Lumo::ErrnoException& raised) {
+    error = raised.errnoValue();
+  }
+  onClose = nullptr;
+  EXPECT_EQ(error, EDQUOT);
+}
+
+TEST_F(TraceOnThePlatform, ClearingUpDoesNotHideWhyAFileCannotBeMade) {
+  std::filesystem::create_directory(path);
+  int error = 0;
+  onClose = [] {
+    errno = EDQUOT;
+    return 0;
+  };
+  try {
+    const Skein::TraceHandle handle(path);
+  } catch (const Lumo::ErrnoException& raised) {
+    error = raised.errnoValue();
+  }
+  onClose = nullptr;
+  EXPECT_EQ(error, EISDIR);
+}
+
+// Of two that replace the sink at once.
+TEST_F(TraceOnThePlatform, AReplacementOfTheSinkWaitsForTheOneBefore) {
+  struct Slow : Lumo::TraceSink {
+    void lineIs(const Lumo::TraceLine&) override {
+      inside.release();
+      goOn.acquire();
+    }
+    std::binary_semaphore inside{0}, goOn{0};
+  } old, first, second;  // nobody traces into the last two
+  textIsOn();
+  Lumo::traceSinkIs(&old);
+  std::thread tracing([] { Twine::trace<Sample::textOnly>(); });
+  old.inside.acquire();
+  std::atomic<int> waits[2]{};
+  const auto replace = [](Lumo::TraceSink* by, std::atomic<int>* count) {
+    std::thread replacing([=] {
+      yields = count;
+      Lumo::traceSinkIs(by);
+      yields = nullptr;
+    });
+    while (*count == 0) ::sched_yield();
+    return replacing;
+  };
+  std::thread one = replace(&first, &waits[0]);
+  std::thread two = replace(&second, &waits[1]);
+  EXPECT_EQ(Lumo::traceSink(), &first);
+  old.goOn.release();
+  for (std::thread* thread : {&tracing, &one, &two}) thread->join();
+  EXPECT_EQ(Lumo::traceSink(), &second);
+  Lumo::traceSinkIs(&recorder);
+}
+
+TEST_F(TraceOnThePlatform, TheKernelsBarrierIsAskedForWhereThereIsOne) {
+  const long offers = ::syscall(SYS_membarrier, MEMBARRIER_CMD_QUERY, 0, 0);
+  if (offers < 0 || (offers & MEMBARRIER_CMD_PRIVATE_EXPEDITED) == 0) {
+    GTEST_SKIP() << "the kernel has none";
+  }
+  ringIsOn();
+  Twine::trace<Sample::plain>();
+  const int before = barriersRegistered;
+  const pid_t child = ::fork();
+  if (child == 0) ::_exit(barriersRegistered - before);
+  EXPECT_EQ(ended(child), 1);
+  barriers = 0;
+  skein.reset();
+  EXPECT_EQ(barriers, 1);
+}
+
+TEST_F(TraceOnThePlatform, ThreadsComeAndGoUnderTheLockOfTheFiles) {
+  ringIsOn();
+  Twine::trace<Sample::plain>();
+  std::atomic<int> taken{0};
+  const support::Platform platform([&](const char* called, const void*, int) -> std::optional<int> {
+    if (called == std::string_view("pthread_mutex_lock")) ++taken;
+    return std::nullopt;
+  });
+  std::thread([] { Twine::trace<Sample::plain>(); }).join();
+  EXPECT_EQ(taken, 3) << "to be known, for its ring, and at its end";
+  taken = 0;
+  skein.reset();
+  EXPECT_EQ(taken, 2) << "to see who is inside, and at the end of the file";
+}
+
+// Between the look at an abandoned file and its lock, somebody else removes it, and a new process
+// makes its own of that name.
+TEST_F(TraceOnThePlatform, AFileThatHasTakenTheNameOfAnAbandonedOneStays) {
+  const std::string name = path + ".new-1-1";
+  const auto make = [&] { std::ofstream(name) << "SKEIN\r\n\x1a"; };
+  make();
+  bool replaced = false;
+  onLock = [&](int) -> std::optional<int> {
+    if (!std::exchange(replaced, true)) {
+      std::filesystem::rename(name, folder.file("aside"));
+      make();
+    }
+    return std::nullopt;
+  };
+  ringIsOn();
+  EXPECT_TRUE(replaced);
+  EXPECT_TRUE(std::filesystem::exists(name));
 }
 
 TEST_F(TraceOnThePlatform, WhereThereAreNoLocksFilesAreMadeAllTheSame) {

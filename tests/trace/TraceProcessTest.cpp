@@ -85,17 +85,31 @@ TEST(TraceProcess, HandlesAreMadeOnceAtTheFirstTraceOfTheirModule) {
   EXPECT_EQ(outcome.out, "--\nSample\n--\nSample\nOther\n--\n");
 }
 
-TEST(TraceProcess, ALineThatCannotGoOutKeepsNobodyElseWaiting) {
+// How the program ends whose standard error is a full pipe that nobody reads.
+int endedWithAFullPipe(const char* what, const char* setting) {
   int ends[2];
-  ASSERT_EQ(::pipe(ends), 0);
+  if (::pipe(ends) != 0) return -1;
   ::fcntl(ends[1], F_SETFL, O_NONBLOCK);
   const std::string filling(4096, 'x');
   while (::write(ends[1], filling.data(), filling.size()) > 0) {
   }
   ::fcntl(ends[1], F_SETFL, 0);
-  EXPECT_EQ(ended(start({TRACE_PROGRAM, "stuck"}, nullptr, -1, ends[1])), 0);
+  const int status = ended(start({TRACE_PROGRAM, "stuck", what}, setting, -1, ends[1]));
   ::close(ends[0]);
   ::close(ends[1]);
+  return status;
+}
+
+TEST(TraceProcess, ALineThatCannotGoOutKeepsNobodyElseWaiting) {
+  EXPECT_EQ(endedWithAFullPipe("line", nullptr), 0);
+}
+
+TEST(TraceProcess, AWarningThatCannotGoOutKeepsNobodyElseWaiting) {
+  EXPECT_EQ(endedWithAFullPipe("warning", "nonsense"), 0);
+}
+
+TEST(TraceProcess, ASinkMayFork) {
+  EXPECT_EQ(ended(start({TRACE_PROGRAM, "forking"}, nullptr, -1, -1)), 0);
 }
 
 TEST(TraceProcess, AChildForkedWhileAThreadIsInASinkDoesNotWaitForThatThread) {

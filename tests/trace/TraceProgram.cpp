@@ -7,9 +7,10 @@
 //   trace_program late                lines from destructors while the process exits
 //   trace_program first               the facilities with handles before and after first traces
 //   trace_program exiting             ends while a thread goes on tracing
-//   trace_program stuck               settings, a handle, a fork and the child's line while a line
-//                                     cannot go out
+//   trace_program stuck line|warning  settings, a handle, a fork and the child's line while a line,
+//                                     or the warning of a setting, cannot go out
 //   trace_program forked              a fork while a thread is in a sink
+//   trace_program forking             a fork by a thread that is in a sink
 //   trace_program commands FILE       a queue of commands on one thread, their ends on another
 //   trace_program many FILE COUNT     so many commands back to back: one refused, later three of
 //                                     each bad kind in turn, some dropped, and one after a pause
@@ -84,12 +85,13 @@ bool sleeps(pid_t thread) {
 }
 
 // Standard error is a full pipe that nobody reads. Ends by a signal where somebody waits for it.
-int stuck() {
+int stuck(bool byWarning) {
   ::alarm(30);
-  Lumo::traceSettingIs("*/*");
+  if (!byWarning) Lumo::traceSettingIs("*/*");
   std::atomic<pid_t> tracing{0};
-  std::thread([&tracing] {
+  std::thread([&tracing, byWarning] {
     tracing = ::gettid();
+    if (byWarning) const Lumo::TraceHandle first("First", false);
     for (int i = 0; i < 100; ++i) Twine::trace<Sample::textSending>(std::string(9000, 'x'));
   }).detach();
   while (tracing == 0 || !sleeps(tracing)) std::this_thread::yield();
@@ -129,6 +131,23 @@ int forked() {
   }
   int status = 1;
   ::waitpid(child, &status, 0);
+  ::_exit(status == 0 ? 0 : 1);
+}
+
+// A sink may fork; in the child the thread comes out of the sink as in the parent.
+int forking() {
+  struct : Lumo::TraceSink {
+    void lineIs(const Lumo::TraceLine&) override { child = ::fork(); }
+    pid_t child = -1;
+  } sink;
+  Lumo::traceSettingIs("*/*");
+  Lumo::traceSinkIs(&sink);
+  Twine::trace<Sample::textOnly>();
+  ::alarm(30);
+  Lumo::traceSinkIs(nullptr);
+  if (sink.child == 0) ::_exit(0);
+  int status = 1;
+  ::waitpid(sink.child, &status, 0);
   ::_exit(status == 0 ? 0 : 1);
 }
 
@@ -281,14 +300,16 @@ int main(int count, char** words) {
   }
   if (mode == "first") return first();
   if (mode == "exiting") return exiting();
-  if (mode == "stuck") return stuck();
+  if (mode == "stuck" && count == 3) return stuck(words[2] == std::string_view("warning"));
   if (mode == "forked") return forked();
+  if (mode == "forking") return forking();
   if (mode == "commands" && count == 3) return commands(words[2]);
   if (mode == "many" && count == 4) return many(words[2], words[3]);
   if (mode == "ring" && count == 5) return ring(words[2], words[3], words[4]);
   std::fprintf(
       stderr,
-      "usage: trace_program text|told|errno FILE|threads|late|first|exiting|stuck|forked|commands "
+      "usage: trace_program text|told|errno FILE|threads|late|first|exiting|stuck line|warning|"
+      "forked|forking|commands "
       "FILE|many FILE COUNT|ring FILE SIZE THREADS\n");
   return 2;
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cxxabi.h>
+
 #include <vector>
 
 #include <Lumo/Ptr.h>
@@ -125,6 +127,8 @@ class TypedNotifieeList : public NotifieeList {
       Notifiee* notifiee = static_cast<Notifiee*>(member);
       try {
         (notifiee->*handler)(args...);
+      } catch (abi::__forced_unwind&) {
+        throw;  // the thread is cancelled
       } catch (...) {
         notifiee->onNotificationException();
       }

@@ -42,11 +42,20 @@ bool isUnfinished(int descriptor) {
          std::memcmp(start, nothing, sizeof start) == 0;
 }
 
+// Whether the name is still that of this file: somebody else may have removed it, and a new process
+// with the number of the old one made its own.
+bool isCalled(const std::string& path, int descriptor) {
+  struct stat named, held;
+  return ::lstat(path.c_str(), &named) == 0 && ::fstat(descriptor, &held) == 0 &&
+         named.st_ino == held.st_ino && named.st_dev == held.st_dev;
+}
+
 // Removes the file if no living process holds it.
 void removeIfAbandoned(const std::string& path) {
   const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW);
   if (descriptor < 0) return;
-  if (isUnfinished(descriptor) && ::flock(descriptor, LOCK_EX | LOCK_NB) == 0) {
+  if (isUnfinished(descriptor) && ::flock(descriptor, LOCK_EX | LOCK_NB) == 0 &&
+      isCalled(path, descriptor)) {
     ::unlink(path.c_str());
   }
   ::close(descriptor);

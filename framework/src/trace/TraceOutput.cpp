@@ -27,17 +27,24 @@ constinit std::atomic<TraceSink*> sink{nullptr};
 // be slow, and count itself on the other one; therefore both sides are waited for in turn.
 constinit std::atomic<unsigned> side{0};
 constinit std::atomic<int> insideSink[2]{};
+constinit thread_local int insideHere[2]{};  // of those, this thread's: a sink may trace
 constinit std::atomic<bool> replacing{false};
 
 class InSink {
  public:
-  InSink() : count_(insideSink[side.load()]) { count_.fetch_add(1); }
-  ~InSink() { count_.fetch_sub(1); }
+  InSink() : side_(side.load()) {
+    insideSink[side_].fetch_add(1);
+    ++insideHere[side_];
+  }
+  ~InSink() {
+    --insideHere[side_];
+    insideSink[side_].fetch_sub(1);
+  }
   InSink(const InSink&) = delete;
   InSink& operator=(const InSink&) = delete;
 
  private:
-  std::atomic<int>& count_;
+  const unsigned side_;
 };
 
 // Lets one line at a time out to standard error. No mutex: fork() must not wait for whoever reads
@@ -60,8 +67,8 @@ class WritingAnchor {
 // The other threads, inside a sink, replacing one or writing, stay behind in the parent.
 void forgetOtherThreads() {
   writing = false;
-  insideSink[0] = 0;
-  insideSink[1] = 0;
+  insideSink[0] = insideHere[0];
+  insideSink[1] = insideHere[1];
   replacing = false;
 }
 

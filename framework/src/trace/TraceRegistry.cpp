@@ -3,6 +3,7 @@
 #include <pthread.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <optional>
@@ -34,11 +35,13 @@ std::string_view trimmed(std::string_view text) {
 }
 
 void warn(std::string_view setting) {
+  const int errnoOfCaller = errno;  // a first trace may be what reads the setting
   std::fprintf(stderr,
                "Trace setting \"%.*s\": some of it cannot be read and is left out. Write "
                "FACILITY/LEVELS with LEVELS one of *, 5 or 0-5, parts separated by commas, for "
                "example GrpcClient/0-5,NorvConnectionsMgr/*\n",
                static_cast<int>(setting.size()), setting.data());
+  errno = errnoOfCaller;
 }
 
 }  // namespace
@@ -56,11 +59,18 @@ SettingsMutex& SettingsMutex::instance() {
 
 TraceRegistry::TraceRegistry() {
   const char* setting = std::getenv("LUMO_TRACE");
-  if (setting) settingIs(setting);
+  if (setting) environment_ = setting;
+  warningDue_ = !readSetting(environment_);
 }
 
+// The warning goes out when the registry is there for all: whoever reads standard error may be
+// slow.
 TraceRegistry& TraceRegistry::instance() {
   static auto* registry = new TraceRegistry;
+  if (registry->warningDue_.load(std::memory_order_relaxed) &&
+      registry->warningDue_.exchange(false)) {
+    warn(registry->environment_);
+  }
   return *registry;
 }
 
@@ -115,21 +125,24 @@ bool TraceRegistry::partIs(std::string_view part) {
   return true;
 }
 
-bool TraceRegistry::settingIs(std::string_view setting) {
+bool TraceRegistry::readSetting(std::string_view setting) {
   bool good = true;
-  {
-    SettingsMutexAnchor anchor;
-    named_.clear();
-    unnamed_ = {};
-    for (std::string_view rest = setting; !rest.empty();) {
-      const auto comma = std::min(rest.find(','), rest.size());
-      const std::string_view part = trimmed(rest.substr(0, comma));
-      if (!part.empty() && !partIs(part)) good = false;
-      rest.remove_prefix(std::min(comma + 1, rest.size()));
-    }
-    for (auto& [name, levels] : named_) levels |= unnamed_.off;
-    publish();
+  SettingsMutexAnchor anchor;
+  named_.clear();
+  unnamed_ = {};
+  for (std::string_view rest = setting; !rest.empty();) {
+    const auto comma = std::min(rest.find(','), rest.size());
+    const std::string_view part = trimmed(rest.substr(0, comma));
+    if (!part.empty() && !partIs(part)) good = false;
+    rest.remove_prefix(std::min(comma + 1, rest.size()));
   }
+  for (auto& [name, levels] : named_) levels |= unnamed_.off;
+  publish();
+  return good;
+}
+
+bool TraceRegistry::settingIs(std::string_view setting) {
+  const bool good = readSetting(setting);
   if (!good) warn(setting);
   return good;
 }

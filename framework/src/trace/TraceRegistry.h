@@ -63,6 +63,7 @@ class TraceRegistry {
   };
 
   TraceRegistry();
+  bool readSetting(std::string_view setting);  // whether all of it can be read
   U32 wanted(const std::string& name, bool onByDefault) const
       LUMO_REQUIRES(SettingsMutex::instance());
   void publish() LUMO_REQUIRES(SettingsMutex::instance());
@@ -74,6 +75,8 @@ class TraceRegistry {
   // on.
   std::map<std::string, U32> named_ LUMO_GUARDED_BY(SettingsMutex::instance());
   Unnamed unnamed_ LUMO_GUARDED_BY(SettingsMutex::instance());
+  std::string environment_;  // the setting that the process was started with; never changed
+  std::atomic<bool> warningDue_{false};
 };
 
 }  // namespace Lumo

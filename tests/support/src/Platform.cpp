@@ -74,6 +74,11 @@ int pthread_mutexattr_settype(pthread_mutexattr_t* attributes, int type) noexcep
   return own.call(attributes, type, attributes, type);
 }
 
+int pthread_mutexattr_destroy(pthread_mutexattr_t* attributes) noexcept {
+  static const Own own(__func__);
+  return own.call(attributes, 0, attributes);
+}
+
 int pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes) noexcept {
   static const Own own(__func__);
   return own.call(mutex, 0, mutex, attributes);
