@@ -3,11 +3,14 @@
 #include <gmock/gmock.h>
 #include <grpcpp/grpcpp.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <support/Agent.h>
 #include <support/FakeDaemon.h>
 #include <support/SetByHand.h>
 #include <support/ThisProcess.h>
 #include <support/TraceRecorder.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -125,6 +128,33 @@ TEST_F(ConnectionsMgrTest, StoresItsPlainPointersAndDeletesNothing) {
   EXPECT_EQ(trace.count("Terminating GrpcClient"), 0u);
   EXPECT_TRUE(parts.lock.lock());  // still alive
   parts.lock.unlock();
+}
+
+TEST_F(ConnectionsMgrTest, GoesThroughTheProxyOfTheEnvironment) {
+  const int proxy = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t size = sizeof address;
+  auto* const any = reinterpret_cast<sockaddr*>(&address);
+  ASSERT_EQ(::bind(proxy, any, size), 0);
+  ASSERT_EQ(::listen(proxy, 1), 0);
+  ASSERT_EQ(::getsockname(proxy, any, &size), 0);
+  const Environment there("http_proxy",
+                          "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)));
+  const Environment grpcProxy("grpc_proxy", std::nullopt), httpsProxy("https_proxy", std::nullopt);
+  const Environment noGrpcProxy("no_grpc_proxy", std::nullopt), noProxy("no_proxy", std::nullopt);
+  agent.connect(daemon.port());
+  agent.enqueue();
+  agent.announce();
+  const int connection = ::accept(proxy, nullptr, nullptr);
+  std::string asked(256, '\0');
+  const ssize_t count = ::read(connection, asked.data(), asked.size());
+  ASSERT_GT(count, 0);
+  EXPECT_EQ(asked.find("CONNECT 127.0.0.1:" + std::to_string(daemon.port()) + " "), 0U) << asked;
+  EXPECT_TRUE(daemon.calls().empty());
+  ::close(connection);
+  ::close(proxy);
 }
 
 TEST_F(ConnectionsMgrTest, DoesNotFollowTheErrorFlag) {

@@ -4,10 +4,16 @@
 #include <gtest/gtest.h>
 #include <support/Abort.h>
 #include <support/Agent.h>
+#include <support/FakeDaemon.h>
 
 #include <cstdio>
+#include <functional>
+#include <stdexcept>
 
+#include <Lumo/Trace.h>
+#include <Lumo/TraceSink.h>
 #include <Norv/GrpcClient.h>
+#include <bess/pb/service.pb.h>
 
 namespace {
 
@@ -15,6 +21,7 @@ using namespace Norv;
 using support::aborted;
 using support::Agent;
 using support::Environment;
+using support::FakeDaemon;
 
 struct ConnectionsMgrDeathTest : testing::Test {
   ConnectionsMgrDeathTest() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
@@ -81,6 +88,64 @@ TEST_F(ConnectionsMgrDeathTest, NeedsACollection) {
         agent.connect(1);
       },
       "globalCmdConfig\\(\\)");
+}
+
+// One command through an agent whose daemon answers with that gRPC status, with what `prepare`
+// does to the agent before.
+void sendAfter(const std::function<void(Agent&)>& prepare, int code) {
+  FakeDaemon daemon;
+  daemon.handlerIs([code](GrpcRequestType, const auto&, auto*) {
+    FakeDaemon::Answer answer;
+    answer.code = code;
+    return answer;
+  });
+  Agent agent;
+  agent.connect(daemon.port());
+  prepare(agent);
+  agent.announce();
+  agent.eventually([] { return false; });
+}
+
+TEST_F(ConnectionsMgrDeathTest, WhatThrowsOnTheWorkerEndsTheProcess) {
+  const char* const uncaught =
+      "terminate called after throwing an instance of 'std::runtime_error'";
+  struct ThrowingCommand : GrpcCmd {
+    ThrowingCommand() : GrpcCmd(new bess::pb::EmptyRequest(), getVersion) {}
+    void processResponse(google::protobuf::Message*) override { throw std::runtime_error("no"); }
+  };
+  EXPECT_EXIT(
+      sendAfter([](Agent& agent) { agent.queue()->cmdBatchEnq(Lumo::allocate<ThrowingCommand>()); },
+                0),
+      aborted, uncaught);
+  struct ThrowingReactor : GrpcErrorHandlingStatus::NotifieeConst {
+    explicit ThrowingReactor(const Lumo::Ptr<GrpcErrorHandlingStatus>& status) {
+      startFollowing(status);
+    }
+    void onErrorOccured() override { throw std::runtime_error("no"); }
+  };
+  EXPECT_EXIT(sendAfter(
+                  [](Agent& agent) {
+                    static Lumo::Ptr<ThrowingReactor> reactor;
+                    reactor = Lumo::allocate<ThrowingReactor>(agent.status);
+                    agent.enqueue();
+                  },
+                  13),
+              aborted, uncaught);
+  struct ThrowingSink : Lumo::TraceSink {
+    void lineIs(const Lumo::TraceLine& line) override {
+      if (line.function == std::string_view("processResponseCommon"))
+        throw std::runtime_error("no");
+    }
+  };
+  EXPECT_EXIT(sendAfter(
+                  [](Agent& agent) {
+                    static ThrowingSink sink;
+                    Lumo::traceSettingIs("GrpcClient/*");
+                    Lumo::traceSinkIs(&sink);
+                    agent.enqueue();
+                  },
+                  13),
+              aborted, uncaught);
 }
 
 }  // namespace

@@ -29,9 +29,10 @@ class NotifieeList {
   // `notifiee` is entered once; entering it again does nothing. For one that follows the owner
   // without holding it; others enter by isRegisteredNotifieeIs.
   void newMember(NotifieeConst* notifiee);
-  // Taken out here, a reactor is not told, and is called no more though isRegisteredNotifiee()
-  // stays true: it goes back only after isRegisteredNotifieeIs(false). Reactors use that one to
-  // leave.
+  // Taken out here, a reactor is not told, and no visit calls it any more though
+  // isRegisteredNotifiee() stays true: it goes back only after isRegisteredNotifieeIs(false).
+  // Reactors use that one to leave; a clock's request, which is not of this list, goes with that
+  // one alone.
   void deleteMember(NotifieeConst* notifiee);
   void deleteAll();
   U32 members() const { return members_.load(std::memory_order_relaxed); }

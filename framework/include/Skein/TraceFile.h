@@ -99,7 +99,7 @@ class TraceFile {
   int descriptor_ = -1;
   char* bytes_ = nullptr;
   RingBuf single_;
-  // Guarded by the mutex of the open files (OpenFiles in TraceFile.cpp).
+  // Guarded by the mutex of the open files (OpenFiles).
   std::vector<std::shared_ptr<RingBuf>> rings_;
   std::vector<std::shared_ptr<RingBuf>> idleRings_;  // of threads that ended; their block goes on
   struct Described {
@@ -109,11 +109,13 @@ class TraceFile {
   std::map<const int*, Described> described_;
 };
 
-// Copies the records of a file that is being written, as they are at this moment, to another file
-// that every reader of trace files reads: what a flight recorder keeps. Any thread, also while
-// others trace: where they take blocks of the ring faster than they are copied, the oldest records
-// are missing, and only those; they are among the overwritten ones that the copy counts. Throws
-// Lumo::ErrnoException when the copy cannot be written.
+// Copies the records of a file that is being written to another file that every reader of trace
+// files reads: what a flight recorder keeps. Of each thread it has a run without a gap, up to this
+// moment or, while it goes on tracing into its block, a little longer. Any thread, also while
+// others trace: where they take blocks of the ring faster than they are copied, those begun first
+// are missing, and with one that a slow thread has been at for long, its newest records; what is
+// missing is among the overwritten ones that the copy counts. Throws Lumo::ErrnoException when the
+// copy cannot be written.
 void snapshot(TraceFile& file, const std::string& path);
 
 }  // namespace Skein

@@ -40,7 +40,7 @@ class GrpcCmd : public Lumo::PtrInterface {
   // `error` field. Called once for each time the command was sent, on the client's thread, under
   // the activity lock; not at all for a reply that does not decode or a failed RPC. An OK status
   // without a message counts as an empty response. The response belongs to the caller and is gone
-  // after the call. The base only traces.
+  // after the call. An exception that leaves it ends the process. The base only traces.
   virtual void processResponse(google::protobuf::Message* response);
 
   // The command's own; null after freeRequestMemory.
