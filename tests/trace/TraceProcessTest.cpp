@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <support/Eventually.h>
 
+#include <algorithm>
 #include <fstream>
 #include <regex>
 #include <sstream>
@@ -106,6 +107,13 @@ TEST(TraceProcess, ALineThatCannotGoOutKeepsNobodyElseWaiting) {
 
 TEST(TraceProcess, AWarningThatCannotGoOutKeepsNobodyElseWaiting) {
   EXPECT_EQ(endedWithAFullPipe("warning", "nonsense"), 0);
+}
+
+TEST(TraceProcess, AWarningGoesOutOnceWhenItCan) {
+  const Outcome outcome = run({TRACE_PROGRAM, "drained"}, "nonsense");
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.out.find("Trace setting \"nonsense\": "), 0U) << outcome.out;
+  EXPECT_EQ(std::count(outcome.out.begin(), outcome.out.end(), '\n'), 1);
 }
 
 TEST(TraceProcess, ASinkMayFork) {

@@ -9,12 +9,14 @@
 //   trace_program exiting             ends while a thread goes on tracing
 //   trace_program stuck line|warning  settings, a handle, a fork and the child's line while a line,
 //                                     or the warning of a setting, cannot go out
+//   trace_program drained             the warning of a setting, when standard error takes it again
 //   trace_program forked              a fork while a thread is in a sink
 //   trace_program forking             a fork by a thread that is in a sink
 //   trace_program commands FILE       a queue of commands on one thread, their ends on another
 //   trace_program many FILE COUNT     so many commands back to back: one refused, later three of
 //                                     each bad kind in turn, some dropped, and one after a pause
 //   trace_program ring FILE SIZE THREADS   numbered records until killed
+#include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -84,17 +86,25 @@ bool sleeps(pid_t thread) {
   return stat.find(") S ") != std::string::npos;
 }
 
-// Standard error is a full pipe that nobody reads. Ends by a signal where somebody waits for it.
-int stuck(bool byWarning) {
-  ::alarm(30);
-  if (!byWarning) Lumo::traceSettingIs("*/*");
-  std::atomic<pid_t> tracing{0};
-  std::thread([&tracing, byWarning] {
+// A thread of its own waits for standard error when this returns.
+void traceUntilFull() {
+  Lumo::traceSettingIs("*/*");
+  static std::atomic<pid_t> tracing{0};
+  std::thread([] {
     tracing = ::gettid();
-    if (byWarning) const Lumo::TraceHandle first("First", false);
     for (int i = 0; i < 100; ++i) Twine::trace<Sample::textSending>(std::string(9000, 'x'));
   }).detach();
   while (tracing == 0 || !sleeps(tracing)) std::this_thread::yield();
+}
+
+// Standard error is a full pipe that nobody reads. Ends by a signal where somebody waits for it.
+int stuck(bool byWarning) {
+  ::alarm(30);
+  if (byWarning) {
+    Sample::handle();  // the first one of all
+  } else {
+    traceUntilFull();
+  }
   Lumo::traceSettingIs("Sample/5");
   Lumo::traceLevelIs("*", 3, true);
   const Lumo::TraceHandle handle("Fresh", false);
@@ -108,6 +118,26 @@ int stuck(bool byWarning) {
   int status = 1;
   ::waitpid(child, &status, 0);
   ::_exit(status == 0 ? 0 : 1);
+}
+
+int drained() {
+  int ends[2];
+  if (::pipe2(ends, O_NONBLOCK) != 0) return 1;
+  std::string filling(4096, 'x');
+  while (::write(ends[1], filling.data(), filling.size()) > 0) {
+  }
+  ::dup2(ends[1], STDERR_FILENO);
+  Sample::handle();  // the first one of all
+  while (::read(ends[0], filling.data(), filling.size()) > 0) {
+  }
+  std::string warnings;
+  for (const char* name : {"Second", "Third"}) {
+    const Lumo::TraceHandle handle(name, false);
+    const ssize_t count = ::read(ends[0], filling.data(), filling.size());
+    if (count > 0) warnings.append(filling, 0, static_cast<std::size_t>(count));
+  }
+  std::printf("%s", warnings.c_str());
+  return 0;
 }
 
 // The thread that is in the sink stays there; the child would wait for it until a signal ends it.
@@ -301,6 +331,7 @@ int main(int count, char** words) {
   if (mode == "first") return first();
   if (mode == "exiting") return exiting();
   if (mode == "stuck" && count == 3) return stuck(words[2] == std::string_view("warning"));
+  if (mode == "drained") return drained();
   if (mode == "forked") return forked();
   if (mode == "forking") return forking();
   if (mode == "commands" && count == 3) return commands(words[2]);
@@ -309,7 +340,7 @@ int main(int count, char** words) {
   std::fprintf(
       stderr,
       "usage: trace_program text|told|errno FILE|threads|late|first|exiting|stuck line|warning|"
-      "forked|forking|commands "
+      "drained|forked|forking|commands "
       "FILE|many FILE COUNT|ring FILE SIZE THREADS\n");
   return 2;
 }

@@ -27,7 +27,8 @@ constinit std::atomic<TraceSink*> sink{nullptr};
 // be slow, and count itself on the other one; therefore both sides are waited for in turn.
 constinit std::atomic<unsigned> side{0};
 constinit std::atomic<int> insideSink[2]{};
-constinit thread_local int insideHere[2]{};  // of those, this thread's: a sink may trace
+// Of those, this thread's: a sink may trace.
+[[gnu::tls_model("initial-exec")]] thread_local constinit int insideHere[2]{};
 constinit std::atomic<bool> replacing{false};
 
 class InSink {

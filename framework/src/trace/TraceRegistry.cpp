@@ -1,6 +1,8 @@
 #include "TraceRegistry.h"
 
+#include <poll.h>
 #include <pthread.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -44,6 +46,15 @@ void warn(std::string_view setting) {
   errno = errnoOfCaller;
 }
 
+// Whether standard error takes what fits into a pipe's atomic write, without a wait.
+bool isTakenAtOnce() {
+  const int errnoOfCaller = errno;
+  pollfd descriptor{STDERR_FILENO, POLLOUT, 0};
+  const bool taken = ::poll(&descriptor, 1, 0) == 1 && (descriptor.revents & POLLOUT) != 0;
+  errno = errnoOfCaller;
+  return taken;
+}
+
 }  // namespace
 
 SettingsMutex::SettingsMutex() {
@@ -63,13 +74,13 @@ TraceRegistry::TraceRegistry() {
   warningDue_ = !readSetting(environment_);
 }
 
-// The warning goes out when the registry is there for all: whoever reads standard error may be
-// slow.
+// The first caller makes the handle of a module, for which others wait: the warning goes out with
+// the first call that need not wait for who reads standard error.
 TraceRegistry& TraceRegistry::instance() {
   static auto* registry = new TraceRegistry;
-  if (registry->warningDue_.load(std::memory_order_relaxed) &&
+  if (registry->warningDue_.load(std::memory_order_relaxed) && isTakenAtOnce() &&
       registry->warningDue_.exchange(false)) {
-    warn(registry->environment_);
+    warn(std::string_view(registry->environment_).substr(0, 2000));
   }
   return *registry;
 }
