@@ -131,7 +131,7 @@ TEST_F(ConnectionsMgrTest, StoresItsPlainPointersAndDeletesNothing) {
 }
 
 TEST_F(ConnectionsMgrTest, GoesThroughTheProxyOfTheEnvironment) {
-  const int proxy = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const int proxy = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -147,7 +147,11 @@ TEST_F(ConnectionsMgrTest, GoesThroughTheProxyOfTheEnvironment) {
   agent.connect(daemon.port());
   agent.enqueue();
   agent.announce();
-  const int connection = ::accept(proxy, nullptr, nullptr);
+  int connection = -1;
+  ASSERT_TRUE(agent.eventually([&] {
+    connection = ::accept4(proxy, nullptr, nullptr, SOCK_CLOEXEC);
+    return connection >= 0;
+  }));
   std::string asked(256, '\0');
   const ssize_t count = ::read(connection, asked.data(), asked.size());
   ASSERT_GT(count, 0);

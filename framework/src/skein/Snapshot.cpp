@@ -30,8 +30,8 @@ U64 blocksBegun(int descriptor) {
 // Copies the blocks of a file that were begun before this moment, from the newest one back: what
 // writers reuse meanwhile is the oldest of them, so that of each writer a run without a gap is
 // left, up to this moment, or longer within its block. Blocks begun later are left out: those
-// before them may be half full in the copy. False when writers have gone round the ring before anything was copied, and
-// when no block begun on the last way round it has a record.
+// before them may be half full in the copy. False when writers have gone round the ring before
+// anything was copied, and when no block begun on the last way round it has a record.
 bool copyBlocks(int descriptor, const FileHeader& header, std::string& bytes) {
   bytes.assign(header.fileSize, '\0');
   std::string block(header.blockSize, '\0');
