@@ -61,7 +61,7 @@ def expect_valid_json(lines):
     }
     for event in events:
         assert needed[event["ph"]] <= event.keys(), event
-    slices = [event for event in events if event["ph"] == "X"]
+    slices = [event for event in events if event["ph"] == "X" and event["cat"] == "command"]
     assert [event["args"]["sequence"] for event in slices] == list(range(1, commands + 1))
     end = 0
     for event in slices:
@@ -69,8 +69,8 @@ def expect_valid_json(lines):
         end = event["ts"] + event["dur"]
     depths = {event["name"]: event["args"]["commands"] for event in events if event["ph"] == "C"}
     assert len(depths) == 3 and set(depths.values()) == {0}, depths
-    # An announcement is both a depth and an instant, with a flow to its service.
-    others = [event for event in events if event["ph"] in "Ci"]
+    # An announcement is both a depth and a slice, with a flow to its service.
+    others = [event for event in events if event["ph"] in "CXi" and event.get("cat") != "command"]
     assert len(others) == len(lines) + commands, (len(others), len(lines))
     for phase in "sf":
         assert {event["id"] for event in events if event["ph"] == phase} == set(range(1, commands + 1))
