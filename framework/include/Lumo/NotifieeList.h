@@ -1,9 +1,8 @@
 #pragma once
 
-#include <cxxabi.h>
-
 #include <vector>
 
+#include <Lumo/Catching.h>
 #include <Lumo/Ptr.h>
 #include <Lumo/SpinLock.h>
 #include <Lumo/Types.h>
@@ -126,13 +125,8 @@ class TypedNotifieeList : public NotifieeList {
   void notify(void (Notifiee::*handler)(Params...), const Args&... args) {
     this->doVisitTyped([&](NotifieeConst* member) {
       Notifiee* notifiee = static_cast<Notifiee*>(member);
-      try {
-        (notifiee->*handler)(args...);
-      } catch (abi::__forced_unwind&) {
-        throw;  // the thread is cancelled
-      } catch (...) {
-        notifiee->onNotificationException();
-      }
+      catching([&] { (notifiee->*handler)(args...); },
+               [&] { notifiee->onNotificationException(); });
     });
   }
 };

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <cxxabi.h>
-
 #include <array>
 #include <atomic>
 #include <cstddef>
@@ -9,6 +7,7 @@
 #include <ostream>
 #include <string_view>
 
+#include <Lumo/Catching.h>
 #include <Lumo/Trace.h>
 #include <Skein/MsgDesc.h>
 #include <Skein/TraceHandle.h>
@@ -61,18 +60,12 @@ bool levelMapIs(U8* levelMap, const std::array<U8, 10>& levels);
 
 namespace detail {
 
-// Whether `make` came to its end. The cancellation of the thread goes on its way; what is caught of
-// it is no object, which a sanitizer would mind.
+// Whether `make` came to its end.
 template <class Make>
-__attribute__((no_sanitize("null"))) bool made(Make&& make) {
-  try {
-    make();
-    return true;
-  } catch (abi::__forced_unwind&) {
-    throw;
-  } catch (...) {
-    return false;
-  }
+bool made(Make&& make) {
+  bool raised = false;
+  Lumo::catching(make, [&] { raised = true; });
+  return !raised;
 }
 
 // A module's handle, kept where a point reaches it with one load. Made at the first trace.
