@@ -139,8 +139,9 @@ std::vector<AllocTrackRow> allocTrackSnapshot() {
   std::vector<AllocTrackRow> rows;
   for (const AllocTrackTypeInfo* info = head.load(std::memory_order_acquire); info;
        info = info->next_) {
+    const U64 gone = info->deallocations();  // first: none is gone before it was there
     rows.push_back({readable(*info->type_.load(std::memory_order_relaxed)), info->allocations(),
-                    info->deallocations(), info->bytes()});
+                    gone, info->bytes()});
   }
   std::sort(rows.begin(), rows.end(),
             [](const AllocTrackRow& a, const AllocTrackRow& b) { return a.typeName < b.typeName; });

@@ -45,6 +45,7 @@ MainLoop::~MainLoop() {
   {
     ActivityLockAnchor activity;
     clock_->earlierRequestHookIs(nullptr);  // the clock may live on
+    takeTasks();
   }
   close(wakeFd_);
   close(timerFd_);
@@ -84,7 +85,10 @@ bool MainLoop::runUntil(const std::function<bool()>& condition, Duration timeout
     turn();
     {
       ActivityLockAnchor anchor;
-      if (condition()) return true;
+      if (condition()) {
+        takeStop();  // it was for this run
+        return true;
+      }
     }
     const TimePoint now = std::chrono::steady_clock::now();
     if (takeStop() || now >= deadline) return false;
@@ -96,14 +100,15 @@ double MainLoop::seconds() const {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
 }
 
+std::vector<MainLoop::Task> MainLoop::takeTasks() {
+  LockAnchor anchor(&queueLock_);
+  return std::exchange(tasks_, {});
+}
+
 // Everything that is due now: the tasks posted so far, then the clock.
 void MainLoop::turn() {
-  std::vector<Task> tasks;
-  {
-    LockAnchor anchor(&queueLock_);
-    tasks.swap(tasks_);
-  }
-  ActivityLockAnchor activity;
+  ActivityLockAnchor activity;  // also while what the tasks hold goes
+  std::vector<Task> tasks = takeTasks();
   waiting_ = false;
   for (std::size_t done = 0; done < tasks.size(); ++done) {
     try {

@@ -249,6 +249,23 @@ TEST_F(AllocationTest, SnapshotsAreSortedByName) {
   EXPECT_THAT(names, testing::Contains("sample::Thing"));
 }
 
+TEST_F(AllocationTest, ASnapshotBesideABusyThreadShowsNoMoreGoneThanCame) {
+  std::atomic<int> made{0};
+  std::atomic<bool> over{false};
+  std::thread busy([&] {
+    for (; !over; ++made) sample::thing();
+  });
+  U64 most = 0;
+  while (made < 100'000) {
+    for (const AllocTrackRow& row : Lumo::allocTrackSnapshot()) {
+      if (row.typeName == "sample::Thing") most = std::max(most, row.live());
+    }
+  }
+  over = true;
+  busy.join();
+  EXPECT_LT(most, U64{1} << 32);  // what is below zero is 2^64 nearly
+}
+
 TEST_F(AllocationTest, ReportsALinePerClass) {
   const auto object = sample::thing();
   const AllocTrackTypeInfo& things = sample::Thing::lumoAllocTrackTypeInfo_;

@@ -169,6 +169,29 @@ TEST_F(MainLoopTest, AStopEndsTheWaitForACondition) {
   EXPECT_FALSE(loop.runUntil([] { return false; }, patience));
 }
 
+TEST_F(MainLoopTest, AStopDoesNotOutliveTheRunThatItWasFor) {
+  bool done = false;
+  loop.post([&] {
+    done = true;
+    loop.stop();
+  });
+  EXPECT_TRUE(loop.runUntil([&] { return done; }, patience));
+  const auto alarm = Lumo::allocate<Caller>(loop.clock(), [&] {
+    log.push_back(1);
+    loop.stop();
+  });
+  alarm->timeoutIs(loop.clock()->time() + 0.01);
+  loop.run();
+  EXPECT_THAT(log, ElementsAre(1));
+}
+
+TEST_F(MainLoopTest, AStopEndsTheTurnAtHand) {
+  loop.post([&] { loop.stop(); });
+  loop.post(entry(1));
+  loop.run();
+  EXPECT_THAT(log, ElementsAre(1));
+}
+
 TEST_F(MainLoopTest, AStopBeforehandEndsTheNextRunOnly) {
   loop.stop();
   loop.post(entry(1));
@@ -375,6 +398,31 @@ TEST(MainLoop, DropsWhatIsStillPosted) {
     EXPECT_EQ(token.use_count(), 2);
   }
   EXPECT_EQ(token.use_count(), 1);
+}
+
+// Held by a task; says, when it goes, whether the activity lock was held.
+std::shared_ptr<int> probe(std::vector<bool>& heldAtItsEnd) {
+  return {new int(), [&](const int* value) {
+            const ActivityLockAnchor activity;
+            heldAtItsEnd.push_back(!activity.locked());
+            delete value;
+          }};
+}
+
+TEST(MainLoop, WhatATaskHoldsGoesUnderTheActivityLock) {
+  std::vector<bool> held;
+  {
+    MainLoop loop;
+    loop.post([object = probe(held)] {});
+    loop.post([object = probe(held), &loop] { loop.stop(); });
+    loop.run();
+    EXPECT_THAT(held, ElementsAre(true, true));
+    loop.post([object = probe(held)] { throw std::runtime_error("no"); });
+    EXPECT_THROW(loop.run(), std::runtime_error);
+    EXPECT_THAT(held, ElementsAre(true, true, true));
+    loop.post([object = probe(held)] {});
+  }
+  EXPECT_THAT(held, ElementsAre(true, true, true, true));
 }
 
 TEST(MainLoopDeathTest, RefusesToRunInsideAnActivityAnchor) {

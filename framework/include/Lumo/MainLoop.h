@@ -27,9 +27,9 @@ class MainLoop {
   MainLoop(const MainLoop&) = delete;
   MainLoop& operator=(const MainLoop&) = delete;
 
-  // Runs `task` on the loop's thread, in the order of posting. What is still posted when the loop
-  // is destroyed is dropped unrun. An exception of a task leaves run() and runUntil(), with the
-  // tasks behind it still posted.
+  // Runs `task` on the loop's thread, in the order of posting, and destroys it there, under the
+  // activity lock too. What is still posted when the loop is destroyed is dropped unrun. An
+  // exception of a task leaves run() and runUntil(), with the tasks behind it still posted.
   void post(Task task);
 
   // A clock whose time() is seconds since the loop was made and whose reactors the loop calls when
@@ -43,13 +43,15 @@ class MainLoop {
   // condition holds. It is looked at under the activity lock, after every turn of the loop and at
   // least every few milliseconds, so a response handler on another thread need not wake the loop.
   bool runUntil(const std::function<bool()>& condition, Duration timeout);
-  // Ends the running run() or runUntil() after the task at hand; if none runs, the next one.
+  // Ends the running run() or runUntil() once all that is due has been run; if none runs, the next
+  // one.
   void stop();
 
  private:
   using TimePoint = std::chrono::steady_clock::time_point;
 
   double seconds() const;
+  std::vector<Task> takeTasks();
   void turn();
   bool takeStop();
   TimePoint startWaiting();
