@@ -154,6 +154,28 @@ TEST_F(OutOfMemory, ALineForStandardErrorIsLostAndNothingElse) {
   EXPECT_NE(written.find("both: both 1 " + longText + "\n"), std::string::npos);
 }
 
+TEST_F(OutOfMemory, ASettingIsTakenAsAWholeOrNotAtAll) {
+  const Lumo::String before("One facility with a long name/3");
+  const Lumo::String after("Another one with a long name/4,A third one with a long name/5");
+  int refusals = 0;
+  withEachAllocationRefused([&] {
+    allowed = -1;
+    Lumo::traceSettingIs(before);
+    allowed = refusals;
+    try {
+      Lumo::traceSettingIs(after);
+    } catch (const std::bad_alloc&) {
+      ++refusals;
+      allowed = -1;
+      EXPECT_TRUE(Lumo::TraceFacility::facilityEnabled("One facility with a long name"));
+      EXPECT_FALSE(Lumo::TraceFacility::facilityEnabled("Another one with a long name"));
+    }
+  });
+  EXPECT_GT(refusals, 1);
+  EXPECT_FALSE(Lumo::TraceFacility::facilityEnabled("One facility with a long name"));
+  EXPECT_TRUE(Lumo::TraceFacility::facilityEnabled("A third one with a long name"));
+}
+
 // A small file that says of itself to be large, and whose only point is nearly as long.
 TEST_F(OutOfMemory, ReadingADamagedFileAsksForNoMoreThanTheFileHas) {
   constexpr U32 claimed = 1800U << 20;

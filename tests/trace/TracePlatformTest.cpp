@@ -50,6 +50,9 @@ std::function<std::optional<ssize_t>(int file, void* bytes, std::size_t size, of
 // Asked before a file is locked; a result stands for that of the lock.
 std::function<std::optional<int>(int file)> onLock;
 
+// How many times space is not reserved as a signal comes.
+int interruptedReservations = 0;
+
 // Asked after a file is closed; stands for the result.
 std::function<int()> onClose;
 
@@ -127,6 +130,20 @@ extern "C" int flock(int file, int operation) noexcept {
     if (const auto result = onLock(file)) return *result;
   }
   return static_cast<int>(::syscall(SYS_flock, file, operation));
+}
+
+extern "C" int posix_fallocate64(int file, off64_t offset, off64_t length) {
+  using Reserve = int (*)(int, off64_t, off64_t);
+  static const auto real = reinterpret_cast<Reserve>(::dlsym(RTLD_NEXT, "posix_fallocate64"));
+  if (interruptedReservations > 0) {
+    --interruptedReservations;
+    return EINTR;
+  }
+  return real(file, offset, length);
+}
+
+extern "C" int posix_fallocate(int file, off_t offset, off_t length) {
+  return ::posix_fallocate64(file, offset, length);
 }
 
 extern "C" ssize_t pread(int file, void* bytes, std::size_t size, off_t offset) {
@@ -303,6 +320,14 @@ TEST_F(TraceOnThePlatform, AnInterruptionBetweenTheTwoClocksShiftsNoTime) {
     const U64 next = clock.now();
     ASSERT_LE(next, kernelNs() + near);
   }
+}
+
+TEST_F(TraceOnThePlatform, AFileIsMadeThoughSignalsCome) {
+  interruptedReservations = 3;
+  ringIsOn();
+  EXPECT_EQ(interruptedReservations, 0);
+  Twine::trace<Sample::numbered>(1);
+  EXPECT_EQ(textsIn(path), std::vector<std::string>{"n=1"});
 }
 
 TEST_F(TraceOnThePlatform, AReadThatIsInterruptedGoesOn) {
@@ -628,6 +653,23 @@ TEST_F(TraceOnThePlatform, WhereThereAreNoLocksFilesAreMadeAllTheSame) {
   };
   EXPECT_NO_THROW(Skein::TraceHandle(path, {.keepPrevious = true}));
   EXPECT_EQ(folder.names(), (std::vector<std::string>{"trace.skein", "trace.skein.previous"}));
+}
+
+TEST_F(TraceOnThePlatform, ALockThatIsInterruptedIsAskedForAgain) {
+  int interruptions = 2;
+  int locks = 0;
+  onLock = [&](int) -> std::optional<int> {
+    if (interruptions == 0) {
+      ++locks;
+      return std::nullopt;
+    }
+    --interruptions;
+    errno = EINTR;
+    return -1;
+  };
+  ringIsOn();
+  EXPECT_EQ(interruptions, 0);
+  EXPECT_EQ(locks, 1);
 }
 
 // Somebody takes it for abandoned before it is locked.

@@ -29,7 +29,8 @@ class TraceFacility {
 // a digit or a range `0-5`, and the facility `*` stands for all of them; the empty text turns
 // everything off. The environment variable LUMO_TRACE, read once, gives the setting at start.
 // A part that cannot be read is left out and the setting is reported once on stderr; the result is
-// false then. Raises nothing. Takes effect in every thread at its next trace point.
+// false then. Raises nothing but std::bad_alloc, with the setting as it was. Takes effect in every
+// thread at its next trace point.
 bool traceSettingIs(const String& setting);
 
 // Turns one level of a facility on or off, all ten when `level` is -1. Levels outside -1..9 are

@@ -91,7 +91,9 @@ TraceFile::TraceFile(const std::string& path, TraceOptions options)
   if (descriptor_ < 0) fail(path_, "check that its folder exists and may be written");
   void* bytes = MAP_FAILED;
   // Space is reserved now: a full disk must not kill the process at some later record.
-  errno = ::posix_fallocate(descriptor_, 0, static_cast<off_t>(options.size));
+  do {
+    errno = ::posix_fallocate(descriptor_, 0, static_cast<off_t>(options.size));
+  } while (errno == EINTR);
   if (errno == 0) {
     bytes = ::mmap(nullptr, options.size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_POPULATE,
                    descriptor_, 0);

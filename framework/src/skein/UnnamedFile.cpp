@@ -65,8 +65,10 @@ void removeAbandoned(const std::filesystem::path& path) {
   const std::filesystem::path folder = path.has_parent_path() ? path.parent_path() : ".";
   const std::string prefix = path.filename().string() + mark;
   std::error_code unreadable;  // then making the file says so
-  for (const auto& entry : std::filesystem::directory_iterator(folder, unreadable)) {
-    if (isOfUnnamedFile(entry.path().filename().string(), prefix)) removeIfAbandoned(entry.path());
+  std::filesystem::directory_iterator entry(folder, unreadable);
+  for (; entry != std::filesystem::directory_iterator(); entry.increment(unreadable)) {
+    const std::filesystem::path& found = entry->path();
+    if (isOfUnnamedFile(found.filename().string(), prefix)) removeIfAbandoned(found);
   }
 }
 
@@ -89,7 +91,8 @@ UnnamedFile makeUnnamedFile(const std::string& path) {
     file.descriptor = ::open(file.path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
     if (file.descriptor < 0 && errno == EEXIST) continue;  // a living process has it
     if (file.descriptor < 0) return file;
-    ::flock(file.descriptor, LOCK_SH);  // where there are no such locks, nobody asks for them
+    while (::flock(file.descriptor, LOCK_SH) != 0 && errno == EINTR) {
+    }  // where there are no such locks, nobody asks for them
     if (isNamed(file.descriptor)) return file;
     ::close(file.descriptor);
   }

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <optional>
+#include <utility>
 
 namespace Lumo {
 
@@ -110,9 +111,9 @@ U32 TraceRegistry::levels(const String& name) {
 }
 
 U32 TraceRegistry::wanted(const std::string& name, bool onByDefault) const {
-  const auto named = named_.find(name);
-  if (named != named_.end()) return named->second;
-  return onByDefault ? unnamed_.on : unnamed_.off;
+  const auto named = setting_.named.find(name);
+  if (named != setting_.named.end()) return named->second;
+  return onByDefault ? setting_.on : setting_.off;
 }
 
 void TraceRegistry::publish() {
@@ -121,33 +122,33 @@ void TraceRegistry::publish() {
   }
 }
 
-bool TraceRegistry::partIs(std::string_view part) {
+bool TraceRegistry::partIs(Setting& setting, std::string_view part) {
   const auto slash = part.rfind('/');
   if (slash == std::string_view::npos || slash == 0) return false;
   const auto levels = parseLevels(trimmed(part.substr(slash + 1)));
   if (!levels) return false;
   const std::string_view name = trimmed(part.substr(0, slash));
   if (name == "*") {
-    unnamed_.off |= *levels;
-    unnamed_.on = unnamed_.off;
+    setting.off |= *levels;
+    setting.on = setting.off;
   } else {
-    named_[std::string(name)] |= *levels;
+    setting.named[std::string(name)] |= *levels;
   }
   return true;
 }
 
-bool TraceRegistry::readSetting(std::string_view setting) {
+bool TraceRegistry::readSetting(std::string_view text) {
   bool good = true;
-  SettingsMutexAnchor anchor;
-  named_.clear();
-  unnamed_ = {};
-  for (std::string_view rest = setting; !rest.empty();) {
+  Setting setting;
+  for (std::string_view rest = text; !rest.empty();) {
     const auto comma = std::min(rest.find(','), rest.size());
     const std::string_view part = trimmed(rest.substr(0, comma));
-    if (!part.empty() && !partIs(part)) good = false;
+    if (!part.empty() && !partIs(setting, part)) good = false;
     rest.remove_prefix(std::min(comma + 1, rest.size()));
   }
-  for (auto& [name, levels] : named_) levels |= unnamed_.off;
+  for (auto& [name, levels] : setting.named) levels |= setting.off;
+  SettingsMutexAnchor anchor;
+  setting_ = std::move(setting);
   publish();
   return good;
 }
@@ -164,12 +165,13 @@ void TraceRegistry::levelIs(const String& name, int level, bool on) {
   const auto changed = [&](U32 levels) { return on ? levels | bits : levels & ~bits; };
   SettingsMutexAnchor anchor;
   if (name == String("*")) {
-    unnamed_ = {changed(unnamed_.off), changed(unnamed_.on)};
-    for (auto& [named, levels] : named_) levels = changed(levels);
+    setting_.off = changed(setting_.off);
+    setting_.on = changed(setting_.on);
+    for (auto& [named, levels] : setting_.named) levels = changed(levels);
   } else {
     const auto known = facilities_.find(name.stdString());
     const bool onByDefault = known != facilities_.end() && known->second.onByDefault;
-    named_[name.stdString()] = changed(wanted(name.stdString(), onByDefault));
+    setting_.named[name.stdString()] = changed(wanted(name.stdString(), onByDefault));
   }
   publish();
 }

@@ -57,24 +57,24 @@ class TraceRegistry {
   void levelIs(const String& name, int level, bool on);
 
  private:
-  struct Unnamed {
+  // Levels of the facilities that a setting names, and of all others: by default off and by default
+  // on.
+  struct Setting {
+    std::map<std::string, U32> named;
     U32 off = 0;
     U32 on = everyLevel;
   };
 
   TraceRegistry();
-  bool readSetting(std::string_view setting);  // whether all of it can be read
+  bool readSetting(std::string_view text);  // whether all of it can be read
   U32 wanted(const std::string& name, bool onByDefault) const
       LUMO_REQUIRES(SettingsMutex::instance());
   void publish() LUMO_REQUIRES(SettingsMutex::instance());
-  bool partIs(std::string_view part) LUMO_REQUIRES(SettingsMutex::instance());
+  static bool partIs(Setting& setting, std::string_view part);
 
   std::map<std::string, Facility> facilities_ LUMO_GUARDED_BY(SettingsMutex::instance());
   std::vector<String> handleNames_ LUMO_GUARDED_BY(SettingsMutex::instance());
-  // Levels of the facilities that a setting names, and of all others: by default off and by default
-  // on.
-  std::map<std::string, U32> named_ LUMO_GUARDED_BY(SettingsMutex::instance());
-  Unnamed unnamed_ LUMO_GUARDED_BY(SettingsMutex::instance());
+  Setting setting_ LUMO_GUARDED_BY(SettingsMutex::instance());
   std::string environment_;  // the setting that the process was started with; never changed
   std::atomic<bool> warningDue_{false};
 };
