@@ -115,7 +115,6 @@ void drain(Agent& agent) {
 // Heap bytes of a waiting command and its place in the pending queue, its request not counted.
 void memory() {
   constexpr U64 count = 1000000;
-  std::atomic<U64> done{0};
   std::vector<google::protobuf::Message*> requests;
   requests.reserve(count);
   for (U64 i = 0; i < count; ++i) requests.push_back(new pb::EmptyRequest());
