@@ -66,6 +66,8 @@ else()
 endif()
 norv_pkg_config(norv "${PROJECT_DESCRIPTION}" REQUIRES lumo bessgrpc LIBS ${libraries} -lnorv CFLAGS ${headers})
 # Static ones: who links them links what they call.
+norv_pkg_config(norv_agent "What an agent builds around the manager: outcomes, recovery, a flight recorder"
+  REQUIRES norv LIBS ${libraries} -lnorv_agent CFLAGS ${headers})
 norv_pkg_config(norv_state "The wanted switch as a document, and the plan towards it"
   REQUIRES norv grpc++ protobuf yaml-cpp LIBS ${libraries} -lnorv_state -lnorv_facts CFLAGS ${headers})
 norv_pkg_config(norv_standin "Stand-in for the switch daemon, to run inside a test"

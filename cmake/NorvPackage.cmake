@@ -81,6 +81,11 @@ norv_package(tools norv-tools net "Command-line tools for a BESS switch daemon"
  the daemon; skein reads trace files." DEPENDS norv lumo)
 norv_package(norvd norvd net "Agent that keeps a BESS switch as a document wants it"
   "Follows the document and the daemon, repairs what differs, and shows both on a page." DEPENDS norv lumo)
+# Pictures are drawn by dot where it is there; status and retry are norvctl's.
+set(CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS "graphviz")
+set(CPACK_DEBIAN_NORVD_PACKAGE_RECOMMENDS "norv-tools, graphviz")
+set(service ${PROJECT_SOURCE_DIR}/tools/norvd/service)
+set(CPACK_DEBIAN_NORVD_PACKAGE_CONTROL_EXTRA ${service}/postinst ${service}/prerm ${service}/postrm)
 norv_package(doc norv-doc doc "Documents of the connection manager and its tools"
   "How to use the library and its tools, and why they are as they are.")
 set(CPACK_DEBIAN_DOC_PACKAGE_ARCHITECTURE all)
@@ -88,9 +93,9 @@ set(CPACK_DEBIAN_DOC_PACKAGE_ARCHITECTURE all)
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs/ DESTINATION ${CMAKE_INSTALL_DOCDIR}-doc/docs COMPONENT doc)
 install(FILES ${PROJECT_SOURCE_DIR}/README.md ${PROJECT_SOURCE_DIR}/CHANGELOG.md
   ${PROJECT_SOURCE_DIR}/CONTRIBUTING.md ${PROJECT_SOURCE_DIR}/SECURITY.md DESTINATION ${CMAKE_INSTALL_DOCDIR}-doc COMPONENT doc)
+# Those that are built without the tree.
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/examples/ DESTINATION ${CMAKE_INSTALL_DOCDIR}-doc/examples
-  COMPONENT doc FILES_MATCHING PATTERN "*.cpp" PATTERN "*.yaml" PATTERN "*.jsonl"
-  PATTERN "CMakeLists.txt")
+  COMPONENT doc FILES_MATCHING PATTERN "own-messages" EXCLUDE PATTERN "*.cpp" PATTERN "*.yaml" PATTERN "*.jsonl")
 
 option(NORV_COMPRESS_MANUAL "Install the manual pages compressed" OFF)
 if(NORV_COMPRESS_MANUAL)

@@ -16,6 +16,10 @@ env -u LD_LIBRARY_PATH "$folder/norv/bin/norvd" --version
 env -u LD_LIBRARY_PATH "$folder/norv/bin/skein" --help >"$folder/log"
 mv "$folder/norv" "$folder/moved"
 "$folder/moved/bin/norvctl" run --standin --quiet "$sources/examples/first-light.jsonl" || [ $? -eq 2 ]
+grep -q "^ExecStart=$folder/norv/bin/norvd " "$folder/moved/lib/systemd/system/norvd.service" || {
+  echo "norvd.service does not start the norvd that was installed" >&2
+  exit 1
+}
 for file in share/man/man8/norvd.8 lib/systemd/system/norvd.service share/man/man1/norvctl.1 share/man/man1/norvctl-run.1 \
   share/man/man1/skein.1 share/man/man1/bessd-standin.1 \
   share/bash-completion/completions/norvctl share/zsh/site-functions/_norvctl \
@@ -37,7 +41,10 @@ add_executable(with_standin with_standin.cpp)
 target_link_libraries(with_standin norv::standin)
 add_executable(plan plan.cpp)
 target_link_libraries(plan norv::state)
+add_executable(kit kit.cpp)
+target_link_libraries(kit norv::agent)
 LISTS
+python3 -B "$sources/tests/docs/listings.py" "$folder/agent" "$sources/docs/embedding.md" >"$folder/log"
 cp "$sources/examples/embed.cpp" "$sources/examples/plan.cpp" "$folder/agent"
 cat >"$folder/agent/with_standin.cpp" <<'PROGRAM'
 #include <Standin/Server.h>
@@ -104,6 +111,8 @@ LD_LIBRARY_PATH="$(dirname "$PKG_CONFIG_PATH")" "$folder/with_standin"
 
 # shellcheck disable=SC2046 # several words are wanted
 c++ "$sources/examples/plan.cpp" -o "$folder/plan" $(pkg-config --cflags --libs norv_state)
+# shellcheck disable=SC2046 # several words are wanted
+c++ "$folder/agent/kit.cpp" -o "$folder/kit" $(pkg-config --cflags --libs norv_agent)
 LD_LIBRARY_PATH=$(pkg-config --variable=libdir norv_state)
 export LD_LIBRARY_PATH
 
@@ -119,4 +128,5 @@ for plan in "$folder/agent/build/plan" "$folder/plan"; do
     exit 1
   }
 done
+for kit in "$folder/agent/build/kit" "$folder/kit"; do "$kit" "$port" >"$folder/log"; done
 echo "installed, moved, and built against"

@@ -594,8 +594,7 @@ def test_its_manual_page_has_what_its_help_has():
 def test_its_unit_is_in_order():
     if not shutil.which("systemd-analyze"):
         harness.skip("no systemd-analyze here")
-    built = os.path.dirname(os.path.dirname(agent.NORVD))
-    with open(f"{built}/tools/norvd/norvd.service", encoding="utf-8") as file:
+    with open(f"{harness.SOURCES}/tools/norvd/service/norvd.service.in", encoding="utf-8") as file:
         text = file.read()
     # However often it ends, it is started again.
     unit_section = text[text.index("[Unit]"):text.index("[Service]")]
