@@ -74,9 +74,9 @@ class Clock : public Entity {
   // The time of the earliest request, 0 for one before 0; a negative number when nobody waits, or
   // only for infinity.
   double nextTimeout() const;
-  // `hook` is called by whoever makes a request that moves nextTimeout() to an earlier time, on that
-  // thread, once it is in place. For the one who drives the clock and sleeps until nextTimeout(); empty: nobody
-  // wants to know.
+  // `hook` is called by whoever makes a request that moves nextTimeout() to an earlier time, on
+  // that thread, once it is in place. For the one who drives the clock and sleeps until
+  // nextTimeout(); empty: nobody wants to know.
   void earlierRequestHookIs(std::function<void()> hook) { earlierRequestHook_ = std::move(hook); }
 
  private:

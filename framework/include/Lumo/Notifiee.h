@@ -25,8 +25,8 @@ class ActivityConfig;
 //   zombie       marked for deletion, and out of the list
 //
 // Reactors are made, changed and destroyed on the main thread. Handlers run on the thread that
-// changed the notifier, and hold their reactor meanwhile: where that is another thread, and the main
-// one drops its last pointer, the reactor goes there, when its handler is through.
+// changed the notifier, and hold their reactor meanwhile: where that is another thread, and the
+// main one drops its last pointer, the reactor goes there, when its handler is through.
 class NotifieeConst : public PtrInterface {
   LUMO_OBJECT(NotifieeConst)
 
