@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <limits>
 #include <nlohmann/json.hpp>
 
 #include <Norv/Agent/AgentTrace.h>
@@ -106,14 +107,18 @@ unsigned numberIn(const std::string& name, const std::string& prefix) {
   return error == std::errc() && (tail.empty() || tail == ".json") ? number : 0;
 }
 
-unsigned highestNumber(const std::filesystem::path& copies) {
+unsigned nextNumber(const std::filesystem::path& copies) {
   const std::filesystem::path folder = copies.has_parent_path() ? copies.parent_path() : ".";
   const std::string prefix = copies.filename();
   unsigned highest = 0;
   for (const auto& entry : std::filesystem::directory_iterator(folder)) {
     highest = std::max(highest, numberIn(entry.path().filename(), prefix));
   }
-  return highest;
+  if (highest == std::numeric_limits<unsigned>::max()) {
+    throw std::runtime_error("no number comes after " + copies.string() + std::to_string(highest) +
+                             "; move the copies of earlier runs away");
+  }
+  return highest + 1;
 }
 
 }  // namespace
@@ -134,13 +139,16 @@ void FlightRecorder::freeze(const std::optional<CommandReport>& command, const s
     ++copies_;
     const bool last = copies_ == mostCopies_;
     const std::string copies = handle_.traceFile()->path() + ".failure-";
-    const std::string copy = copies + std::to_string(highestNumber(copies) + 1);
+    const std::string copy = copies + std::to_string(nextNumber(copies));
     if (last) {
       std::fprintf(stderr, "flight recorder: %s is the last copy of this run\n", copy.c_str());
     }
     Skein::snapshot(*handle_.traceFile(), copy);
     std::optional<RpcFailure> failure;
     if (command) failure = rpcFailureIn(copy, *command);
+    if (!failure && command && command->rpcCode != 0) {
+      failure = RpcFailure{command->rpcCode, command->errorText};
+    }
     ordered_json details;
     details["time"] = timeOfDay();
     details["command"] = command ? detailsOf(*command) : ordered_json();

@@ -23,6 +23,12 @@ const char* const noneFailed = "the error flag rose, and not by the failure of a
 // In bytes of the message; in a failure's details.
 constexpr std::size_t largestRequestShown = 64 * 1024;
 
+// One call deletes one entry only where the indexes wrap.
+template <class Queue>
+void deleteAll(const Queue& queue) {
+  while (queue->cmdBatchs() != 0) queue->cmdBatchDelAll();
+}
+
 }  // namespace
 
 const char* workerName(Status::Worker worker) {
@@ -195,13 +201,14 @@ bool Kit::trackedFailed() const {
 }
 
 void Kit::onFlag() {
-  if (!status_->errorOccured()) {
+  const Lumo::Ptr<GrpcErrorHandlingStatus> status = status_;  // the kit may go once it is stopped
+  if (!status->errorOccured()) {
     stoppedSince_.store(0, std::memory_order_release);
     ledger_->flagCleared();
     return;
   }
   const Time now = ledger_->now();
-  const bool commandFailed = ledger_->onWorker() && trackedFailed();
+  const bool commandFailed = ledger_->onWorker() && !ledger_->isAnswering() && trackedFailed();
   const std::string text = failureText_ ? failureText_() : std::string();
   RpcFailure failure = takeRpcFailure().value_or(RpcFailure{0, "the RPC failed"});
   if (failureText_) failure.text = text;
@@ -216,7 +223,14 @@ void Kit::onFlag() {
     }
   }
   // Last, so that whoever sees the kit stopped finds the failure in the books.
-  stoppedSince_.store(now.time_since_epoch().count(), std::memory_order_release);
+  // An exchange, as whoever reads the 0 of a clearing there sees the flag cleared, too.
+  Time::rep since = now.time_since_epoch().count();
+  stoppedSince_.exchange(since, std::memory_order_acq_rel);
+  if (status->errorOccured()) return;
+  // Cleared meanwhile, and perhaps entered before the failure was; if after, that stands.
+  if (stoppedSince_.compare_exchange_strong(since, 0, std::memory_order_acq_rel)) {
+    ledger_->flagCleared();
+  }
 }
 
 void Kit::clearAndGoOn() {
@@ -278,16 +292,14 @@ Status Kit::status() const {
 }
 
 void Kit::dropWaiting() {
-  for (auto group = config_->cmdConfigGroupIterator(); group; ++group) {
-    group.ptr()->cmdBatchDelAll();
-  }
+  for (auto group = config_->cmdConfigGroupIterator(); group; ++group) deleteAll(group.ptr());
   underThreadLock([&] {
     underWay();
     for (auto entry = pendingQueue_->cmdBatchIterator(); entry; ++entry) {
       const TrackedEntry* found = tracked(entry.cmdBatch());
       if (found) ledger_->discarded(found->id());
     }
-    pendingQueue_->cmdBatchDelAll();
+    deleteAll(pendingQueue_);
   });
 }
 
@@ -298,7 +310,7 @@ void Kit::closeBooks(const std::string& reason) {
   const auto takeOut = [&](const auto& queue) {
     for (auto entry = queue->cmdBatchIterator(); entry; ++entry)
       waiting.push_back(entry.cmdBatch());
-    queue->cmdBatchDelAll();
+    deleteAll(queue);
   };
   underThreadLock([&] {
     if (!stopped()) taken = underWay();

@@ -5,6 +5,8 @@
 #include <Norv/Agent/Ledger.h>
 #include <Norv/Agent/Tracked.h>
 
+#include "RpcFailures.h"
+
 namespace Norv {
 
 Lumo::TraceHandle& AgentTrace::_defaultTraceHandle() {
@@ -69,10 +71,26 @@ void Ledger::announced(U64 id, const Lumo::Name& queue) {
   Twine::trace<AgentTrace::announced>(seq, stringValue(type), queue.stringValue(), depth);
 }
 
+void Ledger::answering(U64 id) {
+  takeRpcFailure();  // of an earlier RPC: nobody takes it if the flag is up already
+  Lumo::LockAnchor anchor(&lock_);
+  answering_ = id;
+}
+
+bool Ledger::isAnswering() const {
+  Lumo::LockAnchor anchor(&lock_);
+  return answering_ != 0;
+}
+
+void Ledger::handled(U64 id) {
+  if (answering_ == id) answering_ = 0;
+}
+
 void Ledger::answered(U64 id, Time at, int errorCode, const std::string& errorText) {
   Lumo::LockAnchor inOrder(&publishing_);
   {
     Lumo::LockAnchor anchor(&lock_);
+    handled(id);
     Command* const command = commands_.find(id);
     if (!command) return;
     endSkippedBefore(command->report.seq);
@@ -95,6 +113,7 @@ void Ledger::endUnanswered(U64 id, bool maybeSent) {
   Lumo::LockAnchor inOrder(&publishing_);
   {
     Lumo::LockAnchor anchor(&lock_);
+    handled(id);
     Command* const command = commands_.find(id);
     if (!command) return;
     const U64 seq = command->report.seq;
@@ -260,7 +279,9 @@ void Ledger::end(Command& command, Outcome outcome, Time at) {
   report.started = std::max(report.announced, lastEnd_);
   if (report.seq != 0) {
     lastEnd_ = report.ended;
-    report.queueDepth = --openOf_[report.queue];
+    const auto ofQueue = openOf_.find(report.queue);
+    report.queueDepth = --ofQueue->second;
+    if (report.queueDepth == 0) openOf_.erase(ofQueue);
   }
   ++counts_[static_cast<std::size_t>(outcome)];
   if (outcome == Outcome::failed) lastFailure_ = report;

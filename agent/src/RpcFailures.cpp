@@ -1,7 +1,5 @@
 #include "RpcFailures.h"
 
-#include <unistd.h>
-
 #include <charconv>
 #include <memory>
 #include <mutex>
@@ -47,9 +45,7 @@ class FailureSink : public Lumo::TraceSink {
       previous_->lineIs(line);
       return;
     }
-    std::string out;
-    Lumo::appendTraceLine(out, line);
-    [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, out.data(), out.size());
+    Lumo::writeToStandardError(line);
   }
 
  private:

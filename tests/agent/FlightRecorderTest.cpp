@@ -218,6 +218,18 @@ TEST_F(FlightRecorderTest, GoesOnAfterTheCopiesOfAnEarlierRun) {
   EXPECT_EQ(std::string(std::istreambuf_iterator<char>(kept), {}), "kept");
 }
 
+TEST_F(FlightRecorderTest, MakesNoCopyAfterTheHighestNumberThereIs) {
+  std::ofstream(path + ".failure-4294967295") << "kept";
+  FlightRecorder recorder(path);
+  testing::internal::CaptureStderr();
+  recorder.freeze(std::nullopt, "first");
+  recorder.freeze(std::nullopt, "second");
+  const std::string said = "flight recorder: no number comes after " + path +
+                           ".failure-4294967295; move the copies of earlier runs away\n";
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), said + said);
+  EXPECT_THAT(folder.names(), testing::ElementsAre("run", "run.failure-4294967295"));
+}
+
 TEST_F(FlightRecorderTest, KeepsTheFileOfTheRunBeforeAsPrevious) {
   for (const char* run : {"first", "second", "third"}) {
     const FlightRecorder recorder(path);
@@ -438,6 +450,55 @@ TEST_F(KitRecorder, FindsTheReasonItselfWhereTheAgentHasNone) {
   EXPECT_EQ(details()["reason"], "Failure to process response: error_code: 14 error_message: gone");
   EXPECT_EQ(details()["grpc_code"], 14);
   EXPECT_EQ(kit.ledger()->lastFailure()->errorText, "gone");
+}
+
+TEST_F(KitRecorder, HasTheCodeOfTheRpcThoughAnOlderCommandEndsWithIt) {
+  kit.flightRecorderIs(folder.file("run"));
+  daemon.handlerIs([count = std::make_shared<std::atomic<int>>(0)](auto, const auto&, auto*) {
+    return (*count)++ == 0 ? FakeDaemon::Answer{0, "", "\x0a\x7f"}
+                           : FakeDaemon::Answer{14, "gone", ""};
+  });
+  connect();
+  const Lumo::Ptr<TrackedCmd> kept = enqueueKept();
+  enqueue();
+  announce();
+  ASSERT_TRUE(agent.eventually([&] { return kit.stopped(); }));
+  EXPECT_THAT(ends(), testing::ElementsAre(testing::Pair(1, Outcome::undecodable),
+                                           testing::Pair(2, Outcome::failed)));
+  EXPECT_EQ(details()["command"]["seq"], 2);
+  EXPECT_EQ(details()["grpc_code"], 14);
+  EXPECT_EQ(details()["reason"], "gone");
+}
+
+TEST_F(KitRecorder, AFlagThatTheHandlerOfItsAnswerRaisesIsNotTheCommands) {
+  // A message whose first field, the error, has code 17.
+  answerNth(0, {0, "", "\x0a\x02\x08\x11"});
+  kit.flightRecorderIs(folder.file("run"));
+  connect();
+  {
+    Lumo::ActivityLockAnchor activity;
+    agent.queue()->cmdBatchEnq(Lumo::allocate<Norv::Agent::Tracked<RaisingCmd>>(
+        kit.ledger(), agent.status, agent.log, agent.made++,
+        support::newRequest(Norv::createPort).release(), Norv::createPort));
+    agent.announce();
+  }
+  ASSERT_TRUE(ticking([&] { return ends().size() == 1; }));
+  EXPECT_TRUE(kit.stopped());
+  EXPECT_THAT(ends(), testing::ElementsAre(testing::Pair(1, Outcome::refused)));
+  EXPECT_EQ(told->reports[0].errorCode, 17);
+  EXPECT_TRUE(details()["command"].is_null());
+  EXPECT_EQ(details()["reason"],
+            "the error flag rose, and not by the failure of a tracked command");
+
+  answerNth(0, {14, "gone", ""});
+  {
+    Lumo::ActivityLockAnchor activity;
+    kit.clearAndGoOn();
+  }
+  enqueue();
+  announce();
+  ASSERT_TRUE(ticking([&] { return kit.stopped(); }));
+  EXPECT_EQ(kit.ledger()->count(Outcome::failed), 1u);
 }
 
 TEST_F(KitRecorder, AFlagThatTheAgentRaisesItselfIsNoCommands) {

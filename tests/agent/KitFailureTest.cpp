@@ -1,5 +1,7 @@
 // What the kit makes of a failed RPC: the account, and the policy.
 
+#include <latch>
+
 #include <Lumo/Trace.h>
 #include <Lumo/TraceRecorder.h>
 
@@ -109,6 +111,40 @@ TEST_F(KitFailure, MayBeClearedByHand) {
   EXPECT_EQ(ends().back(), std::pair(U64{3}, Outcome::ok));
 }
 
+TEST_F(KitFailure, ClearedWhileItIsEnteredLeavesNothingStopped) {
+  std::latch asked(1), cleared(1);
+  kit.failureTextIs([&] {
+    asked.count_down();
+    cleared.wait();
+    return std::string("as the daemon said");
+  });
+  daemon.handlerIs([count = std::make_shared<std::atomic<int>>(0)](auto, const auto&, auto*) {
+    return (*count)++ == 0 ? FakeDaemon::Answer{14, "gone", ""}
+                           : FakeDaemon::Answer{0, "", "\x0a\x7f"};
+  });
+  connect();
+  enqueue();
+  announce();
+  ASSERT_TRUE(ticking([&] { return asked.try_wait(); }));
+  {
+    Lumo::ActivityLockAnchor activity;
+    agent.status->errorOccuredIs(false);
+  }
+  cleared.count_down();
+  // The worker lets go of the command when it has looked for another one.
+  ASSERT_TRUE(support::eventually([&] { return agent.log->destroyed == 1; }));
+  EXPECT_FALSE(kit.stopped());
+  {
+    Lumo::ActivityLockAnchor activity;
+    Lumo::LockAnchor anchor(agent.manager->threadLock());
+    const auto cmd = command();
+    kit.ledger()->announced(cmd->id(), "main");
+    agent.pending->cmdBatchEnq(cmd);  // Nobody signals.
+  }
+  EXPECT_TRUE(ticking([&] { return ends().size() == 2; }));
+  EXPECT_THAT(ends(), ElementsAre(Pair(1, Outcome::failed), Pair(2, Outcome::undecodable)));
+}
+
 TEST_F(KitFailure, WhatTheWorkerTookMeanwhileIsDropped) {
   failTheFirstOf(3);
   // The worker takes the second, sees the flag and sleeps holding it.
@@ -186,6 +222,42 @@ TEST_F(KitFailure, OfAnUntrackedCommandIsNobodysInTheBooks) {
   EXPECT_TRUE(ticking([&] { return agent.log->destroyed >= 1; }));
   EXPECT_TRUE(kit.stopped());
   EXPECT_EQ(kit.ledger()->count(Outcome::failed), 0u);
+}
+
+TEST_F(KitFailure, OfAnRpcThatWasNotTakenIsNoLaterCommands) {
+  kit.failureTextIs(nullptr);
+  daemon.handlerIs([count = std::make_shared<std::atomic<int>>(0)](auto, const auto&, auto*) {
+    const int nth = (*count)++;
+    return nth == 0   ? FakeDaemon::Answer{14, "gone", ""}
+           : nth == 2 ? FakeDaemon::Answer{0, "", "\x0a\x7f"}
+                      : FakeDaemon::Answer();
+  });
+  daemon.hold();
+  connect();
+  enqueue();
+  announce();
+  ASSERT_TRUE(ticking([&] { return daemon.calls().size() == 1; }));
+  {
+    Lumo::ActivityLockAnchor activity;
+    agent.status->errorOccuredIs(true);
+  }
+  daemon.release();
+  ASSERT_TRUE(support::eventually([&] { return agent.log->destroyed == 1; }));
+  clearAndGoOn();
+  enqueue();
+  const Lumo::Ptr<TrackedCmd> kept = enqueueKept();
+  {
+    Lumo::ActivityLockAnchor activity;
+    agent.queue()->cmdBatchEnq(Lumo::allocate<RaisingCmd>(
+        agent.status, agent.log, agent.made++, support::newRequest(Norv::getVersion).release(),
+        Norv::getVersion));
+  }
+  announce();
+  // As if the one that is kept had failed.
+  ASSERT_TRUE(agent.eventually([&] { return kit.stopped(); }));
+  ASSERT_TRUE(kit.status().lastFailure);
+  EXPECT_EQ(kit.status().lastFailure->id, kept->id());
+  EXPECT_EQ(kit.status().lastFailure->rpcCode, 0);
 }
 
 TEST_F(KitFailure, ClosingTheBooksAfterwardsDropsTheRestInOrder) {

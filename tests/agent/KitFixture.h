@@ -18,6 +18,21 @@ using Norv::Agent::Status;
 using support::FakeDaemon;
 using TrackedCmd = Norv::Agent::Tracked<support::LoggedCmd>;
 
+// One whose handler raises the flag.
+class RaisingCmd : public support::LoggedCmd {
+ public:
+  template <class... Args>
+  explicit RaisingCmd(Lumo::Ptr<Norv::GrpcErrorHandlingStatus> status, Args&&... args)
+      : LoggedCmd(std::forward<Args>(args)...), status_(std::move(status)) {}
+  void processResponse(google::protobuf::Message* response) override {
+    LoggedCmd::processResponse(response);
+    status_->errorOccuredIs(true);
+  }
+
+ private:
+  const Lumo::Ptr<Norv::GrpcErrorHandlingStatus> status_;
+};
+
 // A kit around the manager of a small agent, one fake daemon, and a clock that the test moves.
 struct KitFixture : testing::Test {
   // Ends what a test has left under way, so that nothing reaches the fixture afterwards.

@@ -108,6 +108,46 @@ TEST_F(KitQueues, AgreeWithTheBooksWhereIndexesWrap) {
   play(0xffffffe0);
 }
 
+// One call of cmdBatchDelAll takes one command out there.
+struct KitWrappedQueues : KitFixture {
+  // The first of five is under way, four of each queue wait.
+  void SetUp() override {
+    agent.pending->cmdBatchMetadataIs({0xfffffffe, 0xfffffffe});
+    agent.queue("later")->cmdBatchMetadataIs({0xfffffffe, 0xfffffffe});
+    daemon.hold();
+    connect();
+    enqueue(5);
+    announce();
+    enqueue(4, "later");
+    ASSERT_TRUE(ticking([&] { return daemon.calls().size() == 1; }));
+  }
+  void expectTheFirstAlone() {
+    EXPECT_EQ(kit.ledger()->count(Outcome::dropped), 8u);
+    EXPECT_EQ(status().pending.now, 0u);
+    EXPECT_EQ(status().queues["later"].now, 0u);
+    daemon.release();
+    announce("later");
+    EXPECT_TRUE(ticking([&] { return agent.log->destroyed == 9; }));
+    EXPECT_EQ(daemon.calls().size(), 1u);
+  }
+};
+
+TEST_F(KitWrappedQueues, AreEmptyWhenWhatWaitsIsDropped) {
+  {
+    Lumo::ActivityLockAnchor activity;
+    kit.dropWaiting();
+  }
+  expectTheFirstAlone();
+}
+
+TEST_F(KitWrappedQueues, AreEmptyWhenTheBooksAreClosed) {
+  {
+    Lumo::ActivityLockAnchor activity;
+    kit.closeBooks("no more time");
+  }
+  expectTheFirstAlone();
+}
+
 TEST_F(KitQueues, ACommandThatIsReplacedIsDropped) {
   Lumo::ActivityLockAnchor activity;
   agent.connect(daemon.port());

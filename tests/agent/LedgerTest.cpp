@@ -131,6 +131,20 @@ TEST_F(Ledger, TheEndIsWhenTheAnswerCameNotWhenItWasEntered) {
   EXPECT_EQ(reports[0].ended - reports[0].started, 4ms);
 }
 
+TEST_F(Ledger, AnAnswerIsHandledUntilItIsEnteredOrItsCommandReleased) {
+  const U64 first = announce();
+  const U64 second = announce();
+  EXPECT_FALSE(books.isAnswering());
+  books.answering(first);
+  answer(second);
+  EXPECT_TRUE(books.isAnswering());
+  answer(first);
+  EXPECT_FALSE(books.isAnswering());
+  books.answering(first);
+  books.released(first);
+  EXPECT_FALSE(books.isAnswering());
+}
+
 TEST_F(Ledger, WhatTheWorkerLetsGoUnansweredWasUndecodable) {
   beTheWorker();
   books.released(announce());

@@ -24,6 +24,14 @@ struct TraceLine {
 // Time is UTC. Each part reads as appendTraceText writes it.
 void appendTraceLine(std::string& out, const TraceLine& line);
 
+// Writes the line, as appendTraceLine makes it, to standard error, where text traces go while no
+// sink is set: for a sink that passes lines on to there. Any thread, also within a sink.
+//
+// Lines of several threads do not mix, however long they are, and one that does not fit waits for
+// the reader, also where standard error does not block. Leaves errno alone and raises nothing: a
+// line is lost where memory runs out or standard error takes no more.
+void writeToStandardError(const TraceLine& line);
+
 // Appends a text, read as UTF-8, so that it stays on its line and leaves a terminal alone, and so
 // that different texts look different: a backslash becomes two, line ends and tabs \n, \r and \t,
 // every other ASCII control character and every byte that is no UTF-8 \x and two hexadecimal

@@ -94,20 +94,6 @@ void writeAll(std::string_view text) {
   }
 }
 
-// Raises nothing: without memory for the line it is lost.
-void writeToStandardError(const TraceLine& line) {
-  const int errnoOfCaller = errno;
-  try {
-    std::string text;
-    appendTraceLine(text, line);
-    watchForks();
-    const WritingAnchor anchor;  // a line longer than a pipe's atomic write stays whole
-    writeAll(text);
-  } catch (const std::bad_alloc&) {
-  }
-  errno = errnoOfCaller;
-}
-
 void appendPadded(std::string& out, U64 value, int width) {
   char digits[20];
   const auto end = std::to_chars(digits, digits + sizeof digits, value).ptr;
@@ -225,6 +211,19 @@ void appendTraceLine(std::string& out, const TraceLine& line) {
   out.append(": ");
   appendTraceText(out, line.text);
   out.push_back('\n');
+}
+
+void writeToStandardError(const TraceLine& line) {
+  const int errnoOfCaller = errno;
+  try {
+    std::string text;
+    appendTraceLine(text, line);
+    watchForks();
+    const WritingAnchor anchor;  // a line longer than a pipe's atomic write stays whole
+    writeAll(text);
+  } catch (const std::bad_alloc&) {
+  }
+  errno = errnoOfCaller;
 }
 
 void deliverTraceLine(const TraceLine& line) {

@@ -1,7 +1,6 @@
 #include "Session.h"
 
 #include <signal.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -83,9 +82,7 @@ class Session::Trace : public Lumo::TraceSink {
       if (line.text == Norv::ManagerTrace::wakeClient.text) firstBatch_ = false;
       if (!wanted) return;
     }
-    std::string out;
-    Lumo::appendTraceLine(out, line);
-    [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, out.data(), out.size());
+    Lumo::writeToStandardError(line);
   }
 
  private:

@@ -12,8 +12,9 @@ namespace Norv::Agent {
 // Keeps the ring-buffer trace of the process in a file of bounded size, and freezes a copy beside
 // it when something has gone wrong: PATH.failure-N with the last records, and PATH.failure-N.json
 // with what is known of it. N goes on after the highest that is there, so that nothing of an
-// earlier run is overwritten. The first failures of a run tell most: after `mostCopies` of them no
-// more copies are made. Read both the file and the copies with `skein`.
+// earlier run is overwritten; after 4294967295 no copies are made. The first failures of a run tell
+// most: after `mostCopies` of them no more copies are made. Read both the file and the copies with
+// `skein`.
 //
 // The trace file of an earlier run is kept as PATH.previous. Where PATH is a symbolic link, all of
 // this is about the file that it leads to.
@@ -36,8 +37,9 @@ class FlightRecorder {
 
   // Writes the two files before it returns: the calling thread copies the whole trace file. The
   // `command` that failed is none when what happened is no command's; `reason` says what did, or is
-  // empty for what the client traced on this thread when the command's RPC failed. `request` is the
-  // command's as JSON, or a text instead.
+  // empty for what the client traced on this thread when the command's RPC failed, or else the
+  // command's errorText, if it has an rpcCode. `request` is the command's as JSON, or a
+  // text instead.
   // Reports on standard error if it cannot, and, once, when there are enough; raises nothing.
   void freeze(const std::optional<CommandReport>& command, const std::string& reason,
               const std::string& request = {});

@@ -62,6 +62,14 @@ const char* workerName(Status::Worker worker);
 //   looks (tick, status) at the queue may end as dropped.
 // - What came of a command under way when somebody other than the worker raises the flag, if there
 //   is no answer to it: it ends as dropped.
+// - A failure after which the flag is cleared before stopped(), by whomever: its command may end as
+//   undecodable. Clear the flag only once stopped().
+// - That it was the handler of a command that is not tracked that set the flag. As when such a
+//   command fails, a tracked one that is kept and whose reply did not decode may be taken for the
+//   one that failed.
+// - That a batch overtakes a command. A reactor on onCmdBatch that announces another queue while a
+//   command is being moved puts that batch before it. If the reactor comes after the kit's, the
+//   command ends as undecodable once one of the batch is answered, though it is yet to be sent.
 class Kit {
  public:
   // Of the objects that the manager is to be made with, before it is; holds them. `now` is what
@@ -98,8 +106,8 @@ class Kit {
 
   // Whether the error flag is up and the kit has entered the failure into its books.
   bool stopped() const { return stoppedSince_.load(std::memory_order_acquire) != 0; }
-  // Clears the error flag and wakes the worker. What the worker took meanwhile ends as dropped,
-  // once the worker lets it go.
+  // Clears the error flag, once stopped(), and wakes the worker. What the worker took meanwhile
+  // ends as dropped, once the worker lets it go.
   void clearAndGoOn();
   // How things stand now; maxima since the kit was made.
   Status status() const;

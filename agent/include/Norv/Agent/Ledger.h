@@ -63,6 +63,10 @@ class Ledger {
   // `entry` is asked for the request; it stays until its command is answered or released.
   U64 created(GrpcRequestType type, const TrackedEntry* entry = nullptr);
   void announced(U64 id, const Lumo::Name& queue);
+  // The answer has come and goes to the command's handler, until `answered`, or `released` where
+  // the handler throws. If the error flag rises meanwhile, that is no failure of the command.
+  void answering(U64 id);
+  bool isAnswering() const;
   // `at` by the ledger's clock; code and text are those of the response's `error` field, 0 and
   // empty for success.
   void answered(U64 id, Time at, int errorCode, const std::string& errorText);
@@ -115,6 +119,7 @@ class Ledger {
   std::size_t placeOf(U64 seq) const LUMO_REQUIRES(lock_);
   void leaveOpen(U64 seq) LUMO_REQUIRES(lock_);
   void endUnanswered(U64 id, bool maybeSent);
+  void handled(U64 id) LUMO_REQUIRES(lock_);
   void endOldest(Outcome outcome) LUMO_REQUIRES(publishing_, lock_);
   Outcome skippedOutcome(U64 id) const LUMO_REQUIRES(lock_);
   void endSkippedBefore(U64 seq) LUMO_REQUIRES(publishing_, lock_);
@@ -139,6 +144,7 @@ class Ledger {
   U64 openMaximum_ LUMO_GUARDED_BY(lock_) = 0;
   std::map<Lumo::Name, U64> openOf_ LUMO_GUARDED_BY(lock_);  // by queue
   bool stopped_ LUMO_GUARDED_BY(lock_) = false;
+  U64 answering_ LUMO_GUARDED_BY(lock_) = 0;     // whose handler runs
   U64 doubtful_ LUMO_GUARDED_BY(lock_) = 0;      // the last one taken while stopped
   U64 lastTakenSeq_ LUMO_GUARDED_BY(lock_) = 0;  // as far as it has been seen
   const std::thread::id maker_ = std::this_thread::get_id();
