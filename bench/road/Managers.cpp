@@ -93,7 +93,7 @@ void managers(const std::vector<U16>& ports, U64 commands) {
   std::printf("; the first is through after %.2f of the time\n", road::median(firsts));
   for (const auto& [here, peer] : turns) bench::pair(key.c_str(), here, peer);
   // Their workers go on to the end of the process.
-  for (auto& agent : agents) agent.release();
+  for (auto& agent : agents) static_cast<void>(agent.release());
 }
 
 // The same commands, announced by so many queues in turn.

@@ -60,7 +60,7 @@ struct KitFixture : testing::Test {
   // One more, with a pointer to it that its producer keeps.
   Lumo::Ptr<TrackedCmd> enqueueKept() {
     Lumo::ActivityLockAnchor activity;
-    const Lumo::Ptr<TrackedCmd> kept = command();
+    Lumo::Ptr<TrackedCmd> kept = command();
     agent.queue("main")->cmdBatchEnq(kept);
     return kept;
   }

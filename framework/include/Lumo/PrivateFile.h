@@ -100,8 +100,7 @@ inline bool isThere(const std::string& target, struct stat& status) {
 // that everybody may write: what is read from it could be anybody's.
 inline std::string trustedFolder(const std::string& path) {
   const std::filesystem::path named = path;
-  const std::string folder =
-      targetOfLinks(named.has_filename() ? path : named.parent_path().string());
+  std::string folder = targetOfLinks(named.has_filename() ? path : named.parent_path().string());
   struct stat status {};
   if (::lstat(folder.c_str(), &status) != 0) return folder;  // or whoever opens it finds out
   checkOwner(folder, status, "folder");
