@@ -201,36 +201,31 @@ bool Kit::trackedFailed() const {
 }
 
 void Kit::onFlag() {
-  const Lumo::Ptr<GrpcErrorHandlingStatus> status = status_;  // the kit may go once it is stopped
-  if (!status->errorOccured()) {
-    stoppedSince_.store(0, std::memory_order_release);
-    ledger_->flagCleared();
+  // The kit may go once it is stopped.
+  const std::shared_ptr<Ledger> ledger = ledger_;
+  const Lumo::Ptr<GrpcErrorHandlingStatus> status = status_;
+  const auto isUp = [&] { return status->errorOccured(); };
+  if (!isUp()) {
+    ledger->flagSettled(isUp);
     return;
   }
-  const Time now = ledger_->now();
-  const bool commandFailed = ledger_->onWorker() && !ledger_->isAnswering() && trackedFailed();
+  const Time now = ledger->now();
+  const bool commandFailed = ledger->onWorker() && !ledger->isHandling() && trackedFailed();
   const std::string text = failureText_ ? failureText_() : std::string();
   RpcFailure failure = takeRpcFailure().value_or(RpcFailure{0, "the RPC failed"});
   if (failureText_) failure.text = text;
   std::string request;
-  if (recorder_ && commandFailed) request = ledger_->oldestOpenRequest(largestRequestShown);
-  ledger_->flagRose(commandFailed, failure.text, failure.code);
+  if (recorder_ && commandFailed) request = ledger->oldestOpenRequest(largestRequestShown);
+  ledger->flagRose(commandFailed, failure.text, failure.code);
   if (recorder_) {
     if (commandFailed) {
-      recorder_->freeze(ledger_->lastFailure(), text, request);
+      recorder_->freeze(ledger->lastFailure(), text, request);
     } else {
       recorder_->freeze(std::nullopt, noneFailed);
     }
   }
   // Last, so that whoever sees the kit stopped finds the failure in the books.
-  // An exchange, as whoever reads the 0 of a clearing there sees the flag cleared, too.
-  Time::rep since = now.time_since_epoch().count();
-  stoppedSince_.exchange(since, std::memory_order_acq_rel);
-  if (status->errorOccured()) return;
-  // Cleared meanwhile, and perhaps entered before the failure was; if after, that stands.
-  if (stoppedSince_.compare_exchange_strong(since, 0, std::memory_order_acq_rel)) {
-    ledger_->flagCleared();
-  }
+  ledger->flagSettled(isUp, now);
 }
 
 void Kit::clearAndGoOn() {
@@ -253,7 +248,8 @@ void Kit::wakeWorker() {
 }
 
 void Kit::tick() {
-  if (!stopped()) {
+  const std::optional<Time> since = ledger_->stoppedSince();
+  if (!since) {
     const bool waiting = underThreadLock([&] {
       underWay();
       return pendingQueue_->cmdBatchs() != 0;  // tracked or not
@@ -261,9 +257,8 @@ void Kit::tick() {
     if (waiting || ledger_->openAnnounced() != 0) wakeWorker();
     return;
   }
-  const Time since{Time::duration(stoppedSince_.load(std::memory_order_acquire))};
   if (policy_.action == FailurePolicy::Action::clearAndGoOn &&
-      ledger_->now() - since >= policy_.pause) {
+      ledger_->now() - *since >= policy_.pause) {
     clearAndGoOn();
   }
 }
@@ -279,9 +274,9 @@ Status Kit::status() const {
   const std::optional<CommandReport> oldest = ledger_->oldestOpen();
   if (oldest) status.oldestAge = ledger_->now() - oldest->announced;
   if (!manager_ || !manager_->client()) return status;
-  if (stopped()) {
+  if (const std::optional<Time> since = ledger_->stoppedSince()) {
     status.worker = Status::Worker::stopped;
-    status.stoppedSince = Time(Time::duration(stoppedSince_.load(std::memory_order_acquire)));
+    status.stoppedSince = *since;
   } else if (oldest && underWay() == oldest->id) {
     status.worker = Status::Worker::inFlight;
     status.inFlight = oldest;

@@ -71,26 +71,28 @@ void Ledger::announced(U64 id, const Lumo::Name& queue) {
   Twine::trace<AgentTrace::announced>(seq, stringValue(type), queue.stringValue(), depth);
 }
 
-void Ledger::answering(U64 id) {
+Ledger::Handling::Handling(Ledger& ledger) : ledger_(ledger.onWorker() ? &ledger : nullptr) {
   takeRpcFailure();  // of an earlier RPC: nobody takes it if the flag is up already
-  Lumo::LockAnchor anchor(&lock_);
-  answering_ = id;
+  if (!ledger_) return;
+  Lumo::LockAnchor anchor(&ledger_->lock_);
+  ++ledger_->handling_;
 }
 
-bool Ledger::isAnswering() const {
-  Lumo::LockAnchor anchor(&lock_);
-  return answering_ != 0;
+Ledger::Handling::~Handling() {
+  if (!ledger_) return;
+  Lumo::LockAnchor anchor(&ledger_->lock_);
+  --ledger_->handling_;
 }
 
-void Ledger::handled(U64 id) {
-  if (answering_ == id) answering_ = 0;
+bool Ledger::isHandling() const {
+  Lumo::LockAnchor anchor(&lock_);
+  return handling_ != 0;
 }
 
 void Ledger::answered(U64 id, Time at, int errorCode, const std::string& errorText) {
   Lumo::LockAnchor inOrder(&publishing_);
   {
     Lumo::LockAnchor anchor(&lock_);
-    handled(id);
     Command* const command = commands_.find(id);
     if (!command) return;
     endSkippedBefore(command->report.seq);
@@ -113,7 +115,6 @@ void Ledger::endUnanswered(U64 id, bool maybeSent) {
   Lumo::LockAnchor inOrder(&publishing_);
   {
     Lumo::LockAnchor anchor(&lock_);
-    handled(id);
     Command* const command = commands_.find(id);
     if (!command) return;
     const U64 seq = command->report.seq;
@@ -163,9 +164,20 @@ void Ledger::flagRose(bool commandFailed, const std::string& text, int rpcCode) 
   publish();
 }
 
-void Ledger::flagCleared() {
+void Ledger::flagSettled(const std::function<bool()>& isUp, std::optional<Time> since) {
   Lumo::LockAnchor anchor(&lock_);
-  stopped_ = false;
+  if (!isUp()) {
+    stopped_ = false;
+    stoppedSince_ = std::nullopt;
+  } else if (since) {
+    stopped_ = true;
+    stoppedSince_ = since;
+  }
+}
+
+std::optional<Time> Ledger::stoppedSince() const {
+  Lumo::LockAnchor anchor(&lock_);
+  return stoppedSince_;
 }
 
 void Ledger::takenWhileStopped(U64 id) {

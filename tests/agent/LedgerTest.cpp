@@ -29,6 +29,9 @@ struct Ledger : testing::Test {
     return id;
   }
   void answer(U64 id, int errorCode = 0) { books.answered(id, books.now(), errorCode, "reason"); }
+  void clearFlag() {
+    books.flagSettled([] { return false; });
+  }
   void beTheWorker() { books.workerIs(std::this_thread::get_id()); }
 
   std::vector<std::pair<U64, Outcome>> ends() const {
@@ -131,18 +134,45 @@ TEST_F(Ledger, TheEndIsWhenTheAnswerCameNotWhenItWasEntered) {
   EXPECT_EQ(reports[0].ended - reports[0].started, 4ms);
 }
 
-TEST_F(Ledger, AnAnswerIsHandledUntilItIsEnteredOrItsCommandReleased) {
-  const U64 first = announce();
-  const U64 second = announce();
-  EXPECT_FALSE(books.isAnswering());
-  books.answering(first);
-  answer(second);
-  EXPECT_TRUE(books.isAnswering());
-  answer(first);
-  EXPECT_FALSE(books.isAnswering());
-  books.answering(first);
-  books.released(first);
-  EXPECT_FALSE(books.isAnswering());
+TEST_F(Ledger, TheWorkerIsInAHandlerUntilTheLastOneIsThrough) {
+  using Norv::Agent::Ledger;
+  { const Ledger::Handling onTheMainThread(books); }
+  beTheWorker();
+  EXPECT_FALSE(books.isHandling());
+  {
+    const Ledger::Handling outer(books);
+    { const Ledger::Handling inner(books); }
+    EXPECT_TRUE(books.isHandling());
+    books.workerIs(std::this_thread::get_id());
+  }
+  EXPECT_FALSE(books.isHandling());
+}
+
+TEST_F(Ledger, OtherThreadsAreInNoHandlerOfTheWorkers) {
+  const Norv::Agent::Ledger::Handling handling(books);
+  EXPECT_FALSE(books.isHandling());
+}
+
+// As two threads enter what they did to the flag, in whichever order.
+TEST_F(Ledger, WhoSettlesLastLeavesTheBooksAsTheFlagIs) {
+  const auto up = [] { return true; };
+  const auto down = [] { return false; };
+  const Norv::Agent::Time rose{5ms};
+  EXPECT_FALSE(books.stoppedSince());
+  books.flagRose(false, "");
+  EXPECT_FALSE(books.stoppedSince());
+  books.flagSettled(up, rose);
+  EXPECT_EQ(books.stoppedSince(), rose);
+  books.flagSettled(up);  // of a clearing that was overtaken
+  EXPECT_EQ(books.stoppedSince(), rose);
+  books.flagSettled(down);
+  EXPECT_FALSE(books.stoppedSince());
+  books.flagRose(false, "");
+  books.flagSettled(down, rose);  // of a rise that was overtaken
+  EXPECT_FALSE(books.stoppedSince());
+  beTheWorker();
+  books.released(announce());
+  EXPECT_EQ(reports.back().outcome, Outcome::undecodable);
 }
 
 TEST_F(Ledger, WhatTheWorkerLetsGoUnansweredWasUndecodable) {
@@ -238,7 +268,7 @@ TEST_F(Ledger, WhileTheFlagIsSetTheWorkerDrops) {
   const U64 third = announce();
   books.flagRose(true, "");
   books.released(second);
-  books.flagCleared();
+  clearFlag();
   books.released(third);
   EXPECT_THAT(ends(), ElementsAre(Pair(1, Outcome::failed), Pair(second, Outcome::dropped),
                                   Pair(third, Outcome::undecodable)));
@@ -250,7 +280,7 @@ TEST_F(Ledger, WhatWasTakenWhileStoppedIsDroppedWhenItIsLetGo) {
   const U64 held = announce();
   books.flagRose(true, "");
   books.takenWhileStopped(held);
-  books.flagCleared();
+  clearFlag();
   EXPECT_EQ(books.ended(), 1u);
   books.released(held);
   EXPECT_THAT(ends(), ElementsAre(Pair(1, Outcome::failed), Pair(held, Outcome::dropped)));
@@ -262,7 +292,7 @@ TEST_F(Ledger, WhatWasTakenWhileStoppedIsDroppedWhenTheNextIsAnswered) {
   const U64 next = announce();
   books.flagRose(true, "");
   books.takenWhileStopped(held);
-  books.flagCleared();
+  clearFlag();
   answer(next);
   EXPECT_THAT(ends(), ElementsAre(Pair(1, Outcome::failed), Pair(held, Outcome::dropped),
                                   Pair(next, Outcome::ok)));
@@ -273,7 +303,7 @@ TEST_F(Ledger, WhatWasTakenWhileStoppedAndIsAnsweredNonethelessWasSent) {
   const U64 held = announce();
   books.flagRose(true, "");
   books.takenWhileStopped(held);
-  books.flagCleared();
+  clearFlag();
   answer(held);
   EXPECT_THAT(ends(), ElementsAre(Pair(1, Outcome::failed), Pair(held, Outcome::ok)));
 }

@@ -105,7 +105,7 @@ class Kit {
   void tick();
 
   // Whether the error flag is up and the kit has entered the failure into its books.
-  bool stopped() const { return stoppedSince_.load(std::memory_order_acquire) != 0; }
+  bool stopped() const { return ledger_->stoppedSince().has_value(); }
   // Clears the error flag, once stopped(), and wakes the worker. What the worker took meanwhile
   // ends as dropped, once the worker lets it go.
   void clearAndGoOn();
@@ -161,7 +161,6 @@ class Kit {
   mutable Found found_;
   // Written on the worker, read on the main thread: the time in ticks, 0 for not stopped. Release
   // and acquire, so that what the worker has entered before is seen.
-  std::atomic<Time::rep> stoppedSince_{0};
 };
 
 }  // namespace Norv::Agent

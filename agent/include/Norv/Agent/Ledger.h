@@ -63,10 +63,19 @@ class Ledger {
   // `entry` is asked for the request; it stays until its command is answered or released.
   U64 created(GrpcRequestType type, const TrackedEntry* entry = nullptr);
   void announced(U64 id, const Lumo::Name& queue);
-  // The answer has come and goes to the command's handler, until `answered`, or `released` where
-  // the handler throws. If the error flag rises meanwhile, that is no failure of the command.
-  void answering(U64 id);
-  bool isAnswering() const;
+  // Lives while an answer is in its command's handler. If the error flag rises meanwhile on the
+  // worker, that is no failure of the command.
+  class Handling {
+   public:
+    explicit Handling(Ledger& ledger);
+    ~Handling();
+    Handling(const Handling&) = delete;
+    Handling& operator=(const Handling&) = delete;
+
+   private:
+    Ledger* const ledger_;  // null on other threads than the worker
+  };
+  bool isHandling() const;  // whether the worker is in a handler
   // `at` by the ledger's clock; code and text are those of the response's `error` field, 0 and
   // empty for success.
   void answered(U64 id, Time at, int errorCode, const std::string& errorText);
@@ -78,9 +87,14 @@ class Ledger {
   std::optional<U64> takenBefore(std::optional<U64> firstPending);
 
   // The error flag has risen as the oldest open command failed, or (not commandFailed) otherwise.
-  // Until flagCleared, what is released unanswered was dropped.
+  // Until it is cleared, what is released unanswered was dropped.
   void flagRose(bool commandFailed, const std::string& text, int rpcCode = 0);
-  void flagCleared();
+  // The last of what a change of the flag brings about; `since`: when it has risen, from one who
+  // has entered that. Asks where the flag stands under the ledger's lock: of several threads that
+  // change it, the one that comes here last leaves the books as the flag is.
+  void flagSettled(const std::function<bool()>& isUp, std::optional<Time> since = std::nullopt);
+  // Since when the flag is up, once that is entered.
+  std::optional<Time> stoppedSince() const;
   // The worker holds the command as the flag is about to be cleared. Usually it has seen the flag,
   // and lets the command go unsent; should it only look now, the command is sent after all.
   void takenWhileStopped(U64 id);
@@ -119,7 +133,6 @@ class Ledger {
   std::size_t placeOf(U64 seq) const LUMO_REQUIRES(lock_);
   void leaveOpen(U64 seq) LUMO_REQUIRES(lock_);
   void endUnanswered(U64 id, bool maybeSent);
-  void handled(U64 id) LUMO_REQUIRES(lock_);
   void endOldest(Outcome outcome) LUMO_REQUIRES(publishing_, lock_);
   Outcome skippedOutcome(U64 id) const LUMO_REQUIRES(lock_);
   void endSkippedBefore(U64 seq) LUMO_REQUIRES(publishing_, lock_);
@@ -144,7 +157,8 @@ class Ledger {
   U64 openMaximum_ LUMO_GUARDED_BY(lock_) = 0;
   std::map<Lumo::Name, U64> openOf_ LUMO_GUARDED_BY(lock_);  // by queue
   bool stopped_ LUMO_GUARDED_BY(lock_) = false;
-  U64 answering_ LUMO_GUARDED_BY(lock_) = 0;     // whose handler runs
+  std::optional<Time> stoppedSince_ LUMO_GUARDED_BY(lock_);
+  U64 handling_ LUMO_GUARDED_BY(lock_) = 0;      // handlers that the worker is in
   U64 doubtful_ LUMO_GUARDED_BY(lock_) = 0;      // the last one taken while stopped
   U64 lastTakenSeq_ LUMO_GUARDED_BY(lock_) = 0;  // as far as it has been seen
   const std::thread::id maker_ = std::this_thread::get_id();

@@ -58,8 +58,10 @@ class Tracked : public Cmd, public TrackedEntry {
   void processResponse(google::protobuf::Message* response) override {
     const Time at = ledger_->now();
     const ResponseError error = responseError(*response);
-    ledger_->answering(id_);
-    Cmd::processResponse(response);
+    {
+      const Ledger::Handling handling(*ledger_);
+      Cmd::processResponse(response);
+    }
     answered_ = true;
     ledger_->answered(id_, at, error.code, error.text);
   }
