@@ -45,7 +45,8 @@ MainLoop::~MainLoop() {
   {
     ActivityLockAnchor activity;
     clock_->earlierRequestHookIs(nullptr);  // the clock may live on
-    takeTasks();
+    while (!takeTasks().empty()) {
+    }  // what goes may post
   }
   close(wakeFd_);
   close(timerFd_);

@@ -178,7 +178,7 @@ TEST_F(ClientAtItsEnd, FreesItsStubAndItsCompletionQueue) {
   auto brief = std::make_unique<GrpcClient>(channel, pending, status, &lock, &condition);
   entering = false;
   std::array<const void*, sizeof(GrpcClient) / sizeof(void*)> members;
-  std::memcpy(members.data(), brief.get(), sizeof(members));
+  std::memcpy(members.data(), static_cast<const void*>(brief.get()), sizeof(members));
   const auto own = [&] { return std::count_if(members.begin(), members.end(), isEntered); };
   EXPECT_EQ(own(), 2);
   brief = nullptr;

@@ -11,7 +11,6 @@ namespace {
 using Lumo::Entity;
 using Lumo::FwkEntityReadsPreserve;
 using Lumo::Name;
-using Lumo::Ptr;
 using Lumo::String;
 using sample::Thing;
 using sample::thing;
@@ -146,7 +145,8 @@ TEST(String, ComparesAsText) {
 
 TEST(String, SharesItsCharacters) {
   const String text("shared");
-  const String copy = text;
+  String copy;
+  copy = text;
   EXPECT_EQ(copy.charPtr(), text.charPtr());
 }
 

@@ -425,6 +425,19 @@ TEST(MainLoop, WhatATaskHoldsGoesUnderTheActivityLock) {
   EXPECT_THAT(held, ElementsAre(true, true, true, true));
 }
 
+TEST(MainLoop, WhatIsPostedByWhatItDropsGoesUnderTheActivityLockToo) {
+  std::vector<bool> held;
+  {
+    MainLoop loop;
+    const auto posts = [&](const int* value) {
+      delete value;
+      loop.post([object = probe(held)] {});
+    };
+    loop.post([object = std::shared_ptr<int>(new int(), posts)] {});
+  }
+  EXPECT_THAT(held, ElementsAre(true));
+}
+
 TEST(MainLoopDeathTest, RefusesToRunInsideAnActivityAnchor) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   const auto inside = [](auto&& action) {

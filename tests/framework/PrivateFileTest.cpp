@@ -34,7 +34,7 @@ std::string reasonAgainst(const std::string& path) {
 struct PrivateFile : testing::Test {
   // A folder with the mode, whatever the umask.
   std::string folderOf(mode_t mode) const {
-    const std::string name = folder.file("common");
+    std::string name = folder.file("common");
     std::filesystem::create_directory(name);
     EXPECT_EQ(::chmod(name.c_str(), mode), 0);
     return name;

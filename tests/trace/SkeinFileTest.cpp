@@ -622,7 +622,7 @@ TEST_F(SkeinFile, WhatNoLivingProcessHoldsOfItsMakingIsClearedAway) {
   const std::string foreign = folder.file("other.skein.new-1-1");
   for (const std::string& name : {abandoned, held, foreign}) make(name);
   for (int serial = 1; serial < 1000; ++serial) make(ours + std::to_string(serial));
-  std::ofstream(path + ".new-1-2");                              // killed before it had its space
+  std::ofstream(path + ".new-1-2") << "";                        // killed before it had its space
   std::ofstream(path + ".new-1-3") << std::string(16384, '\0');  // and before its header
   const int holder = ::open(held.c_str(), O_RDONLY);
   ASSERT_EQ(::flock(holder, LOCK_SH), 0);
@@ -654,7 +654,7 @@ TEST_F(SkeinFile, WhatOnlyLooksLikeItsMakingIsLeftAlone) {
   std::ofstream(path + ".new-2026-11") << "somebody's list";
   std::filesystem::create_directory(path + ".new-1-1");
   ASSERT_EQ(::mkfifo((path + ".new-1-2").c_str(), 0600), 0);
-  std::ofstream(folder.file("target"));
+  std::ofstream(folder.file("target")) << "";
   std::filesystem::create_symlink("target", path + ".new-1-3");
   std::filesystem::create_symlink("nowhere", path + ".new-1-4");
   const auto before = folder.names();

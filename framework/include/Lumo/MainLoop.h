@@ -41,10 +41,11 @@ class MainLoop {
   void run();
   // Runs until `condition` holds, stop() is called or `timeout` has passed; returns whether the
   // condition holds. It is looked at under the activity lock, after every turn of the loop and at
-  // least every few milliseconds, so a response handler on another thread need not wake the loop.
+  // least every few milliseconds, so a response handler on another thread need not wake the loop. A
+  // stop that comes as the condition comes to hold is used up.
   bool runUntil(const std::function<bool()>& condition, Duration timeout);
-  // Ends the running run() or runUntil() once all that is due has been run; if none runs, the next
-  // one.
+  // Ends the running run() or runUntil() once what was posted before the turn at hand, and what is
+  // due, has been run; if none runs, or an exception leaves it first, the next one.
   void stop();
 
  private:

@@ -51,7 +51,7 @@ class TraceSink {
   virtual void lineIs(const TraceLine& line) = 0;
 };
 
-// Replaces the sink; null brings back standard error, one write per line. The sink stays the
+// Replaces the sink; null brings back standard error. The sink stays the
 // caller's. On return no thread is inside the previous sink, so it may be destroyed: do not call
 // this from within a sink.
 void traceSinkIs(TraceSink* sink);

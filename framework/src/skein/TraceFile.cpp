@@ -75,6 +75,16 @@ std::string descriptorOf(const Site& site) {
   return bytes;
 }
 
+// As posix_fallocate(3), without the signals that would interrupt it.
+int reserve(int descriptor, U64 size) {
+  sigset_t all, before;
+  sigfillset(&all);
+  pthread_sigmask(SIG_SETMASK, &all, &before);
+  const int error = ::posix_fallocate(descriptor, 0, static_cast<off_t>(size));
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  return error;
+}
+
 }  // namespace
 
 TraceFile::TraceFile(const std::string& path, TraceOptions options)
@@ -91,9 +101,7 @@ TraceFile::TraceFile(const std::string& path, TraceOptions options)
   if (descriptor_ < 0) fail(path_, "check that its folder exists and may be written");
   void* bytes = MAP_FAILED;
   // Space is reserved now: a full disk must not kill the process at some later record.
-  do {
-    errno = ::posix_fallocate(descriptor_, 0, static_cast<off_t>(options.size));
-  } while (errno == EINTR);
+  errno = reserve(descriptor_, options.size);
   if (errno == 0) {
     bytes = ::mmap(nullptr, options.size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_POPULATE,
                    descriptor_, 0);
