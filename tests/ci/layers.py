@@ -38,6 +38,8 @@ def test_nothing_includes_what_stands_above_it():
 
 def test_no_way_leads_around():
     refused("types/src/Cmd.cpp", '#include "../../manager/include/Norv/Mgr.h"', "which is not in types/")
+    refused("types/src/Cmd.cpp", '#include "./../../manager/include/Norv/Mgr.h"', "which is not in types/")
+    refused("types/src/Cmd.cpp", "#include <../../manager/include/Norv/Mgr.h>", "which is not in types/")
     refused("manager/src/Mgr.cpp", '#include "types/src/Own.h"', "another folder's src/")
     refused("manager/src/Mgr.cpp", '#include "../../types/src/Own.h"', "another folder's src/")
     equal(said_of("framework/src/skein/Ring.cpp", '#include "../trace/Line.h"'), (0, FINE))

@@ -7,6 +7,7 @@ cmake=$1
 build=$2
 sources=$3
 folder=$(mktemp -d "${TMPDIR:-/tmp}/norv-install-XXXXXX")
+folder=$(cd "$folder" && pwd -P)
 trap 'rm -rf "$folder"' EXIT
 "$cmake" --install "$build" --prefix "$folder/norv" >"$folder/log"
 
@@ -16,7 +17,7 @@ env -u LD_LIBRARY_PATH "$folder/norv/bin/norvd" --version
 env -u LD_LIBRARY_PATH "$folder/norv/bin/skein" --help >"$folder/log"
 mv "$folder/norv" "$folder/moved"
 "$folder/moved/bin/norvctl" run --standin --quiet "$sources/examples/first-light.jsonl" || [ $? -eq 2 ]
-grep -q "^ExecStart=$folder/norv/bin/norvd " "$folder/moved/lib/systemd/system/norvd.service" || {
+grep -qF "ExecStart=$folder/norv/bin/norvd " "$folder/moved/lib/systemd/system/norvd.service" || {
   echo "norvd.service does not start the norvd that was installed" >&2
   exit 1
 }
