@@ -454,10 +454,7 @@ TEST_F(KitRecorder, FindsTheReasonItselfWhereTheAgentHasNone) {
 
 TEST_F(KitRecorder, HasTheCodeOfTheRpcThoughAnOlderCommandEndsWithIt) {
   kit.flightRecorderIs(folder.file("run"));
-  daemon.handlerIs([count = std::make_shared<std::atomic<int>>(0)](auto, const auto&, auto*) {
-    return (*count)++ == 0 ? FakeDaemon::Answer{0, "", "\x0a\x7f"}
-                           : FakeDaemon::Answer{14, "gone", ""};
-  });
+  answersAre({{0, "", "\x0a\x7f"}}, {14, "gone", ""});
   connect();
   const Lumo::Ptr<TrackedCmd> kept = enqueueKept();
   enqueue();

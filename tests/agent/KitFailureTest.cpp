@@ -118,10 +118,7 @@ TEST_F(KitFailure, ClearedWhileItIsEnteredLeavesNothingStopped) {
     cleared.wait();
     return std::string("as the daemon said");
   });
-  daemon.handlerIs([count = std::make_shared<std::atomic<int>>(0)](auto, const auto&, auto*) {
-    return (*count)++ == 0 ? FakeDaemon::Answer{14, "gone", ""}
-                           : FakeDaemon::Answer{0, "", "\x0a\x7f"};
-  });
+  answersAre({{14, "gone", ""}}, {0, "", "\x0a\x7f"});
   connect();
   enqueue();
   announce();
@@ -226,12 +223,7 @@ TEST_F(KitFailure, OfAnUntrackedCommandIsNobodysInTheBooks) {
 
 TEST_F(KitFailure, OfAnRpcThatWasNotTakenIsNoLaterCommands) {
   kit.failureTextIs(nullptr);
-  daemon.handlerIs([count = std::make_shared<std::atomic<int>>(0)](auto, const auto&, auto*) {
-    const int nth = (*count)++;
-    return nth == 0   ? FakeDaemon::Answer{14, "gone", ""}
-           : nth == 2 ? FakeDaemon::Answer{0, "", "\x0a\x7f"}
-                      : FakeDaemon::Answer();
-  });
+  answersAre({{14, "gone", ""}, {}, {0, "", "\x0a\x7f"}});
   daemon.hold();
   connect();
   enqueue();

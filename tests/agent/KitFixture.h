@@ -83,11 +83,19 @@ struct KitFixture : testing::Test {
   void advance(std::chrono::nanoseconds duration) { now += duration.count(); }
 
   // The nth call from 0 is answered so; all others succeed.
-  void answerNth(int nth, const FakeDaemon::Answer& answer) {
-    daemon.handlerIs([nth, answer, count = std::make_shared<std::atomic<int>>(0)](
-                         Norv::GrpcRequestType, const auto&, auto*) {
-      return (*count)++ == nth ? answer : FakeDaemon::Answer();
-    });
+  void answerNth(std::size_t nth, const FakeDaemon::Answer& answer) {
+    std::vector<FakeDaemon::Answer> answers(nth + 1);
+    answers[nth] = answer;
+    answersAre(std::move(answers));
+  }
+  // The first calls are answered so, and all others as the last says.
+  void answersAre(std::vector<FakeDaemon::Answer> answers, const FakeDaemon::Answer& rest = {}) {
+    daemon.handlerIs(
+        [answers = std::move(answers), rest, count = std::make_shared<std::atomic<std::size_t>>(0)](
+            Norv::GrpcRequestType, const auto&, auto*) {
+          const std::size_t nth = (*count)++;
+          return nth < answers.size() ? answers[nth] : rest;
+        });
   }
 
   // How the commands ended, in the order of their ends.

@@ -1,6 +1,7 @@
 // What the text trace promises about standard error holds with a kit in the process, too.
 
 #include <fcntl.h>
+#include <support/Redirected.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -13,24 +14,6 @@
 #include "KitFixture.h"
 
 namespace {
-
-// While it lives, standard error is what `descriptor` leads to, which it takes over.
-class StandardError {
- public:
-  explicit StandardError(int descriptor) {
-    EXPECT_GE(::dup2(descriptor, STDERR_FILENO), 0);
-    ::close(descriptor);
-  }
-  ~StandardError() {
-    ::dup2(before_, STDERR_FILENO);
-    ::close(before_);
-  }
-  StandardError(const StandardError&) = delete;
-  StandardError& operator=(const StandardError&) = delete;
-
- private:
-  const int before_ = ::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0);
-};
 
 struct KitTrace : agent_test::KitFixture {
   KitTrace() { Lumo::traceSettingIs("NorvConnectionsMgr/5"); }
@@ -53,7 +36,7 @@ TEST_F(KitTrace, LongLinesOfSeveralThreadsStayWholeInAPipeThatDoesNotBlock) {
     }
   });
   {
-    const StandardError there(ends[1]);
+    const support::Redirected there(STDERR_FILENO, ends[1]);
     std::vector<std::thread> writers;
     for (const char letter : {'a', 'b', 'c', 'd'}) {
       writers.emplace_back([letter] {
@@ -81,7 +64,7 @@ TEST_F(KitTrace, ALineThatCannotBeWrittenLeavesTheErrorNumberAlone) {
   ASSERT_GE(unwritable, 0);
   int after = 0;
   {
-    const StandardError there(unwritable);
+    const support::Redirected there(STDERR_FILENO, unwritable);
     errno = EDOM;
     leave("nowhere");
     after = errno;

@@ -1,6 +1,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <support/Redirected.h>
 #include <support/ThisProcess.h>
 #include <support/Vanishing.h>
 #include <sys/resource.h>
@@ -470,8 +471,7 @@ TEST_F(MainLoopTest, ARequestFarAwayDoesNotKeepItBusyOrWakeIt) {
 }
 
 TEST(MainLoop, RunsWhereStandardInputIsClosed) {
-  const int kept = dup(STDIN_FILENO);
-  close(STDIN_FILENO);
+  const support::Redirected closed(STDIN_FILENO);
   {
     MainLoop loop;  // one of its descriptors is 0
     loop.post([&] { loop.stop(); });
@@ -479,8 +479,6 @@ TEST(MainLoop, RunsWhereStandardInputIsClosed) {
     EXPECT_NE(fcntl(STDIN_FILENO, F_GETFD), -1);
   }
   EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1);
-  dup2(kept, STDIN_FILENO);
-  close(kept);
 }
 
 TEST(MainLoop, GivesItsDescriptorsBack) {

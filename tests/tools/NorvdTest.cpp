@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <httplib.h>
 #include <netdb.h>
+#include <support/Redirected.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -86,16 +87,15 @@ std::string textOf(const std::string& file) {
 TEST(LogTest, ALineThatNobodyMakesRoomForIsLostAndCounted) {
   int ends[2];
   ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
-  const int before = dup(STDERR_FILENO);
-  dup2(ends[1], STDERR_FILENO);
-  for (int i = 0; i < 100000; ++i) log(Level::info, "state: one of many");
-  std::string read(1 << 20, '\0');
-  read.resize(static_cast<std::size_t>(::read(ends[0], read.data(), read.size())));
-  log(Level::info, "state: the next");
-  std::string next(1 << 20, '\0');
-  next.resize(static_cast<std::size_t>(::read(ends[0], next.data(), next.size())));
-  dup2(before, STDERR_FILENO);
-  for (const int end : {before, ends[0], ends[1]}) close(end);
+  std::string read(1 << 20, '\0'), next(1 << 20, '\0');
+  {
+    const support::Redirected there(STDERR_FILENO, ends[1]);
+    for (int i = 0; i < 100000; ++i) log(Level::info, "state: one of many");
+    read.resize(static_cast<std::size_t>(::read(ends[0], read.data(), read.size())));
+    log(Level::info, "state: the next");
+    next.resize(static_cast<std::size_t>(::read(ends[0], next.data(), next.size())));
+  }
+  close(ends[0]);
   const auto lines = std::count(read.begin(), read.end(), '\n');
   EXPECT_GT(lines, 100);
   EXPECT_NE(next.find("log: " + std::to_string(100000 - lines) + " lines are lost"),

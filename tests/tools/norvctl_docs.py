@@ -11,8 +11,6 @@ import harness
 from harness import Process, Standin, equal, norvctl
 
 PROGRAMS = os.path.dirname(harness.NORVCTL)
-
-
 OURS = r"(?:norvctl|norvd|skein|bessd-standin)"
 
 

@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <support/Redirected.h>
 #include <support/ThisProcess.h>
 #include <sys/file.h>
 #include <sys/resource.h>
@@ -505,30 +506,11 @@ TEST_F(SkeinFile, WhatOthersHaveLeftIsNotKeptOpen) {
   EXPECT_EQ(folder.names(), (std::vector<std::string>{"trace.skein", "trace.skein.new-1-2"}));
 }
 
-namespace {
-
-// Standard input is closed while it lives: what is opened next has the descriptor 0.
-class NoStandardInput {
- public:
-  NoStandardInput() : kept_(::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3)) { ::close(STDIN_FILENO); }
-  ~NoStandardInput() {
-    ::dup2(kept_, STDIN_FILENO);
-    ::close(kept_);
-  }
-  NoStandardInput(const NoStandardInput&) = delete;
-  NoStandardInput& operator=(const NoStandardInput&) = delete;
-
- private:
-  const int kept_;
-};
-
-}  // namespace
-
 TEST_F(SkeinFile, ItsDescriptorMayBe0) {
   Skein::TraceHandle another(folder.file("another"), {.size = 16 * 1024});
   {
-    const NoStandardInput closed;
-    errno = EEXIST;  // as of something before
+    const support::Redirected closed(STDIN_FILENO);  // what is opened next has its number
+    errno = EEXIST;                                  // as of something before
     ringIsOn({.size = 16 * 1024});
     EXPECT_NE(::fcntl(STDIN_FILENO, F_GETFD), -1);
     const int again = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);

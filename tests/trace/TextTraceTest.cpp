@@ -1,6 +1,7 @@
 #include <pthread.h>
 #include <support/Cancelled.h>
 #include <support/Environment.h>
+#include <support/Redirected.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -564,13 +565,13 @@ TEST_F(TraceHelperTest, NumbersAreWrittenAsInTheClassicLocale) {
 TEST_F(TraceHelperTest, TheErrorNumberStaysWhereStandardErrorIsClosed) {
   textIsOn();
   Lumo::traceSinkIs(nullptr);
-  const int kept = ::dup(STDERR_FILENO);
-  ::close(STDERR_FILENO);
-  errno = 4711;
-  Twine::trace<Sample::textOnly>();
-  const int after = errno;
-  ::dup2(kept, STDERR_FILENO);
-  ::close(kept);
+  int after = 0;
+  {
+    const support::Redirected closed(STDERR_FILENO);
+    errno = 4711;
+    Twine::trace<Sample::textOnly>();
+    after = errno;
+  }
   Lumo::traceSinkIs(&recorder);
   EXPECT_EQ(after, 4711);
 }

@@ -51,9 +51,8 @@ class TraceSink {
   virtual void lineIs(const TraceLine& line) = 0;
 };
 
-// Replaces the sink; null brings back standard error. The sink stays the
-// caller's. On return no thread is inside the previous sink, so it may be destroyed: do not call
-// this from within a sink.
+// Replaces the sink; null brings back standard error. The sink stays the caller's. On return no
+// thread is inside the previous sink, so it may be destroyed: do not call this from within a sink.
 void traceSinkIs(TraceSink* sink);
 TraceSink* traceSink();  // null for standard error
 

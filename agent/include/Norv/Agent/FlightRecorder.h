@@ -38,8 +38,8 @@ class FlightRecorder {
   // Writes the two files before it returns: the calling thread copies the whole trace file. The
   // `command` that failed is none when what happened is no command's; `reason` says what did, or is
   // empty for what the client traced on this thread when the command's RPC failed, or else the
-  // command's errorText, if it has an rpcCode. `request` is the command's as JSON, or a
-  // text instead.
+  // command's errorText, if it has an rpcCode. `request` is the command's as JSON, or a text
+  // instead.
   // Reports on standard error if it cannot, and, once, when there are enough; raises nothing.
   void freeze(const std::optional<CommandReport>& command, const std::string& reason,
               const std::string& request = {});

@@ -159,8 +159,6 @@ class Kit {
     U64 announcedCount = 0;
   };
   mutable Found found_;
-  // Written on the worker, read on the main thread: the time in ticks, 0 for not stopped. Release
-  // and acquire, so that what the worker has entered before is seen.
 };
 
 }  // namespace Norv::Agent
