@@ -46,6 +46,7 @@ echo pair near 13 10
 echo pair shown 300 100
 echo pair long 1 2
 echo "one thing more"
+[ -z "$BENCH_QUICK" ] || echo "in haste"
 """
 # A process a turn; the second takes twice as long for both.
 BENCH = """#!/usr/bin/env python3
@@ -106,6 +107,18 @@ def test_a_quick_run_leaves_long_rows_out():
     _, said = run(tree(), "--quick")
     assert "very long" not in said, said
     has(run(tree())[1], "very long")
+
+
+def test_a_quick_run_takes_fewer_and_shorter_turns():
+    made = tree()
+    _, said = run(made, "--quick")
+    has(said, "in haste")
+    turns = made.read("bin/bench.turns").splitlines()
+    equal(len(turns), 5)
+    has(turns[0], "--benchmark_min_time=0.02 ")
+    made = tree()
+    assert "in haste" not in run(made)[1]
+    has(made.read("bin/bench.turns"), "--benchmark_min_time=0.25 ")
 
 
 def test_a_row_that_nothing_measures_is_an_error():
