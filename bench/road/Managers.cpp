@@ -1,9 +1,12 @@
 // Several managers in one process, each to a server of its own, beside as many threads that call
-// stubs: microseconds of a command of all together. And a command through ten named queues, beside
-// one. Also what a manager that does nothing takes, and how even the shares are.
+// stubs: microseconds of a command of all together, how even the shares are, and what each takes
+// when it is idle. And a command through ten named queues, beside one.
+
+#include <sys/wait.h>
 
 #include <algorithm>
 #include <fstream>
+#include <latch>
 #include <thread>
 
 #include "../Pair.h"
@@ -12,88 +15,150 @@
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using Ports = std::vector<U16>;
+using Agents = std::vector<std::unique_ptr<road::Agent>>;
+using Stubs = std::vector<std::unique_ptr<road::pb::BESSControl::Stub>>;
 
 double microsecondsSince(Clock::time_point start, U64 commands) {
   return std::chrono::duration<double, std::micro>(Clock::now() - start).count() /
          static_cast<double>(commands);
 }
 
-// From /proc/self/status: KiB, or a number.
-U64 ofThisProcess(const std::string& what) {
-  std::ifstream file("/proc/self/status");
-  std::string line;
-  while (std::getline(file, line)) {
-    if (line.starts_with(what + ":")) return std::stoull(line.substr(what.size() + 1));
-  }
-  return 0;
+// What commands of several at a time took.
+struct Rate {
+  double each;    // microseconds of a command, of all together
+  double uneven;  // the time of the last that was through, over that of the first
+};
+
+Rate rateOf(Clock::time_point start, U64 commands, const std::vector<Clock::time_point>& ends) {
+  const double all = microsecondsSince(start, commands);
+  const auto [earliest, latest] = std::minmax_element(ends.begin(), ends.end());
+  return {all, (*latest - start) / std::chrono::duration<double>(*earliest - start)};
 }
 
-// All start at once; each has as many commands. `first`: the part of the time after which the first
-// of them is through.
-double manyManagers(std::vector<std::unique_ptr<road::Agent>>& agents, U64 each, double* first) {
+// A command of each, so that all are connected.
+Agents agentsTo(const Ports& ports) {
+  Agents agents;
+  for (const U16 port : ports) agents.push_back(std::make_unique<road::Agent>(port));
+  for (auto& agent : agents) agent->send(1);
+  for (auto& agent : agents) agent->wait();
+  return agents;
+}
+
+void callOf(road::pb::BESSControl::Stub& stub, bool waitForReady = false) {
+  grpc::ClientContext context;
+  context.set_wait_for_ready(waitForReady);
+  road::pb::VersionResponse response;
+  if (!stub.GetVersion(&context, road::pb::EmptyRequest(), &response).ok()) std::abort();
+}
+
+Stubs stubsTo(const Ports& ports) {
+  Stubs stubs;
+  for (const U16 port : ports) {
+    stubs.push_back(road::pb::BESSControl::NewStub(road::channelTo(port)));
+    callOf(*stubs.back(), true);
+  }
+  return stubs;
+}
+
+// All start at once; each has as many commands.
+Rate manyManagers(Agents& agents, U64 each) {
   const auto start = Clock::now();
   for (auto& agent : agents) agent->send(each);
   for (auto& agent : agents) agent->wait();
-  const double all = microsecondsSince(start, each * agents.size());
-  std::vector<double> ends;
-  for (auto& agent : agents) {
-    ends.push_back(std::chrono::duration<double>(agent->last.releasedAt() - start).count());
-  }
-  const auto [earliest, latest] = std::minmax_element(ends.begin(), ends.end());
-  *first = *earliest / *latest;
-  return all;
+  std::vector<Clock::time_point> ends;
+  for (auto& agent : agents) ends.push_back(agent->last.releasedAt());
+  return rateOf(start, each * agents.size(), ends);
 }
 
-double manyStubs(const std::vector<U16>& ports, U64 each) {
-  std::vector<std::unique_ptr<road::pb::BESSControl::Stub>> stubs;
-  for (const U16 port : ports) {
-    stubs.push_back(road::pb::BESSControl::NewStub(road::channelTo(port)));
-    grpc::ClientContext context;
-    context.set_wait_for_ready(true);
-    road::pb::VersionResponse response;
-    if (!stubs.back()->GetVersion(&context, road::pb::EmptyRequest(), &response).ok()) std::abort();
-  }
+Rate manyStubs(const Stubs& stubs, U64 each) {
+  std::vector<Clock::time_point> ends(stubs.size());
   const auto start = Clock::now();
   std::vector<std::thread> threads;
-  for (auto& stub : stubs) {
-    threads.emplace_back([&stub, each] {
-      for (U64 i = 0; i < each; ++i) {
-        grpc::ClientContext context;
-        road::pb::VersionResponse response;
-        if (!stub->GetVersion(&context, road::pb::EmptyRequest(), &response).ok()) std::abort();
-      }
+  for (std::size_t i = 0; i < stubs.size(); ++i) {
+    threads.emplace_back([&stub = *stubs[i], each, &end = ends[i]] {
+      for (U64 call = 0; call < each; ++call) callOf(stub);
+      end = Clock::now();
     });
   }
   for (std::thread& thread : threads) thread.join();
-  return microsecondsSince(start, each * ports.size());
+  return rateOf(start, each * stubs.size(), ends);
 }
 
-void managers(const std::vector<U16>& ports, U64 commands) {
-  const std::size_t number = ports.size();
-  const U64 memory = ofThisProcess("VmRSS"), threads = ofThisProcess("Threads");
-  std::vector<std::unique_ptr<road::Agent>> agents;
-  for (const U16 port : ports) agents.push_back(std::make_unique<road::Agent>(port));
-  double first = 0;
-  manyManagers(agents, 10, &first);
-  // The process starts what gRPC needs once with the first.
-  const std::string name = number == 1 ? "1 manager, with what gRPC starts once: takes"
-                                       : std::to_string(number) + " managers: each takes";
-  std::printf(
-      "%s %llu KiB and %.2f threads when idle", name.c_str(),
-      (ofThisProcess("VmRSS") - memory) / number,
-      static_cast<double>(ofThisProcess("Threads") - threads) / static_cast<double>(number));
-  const std::string key = "managers_" + std::to_string(number);
-  std::vector<std::pair<double, double>> turns;
-  std::vector<double> firsts;
+void managers(const Ports& ports, U64 commands) {
+  Agents agents = agentsTo(ports);
+  const std::string key = "managers_" + std::to_string(ports.size());
   for (int turn = 0; turn < (bench::quick() ? 3 : 11); ++turn) {
-    const double peer = manyStubs(ports, commands / number);
-    turns.emplace_back(manyManagers(agents, commands / number, &first), peer);
-    firsts.push_back(first);
+    const Stubs stubs = stubsTo(ports);
+    const Rate peer = manyStubs(stubs, commands / ports.size());
+    const Rate here = manyManagers(agents, commands / ports.size());
+    bench::pair(key.c_str(), here.each, peer.each);
+    if (ports.size() > 1) bench::pair((key + "_uneven").c_str(), here.uneven, peer.uneven);
   }
-  std::printf("; the first is through after %.2f of the time\n", road::median(firsts));
-  for (const auto& [here, peer] : turns) bench::pair(key.c_str(), here, peer);
   // Their workers go on to the end of the process.
   for (auto& agent : agents) static_cast<void>(agent.release());
+}
+
+// What a process takes, or each of several in it.
+struct Taken {
+  double memory;  // KiB
+  double threads;
+};
+
+Taken ofThisProcess() {
+  std::ifstream file("/proc/self/status");
+  Taken taken{};
+  for (std::string line; std::getline(file, line);) {
+    if (line.starts_with("VmRSS:")) taken.memory = std::stod(line.substr(6));
+    if (line.starts_with("Threads:")) taken.threads = std::stod(line.substr(8));
+  }
+  return taken;
+}
+
+// What each of so many takes that are made in a process of their own, with what gRPC starts once
+// for all. This process has no thread yet.
+template <typename Make>
+Taken takenByEach(std::size_t number, Make make) {
+  int ends[2];
+  if (pipe(ends) != 0) std::abort();
+  const pid_t child = fork();
+  if (child == 0) {
+    const Taken before = ofThisProcess();
+    const auto made = make();
+    const Taken after = ofThisProcess();
+    const auto each = static_cast<double>(number);
+    const Taken taken{(after.memory - before.memory) / each,
+                      (after.threads - before.threads) / each};
+    if (write(ends[1], &taken, sizeof taken) < 0) _exit(1);
+    _exit(0);
+  }
+  close(ends[1]);
+  Taken taken;
+  if (read(ends[0], &taken, sizeof taken) != sizeof taken) std::abort();
+  close(ends[0]);
+  waitpid(child, nullptr, 0);
+  return taken;
+}
+
+void idle(const Ports& ports) {
+  for (int turn = 0; turn < (bench::quick() ? 3 : 11); ++turn) {
+    const Taken here = takenByEach(ports.size(), [&ports] { return agentsTo(ports); });
+    const Taken peer = takenByEach(ports.size(), [&ports] {
+      Stubs stubs = stubsTo(ports);
+      std::latch called(static_cast<std::ptrdiff_t>(stubs.size()));
+      for (auto& stub : stubs) {
+        std::thread([&stub = *stub, &called] {
+          callOf(stub);
+          called.count_down();
+          for (;;) pause();
+        }).detach();
+      }
+      called.wait();
+      return stubs;
+    });
+    bench::pair("managers_memory", here.memory, peer.memory);
+    bench::pair("managers_threads", here.threads, peer.threads);
+  }
 }
 
 // The same commands, announced by so many queues in turn.
@@ -138,8 +203,9 @@ void producers(U16 port, U64 commands) {
 
 int main() {
   // Before this process has a thread, as each is a fork of it.
-  std::vector<U16> ports;
+  Ports ports;
   for (int i = 0; i < 64; ++i) ports.push_back(road::startServer());
+  idle(ports);
   const U64 commands = bench::quick() ? 2000 : 20000;
   for (const std::size_t number : {1, 8, 64}) {
     managers({ports.begin(), ports.begin() + static_cast<std::ptrdiff_t>(number)}, commands);
