@@ -12,7 +12,6 @@ using Lumo::Ptr;
 using sample::Thing;
 using sample::thing;
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 struct KeyedCollectionTest : testing::Test {
   Lumo::KeyedCollection<Name, Thing> things{4};
