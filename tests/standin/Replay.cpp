@@ -24,7 +24,6 @@ using google::protobuf::FieldDescriptor;
 using google::protobuf::Message;
 using google::protobuf::Reflection;
 using google::protobuf::Struct;
-using google::protobuf::Value;
 
 void fromJson(const std::string& text, Message& message) {
   google::protobuf::util::JsonParseOptions options;

@@ -214,7 +214,6 @@ std::string typeText(const FieldDescriptor& field) {
 }
 
 std::string checkChoice(const RequestInfo& info, const TemplateChoice& choice) {
-  using Norv::GrpcRequestType;
   const bool forClass = info.type == Norv::createModule || info.type == Norv::moduleCommand;
   const std::string request(info.name);
   if (!choice.moduleClass.empty() && !forClass) {

@@ -29,7 +29,6 @@ using Norv::State::LiveSwitch;
 using Norv::State::Object;
 using Norv::State::Plan;
 using Norv::State::Record;
-using Norv::State::StepEnd;
 
 struct ApplyArguments : WantedOptions {
   SessionOptions session;
