@@ -142,7 +142,7 @@ TEST(ExecutionTest, ASecondPauseComesBehindTheFirst) {
     two.step(Norv::resumeWorker, Step::none, {}, Indexes{4, 5});  // 6
     Execution execution(two.plan, held);
     const std::size_t commands = execution.commands();
-    const Indexes steps = taken(execution);
+    Indexes steps = taken(execution);
     EXPECT_EQ(steps.size(), commands);
     EXPECT_TRUE(execution.finished());
     return steps;

@@ -42,7 +42,7 @@ std::string checkObject(const Json& schema, const Json& value, const std::string
     const Json& wanted = properties.contains(key) ? properties.at(key) : others;
     if (wanted == Json(false)) return place + ": not known";
     if (wanted == Json(true)) continue;
-    if (const std::string why = check(wanted, inner, place); !why.empty()) return why;
+    if (std::string why = check(wanted, inner, place); !why.empty()) return why;
   }
   return "";
 }
@@ -76,7 +76,7 @@ std::string check(const Json& schema, const Json& value, const std::string& at) 
   }
   if (schema.contains("items") && value.is_array()) {
     for (std::size_t i = 0; i < value.size(); ++i) {
-      const std::string why = check(schema["items"], value[i], at + "/" + std::to_string(i));
+      std::string why = check(schema["items"], value[i], at + "/" + std::to_string(i));
       if (!why.empty()) return why;
     }
   }

@@ -4,9 +4,10 @@
 
 #include <Twine/Twine.h>
 
+Lumo::TraceHandle& handle();
+
 namespace {
 
-Lumo::TraceHandle& handle();
 U8 levelMap[10];
 constexpr Twine::Module module{&handle, levelMap, "Wrong.cpp"};
 constexpr Twine::Module withoutMap{&handle, nullptr, "Wrong.cpp"};
@@ -15,10 +16,11 @@ using Twine::Sinks;
 constexpr Twine::Point two{&module, 1, "two", 5, Sinks::both, "%s and %s"};
 constexpr Twine::Point appended{&module, 2, "appended", 5, Sinks::both, "then", 1};
 constexpr Twine::Point none{&module, 6, "none", 5, Sinks::both, "now"};
-constexpr Twine::Point placedAndAppended{&module, 7, "odd", 5, Sinks::both, "%s then", 1};
+[[maybe_unused]] constexpr Twine::Point placedAndAppended{&module,     7,         "odd", 5,
+                                                          Sinks::both, "%s then", 1};
 constexpr Twine::Point textOnly{&module, 3, "textOnly", 5, Sinks::text, "%s"};
-constexpr Twine::Point tooDetailed{&module, 4, "tooDetailed", 10, Sinks::text, ""};
-constexpr Twine::Point unmapped{&withoutMap, 5, "unmapped", 5, Sinks::both, ""};
+[[maybe_unused]] constexpr Twine::Point tooDetailed{&module, 4, "tooDetailed", 10, Sinks::text, ""};
+[[maybe_unused]] constexpr Twine::Point unmapped{&withoutMap, 5, "unmapped", 5, Sinks::both, ""};
 
 struct Unprintable {};
 

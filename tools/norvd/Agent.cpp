@@ -37,6 +37,7 @@ std::string namesOf(const Execution& execution) {
   }
   changes.erase(Norv::State::Step::none);
   std::vector<std::string> names;
+  names.reserve(changes.size());
   for (const std::size_t change : changes) names.push_back(text(plan.changes[change].object));
   if (names.size() > shown + 1) {
     const std::size_t more = names.size() - shown;

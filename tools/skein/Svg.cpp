@@ -81,7 +81,7 @@ std::string escaped(const std::string& text) {
 
 // The name as far as there is room beside its lane, not cut within a character.
 std::string shortened(const std::string& name) {
-  const std::string shown = readable(name);
+  std::string shown = readable(name);
   std::size_t characters = 0;
   for (std::size_t at = 0; at < shown.size(); ++at) {
     if ((static_cast<unsigned char>(shown[at]) & 0xc0) == 0x80) continue;

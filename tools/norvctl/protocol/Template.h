@@ -13,6 +13,7 @@ namespace Norvctl {
 template <class Named>
 std::vector<std::string> namesOf(const std::vector<Named>& all) {
   std::vector<std::string> names;
+  names.reserve(all.size());
   for (const Named& one : all) names.emplace_back(one.name);
   return names;
 }

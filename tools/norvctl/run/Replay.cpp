@@ -107,7 +107,7 @@ void compare(const json& before, const json& now, const std::string& path,
   }
   const auto shown = [](const json& value) {
     if (value.is_null()) return std::string("nothing");
-    const std::string text = oneLineJson(value);
+    std::string text = oneLineJson(value);
     constexpr std::size_t most = 200;
     if (text.size() <= most) return text;
     std::size_t end = most;

@@ -91,7 +91,8 @@ char* nextCandidate(const char*, int state) {
 char** complete(const char* text, int, int) {
   rl_attempted_completion_over = 1;  // no names of files instead
   // Inside JSON a quote or a comma follows.
-  rl_completion_append_character = beforeCursor().find('{') == std::string::npos ? ' ' : '\0';
+  const unsigned char blank = ' ';
+  rl_completion_append_character = beforeCursor().find('{') == std::string::npos ? blank : 0;
   return rl_completion_matches(text, nextCandidate);
 }
 
