@@ -67,7 +67,9 @@ class LumoAttr {
   const char* typeName() const;
   const LumoType* type() const { return type_; }  // null: no descriptor
   bool collection() const { return start_ != nullptr; }
-  bool offers(int opId) const { return opId >= 0 && opId < opCount && ops_[opId]; }
+  bool offers(int opId) const {
+    return opId >= 0 && opId < opCount && ops_[static_cast<std::size_t>(opId)];
+  }
 
   const char* name_;
   int id_;
