@@ -3,6 +3,8 @@
 #include <Lumo/AttrTable.h>
 #include <Lumo/Entity.h>
 
+#include "../SecondThread.h"
+
 // The objects that the benchmarks of the framework work on.
 namespace bench {
 

@@ -1,7 +1,8 @@
 // What the agent's kit adds to a command. First the CPU time of a command on the whole road with
 // the kit around the manager, beside the same without it: the same server, taken in turns, in small
-// batches and in one of 100,000. Then a million announced at once and taken from the pending queue,
-// without the RPC, with the kit and without, and in growing sizes: the time per command must stay.
+// batches and in one of a million. Then a million announced at once and taken from the pending
+// queue, without the RPC, with the kit and without, and in growing sizes: the time per command must
+// stay.
 
 #include <unistd.h>
 
@@ -63,15 +64,17 @@ double cpuOfBatch(Agent& agent, U64 commands) {
   return (road::cpuSeconds() - start) * 1e6 / static_cast<double>(commands);
 }
 
-void compare(const char* key, U16 port, U64 rounds, U64 commands) {
+void compare(const char* key, U16 port, int turns, U64 commands) {
   // Their workers go on to the end of the process.
   auto& bare = *new road::Agent(port);
   auto& with = *new KitAgent(port);
   cpuOfBatch(bare, commands / 10 + 1);
   cpuOfBatch(with, commands / 10 + 1);
-  for (U64 i = 0; i < rounds; ++i) {
-    const double peer = cpuOfBatch(bare, commands);
-    bench::pair(key, cpuOfBatch(with, commands), peer);
+  for (int turn = 0; turn < turns; ++turn) {
+    const auto [here, peer] = bench::inTurn(
+        turn, [&] { return cpuOfBatch(with, commands); },
+        [&] { return cpuOfBatch(bare, commands); });
+    bench::pair(key, here, peer);
   }
   std::fflush(stdout);
 }
@@ -111,8 +114,9 @@ void announce() {
   cpuOfAnnouncement(true, 1000);
   for (int turn = 0; turn < 5; ++turn) {
     const double few = cpuOfAnnouncement(true, 100000);
-    const double bare = cpuOfAnnouncement(false, 1000000);
-    const double many = cpuOfAnnouncement(true, 1000000);
+    const auto [many, bare] = bench::inTurn(
+        turn, [] { return cpuOfAnnouncement(true, 1000000); },
+        [] { return cpuOfAnnouncement(false, 1000000); });
     bench::pair("kit_growth", many, few);
     bench::pair("kit_announcement", many, bare);
   }
@@ -125,7 +129,7 @@ int main() {
   const U16 port = road::startServer();
   compare("kit_cpu", port, bench::quick() ? 5 : 21, bench::quick() ? 1000 : 5000);
   if (!bench::quick()) {
-    compare("kit_queue", port, 3, 100000);
+    compare("kit_queue", port, 2, 1000000);
     announce();
   }
   std::fflush(nullptr);

@@ -90,8 +90,9 @@ void managers(const Ports& ports, U64 commands) {
   const std::string key = "managers_" + std::to_string(ports.size());
   for (int turn = 0; turn < (bench::quick() ? 3 : 11); ++turn) {
     const Stubs stubs = stubsTo(ports);
-    const Rate peer = manyStubs(stubs, commands / ports.size());
-    const Rate here = manyManagers(agents, commands / ports.size());
+    const U64 each = commands / ports.size();
+    const auto [here, peer] = bench::inTurn(
+        turn, [&] { return manyManagers(agents, each); }, [&] { return manyStubs(stubs, each); });
     bench::pair(key.c_str(), here.each, peer.each);
     if (ports.size() > 1) bench::pair((key + "_uneven").c_str(), here.uneven, peer.uneven);
   }
@@ -115,49 +116,67 @@ Taken ofThisProcess() {
   return taken;
 }
 
-// What each of so many takes that are made in a process of their own, with what gRPC starts once
-// for all. This process has no thread yet.
+// What the first takes that is made in a process, with what gRPC starts once for all, and each of
+// the others.
+struct Share {
+  Taken first;
+  Taken other;
+};
+
+Taken between(const Taken& before, const Taken& after, std::size_t number) {
+  const auto each = static_cast<double>(number);
+  return {(after.memory - before.memory) / each, (after.threads - before.threads) / each};
+}
+
+// Of those that `make` makes to the ports, in a process of their own. This one has no thread yet.
 template <typename Make>
-Taken takenByEach(std::size_t number, Make make) {
+Share shareOf(const Ports& ports, Make make) {
   int ends[2];
   if (pipe(ends) != 0) std::abort();
   const pid_t child = fork();
   if (child == 0) {
+    const Ports others(ports.begin() + 1, ports.end());
     const Taken before = ofThisProcess();
-    const auto made = make();
-    const Taken after = ofThisProcess();
-    const auto each = static_cast<double>(number);
-    const Taken taken{(after.memory - before.memory) / each,
-                      (after.threads - before.threads) / each};
-    if (write(ends[1], &taken, sizeof taken) < 0) _exit(1);
+    const auto first = make({ports.front()});
+    const Taken withFirst = ofThisProcess();
+    const auto all = make(others);
+    const Share share{between(before, withFirst, 1),
+                      between(withFirst, ofThisProcess(), others.size())};
+    if (write(ends[1], &share, sizeof share) < 0) _exit(1);
     _exit(0);
   }
   close(ends[1]);
-  Taken taken;
-  if (read(ends[0], &taken, sizeof taken) != sizeof taken) std::abort();
+  Share share;
+  if (read(ends[0], &share, sizeof share) != sizeof share) std::abort();
   close(ends[0]);
   waitpid(child, nullptr, 0);
-  return taken;
+  return share;
+}
+
+// Each stub with a thread that has called and waits.
+Stubs waitingStubsTo(const Ports& ports) {
+  Stubs stubs = stubsTo(ports);
+  std::latch called(static_cast<std::ptrdiff_t>(stubs.size()));
+  for (auto& stub : stubs) {
+    std::thread([&stub = *stub, &called] {
+      callOf(stub);
+      called.count_down();
+      for (;;) pause();
+    }).detach();
+  }
+  called.wait();
+  return stubs;
 }
 
 void idle(const Ports& ports) {
   for (int turn = 0; turn < (bench::quick() ? 3 : 11); ++turn) {
-    const Taken here = takenByEach(ports.size(), [&ports] { return agentsTo(ports); });
-    const Taken peer = takenByEach(ports.size(), [&ports] {
-      Stubs stubs = stubsTo(ports);
-      std::latch called(static_cast<std::ptrdiff_t>(stubs.size()));
-      for (auto& stub : stubs) {
-        std::thread([&stub = *stub, &called] {
-          callOf(stub);
-          called.count_down();
-          for (;;) pause();
-        }).detach();
-      }
-      called.wait();
-      return stubs;
-    });
-    bench::pair("managers_memory", here.memory, peer.memory);
-    bench::pair("managers_threads", here.threads, peer.threads);
+    const auto [here, peer] = bench::inTurn(
+        turn, [&] { return shareOf(ports, agentsTo); },
+        [&] { return shareOf(ports, waitingStubsTo); });
+    bench::pair("manager_first_memory", here.first.memory, peer.first.memory);
+    bench::pair("manager_first_threads", here.first.threads, peer.first.threads);
+    bench::pair("manager_memory", here.other.memory, peer.other.memory);
+    bench::pair("manager_threads", here.other.threads, peer.other.threads);
   }
 }
 
@@ -194,8 +213,9 @@ void producers(U16 port, U64 commands) {
   ten.send(100);
   one.send(100);
   for (int turn = 0; turn < (bench::quick() ? 5 : 21); ++turn) {
-    const double peer = one.send(commands);
-    bench::pair("producers", ten.send(commands), peer);
+    const auto [here, peer] = bench::inTurn(
+        turn, [&] { return ten.send(commands); }, [&] { return one.send(commands); });
+    bench::pair("producers", here, peer);
   }
 }
 

@@ -106,7 +106,7 @@ double drainTime(Agent& agent, U64 commands) {
 }
 
 void drain(Agent& agent) {
-  for (int turn = 0; turn < 3; ++turn) {
+  for (int turn = 0; turn < 2; ++turn) {
     std::vector<double> few;
     for (int i = 0; i < 50; ++i) few.push_back(drainTime(agent, 1000));
     const double many = drainTime(agent, 1000000);

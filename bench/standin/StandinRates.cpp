@@ -141,25 +141,29 @@ std::vector<std::unique_ptr<BESSControl::Stub>> callersOf(const std::string& add
   return stubs;
 }
 
-void eightBesideTrivial(const char* key, Operation operation) {
-  TrivialServer trivial;
-  StandinServer standin;
-  standin.fill();
-  const auto peers = callersOf(trivial.address), callers = callersOf(standin.server.address());
-  for (int turn = 0; turn < (bench::quick() ? 5 : 20); ++turn) {
-    const double peer = timedTogether(peers, operation);
-    bench::pair(key, timedTogether(callers, operation), peer);
-  }
+int turnsOf(int full) {
+  return bench::quick() ? 5 : full;
 }
 
 // The two by turns, so that what else the machine does strikes both.
-void besideTrivial(const char* key, Operation operation) {
-  TrivialServer trivial;
-  StandinServer standin;
-  standin.fill();
-  for (int turn = 0; turn < (bench::quick() ? 10 : 40); ++turn) {
-    const double peer = timed(*trivial.stub, operation);
-    bench::pair(key, timed(*standin.stub, operation), peer);
+void besideTrivial(const char* key, Operation operation, const StandinServer& standin,
+                   const TrivialServer& trivial) {
+  for (int turn = 0; turn < turnsOf(40); ++turn) {
+    const auto [here, peer] = bench::inTurn(
+        turn, [&] { return timed(*standin.stub, operation); },
+        [&] { return timed(*trivial.stub, operation); });
+    bench::pair(key, here, peer);
+  }
+}
+
+void eightBesideTrivial(const char* key, Operation operation, const StandinServer& standin,
+                        const TrivialServer& trivial) {
+  const auto callers = callersOf(standin.server.address()), peers = callersOf(trivial.address);
+  for (int turn = 0; turn < turnsOf(20); ++turn) {
+    const auto [here, peer] = bench::inTurn(
+        turn, [&] { return timedTogether(callers, operation); },
+        [&] { return timedTogether(peers, operation); });
+    bench::pair(key, here, peer);
   }
 }
 
@@ -207,20 +211,17 @@ void hundredThousandRules() {
   std::printf("a rule in the stand-in: %.0f bytes\n", bytes);
 }
 
-void tenThousandModules() {
-  StandinServer server;
-  const std::size_t before = allocated();
-  server.fill();
-  std::printf("a module in the stand-in: %.0f bytes\n",
-              static_cast<double>(allocated() - before) / modulesPresent);
-}
-
 }  // namespace
 
 int main() {
-  besideTrivial("get_version", getVersion);
-  eightBesideTrivial("get_version_8", getVersion);
-  besideTrivial("create_module", createModule);
+  const TrivialServer trivial;
+  StandinServer standin;
+  const std::size_t before = allocated();
+  standin.fill();
+  std::printf("a module in the stand-in: %.0f bytes\n",
+              static_cast<double>(allocated() - before) / modulesPresent);
+  besideTrivial("get_version", getVersion, standin, trivial);
+  eightBesideTrivial("get_version_8", getVersion, standin, trivial);
+  besideTrivial("create_module", createModule, standin, trivial);
   hundredThousandRules();
-  tenThousandModules();
 }

@@ -12,6 +12,7 @@ import time
 
 PROGRAMS = os.path.abspath(sys.argv[1])
 TURNS = 10 if "BENCH_QUICK" in os.environ else 60
+ELAPSED, CPU = 0, 1  # of what milliseconds() gives
 
 
 def milliseconds(*command):
@@ -23,6 +24,14 @@ def milliseconds(*command):
     after = resource.getrusage(resource.RUSAGE_CHILDREN)
     cpu = after.ru_utime + after.ru_stime - before.ru_utime - before.ru_stime
     return took * 1000, cpu * 1000
+
+
+def print_pair(turn, key, which, *arguments):
+    """Ours and the peer's, which comes first in every second turn."""
+    costs = {}
+    for program in ("start_manager", "start_stub")[::-1 if turn % 2 else 1]:
+        costs[program] = milliseconds(f"{PROGRAMS}/{program}", *arguments)[which]
+    print("pair", key, costs["start_manager"], costs["start_stub"])
 
 
 def library():
@@ -42,11 +51,9 @@ def main():
                               stdout=subprocess.PIPE, text=True)
     try:
         port = daemon.stdout.readline().strip().rsplit(":", 1)[1]
-        for _ in range(TURNS):
-            print("pair startup", milliseconds(f"{PROGRAMS}/start_manager", port)[0],
-                  milliseconds(f"{PROGRAMS}/start_stub", port)[0])
-            print("pair load", milliseconds(f"{PROGRAMS}/start_manager")[1],
-                  milliseconds(f"{PROGRAMS}/start_stub")[1])
+        for turn in range(TURNS):
+            print_pair(turn, "startup", ELAPSED, port)
+            print_pair(turn, "load", CPU)
     finally:
         daemon.terminate()
         daemon.wait()

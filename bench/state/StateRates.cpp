@@ -307,8 +307,9 @@ int main(int argc, char** argv) {
   const LiveSwitch nothing;
   planning(nothing, small);
   for (int turn = 0; turn < 7; ++turn) {
-    const double peer = planning(nothing, small);
-    bench::pair("plan_growth", planning(nothing, large), peer);
+    const auto [here, peer] = bench::inTurn(
+        turn, [&] { return planning(nothing, large); }, [&] { return planning(nothing, small); });
+    bench::pair("plan_growth", here, peer);
   }
 
   for (int turn = 0; turn < (bench::quick() ? 0 : 3); ++turn) tables(100000);

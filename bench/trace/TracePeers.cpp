@@ -5,6 +5,8 @@
 
 #include <cstdio>
 
+#include "../SecondThread.h"
+
 #ifdef BENCH_LTTNG
 #include "LttngPoint.h"
 #endif

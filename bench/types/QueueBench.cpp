@@ -1,28 +1,21 @@
 // The indexed queue beside std::deque<std::shared_ptr<...>>: append a command and take one from the
 // head, at different depths. And the cost of announcing one of many named queues.
-//
-// The process has had a second thread, as every agent has one (the client's): from then on
-// std::shared_ptr counts atomically, as our pointers always do.
 
 #include <benchmark/benchmark.h>
 
 #include <cstdlib>
 #include <deque>
 #include <memory>
-#include <thread>
 
 #include <Norv/CmdGroup.h>
 #include <Norv/ConnectionsMgr.h>
 #include <bess/pb/service.pb.h>
 
+#include "../SecondThread.h"
+
 namespace {
 
 using namespace Norv;
-
-[[maybe_unused]] const bool hadSecondThread = [] {
-  std::thread([] {}).join();
-  return true;
-}();
 
 Lumo::Ptr<GrpcCmd> command() {
   return grpcCmdFactory(nullptr, getVersion);

@@ -48,15 +48,16 @@ echo pair long 1 2
 echo "one thing more"
 [ -z "$BENCH_QUICK" ] || echo "in haste"
 """
-# A process a turn; the second takes twice as long for both.
+# Two processes a turn; those of the second turn take twice as long.
 BENCH = """#!/usr/bin/env python3
-import json, os, sys
-turns = sys.argv[0] + ".turns"
-open(turns, "a").write(" ".join(sys.argv[1:]) + "\\n")
-slow = 2 if len(open(turns).readlines()) == 2 else 1
-print(json.dumps({"benchmarks": [
-    {"run_name": "Ours/10", "cpu_time": 30 * slow, "time_unit": "ns"},
-    {"run_name": "Theirs/10", "cpu_time": 0.04 * slow, "time_unit": "us"}]}))
+import json, re, sys
+runs = sys.argv[0] + ".runs"
+open(runs, "a").write(" ".join(sys.argv[1:]) + "\\n")
+slow = 2 if len(open(runs).readlines()) in (3, 4) else 1
+there = [{"run_name": "Ours/10", "cpu_time": 30 * slow, "time_unit": "ns"},
+         {"run_name": "Theirs/10", "cpu_time": 0.04 * slow, "time_unit": "us"}]
+filters = [argument.split("=", 1)[1] for argument in sys.argv if argument.startswith("--benchmark_filter=")]
+print(json.dumps({"benchmarks": [one for one in there if re.search(filters[0], one["run_name"])]}))
 """
 DOCUMENT = "before\n<!-- written by ./dev bench --write -->\nold\n<!-- to here -->\nafter\n"
 
@@ -86,13 +87,28 @@ def test_a_row_is_the_median_of_its_turns_and_their_middle_half():
     equal(line_of(said, "shown only"), "shown only 300 ms another: 100 ms 3 3 to 3")
 
 
-def test_a_turn_of_benchmarks_is_a_process_that_measures_both():
+def runs_of(made):
+    return made.read("bin/bench.runs").splitlines()
+
+
+def test_a_turn_of_benchmarks_is_a_process_for_each_and_every_second_one_the_other_way_round():
     made = tree()
     _, said = run(made)
     equal(line_of(said, "each of ten"), "each of ten 3 ns another: 4 ns 0.75 0.75 to 0.75 1 met")
-    turns = made.read("bin/bench.turns").splitlines()
-    equal(len(turns), 11)
-    has(turns[0], "--benchmark_filter=^(Ours/10|Theirs/10)$")
+    ours, theirs = "--benchmark_filter=^Ours/10$", "--benchmark_filter=^Theirs/10$"
+    equal([one.split()[-1] for one in runs_of(made)], ([ours, theirs, theirs, ours] * 6)[:22])
+
+
+def test_a_benchmark_that_is_not_there_is_an_error():
+    made = tree()
+    made.write("bin/bench", BENCH.replace("Theirs/10", "Theirs/100"), 0o755)
+    status, said = run(made, "--row", "each")
+    equal(status, 1)
+    has(said, "bench: bench has no benchmark Theirs/10")
+    made.write("bin/bench", "#!/bin/sh\n", 0o755)  # as one does in which nothing matches
+    status, said = run(made, "--row", "each")
+    equal(status, 1)
+    has(said, "bench: bench has no benchmark Ours/10")
 
 
 def test_a_check_fails_for_what_is_missed_beyond_the_spread():
@@ -113,12 +129,11 @@ def test_a_quick_run_takes_fewer_and_shorter_turns():
     made = tree()
     _, said = run(made, "--quick")
     has(said, "in haste")
-    turns = made.read("bin/bench.turns").splitlines()
-    equal(len(turns), 5)
-    has(turns[0], "--benchmark_min_time=0.02 ")
+    equal(len(runs_of(made)), 2 * 5)
+    has(runs_of(made)[0], "--benchmark_min_time=0.02 ")
     made = tree()
     assert "in haste" not in run(made)[1]
-    has(made.read("bin/bench.turns"), "--benchmark_min_time=0.25 ")
+    has(runs_of(made)[0], "--benchmark_min_time=0.25 ")
 
 
 def test_a_row_that_nothing_measures_is_an_error():
@@ -165,6 +180,34 @@ def test_a_file_that_cannot_be_written_is_seen_before_anything_is_measured():
         assert "bin/pairs" not in said, said
 
 
+def test_a_document_without_a_place_for_the_table_is_seen_before_anything_is_measured():
+    made = tree()
+    for text in ("no marks\n", DOCUMENT.replace("<!-- to here -->\n", "")):
+        made.write("other.md", text)
+        status, said = run(made, "--write", made.inside("other.md"))
+        equal(status, 2)
+        has(said, "other.md has no place for the table")
+        assert "bin/pairs" not in said, said
+        equal(made.read("other.md"), text)
+
+
+def test_a_script_of_this_folder_is_given_that_of_the_programs():
+    made = tree()
+    made.write("bench/rows.py", ROWS + 'ROWS = [Row("by a script", "one/script.py", "it", None, "another", 1.0)]\n')
+    made.write("bench/one/script.py", "#!/bin/sh\necho \"$1\"\necho pair it 1 2\n", 0o755)
+    _, said = run(made)
+    equal(line_of(said, "by a script"), "by a script 1 ns another: 2 ns 0.5 0.5 to 0.5 1 met")
+    has(said, f"{made.path}/bin\n")
+
+
+def test_each_row_has_a_name_of_its_own():
+    made = scratch.Tree("bench/run", "bench/rows.py")
+    _, said = run(made, "--row", "nothing of the kind")
+    names = [line.strip() for line in said.splitlines() if line.startswith("  ")]
+    assert len(names) > 40, said
+    equal(len(names), len(set(names)))
+
+
 def test_what_is_measured_and_with_what_is_named():
     _, said = run(tree(), "--row", "ahead")
     assert re.search(r"^norv .+, on \d+ cores of .*, g\+\+ [\d.]+, gRPC ", said, re.M), said
@@ -176,6 +219,7 @@ def test_the_same_as_json():
     run(made, "--row", "behind", "--json", made.inside("out.json"))
     out = json.loads(made.read("out.json"))
     equal(out["also"], ["one thing more"])
+    equal(out["quick"], False)
     [row] = out["rows"]
     equal((row["row"], row["ratio"], row["goal"], row["verdict"]), ("behind", 4, 1, "missed"))
 
