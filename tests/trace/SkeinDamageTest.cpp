@@ -263,14 +263,33 @@ TEST_F(SkeinDamage, ATimeThatNoSignedNumberHoldsIsReported) {
   Skein::FileHeader header;
   std::memcpy(&header, whole.data(), sizeof header);
   const U64 latest = ~U64{0} / 2 - header.wallNs + header.monotonicNs;
+  // The last of them would be a time in the past, behind all others in the order of the records.
   for (const auto& [monotonicNs, good] :
-       {std::pair(latest, true), std::pair(latest + 1, false), std::pair(~U64{0} / 2 + 1, false)}) {
+       {std::pair(latest, true), std::pair(latest + 1, false), std::pair(~U64{0} / 2 + 1, false),
+        std::pair(~U64{0} - header.wallNs + header.monotonicNs, false),
+        std::pair(~U64{0}, false)}) {
     std::string bytes = whole;
     std::memcpy(bytes.data() + commitOffset + offsetof(Skein::RecordHeader, monotonicNs),
                 &monotonicNs, sizeof monotonicNs);
     const Finding finding = findingOf(bytes);
     EXPECT_EQ(finding.problem == "", good) << monotonicNs;
     EXPECT_EQ(finding.records.size(), recordCount - (good ? 0U : 1U)) << monotonicNs;
+  }
+}
+
+TEST_F(SkeinDamage, ATimeBeforeAnyClockIsReported) {
+  Skein::FileHeader header;
+  std::memcpy(&header, whole.data(), sizeof header);
+  Skein::RecordHeader first;
+  std::memcpy(&first, whole.data() + commitOffset, sizeof first);
+  // The first record lies at, and a nanosecond before, the begin of 1970.
+  for (const bool good : {true, false}) {
+    header.monotonicNs = first.monotonicNs + header.wallNs + (good ? 0 : 1);
+    std::string bytes = whole;
+    std::memcpy(bytes.data(), &header, sizeof header);
+    const Finding finding = findingOf(bytes);
+    EXPECT_EQ(finding.problem == "", good);
+    EXPECT_EQ(finding.records.size(), recordCount - (good ? 0U : 1U));
   }
 }
 

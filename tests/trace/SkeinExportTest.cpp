@@ -1,6 +1,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cmath>
 #include <fstream>
 #include <map>
 #include <nlohmann/json.hpp>
@@ -289,7 +290,7 @@ void timesAre(const std::string& path, const std::vector<double>& times) {
     Skein::RecordHeader record;
     file.seekg(static_cast<std::streamoff>(at));
     file.read(reinterpret_cast<char*>(&record), sizeof record);
-    record.monotonicNs = header.monotonicNs + static_cast<U64>(time * 1e6);
+    record.monotonicNs = header.monotonicNs + static_cast<U64>(std::llround(time * 1e6));
     file.seekp(static_cast<std::streamoff>(at));
     file.write(reinterpret_cast<const char*>(&record), sizeof record);
     at += Skein::committedLength(record.commit);
@@ -297,6 +298,51 @@ void timesAre(const std::string& path, const std::vector<double>& times) {
 }
 
 }  // namespace
+
+// Damage can put two centuries between two commands, and leave less than a microsecond to be shown.
+TEST_F(SkeinExport, APictureAsWideAsTheClockHasAnAxis) {
+  ringIsOn({.multiThreaded = false});
+  const Lumo::String type("createModule");
+  const Lumo::String queue("q");
+  for (unsigned i = 1; i <= 2; ++i) {
+    Twine::trace<Sample::announced>(i, type, queue, 1U);
+    Twine::trace<Sample::ended>(i, type, queue, Lumo::String("ok"), 0U);
+  }
+  skein.reset();
+  const double latest = (std::ldexp(1, 63) - static_cast<double>(headerOf(path).wallNs)) / 1e6 - 1;
+  timesAre(path, {0, 0.0001, latest, latest});
+  // A picture that does not end is ended by the limit.
+  const Outcome outcome =
+      run({"/bin/sh", "-c", "ulimit -f 1000 && exec \"$0\" export --format svg \"$1\" \"$2\"",
+           SKEIN_PROGRAM, path, folder.file("picture.svg")});
+  ASSERT_EQ(outcome.status, 0) << outcome.error;
+  std::ifstream in(folder.file("picture.svg"));
+  const std::string svg{std::istreambuf_iterator<char>(in), {}};
+  EXPECT_LT(svg.size(), 20000U);
+  const std::vector<Rect> rects = rectsIn(svg);
+  EXPECT_EQ(std::count_if(rects.begin(), rects.end(),
+                          [](const Rect& rect) { return rect.kind == "fold"; }),
+            1);
+}
+
+// A nanosecond is a small part of today's time on the clock.
+TEST_F(SkeinExport, BarsAreAsLongAsTheirCommandsTookToTheNanosecond) {
+  ringIsOn({.multiThreaded = false});
+  const Lumo::String type("createModule");
+  const Lumo::String queue("q");
+  for (unsigned i = 1; i <= 4; ++i) Twine::trace<Sample::announced>(i, type, queue, i);
+  for (unsigned i = 1; i <= 4; ++i) {
+    Twine::trace<Sample::ended>(i, type, queue, Lumo::String("ok"), 4 - i);
+  }
+  skein.reset();
+  timesAre(path, {0, 0, 0, 0, 0.0001, 0.0003, 0.0004, 0.00082});
+  std::vector<double> widths;
+  for (const Rect& rect : rectsIn(exportTo("svg", "-").out)) {
+    if (rect.kind == "bar") widths.push_back(rect.w);
+  }
+  // 820 ns on 820 units, and half a unit of each bar is a blank.
+  EXPECT_EQ(widths, (std::vector<double>{99.5, 199.5, 99.5, 419.5}));
+}
 
 // As wide as a mark, it could be hidden by the mark of the command after it.
 TEST_F(SkeinExport, ACommandThatFailedIsSeenBesideOneThatWasRefused) {

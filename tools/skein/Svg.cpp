@@ -212,30 +212,31 @@ class Picture {
     }
   }
 
-  // A round step of time that gives five to twelve marks.
-  static double stepFor(double span) {
-    double step = std::pow(10, std::floor(std::log10(span / 5)));
-    while (span / step > 12) step *= span / step > 24 ? 5 : 2;
-    return step;
+  // A round step of time, in nanoseconds, that gives at most twelve marks.
+  static U64 stepFor(double spanNs) {
+    double step = std::max(1.0, std::pow(10, std::floor(std::log10(spanNs / 5))));
+    while (spanNs / step > 12) step *= spanNs / step > 24 ? 5 : 2;
+    return static_cast<U64>(step);
   }
 
   // Time since the first record, in each part that is not folded.
   void axis(std::ostream& out, int y) const {
-    const double step = stepFor(scale_.nsPerUnit() * (right - left));
+    const U64 step = stepFor(scale_.nsPerUnit() * (right - left));
     double lastLabel = 0;
     for (const TimeScale::Part& part : scale_.parts()) {
       if (part.folded) {
         fold(out, part, y);
         continue;
       }
-      const double begin = static_cast<double>(part.beginNs - timeline_.beginNs);
-      const double end = static_cast<double>(part.endNs - timeline_.beginNs);
-      for (double ns = std::ceil(begin / step) * step; ns <= end; ns += step) {
-        const double at = part.from + (ns - begin) / scale_.nsPerUnit();
+      const U64 begin = part.beginNs - timeline_.beginNs;
+      const U64 end = part.endNs - timeline_.beginNs;
+      for (U64 ns = (begin + step - 1) / step * step; ns <= end; ns += step) {
+        const double at = scale_.at(timeline_.beginNs + ns);
         out << "<line x1=\"" << at << "\" x2=\"" << at << "\" y1=\"" << top - 6 << "\" y2=\"" << y
             << "\" stroke=\"#dddddd\"/>\n";
         if (at < lastLabel + 62) continue;
-        out << text(at, y + 16, duration(ns), " text-anchor=\"middle\" fill=\"#555555\"");
+        out << text(at, y + 16, duration(static_cast<double>(ns)),
+                    " text-anchor=\"middle\" fill=\"#555555\"");
         lastLabel = at;
       }
     }

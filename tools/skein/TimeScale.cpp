@@ -9,8 +9,8 @@ using Span = TimeScale::Span;
 constexpr std::size_t mostFolds = 12;
 constexpr double leastFolded = 0.04;  // of what is not folded yet
 
-double length(const Span& span) {
-  return static_cast<double>(span.endNs - span.beginNs);
+U64 length(const Span& span) {
+  return span.endNs - span.beginNs;
 }
 
 bool earlier(const Span& a, const Span& b) {
@@ -35,19 +35,21 @@ std::vector<Span> gapsBetween(std::vector<Span> busy) {
 
 TimeScale::TimeScale(std::vector<Span> busy, Span whole, double from, double to) {
   std::vector<Span> folds;
-  double shown = length(whole);
+  U64 shown = length(whole);
   for (const Span& gap : gapsBetween(std::move(busy))) {
-    if (folds.size() == mostFolds || length(gap) < leastFolded * shown) break;
+    const auto least = leastFolded * static_cast<double>(shown);
+    if (folds.size() == mostFolds || static_cast<double>(length(gap)) < least) break;
     folds.push_back(gap);
     shown -= length(gap);
   }
   std::sort(folds.begin(), folds.end(), earlier);
   const double room = to - from - foldWidth * static_cast<double>(folds.size());
-  nsPerUnit_ = std::max(shown, 1.0) / room;
+  nsPerUnit_ = static_cast<double>(std::max<U64>(shown, 1)) / room;
   double place = from;
   U64 time = whole.beginNs;
   const auto add = [&](U64 endNs, bool folded) {
-    const double width = folded ? foldWidth : length({time, endNs}) / nsPerUnit_;
+    const double width =
+        folded ? foldWidth : static_cast<double>(length({time, endNs})) / nsPerUnit_;
     parts_.push_back({{time, endNs}, place, place + width, folded});
     place += width;
     time = endNs;
@@ -64,8 +66,10 @@ double TimeScale::at(U64 timeNs) const {
       std::upper_bound(parts_.begin() + 1, parts_.end(), timeNs,
                        [](U64 time, const Part& part) { return time < part.beginNs; });
   const Part& part = *std::prev(next);
-  const double span = length(part);
-  if (span == 0) return part.from;
-  const double share = (static_cast<double>(timeNs) - static_cast<double>(part.beginNs)) / span;
-  return part.from + (part.to - part.from) * std::clamp(share, 0.0, 1.0);
+  if (timeNs <= part.beginNs) return part.from;
+  if (timeNs >= part.endNs) return part.to;
+  // Differences first: a double does not hold a nanosecond of today.
+  const double share =
+      static_cast<double>(timeNs - part.beginNs) / static_cast<double>(length(part));
+  return part.from + (part.to - part.from) * share;
 }

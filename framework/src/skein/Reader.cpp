@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstddef>
+#include <optional>
 
 #include <Skein/Reader.h>
 
@@ -17,6 +18,18 @@ namespace {
 constexpr U64 largestFile = U64{1} << 31;
 constexpr U32 mostSites = 65535;
 constexpr U64 latestTime = ~U64{0} >> 1;  // in 2262; no clock is there yet, and signed counts end
+
+// None where it would lie before 1970 or after the latest time: the file is damaged there.
+std::optional<U64> wallTimeOf(U64 monotonicNs, const FileHeader& file) {
+  U64 timeNs = 0;
+  const bool outside =
+      monotonicNs < file.monotonicNs
+          ? __builtin_sub_overflow(file.wallNs, file.monotonicNs - monotonicNs, &timeNs)
+          : __builtin_add_overflow(file.wallNs, monotonicNs - file.monotonicNs, &timeNs);
+  if (outside || timeNs > latestTime) return std::nullopt;
+  return timeNs;
+}
+
 }  // namespace
 
 Reader::Reader(const std::string& path) : path_(path) {
@@ -232,8 +245,9 @@ bool Reader::recordAt(const char* at, Record& record) const {
   record.level = header.level;
   record.thread = static_cast<int>(header.thread);
   record.monotonicNs = header.monotonicNs;
-  record.timeNs = header_.wallNs + (header.monotonicNs - header_.monotonicNs);
-  if (record.timeNs > latestTime) return false;
+  const auto timeNs = wallTimeOf(header.monotonicNs, header_);
+  if (!timeNs) return false;
+  record.timeNs = *timeNs;
   record.raw = std::string_view(at + sizeof header, committedLength(header.commit) - sizeof header);
   return decode(record.site->codes, record.raw, [](const auto&, bool) {});
 }
