@@ -283,6 +283,23 @@ std::size_t badUtf8(const std::string& text) {
   return at;
 }
 
+// Where the first control character of ASCII stands that YAML has no place for; the size of the
+// text when there is none.
+std::size_t controlIn(const std::string& text) {
+  const auto found = std::find_if(text.begin(), text.end(), [](char c) {
+    return static_cast<unsigned char>(c) < 0x20 && c != '\t' && c != '\n' && c != '\r';
+  });
+  return static_cast<std::size_t>(found - text.begin());
+}
+
+Mark markOf(const std::string& text, std::size_t at, const std::string& file) {
+  const auto begin = text.begin();
+  const auto end = begin + static_cast<std::ptrdiff_t>(at);
+  const std::size_t lastEnd = at == 0 ? std::string::npos : text.rfind('\n', at - 1);
+  const std::size_t lineStart = lastEnd == std::string::npos ? 0 : lastEnd + 1;
+  return {file, static_cast<std::size_t>(std::count(begin, end, '\n')) + 1, at - lineStart + 1};
+}
+
 }  // namespace
 
 std::string text(const Mark& mark) {
@@ -344,12 +361,13 @@ Node readYaml(const std::string& text, const std::string& file, std::vector<Prob
     return builder.root;
   }
   if (const std::size_t bad = badUtf8(text); bad != text.size()) {
-    const std::size_t lineStart =
-        text.rfind('\n', bad) == std::string::npos || bad == 0 ? 0 : text.rfind('\n', bad) + 1;
-    const auto line =
-        std::count(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(bad), '\n');
+    problems.push_back({markOf(text, bad, file), "no UTF-8"});
+    return builder.root;
+  }
+  if (const std::size_t control = controlIn(text); control != text.size()) {
     problems.push_back(
-        {{file, static_cast<std::size_t>(line) + 1, bad - lineStart + 1}, "no UTF-8"});
+        {markOf(text, control, file),
+         "a control character, which YAML does not know; write it as \"\\x01\", in quotes"});
     return builder.root;
   }
   try {

@@ -53,6 +53,25 @@ constexpr Wrong form[] = {
 };
 INSTANTIATE_TEST_SUITE_P(Form, WrongDocument, testing::ValuesIn(form));
 
+// YAML has no place for them, and the parser makes of some what is not even text.
+TEST(Document, RefusesControlCharacters) {
+  for (char c = 0; c < 0x20; ++c) {
+    const bool known = c == '\t' || c == '\n' || c == '\r';
+    for (const std::string quote : {"", "\""}) {
+      const std::string text =
+          "plugins:\n  - " + quote + "a" + std::string(1, c) + "b" + quote + "\n";
+      const bool refused =
+          problems(text).starts_with("f:2:" + std::string(quote.empty() ? "6" : "7") +
+                                     ": a control character, which YAML does not know");
+      EXPECT_EQ(refused, !known) << static_cast<int>(c) << quote;
+    }
+  }
+  const Document escaped = readDocument({{"f", "plugins:\n  - \"a\\x01b\"\n"}});
+  const std::string written = yaml(escaped.wanted);
+  EXPECT_NE(written.find("\"a\\x01b\""), std::string::npos) << written;
+  EXPECT_EQ(yaml(readDocument({{"f", written}}).wanted), written);
+}
+
 constexpr Wrong modules[] = {
     {"modules: {a: Sinc}", "f:1:14: no module class \"Sinc\"; did you mean \"Sink\"?"},
     {"modules: {a: {clas: Sink}}", "f:1:11: module a needs a \"class\""},
