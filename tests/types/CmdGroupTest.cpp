@@ -199,15 +199,54 @@ TEST_F(CmdGroupTest, AllocatesNothingWhenCommandsComeAndGo) {
   EXPECT_TRUE(Lumo::allocTrackDifference(before, Lumo::allocTrackSnapshot()).empty());
 }
 
-TEST_F(CmdGroupTest, KeepsSomeEntriesOfALongBatchAndFreesTheRest) {
+namespace {
+
+// Appends so many commands, and takes them all.
+void fillAndEmpty(CmdGroup& group, int commands) {
+  for (int i = 0; i < commands; ++i) group.cmdBatchEnq(nullptr);
+  for (int i = 0; i < commands; ++i) group.cmdBatchDeq();
+}
+
+}  // namespace
+
+TEST_F(CmdGroupTest, KeepsTheEntriesOfALongBatchForTheNextOne) {
   const auto& entries = CmdGroup::LumoCmdBatch::lumoAllocTrackTypeInfo_;
   const U64 before = entries.live();
-  for (int i = 0; i < 5000; ++i) group->cmdBatchEnq(nullptr);
+  fillAndEmpty(*group, 5000);
   EXPECT_EQ(entries.live() - before, 5000u);
-  for (int i = 0; i < 5000; ++i) group->cmdBatchDeq();
-  EXPECT_EQ(entries.live() - before, 1024u);
+  for (int round = 0; round < 3; ++round) {
+    const auto snapshot = Lumo::allocTrackSnapshot();
+    fillAndEmpty(*group, 5000);
+    EXPECT_TRUE(Lumo::allocTrackDifference(snapshot, Lumo::allocTrackSnapshot()).empty());
+  }
+  EXPECT_EQ(entries.live() - before, 5000u);
   group = nullptr;
   EXPECT_EQ(entries.live(), before);
+}
+
+TEST_F(CmdGroupTest, GivesUpEntriesStepByStepWhereBatchesAreSmaller) {
+  const auto& entries = CmdGroup::LumoCmdBatch::lumoAllocTrackTypeInfo_;
+  const U64 before = entries.live();
+  fillAndEmpty(*group, 5000);
+  for (const unsigned kept : {3976u, 2952u, 2000u, 2000u, 2000u}) {
+    fillAndEmpty(*group, 2000);
+    EXPECT_EQ(entries.live() - before, kept);
+  }
+  // A queue that is not empty gives up nothing.
+  group->cmdBatchEnq(nullptr);
+  for (int i = 0; i < 3; ++i) fillAndEmpty(*group, 1);
+  EXPECT_EQ(entries.live() - before, 2000u);
+  group->cmdBatchDeq();
+  EXPECT_EQ(entries.live() - before, 1024u);
+  fillAndEmpty(*group, 1);
+  EXPECT_EQ(entries.live() - before, 1024u);
+}
+
+TEST_F(CmdGroupTest, KeepsNoMoreThanTheEntriesOf131072Commands) {
+  const auto& entries = CmdGroup::LumoCmdBatch::lumoAllocTrackTypeInfo_;
+  const U64 before = entries.live();
+  fillAndEmpty(*group, 140000);
+  EXPECT_EQ(entries.live() - before, 131072u);
 }
 
 TEST_F(CmdGroupTest, FreesTheEntriesThatItHasKeptOnASmallStack) {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <algorithm>
+
 #include <Lumo/LinkQueue.h>
 #include <Norv/GrpcCmd.h>
 
@@ -42,7 +44,8 @@ class CmdBatchEntry : public Lumo::PtrInterface {
 
 // The indexed queue of commands inside an `Owner`, which adds its notifications around these calls.
 // Entries that were taken wait for the next appends, so that a queue whose commands come and go,
-// also in batches, asks the heap for nothing.
+// also in batches, asks the heap for nothing. Those of a large batch go, some at a time, where the
+// batches after it are smaller.
 template <class Owner>
 class CmdBatch : public Lumo::LinkQueue<CmdBatchEntry<Owner>> {
  public:
@@ -76,11 +79,12 @@ class CmdBatch : public Lumo::LinkQueue<CmdBatchEntry<Owner>> {
     if (!removed) return nullptr;
     if (removed->references() > 1) return removed->cmdBatch();
     Lumo::Ptr<GrpcCmd> cmd = std::move(removed->cmdBatch());
-    if (spares_ < maxSpares) {
+    if (spares_ < mostSpares) {
       removed->lqNextIs(std::move(spare_));
       spare_ = std::move(removed);
       ++spares_;
     }
+    if (!this->head()) dropUnused();
     return cmd;
   }
   Lumo::Ptr<GrpcCmd> cmd(U32 index) const {
@@ -99,21 +103,34 @@ class CmdBatch : public Lumo::LinkQueue<CmdBatchEntry<Owner>> {
   }
 
  private:
-  // 48 KiB of heap at most, for batches of that many commands.
-  static constexpr U32 maxSpares = 1024;
+  static constexpr U32 mostSpares = 128 * 1024;  // 6 MiB of heap
+  static constexpr U32 fewSpares = 1024;         // 48 KiB, kept in any case
+  static constexpr U32 mostDropped = 1024;       // at a time: tens of microseconds
 
   Lumo::Ptr<Entry> entry(U32 index, Lumo::Ptr<GrpcCmd> cmd) {
     if (!spare_) return Lumo::allocate<Entry>(index, std::move(cmd));
-    Lumo::Ptr<Entry> reused = std::move(spare_);
-    spare_ = std::move(reused->lqNext());
-    --spares_;
+    Lumo::Ptr<Entry> reused = takeSpare();
+    unused_ = std::min(unused_, spares_);
     reused->fwkQkeyIs(index);
     reused->cmdBatch() = std::move(cmd);
     return reused;
   }
+  Lumo::Ptr<Entry> takeSpare() {
+    Lumo::Ptr<Entry> taken = std::move(spare_);
+    spare_ = std::move(taken->lqNext());
+    --spares_;
+    return taken;
+  }
+  // The queue has become empty: what no append needed since it was so before.
+  void dropUnused() {
+    U32 going = std::min(unused_, mostDropped);
+    for (; going > 0 && spares_ > fewSpares; --going) takeSpare();
+    unused_ = spares_;
+  }
 
   Lumo::Ptr<Entry> spare_;  // the first of a chain without commands
   U32 spares_ = 0;
+  U32 unused_ = 0;  // the fewest spares that there were since the queue was empty
 };
 
 }  // namespace Norv
