@@ -45,12 +45,12 @@ int main() {
   const auto stub = bess::pb::BESSControl::NewStub(
       grpc::CreateChannel(server.address(), grpc::InsecureChannelCredentials()));
   for (int turn = 0; turn < turns; ++turn) {
-    const double note = cost(commands * 10, [&](int i) {
+    const auto note = [&](int i) {
       const Norvd::DeathNote what{Norvctl::deathKey({Norv::State::Kind::module, std::to_string(i)}),
                                   "0123456789abcdef", "createModule"};
       underWay.noteIs(written(what));
-    });
-    const double command = cost(commands, [&](int i) {
+    };
+    const auto command = [&](int i) {
       grpc::ClientContext context;
       bess::pb::CreateModuleRequest request;
       request.set_name("m" + std::to_string(turn) + "_" + std::to_string(i));
@@ -59,7 +59,9 @@ int main() {
       if (!stub->CreateModule(&context, request, &reply).ok() || reply.error().code() != 0) {
         throw std::runtime_error("createModule: " + reply.error().errmsg());
       }
-    });
-    bench::pair("note", note, command);
+    };
+    const auto [here, peer] = bench::inTurn(
+        turn, [&] { return cost(commands * 10, note); }, [&] { return cost(commands, command); });
+    bench::pair("note", here, peer);
   }
 }

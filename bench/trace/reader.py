@@ -31,9 +31,11 @@ def main():
         file, ctf = f"{folder}/records", f"{folder}/ctf"
         subprocess.run([f"{PROGRAMS}/trace_records", file, str(RECORDS)], check=True)
         subprocess.run([f"{PROGRAMS}/skein", "export", "--format", "ctf", file, ctf], check=True)
-        for _ in range(TURNS):
-            print("pair reader", nanoseconds_each(f"{PROGRAMS}/skein", "dump", file),
-                  nanoseconds_each("babeltrace2", ctf))
+        commands = [(f"{PROGRAMS}/skein", "dump", file), ("babeltrace2", ctf)]
+        for turn in range(TURNS):
+            # In every second turn the peer first.
+            took = {command: nanoseconds_each(*command) for command in (commands[::-1] if turn % 2 else commands)}
+            print("pair reader", *(took[command] for command in commands))
 
 
 main()
