@@ -2,6 +2,7 @@
 #include <Export.h>
 #include <Json.h>
 #include <Stat.h>
+#include <support/TraceBytes.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -52,21 +53,10 @@ void makeAlike(std::string& bytes) {
   header.monotonicNs = 10'000'000'000;
   std::memcpy(bytes.data(), &header, sizeof header);
   U64 timeNs = header.monotonicNs;
-  for (U32 i = 0; i < header.blockCount; ++i) {
-    const std::size_t start = header.blocksOffset + i * std::size_t{header.blockSize};
-    const std::size_t end = start + header.blockSize;
-    Skein::BlockHeader block;
-    std::memcpy(&block, bytes.data() + start, sizeof block);
-    for (std::size_t at = start + sizeof block; at + sizeof(Skein::RecordHeader) <= end;) {
-      Skein::RecordHeader record;
-      std::memcpy(&record, bytes.data() + at, sizeof record);
-      if (!Skein::committedIn(block.sequence, record.commit)) break;
-      record.thread = header.pid;
-      record.monotonicNs = timeNs += 1000;
-      std::memcpy(bytes.data() + at, &record, sizeof record);
-      at += Skein::committedLength(record.commit);
-    }
-  }
+  support::changeRecords(bytes, [&](Skein::RecordHeader& record) {
+    record.thread = header.pid;
+    record.monotonicNs = timeNs += 1000;
+  });
 }
 
 std::string soundFile() {

@@ -1,3 +1,5 @@
+#include <support/TraceBytes.h>
+
 #include <cerrno>
 #include <fstream>
 #include <random>
@@ -297,20 +299,8 @@ TEST_F(SkeinDamage, RecordsOfOneMomentStayInTheirOrder) {
   Skein::FileHeader header;
   std::memcpy(&header, whole.data(), sizeof header);
   std::string bytes = whole;
-  for (U32 i = 0; i < header.blockCount; ++i) {
-    const std::size_t start = header.blocksOffset + i * std::size_t{header.blockSize};
-    const std::size_t end = start + header.blockSize;
-    Skein::BlockHeader block;
-    std::memcpy(&block, bytes.data() + start, sizeof block);
-    for (std::size_t at = start + sizeof block; at + sizeof(Skein::RecordHeader) <= end;) {
-      Skein::RecordHeader record;
-      std::memcpy(&record, bytes.data() + at, sizeof record);
-      if (!Skein::committedIn(block.sequence, record.commit)) break;
-      record.monotonicNs = header.monotonicNs;
-      std::memcpy(bytes.data() + at, &record, sizeof record);
-      at += Skein::committedLength(record.commit);
-    }
-  }
+  support::changeRecords(
+      bytes, [&](Skein::RecordHeader& record) { record.monotonicNs = header.monotonicNs; });
   const auto expected = findingOf(whole).records;
   const auto records = findingOf(bytes).records;
   ASSERT_EQ(records.size(), expected.size());
