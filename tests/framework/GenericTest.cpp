@@ -415,6 +415,7 @@ TEST(Exception, CarriesItsTextAndNothingElse) {
   EXPECT_EQ(refusal([] { Lumo::throwOpNotSupportedException(AttributeOp(nullptr, 3)); }),
             "operation 3 is not supported on attribute (none)");
   EXPECT_EQ(Lumo::ErrnoException("text", 22).errnoValue(), 22);
+  EXPECT_EQ(RangeException("two\nlines").message(), String("two\nlines"));
 }
 
 TEST(GenericIfPtrTest, RefusesANullPointer) {

@@ -2,8 +2,12 @@
 #include <support/TemporaryFolder.h>
 #include <sys/stat.h>
 
+#include <algorithm>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <stdexcept>
+#include <vector>
 
 #include <Lumo/PrivateFile.h>
 
@@ -71,6 +75,39 @@ TEST_F(PrivateFile, SaysWhyItCannotBeOpened) {
   EXPECT_EQ(reasonAgainst(""), "No such file or directory");
   std::filesystem::create_symlink("round", folder.file("round"));
   EXPECT_EQ(reasonAgainst(folder.file("round")), "Too many levels of symbolic links");
+}
+
+TEST_F(PrivateFile, AReplacedOneIsItsOwnersOrAsItWas) {
+  const auto modeAfterReplacing = [this] {
+    Lumo::replacePrivately(path, [](int descriptor) { write(descriptor, "whole"); });
+    EXPECT_EQ(textOf(path), "whole");
+    struct stat status {};
+    EXPECT_EQ(::stat(path.c_str(), &status), 0);
+    return status.st_mode & 07777;
+  };
+  EXPECT_EQ(modeAfterReplacing(), 0600u);
+  ASSERT_EQ(::chmod(path.c_str(), 0644), 0);
+  EXPECT_EQ(modeAfterReplacing(), 0644u);
+}
+
+TEST_F(PrivateFile, AFailureLeavesTheFormerOneAndNothingBesideIt) {
+  std::ofstream(path) << "former";
+  const auto failing = [](int descriptor) {
+    write(descriptor, "half");
+    throw std::runtime_error("no more room");
+  };
+  EXPECT_THROW(Lumo::replacePrivately(path, failing), std::runtime_error);
+  EXPECT_EQ(textOf(path), "former");
+  // A folder is not replaced by a file.
+  std::filesystem::create_directories(folder.file("inner/most"));
+  const auto sound = [](int descriptor) { write(descriptor, "whole"); };
+  EXPECT_THROW(Lumo::replacePrivately(folder.file("inner"), sound), Lumo::PathError);
+  std::vector<std::string> names;
+  for (const auto& entry : std::filesystem::directory_iterator(folder.file(""))) {
+    names.push_back(entry.path().filename());
+  }
+  std::sort(names.begin(), names.end());
+  EXPECT_EQ(names, (std::vector<std::string>{"file", "inner"}));
 }
 
 TEST_F(PrivateFile, OnesOwnLinksAreFollowedEverywhere) {
