@@ -33,34 +33,16 @@ class Daemon:
         self.process.stdout.readline()
         self.listening = time.monotonic()
 
-    def milliseconds(self):
-        """Since it listens."""
+    def wait_until_as_wanted(self, log):
+        """Milliseconds until norvd says so, which it does when it has looked."""
+        while "nothing to do" not in log.read():
+            assert time.monotonic() - self.listening < 60, "never as wanted"
+            time.sleep(0.001)
         return (time.monotonic() - self.listening) * 1000
 
     def end(self):
         self.process.kill()
         self.process.wait()
-
-
-def repaired_by_norvd(port, log):
-    """Milliseconds until norvd says that there is nothing to do, which it does when it has looked."""
-    daemon = Daemon(port)
-    while "nothing to do" not in log.read():
-        assert daemon.milliseconds() < 60_000, "never as wanted"
-        time.sleep(0.001)
-    took = daemon.milliseconds()
-    daemon.end()
-    return took
-
-
-def applied_by_hand(port):
-    daemon = Daemon(port)
-    subprocess.run(
-        [f"{PROGRAMS}/norvctl", "apply", "--yes", "--quiet", "--state-dir", "none",
-         "--host", "127.0.0.1", "--port", str(port), DOCUMENT], check=True, stdout=subprocess.DEVNULL)
-    took = daemon.milliseconds()
-    daemon.end()
-    return took
 
 
 def main():
@@ -74,11 +56,17 @@ def main():
         mine, peer = [], []
         other = free_port()
         try:
-            ways = [lambda: mine.append(repaired_by_norvd(port, log)),
-                    lambda: peer.append(applied_by_hand(other))]
-            for turn in range(ROUNDS):
-                for way in (ways[::-1] if turn % 2 else ways):
-                    way()
+            for _ in range(ROUNDS):
+                daemon = Daemon(port)
+                mine.append(daemon.wait_until_as_wanted(log))
+                daemon.end()
+                daemon = Daemon(other)
+                subprocess.run(
+                    [f"{PROGRAMS}/norvctl", "apply", "--yes", "--quiet", "--state-dir", "none",
+                     "--host", "127.0.0.1", "--port", str(other), DOCUMENT], check=True,
+                    stdout=subprocess.DEVNULL)
+                peer.append((time.monotonic() - daemon.listening) * 1000)
+                daemon.end()
                 print("pair restart", mine[-1], peer[-1])
         finally:
             agent.terminate()
