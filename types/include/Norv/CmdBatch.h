@@ -1,6 +1,7 @@
 #pragma once
 
 #include <algorithm>
+#include <utility>
 
 #include <Lumo/LinkQueue.h>
 #include <Norv/GrpcCmd.h>
@@ -110,7 +111,6 @@ class CmdBatch : public Lumo::LinkQueue<CmdBatchEntry<Owner>> {
   Lumo::Ptr<Entry> entry(U32 index, Lumo::Ptr<GrpcCmd> cmd) {
     if (!spare_) return Lumo::allocate<Entry>(index, std::move(cmd));
     Lumo::Ptr<Entry> reused = takeSpare();
-    unused_ = std::min(unused_, spares_);
     reused->fwkQkeyIs(index);
     reused->cmdBatch() = std::move(cmd);
     return reused;
@@ -121,16 +121,17 @@ class CmdBatch : public Lumo::LinkQueue<CmdBatchEntry<Owner>> {
     --spares_;
     return taken;
   }
-  // The queue has become empty: what no append needed since it was so before.
+  // The queue has become empty: what the appends since it was so before cannot have needed.
   void dropUnused() {
-    U32 going = std::min(unused_, mostDropped);
+    const U32 appended = std::as_const(*this).tailIndex() - emptyAt_;
+    emptyAt_ += appended;
+    U32 going = std::min(spares_ - std::min(appended, spares_), mostDropped);
     for (; going > 0 && spares_ > fewSpares; --going) takeSpare();
-    unused_ = spares_;
   }
 
   Lumo::Ptr<Entry> spare_;  // the first of a chain without commands
   U32 spares_ = 0;
-  U32 unused_ = 0;  // the fewest spares that there were since the queue was empty
+  U32 emptyAt_ = 0;  // the tail index when the queue became empty last
 };
 
 }  // namespace Norv
