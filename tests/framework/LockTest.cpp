@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <memory>
 #include <thread>
 #include <utility>
@@ -14,6 +15,7 @@
 #include <Lumo/Condition.h>
 #include <Lumo/Exception.h>
 #include <Lumo/Lock.h>
+#include <Lumo/SpinLock.h>
 #include <Lumo/ThreadId>
 
 #ifdef __SANITIZE_THREAD__
@@ -367,6 +369,24 @@ TEST_F(LockTest, AnInsistingAnchorLooksAtTheMarkOnceItHoldsTheLock) {
   }
   other.join();
   EXPECT_FALSE(refused);
+}
+
+TEST(SpinLock, KeepsAnotherThreadOutUntilItIsReleased) {
+  Lumo::SpinLock lock;
+  std::atomic<bool> coming{false}, inside{false};
+  lock.lock();
+  std::thread other([&] {
+    coming = true;
+    const Lumo::SpinLockAnchor anchor(lock);
+    inside = true;
+  });
+  while (!coming) std::this_thread::yield();
+  // Time for one who does not wait.
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  EXPECT_FALSE(inside);
+  lock.unlock();
+  other.join();
+  EXPECT_TRUE(inside);
 }
 
 }  // namespace

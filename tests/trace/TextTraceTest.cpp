@@ -660,15 +660,28 @@ TEST_F(TraceHelperTest, ARecorderMayBeReadAndClearedWhileOthersTrace) {
       while (!stop) Twine::trace<Sample::textSending>(sent);
     });
   }
-  std::size_t seen = 0;
   bool allWhole = true;
-  for (int round = 0; round < 500 || seen < 1000; ++round) {
-    for (const std::string& text : recorder.texts()) allWhole = allWhole && text == whole;
-    for (const auto& line : recorder.lines()) {
-      allWhole = allWhole && line.text == whole;
-      ++seen;
-    }
+  const auto readLines = [&](const Lumo::TraceRecorder& from) {
+    const auto lines = from.lines();
+    for (const auto& line : lines) allWhole = allWhole && line.text == whole;
+    return lines.size();
+  };
+  const auto readTexts = [&](const Lumo::TraceRecorder& from) {
+    const std::vector<std::string> texts = from.texts();
+    for (const std::string& text : texts) allWhole = allWhole && text == whole;
+    return texts.size();
+  };
+  for (int round = 0; round < 500; ++round) {
+    readTexts(recorder);
+    readLines(recorder);
     if (round % 3 == 2) recorder.clear();
+  }
+  // So many that they move to other memory while they are read.
+  for (int round = 0; round < 100; ++round) {
+    Lumo::TraceRecorder growing;
+    while ((round % 2 == 0 ? readLines(growing) : readTexts(growing)) < 5000) {
+    }
+    if (round % 4 == 0) growing.clear();
   }
   stop = true;
   for (std::thread& thread : tracing) thread.join();
